@@ -1,0 +1,20 @@
+#pragma once
+
+// The whole public API of HttpTools.
+
+#include <HttpTools/frame/HttpProxyFinder.h>
+#include <HttpTools/frame/HttpToolsLib.h>
+#include <HttpTools/frame/Policies.h>
+#include <HttpTools/frame/Version.h>
+#include <HttpTools/platform/EnumHelperInterface.h>
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/LibInit.h>
+#include <HttpTools/platform/qzCompress.h>
+#include <HttpTools/platform/qzIoDevice.h>
+#include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzOpenSSL.h>
+#include <HttpTools/platform/qzStringUtils.h>
+#include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzThread.h>
+#include <HttpTools/platform/qzVariant.h>

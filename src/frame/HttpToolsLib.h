@@ -1,0 +1,28 @@
+#pragma once
+
+#include <HttpTools/frame/Policies.h>
+#include <HttpTools/platform/Export.h>
+
+namespace qz {
+
+// Starts the library; call once before any other call. Only the first of several calls does
+// the work and sets the defaults; later calls only count a user. Throws std::runtime_error
+// when libcurl is not built against OpenSSL.
+HTTPTOOLS_API void initializeHttpTools(bool verifySSLCertByDefault = true,
+                                       http::HostNameResolutionPolicy defaultResolution = http::HNRP_Whatever,
+                                       http::ProxyPolicy defaultProxy = http::PP_NoProxy);
+// Stops the library when the last user calls it.
+HTTPTOOLS_API void terminateHttpTools();
+HTTPTOOLS_API bool IsHttpToolsInitialized();
+
+// Process-wide defaults used where a connection's policy is 0 ("default").
+HTTPTOOLS_API bool IsVerifySSLCertByDefault();
+HTTPTOOLS_API void SetVerifySSLCertByDefault(bool verify);
+HTTPTOOLS_API http::HostNameResolutionPolicy GetDefaultHostNameResolutionPolicy();
+// Values outside 1..3 become HNRP_Whatever.
+HTTPTOOLS_API void SetDefaultHostNameResolutionPolicy(http::HostNameResolutionPolicy policy);
+HTTPTOOLS_API http::ProxyPolicy GetDefaultProxyPolicy();
+// Only PP_NoProxy and PP_AutomaticProxy can be defaults; anything else becomes PP_NoProxy.
+HTTPTOOLS_API void SetDefaultProxyPolicy(http::ProxyPolicy policy);
+
+} // namespace qz

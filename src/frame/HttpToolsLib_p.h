@@ -1,0 +1,19 @@
+#pragma once
+
+// Internal accessors of the library frame.
+
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzThread.h>
+
+namespace qz::impl {
+
+// OpenSSL version number found in libcurl's version text at initialisation (0 = unknown).
+HTTPTOOLS_API int GetCurlOpenSSLVersion();
+// Finds the "openssl/x.y.z" piece of a libcurl version text and parses it; 0 when absent.
+HTTPTOOLS_API int FindOpenSSLVersionInCurlVersion(const char* curlVersionText);
+// The process-wide periodic updater; null while the library is not initialised.
+HTTPTOOLS_API qzThreadPeriodicalUpdater* GetPeriodicalUpdater();
+// Replaces the version text used by the next first initialisation (null: libcurl's own).
+HTTPTOOLS_API void SetCurlVersionTextForTest(const char* text);
+
+} // namespace qz::impl

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <HttpTools/platform/Export.h>
+
+namespace qz {
+
+// Sets up the compression layer (zlib) and registers its version; counted like the library.
+HTTPTOOLS_API void initializeCompress();
+HTTPTOOLS_API void terminateCompress();
+
+} // namespace qz

@@ -1,0 +1,266 @@
+#include <HttpTools/platform/qzJson.h>
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cmath>
+#include <limits>
+
+namespace qz::json {
+
+namespace {
+
+// SAX handler that builds the variant directly, without an intermediate DOM.
+class VariantBuilder {
+public:
+  qzVariant root;
+
+  bool Null() { return add(qzVariant()); }
+  bool Bool(bool b) { return add(qzVariant(b)); }
+  bool Int(int i) { return add(qzVariant(int64_t(i))); }
+  bool Uint(unsigned u) { return add(qzVariant(int64_t(u))); }
+  bool Int64(int64_t i) { return add(qzVariant(i)); }
+  bool Uint64(uint64_t u) {
+    if (u <= uint64_t(std::numeric_limits<int64_t>::max()))
+      return add(qzVariant(int64_t(u)));
+    return add(qzVariant(double(u)));
+  }
+  bool Double(double d) { return add(qzVariant(d)); }
+  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
+  bool String(const char* s, rapidjson::SizeType n, bool) { return add(qzVariant(std::string(s, n))); }
+  bool Key(const char* s, rapidjson::SizeType n, bool) {
+    m_key.assign(s, n);
+    return true;
+  }
+  bool StartObject() { return open(qzVariant(qzVariantMapImpl{})); }
+  bool EndObject(rapidjson::SizeType) { return close(); }
+  bool StartArray() { return open(qzVariant(qzVariantListImpl{})); }
+  bool EndArray(rapidjson::SizeType) { return close(); }
+
+private:
+  std::vector<qzVariant*> m_stack;
+  std::string m_key;
+
+  qzVariant* place(qzVariant&& v) {
+    if (m_stack.empty()) {
+      root = std::move(v);
+      return &root;
+    }
+    qzVariant* top = m_stack.back();
+    if (top->isMap()) {
+      auto& slot = top->asMap()[m_key];
+      slot = std::move(v); // a repeated key keeps its last value
+      return &slot;
+    }
+    auto& list = top->asList();
+    list.push_back(std::move(v));
+    return &list.back();
+  }
+  bool add(qzVariant&& v) {
+    place(std::move(v));
+    return true;
+  }
+  bool open(qzVariant&& v) {
+    if (m_stack.size() >= Json2Variant::MaxDepth)
+      return false;
+    m_stack.push_back(place(std::move(v)));
+    return true;
+  }
+  bool close() {
+    m_stack.pop_back();
+    return true;
+  }
+};
+
+constexpr unsigned kParseFlags = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
+
+bool parse(const char* text, size_t length, qzVariant& out) {
+  if (!text)
+    return false;
+  VariantBuilder b;
+  rapidjson::MemoryStream ms(text, length);
+  rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> is(ms);
+  rapidjson::Reader reader;
+  if (!reader.Parse<kParseFlags>(is, b))
+    return false;
+  out = std::move(b.root);
+  return true;
+}
+
+template <typename W> bool writeValue(W& w, const qzVariant& v) {
+  switch (v.type()) {
+  case qzVariant::Null:
+    return w.Null();
+  case qzVariant::Bool:
+    return w.Bool(v.toBool());
+  case qzVariant::Int64:
+    return w.Int64(v.toInt64());
+  case qzVariant::Double: {
+    double d = v.toDouble();
+    return std::isfinite(d) && w.Double(d);
+  }
+  case qzVariant::String: {
+    const std::string& s = *v.stringPtr();
+    return w.String(s.data(), rapidjson::SizeType(s.size()));
+  }
+  case qzVariant::Map:
+    if (!w.StartObject())
+      return false;
+    for (const auto& [k, val] : v.toMap())
+      if (!w.Key(k.data(), rapidjson::SizeType(k.size())) || !writeValue(w, val))
+        return false;
+    return w.EndObject();
+  case qzVariant::List:
+    if (!w.StartArray())
+      return false;
+    for (const auto& val : v.toList())
+      if (!writeValue(w, val))
+        return false;
+    return w.EndArray();
+  }
+  return false;
+}
+
+template <typename T> bool write(const T& in, std::string& text, bool pretty) {
+  rapidjson::StringBuffer buf;
+  bool ok;
+  if (pretty) {
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
+    w.SetIndent(' ', 2);
+    ok = writeValue(w, in);
+  } else {
+    rapidjson::Writer<rapidjson::StringBuffer> w(buf);
+    ok = writeValue(w, in);
+  }
+  if (!ok)
+    return false;
+  text.assign(buf.GetString(), buf.GetSize());
+  return true;
+}
+
+} // namespace
+
+bool Json2Variant::Convert(const char* text, size_t length, qzVariant& out) { return parse(text, length, out); }
+
+bool Json2Variant::Convert(const char* text, size_t length, qzVariantMapImpl& out) {
+  qzVariant v;
+  if (!parse(text, length, v) || !v.isMap())
+    return false;
+  out = std::move(v.asMap());
+  return true;
+}
+
+bool Json2Variant::Convert(const std::string& text, qzVariantMapImpl& out) {
+  return Convert(text.data(), text.size(), out);
+}
+
+bool Json2Variant::Convert(const char* text, size_t length, qzVariantListImpl& out) {
+  qzVariant v;
+  if (!parse(text, length, v) || !v.isList())
+    return false;
+  out = std::move(v.asList());
+  return true;
+}
+
+bool Json2Variant::Convert(const std::string& text, qzVariantListImpl& out) {
+  return Convert(text.data(), text.size(), out);
+}
+
+bool Json2Variant::Convert(const qzVariantMapImpl& in, std::string& text, bool pretty) {
+  return write(qzVariant(in), text, pretty);
+}
+bool Json2Variant::Convert(const qzVariantListImpl& in, std::string& text, bool pretty) {
+  return write(qzVariant(in), text, pretty);
+}
+bool Json2Variant::Convert(const qzVariant& in, std::string& text, bool pretty) { return write(in, text, pretty); }
+
+// ---- JsonStreamer ----
+
+namespace {
+// RapidJSON output stream that writes through to a device in blocks.
+class DeviceStream {
+public:
+  using Ch = char;
+  explicit DeviceStream(qzIoDevice& d) : m_dev(d) {}
+  void Put(char c) {
+    m_buf[m_len++] = c;
+    if (m_len == sizeof m_buf)
+      Flush();
+  }
+  void Flush() {
+    if (m_len && m_dev.writeBytes(m_buf, m_len) != int64_t(m_len))
+      m_failed = true;
+    m_len = 0;
+  }
+  bool failed() const { return m_failed; }
+
+private:
+  qzIoDevice& m_dev;
+  char m_buf[4096];
+  size_t m_len = 0;
+  bool m_failed = false;
+};
+} // namespace
+
+struct JsonStreamer::Impl {
+  explicit Impl(qzIoDevice& d) : stream(d), writer(stream) {}
+  DeviceStream stream;
+  rapidjson::Writer<DeviceStream> writer;
+  bool ok = true;
+  bool step(bool r) {
+    ok = ok && r;
+    return ok;
+  }
+};
+
+JsonStreamer::JsonStreamer(qzIoDevice& device) : d(std::make_unique<Impl>(device)) {}
+JsonStreamer::~JsonStreamer() { d->stream.Flush(); }
+
+size_t JsonStreamer::ConvertToJsonStringSize(const std::string& s) {
+  size_t n = 2;
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\' || c == '\b' || c == '\f' || c == '\n' || c == '\r' || c == '\t')
+      n += 2;
+    else if (c < 0x20)
+      n += 6; // \u00XX
+    else
+      n += 1;
+  }
+  return n;
+}
+
+size_t JsonStreamer::ConvertToJsonStringSize(const std::string& arrayName, const std::vector<std::string>& strings) {
+  size_t n = 2 + ConvertToJsonStringSize(arrayName) + 1 + 2; // { "name" : [ ] }
+  for (const auto& s : strings)
+    n += ConvertToJsonStringSize(s);
+  if (!strings.empty())
+    n += strings.size() - 1; // commas
+  return n;
+}
+
+bool JsonStreamer::begin() { return d->step(d->writer.StartObject()); }
+bool JsonStreamer::arrayBegin(const std::string& key) {
+  return d->step(d->writer.Key(key.data(), rapidjson::SizeType(key.size())) && d->writer.StartArray());
+}
+bool JsonStreamer::arrayString(const std::string& s) {
+  return d->step(d->writer.String(s.data(), rapidjson::SizeType(s.size())));
+}
+bool JsonStreamer::arrayEnd() { return d->step(d->writer.EndArray()); }
+bool JsonStreamer::addString(const std::string& key, const std::string& value) {
+  return d->step(d->writer.Key(key.data(), rapidjson::SizeType(key.size())) &&
+                 d->writer.String(value.data(), rapidjson::SizeType(value.size())));
+}
+bool JsonStreamer::addInt(const std::string& key, int64_t value) {
+  return d->step(d->writer.Key(key.data(), rapidjson::SizeType(key.size())) && d->writer.Int64(value));
+}
+bool JsonStreamer::end() {
+  d->step(d->writer.EndObject());
+  d->stream.Flush();
+  return d->step(!d->stream.failed());
+}
+bool JsonStreamer::good() const { return d->ok && !d->stream.failed(); }
+
+} // namespace qz::json

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <HttpTools/platform/Export.h>
+
+#include <string>
+
+namespace qz::qzOpenSSL {
+
+// Loads OpenSSL's error strings (when `loadErrorStrings`) and registers its version.
+HTTPTOOLS_API void initializeLibrary(bool loadErrorStrings);
+HTTPTOOLS_API void finalizeLibrary();
+
+// "1.1.1k" -> 0x101010bf, "3.0.11" -> 0x300000b0 (OpenSSL's OPENSSL_VERSION_NUMBER layout).
+// Returns 0 when the text is not such a version.
+HTTPTOOLS_API int ParseOpenSSLVersionString(const std::string& text);
+
+// Version text of the OpenSSL library in use ("OpenSSL 3.0.x ...").
+HTTPTOOLS_API std::string VersionText();
+
+} // namespace qz::qzOpenSSL

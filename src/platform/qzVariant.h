@@ -1,0 +1,72 @@
+#pragma once
+
+#include <HttpTools/platform/Export.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace qz {
+
+// A dynamic value: null, bool, 64-bit integer, double, string, map or list. Maps keep their
+// keys sorted, so JSON written from them comes out in key order.
+class HTTPTOOLS_API qzVariant {
+public:
+  using qzVariantMapImpl = std::map<std::string, qzVariant>;
+  using qzVariantListImpl = std::vector<qzVariant>;
+
+  enum Type { Null, Bool, Int64, Double, String, Map, List };
+
+  qzVariant() = default;
+  qzVariant(std::nullptr_t) {}
+  qzVariant(bool v) : m_v(v) {}
+  qzVariant(int v) : m_v(int64_t(v)) {}
+  qzVariant(unsigned v) : m_v(int64_t(v)) {}
+  qzVariant(long v) : m_v(int64_t(v)) {}
+  qzVariant(long long v) : m_v(int64_t(v)) {}
+  qzVariant(double v) : m_v(v) {}
+  qzVariant(const std::string& v) : m_v(v) {}
+  qzVariant(std::string&& v) : m_v(std::move(v)) {}
+  qzVariant(const char* v) : m_v(std::string(v ? v : "")) {}
+  qzVariant(const qzVariantMapImpl& v) : m_v(v) {}
+  qzVariant(qzVariantMapImpl&& v) : m_v(std::move(v)) {}
+  qzVariant(const qzVariantListImpl& v) : m_v(v) {}
+  qzVariant(qzVariantListImpl&& v) : m_v(std::move(v)) {}
+
+  Type type() const { return static_cast<Type>(m_v.index()); }
+  bool isNull() const { return type() == Null; }
+  bool isBool() const { return type() == Bool; }
+  bool isInt64() const { return type() == Int64; }
+  bool isDouble() const { return type() == Double; }
+  bool isNumber() const { return isInt64() || isDouble(); }
+  bool isString() const { return type() == String; }
+  bool isMap() const { return type() == Map; }
+  bool isList() const { return type() == List; }
+
+  // Conversions never throw: a value that has no sensible conversion gives 0, false or "".
+  // toString of a map or list gives its compact JSON text.
+  std::string toString() const;
+  int64_t toInt64(bool* ok = nullptr) const;
+  double toDouble(bool* ok = nullptr) const;
+  bool toBool() const;
+
+  // Access to the stored map or list; the non-const forms turn any other value into an
+  // empty one first.
+  const qzVariantMapImpl& toMap() const;
+  const qzVariantListImpl& toList() const;
+  qzVariantMapImpl& asMap();
+  qzVariantListImpl& asList();
+  const std::string* stringPtr() const { return std::get_if<std::string>(&m_v); }
+
+  bool operator==(const qzVariant& o) const { return m_v == o.m_v; }
+
+private:
+  std::variant<std::monostate, bool, int64_t, double, std::string, qzVariantMapImpl, qzVariantListImpl> m_v;
+};
+
+using qzVariantMapImpl = qzVariant::qzVariantMapImpl;
+using qzVariantListImpl = qzVariant::qzVariantListImpl;
+
+} // namespace qz

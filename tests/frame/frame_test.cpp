@@ -1,0 +1,156 @@
+#include <HttpTools/frame/HttpToolsLib.h>
+
+#include <HttpTools/frame/HttpToolsLib_p.h>
+#include <HttpTools/frame/Policies.h>
+#include <HttpTools/frame/Version.h>
+#include <HttpTools/platform/LibInit.h>
+
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+using namespace qz::http;
+
+namespace {
+
+// Every test starts and ends with the library fully stopped.
+class Frame : public testing::Test {
+protected:
+  void TearDown() override {
+    while (qz::IsHttpToolsInitialized())
+      qz::terminateHttpTools();
+    qz::impl::SetCurlVersionTextForTest(nullptr);
+  }
+};
+
+TEST_F(Frame, SecondInitKeepsTheFirstDefaults) {
+  qz::initializeHttpTools(true, HNRP_PreferIpv6, PP_AutomaticProxy);
+  qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_NoProxy);
+  EXPECT_TRUE(qz::IsVerifySSLCertByDefault());
+  EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_PreferIpv6);
+  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_AutomaticProxy);
+  EXPECT_NE(qz::impl::GetCurlOpenSSLVersion(), 0);
+  EXPECT_NE(qz::impl::GetPeriodicalUpdater(), nullptr);
+  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), 1u);
+
+  qz::terminateHttpTools(); // one user left
+  EXPECT_TRUE(qz::IsHttpToolsInitialized());
+  EXPECT_NE(qz::impl::GetPeriodicalUpdater(), nullptr);
+  qz::terminateHttpTools();
+  EXPECT_FALSE(qz::IsHttpToolsInitialized());
+  EXPECT_EQ(qz::impl::GetPeriodicalUpdater(), nullptr);
+  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), 0u);
+}
+
+TEST_F(Frame, TerminationResetsAllButTheProxyDefault) {
+  qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_AutomaticProxy);
+  EXPECT_FALSE(qz::IsVerifySSLCertByDefault());
+  qz::terminateHttpTools();
+  EXPECT_TRUE(qz::IsVerifySSLCertByDefault());
+  EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_Whatever);
+  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_AutomaticProxy);
+  // A new first initialisation takes its own defaults again.
+  qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
+  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
+}
+
+TEST_F(Frame, SettersClampOutOfRangeValues) {
+  struct {
+    int in;
+    HostNameResolutionPolicy out;
+  } resolution[] = {{0, HNRP_Whatever}, {1, HNRP_Whatever}, {2, HNRP_PreferIpv6}, {3, HNRP_PreferIpv4},
+                    {4, HNRP_Whatever}, {-1, HNRP_Whatever}, {1000, HNRP_Whatever}};
+  for (auto c : resolution) {
+    qz::SetDefaultHostNameResolutionPolicy(HostNameResolutionPolicy(c.in));
+    EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), c.out) << c.in;
+  }
+  struct {
+    int in;
+    ProxyPolicy out;
+  } proxy[] = {{0, PP_NoProxy}, {1, PP_NoProxy}, {2, PP_AutomaticProxy}, {3, PP_NoProxy}, {-5, PP_NoProxy}, {9, PP_NoProxy}};
+  for (auto c : proxy) {
+    qz::SetDefaultProxyPolicy(PP_AutomaticProxy); // so that a kept value would show
+    qz::SetDefaultProxyPolicy(ProxyPolicy(c.in));
+    EXPECT_EQ(qz::GetDefaultProxyPolicy(), c.out) << c.in;
+  }
+  qz::initializeHttpTools(true, HostNameResolutionPolicy(7), PP_ManualProxy);
+  EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_Whatever);
+  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
+}
+
+TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
+  using qz::impl::FindOpenSSLVersionInCurlVersion;
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13"), 0x101010bf);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("LIBCURL/7.88.1  OPENSSL/3.0.11"), 0x300000b0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13"), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 OpenSSL/garbage"), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 xopenssl/3.0.1"), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion(""), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion(nullptr), 0);
+}
+
+TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {
+  qztest::LogCapture cap;
+  qz::impl::SetCurlVersionTextForTest("libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13");
+  try {
+    qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "qzHttpTools : ssl versionning error");
+  }
+  EXPECT_TRUE(cap.has("qzHttpTools", "Cannot get curl openssl version (unknown version)"));
+  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Error);
+  // Nothing is rolled back: the library counts as initialised until terminated.
+  EXPECT_TRUE(qz::IsHttpToolsInitialized());
+  qz::terminateHttpTools();
+  EXPECT_FALSE(qz::IsHttpToolsInitialized());
+  // And a good libcurl initialises afterwards.
+  qz::impl::SetCurlVersionTextForTest(nullptr);
+  EXPECT_NO_THROW(qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy));
+}
+
+TEST_F(Frame, VersionRecord) {
+  EXPECT_EQ(HttpTools::Version::GetMajor(), 3);
+  EXPECT_EQ(HttpTools::Version::GetMinor(), 0);
+  EXPECT_EQ(HttpTools::Version::GetRelease(), 0);
+  EXPECT_EQ(HttpTools::Version::GetRevision(), 17);
+  EXPECT_EQ(HttpTools::Version::GetYear(), 2022);
+  EXPECT_EQ(HttpTools::Version::GetMonth(), 7);
+  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinor(true), "3.0");
+  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinorRelease(false), "3.0.0");
+  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinorReleaseRevision(true), "3.0.0.17");
+  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinorReleaseRevisionDate(), "3.0.0.17 2022-7");
+}
+
+TEST_F(Frame, PolicyNamesRoundTrip) {
+  EXPECT_EQ(SSLValidatePolicyEnumHelper::sTypeName, "qz::http::SSLValidatePolicy");
+  EXPECT_EQ(HostNameResolutionPolicyEnumHelper::sTypeName, "qz::http::HostNameResolutionPolicy");
+  EXPECT_EQ(ProxyPolicyEnumHelper::sTypeName, "qz::http::ProxyPolicy");
+  struct {
+    int value;
+    std::string name;
+  } svp[] = {{0, "SVP_DefaultBehavior"}, {1, "SVP_VerifyPeerAndHost"}, {2, "SVP_NoVerify"}},
+    hnrp[] = {{0, "HNRP_Default"}, {1, "HNRP_Whatever"}, {2, "HNRP_PreferIpv6"}, {3, "HNRP_PreferIpv4"}},
+    pp[] = {{0, "PP_Default"}, {1, "PP_NoProxy"}, {2, "PP_AutomaticProxy"}, {3, "PP_ManualProxy"}};
+  for (auto& c : svp) {
+    EXPECT_EQ(SSLValidatePolicyEnumHelper(c.value).toString(), c.name);
+    EXPECT_EQ(SSLValidatePolicyEnumHelper(c.name).getValue(), c.value);
+  }
+  for (auto& c : hnrp) {
+    EXPECT_EQ(HostNameResolutionPolicyEnumHelper(c.value).toString(), c.name);
+    EXPECT_EQ(HostNameResolutionPolicyEnumHelper(c.name).getValue(), c.value);
+  }
+  for (auto& c : pp) {
+    EXPECT_EQ(ProxyPolicyEnumHelper(c.value).toString(), c.name);
+    EXPECT_EQ(ProxyPolicyEnumHelper(c.name).getValue(), c.value);
+  }
+  EXPECT_EQ(ProxyPolicyEnumHelper(PP_ManualProxy).toQualifiedString(), "qz::http::ProxyPolicy::PP_ManualProxy");
+  EXPECT_FALSE(ProxyPolicyEnumHelper(std::string("PP_Nope")).isValid());
+  EXPECT_FALSE(SSLValidatePolicyEnumHelper(3).isValid());
+  EXPECT_EQ(HostNameResolutionPolicyEnumHelper(-1).toString(), "");
+}
+
+} // namespace

@@ -1,0 +1,230 @@
+#include <HttpTools/platform/EnumHelperInterface.h>
+#include <HttpTools/platform/LibInit.h>
+#include <HttpTools/platform/qzOpenSSL.h>
+#include <HttpTools/platform/qzStringUtils.h>
+#include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzThread.h>
+
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using qz::EnumHelperInterface;
+
+namespace {
+
+TEST(EnumText, BothSpacingsGiveTheSameMap) {
+  auto a = EnumHelperInterface::GetEnumToStringMap("A = 0 , B , C");
+  auto b = EnumHelperInterface::GetEnumToStringMap("A = 0, B, C");
+  EXPECT_EQ(a, b);
+  EnumHelperInterface::EnumMap want = {{0, {"A"}}, {1, {"B"}}, {2, {"C"}}};
+  EXPECT_EQ(a, want);
+}
+
+TEST(EnumText, ValuesResetTheCounterAndAliasesShareAValue) {
+  auto m = EnumHelperInterface::GetEnumToStringMap("X=5,Y,Z=0x10,W,V=5,U=-2,T");
+  EnumHelperInterface::EnumMap want = {{5, {"X", "V"}}, {6, {"Y"}}, {16, {"Z"}}, {17, {"W"}}, {-2, {"U"}}, {-1, {"T"}}};
+  EXPECT_EQ(m, want);
+}
+
+TEST(EnumText, MalformedPiecesAreSkipped) {
+  auto m = EnumHelperInterface::GetEnumToStringMap(" , A, = 3, 9B, C = x, D ,");
+  EnumHelperInterface::EnumMap want = {{0, {"A"}}, {1, {"D"}}};
+  EXPECT_EQ(m, want);
+  EXPECT_TRUE(EnumHelperInterface::GetEnumToStringMap(nullptr).empty());
+  EXPECT_TRUE(EnumHelperInterface::GetEnumToStringMap("").empty());
+}
+
+TEST(EnumHelper, UnknownNamesAndValuesAreInvalidNotFatal) {
+  static const auto vals = EnumHelperInterface::GetEnumToStringMap("E_A = 0, E_B");
+  static const std::string type = "ns::E";
+  EnumHelperInterface byName(std::string("E_B"), vals, type);
+  EXPECT_TRUE(byName.isValid());
+  EXPECT_EQ(byName.getValue(), 1);
+  EnumHelperInterface qualified(std::string("ns::E::E_B"), vals, type);
+  EXPECT_EQ(qualified.getValue(), 1);
+  EXPECT_EQ(qualified.toQualifiedString(), "ns::E::E_B");
+  EnumHelperInterface unknown(std::string("E_Z"), vals, type);
+  EXPECT_FALSE(unknown.isValid());
+  EXPECT_EQ(unknown.getValue(), 0);
+  EnumHelperInterface out(7, vals, type);
+  EXPECT_FALSE(out.isValid());
+  EXPECT_EQ(out.toString(), "");
+  EXPECT_EQ(out.toQualifiedString(), "");
+}
+
+TEST(StringUtils, HumanizeDuration) {
+  struct Case {
+    double ms;
+    int precision;
+    bool shortUnits;
+    const char* text;
+  } cases[] = {
+      {0, 1, true, "0ms"},          {999, 1, true, "999ms"},    {1000, 1, true, "1s"},
+      {1500, 1, true, "1.5s"},      {1549, 2, true, "1.55s"},   {90000, 1, true, "1.5min"},
+      {3600000, 1, true, "1h"},     {86400000 * 2.5, 1, true, "2.5d"}, {250, 1, false, "250 milliseconds"},
+      {2000, 3, false, "2 seconds"}, {-1500, 1, true, "-1.5s"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(qz::qzStringUtils::humanizeDuration(c.ms, c.precision, c.shortUnits), c.text) << c.ms;
+  EXPECT_EQ(qz::qzStringUtils::humanizeDuration<long>(1500L, 1, true), "1.5s");
+}
+
+TEST(StringUtils, FromIntPadsWithZeros) {
+  EXPECT_EQ(qz::qzStringUtils::fromInt(7, 3), "007");
+  EXPECT_EQ(qz::qzStringUtils::fromInt(1234, 2), "1234");
+  EXPECT_EQ(qz::qzStringUtils::fromInt(-5, 2), "-05");
+  EXPECT_EQ(qz::qzStringUtils::fromInt(INT64_MIN), "-9223372036854775808");
+  EXPECT_TRUE(qz::qzStringUtils::StartsWith("openssl/3", "openssl/"));
+  EXPECT_FALSE(qz::qzStringUtils::StartsWith("open", "openssl/"));
+}
+
+TEST(OpenSSLVersion, ParsesReleaseTexts) {
+  using qz::qzOpenSSL::ParseOpenSSLVersionString;
+  EXPECT_EQ(ParseOpenSSLVersionString("1.1.1k"), 0x101010bf);
+  EXPECT_EQ(ParseOpenSSLVersionString("1.0.2"), 0x1000200f);
+  EXPECT_EQ(ParseOpenSSLVersionString("3.0.11"), 0x300000b0);
+  EXPECT_EQ(ParseOpenSSLVersionString("3.2"), 0x30200000);
+  for (const char* bad : {"", "x1.1", "3", "3.", ".1.1", "0.9.8", "1.1.x", "3.999.1"})
+    EXPECT_EQ(ParseOpenSSLVersionString(bad), 0) << bad;
+}
+
+TEST(LibInitCounter, OnlyFirstAndLastUserDoTheWork) {
+  qz::impl::LibInitCounter c("t", 1);
+  EXPECT_FALSE(c.isInitialized());
+  EXPECT_FALSE(c.decrementInitCounter()); // unbalanced: ignored
+  EXPECT_TRUE(c.incrementInitCounter());
+  EXPECT_FALSE(c.incrementInitCounter());
+  EXPECT_TRUE(c.isInitialized());
+  EXPECT_FALSE(c.decrementInitCounter());
+  EXPECT_TRUE(c.decrementInitCounter());
+  EXPECT_FALSE(c.isInitialized());
+}
+
+TEST(LibInitCounter, CountsExactlyAcrossThreads) {
+  qz::impl::LibInitCounter c("t", 1);
+  std::atomic<int> firsts{0}, lasts{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 1000; ++i) {
+        firsts += c.incrementInitCounter();
+        lasts += c.decrementInitCounter();
+      }
+    });
+  for (auto& t : threads)
+    t.join();
+  EXPECT_EQ(firsts.load(), lasts.load());
+  EXPECT_GE(firsts.load(), 1);
+  EXPECT_FALSE(c.isInitialized());
+}
+
+TEST(VersionRegistry, RegistersAndForgets) {
+  qz::impl::RegisterThirdPartyLibVersionInfo("testlib", "1.2");
+  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo()["testlib"], "1.2");
+  qz::impl::UnRegisterThirdPartyLibVersionInfo("testlib");
+  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("testlib"), 0u);
+}
+
+void countCallback(void* data) { ++*static_cast<std::atomic<int>*>(data); }
+
+TEST(PeriodicalUpdater, RunsCallbacksPeriodically) {
+  qz::qzThreadPeriodicalUpdater u(2);
+  EXPECT_EQ(u.periodMs(), 2000u);
+  u.setPeriodMs(5);
+  std::atomic<int> a{0}, b{0};
+  u.addCallback(countCallback, &a);
+  u.addCallback(countCallback, &b);
+  for (int i = 0; i < 400 && (a < 3 || b < 3); ++i)
+    qz::qzThread::msleep(5);
+  EXPECT_GE(a.load(), 3);
+  EXPECT_GE(b.load(), 3);
+  u.removeCallback(countCallback, &a);
+  int frozen = a.load();
+  qz::qzThread::msleep(50);
+  EXPECT_EQ(a.load(), frozen);
+}
+
+struct Slow {
+  std::atomic<bool> inside{false};
+  std::atomic<bool> finished{false};
+};
+void slowCallback(void* data) {
+  auto* s = static_cast<Slow*>(data);
+  s->inside = true;
+  qz::qzThread::msleep(200);
+  s->finished = true;
+  s->inside = false;
+}
+
+TEST(PeriodicalUpdater, RemoveWaitsForARunningCallback) {
+  qz::qzThreadPeriodicalUpdater u(1);
+  u.setPeriodMs(1);
+  Slow s;
+  u.addCallback(slowCallback, &s);
+  while (!s.inside)
+    qz::qzThread::msleep(1);
+  u.removeCallback(slowCallback, &s);
+  // It returned only after the running call ended.
+  EXPECT_TRUE(s.finished.load());
+  EXPECT_FALSE(s.inside.load());
+}
+
+struct SelfRemover {
+  qz::qzThreadPeriodicalUpdater* u;
+  std::atomic<int> calls{0};
+};
+void selfRemove(void* data) {
+  auto* s = static_cast<SelfRemover*>(data);
+  ++s->calls;
+  s->u->removeCallback(selfRemove, data);
+}
+
+TEST(PeriodicalUpdater, ACallbackMayRemoveItself) {
+  qz::qzThreadPeriodicalUpdater u(1);
+  u.setPeriodMs(2);
+  SelfRemover s{&u};
+  u.addCallback(selfRemove, &s);
+  for (int i = 0; i < 200 && s.calls == 0; ++i)
+    qz::qzThread::msleep(2);
+  qz::qzThread::msleep(30);
+  EXPECT_EQ(s.calls.load(), 1);
+}
+
+int64_t fakeNow() { return 123456; }
+
+TEST(SystemUtils, ClockHooksReplaceAndRestoreTheClock) {
+  qz::qzSystemUtils::SetTimeBaseMsHook(fakeNow);
+  EXPECT_EQ(qz::qzSystemUtils::GetTimeBaseMs(), 123456);
+  EXPECT_EQ(qz::qzSystemUtils::GetTimeBaseSec(), 123);
+  qz::qzSystemUtils::SetTimeBaseMsHook(nullptr);
+  EXPECT_NE(qz::qzSystemUtils::GetTimeBaseMs(), 123456);
+  EXPECT_GT(qz::qzSystemUtils::GetSecElapsedSinceEpoch(), 1600000000);
+  char a[32] = {}, b[32] = {};
+  ASSERT_TRUE(qz::qzSystemUtils::Rand(a, sizeof a));
+  ASSERT_TRUE(qz::qzSystemUtils::Rand(b, sizeof b));
+  EXPECT_NE(std::string(a, sizeof a), std::string(b, sizeof b));
+}
+
+TEST(Log, SinkCategoriesAndDefaultRestore) {
+  {
+    qztest::LogCapture cap;
+    qz::qzLogObject(qz::qzLog::Error, "cat") << "value " << 42;
+    ASSERT_EQ(cap.size(), 1u);
+    EXPECT_EQ(cap.lines()[0].type, qz::qzLog::Error);
+    EXPECT_TRUE(cap.has("cat", "value 42"));
+  }
+  EXPECT_FALSE(qz::qzLog::IsCategoryEnabled("x.y"));
+  qz::qzLog::SetCategoryEnabled("x.y", true);
+  EXPECT_TRUE(qz::qzLog::IsCategoryEnabled("x.y"));
+  qz::qzLog::SetCategoryEnabled("x.y", false);
+  EXPECT_FALSE(qz::qzLog::IsCategoryEnabled("x.y"));
+  testing::internal::CaptureStderr();
+  qz::qzLogObject(qz::qzLog::Warning, "c") << "to stderr";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[warning] c: to stderr\n");
+}
+
+} // namespace
