@@ -219,9 +219,11 @@ TEST(CreateHashedJwt, ExpiryWindow) {
 
 TEST(CreateHashedJwt, FailedWriterMayHaveAddedIatOnly) {
   FixedClock clock;
+  qztest::LogCapture cap;
   qzVariantMapImpl claims{{"exp", kNow + 86401}};
   std::string token;
   EXPECT_FALSE(CreateHashedJwt(claims, "k", HS256, token, 0));
+  EXPECT_EQ(cap.size(), 1u);
   EXPECT_EQ(claims["iat"], qzVariant(kNow));
   EXPECT_EQ(claims.count("nbf"), 0u);
 }
