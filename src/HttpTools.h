@@ -22,3 +22,5 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzThread.h>
 #include <HttpTools/platform/qzVariant.h>
+#include <HttpTools/url/IpAddress.h>
+#include <HttpTools/url/Url.h>
