@@ -34,8 +34,8 @@ public:
     return add(qzVariant(double(u)));
   }
   bool Double(double d) { return add(qzVariant(d)); }
-  // Numbers arrive as text (see kParseFlags): integers through from_chars, everything else
-  // through glibc's correctly rounded strtod in the C locale.
+  // Numbers arrive as text (see kParseFlags) and are converted with from_chars (correctly
+  // rounded, locale-free); strtod in the C locale settles the out-of-range cases.
   bool RawNumber(const char* s, rapidjson::SizeType n, bool) {
     const char* end = s + n;
     if (std::find_if(s, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end) {
@@ -48,6 +48,11 @@ public:
       if (r.ec == std::errc() && r.ptr == end)
         return Uint64(u);
     }
+    double quick = 0;
+    auto r = std::from_chars(s, end, quick);
+    if (r.ec == std::errc() && r.ptr == end)
+      return Double(quick);
+    // Out of range: strtod tells overflow (refused) from underflow (kept as 0 or subnormal).
     static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", locale_t(0));
     const std::string text(s, n);
     char* stop = nullptr;
