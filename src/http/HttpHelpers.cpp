@@ -202,12 +202,19 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
   ctx->receivedBytes = 0;
 
   // The call may change the connection's parameters (explicit ones, the resolution fallback):
-  // none of that outlives it.
-  const ConnectionParameters kept = conn.getConnectionParameters();
-  if (params)
+  // none of that outlives it. Without explicit parameters the fallback's policy is the only
+  // field a call can change, so only that one is kept.
+  bool ok = false;
+  if (params) {
+    const ConnectionParameters kept = conn.getConnectionParameters();
     conn.setConnectionParameters(*params);
-  const bool ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx);
-  conn.setConnectionParameters(kept);
+    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx);
+    conn.setConnectionParameters(kept);
+  } else {
+    const HostNameResolutionPolicy keptPolicy = conn.getConnectionParameters().hostNameResolutionPolicy;
+    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx);
+    conn.editConnectionParameters().hostNameResolutionPolicy = keptPolicy;
+  }
 
   result.setResults(conn);
   result.receivedBytes = ctx->receivedBytes;
