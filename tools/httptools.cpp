@@ -302,136 +302,138 @@ int cmdUrl(const std::vector<std::string>& args) {
   else
     std::cout << "encoded      " << url.toEncodedUrl() << "\n";
   return 0;
-  // ---- http requests
+}
 
-  // Writes what it receives to a stream and, on a terminal, shows a progress line for long
-  // transfers.
-  class StreamDevice : public qz::qzIoDevice {
-  public:
-    StreamDevice(std::ostream& out, bool progress) : m_out(out), m_progress(progress) {}
-    ~StreamDevice() override {
-      if (m_shown)
-        std::cerr << "\n";
-    }
-    int64_t writeBytes(const char* data, unsigned long length) override {
-      m_out.write(data, std::streamsize(length));
-      m_total += length;
-      const int64_t now = qz::qzSystemUtils::GetTimeBaseMs();
-      if (m_progress && now - m_start >= 1000 && now - m_lastShown >= 250) {
-        m_lastShown = now;
-        m_shown = true;
-        std::cerr << "\r" << m_total << " bytes received in "
-                  << qz::qzStringUtils::humanizeDuration(now - m_start, 1, true) << "   " << std::flush;
-      }
-      return int64_t(length);
-    }
-    bool hasError() const override { return !m_out; }
+// ---- http requests
 
-  private:
-    std::ostream& m_out;
-    bool m_progress;
-    bool m_shown = false;
-    uint64_t m_total = 0;
-    int64_t m_start = qz::qzSystemUtils::GetTimeBaseMs();
-    int64_t m_lastShown = 0;
-  };
-
-  int cmdHttp(const std::vector<std::string>& args) {
-    namespace hh = qz::http::HttpHelpers;
-    const std::string method = args[0];
-    std::list<std::string> headers;
-    std::string outFile, dataFile = "-", urlText;
-    int expect = -1;
-    bool insecure = false;
-    for (size_t i = 1; i < args.size(); ++i) {
-      const std::string& a = args[i];
-      const bool hasValue = i + 1 < args.size();
-      if (a == "-H" && hasValue)
-        headers.push_back(args[++i]);
-      else if (a == "-o" && hasValue)
-        outFile = args[++i];
-      else if (a == "-d" && hasValue)
-        dataFile = args[++i];
-      else if (a == "--expect" && hasValue)
-        expect = std::atoi(args[++i].c_str());
-      else if (a == "--insecure")
-        insecure = true;
-      else if (urlText.empty() && a.rfind("-", 0) != 0)
-        urlText = a;
-      else {
-        std::cerr << "httptools " << method << ": unexpected argument '" << a << "'\n" << kUsage;
-        return 2;
-      }
+// Writes what it receives to a stream and, on a terminal, shows a progress line for long
+// transfers.
+class StreamDevice : public qz::qzIoDevice {
+public:
+  StreamDevice(std::ostream& out, bool progress) : m_out(out), m_progress(progress) {}
+  ~StreamDevice() override {
+    if (m_shown)
+      std::cerr << "\n";
+  }
+  int64_t writeBytes(const char* data, unsigned long length) override {
+    m_out.write(data, std::streamsize(length));
+    m_total += length;
+    const int64_t now = qz::qzSystemUtils::GetTimeBaseMs();
+    if (m_progress && now - m_start >= 1000 && now - m_lastShown >= 250) {
+      m_lastShown = now;
+      m_shown = true;
+      std::cerr << "\r" << m_total << " bytes received in "
+                << qz::qzStringUtils::humanizeDuration(now - m_start, 1, true) << "   " << std::flush;
     }
-    if (urlText.empty() || expect > 255) {
-      std::cerr << kUsage;
+    return int64_t(length);
+  }
+  bool hasError() const override { return !m_out; }
+
+private:
+  std::ostream& m_out;
+  bool m_progress;
+  bool m_shown = false;
+  uint64_t m_total = 0;
+  int64_t m_start = qz::qzSystemUtils::GetTimeBaseMs();
+  int64_t m_lastShown = 0;
+};
+
+int cmdHttp(const std::vector<std::string>& args) {
+  namespace hh = qz::http::HttpHelpers;
+  const std::string method = args[0];
+  std::list<std::string> headers;
+  std::string outFile, dataFile = "-", urlText;
+  int expect = -1;
+  bool insecure = false;
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    const bool hasValue = i + 1 < args.size();
+    if (a == "-H" && hasValue)
+      headers.push_back(args[++i]);
+    else if (a == "-o" && hasValue)
+      outFile = args[++i];
+    else if (a == "-d" && hasValue)
+      dataFile = args[++i];
+    else if (a == "--expect" && hasValue)
+      expect = std::atoi(args[++i].c_str());
+    else if (a == "--insecure")
+      insecure = true;
+    else if (urlText.empty() && a.rfind("-", 0) != 0)
+      urlText = a;
+    else {
+      std::cerr << "httptools " << method << ": unexpected argument '" << a << "'\n" << kUsage;
       return 2;
     }
-    qz::Url url;
-    std::string parseError;
-    if (!url.fromEncodedUtf8String(urlText, &parseError, false) || !url.isValid()) {
-      std::cerr << "httptools: invalid URL '" << urlText << "' " << parseError << "\n";
-      return 1;
-    }
-    std::string body;
-    if (method == "put" || method == "post") {
-      bool ok = true;
-      body = dataFile == "-" ? std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>())
-                             : readFile(dataFile, ok);
-      if (!ok) {
-        std::cerr << "httptools: cannot read " << dataFile << "\n";
-        return 1;
-      }
-    }
-    std::ofstream file;
-    if (!outFile.empty()) {
-      file.open(outFile, std::ios::binary);
-      if (!file) {
-        std::cerr << "httptools: cannot write " << outFile << "\n";
-        return 1;
-      }
-    }
-    std::ostream& out = outFile.empty() ? std::cout : file;
-    StreamDevice device(out, isatty(2) != 0);
-
-    qz::http::HttpConnection conn;
-    if (insecure)
-      conn.editConnectionParameters().sslValidatePolicy = qz::http::SVP_NoVerify;
-    std::string error;
-    std::map<std::string, std::string> responseHeaders;
-    hh::HttpResult result;
-    result.errorMessage = &error;
-    result.outputDevice = &device;
-    if (method == "head")
-      result.headers = &responseHeaders;
-    const unsigned char code = static_cast<unsigned char>(expect < 0 ? 0 : expect);
-    bool ok = false;
-    if (method == "get")
-      ok = hh::HttpGet(conn, url, &result, nullptr, &headers);
-    else if (method == "head")
-      ok = hh::HttpHead(conn, url, &result, nullptr, &headers);
-    else if (method == "delete")
-      ok = hh::HttpDelete(conn, url, &result, nullptr, &headers);
-    else if (method == "put")
-      ok = hh::HttpPut(conn, url, body, code, &result, nullptr, &headers);
-    else
-      ok = hh::HttpPost(conn, url, body, code, &result, nullptr, &headers);
-    if (ok && expect < 0 && result.httpCode >= 400) {
-      ok = false;
-      error = "HTTP status " + std::to_string(result.httpCode) + " from " + url.toDisplayableUrl();
-    }
-    if (!ok) {
-      std::cerr << "httptools: " << method << " failed: " << error << "\n";
-      return 1;
-    }
-    if (method == "head") {
-      out << "HTTP " << result.httpCode << "\n";
-      for (const auto& [name, value] : responseHeaders)
-        out << name << ": " << value << "\n";
-    }
-    out.flush();
-    return out ? 0 : 1;
   }
+  if (urlText.empty() || expect > 255) {
+    std::cerr << kUsage;
+    return 2;
+  }
+  qz::Url url;
+  std::string parseError;
+  if (!url.fromEncodedUtf8String(urlText, &parseError, false) || !url.isValid()) {
+    std::cerr << "httptools: invalid URL '" << urlText << "' " << parseError << "\n";
+    return 1;
+  }
+  std::string body;
+  if (method == "put" || method == "post") {
+    bool ok = true;
+    body = dataFile == "-" ? std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>())
+                           : readFile(dataFile, ok);
+    if (!ok) {
+      std::cerr << "httptools: cannot read " << dataFile << "\n";
+      return 1;
+    }
+  }
+  std::ofstream file;
+  if (!outFile.empty()) {
+    file.open(outFile, std::ios::binary);
+    if (!file) {
+      std::cerr << "httptools: cannot write " << outFile << "\n";
+      return 1;
+    }
+  }
+  std::ostream& out = outFile.empty() ? std::cout : file;
+  StreamDevice device(out, isatty(2) != 0);
+
+  qz::http::HttpConnection conn;
+  if (insecure)
+    conn.editConnectionParameters().sslValidatePolicy = qz::http::SVP_NoVerify;
+  std::string error;
+  std::map<std::string, std::string> responseHeaders;
+  hh::HttpResult result;
+  result.errorMessage = &error;
+  result.outputDevice = &device;
+  if (method == "head")
+    result.headers = &responseHeaders;
+  const unsigned char code = static_cast<unsigned char>(expect < 0 ? 0 : expect);
+  bool ok = false;
+  if (method == "get")
+    ok = hh::HttpGet(conn, url, &result, nullptr, &headers);
+  else if (method == "head")
+    ok = hh::HttpHead(conn, url, &result, nullptr, &headers);
+  else if (method == "delete")
+    ok = hh::HttpDelete(conn, url, &result, nullptr, &headers);
+  else if (method == "put")
+    ok = hh::HttpPut(conn, url, body, code, &result, nullptr, &headers);
+  else
+    ok = hh::HttpPost(conn, url, body, code, &result, nullptr, &headers);
+  if (ok && expect < 0 && result.httpCode >= 400) {
+    ok = false;
+    error = "HTTP status " + std::to_string(result.httpCode) + " from " + url.toDisplayableUrl();
+  }
+  if (!ok) {
+    std::cerr << "httptools: " << method << " failed: " << error << "\n";
+    return 1;
+  }
+  if (method == "head") {
+    out << "HTTP " << result.httpCode << "\n";
+    for (const auto& [name, value] : responseHeaders)
+      out << name << ": " << value << "\n";
+  }
+  out.flush();
+  return out ? 0 : 1;
+}
 
 } // namespace
 
