@@ -24,7 +24,7 @@ Commands:
            [--header-claims MASK] [--ttl SECONDS] CLAIMS_JSON|-
                        prints a token; MASK copies iss (1), sub (2), aud (4) into the
                        header; --ttl sets "exp" when the claims have none
-  jwt verify (--secret S | --secret-file F | --key PUBLIC.pem) [--algs ALG,...] TOKEN|-
+  jwt verify (--secret S | --secret-file F | --key PUBLIC.pem | --jwks URL) [--algs ALG,...] TOKEN|-
                        prints the claims, or the reject cause (exit 1)
   jwt decode TOKEN|-   prints header and claims without checking anything
   url [--normalize] [--show-secrets] TEXT
@@ -154,10 +154,13 @@ int cmdJwtVerify(const std::vector<std::string>& args) {
   std::map<std::string, std::string> opts;
   std::string token, secret;
   std::shared_ptr<qz::jwt::AsymmetricKey> key;
-  if (!parseJwtArgs(args, 2, opts, token) || !jwtCredentials(opts, secret, key))
+  if (!parseJwtArgs(args, 2, opts, token))
+    return 2;
+  const bool jwks = opts.count("jwks") != 0;
+  if (!jwks && !jwtCredentials(opts, secret, key))
     return 2;
   // Accepts the algorithms of the credential's family unless --algs narrows them.
-  int mask = key ? qz::jwt::AlgAsymmetricMask : qz::jwt::AlgHmacMask;
+  int mask = key || jwks ? qz::jwt::AlgAsymmetricMask : qz::jwt::AlgHmacMask;
   if (opts.count("algs")) {
     mask = 0;
     std::stringstream list(opts["algs"]);
@@ -178,8 +181,25 @@ int cmdJwtVerify(const std::vector<std::string>& args) {
     }
   } provider;
   provider.key = key;
+  // Or the keys of a JWK set, fetched through a connection pool.
+  std::unique_ptr<qz::http::HttpConnectionPool> pool;
+  std::unique_ptr<qz::jwt::KeyStore> store;
+  if (jwks) {
+    std::string error;
+    qz::Url url;
+    if (!url.fromEncodedUtf8String(opts["jwks"], &error, false)) {
+      std::cerr << "httptools jwt verify: --jwks: " << error << "\n";
+      return 2;
+    }
+    pool = std::make_unique<qz::http::HttpConnectionPool>();
+    store = std::make_unique<qz::jwt::KeyStore>(*pool, url, true, qz::http::PP_NoProxy, qz::Url());
+  }
   qz::jwt::Verifier verifier;
-  verifier.setClientInfo(secret, key ? &provider : nullptr, mask);
+  verifier.setClientInfo(secret,
+                         store ? static_cast<qz::jwt::KeyProvider*>(store.get())
+                         : key ? &provider
+                               : nullptr,
+                         mask);
   qz::qzVariantMapImpl claims;
   qz::jwt::Verifier::RejectCause cause;
   if (!verifier.validateJwt(argOrStdin(token), claims, &cause)) {

@@ -47,8 +47,7 @@ void KeyWrapper::resetKey(AsymmetricKey* key) {
 // ---- KeyStorePrivate ----
 
 KeyStore::KeyStorePrivate::KeyStorePrivate(qz::http::HttpConnectionPool& pool, const qz::Url& keySetUrl,
-                                           bool validateSsl, qz::http::ProxyPolicy proxyPolicy,
-                                           const qz::Url& proxyUrl)
+                                           bool validateSsl, qz::http::ProxyPolicy proxyPolicy, const qz::Url& proxyUrl)
     : m_pool(pool), m_url(keySetUrl) {
   m_params.sslValidatePolicy = validateSsl ? qz::http::SVP_VerifyPeerAndHost : qz::http::SVP_NoVerify;
   m_params.proxyPolicy = proxyPolicy;
@@ -81,8 +80,7 @@ bool KeyStore::KeyStorePrivate::loadFromUrl() {
   {
     qz::http::HttpConnectionLocker locker(m_pool, m_url);
     auto params = m_params;
-    ok = qz::http::HttpHelpers::HttpGetJson(*locker, m_url, body, &result, &params, nullptr, nullptr,
-                                            static_cast<const std::string*>(nullptr));
+    ok = qz::http::HttpHelpers::HttpGetJson(*locker, m_url, body, &result, &params);
   }
   qzVariantMapImpl set;
   if (ok && json::Json2Variant::Convert(body, set)) {

@@ -147,7 +147,9 @@ TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
     std::string kid;
     std::string answer;
   } cases[] = {
-      {qzVariant(qzVariantMapImpl{{"kid", qzVariant("oct")}, {"kty", qzVariant("oct")}, {"use", qzVariant("sig")},
+      {qzVariant(qzVariantMapImpl{{"kid", qzVariant("oct")},
+                                  {"kty", qzVariant("oct")},
+                                  {"use", qzVariant("sig")},
                                   {"k", qzVariant("c2VjcmV0")}}),
        "oct", "Key {oct} is invalid : Rejected (key is symmetric)"},
       {jwk("rsa", "enc", {{"use", qzVariant("enc")}}), "enc",
@@ -173,7 +175,8 @@ TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
        "Key {ecrs} is invalid : Rejected (mismatch between \"alg\" and \"kty\")"},
       {jwk("rsa", "badalg", {{"alg", qzVariant("PS256")}}), "badalg",
        "Key {badalg} is invalid : Rejected ( 'PS256' unsupported value for 'alg' field)"},
-      {jwk("rsa", "kty", {{"kty", qzVariant("OKP")}}), "kty", "Key {kty} is invalid : Rejected (invalid field \"kty\")"},
+      {jwk("rsa", "kty", {{"kty", qzVariant("OKP")}}), "kty",
+       "Key {kty} is invalid : Rejected (invalid field \"kty\")"},
       {jwk("rsa", "tiny", {{"n", qzVariant("AQAB")}}), "tiny", ""}, // RSA key error: text from the key
       {jwk("p256", "offcurve", {{"y", sPeer->at("jwk").toMap().at("p256").toMap().at("x")}}), "offcurve", ""},
   };
