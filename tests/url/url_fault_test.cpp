@@ -18,17 +18,13 @@ template <typename Fn> Fn Real(const char* name) { return reinterpret_cast<Fn>(d
 } // namespace
 
 extern "C" int uriParseUriA(UriParserStateA* state, const char* text) {
-  if (g_parseFailure)
-    return g_parseFailure;
   static auto real = Real<int (*)(UriParserStateA*, const char*)>("uriParseUriA");
-  return real(state, text);
+  return g_parseFailure ? g_parseFailure : real(state, text);
 }
 
 extern "C" int uriNormalizeSyntaxExA(UriUriA* uri, unsigned int mask) {
-  if (g_normalizeFailure)
-    return g_normalizeFailure;
   static auto real = Real<int (*)(UriUriA*, unsigned int)>("uriNormalizeSyntaxExA");
-  return real(uri, mask);
+  return g_normalizeFailure ? g_normalizeFailure : real(uri, mask);
 }
 
 namespace {
@@ -50,18 +46,19 @@ TEST(UrlParseFault, ParserErrorsOtherThanSyntax) {
 TEST(UrlParseFault, NormalisationFailureLeavesNothingBehind) {
   FaultGuard guard;
   g_normalizeFailure = URI_ERROR_MALLOC;
+  const std::string message = "fail to normalize uri UriParser error " + std::to_string(URI_ERROR_MALLOC);
   qz::Url url;
   std::string error;
   // Without normalisation the parse does not reach the failing call.
   EXPECT_TRUE(url.fromEncodedUtf8String("HTTP://U:P@H:1/A?b=c", &error, false));
   EXPECT_FALSE(url.fromEncodedUtf8String("HTTP://U:P@H:1/A?b=c", &error, true));
-  EXPECT_EQ(error, "fail to normalize uri UriParser error " + std::to_string(URI_ERROR_MALLOC));
+  EXPECT_EQ(error, message);
   EXPECT_EQ(url, qz::Url());
   EXPECT_TRUE(url.queryParameters.empty());
 
   qztest::LogCapture cap;
   EXPECT_FALSE(url.fromEncodedUtf8String("http://h/", nullptr, true));
-  EXPECT_TRUE(cap.has("url", "fail to normalize uri UriParser error " + std::to_string(URI_ERROR_MALLOC)));
+  EXPECT_TRUE(cap.has("url", message));
 }
 
 } // namespace
