@@ -10,69 +10,46 @@ namespace {
 
 // Random URLs whose every field survives rendering: credentials of unreserved characters (they are
 // parsed as written, not decoded), hosts in the parser's own form, path and query of any bytes.
-class UrlGenerator {
-public:
-  explicit UrlGenerator(uint32_t seed) : m_rng(seed) {}
-
-  qz::Url next() {
-    static const char* schemes[] = {"http", "https", "couchdb", "ws+unix", "x-my.scheme"};
+TEST(UrlRoundTrip, ParseOfEncodedFormGivesTheSameUrl) {
+  static const char* schemes[] = {"http", "https", "couchdb", "ws+unix", "x-my.scheme"};
+  static const char* ips[] = {"10.0.0.1", "255.255.255.255", "::1", "2001:db8::a:0:1", "::ffff:1.2.3.4"};
+  std::mt19937 rng(20220701);
+  auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
+  auto text = [&](size_t n, const std::string& alphabet = "") { // empty alphabet: any byte
+    std::string s;
+    while (s.size() < n)
+      s += alphabet.empty() ? static_cast<char>(pick(256)) : alphabet[pick(alphabet.size())];
+    return s;
+  };
+  for (int i = 0; i < 3000; ++i) {
     qz::Url u;
     u.scheme = schemes[pick(5)];
-    const size_t kind = pick(4);
-    if (kind < 2) {
-      std::string ip;
-      for (int i = 0; i < (kind == 0 ? 4 : 8); ++i)
-        ip += (i ? (kind == 0 ? "." : ":") : "") + (kind == 0 ? std::to_string(pick(256)) : hexGroup());
-      u.ipAddress.fromStringAddress(ip, qz::IpAddress::IPT_None);
-      u.host = kind == 0 ? ip : "[" + u.ipAddress.getAddressAsString(false) + "]";
+    if (pick(2) == 0) {
+      u.ipAddress.fromStringAddress(ips[pick(5)], qz::IpAddress::IPT_None);
+      const std::string ip = u.ipAddress.getAddressAsString(false);
+      u.host = u.ipAddress.getType() == qz::IpAddress::IPT_IPv6 ? "[" + ip + "]" : ip;
     } else {
       u.host = text(1 + pick(20), "abcdefghijklmnopqrstuvwxyz0123456789-.") + ".example";
     }
     if (pick(3) == 0)
-      u.setCredentialsOnHttpHeaders(text(1 + pick(12), kUnreserved), text(1 + pick(30), kUnreserved));
+      u.setCredentialsOnHttpHeaders(text(1 + pick(12), "ABCXYZabcxyz0189-._~"),
+                                    text(1 + pick(30), "ABCXYZabcxyz0189-._~"));
     u.port = pick(3) == 0 ? 0 : static_cast<uint16_t>(1 + pick(65535));
-    for (size_t i = pick(5); i > 0; --i)
-      u.pathSegments.push_back(anyBytes(pick(4) == 0 ? 0 : 1 + pick(10)));
+    for (size_t n = pick(5); n > 0; --n)
+      u.pathSegments.push_back(text(pick(4) == 0 ? 0 : 1 + pick(10)));
     if (u.pathSegments.size() == 1 && u.pathSegments[0].empty())
       u.pathSegments[0] = "x"; // a lone empty segment renders as no path
-    for (size_t i = pick(6); i > 0; --i)
-      u.queryParameters.emplace_back(anyBytes(pick(8)), anyBytes(pick(40)));
-    return u;
-  }
+    for (size_t n = pick(6); n > 0; --n)
+      u.queryParameters.emplace_back(text(pick(8)), text(pick(40)));
 
-private:
-  static constexpr const char* kUnreserved = "ABCXYZabcxyz0189-._~";
-
-  size_t pick(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(m_rng); }
-  std::string hexGroup() { return pick(3) == 0 ? "0" : text(1 + pick(4), "0123456789abcdefABCDEF"); }
-  std::string text(size_t n, const std::string& alphabet) {
-    std::string s;
-    while (s.size() < n)
-      s += alphabet[pick(alphabet.size())];
-    return s;
-  }
-  std::string anyBytes(size_t n) {
-    std::string s;
-    while (s.size() < n)
-      s += static_cast<char>(pick(256));
-    return s;
-  }
-
-  std::mt19937 m_rng;
-};
-
-TEST(UrlRoundTrip, ParseOfEncodedFormGivesTheSameUrl) {
-  UrlGenerator gen(20220701);
-  for (int i = 0; i < 3000; ++i) {
-    const qz::Url u = gen.next();
-    const std::string text = u.toEncodedUrl();
+    const std::string encoded = u.toEncodedUrl();
     qz::Url back;
     std::string error;
-    ASSERT_TRUE(back.fromEncodedUtf8String(text, &error, false)) << text << ": " << error;
-    ASSERT_EQ(back, u) << text;
-    ASSERT_EQ(back.queryParameters, u.queryParameters) << text;
-    ASSERT_TRUE(back.ipAddress == u.ipAddress && back.ipAddress.getType() == u.ipAddress.getType()) << text;
-    ASSERT_EQ(back.toEncodedUrl(), text);
+    ASSERT_TRUE(back.fromEncodedUtf8String(encoded, &error, false)) << encoded << ": " << error;
+    ASSERT_EQ(back, u) << encoded;
+    ASSERT_EQ(back.queryParameters, u.queryParameters) << encoded;
+    ASSERT_TRUE(back.ipAddress == u.ipAddress && back.ipAddress.getType() == u.ipAddress.getType()) << encoded;
+    ASSERT_EQ(back.toEncodedUrl(), encoded);
     // The displayable form parses too and differs only where secrets are.
     qz::Url shown(u.toDisplayableUrl());
     ASSERT_EQ(shown.host, u.host) << u.toDisplayableUrl();
@@ -83,7 +60,7 @@ TEST(UrlRoundTrip, ParseOfEncodedFormGivesTheSameUrl) {
 
 // --- Secrets are wiped in place: the buffer a secret lived in holds zero bytes afterwards. ---
 
-// True when the n bytes from offset on, of the buffer s had before, are all zero.
+// True when s still uses the buffer buf and every byte of it from offset on is zero.
 bool ZeroFrom(const std::string& s, const std::pair<const char*, size_t>& buf, size_t offset = 0) {
   if (s.data() != buf.first)
     return false; // reallocated: the old buffer was not the one overwritten
@@ -122,10 +99,10 @@ TEST(UrlSecrets, ClearingWipesTheWholeBuffer) {
   }
 }
 
-TEST(UrlSecrets, SettersAssignmentAndDestructionWipeTheOldValue) {
+TEST(UrlSecrets, SettersAndDestructionWipeTheOldValue) {
   qz::Url u;
   u.setCredentialsOnHttpHeaders(std::string(80, 'U'), std::string(80, 'P'));
-  auto pw = Buf(u.password);
+  const auto pw = Buf(u.password);
   u.setCredentialsOnHttpHeaders("new-user", "short");
   EXPECT_EQ(u.password, "short");
   EXPECT_TRUE(ZeroFrom(u.password, pw, 6)) << "past the new value no byte of the old one remains";
@@ -134,12 +111,6 @@ TEST(UrlSecrets, SettersAssignmentAndDestructionWipeTheOldValue) {
   const auto db = Buf(u.authDbName);
   u.setCredentialsOnHttpHeaders("a", "b");
   EXPECT_TRUE(ZeroFrom(u.authDbName, db)) << "header credentials drop the database name";
-
-  u.setCredentialsOnHttpHeaders("user", std::string(90, 'P'));
-  pw = Buf(u.password);
-  u = qz::Url("http://a:b@h/");
-  EXPECT_EQ(u.password, "b");
-  EXPECT_TRUE(u.password.data() != pw.first || ZeroFrom(u.password, pw, 2));
 
   // Destruction: a short password sits inside the object, whose storage we can still read.
   alignas(qz::Url) unsigned char storage[sizeof(qz::Url)];

@@ -123,8 +123,6 @@ TEST(UrlQuery, CredentialsOnQueryParameters) {
   url.setCredentialsOnHttpHeaders("v", "q");
   EXPECT_TRUE(url.authDbName.empty());
   EXPECT_EQ(url.toEncodedUrl(), "http://v:q@h");
-  url.clearCredentials();
-  EXPECT_EQ(url.toEncodedUrl(), "http://h");
 }
 
 TEST(UrlToUrl, AppendsSegmentsAndReplacesQuery) {
