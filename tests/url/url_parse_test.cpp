@@ -142,9 +142,7 @@ TEST(UrlEquality, ComparesAddressNotQuery) {
         Case{"http://u:P@h:81/a/b", false}, Case{"http://u:p@H:81/a/b", false}, Case{"http://u:p@h/a/b", false},
         Case{"http://u:p@h:81/a", false}, Case{"http://u:p@h:81/a/b/", false}, Case{"http://u:p@h:81/a/B", false},
         Case{"http://h:81/a/b", false}}) {
-    qz::Url other{std::string(c.other)};
-    EXPECT_EQ(base == other, c.equal) << c.other;
-    EXPECT_EQ(base != other, !c.equal) << c.other;
+    EXPECT_EQ(base == qz::Url(std::string(c.other)), c.equal) << c.other;
   }
   qz::Url other(base);
   other.authDbName = "admin";
