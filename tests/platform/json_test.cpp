@@ -63,10 +63,11 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
 }
 
 TEST(Json, DeepNestingIsRefusedWithoutCrashing) {
+  auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
   qzVariantListImpl l;
-  EXPECT_FALSE(Json2Variant::Convert(std::string(100000, '[') + std::string(100000, ']'), l));
-  EXPECT_TRUE(
-      Json2Variant::Convert(std::string(Json2Variant::MaxDepth, '[') + std::string(Json2Variant::MaxDepth, ']'), l));
+  EXPECT_TRUE(Json2Variant::Convert(nested(Json2Variant::MaxDepth), l));
+  EXPECT_FALSE(Json2Variant::Convert(nested(Json2Variant::MaxDepth + 1), l));
+  EXPECT_FALSE(Json2Variant::Convert(nested(100000), l));
 }
 
 TEST(JsonStreamer, WritesKeysObjectAndPredictsItsSize) {
