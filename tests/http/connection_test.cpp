@@ -102,51 +102,50 @@ TEST_F(Connection, SuccessRecordsOutcomeAndSendsHeaders) {
 TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
   struct Case {
     std::string url;
-    long code;
-    const char* type;
     bool ok;
     testing::Matcher<std::string> message;
     bool dropsHandle;
+    long code = 200;
+    const char* type = "";
     void (*edit)(Params&) = nullptr;
     SetupFn setup = collectBody;
   };
   const std::string json = "/type?ct=application/json;%20charset=utf-8";
   auto noFollow = [](Params& p) { p.followLocation = false; };
   const std::vector<Case> cases{
-      {"/status/503", 200, "", false,
+      {"/status/503", false,
        Eq("HttpConnection error : bad html response code, got 503, expect 200 " + srv.url("/status/503") +
           " Http return code 503 "),
        false},
-      {"/type?ct=text/html", 200, "application/json", false,
+      {"/type?ct=text/html", false,
        Eq("HttpConnection error : bad content type, got text/html, expect application/json " +
           qz::Url(srv.url("/type?ct=text/html")).toDisplayableUrl() + " Http return code 200 "),
-       false},
+       false, 200, "application/json"},
       // Any code when none (0 or negative) is expected, any type when none is; the type check is exact.
-      {"/status/404", 0, "", true, Eq("Http return code 404 "), false},
-      {"/status/404", -1, "", true, Eq("Http return code 404 "), false},
-      {json, 200, "", true, Eq("Http return code 200 "), false},
-      {json, 200, "application/json", false,
-       HasSubstr(" : bad content type, got application/json; charset=utf-8, expect application/json "), false},
-      {"/redirect/3", 200, "", true, Eq("Http return code 200 "), false}, // at most 3 by default
-      {"/redirect/4", 200, "", false, curlError(CURLE_TOO_MANY_REDIRECTS), true},
-      {"/redirect/1", 200, "", false, HasSubstr("got 302, expect 200"), false, noFollow},
-      {"/redirect/1", 302, "", true, Eq("Http return code 302 "), false, noFollow},
-      {"/truncated", 200, "", false,
-       AllOf(curlError(CURLE_PARTIAL_FILE),
-             HasSubstr(", " + srv.url("/truncated") + " Http return code 200 Curl error : 18 "),
+      {"/status/404", true, Eq("Http return code 404 "), false, 0},
+      {"/status/404", true, Eq("Http return code 404 "), false, -1},
+      {json, true, Eq("Http return code 200 "), false},
+      {json, false, HasSubstr(" : bad content type, got application/json; charset=utf-8, expect application/json "),
+       false, 200, "application/json"},
+      {"/redirect/3", true, Eq("Http return code 200 "), false}, // at most 3 by default
+      {"/redirect/4", false, curlError(CURLE_TOO_MANY_REDIRECTS), true},
+      {"/redirect/1", false, HasSubstr("got 302, expect 200"), false, 200, "", noFollow},
+      {"/redirect/1", true, Eq("Http return code 302 "), false, 302, "", noFollow},
+      {"/truncated", false,
+       AllOf(curlError(CURLE_PARTIAL_FILE), HasSubstr(", " + srv.url("/truncated") + " Http return code 200 Curl"),
              HasSubstr(") Curl internal error : ")),
        true},
-      {"/echo", 200, "", false, Eq("HttpConnection error : User callback return and error "), true, nullptr, refuse},
-      {"/stall?ms=3000", 200, "", false, curlError(CURLE_OPERATION_TIMEDOUT), true, nullptr, collectWithTimeout},
-      {"/slow?blocks=20&size=1&delay=300", 200, "", false, curlError(CURLE_OPERATION_TIMEDOUT), true,
+      {"/echo", false, Eq("HttpConnection error : User callback return and error "), true, 200, "", nullptr, refuse},
+      {"/stall?ms=3000", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "", nullptr, collectWithTimeout},
+      {"/slow?blocks=20&size=1&delay=300", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "",
        [](Params& p) { p.lowSpeedTime = 1; }},
-      {"/echo", 200, "", false, Eq("HttpConnection error : Fail to setupconnection "), true, hugeProxy},
+      {"/echo", false, Eq("HttpConnection error : Fail to setupconnection "), true, 200, "", hugeProxy},
       // Bad input fails with a clear message and no crash.
-      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", 200, "", false,
-       curlError(CURLE_COULDNT_CONNECT), true},
-      {"notascheme://127.0.0.1/", 200, "", false, curlError(CURLE_UNSUPPORTED_PROTOCOL), true},
-      {"http://no-such-host.invalid/", 200, "", false, curlError(CURLE_COULDNT_RESOLVE_HOST), true},
-      {"http://bad host/", 200, "", false, curlError(CURLE_URL_MALFORMAT), true}, // unparsed: an empty URL
+      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", false, curlError(CURLE_COULDNT_CONNECT),
+       true},
+      {"notascheme://127.0.0.1/", false, curlError(CURLE_UNSUPPORTED_PROTOCOL), true},
+      {"http://no-such-host.invalid/", false, curlError(CURLE_COULDNT_RESOLVE_HOST), true},
+      {"http://bad host/", false, curlError(CURLE_URL_MALFORMAT), true}, // unparsed: an empty URL
   };
   HttpConnection c;
   qztest::LogCapture quiet; // host changes and helper noise
@@ -240,25 +239,16 @@ TEST_F(Connection, RefusesToRunBeforeInitialisation) {
   qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
 }
 
-// TLS and interop against nginx.
+// TLS and interop against one nginx, started on first use and stopped at exit.
 class Tls : public testing::Test {
 protected:
-  static void SetUpTestSuite() {
-    nginx = new qztest::NginxFixture;
-    startError = nginx->start() ? "" : nginx->lastError();
-  }
-  static void TearDownTestSuite() {
-    delete nginx;
-    nginx = nullptr;
-  }
-  void SetUp() override { ASSERT_EQ(startError, "") << startError; }
-  static inline qztest::NginxFixture* nginx = nullptr;
-  static inline std::string startError;
+  void SetUp() override { ASSERT_TRUE(nginx.isRunning() || nginx.start()) << nginx.lastError(); }
+  static inline qztest::NginxFixture nginx;
   std::string body;
 };
 
 TEST_F(Tls, VerificationFailsOnSelfSignedUnlessDisabledOrLoopbackText) {
-  const std::string byName = "https://localhost:" + std::to_string(nginx->httpsPort()) + "/small";
+  const std::string byName = "https://localhost:" + std::to_string(nginx.httpsPort()) + "/small";
   HttpConnection c;
   EXPECT_FALSE(fetch(c, byName, body));
   EXPECT_TRUE(c.isLastCallUnableToVerifyPeer()) << c.getLastErrorMsg();
@@ -267,7 +257,7 @@ TEST_F(Tls, VerificationFailsOnSelfSignedUnlessDisabledOrLoopbackText) {
   EXPECT_TRUE(fetch(c, byName, body)) << c.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
   HttpConnection loop; // verification on by default, exempt by the exact loopback text
-  EXPECT_TRUE(fetch(loop, nginx->httpsUrl("/small"), body)) << loop.getLastErrorMsg();
+  EXPECT_TRUE(fetch(loop, nginx.httpsUrl("/small"), body)) << loop.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
 }
 
@@ -276,8 +266,8 @@ TEST_F(Tls, DownloadIntoDeviceReusesTheConnection) {
   std::string content(300000, '\0');
   for (size_t i = 0; i < content.size(); ++i)
     content[i] = char(i * 131 % 251);
-  std::ofstream(nginx->filesDir() + "/blob.bin", std::ios::binary) << content;
-  const long before = nginx->connectionCount();
+  std::ofstream(nginx.filesDir() + "/blob.bin", std::ios::binary) << content;
+  const long before = nginx.connectionCount();
   HttpConnection c;
   for (int i = 0; i < 3; ++i) {
     if (i == 2)
@@ -285,10 +275,10 @@ TEST_F(Tls, DownloadIntoDeviceReusesTheConnection) {
     qz::qzIoDeviceMemory dev;
     HttpHelpers::HttpResult r;
     r.outputDevice = &dev;
-    ASSERT_TRUE(HttpHelpers::HttpGet(c, qz::Url(nginx->httpsUrl("/files/blob.bin")), &r)) << c.getLastErrorMsg();
+    ASSERT_TRUE(HttpHelpers::HttpGet(c, qz::Url(nginx.httpsUrl("/files/blob.bin")), &r)) << c.getLastErrorMsg();
     EXPECT_EQ(r.receivedBytes, content.size());
     EXPECT_TRUE(dev.data() == content);
-    EXPECT_EQ(nginx->connectionCount() - before, i == 2 ? 2 : 1);
+    EXPECT_EQ(nginx.connectionCount() - before, i == 2 ? 2 : 1);
   }
 }
 
@@ -299,16 +289,16 @@ TEST_F(Tls, GetJsonWithBodyOverKeptAliveConnection) {
   c.editConnectionParameters().verbose = 1;
   const std::string json = R"({"keys":[1,2]})";
   std::string out;
-  const long before = nginx->connectionCount();
-  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx->httpUrl("/json")), out, nullptr, nullptr, nullptr, nullptr,
+  const long before = nginx.connectionCount();
+  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpUrl("/json")), out, nullptr, nullptr, nullptr, nullptr,
                                        &json, true))
       << c.getLastErrorMsg();
   EXPECT_EQ(out, R"({"ok":true})");
   EXPECT_THAT(c.getLastDebugInformations(),
               AllOf(HasSubstr("> GET /json HTTP/1.1\r\n"), HasSubstr("Content-Length: 14\r\n"),
                     HasSubstr("Content-Type:application/json\r\n"), HasSubstr("DataOut 14B")));
-  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx->httpUrl("/json")), out));
-  EXPECT_EQ(nginx->connectionCount() - before, 1);
+  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpUrl("/json")), out));
+  EXPECT_EQ(nginx.connectionCount() - before, 1);
 }
 
 } // namespace
