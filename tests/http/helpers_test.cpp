@@ -44,10 +44,15 @@ TEST_F(Helpers, EachHelperSendsItsMethodBodyAndContentType) {
   const std::string json = R"({"a":1})";
   const char* octet = "application/octet-stream";
   const std::list<std::string> own{"Content-Type:text/plain"};
+  // In this order on one connection, so that no option a call leaves on the handle (upload,
+  // no-body, custom method) leaks into the next one.
   const std::vector<Case> cases{
-      {"get", [](auto& c, auto& u, auto* r) { return HttpGet(c, u, r); }, "GET", "", octet},
-      {"delete", [](auto& c, auto& u, auto* r) { return HttpDelete(c, u, r); }, "DELETE", "", octet},
       {"put", [](auto& c, auto& u, auto* r) { return HttpPut(c, u, "put-body", 200, r); }, "PUT", "put-body", octet},
+      {"head after put", [](auto& c, auto& u, auto* r) { return HttpHead(c, u, r); }, "HEAD", "", octet},
+      {"get", [](auto& c, auto& u, auto* r) { return HttpGet(c, u, r); }, "GET", "", octet},
+      {"post", [](auto& c, auto& u, auto* r) { return HttpPost(c, u, std::string("post-body"), 200, r); }, "POST",
+       "post-body", octet},
+      {"delete", [](auto& c, auto& u, auto* r) { return HttpDelete(c, u, r); }, "DELETE", "", octet},
       {"put json", [&](auto& c, auto& u, auto* r) { return HttpPutJson(c, u, json.data(), json.size(), 200, r); },
        "PUT", R"({"a":1})", "application/json"},
       {"put variant",
@@ -56,8 +61,6 @@ TEST_F(Helpers, EachHelperSendsItsMethodBodyAndContentType) {
          return HttpPutJson<qz::qzVariantMapImpl>(c, u, doc, 200, r);
        },
        "PUT", R"({"k":"v","n":2})", "application/json"},
-      {"post", [](auto& c, auto& u, auto* r) { return HttpPost(c, u, std::string("post-body"), 200, r); }, "POST",
-       "post-body", octet},
       {"post data first", [](auto& c, auto& u, auto* r) { return HttpPost("raw", 3, c, u, 200, r); }, "POST", "raw",
        octet},
       {"post json", [&](auto& c, auto& u, auto* r) { return HttpPostJson(c, u, json.data(), json.size(), 200, r); },
@@ -80,27 +83,12 @@ TEST_F(Helpers, EachHelperSendsItsMethodBodyAndContentType) {
     EXPECT_EQ(req.body, k.body) << k.name;
     EXPECT_EQ(req.headerCount("Content-Type"), k.typeLines) << k.name;
     EXPECT_EQ(req.header("Content-Type"), k.contentType) << k.name;
-    EXPECT_EQ(body.rfind(std::string(k.method) + "\n", 0), 0u) << k.name;
+    EXPECT_EQ(body.rfind(std::string(k.method) + "\n", 0) == 0, std::string(k.method) != "HEAD") << k.name;
     EXPECT_EQ(r.httpCode, 200);
     EXPECT_EQ(r.receivedBytes, body.size());
     EXPECT_EQ(err, "Http return code 200 ");
   }
   EXPECT_EQ(srv.connectionCount(), 1u); // one kept-alive connection across all methods
-}
-
-// Each call resets what an earlier one left on the handle (upload, custom method, no-body).
-TEST_F(Helpers, NoOptionLeaksIntoTheNextCall) {
-  ASSERT_TRUE(HttpPut(conn, url("/echo"), std::string(5000, 'x'), 200));
-  std::string body;
-  HttpResult r;
-  r.body = &body;
-  ASSERT_TRUE(HttpHead(conn, url("/echo"), &r));
-  EXPECT_EQ(srv.lastRequest().method + srv.lastRequest().body + body, "HEAD");
-  ASSERT_TRUE(HttpGet(conn, url("/echo"), &r));
-  EXPECT_EQ(srv.lastRequest().method, "GET");
-  ASSERT_TRUE(HttpPost(conn, url("/echo"), std::string("p"), 200));
-  ASSERT_TRUE(HttpDelete(conn, url("/echo")));
-  EXPECT_EQ(srv.lastRequest().method + srv.lastRequest().body, "DELETE");
 }
 
 TEST_F(Helpers, ExpectedCodeAndFailureLogging) {
