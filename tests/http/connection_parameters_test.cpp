@@ -4,7 +4,6 @@
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnection_p.h>
 
-#include "HttpTestEnv.h"
 #include "support/LogCapture.h"
 
 #include <curl/curl.h>

@@ -4,7 +4,6 @@
 #include <HttpTools/http/HttpHelpers.h>
 #include <HttpTools/platform/qzIoDevice.h>
 
-#include "HttpTestEnv.h"
 #include "support/LogCapture.h"
 #include "support/NginxFixture.h"
 #include "support/TestHttpServer.h"

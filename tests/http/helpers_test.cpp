@@ -3,7 +3,6 @@
 #include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/platform/qzIoDevice.h>
 
-#include "HttpTestEnv.h"
 #include "support/LogCapture.h"
 #include "support/TestHttpServer.h"
 

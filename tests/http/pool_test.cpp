@@ -2,8 +2,8 @@
 
 #include <HttpTools/frame/HttpToolsLib_p.h>
 #include <HttpTools/http/HttpHelpers.h>
+#include <HttpTools/platform/qzSystemUtils.h>
 
-#include "HttpTestEnv.h"
 #include "support/LogCapture.h"
 #include "support/TestHttpServer.h"
 
@@ -17,6 +17,16 @@
 using namespace qz::http;
 
 namespace {
+
+// Monotonic time seen by the library while a FakeClock lives.
+struct FakeClock {
+  static inline std::atomic<int64_t> now{1000000};
+  FakeClock() {
+    qz::qzSystemUtils::SetTimeBaseMsHook([] { return now.load(); });
+  }
+  ~FakeClock() { qz::qzSystemUtils::SetTimeBaseMsHook(nullptr); }
+  void advance(int64_t ms) { now += ms; }
+};
 
 class Pool : public testing::Test {
 protected:
@@ -75,7 +85,7 @@ TEST_F(Pool, IdleListOrderKeyAndCap) {
 }
 
 TEST_F(Pool, AgeingIsStrictlyLongerThanKeepOpen) {
-  httptest::FakeClock clock;
+  FakeClock clock;
   HttpConnectionPool pool;
   pool.setMaxPendingConnection(10);
   pool.setKeepOpenDurationSec(2);
