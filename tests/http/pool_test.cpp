@@ -151,10 +151,9 @@ TEST_F(Pool, LockersBorrowReturnAndWarnWhenUsedElsewhere) {
   }
   const std::string expected = "Http connection from pool was used with an other host/port '" + other.url("/echo") +
                                "' than the one declared 127.0.0.1:" + std::to_string(srv.port());
-  const auto lines = cap.lines();
-  auto it = std::find_if(lines.begin(), lines.end(), [&](const auto& l) { return l.text == expected; });
-  ASSERT_NE(it, lines.end()) << cap.dump();
-  EXPECT_EQ(it->type, qz::qzLog::Warning);
+  EXPECT_TRUE(cap.has("http", expected)) << cap.dump();
+  for (const auto& l : cap.lines()) // this one and the connection's own host:port change
+    EXPECT_EQ(l.type, qz::qzLog::Warning) << l.text;
   EXPECT_EQ(take(pool, other.port()), first); // pooled under the host:port it really talked to
   delete first;
   // A new connection (nothing borrowed) used elsewhere does not warn; an adopted one is deleted.
