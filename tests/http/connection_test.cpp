@@ -52,11 +52,6 @@ testing::Matcher<std::string> curlError(CURLcode code) {
                HasSubstr(" Curl error : " + std::to_string(code) + " (" + curl_easy_strerror(code) + ") "));
 }
 
-bool fetch(HttpConnection& c, const std::string& url, std::string& body) {
-  body.clear();
-  return c.getHttpData(qz::Url(url), "", 200, collectBody, &body);
-}
-
 class Connection : public testing::Test {
 protected:
   void SetUp() override {
@@ -239,24 +234,23 @@ TEST_F(Connection, RefusesToRunBeforeInitialisation) {
 }
 
 // TLS and interop against one nginx, started on first use and stopped at exit.
-class Tls : public testing::Test {
+class Tls : public Connection {
 protected:
   void SetUp() override { ASSERT_TRUE(nginx.isRunning() || nginx.start()) << nginx.lastError(); }
   static inline qztest::NginxFixture nginx;
-  std::string body;
 };
 
 TEST_F(Tls, VerificationFailsOnSelfSignedUnlessDisabledOrLoopbackText) {
   const std::string byName = "https://localhost:" + std::to_string(nginx.httpsPort()) + "/small";
   HttpConnection c;
-  EXPECT_FALSE(fetch(c, byName, body));
+  EXPECT_FALSE(get(c, byName));
   EXPECT_TRUE(c.isLastCallUnableToVerifyPeer()) << c.getLastErrorMsg();
   EXPECT_THAT(c.getLastErrorMsg(), HasSubstr("Curl internal error : "));
   c.editConnectionParameters().sslValidatePolicy = SVP_NoVerify;
-  EXPECT_TRUE(fetch(c, byName, body)) << c.getLastErrorMsg();
+  EXPECT_TRUE(get(c, byName)) << c.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
   HttpConnection loop; // verification on by default, exempt by the exact loopback text
-  EXPECT_TRUE(fetch(loop, nginx.httpsUrl("/small"), body)) << loop.getLastErrorMsg();
+  EXPECT_TRUE(get(loop, nginx.httpsUrl("/small"))) << loop.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
 }
 
