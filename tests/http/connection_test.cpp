@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <functional>
 
 using namespace qz::http;
 using testing::AllOf;
