@@ -4,19 +4,26 @@
 #include <HttpTools/http/HttpHelpers.h>
 #include <HttpTools/platform/qzIoDevice.h>
 
-#include "HttpTestEnv.h"
 #include "support/LogCapture.h"
 #include "support/NginxFixture.h"
 #include "support/TestHttpServer.h"
 
 #include <curl/curl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
 
 using namespace qz::http;
+using testing::AllOf;
+using testing::Eq;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
+
+using SetupFn = HttpConnection::SetupCallback;
+using Params = HttpConnection::ConnectionParameters;
 
 // A minimal set-up callback: the body goes to a string, nothing else.
 size_t appendBody(char* data, size_t size, size_t n, void* user) {
@@ -29,6 +36,20 @@ int collectBody(void* curl, void*, std::list<std::string>& extra) {
          curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_NOPROGRESS, 1L);
 }
 int refuse(void*, void*, std::list<std::string>&) { return 7; }
+int collectWithTimeout(void* curl, void* user, std::list<std::string>& extra) {
+  curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_TIMEOUT_MS, 300L);
+  return collectBody(curl, user, extra);
+}
+// A proxy text longer than libcurl accepts: the set-up fails.
+void hugeProxy(Params& p) {
+  p.proxyPolicy = PP_ManualProxy;
+  p.manualProxyUrl = qz::Url("http://proxy:3128");
+  p.manualProxyUrl.host = std::string(9 * 1024 * 1024, 'p');
+}
+testing::Matcher<std::string> curlError(CURLcode code) {
+  return AllOf(StartsWith("HttpConnection error : Curl easy perform error after "),
+               HasSubstr(" Curl error : " + std::to_string(code) + " (" + curl_easy_strerror(code) + ") "));
+}
 
 class Connection : public testing::Test {
 protected:
@@ -36,9 +57,11 @@ protected:
     ASSERT_TRUE(srv.isRunning());
     srv.resetCounters();
   }
-  bool get(HttpConnection& c, const std::string& path, long expectCode = 200, const std::string& type = "") {
+  // A path starting with '/' is on the shared server.
+  bool get(HttpConnection& c, const std::string& url, long expectCode = 200, const std::string& type = "",
+           SetupFn setup = collectBody) {
     body.clear();
-    return c.getHttpData(qz::Url(srv.url(path)), type, expectCode, collectBody, &body);
+    return c.getHttpData(qz::Url(url[0] == '/' ? srv.url(url) : url), type, expectCode, setup, &body);
   }
   qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
   std::string body;
@@ -49,8 +72,10 @@ TEST_F(Connection, SuccessRecordsOutcomeAndSendsHeaders) {
   c.addCommonHeader("X-Common: a");
   c.addCommonHeader("X-Common: a"); // identical: ignored
   c.addCommonHeader("X-Common: b");
-  EXPECT_EQ(c.getCommonHeaders(), (std::list<std::string>{"X-Common: a", "X-Common: b"}));
+  c.editConnectionParameters().proxyPolicy = PP_ManualProxy; // invalid manual proxy: only logged
+  qztest::LogCapture cap;
   ASSERT_TRUE(get(c, "/echo")) << c.getLastErrorMsg();
+  EXPECT_TRUE(cap.hasPrefix("Manual proxy url is invalid ")) << cap.dump();
   EXPECT_EQ(c.getLastHttpReturnCode(), 200);
   EXPECT_EQ(c.getLastReceivedType(), "text/plain");
   EXPECT_EQ(c.getLastErrorMsg(), "Http return code 200 "); // the status shows even on success
@@ -65,78 +90,77 @@ TEST_F(Connection, SuccessRecordsOutcomeAndSendsHeaders) {
   EXPECT_EQ(srv.lastRequest().headerCount("X-Common"), 0u);
 }
 
-TEST_F(Connection, HttpLevelFailureKeepsHandleLibcurlFailureDropsIt) {
-  HttpConnection c;
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_FALSE(get(c, "/status/503"));
-  EXPECT_EQ(c.getLastErrorMsg(), "HttpConnection error : bad html response code, got 503, expect 200 " +
-                                     srv.url("/status/503") + " Http return code 503 ");
-  EXPECT_FALSE(get(c, "/type?ct=text/html", 200, "application/json"));
-  EXPECT_EQ(c.getLastErrorMsg(), "HttpConnection error : bad content type, got text/html, expect application/json " +
-                                     qz::Url(srv.url("/type?ct=text/html")).toDisplayableUrl() +
-                                     " Http return code 200 ");
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.connectionCount(), 1u); // same TCP connection all along
-
-  // A libcurl-level failure (truncated body) drops the handle: the next call connects again.
-  EXPECT_FALSE(get(c, "/truncated"));
-  EXPECT_EQ(c.getLastHttpReturnCode(), 200);
-  const std::string msg = c.getLastErrorMsg();
-  EXPECT_EQ(msg.rfind("HttpConnection error : Curl easy perform error after ", 0), 0u) << msg;
-  EXPECT_NE(msg.find(", " + srv.url("/truncated") + " Http return code 200 Curl error : 18 (" +
-                     curl_easy_strerror(CURLE_PARTIAL_FILE) + ") Curl internal error : "),
-            std::string::npos)
-      << msg;
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.connectionCount(), 2u);
-
-  // So does an explicit clearConnection.
-  c.clearConnection();
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.connectionCount(), 3u);
-}
-
-TEST_F(Connection, AnyCodeAndAnyTypeWhenNotExpected) {
-  HttpConnection c;
-  for (long expect : {0L, -1L}) {
-    EXPECT_TRUE(get(c, "/status/404", expect)) << c.getLastErrorMsg();
-    EXPECT_EQ(c.getLastHttpReturnCode(), 404);
-  }
-  EXPECT_TRUE(get(c, "/type?ct=application/json;%20charset=utf-8", 200, ""));
-  EXPECT_EQ(c.getLastReceivedType(), "application/json; charset=utf-8");
-  // The type check is exact, parameters included.
-  EXPECT_FALSE(get(c, "/type?ct=application/json;%20charset=utf-8", 200, "application/json"));
-}
-
-TEST_F(Connection, CallbackRefusalAbortsAndDropsHandle) {
-  HttpConnection c;
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_FALSE(c.getHttpData(qz::Url(srv.url("/echo")), "", 200, refuse, nullptr));
-  EXPECT_EQ(c.getLastErrorMsg(), "HttpConnection error : User callback return and error ");
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.connectionCount(), 2u);
-}
-
-TEST_F(Connection, TimeOutIsReportedAndDropsHandle) {
-  HttpConnection c;
-  auto setupWithTimeout = [](void* curl, void* user, std::list<std::string>& extra) {
-    curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_TIMEOUT_MS, 300L);
-    return collectBody(curl, user, extra);
+// Outcome of each kind of call. HTTP-level failures keep the handle (and its TCP connection);
+// libcurl-level and set-up failures drop it, so the next call connects again.
+TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
+  struct Case {
+    std::string url;
+    bool ok;
+    testing::Matcher<std::string> message;
+    bool dropsHandle;
+    long code = 200;
+    const char* type = "";
+    void (*edit)(Params&) = nullptr;
+    SetupFn setup = collectBody;
   };
-  EXPECT_FALSE(c.getHttpData(qz::Url(srv.url("/stall?ms=3000")), "", 200, setupWithTimeout, &body));
-  EXPECT_TRUE(c.isLastCallTimedOut());
-  EXPECT_FALSE(c.isLastCallUnableToVerifyPeer());
-  EXPECT_NE(c.getLastErrorMsg().find("Curl error : 28 ("), std::string::npos) << c.getLastErrorMsg();
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_FALSE(c.isLastCallTimedOut());
-}
-
-TEST_F(Connection, LowSpeedLimitAbortsSlowBody) {
+  const std::string json = "/type?ct=application/json;%20charset=utf-8";
+  auto noFollow = [](Params& p) { p.followLocation = false; };
+  const std::vector<Case> cases{
+      {"/status/503", false,
+       Eq("HttpConnection error : bad html response code, got 503, expect 200 " + srv.url("/status/503") +
+          " Http return code 503 "),
+       false},
+      {"/type?ct=text/html", false,
+       Eq("HttpConnection error : bad content type, got text/html, expect application/json " +
+          qz::Url(srv.url("/type?ct=text/html")).toDisplayableUrl() + " Http return code 200 "),
+       false, 200, "application/json"},
+      // Any code when none (0 or negative) is expected, any type when none is; the type check is exact.
+      {"/status/404", true, Eq("Http return code 404 "), false, 0},
+      {"/status/404", true, Eq("Http return code 404 "), false, -1},
+      {json, true, Eq("Http return code 200 "), false},
+      {json, false, HasSubstr(" : bad content type, got application/json; charset=utf-8, expect application/json "),
+       false, 200, "application/json"},
+      {"/redirect/3", true, Eq("Http return code 200 "), false}, // at most 3 by default
+      {"/redirect/4", false, curlError(CURLE_TOO_MANY_REDIRECTS), true},
+      {"/redirect/1", false, HasSubstr("got 302, expect 200"), false, 200, "", noFollow},
+      {"/redirect/1", true, Eq("Http return code 302 "), false, 302, "", noFollow},
+      {"/truncated", false,
+       AllOf(curlError(CURLE_PARTIAL_FILE), HasSubstr(", " + srv.url("/truncated") + " Http return code 200 Curl"),
+             HasSubstr(") Curl internal error : ")),
+       true},
+      {"/echo", false, Eq("HttpConnection error : User callback return and error "), true, 200, "", nullptr, refuse},
+      {"/stall?ms=3000", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "", nullptr, collectWithTimeout},
+      {"/slow?blocks=20&size=1&delay=300", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "",
+       [](Params& p) { p.lowSpeedTime = 1; }},
+      {"/echo", false, Eq("HttpConnection error : Fail to setupconnection "), true, 200, "", hugeProxy},
+      // Bad input fails with a clear message and no crash.
+      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", false, curlError(CURLE_COULDNT_CONNECT),
+       true},
+      {"notascheme://127.0.0.1/", false, curlError(CURLE_UNSUPPORTED_PROTOCOL), true},
+      {"http://no-such-host.invalid/", false, curlError(CURLE_COULDNT_RESOLVE_HOST), true},
+      {"http://bad host/", false, curlError(CURLE_URL_MALFORMAT), true}, // unparsed: an empty URL
+  };
   HttpConnection c;
-  c.editConnectionParameters().lowSpeedLimit = 1000;
-  c.editConnectionParameters().lowSpeedTime = 1;
-  EXPECT_FALSE(get(c, "/slow?blocks=30&size=10&delay=200"));
-  EXPECT_TRUE(c.isLastCallTimedOut()) << c.getLastErrorMsg();
+  qztest::LogCapture quiet; // host changes and helper noise
+  for (const auto& k : cases) {
+    ASSERT_TRUE(get(c, "/echo")) << k.url;
+    const size_t before = srv.connectionCount();
+    if (k.edit)
+      k.edit(c.editConnectionParameters());
+    EXPECT_EQ(get(c, k.url, k.code, k.type, k.setup), k.ok) << k.url;
+    c.setConnectionParameters(Params());
+    const std::string m = c.getLastErrorMsg();
+    EXPECT_THAT(m, k.message) << k.url;
+    EXPECT_EQ(c.isLastCallTimedOut(), m.find("Curl error : 28 (") != std::string::npos) << k.url;
+    EXPECT_FALSE(c.isLastCallUnableToVerifyPeer()) << k.url;
+    ASSERT_TRUE(get(c, "/echo")) << k.url << ": " << c.getLastErrorMsg();
+    EXPECT_EQ(srv.connectionCount(), before + (k.dropsHandle ? 1 : 0)) << k.url;
+  }
+  const size_t before = srv.connectionCount();
+  c.clearConnection(); // drops the handle and nothing else
+  EXPECT_EQ(c.getLastErrorMsg(), "Http return code 200 ");
+  ASSERT_TRUE(get(c, "/echo"));
+  EXPECT_EQ(srv.connectionCount(), before + 1);
 }
 
 TEST_F(Connection, ReuseForAnotherHostPortLogsAndGoesOn) {
@@ -146,27 +170,14 @@ TEST_F(Connection, ReuseForAnotherHostPortLogsAndGoesOn) {
   HttpConnection c;
   ASSERT_TRUE(get(c, "/echo"));
   qztest::LogCapture cap;
-  body.clear();
-  EXPECT_TRUE(c.getHttpData(qz::Url(other.url("/echo")), "", 200, collectBody, &body));
+  EXPECT_TRUE(get(c, other.url("/echo")));
+  ASSERT_EQ(cap.size(), 1u) << cap.dump();
   EXPECT_TRUE(cap.has("http", "Http connection was reused with a different host:port " + srv.url("/echo") + " " +
                                   other.url("/echo")))
       << cap.dump();
   EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Warning);
-  cap.clear();
-  EXPECT_TRUE(c.getHttpData(qz::Url(other.url("/status/200")), "", 200, collectBody, &body));
-  EXPECT_EQ(cap.size(), 0u); // same host:port, other path
-}
-
-TEST_F(Connection, RedirectsFollowedUpToTheLimit) {
-  HttpConnection c;
-  ASSERT_TRUE(get(c, "/redirect/3"));
-  EXPECT_EQ(body, "landed");
-  EXPECT_FALSE(get(c, "/redirect/4")); // default maximum is 3
-  EXPECT_NE(c.getLastErrorMsg().find("Curl error : 47 ("), std::string::npos) << c.getLastErrorMsg();
-  c.editConnectionParameters().followLocation = false;
-  EXPECT_FALSE(get(c, "/redirect/1"));
-  EXPECT_EQ(c.getLastHttpReturnCode(), 302);
-  EXPECT_TRUE(get(c, "/redirect/1", 302));
+  EXPECT_TRUE(get(c, other.url("/status/200")));
+  EXPECT_EQ(cap.size(), 1u); // same host:port, other path
 }
 
 TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
@@ -175,10 +186,8 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   qztest::LogCapture cap;
   ASSERT_TRUE(get(c, "/bytes?n=100"));
   const std::string& dbg = c.getLastDebugInformations();
-  EXPECT_NE(dbg.find("> GET /bytes?n=100 HTTP/1.1\r\n"), std::string::npos) << dbg;
-  EXPECT_NE(dbg.find("< HTTP/1.1 200 OK\r\n"), std::string::npos) << dbg;
-  EXPECT_NE(dbg.find("DataIn 100B"), std::string::npos) << dbg;
-  EXPECT_EQ(dbg.find("abcdefghij"), std::string::npos); // payload is never copied
+  EXPECT_THAT(dbg, AllOf(HasSubstr("> GET /bytes?n=100 HTTP/1.1\r\n"), HasSubstr("< HTTP/1.1 200 OK\r\n"),
+                         HasSubstr("DataIn 100B"), testing::Not(HasSubstr("abcdefghij")))); // no payload copy
   for (const auto& l : cap.lines())
     EXPECT_NE(l.category, "curl");
   c.editConnectionParameters().verbose = 2;
@@ -189,56 +198,21 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   EXPECT_EQ(c.getLastDebugInformations(), "");
 }
 
-// Bad input: every case fails with a clear message and no crash.
-TEST_F(Connection, BadInputFailsWithMessage) {
-  const int closedPort = qztest::FreeLoopbackPort();
-  struct Case {
-    std::string url;
-    const char* expectInMessage;
-  };
-  const std::vector<Case> cases{
-      {"http://127.0.0.1:" + std::to_string(closedPort) + "/", "Curl error : 7 ("},
-      {"notascheme://127.0.0.1/", "Curl error : 1 ("},
-      {"http://no-such-host.invalid/", "Curl error : 6 ("},
-      {"http://bad host/", "Curl error : "}, // does not parse: an empty URL reaches libcurl
-  };
-  for (const auto& k : cases) {
-    HttpConnection c;
-    std::string out;
-    qztest::LogCapture quiet;
-    EXPECT_FALSE(c.getHttpData(qz::Url(k.url), "", 200, collectBody, &out)) << k.url;
-    EXPECT_NE(c.getLastErrorMsg().find(k.expectInMessage), std::string::npos) << k.url << ": " << c.getLastErrorMsg();
-    EXPECT_EQ(c.getLastErrorMsg().rfind("HttpConnection error : ", 0), 0u) << c.getLastErrorMsg();
-  }
-  // An invalid manual proxy is only logged: the request goes out directly.
-  HttpConnection c;
-  c.editConnectionParameters().proxyPolicy = PP_ManualProxy;
-  qztest::LogCapture cap;
-  EXPECT_TRUE(get(c, "/echo")) << c.getLastErrorMsg();
-  EXPECT_TRUE(cap.hasPrefix("Manual proxy url is invalid ")) << cap.dump();
-  // An option libcurl refuses makes the set-up fail.
-  c.editConnectionParameters().manualProxyUrl = qz::Url("http://proxy:3128");
-  c.editConnectionParameters().manualProxyUrl.host = std::string(9 * 1024 * 1024, 'p');
-  EXPECT_FALSE(get(c, "/echo"));
-  EXPECT_EQ(c.getLastErrorMsg(), "HttpConnection error : Fail to setupconnection ");
-}
-
 TEST_F(Connection, NameThatFailsUnderPreferredFamilyIsRetriedOnce) {
   HttpConnection c;
   c.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv4;
-  c.editConnectionParameters().connectTimeoutSec = 2;
-  EXPECT_FALSE(c.getHttpData(qz::Url("http://no-such-host.invalid/"), "", 200, collectBody, &body));
+  EXPECT_FALSE(get(c, "http://no-such-host.invalid/"));
   EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, HNRP_Whatever); // lasting change
 
   // A literal address is never retried; neither is the default policy even when the process
   // default prefers a family.
   HttpConnection lit;
   lit.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv6;
-  EXPECT_FALSE(lit.getHttpData(qz::Url(srv.url("/echo")), "", 200, collectBody, &body)); // v4 literal, v6 only
+  EXPECT_FALSE(get(lit, srv.url("/echo"))); // v4 literal, v6 only
   EXPECT_EQ(lit.getConnectionParameters().hostNameResolutionPolicy, HNRP_PreferIpv6);
   qz::SetDefaultHostNameResolutionPolicy(HNRP_PreferIpv4);
   HttpConnection def;
-  EXPECT_FALSE(def.getHttpData(qz::Url("http://no-such-host.invalid/"), "", 200, collectBody, &body));
+  EXPECT_FALSE(get(def, "http://no-such-host.invalid/"));
   EXPECT_EQ(def.getConnectionParameters().hostNameResolutionPolicy, HNRP_Default);
   qz::SetDefaultHostNameResolutionPolicy(HNRP_Whatever);
 }
@@ -258,94 +232,59 @@ TEST_F(Connection, RefusesToRunBeforeInitialisation) {
   qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
 }
 
-// TLS against nginx: verification, the 127.0.0.1 exemption and keep-alive reuse.
-class Tls : public testing::Test /* nginx with TLS */ {
+// TLS and interop against one nginx, started on first use and stopped at exit.
+class Tls : public Connection {
 protected:
-  static void SetUpTestSuite() {
-    nginx = new qztest::NginxFixture;
-    startError = nginx->start() ? "" : nginx->lastError();
-  }
-  static void TearDownTestSuite() {
-    delete nginx;
-    nginx = nullptr;
-  }
-  void SetUp() override { ASSERT_EQ(startError, "") << startError; }
-  static inline qztest::NginxFixture* nginx = nullptr;
-  static inline std::string startError;
-  std::string body;
+  void SetUp() override { ASSERT_TRUE(nginx.isRunning() || nginx.start()) << nginx.lastError(); }
+  static inline qztest::NginxFixture nginx;
 };
 
 TEST_F(Tls, VerificationFailsOnSelfSignedUnlessDisabledOrLoopbackText) {
-  const std::string byName = "https://localhost:" + std::to_string(nginx->httpsPort()) + "/small";
+  const std::string byName = "https://localhost:" + std::to_string(nginx.httpsPort()) + "/small";
   HttpConnection c;
-  c.editConnectionParameters().hostNameResolutionPolicy = HNRP_Whatever;
-  EXPECT_FALSE(c.getHttpData(qz::Url(byName), "", 200, collectBody, &body));
+  EXPECT_FALSE(get(c, byName));
   EXPECT_TRUE(c.isLastCallUnableToVerifyPeer()) << c.getLastErrorMsg();
-  EXPECT_NE(c.getLastErrorMsg().find("Curl internal error : "), std::string::npos);
-
+  EXPECT_THAT(c.getLastErrorMsg(), HasSubstr("Curl internal error : "));
   c.editConnectionParameters().sslValidatePolicy = SVP_NoVerify;
-  body.clear();
-  EXPECT_TRUE(c.getHttpData(qz::Url(byName), "", 200, collectBody, &body)) << c.getLastErrorMsg();
+  EXPECT_TRUE(get(c, byName)) << c.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
-
   HttpConnection loop; // verification on by default, exempt by the exact loopback text
-  body.clear();
-  EXPECT_TRUE(loop.getHttpData(qz::Url(nginx->httpsUrl("/small")), "", 200, collectBody, &body))
-      << loop.getLastErrorMsg();
+  EXPECT_TRUE(get(loop, nginx.httpsUrl("/small"))) << loop.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
 }
 
-TEST_F(Tls, KeepAliveReuseIsVisibleInNginxCount) {
-  const long before = nginx->connectionCount();
+// Exact bytes of a binary file into a device over TLS.
+TEST_F(Tls, DownloadIntoDevice) {
+  std::string content(300000, '\0');
+  for (size_t i = 0; i < content.size(); ++i)
+    content[i] = char(i * 131 % 251);
+  std::ofstream(nginx.filesDir() + "/blob.bin", std::ios::binary) << content;
   HttpConnection c;
-  for (int i = 0; i < 5; ++i) {
-    body.clear();
-    ASSERT_TRUE(c.getHttpData(qz::Url(nginx->httpsUrl("/small")), "", 200, collectBody, &body)) << c.getLastErrorMsg();
-  }
-  EXPECT_EQ(nginx->connectionCount() - before, 1);
-  c.clearConnection();
-  ASSERT_TRUE(c.getHttpData(qz::Url(nginx->httpsUrl("/small")), "", 200, collectBody, &body));
-  EXPECT_EQ(nginx->connectionCount() - before, 2);
+  qz::qzIoDeviceMemory dev;
+  HttpHelpers::HttpResult r;
+  r.outputDevice = &dev;
+  ASSERT_TRUE(HttpHelpers::HttpGet(c, qz::Url(nginx.httpsUrl("/files/blob.bin")), &r)) << c.getLastErrorMsg();
+  EXPECT_EQ(r.receivedBytes, content.size());
+  EXPECT_TRUE(dev.data() == content);
 }
 
-// HttpGetJson with a body: sent as GET with its length and JSON type; nginx reads and drops it,
+// HttpGetJson with a body over TLS: sent as GET with its length and JSON type; nginx reads and drops it,
 // and the kept-alive connection stays usable.
 TEST_F(Tls, GetJsonWithBodyOverKeptAliveConnection) {
   HttpConnection c;
   c.editConnectionParameters().verbose = 1;
-  const std::string body = R"({"keys":[1,2]})";
+  const std::string json = R"({"keys":[1,2]})";
   std::string out;
-  const long before = nginx->connectionCount();
-  ASSERT_TRUE(qz::http::HttpHelpers::HttpGetJson(c, qz::Url(nginx->httpUrl("/json")), out, nullptr, nullptr, nullptr,
-                                                 nullptr, &body, true))
+  const long before = nginx.connectionCount();
+  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out, nullptr, nullptr, nullptr, nullptr,
+                                       &json, true))
       << c.getLastErrorMsg();
   EXPECT_EQ(out, R"({"ok":true})");
-  const std::string& dbg = c.getLastDebugInformations();
-  EXPECT_NE(dbg.find("> GET /json HTTP/1.1\r\n"), std::string::npos) << dbg;
-  EXPECT_NE(dbg.find("Content-Length: 14\r\n"), std::string::npos) << dbg;
-  EXPECT_NE(dbg.find("Content-Type:application/json\r\n"), std::string::npos) << dbg;
-  EXPECT_NE(dbg.find("DataOut 14B"), std::string::npos) << dbg;
-  ASSERT_TRUE(qz::http::HttpHelpers::HttpGetJson(c, qz::Url(nginx->httpUrl("/json")), out));
-  EXPECT_EQ(nginx->connectionCount() - before, 1);
-}
-
-// A download into a device: exact bytes of a file served by nginx.
-TEST_F(Tls, DownloadIntoDeviceOverTls) {
-  std::string content(300000, '\0');
-  for (size_t i = 0; i < content.size(); ++i)
-    content[i] = char(i * 131 % 251);
-  {
-    std::ofstream f(nginx->filesDir() + "/blob.bin", std::ios::binary);
-    f << content;
-  }
-  HttpConnection c;
-  qz::qzIoDeviceMemory dev;
-  qz::http::HttpHelpers::HttpResult r;
-  r.outputDevice = &dev;
-  ASSERT_TRUE(qz::http::HttpHelpers::HttpGet(c, qz::Url(nginx->httpsUrl("/files/blob.bin")), &r))
-      << c.getLastErrorMsg();
-  EXPECT_EQ(r.receivedBytes, content.size());
-  EXPECT_TRUE(dev.data() == content);
+  EXPECT_THAT(c.getLastDebugInformations(),
+              AllOf(HasSubstr("> GET /json HTTP/1.1\r\n"), HasSubstr("Content-Length: 14\r\n"),
+                    HasSubstr("Content-Type:application/json\r\n"), HasSubstr("DataOut 14B")));
+  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out));
+  EXPECT_EQ(nginx.connectionCount() - before, 1);
 }
 
 } // namespace

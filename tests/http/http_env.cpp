@@ -1,4 +1,4 @@
-#include "HttpTestEnv.h"
+#include <HttpTools/frame/HttpToolsLib.h>
 
 #include <gtest/gtest.h>
 
