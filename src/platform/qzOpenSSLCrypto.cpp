@@ -394,6 +394,22 @@ PkeyPtr fromData(const char* type, OSSL_PARAM_BLD* bld, std::string& error) {
   }
   return PkeyPtr(raw);
 }
+
+// A checked public key built from parameters, ready to install; null with `error` set otherwise.
+std::unique_ptr<AsymmetricKey::Impl> publicKeyFromParams(const char* algorithm, OSSL_PARAM_BLD* bld,
+                                                         std::string& error) {
+  PkeyPtr pkey = fromData(algorithm, bld, error);
+  if (!pkey)
+    return nullptr;
+  AsymmetricKey::KeyType type;
+  EllipticCurve curve;
+  error = checkKey(pkey.get(), type, curve);
+  if (!error.empty())
+    return nullptr;
+  auto impl = std::make_unique<AsymmetricKey::Impl>();
+  impl->pkey = std::move(pkey);
+  return impl;
+}
 } // namespace
 
 std::shared_ptr<AsymmetricKey> AsymmetricKey::FromPem(const std::string& pem, std::string* error) {
@@ -420,20 +436,11 @@ RSAKey::RSAKey(const std::vector<char>& n, const std::vector<char>& e) {
     setError(sslError("cannot build the RSA key"));
     return;
   }
-  PkeyPtr pkey = fromData("RSA", bld.get(), error);
-  if (!pkey) {
+  auto impl = publicKeyFromParams("RSA", bld.get(), error);
+  if (!impl) {
     setError(error);
     return;
   }
-  KeyType type;
-  EllipticCurve curve;
-  error = checkKey(pkey.get(), type, curve);
-  if (!error.empty()) {
-    setError(error);
-    return;
-  }
-  auto impl = std::make_unique<Impl>();
-  impl->pkey = std::move(pkey);
   setImpl(std::move(impl), KT_RSA, KU_Verify);
 }
 
@@ -490,20 +497,11 @@ EllipticCurveKey::EllipticCurveKey(EllipticCurve curve, const std::vector<char>&
     return;
   }
   std::string error;
-  PkeyPtr pkey = fromData("EC", bld.get(), error);
-  if (!pkey) {
+  auto impl = publicKeyFromParams("EC", bld.get(), error);
+  if (!impl) {
     setError(error);
     return;
   }
-  KeyType type;
-  EllipticCurve got;
-  error = checkKey(pkey.get(), type, got);
-  if (!error.empty()) {
-    setError(error);
-    return;
-  }
-  auto impl = std::make_unique<Impl>();
-  impl->pkey = std::move(pkey);
   impl->curve = curve;
   setImpl(std::move(impl), KT_EC, KU_Verify);
 }
