@@ -1,0 +1,209 @@
+#include <HttpTools/couch/ViewResultStreamParser_p.h>
+#include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzLog.h>
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace qz::couch {
+
+namespace {
+
+// Next '"' or '\\' at or after p, or end. Inside a string nothing else matters.
+inline const char* findStringStop(const char* p, const char* end) {
+#if defined(__SSE2__)
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  while (end - p >= 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const unsigned m =
+        unsigned(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash))));
+    if (m)
+      return p + __builtin_ctz(m);
+    p += 16;
+  }
+#endif
+  while (p < end && *p != '"' && *p != '\\')
+    ++p;
+  return p;
+}
+
+// Next byte that changes the state outside a string: " \ [ ] { }, or end.
+inline const char* findStructural(const char* p, const char* end) {
+#if defined(__SSE2__)
+  // '[' and '{' differ only by bit 0x20, as do ']' and '}'.
+  const __m128i caseBit = _mm_set1_epi8(0x20);
+  const __m128i open = _mm_set1_epi8('{');
+  const __m128i close = _mm_set1_epi8('}');
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  while (end - p >= 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i folded = _mm_or_si128(v, caseBit);
+    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(folded, open), _mm_cmpeq_epi8(folded, close)),
+                                     _mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)));
+    const unsigned m = unsigned(_mm_movemask_epi8(hit));
+    if (m)
+      return p + __builtin_ctz(m);
+    p += 16;
+  }
+#endif
+  for (; p < end; ++p) {
+    const char c = *p;
+    if (c == '"' || c == '\\' || c == '[' || c == ']' || c == '{' || c == '}')
+      return p;
+  }
+  return p;
+}
+
+} // namespace
+
+ViewResultStreamParser::ViewResultStreamParser(CouchViewRowFunction rowFunction, void* userData, const bool* cancelFlag)
+    : m_rowFunction(rowFunction), m_userData(userData), m_cancelFlag(cancelFlag) {}
+
+bool ViewResultStreamParser::feed(const char* data, size_t length) {
+  if (length == 0)
+    return true;
+  const size_t scanFrom = m_buffer.size();
+  m_buffer.append(data, length);
+  const char* const base = m_buffer.data();
+  const char* const end = base + m_buffer.size();
+  const char* p = base + scanFrom;
+  const bool cutRows = m_rowFunction || m_rowTextFunction;
+
+  if (m_escaped) {
+    m_escaped = false;
+    ++p;
+  }
+  // The counters live in locals for the loop and go back to the members before any exit.
+  int32_t braces = m_braceCounter;
+  int32_t squares = m_squareBracketCounter;
+  bool inString = m_inString;
+  size_t rowStart = m_rowStart;
+
+  while (p < end) {
+    if (inString) {
+      p = findStringStop(p, end);
+      if (p == end)
+        break;
+    } else {
+      p = findStructural(p, end);
+      if (p == end)
+        break;
+    }
+    switch (*p) {
+    case '"':
+      inString = !inString;
+      break;
+    case '\\':
+      if (p + 1 == end) {
+        m_escaped = true;
+        break;
+      }
+      ++p; // the escaped byte, whatever it is
+      break;
+    case '[':
+      ++squares;
+      break;
+    case ']':
+      --squares;
+      break;
+    case '{':
+      if (++braces == 2 && squares == 1)
+        rowStart = size_t(p - base);
+      break;
+    case '}':
+      if (braces == 2 && squares == 1 && cutRows) {
+        m_braceCounter = braces;
+        m_squareBracketCounter = squares;
+        m_inString = inString;
+        if (!deliverRow(base + rowStart, size_t(p - base) - rowStart + 1)) {
+          m_rowStart = rowStart;
+          return false;
+        }
+        rowStart = size_t(p - base);
+      }
+      --braces;
+      break;
+    default:
+      break;
+    }
+    ++p;
+  }
+
+  m_braceCounter = braces;
+  m_squareBracketCounter = squares;
+  m_inString = inString;
+  // Compact once per chunk: keep the partial row (or the end of the last row) onwards.
+  if (rowStart != 0)
+    m_buffer.erase(0, rowStart);
+  m_rowStart = 0;
+  return true;
+}
+
+bool ViewResultStreamParser::deliverRow(const char* text, size_t length) {
+  if (m_rowTextFunction)
+    return m_rowTextFunction(text, length, m_rowTextUserData);
+
+  m_row.clear();
+  if (!json::Json2Variant::Convert(text, length, m_row)) {
+    qzLogObject(qzLog::Error, "couchdb") << "Error while parsing result, invalid json "
+                                         << std::string_view(text, length);
+    return false;
+  }
+  ++m_rowCount;
+  const auto id = m_row.find("id");
+  const auto key = m_row.find("key");
+  const auto value = m_row.find("value");
+  const auto missing = m_row.end();
+  if (id == missing || key == missing || value == missing) {
+    qzLogObject(qzLog::Error, "couchdb") << "On error BracketCounter " << m_braceCounter << ", SquareBracketCounter "
+                                         << m_squareBracketCounter << ", cancelflag " << *m_cancelFlag;
+    const std::string_view row(text, length);
+    if (id == missing)
+      qzLogObject(qzLog::Error, "couchdb") << "Error while parsing result, missing 'id' entry in json " << row;
+    if (key == missing)
+      qzLogObject(qzLog::Error, "couchdb") << "Error while parsing result, missing 'key' entry in json " << row;
+    if (value == missing)
+      qzLogObject(qzLog::Error, "couchdb") << "Error while parsing result, missing 'value' entry in json " << row;
+    return false;
+  }
+  if (const std::string* s = id->second.stringPtr())
+    return m_rowFunction(*s, key->second, value->second, m_userData);
+  return m_rowFunction(id->second.toString(), key->second, value->second, m_userData);
+}
+
+size_t ViewResultStreamParser::WriteFunction(char* data, size_t size, size_t nmemb, void* userData) {
+  auto* parser = static_cast<ViewResultStreamParser*>(userData);
+  const size_t length = size * nmemb;
+  if (!parser->feed(data, length) || *parser->m_cancelFlag)
+    return length + 1; // any other count than the one given aborts the transfer
+  return length;
+}
+
+size_t ViewResultStreamParser::ReadFunction(char* out, size_t size, size_t nitems, void* userData) {
+  auto* parser = static_cast<ViewResultStreamParser*>(userData);
+  if (!parser->m_requestBody)
+    return CURL_READFUNC_ABORT;
+  const std::string& body = *parser->m_requestBody;
+  const size_t n = std::min(size * nitems, body.size() - parser->m_bodyOffset);
+  if (n)
+    std::memcpy(out, body.data() + parser->m_bodyOffset, n);
+  parser->m_bodyOffset += n;
+  if (*parser->m_cancelFlag)
+    return CURL_READFUNC_ABORT;
+  return n;
+}
+
+int ViewResultStreamParser::TransferInfoFunction(void* userData, int64_t, int64_t, int64_t, int64_t) {
+  return *static_cast<ViewResultStreamParser*>(userData)->m_cancelFlag ? 1 : 0;
+}
+
+} // namespace qz::couch
