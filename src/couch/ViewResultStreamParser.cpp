@@ -16,27 +16,8 @@ namespace qz::couch {
 
 namespace {
 
-// Next '"' or '\\' at or after p, or end. Inside a string nothing else matters.
-inline const char* findStringStop(const char* p, const char* end) {
-#if defined(__SSE2__)
-  const __m128i quote = _mm_set1_epi8('"');
-  const __m128i backslash = _mm_set1_epi8('\\');
-  while (end - p >= 16) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const unsigned m =
-        unsigned(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash))));
-    if (m)
-      return p + __builtin_ctz(m);
-    p += 16;
-  }
-#endif
-  while (p < end && *p != '"' && *p != '\\')
-    ++p;
-  return p;
-}
-
-// Next byte that changes the state outside a string: " \ [ ] { }, or end.
-inline const char* findStructural(const char* p, const char* end) {
+// Bit i set when byte i of the 64 at p is one the cutter reacts to: " \\ [ ] { }.
+inline uint64_t stopMask(const char* p) {
 #if defined(__SSE2__)
   // '[' and '{' differ only by bit 0x20, as do ']' and '}'.
   const __m128i caseBit = _mm_set1_epi8(0x20);
@@ -44,23 +25,24 @@ inline const char* findStructural(const char* p, const char* end) {
   const __m128i close = _mm_set1_epi8('}');
   const __m128i quote = _mm_set1_epi8('"');
   const __m128i backslash = _mm_set1_epi8('\\');
-  while (end - p >= 16) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  uint64_t mask = 0;
+  for (int k = 0; k < 4; ++k) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
     const __m128i folded = _mm_or_si128(v, caseBit);
     const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(folded, open), _mm_cmpeq_epi8(folded, close)),
                                      _mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)));
-    const unsigned m = unsigned(_mm_movemask_epi8(hit));
-    if (m)
-      return p + __builtin_ctz(m);
-    p += 16;
+    mask |= uint64_t(uint16_t(_mm_movemask_epi8(hit))) << (16 * k);
   }
-#endif
-  for (; p < end; ++p) {
-    const char c = *p;
+  return mask;
+#else
+  uint64_t mask = 0;
+  for (int i = 0; i < 64; ++i) {
+    const char c = p[i];
     if (c == '"' || c == '\\' || c == '[' || c == ']' || c == '{' || c == '}')
-      return p;
+      mask |= uint64_t(1) << i;
   }
-  return p;
+  return mask;
+#endif
 }
 
 } // namespace
@@ -74,69 +56,82 @@ bool ViewResultStreamParser::feed(const char* data, size_t length) {
   const size_t scanFrom = m_buffer.size();
   m_buffer.append(data, length);
   const char* const base = m_buffer.data();
-  const char* const end = base + m_buffer.size();
-  const char* p = base + scanFrom;
+  const size_t size = m_buffer.size();
   const bool cutRows = m_rowFunction || m_rowTextFunction;
 
-  if (m_escaped) {
-    m_escaped = false;
-    ++p;
-  }
-  // The counters live in locals for the loop and go back to the members before any exit.
+  // The state lives in locals for the loop and goes back to the members before any exit.
   int32_t braces = m_braceCounter;
   int32_t squares = m_squareBracketCounter;
   bool inString = m_inString;
   size_t rowStart = m_rowStart;
+  bool skipFirst = m_escaped; // a backslash ended the previous chunk or block
+  m_escaped = false;
 
-  while (p < end) {
-    if (inString) {
-      p = findStringStop(p, end);
-      if (p == end)
-        break;
+  // Blocks of 64 bytes: one mask of the bytes that matter, then only those bytes are visited.
+  // Inside a string the brackets in the mask are passed over, so each decision is the one a
+  // byte-by-byte scan would take.
+  for (size_t block = scanFrom; block < size; block += 64) {
+    const size_t blockLength = std::min<size_t>(64, size - block);
+    uint64_t mask;
+    if (blockLength == 64) {
+      mask = stopMask(base + block);
     } else {
-      p = findStructural(p, end);
-      if (p == end)
-        break;
+      char tail[64] = {};
+      std::memcpy(tail, base + block, blockLength);
+      mask = stopMask(tail) & ((uint64_t(1) << blockLength) - 1);
     }
-    switch (*p) {
-    case '"':
-      inString = !inString;
-      break;
-    case '\\':
-      if (p + 1 == end) {
-        m_escaped = true;
-        break;
+    if (skipFirst) {
+      mask &= ~uint64_t(1);
+      skipFirst = false;
+    }
+    while (mask) {
+      const unsigned bit = unsigned(__builtin_ctzll(mask));
+      mask &= mask - 1;
+      const size_t at = block + bit;
+      const char c = base[at];
+      if (c == '\\') {
+        // The next byte is skipped whatever it is, also across a block or chunk boundary.
+        if (bit + 1 == blockLength)
+          skipFirst = true;
+        else
+          mask &= ~(uint64_t(1) << (bit + 1));
+        continue;
       }
-      ++p; // the escaped byte, whatever it is
-      break;
-    case '[':
-      ++squares;
-      break;
-    case ']':
-      --squares;
-      break;
-    case '{':
-      if (++braces == 2 && squares == 1)
-        rowStart = size_t(p - base);
-      break;
-    case '}':
-      if (braces == 2 && squares == 1 && cutRows) {
-        m_braceCounter = braces;
-        m_squareBracketCounter = squares;
-        m_inString = inString;
-        if (!deliverRow(base + rowStart, size_t(p - base) - rowStart + 1)) {
-          m_rowStart = rowStart;
-          return false;
+      if (c == '"') {
+        inString = !inString;
+        continue;
+      }
+      if (inString)
+        continue;
+      switch (c) {
+      case '[':
+        ++squares;
+        break;
+      case ']':
+        --squares;
+        break;
+      case '{':
+        if (++braces == 2 && squares == 1)
+          rowStart = at;
+        break;
+      default: // '}'
+        if (braces == 2 && squares == 1 && cutRows) {
+          m_braceCounter = braces;
+          m_squareBracketCounter = squares;
+          m_inString = inString;
+          if (!deliverRow(base + rowStart, at - rowStart + 1)) {
+            m_rowStart = rowStart;
+            return false;
+          }
+          rowStart = at;
         }
-        rowStart = size_t(p - base);
+        --braces;
+        break;
       }
-      --braces;
-      break;
-    default:
-      break;
     }
-    ++p;
   }
+  // A skip carried past the last block means the chunk ended with a backslash.
+  m_escaped = skipFirst;
 
   m_braceCounter = braces;
   m_squareBracketCounter = squares;
