@@ -143,6 +143,16 @@ bool ViewResultStreamParser::feed(const char* data, size_t length) {
   return true;
 }
 
+void ViewResultStreamParser::reset() {
+  m_buffer.clear();
+  m_rowStart = 0;
+  m_braceCounter = 0;
+  m_squareBracketCounter = 0;
+  m_inString = false;
+  m_escaped = false;
+  m_bodyOffset = 0;
+}
+
 bool ViewResultStreamParser::deliverRow(const char* text, size_t length) {
   if (m_rowTextFunction)
     return m_rowTextFunction(text, length, m_rowTextUserData);
@@ -173,6 +183,39 @@ bool ViewResultStreamParser::deliverRow(const char* text, size_t length) {
   if (const std::string* s = id->second.stringPtr())
     return m_rowFunction(*s, key->second, value->second, m_userData);
   return m_rowFunction(id->second.toString(), key->second, value->second, m_userData);
+}
+
+int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>& headers) {
+  CURL* curl = static_cast<CURL*>(curlHandle);
+  auto* parser = static_cast<ViewResultStreamParser*>(userData);
+  curl_write_callback write = &ViewResultStreamParser::WriteFunction;
+  curl_xferinfo_callback transferInfo = &ViewResultStreamParser::TransferInfoFunction;
+  curl_read_callback read = &ViewResultStreamParser::ReadFunction;
+
+  int rc = 0;
+  rc |= curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write);
+  rc |= curl_easy_setopt(curl, CURLOPT_WRITEDATA, parser);
+  rc |= curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, transferInfo);
+  rc |= curl_easy_setopt(curl, CURLOPT_XFERINFODATA, parser);
+  rc |= curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
+  rc |= curl_easy_setopt(curl, CURLOPT_NOBODY, 0L);
+  rc |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
+  rc |= curl_easy_setopt(curl, CURLOPT_UPLOAD, 0L);
+  rc |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, static_cast<curl_read_callback>(nullptr));
+  rc |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, 0L);
+  rc |= curl_easy_setopt(curl, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
+  rc |= curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, static_cast<curl_write_callback>(nullptr));
+  if (const std::string* body = parser->requestBody()) {
+    rc |= curl_easy_setopt(curl, CURLOPT_POST, 1L);
+    rc |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, read);
+    rc |= curl_easy_setopt(curl, CURLOPT_READDATA, parser);
+    rc |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, long(body->size()));
+    // Without it libcurl labels the body as a form, and servers then ignore the keys.
+    headers.push_back("Content-Type: application/json");
+  } else {
+    rc |= curl_easy_setopt(curl, CURLOPT_POST, 0L);
+  }
+  return rc;
 }
 
 size_t ViewResultStreamParser::WriteFunction(char* data, size_t size, size_t nmemb, void* userData) {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <string>
 
 namespace qz::couch {
@@ -33,6 +34,10 @@ public:
     m_requestBody = body;
     m_bodyOffset = 0;
   }
+  const std::string* requestBody() const { return m_requestBody; }
+  // Forgets what a failed attempt left (partial row, depths, body position) before the request
+  // is issued again; the row count goes on.
+  void reset();
 
   // libcurl callbacks; `userData` is the parser.
   static size_t WriteFunction(char* data, size_t size, size_t nmemb, void* userData);
@@ -66,5 +71,9 @@ private:
   const bool* m_cancelFlag;
   qzVariantMapImpl m_row;
 };
+
+// Sets the transfer options of one view request on the libcurl handle `curlHandle`; `userData`
+// is the ViewResultStreamParser. Returns the OR of the option results (0: all accepted).
+HTTPTOOLS_API int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>& headers);
 
 } // namespace qz::couch
