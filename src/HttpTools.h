@@ -6,6 +6,9 @@
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>
 #include <HttpTools/frame/Version.h>
+#include <HttpTools/jwt/Jwt.h>
+#include <HttpTools/jwt/KeyProvider.h>
+#include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/EnumHelperInterface.h>
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/platform/LibInit.h>
@@ -14,7 +17,10 @@
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzOpenSSL.h>
+#include <HttpTools/platform/qzOpenSSLCrypto.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzThread.h>
 #include <HttpTools/platform/qzVariant.h>
+#include <HttpTools/url/IpAddress.h>
+#include <HttpTools/url/Url.h>

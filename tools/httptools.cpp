@@ -3,7 +3,11 @@
 #include <HttpTools/HttpTools.h>
 
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +17,13 @@ const char* kUsage = R"(usage: httptools COMMAND [ARGS]
 
 Commands:
   version              library, libcurl and OpenSSL versions
+  jwt sign --alg ALG (--secret S | --secret-file F | --key PRIVATE.pem) [--kid ID]
+           [--header-claims MASK] [--ttl SECONDS] CLAIMS_JSON|-
+                       prints a token; MASK copies iss (1), sub (2), aud (4) into the
+                       header; --ttl sets "exp" when the claims have none
+  jwt verify (--secret S | --secret-file F | --key PUBLIC.pem) [--algs ALG,...] TOKEN|-
+                       prints the claims, or the reject cause (exit 1)
+  jwt decode TOKEN|-   prints header and claims without checking anything
   help, --help         this text
 )";
 
@@ -22,6 +33,179 @@ int cmdVersion() {
   std::cout << "libcurl   " << libs["libcurl"] << "\n";
   std::cout << "OpenSSL   " << qz::qzOpenSSL::VersionText() << "\n";
   return 0;
+}
+
+// ---- jwt
+
+std::string readFile(const std::string& path, bool& ok) {
+  std::ifstream f(path, std::ios::binary);
+  std::ostringstream s;
+  s << f.rdbuf();
+  ok = bool(f);
+  return s.str();
+}
+
+// "-" reads standard input; trailing line breaks are dropped.
+std::string argOrStdin(const std::string& a) {
+  std::string s = a;
+  if (a == "-")
+    s.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  while (!s.empty() && (s.back() == '\n' || s.back() == '\r'))
+    s.pop_back();
+  return s;
+}
+
+// --name value pairs, then one positional argument.
+bool parseJwtArgs(const std::vector<std::string>& args, size_t from, std::map<std::string, std::string>& opts,
+                  std::string& positional) {
+  for (size_t i = from; i < args.size(); ++i) {
+    if (args[i].size() > 2 && args[i].starts_with("--")) {
+      if (i + 1 >= args.size()) {
+        std::cerr << "httptools jwt: " << args[i] << " needs a value\n";
+        return false;
+      }
+      opts[args[i].substr(2)] = args[i + 1];
+      ++i;
+    } else if (positional.empty()) {
+      positional = args[i];
+    } else {
+      std::cerr << "httptools jwt: unexpected argument '" << args[i] << "'\n";
+      return false;
+    }
+  }
+  if (positional.empty()) {
+    std::cerr << "httptools jwt: missing argument\n" << kUsage;
+    return false;
+  }
+  return true;
+}
+
+// The secret from --secret or --secret-file, or a key from --key; exactly one of them.
+bool jwtCredentials(std::map<std::string, std::string>& opts, std::string& secret,
+                    std::shared_ptr<qz::jwt::AsymmetricKey>& key) {
+  int given = int(opts.count("secret")) + int(opts.count("secret-file")) + int(opts.count("key"));
+  if (given != 1) {
+    std::cerr << "httptools jwt: give one of --secret, --secret-file or --key\n";
+    return false;
+  }
+  bool ok = true;
+  if (opts.count("secret"))
+    secret = opts["secret"];
+  else if (opts.count("secret-file"))
+    secret = readFile(opts["secret-file"], ok);
+  if (!ok || (!opts.count("key") && secret.empty())) {
+    std::cerr << "httptools jwt: no secret could be read\n";
+    return false;
+  }
+  if (opts.count("key")) {
+    std::string pem = readFile(opts["key"], ok), error;
+    key = ok ? qz::jwt::AsymmetricKey::FromPem(pem, &error) : nullptr;
+    if (!key) {
+      std::cerr << "httptools jwt: cannot load key " << opts["key"] << ": " << (ok ? error : "unreadable") << "\n";
+      return false;
+    }
+    if (opts.count("kid"))
+      key->setKeyId(opts["kid"]);
+  }
+  return true;
+}
+
+int cmdJwtSign(const std::vector<std::string>& args) {
+  std::map<std::string, std::string> opts;
+  std::string claimsText, secret;
+  std::shared_ptr<qz::jwt::AsymmetricKey> key;
+  if (!parseJwtArgs(args, 2, opts, claimsText) || !jwtCredentials(opts, secret, key))
+    return 2;
+  qz::qzVariantMapImpl claims;
+  if (!qz::json::Json2Variant::Convert(argOrStdin(claimsText), claims)) {
+    std::cerr << "httptools jwt sign: the claims are not a JSON object\n";
+    return 2;
+  }
+  if (opts.count("ttl") && !claims.count("exp"))
+    claims["exp"] = qz::jwt::NowSec() + std::atoll(opts["ttl"].c_str());
+  const qz::jwt::Alg alg = qz::jwt::StringToAlg(opts["alg"]);
+  const int headerClaims = std::atoi(opts["header-claims"].c_str());
+  std::string token;
+  bool ok = key ? qz::jwt::CreateSignedJwt(claims, *key, alg, token, headerClaims)
+                : qz::jwt::CreateHashedJwt(claims, secret, alg, token, headerClaims);
+  if (!ok) {
+    std::cerr << "httptools jwt sign: no token: check --alg against the secret or key (a key must be private "
+                 "and of the algorithm's type), and \"exp\" (required, at most 24 h after \"iat\")\n";
+    return 1;
+  }
+  std::cout << token << "\n";
+  return 0;
+}
+
+int cmdJwtVerify(const std::vector<std::string>& args) {
+  std::map<std::string, std::string> opts;
+  std::string token, secret;
+  std::shared_ptr<qz::jwt::AsymmetricKey> key;
+  if (!parseJwtArgs(args, 2, opts, token) || !jwtCredentials(opts, secret, key))
+    return 2;
+  // Accepts the algorithms of the credential's family unless --algs narrows them.
+  int mask = key ? qz::jwt::AlgAsymmetricMask : qz::jwt::AlgHmacMask;
+  if (opts.count("algs")) {
+    mask = 0;
+    std::stringstream list(opts["algs"]);
+    for (std::string name; std::getline(list, name, ',');) {
+      qz::jwt::Alg a = qz::jwt::StringToAlg(name);
+      if (!a) {
+        std::cerr << "httptools jwt verify: unknown algorithm '" << name << "'\n";
+        return 2;
+      }
+      mask |= a;
+    }
+  }
+  // The one key answers for every key id.
+  struct OneKey : qz::jwt::KeyProvider {
+    std::shared_ptr<qz::jwt::AsymmetricKey> key;
+    std::shared_ptr<qz::jwt::AsymmetricKey> getKeyFromId(const std::string&, qz::jwt::Alg, std::string*) override {
+      return key;
+    }
+  } provider;
+  provider.key = key;
+  qz::jwt::Verifier verifier;
+  verifier.setClientInfo(secret, key ? &provider : nullptr, mask);
+  qz::qzVariantMapImpl claims;
+  qz::jwt::Verifier::RejectCause cause;
+  if (!verifier.validateJwt(argOrStdin(token), claims, &cause)) {
+    std::cerr << qz::jwt::Verifier::RejectCauseToString(cause) << "\n";
+    return 1;
+  }
+  std::string text;
+  qz::json::Json2Variant::Convert(claims, text, true);
+  std::cout << text << "\n";
+  return 0;
+}
+
+int cmdJwtDecode(const std::vector<std::string>& args) {
+  if (args.size() != 3) {
+    std::cerr << kUsage;
+    return 2;
+  }
+  const std::string token = argOrStdin(args[2]);
+  qz::qzVariantMapImpl header, claims;
+  if (!qz::jwt::Verifier::ExtractJwtContentNoValidation(token.data(), token.size(), header, &claims)) {
+    std::cerr << "Malformed jwt\n";
+    return 1;
+  }
+  std::string text;
+  qz::json::Json2Variant::Convert(qz::qzVariantMapImpl{{"header", header}, {"claims", claims}}, text, true);
+  std::cout << text << "\n";
+  return 0;
+}
+
+int cmdJwt(const std::vector<std::string>& args) {
+  const std::string sub = args.size() > 1 ? args[1] : "";
+  if (sub == "sign")
+    return cmdJwtSign(args);
+  if (sub == "verify")
+    return cmdJwtVerify(args);
+  if (sub == "decode")
+    return cmdJwtDecode(args);
+  std::cerr << "httptools jwt: sign, verify or decode\n" << kUsage;
+  return 2;
 }
 
 } // namespace
@@ -41,6 +225,8 @@ int main(int argc, char** argv) {
   int rc = 2;
   if (args[0] == "version") {
     rc = cmdVersion();
+  } else if (args[0] == "jwt") {
+    rc = cmdJwt(args);
   } else {
     std::cerr << "httptools: unknown command '" << args[0] << "'\n" << kUsage;
   }

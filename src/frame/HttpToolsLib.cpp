@@ -37,8 +37,7 @@ int FindOpenSSLVersionInCurlVersion(const char* curlVersionText) {
   if (!curlVersionText)
     return 0;
   std::string text(curlVersionText);
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return char(std::tolower(c)); });
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return char(std::tolower(c)); });
   size_t pos = 0;
   while (pos <= text.size()) {
     size_t blank = text.find(' ', pos);

@@ -61,7 +61,7 @@ TEST_F(Frame, SettersClampOutOfRangeValues) {
   struct {
     int in;
     HostNameResolutionPolicy out;
-  } resolution[] = {{0, HNRP_Whatever}, {1, HNRP_Whatever}, {2, HNRP_PreferIpv6}, {3, HNRP_PreferIpv4},
+  } resolution[] = {{0, HNRP_Whatever}, {1, HNRP_Whatever},  {2, HNRP_PreferIpv6}, {3, HNRP_PreferIpv4},
                     {4, HNRP_Whatever}, {-1, HNRP_Whatever}, {1000, HNRP_Whatever}};
   for (auto c : resolution) {
     qz::SetDefaultHostNameResolutionPolicy(HostNameResolutionPolicy(c.in));
@@ -70,7 +70,8 @@ TEST_F(Frame, SettersClampOutOfRangeValues) {
   struct {
     int in;
     ProxyPolicy out;
-  } proxy[] = {{0, PP_NoProxy}, {1, PP_NoProxy}, {2, PP_AutomaticProxy}, {3, PP_NoProxy}, {-5, PP_NoProxy}, {9, PP_NoProxy}};
+  } proxy[] = {{0, PP_NoProxy}, {1, PP_NoProxy},  {2, PP_AutomaticProxy},
+               {3, PP_NoProxy}, {-5, PP_NoProxy}, {9, PP_NoProxy}};
   for (auto c : proxy) {
     qz::SetDefaultProxyPolicy(PP_AutomaticProxy); // so that a kept value would show
     qz::SetDefaultProxyPolicy(ProxyPolicy(c.in));

@@ -53,9 +53,8 @@ TEST(Json, NumbersKeepTheirKind) {
 }
 
 TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
-  const char* bad[] = {"",        "{",         "{\"a\":}",      "{\"a\":1,}", "[1,2",  "{\"a\":1} x",
-                       "nul",     "{'a':1}",   "{\"a\":01}",    "\"str",      "{\"a\":NaN}",
-                       "[1] [2]", "{\"a\" 1}", "{\"\\x\":1}"};
+  const char* bad[] = {"",        "{",          "{\"a\":}", "{\"a\":1,}",  "[1,2",    "{\"a\":1} x", "nul",
+                       "{'a':1}", "{\"a\":01}", "\"str",    "{\"a\":NaN}", "[1] [2]", "{\"a\" 1}",   "{\"\\x\":1}"};
   for (const char* text : bad) {
     qzVariantMapImpl m{{"keep", qzVariant(1)}};
     EXPECT_FALSE(Json2Variant::Convert(std::string(text), m)) << text;

@@ -1,0 +1,286 @@
+#include <HttpTools/url/Url.h>
+
+#include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzStringUtils.h>
+#include <HttpTools/url/Url_p.h>
+
+#include <openssl/crypto.h>
+#include <uriparser/Uri.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace qz {
+
+namespace url_impl {
+
+void WipeString(std::string& s) {
+  // Grow to the capacity (no reallocation) so that the whole buffer is ours to overwrite.
+  s.resize(s.capacity());
+  if (!s.empty())
+    OPENSSL_cleanse(s.data(), s.size());
+  s.clear();
+}
+
+} // namespace url_impl
+
+using url_impl::WipeString;
+
+Url::Url(ClearStrategy strategy) { clearUrl(strategy); }
+
+Url::Url(const std::string& text) { fromEncodedUtf8String(text, nullptr, false); }
+
+Url::Url(const Url& other) = default;
+
+Url::Url(Url&& other) noexcept
+    : scheme(std::move(other.scheme)), user(std::move(other.user)), password(std::move(other.password)),
+      host(std::move(other.host)), authDbName(std::move(other.authDbName)), ipAddress(std::move(other.ipAddress)),
+      queryParameters(std::move(other.queryParameters)), pathSegments(std::move(other.pathSegments)), port(other.port) {
+  // A short secret may stay behind in the source's inline buffer.
+  other.clearUrl(ClearAll);
+}
+
+Url& Url::operator=(const Url& other) {
+  if (this != &other) {
+    // Assignment could keep the tail of a longer old secret in the buffer.
+    clearUrl(ClearAll);
+    scheme = other.scheme;
+    user = other.user;
+    password = other.password;
+    host = other.host;
+    authDbName = other.authDbName;
+    ipAddress = other.ipAddress;
+    queryParameters = other.queryParameters;
+    pathSegments = other.pathSegments;
+    port = other.port;
+  }
+  return *this;
+}
+
+Url& Url::operator=(Url&& other) noexcept {
+  if (this != &other) {
+    clearUrl(ClearAll);
+    scheme = std::move(other.scheme);
+    user = std::move(other.user);
+    password = std::move(other.password);
+    host = std::move(other.host);
+    authDbName = std::move(other.authDbName);
+    ipAddress = std::move(other.ipAddress);
+    queryParameters = std::move(other.queryParameters);
+    pathSegments = std::move(other.pathSegments);
+    port = other.port;
+    other.clearUrl(ClearAll);
+  }
+  return *this;
+}
+
+Url::~Url() { clearUrl(ClearAll); }
+
+void Url::clearUrl(ClearStrategy strategy) {
+  switch (strategy) {
+  case ClearToLocalHttp:
+    scheme = "http";
+    WipeString(host);
+    host = "127.0.0.1";
+    port = 80;
+    break;
+  case ClearToLocalHttps:
+    scheme = "https";
+    WipeString(host);
+    host = "127.0.0.1";
+    port = 443;
+    break;
+  default:
+    scheme.clear();
+    WipeString(host);
+    port = 0;
+    break;
+  }
+  WipeString(user);
+  WipeString(password);
+  WipeString(authDbName);
+  pathSegments.clear();
+  queryParameters.clear();
+}
+
+void Url::setCredentialsOnHttpHeaders(const std::string& newUser, const std::string& newPassword) {
+  WipeString(user);
+  user = newUser;
+  WipeString(password);
+  password = newPassword;
+  WipeString(authDbName);
+}
+
+void Url::setCredentialsOnQueryParameter(const std::string& newUser, const std::string& newPassword,
+                                         const std::string& newAuthDbName) {
+  WipeString(user);
+  user = newUser;
+  WipeString(password);
+  password = newPassword;
+  WipeString(authDbName);
+  authDbName = newAuthDbName;
+}
+
+void Url::clearCredentials() {
+  WipeString(user);
+  WipeString(password);
+  WipeString(authDbName);
+}
+
+namespace {
+
+struct UriGuard {
+  UriUriA uri{};
+  bool parsed = false;
+  ~UriGuard() {
+    if (parsed)
+      uriFreeUriMembersA(&uri);
+  }
+};
+
+struct QueryListGuard {
+  UriQueryListA* list = nullptr;
+  ~QueryListGuard() {
+    if (list)
+      uriFreeQueryListA(list);
+  }
+};
+
+inline std::string RangeText(const UriTextRangeA& r) {
+  if (!r.first || !r.afterLast || r.afterLast <= r.first)
+    return {};
+  return std::string(r.first, r.afterLast);
+}
+
+inline bool RangeEmpty(const UriTextRangeA& r) { return !r.first || !r.afterLast || r.afterLast <= r.first; }
+
+// Port text as strtoll with base 0 reads it (so 010 is octal); anything out of range or not
+// wholly consumed gives 0. The text holds ASCII digits only, so the locale does not matter.
+uint16_t ParsePort(const UriTextRangeA& r) {
+  std::string text = RangeText(r);
+  if (text.empty())
+    return 0;
+  errno = 0;
+  char* end = nullptr;
+  long long value = std::strtoll(text.c_str(), &end, 0);
+  if (errno != 0 || end != text.c_str() + text.size() || value < 0 || value > 65535)
+    return 0;
+  return static_cast<uint16_t>(value);
+}
+
+// Fills `url` (already cleared) from `text`; returns an empty text or the failure message.
+std::string ParseInto(Url& url, const std::string& text, bool normalize) {
+  UriGuard guard;
+  QueryListGuard query;
+  UriParserStateA state{};
+  state.uri = &guard.uri;
+  int rc = uriParseUriA(&state, text.c_str());
+  if (rc == URI_ERROR_SYNTAX) {
+    long offset = state.errorPos ? static_cast<long>(state.errorPos - text.c_str()) : 0;
+    return "fail to parse uri UriParser syntax error @" + qzStringUtils::fromInt(offset);
+  }
+  if (rc != URI_SUCCESS)
+    return "fail to parse uri UriParser error " + qzStringUtils::fromInt(rc);
+  // uriparser releases what it built itself when the parse fails.
+  guard.parsed = true;
+
+  if (normalize) {
+    rc = uriNormalizeSyntaxExA(&guard.uri, URI_NORMALIZE_SCHEME | URI_NORMALIZE_HOST);
+    if (rc != URI_SUCCESS)
+      return "fail to normalize uri UriParser error " + qzStringUtils::fromInt(rc);
+  }
+
+  url.scheme = RangeText(guard.uri.scheme);
+
+  if (!RangeEmpty(guard.uri.userInfo)) {
+    const char* first = guard.uri.userInfo.first;
+    const char* last = guard.uri.userInfo.afterLast;
+    const char* colon = first;
+    while (colon < last && *colon != ':')
+      ++colon;
+    if (colon == last)
+      return "invalid url user info, ':' is missing";
+    // Both fields are empty after the clear: assign in place, no temporary copy of the secret.
+    url.user.assign(first, colon);
+    url.password.assign(colon + 1, last);
+  }
+
+  std::string hostText = RangeText(guard.uri.hostText);
+  url.ipAddress.fromStringAddress(hostText, IpAddress::IPT_None);
+  if (url.ipAddress.getType() == IpAddress::IPT_IPv6)
+    url.host = "[" + url.ipAddress.getAddressAsString(false) + "]";
+  else
+    url.host = std::move(hostText);
+
+  if (guard.uri.portText.first)
+    url.port = ParsePort(guard.uri.portText);
+
+  for (const UriPathSegmentA* seg = guard.uri.pathHead; seg; seg = seg->next)
+    url.pathSegments.push_back(Url::UrlDecodeToUtf8String(RangeText(seg->text)));
+
+  if (!RangeEmpty(guard.uri.query)) {
+    int count = 0;
+    rc = uriDissectQueryMallocA(&query.list, &count, guard.uri.query.first, guard.uri.query.afterLast);
+    if (rc != URI_SUCCESS)
+      return "fail to split query parameters UriParser error " + qzStringUtils::fromInt(rc);
+    for (const UriQueryListA* item = query.list; item; item = item->next)
+      url.queryParameters.emplace_back(item->key ? item->key : "", item->value ? item->value : "");
+  }
+  return {};
+}
+
+} // namespace
+
+bool Url::fromEncodedUtf8String(const std::string& text, std::string* errorMessage, bool normalize) {
+  clearUrl(ClearAll);
+  std::string error = ParseInto(*this, text, normalize);
+  if (error.empty())
+    return true;
+  if (errorMessage)
+    *errorMessage = error;
+  else
+    qzLogObject(qzLog::Error, "url") << error;
+  clearUrl(ClearAll);
+  return false;
+}
+
+std::string Url::getQueryParameters(bool hideSecrets) const {
+  using namespace url_impl;
+  std::string out;
+  bool first = true;
+  for (const auto& [key, value] : queryParameters) {
+    if (!first)
+      out += kItemSeparator;
+    first = false;
+    std::string encodedKey = UrlEncodeFromUtf8String(key);
+    bool masked =
+        hideSecrets && (encodedKey.find("secret") != std::string::npos || encodedKey.find("pwd") != std::string::npos ||
+                        encodedKey.find("password") != std::string::npos);
+    out += encodedKey;
+    out += kKeyValueSeparator;
+    out += masked ? kSecretMask : UrlEncodeFromUtf8String(value);
+  }
+  if (!authDbName.empty() && !user.empty() && !password.empty()) {
+    if (!out.empty())
+      out += kItemSeparator;
+    out += "user";
+    out += kKeyValueSeparator;
+    out += hideSecrets ? kSecretMask : UrlEncodeFromUtf8String(user);
+    out += kItemSeparator;
+    out += "password";
+    out += kKeyValueSeparator;
+    out += hideSecrets ? kSecretMask : UrlEncodeFromUtf8String(password);
+    out += kItemSeparator;
+    out += "authdbname";
+    out += kKeyValueSeparator;
+    out += UrlEncodeFromUtf8String(authDbName);
+  }
+  return out;
+}
+
+bool Url::operator==(const Url& other) const {
+  return host == other.host && user == other.user && password == other.password && pathSegments == other.pathSegments &&
+         port == other.port && scheme == other.scheme;
+}
+
+} // namespace qz

@@ -1,0 +1,211 @@
+#include <HttpTools/url/Url.h>
+
+#include <HttpTools/url/Url_p.h>
+
+namespace qz {
+
+using namespace url_impl;
+
+namespace {
+
+// The unreserved characters of RFC 3986, which uriparser's escaping leaves as they are.
+constexpr bool IsUnreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
+}
+
+constexpr int HexValue(unsigned char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f')
+    return c - 'a' + 10;
+  return -1;
+}
+
+void AppendEncoded(std::string& out, const std::string& text) {
+  static const char kHex[] = "0123456789ABCDEF";
+  for (unsigned char c : text) {
+    if (IsUnreserved(c)) {
+      out += static_cast<char>(c);
+    } else {
+      const char escaped[3] = {'%', kHex[c >> 4], kHex[c & 0xF]};
+      out.append(escaped, 3);
+    }
+  }
+}
+
+// Splits at '/', skipping empty pieces.
+template <typename Fn> void SplitPath(const std::string& text, Fn&& add) {
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t slash = text.find('/', start);
+    if (slash == std::string::npos)
+      slash = text.size();
+    if (slash > start)
+      add(text.substr(start, slash - start));
+    start = slash + 1;
+  }
+}
+
+} // namespace
+
+// Same rules as uriparser's uriEscapeExA (no space-to-plus, line breaks untouched), done here so
+// that a zero byte inside the text is encoded instead of ending it.
+std::string Url::UrlEncodeFromUtf8String(const std::string& text) {
+  std::string out;
+  out.reserve(text.size() * 3 + 1);
+  AppendEncoded(out, text);
+  return out;
+}
+
+// Same rules as uriparser's uriUnescapeInPlaceExA (no plus-to-space, line breaks untouched), done
+// here so that a zero byte inside the text does not end it.
+std::string Url::UrlDecodeToUtf8String(const std::string& text) {
+  size_t percent = text.find('%');
+  if (percent == std::string::npos)
+    return text;
+  std::string out(text, 0, percent);
+  out.reserve(text.size());
+  for (size_t i = percent; i < text.size(); ++i) {
+    char c = text[i];
+    if (c == '%' && i + 2 < text.size() && HexValue(text[i + 1]) >= 0 && HexValue(text[i + 2]) >= 0) {
+      out += static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2]));
+      i += 2;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+std::string Url::ToQueryEncoding(const QueryParameters& params) {
+  std::string out;
+  bool first = true;
+  for (const auto& [key, value] : params) {
+    if (!first)
+      out += kItemSeparator;
+    first = false;
+    AppendEncoded(out, key);
+    out += kKeyValueSeparator;
+    AppendEncoded(out, value);
+  }
+  return out;
+}
+
+std::string Url::ToPostEncoding(const QueryParameters& params) {
+  std::string out;
+  bool first = true;
+  for (const auto& [key, value] : params) {
+    if (!first)
+      out += kItemSeparator;
+    first = false;
+    out += key;
+    out += kKeyValueSeparator;
+    out += value;
+  }
+  return out;
+}
+
+std::string Url::ToEncodedPath(const std::vector<std::string>& segments) {
+  std::string out;
+  for (size_t i = 0; i < segments.size(); ++i) {
+    if (i)
+      out += kPathSeparator;
+    AppendEncoded(out, segments[i]);
+  }
+  return out;
+}
+
+void Url::FromEncodedPath(const std::string& text, std::vector<std::string>& segments) {
+  std::vector<std::string> result;
+  SplitPath(text, [&](std::string piece) { result.push_back(UrlDecodeToUtf8String(piece)); });
+  segments = std::move(result);
+}
+
+std::string Url::getEncodedPath() const { return ToEncodedPath(pathSegments); }
+
+void Url::setEncodedPath(const std::string& text) { FromEncodedPath(text, pathSegments); }
+
+void Url::setNonEncodedPath(const std::string& text) {
+  std::vector<std::string> result;
+  SplitPath(text, [&](std::string piece) { result.push_back(std::move(piece)); });
+  pathSegments = std::move(result);
+}
+
+namespace {
+
+// The two renderings differ only in how the password and the query secrets are shown.
+std::string Render(const Url& url, bool displayable) {
+  std::string out;
+  out.reserve(url.scheme.size() + url.host.size() + 64);
+  out += url.scheme;
+  out += "://";
+  if (url.authDbName.empty() && !url.user.empty() && !url.password.empty()) {
+    if (displayable) {
+      out += url.user;
+      out += ":*******@";
+    } else {
+      AppendEncoded(out, url.user);
+      out += ':';
+      AppendEncoded(out, url.password);
+      out += '@';
+    }
+  }
+  out += url.host;
+  if (url.port != 0) {
+    out += ':';
+    out += std::to_string(url.port);
+  }
+  std::string path = url.getEncodedPath();
+  if (!path.empty()) {
+    out += kPathSeparator;
+    out += path;
+  }
+  std::string query = url.getQueryParameters(displayable);
+  if (!query.empty()) {
+    out += '?';
+    out += query;
+  }
+  return out;
+}
+
+} // namespace
+
+std::string Url::toEncodedUrl() const { return Render(*this, false); }
+
+std::string Url::toDisplayableUrl() const { return Render(*this, true); }
+
+Url Url::toUrl(const QueryParameters& params) const {
+  Url copy(*this);
+  copy.queryParameters = params;
+  return copy;
+}
+
+Url Url::toUrl(const std::vector<std::string>& subPaths, const QueryParameters& params) const {
+  Url copy(*this);
+  copy.pathSegments.insert(copy.pathSegments.end(), subPaths.begin(), subPaths.end());
+  copy.queryParameters = params;
+  return copy;
+}
+
+Url Url::toUrl(const std::string& p1, const QueryParameters& params) const {
+  return toUrl(std::vector<std::string>{p1}, params);
+}
+
+Url Url::toUrl(const std::string& p1, const std::string& p2, const QueryParameters& params) const {
+  return toUrl(std::vector<std::string>{p1, p2}, params);
+}
+
+Url Url::toUrl(const std::string& p1, const std::string& p2, const std::string& p3,
+               const QueryParameters& params) const {
+  return toUrl(std::vector<std::string>{p1, p2, p3}, params);
+}
+
+Url Url::toUrl(const std::string& p1, const std::string& p2, const std::string& p3, const std::string& p4,
+               const QueryParameters& params) const {
+  return toUrl(std::vector<std::string>{p1, p2, p3, p4}, params);
+}
+
+} // namespace qz

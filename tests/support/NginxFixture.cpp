@@ -1,0 +1,205 @@
+#include "support/NginxFixture.h"
+
+#include <httplib.h>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <netinet/in.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace qztest {
+
+namespace {
+
+const char* kNginx = "/usr/sbin/nginx";
+
+bool canConnect(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0)
+    return false;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(uint16_t(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  ::close(fd);
+  return ok;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+} // namespace
+
+int FreeLoopbackPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0)
+    return 0;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = 0;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+    port = ntohs(addr.sin_port);
+  ::close(fd);
+  return port;
+}
+
+NginxFixture::NginxFixture() : NginxFixture(Options{}) {}
+
+NginxFixture::NginxFixture(Options options) : m_options(options) {}
+
+NginxFixture::~NginxFixture() { stop(); }
+
+bool NginxFixture::fail(const std::string& message) {
+  m_error = "nginx fixture: " + message;
+  return false;
+}
+
+bool NginxFixture::start() {
+  if (isRunning())
+    return true;
+  if (::access(kNginx, X_OK) != 0)
+    return fail(std::string(kNginx) + " not found (install nginx-light)");
+
+  char dir[] = "/tmp/httptools-nginx-XXXXXX";
+  if (!::mkdtemp(dir))
+    return fail(std::string("cannot create a temporary prefix: ") + std::strerror(errno));
+  m_prefix = dir;
+  std::filesystem::create_directories(filesDir());
+  std::filesystem::create_directories(m_prefix + "/tmp");
+
+  const std::string openssl = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+                              " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost"
+                              " -keyout '" +
+                              m_prefix + "/key.pem' -out '" + m_prefix + "/cert.pem' >'" + m_prefix +
+                              "/openssl.log' 2>&1";
+  if (std::system(openssl.c_str()) != 0)
+    return fail("openssl could not make a certificate: " + readFile(m_prefix + "/openssl.log"));
+
+  m_httpPort = FreeLoopbackPort();
+  m_httpsPort = FreeLoopbackPort();
+  if (m_httpPort == 0 || m_httpsPort == 0 || m_httpPort == m_httpsPort)
+    return fail("no free port on 127.0.0.1");
+
+  const std::string& p = m_prefix;
+  std::ostringstream conf;
+  conf << "daemon off;\nmaster_process on;\nworker_processes 1;\n"
+       << "pid " << p << "/nginx.pid;\nerror_log " << p << "/error.log warn;\n"
+       << "events { worker_connections 1024; }\n"
+       << "http {\n"
+       << (m_options.accessLog ? "  access_log " + p + "/access.log;\n" : std::string("  access_log off;\n"))
+       << "  client_body_temp_path " << p << "/tmp/body;\n  proxy_temp_path " << p << "/tmp/proxy;\n"
+       << "  fastcgi_temp_path " << p << "/tmp/fastcgi;\n  uwsgi_temp_path " << p << "/tmp/uwsgi;\n"
+       << "  scgi_temp_path " << p << "/tmp/scgi;\n"
+       << "  keepalive_requests 1000000;\n  keepalive_timeout 60s;\n  default_type text/plain;\n"
+       << "  server {\n"
+       << "    listen 127.0.0.1:" << m_httpPort << ";\n"
+       << "    listen 127.0.0.1:" << m_httpsPort << " ssl;\n"
+       << "    ssl_certificate " << p << "/cert.pem;\n    ssl_certificate_key " << p << "/key.pem;\n"
+       << "    location = / { return 200 \"hello\\n\"; }\n"
+       << "    location = /small { return 200 \"ok\"; }\n"
+       << "    location = /json { default_type application/json; return 200 '{\"ok\":true}'; }\n"
+       << "    location = /put { return 200 \"stored\\n\"; }\n"
+       << "    location = /created { return 201 \"created\\n\"; }\n"
+       << "    location = /missing { return 404; }\n"
+       << "    location /files/ { alias " << p << "/files/; }\n"
+       << "    location = /nginx_status { stub_status; }\n"
+       << "  }\n}\n";
+  {
+    std::ofstream out(p + "/nginx.conf");
+    out << conf.str();
+    if (!out)
+      return fail("cannot write " + p + "/nginx.conf");
+  }
+
+  const std::string confPath = p + "/nginx.conf";
+  const std::string errPath = p + "/error.log";
+  pid_t pid = ::fork();
+  if (pid < 0)
+    return fail(std::string("fork failed: ") + std::strerror(errno));
+  if (pid == 0) {
+    ::execl(kNginx, "nginx", "-p", p.c_str(), "-c", confPath.c_str(), "-e", errPath.c_str(),
+            static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  m_pid = pid;
+
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (std::chrono::steady_clock::now() < deadline) {
+    int status = 0;
+    if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+      m_pid = -1;
+      return fail("nginx exited at start: " + readFile(errPath));
+    }
+    if (canConnect(m_httpPort) && canConnect(m_httpsPort)) {
+      m_baseline = 0;
+      m_statusCalls = 0;
+      m_baseline = connectionCount();
+      if (m_baseline >= 0)
+        return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const std::string log = readFile(errPath);
+  stop();
+  return fail("nginx did not start listening within 10 s: " + log);
+}
+
+void NginxFixture::stop() {
+  if (m_pid > 0) {
+    ::kill(m_pid, SIGTERM);
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    m_pid = -1;
+  }
+  if (!m_prefix.empty()) {
+    std::error_code ec;
+    std::filesystem::remove_all(m_prefix, ec);
+    m_prefix.clear();
+  }
+}
+
+std::string NginxFixture::httpUrl(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(m_httpPort) + path;
+}
+
+std::string NginxFixture::httpsUrl(const std::string& path) const {
+  return "https://127.0.0.1:" + std::to_string(m_httpsPort) + path;
+}
+
+long NginxFixture::connectionCount() const {
+  ++m_statusCalls;
+  httplib::Client cli("127.0.0.1", m_httpPort);
+  auto res = cli.Get("/nginx_status");
+  if (!res || res->status != 200)
+    return -1;
+  // "Active connections: N \nserver accepts handled requests\n A H R \n..."
+  std::istringstream in(res->body);
+  std::string line;
+  std::getline(in, line);
+  std::getline(in, line);
+  long accepts = -1;
+  if (!(in >> accepts))
+    return -1;
+  return accepts - m_baseline - m_statusCalls;
+}
+
+} // namespace qztest

@@ -1,0 +1,252 @@
+#include "support/TestHttpServer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <strings.h>
+
+namespace qztest {
+
+namespace {
+
+constexpr size_t kMaxRecorded = 4096;
+
+// Each accepted connection becomes one task: counting tasks counts connections.
+class CountingQueue : public httplib::TaskQueue {
+public:
+  CountingQueue(size_t threads, std::atomic<size_t>& counter) : m_pool(threads), m_counter(counter) {}
+  void enqueue(std::function<void()> fn) override {
+    ++m_counter;
+    m_pool.enqueue(std::move(fn));
+  }
+  void shutdown() override { m_pool.shutdown(); }
+
+private:
+  httplib::ThreadPool m_pool;
+  std::atomic<size_t>& m_counter;
+};
+
+size_t queryNumber(const httplib::Request& req, const char* name, size_t fallback) {
+  if (!req.has_param(name))
+    return fallback;
+  return size_t(std::stoull(req.get_param_value(name)));
+}
+
+} // namespace
+
+std::string RecordedRequest::header(const std::string& name) const {
+  for (const auto& [k, v] : headers)
+    if (strcasecmp(k.c_str(), name.c_str()) == 0)
+      return v;
+  return {};
+}
+
+size_t RecordedRequest::headerCount(const std::string& name) const {
+  return size_t(std::count_if(headers.begin(), headers.end(),
+                              [&](const auto& kv) { return strcasecmp(kv.first.c_str(), name.c_str()) == 0; }));
+}
+
+TestHttpServer::TestHttpServer() {
+  // Enough workers for many parallel keep-alive clients plus slow handlers.
+  m_server.new_task_queue = [this] { return new CountingQueue(48, m_connections); };
+  m_server.set_keep_alive_max_count(1000000);
+  m_server.set_keep_alive_timeout(30);
+  m_server.set_read_timeout(30);
+  m_server.set_write_timeout(30);
+}
+
+TestHttpServer::~TestHttpServer() { stop(); }
+
+TestHttpServer& TestHttpServer::Shared() {
+  static TestHttpServer* server = [] {
+    auto* s = new TestHttpServer; // lives until exit: suites share it
+    s->installStandardRoutes();
+    if (!s->start())
+      ADD_FAILURE() << "test HTTP server cannot start: " << s->lastError();
+    return s;
+  }();
+  return *server;
+}
+
+void TestHttpServer::route(const std::string& method, const std::string& pattern, Handler handler) {
+  auto wrapped = [this, handler](const httplib::Request& req, httplib::Response& res) {
+    record(req);
+    handler(req, res);
+  };
+  const bool all = method == "*";
+  if (all || method == "GET")
+    m_server.Get(pattern, wrapped);
+  if (all || method == "POST")
+    m_server.Post(pattern, wrapped);
+  if (all || method == "PUT")
+    m_server.Put(pattern, wrapped);
+  if (all || method == "DELETE")
+    m_server.Delete(pattern, wrapped);
+  if (all || method == "PATCH")
+    m_server.Patch(pattern, wrapped);
+  if (all || method == "OPTIONS")
+    m_server.Options(pattern, wrapped);
+}
+
+void TestHttpServer::installStandardRoutes() {
+  route("*", "/echo", [](const httplib::Request& req, httplib::Response& res) {
+    std::string out = req.method + "\n";
+    for (const auto& [k, v] : req.headers)
+      if (k != "REMOTE_ADDR" && k != "REMOTE_PORT" && k != "LOCAL_ADDR" && k != "LOCAL_PORT")
+        out += k + ": " + v + "\n";
+    out += "\n" + req.body;
+    res.set_content(out, "text/plain");
+  });
+  route("*", R"(/status/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
+    res.status = std::stoi(req.matches[1]);
+    res.set_content("status " + std::string(req.matches[1]), "text/plain");
+  });
+  route("GET", "/type", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_content("typed", req.get_param_value("ct"));
+  });
+  route("GET", "/bytes", [](const httplib::Request& req, httplib::Response& res) {
+    const size_t n = queryNumber(req, "n", 0);
+    std::string body(n, '\0');
+    for (size_t i = 0; i < n; ++i)
+      body[i] = char('a' + i % 26);
+    res.set_content(body, "application/octet-stream");
+  });
+  route("GET", "/slow", [this](const httplib::Request& req, httplib::Response& res) {
+    const size_t blocks = queryNumber(req, "blocks", 10);
+    const size_t size = queryNumber(req, "size", 16);
+    const int delay = int(queryNumber(req, "delay", 100));
+    auto sent = std::make_shared<size_t>(0);
+    res.set_chunked_content_provider("application/octet-stream",
+                                     [this, blocks, size, delay, sent](size_t, httplib::DataSink& sink) {
+                                       if (*sent == blocks) {
+                                         sink.done();
+                                         return true;
+                                       }
+                                       if (*sent > 0 && !sleepUnlessStopping(delay))
+                                         return false;
+                                       ++*sent;
+                                       std::string block(size, 's');
+                                       return sink.write(block.data(), block.size());
+                                     });
+  });
+  route("GET", "/stall", [this](const httplib::Request& req, httplib::Response& res) {
+    sleepUnlessStopping(int(queryNumber(req, "ms", 5000)));
+    res.set_content("late", "text/plain");
+  });
+  route("GET", "/chunked", [](const httplib::Request&, httplib::Response& res) {
+    auto n = std::make_shared<int>(0);
+    res.set_chunked_content_provider("text/plain", [n](size_t, httplib::DataSink& sink) {
+      if (*n == 3) {
+        sink.done();
+        return true;
+      }
+      std::string piece = "chunk-" + std::to_string(++*n) + ";";
+      return sink.write(piece.data(), piece.size());
+    });
+  });
+  route("GET", R"(/redirect/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
+    const int n = std::stoi(req.matches[1]);
+    if (n <= 0) {
+      res.set_content("landed", "text/plain");
+      return;
+    }
+    res.set_redirect("/redirect/" + std::to_string(n - 1), 302);
+  });
+  route("GET", "/truncated", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content_provider(1000, "application/octet-stream", [](size_t offset, size_t, httplib::DataSink& sink) {
+      if (offset > 0)
+        return false; // drops the connection with 900 bytes still owed
+      std::string part(100, 't');
+      return sink.write(part.data(), part.size());
+    });
+  });
+  route("GET", "/headers", [](const httplib::Request&, httplib::Response& res) {
+    res.set_header("X-One", "1");
+    res.set_header("X-Dup", "first");
+    res.set_header("X-Dup", "second");
+    res.set_content("headers", "text/plain");
+  });
+}
+
+bool TestHttpServer::start() {
+  if (isRunning())
+    return true;
+  m_stopping = false;
+  m_port = m_server.bind_to_any_port("127.0.0.1");
+  if (m_port <= 0) {
+    m_error = "cannot bind 127.0.0.1 on a free port";
+    m_port = 0;
+    return false;
+  }
+  m_thread = std::thread([this] { m_server.listen_after_bind(); });
+  for (int i = 0; i < 500 && !m_server.is_running(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  if (!m_server.is_running()) {
+    m_error = "server thread did not start listening";
+    stop();
+    return false;
+  }
+  return true;
+}
+
+void TestHttpServer::stop() {
+  m_stopping = true;
+  if (m_thread.joinable()) {
+    m_server.stop();
+    m_thread.join();
+  }
+}
+
+bool TestHttpServer::isRunning() const { return m_thread.joinable() && m_server.is_running(); }
+
+std::string TestHttpServer::baseUrl() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+
+std::string TestHttpServer::url(const std::string& pathAndQuery) const { return baseUrl() + pathAndQuery; }
+
+size_t TestHttpServer::requestCount() const { return m_requestTotal.load(); }
+
+std::vector<RecordedRequest> TestHttpServer::requests() const {
+  std::lock_guard lock(m_mutex);
+  return m_requests;
+}
+
+RecordedRequest TestHttpServer::lastRequest() const {
+  std::lock_guard lock(m_mutex);
+  return m_requests.empty() ? RecordedRequest{} : m_requests.back();
+}
+
+void TestHttpServer::resetCounters() {
+  std::lock_guard lock(m_mutex);
+  m_requests.clear();
+  m_connections = 0;
+  m_requestTotal = 0;
+}
+
+bool TestHttpServer::sleepUnlessStopping(int ms) const {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (std::chrono::steady_clock::now() < end) {
+    if (m_stopping)
+      return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return !m_stopping;
+}
+
+void TestHttpServer::record(const httplib::Request& req) {
+  RecordedRequest r;
+  r.method = req.method;
+  r.path = req.path;
+  for (const auto& [k, v] : req.headers)
+    if (k != "REMOTE_ADDR" && k != "REMOTE_PORT" && k != "LOCAL_ADDR" && k != "LOCAL_PORT")
+      r.headers.emplace(k, v);
+  r.body = req.body;
+  r.remotePort = req.remote_port;
+  std::lock_guard lock(m_mutex);
+  ++m_requestTotal;
+  if (m_requests.size() >= kMaxRecorded)
+    m_requests.erase(m_requests.begin(), m_requests.begin() + kMaxRecorded / 2);
+  m_requests.push_back(std::move(r));
+}
+
+} // namespace qztest
