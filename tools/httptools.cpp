@@ -24,6 +24,9 @@ Commands:
   jwt verify (--secret S | --secret-file F | --key PUBLIC.pem) [--algs ALG,...] TOKEN|-
                        prints the claims, or the reject cause (exit 1)
   jwt decode TOKEN|-   prints header and claims without checking anything
+  url [--normalize] [--show-secrets] TEXT
+                       parses a URL and prints its fields, its displayable form and,
+                       when it holds no credentials or with --show-secrets, its encoded form
   help, --help         this text
 )";
 
@@ -208,6 +211,89 @@ int cmdJwt(const std::vector<std::string>& args) {
   return 2;
 }
 
+// ---- url
+
+std::string Quoted(const std::string& s) {
+  std::string out = "\"";
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c == 0x7F) {
+      static const char hex[] = "0123456789abcdef";
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 0xF];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+int cmdUrl(const std::vector<std::string>& args) {
+  bool normalize = false, showSecrets = false;
+  std::string text;
+  bool haveText = false;
+  for (size_t i = 1; i < args.size(); ++i) {
+    if (args[i] == "--normalize")
+      normalize = true;
+    else if (args[i] == "--show-secrets")
+      showSecrets = true;
+    else if (!haveText) {
+      text = args[i];
+      haveText = true;
+    } else {
+      std::cerr << "httptools url: one URL only\n";
+      return 2;
+    }
+  }
+  if (!haveText) {
+    std::cerr << "httptools url: missing URL\n" << kUsage;
+    return 2;
+  }
+  qz::Url url;
+  std::string error;
+  if (!url.fromEncodedUtf8String(text, &error, normalize)) {
+    std::cerr << "httptools url: " << error << "\n";
+    return 1;
+  }
+  const bool hasSecrets = !url.password.empty();
+  std::cout << "scheme       " << Quoted(url.scheme) << "\n";
+  std::cout << "user         " << Quoted(url.user) << "\n";
+  std::cout << "password     "
+            << (url.password.empty() ? "(none)"
+                : showSecrets        ? Quoted(url.password)
+                                     : "(hidden)")
+            << "\n";
+  std::cout << "host         " << Quoted(url.host) << "\n";
+  const char* family[] = {"none (a name)", "IPv4", "IPv6"};
+  std::cout << "ip address   " << family[url.ipAddress.getType()];
+  if (url.ipAddress.isValid())
+    std::cout << " " << url.ipAddress.getAddressAsString(false);
+  std::cout << "\n";
+  std::cout << "port         " << url.port << (url.port == 0 ? " (none given)" : "") << "\n";
+  std::cout << "path         " << url.pathSegments.size() << " segment(s)";
+  for (const std::string& segment : url.pathSegments)
+    std::cout << " " << Quoted(segment);
+  std::cout << "\n";
+  std::cout << "query        " << url.queryParameters.size() << " item(s)\n";
+  for (const auto& [key, value] : url.queryParameters) {
+    // The same keys that the displayable form masks.
+    const std::string encodedKey = qz::Url::UrlEncodeFromUtf8String(key);
+    const bool secret = encodedKey.find("secret") != std::string::npos || encodedKey.find("pwd") != std::string::npos ||
+                        encodedKey.find("password") != std::string::npos;
+    std::cout << "  " << Quoted(key) << " = " << (secret && !showSecrets ? "(hidden)" : Quoted(value)) << "\n";
+  }
+  std::cout << "valid        " << (url.isValid() ? "yes" : "no (needs a scheme and a host)") << "\n";
+  std::cout << "displayable  " << url.toDisplayableUrl() << "\n";
+  if (hasSecrets && !showSecrets)
+    std::cout << "encoded      (holds the password; --show-secrets prints it)\n";
+  else
+    std::cout << "encoded      " << url.toEncodedUrl() << "\n";
+  return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -227,6 +313,8 @@ int main(int argc, char** argv) {
     rc = cmdVersion();
   } else if (args[0] == "jwt") {
     rc = cmdJwt(args);
+  } else if (args[0] == "url") {
+    rc = cmdUrl(args);
   } else {
     std::cerr << "httptools: unknown command '" << args[0] << "'\n" << kUsage;
   }

@@ -9,10 +9,11 @@
 
 namespace qz::http {
 
-// In every policy, the value 0 means: use the process-wide default.
-enum SSLValidatePolicy { SVP_DefaultBehavior = 0, SVP_VerifyPeerAndHost, SVP_NoVerify };
-enum HostNameResolutionPolicy { HNRP_Default = 0, HNRP_Whatever, HNRP_PreferIpv6, HNRP_PreferIpv4 };
-enum ProxyPolicy { PP_Default = 0, PP_NoProxy, PP_AutomaticProxy, PP_ManualProxy };
+// In every policy, the value 0 means: use the process-wide default. The underlying type is
+// fixed so that any int is a value of the enum: setters clamp it rather than reject it.
+enum SSLValidatePolicy : int { SVP_DefaultBehavior = 0, SVP_VerifyPeerAndHost, SVP_NoVerify };
+enum HostNameResolutionPolicy : int { HNRP_Default = 0, HNRP_Whatever, HNRP_PreferIpv6, HNRP_PreferIpv4 };
+enum ProxyPolicy : int { PP_Default = 0, PP_NoProxy, PP_AutomaticProxy, PP_ManualProxy };
 
 class HTTPTOOLS_API SSLValidatePolicyEnumHelper : public qz::EnumHelperInterface {
 public:

@@ -6,8 +6,13 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
+#include <charconv>
+#include <clocale>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
+#include <locale.h>
 
 namespace qz::json {
 
@@ -29,7 +34,34 @@ public:
     return add(qzVariant(double(u)));
   }
   bool Double(double d) { return add(qzVariant(d)); }
-  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
+  // Numbers arrive as text (see kParseFlags) and are converted with from_chars (correctly
+  // rounded, locale-free); strtod in the C locale settles the out-of-range cases.
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool) {
+    const char* end = s + n;
+    if (std::find_if(s, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end) {
+      int64_t i = 0;
+      auto r = std::from_chars(s, end, i);
+      if (r.ec == std::errc() && r.ptr == end)
+        return Int64(i);
+      uint64_t u = 0;
+      r = std::from_chars(s, end, u);
+      if (r.ec == std::errc() && r.ptr == end)
+        return Uint64(u);
+    }
+    double quick = 0;
+    auto r = std::from_chars(s, end, quick);
+    if (r.ec == std::errc() && r.ptr == end)
+      return Double(quick);
+    // Out of range: strtod tells overflow (refused) from underflow (kept as 0 or subnormal).
+    static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", locale_t(0));
+    const std::string text(s, n);
+    char* stop = nullptr;
+    const double d = strtod_l(text.c_str(), &stop, cLocale);
+    // Overflow fails, as it did before; underflow gives zero or a subnormal.
+    if (stop != text.c_str() + text.size() || std::isinf(d))
+      return false;
+    return Double(d);
+  }
   bool String(const char* s, rapidjson::SizeType n, bool) { return add(qzVariant(std::string(s, n))); }
   bool Key(const char* s, rapidjson::SizeType n, bool) {
     m_key.assign(s, n);
@@ -75,7 +107,9 @@ private:
   }
 };
 
-constexpr unsigned kParseFlags = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
+// Numbers are taken as text and converted by the builder: RapidJSON's own full-precision
+// conversion gives garbage for a zero significand with a large exponent ("0E46", "0.0e-30").
+constexpr unsigned kParseFlags = rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseIterativeFlag;
 
 bool parse(const char* text, size_t length, qzVariant& out) {
   if (!text)

@@ -62,28 +62,29 @@ void IpAddress::clear() {
 }
 
 void IpAddress::fromStringAddress(const std::string& text, Type type) {
-  clear();
-  // Convert on the stack first: host names are common and must not cost an allocation.
-  if (type == IPT_IPv4 || type == IPT_None) {
-    in_addr a4;
-    if (inet_pton(AF_INET, text.c_str(), &a4) == 1) {
-      m_address = new Storage{};
-      m_address->v4.sin_family = AF_INET;
-      m_address->v4.sin_addr = a4;
-      m_type = IPT_IPv4;
-      return;
-    }
+  // Convert on the stack first: host names are common and must not cost an allocation. A block
+  // already held is reused, zeroed, rather than freed and allocated again.
+  Storage parsed{};
+  Type got = IPT_None;
+  in_addr a4;
+  in6_addr a6;
+  if ((type == IPT_IPv4 || type == IPT_None) && inet_pton(AF_INET, text.c_str(), &a4) == 1) {
+    parsed.v4.sin_family = AF_INET;
+    parsed.v4.sin_addr = a4;
+    got = IPT_IPv4;
+  } else if ((type == IPT_IPv6 || type == IPT_None) && inet_pton(AF_INET6, text.c_str(), &a6) == 1) {
+    parsed.v6.sin6_family = AF_INET6;
+    parsed.v6.sin6_addr = a6;
+    got = IPT_IPv6;
   }
-  if (type == IPT_IPv6 || type == IPT_None) {
-    in6_addr a6;
-    if (inet_pton(AF_INET6, text.c_str(), &a6) == 1) {
-      m_address = new Storage{};
-      m_address->v6.sin6_family = AF_INET6;
-      m_address->v6.sin6_addr = a6;
-      m_type = IPT_IPv6;
-      return;
-    }
+  if (got == IPT_None) {
+    clear();
+    return;
   }
+  if (!m_address)
+    m_address = new Storage;
+  *m_address = parsed;
+  m_type = got;
 }
 
 void IpAddress::fromIPv4(const sockaddr_in* address) {

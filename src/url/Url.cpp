@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace qz {
 
@@ -24,6 +25,7 @@ void WipeString(std::string& s) {
 
 } // namespace url_impl
 
+using url_impl::AppendDecoded;
 using url_impl::WipeString;
 
 Url::Url(ClearStrategy strategy) { clearUrl(strategy); }
@@ -138,14 +140,6 @@ struct UriGuard {
   }
 };
 
-struct QueryListGuard {
-  UriQueryListA* list = nullptr;
-  ~QueryListGuard() {
-    if (list)
-      uriFreeQueryListA(list);
-  }
-};
-
 inline std::string RangeText(const UriTextRangeA& r) {
   if (!r.first || !r.afterLast || r.afterLast <= r.first)
     return {};
@@ -168,10 +162,42 @@ uint16_t ParsePort(const UriTextRangeA& r) {
   return static_cast<uint16_t>(value);
 }
 
+// Splits a query into decoded (key, value) items by the rules of uriparser's
+// uriDissectQueryMallocA: items split at '&', key and value at the first '=', '+' is a blank,
+// an item with an empty key and no '=' is dropped, a missing value is empty. Decoding straight
+// into the item strings spares two C-string copies per item and keeps a %00 from cutting one short.
+// `spare` holds nodes of an earlier query, reused (strings keep their capacity) before new ones
+// are allocated.
+void DissectQuery(const char* first, const char* last, Url::QueryParameters& items, Url::QueryParameters& spare) {
+  for (const char* item = first;; ++item) {
+    auto* end = static_cast<const char*>(std::memchr(item, '&', static_cast<size_t>(last - item)));
+    if (!end)
+      end = last;
+    auto* equal = static_cast<const char*>(std::memchr(item, '=', static_cast<size_t>(end - item)));
+    if (!equal)
+      equal = end;
+    if (equal != item || equal != end) {
+      if (spare.empty()) {
+        items.emplace_back();
+      } else {
+        items.splice(items.end(), spare, spare.begin());
+        items.back().first.clear();
+        items.back().second.clear();
+      }
+      auto& [key, value] = items.back();
+      AppendDecoded(key, item, equal, true);
+      if (equal != end)
+        AppendDecoded(value, equal + 1, end, true);
+    }
+    if (end == last)
+      break;
+    item = end;
+  }
+}
+
 // Fills `url` (already cleared) from `text`; returns an empty text or the failure message.
-std::string ParseInto(Url& url, const std::string& text, bool normalize) {
+std::string ParseInto(Url& url, const std::string& text, bool normalize, Url::QueryParameters& spare) {
   UriGuard guard;
-  QueryListGuard query;
   UriParserStateA state{};
   state.uri = &guard.uri;
   int rc = uriParseUriA(&state, text.c_str());
@@ -205,35 +231,39 @@ std::string ParseInto(Url& url, const std::string& text, bool normalize) {
     url.password.assign(colon + 1, last);
   }
 
-  std::string hostText = RangeText(guard.uri.hostText);
-  url.ipAddress.fromStringAddress(hostText, IpAddress::IPT_None);
-  if (url.ipAddress.getType() == IpAddress::IPT_IPv6)
-    url.host = "[" + url.ipAddress.getAddressAsString(false) + "]";
-  else
-    url.host = std::move(hostText);
+  // The host buffer was emptied without being released: assigning in place costs no allocation.
+  const UriTextRangeA& h = guard.uri.hostText;
+  if (!RangeEmpty(h))
+    url.host.assign(h.first, static_cast<size_t>(h.afterLast - h.first));
+  url.ipAddress.fromStringAddress(url.host, IpAddress::IPT_None);
+  if (url.ipAddress.getType() == IpAddress::IPT_IPv6) {
+    std::string canonical = url.ipAddress.getAddressAsString(false);
+    url.host.assign(1, '[').append(canonical).append(1, ']');
+  } else if (guard.uri.hostData.ip6 || guard.uri.hostData.ipFuture.first) {
+    url.host.insert(0, 1, '[').append(1, ']'); // an IP literal keeps the brackets it was written with
+  }
 
   if (guard.uri.portText.first)
     url.port = ParsePort(guard.uri.portText);
 
-  for (const UriPathSegmentA* seg = guard.uri.pathHead; seg; seg = seg->next)
-    url.pathSegments.push_back(Url::UrlDecodeToUtf8String(RangeText(seg->text)));
-
-  if (!RangeEmpty(guard.uri.query)) {
-    int count = 0;
-    rc = uriDissectQueryMallocA(&query.list, &count, guard.uri.query.first, guard.uri.query.afterLast);
-    if (rc != URI_SUCCESS)
-      return "fail to split query parameters UriParser error " + qzStringUtils::fromInt(rc);
-    for (const UriQueryListA* item = query.list; item; item = item->next)
-      url.queryParameters.emplace_back(item->key ? item->key : "", item->value ? item->value : "");
+  for (const UriPathSegmentA* seg = guard.uri.pathHead; seg; seg = seg->next) {
+    std::string& segment = url.pathSegments.emplace_back();
+    if (!RangeEmpty(seg->text))
+      AppendDecoded(segment, seg->text.first, seg->text.afterLast, false);
   }
+
+  if (!RangeEmpty(guard.uri.query))
+    DissectQuery(guard.uri.query.first, guard.uri.query.afterLast, url.queryParameters, spare);
   return {};
 }
 
 } // namespace
 
 bool Url::fromEncodedUtf8String(const std::string& text, std::string* errorMessage, bool normalize) {
+  QueryParameters spare;
+  spare.swap(queryParameters);
   clearUrl(ClearAll);
-  std::string error = ParseInto(*this, text, normalize);
+  std::string error = ParseInto(*this, text, normalize, spare);
   if (error.empty())
     return true;
   if (errorMessage)

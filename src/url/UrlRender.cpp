@@ -14,16 +14,6 @@ constexpr bool IsUnreserved(unsigned char c) {
          c == '_' || c == '~';
 }
 
-constexpr int HexValue(unsigned char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  return -1;
-}
-
 void AppendEncoded(std::string& out, const std::string& text) {
   static const char kHex[] = "0123456789ABCDEF";
   for (unsigned char c : text) {
@@ -60,23 +50,10 @@ std::string Url::UrlEncodeFromUtf8String(const std::string& text) {
   return out;
 }
 
-// Same rules as uriparser's uriUnescapeInPlaceExA (no plus-to-space, line breaks untouched), done
-// here so that a zero byte inside the text does not end it.
 std::string Url::UrlDecodeToUtf8String(const std::string& text) {
-  size_t percent = text.find('%');
-  if (percent == std::string::npos)
-    return text;
-  std::string out(text, 0, percent);
+  std::string out;
   out.reserve(text.size());
-  for (size_t i = percent; i < text.size(); ++i) {
-    char c = text[i];
-    if (c == '%' && i + 2 < text.size() && HexValue(text[i + 1]) >= 0 && HexValue(text[i + 2]) >= 0) {
-      out += static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += c;
-    }
-  }
+  AppendDecoded(out, text.data(), text.data() + text.size(), false);
   return out;
 }
 

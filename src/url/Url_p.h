@@ -2,6 +2,7 @@
 
 // Shared between the URL parser and renderer.
 
+#include <cstring>
 #include <string>
 
 namespace qz::url_impl {
@@ -13,5 +14,52 @@ inline const std::string kPathSeparator = "/";
 
 // Overwrites the string's whole buffer with zero bytes, then empties it.
 void WipeString(std::string& s);
+
+constexpr int HexValue(unsigned char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f')
+    return c - 'a' + 10;
+  return -1;
+}
+
+// Appends [first, last) to `out` with %XX escapes decoded (an invalid escape is kept as written)
+// and, when plusToSpace is true, '+' turned into a blank. Same rules as uriparser's
+// uriUnescapeInPlaceExA with line breaks untouched, done here so that a zero byte inside the text
+// neither ends it nor cuts it short. Inline: it is the inner loop of parsing.
+inline void AppendDecoded(std::string& out, const char* first, const char* last, bool plusToSpace) {
+  // memchr scans many bytes at a time; the next '%' and '+' are looked up only once passed.
+  auto find = [last](const char* from, char c) {
+    auto* hit = static_cast<const char*>(std::memchr(from, c, static_cast<size_t>(last - from)));
+    return hit ? hit : last;
+  };
+  const char* nextPercent = find(first, '%');
+  const char* nextPlus = plusToSpace ? find(first, '+') : last;
+  const char* p = first;
+  while (p < last) {
+    if (nextPercent < p)
+      nextPercent = find(p, '%');
+    if (nextPlus < p)
+      nextPlus = find(p, '+');
+    const char* q = nextPercent < nextPlus ? nextPercent : nextPlus;
+    out.append(p, static_cast<size_t>(q - p));
+    if (q == last)
+      break;
+    if (*q == '+') {
+      out += ' ';
+      p = q + 1;
+    } else if (last - q >= 3 && HexValue(static_cast<unsigned char>(q[1])) >= 0 &&
+               HexValue(static_cast<unsigned char>(q[2])) >= 0) {
+      out += static_cast<char>(HexValue(static_cast<unsigned char>(q[1])) * 16 +
+                               HexValue(static_cast<unsigned char>(q[2])));
+      p = q + 3;
+    } else {
+      out += '%';
+      p = q + 1;
+    }
+  }
+}
 
 } // namespace qz::url_impl

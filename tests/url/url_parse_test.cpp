@@ -66,7 +66,8 @@ INSTANTIATE_TEST_SUITE_P(Texts, UrlParse, ::testing::Values(
   ParseCase{"http://[0:0:0:0:0:0:0:1]/", false, "http", "", "", "[::1]", 2, 0, {""}, {}},
   ParseCase{"http://[2001:DB8::A]/", false, "http", "", "", "[2001:db8::a]", 2, 0, {""}, {}},
   ParseCase{"http://[::FFFF:10.0.0.1]/", false, "http", "", "", "[::ffff:10.0.0.1]", 2, 0, {""}, {}},
-  ParseCase{"http://[v1.fut]/", false, "http", "", "", "v1.fut", 0, 0, {""}, {}},
+  ParseCase{"http://[v1.fut]/", false, "http", "", "", "[v1.fut]", 0, 0, {""}, {}},
+  ParseCase{"http://[v1.a:b]:2/", false, "http", "", "", "[v1.a:b]", 0, 2, {""}, {}},
   ParseCase{"http://999.1.1.1/", false, "http", "", "", "999.1.1.1", 0, 0, {""}, {}},
   // ports: strtoll base 0, out of range gives 0, no default from the scheme
   ParseCase{"https://h/", false, "https", "", "", "h", 0, 0, {""}, {}},
@@ -88,6 +89,7 @@ INSTANTIATE_TEST_SUITE_P(Texts, UrlParse, ::testing::Values(
   ParseCase{"http://h?a=1&a=2&b", false, "http", "", "", "h", 0, 0, {}, {{"a", "1"}, {"a", "2"}, {"b", ""}}},
   ParseCase{"http://h/?k%3D=v%26w&=x&&", false, "http", "", "", "h", 0, 0, {""}, {{"k=", "v&w"}, {"", "x"}}},
   ParseCase{"http://h/?a=b=c", false, "http", "", "", "h", 0, 0, {""}, {{"a", "b=c"}}},
+  ParseCase{"http://h/?a=x%00y&b%00c=d", false, "http", "", "", "h", 0, 0, {""}, {{"a", std::string("x\0y", 3)}, {std::string("b\0c", 3), "d"}}},
   ParseCase{"http://h/?", false, "http", "", "", "h", 0, 0, {""}, {}},
   ParseCase{"http://h/?Q=%41", true, "http", "", "", "h", 0, 0, {""}, {{"Q", "A"}}},
   // fragment dropped

@@ -1,0 +1,208 @@
+// qz::Url parsing and rendering beside raw uriparser and Boost.URL on the same corpus of URLs.
+#include <HttpTools/url/Url.h>
+
+#include <benchmark/benchmark.h>
+#include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
+#include <uriparser/Uri.h>
+
+#include <cstdio>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+// A deterministic mix of what a back end sees: names, IPv4, IPv6, credentials, ports, paths
+// with escapes, short and long queries.
+const std::vector<std::string>& Corpus() {
+  static const std::vector<std::string> corpus = [] {
+    std::mt19937 rng(42);
+    auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };
+    auto word = [&](size_t len) {
+      static const char letters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+      std::string s;
+      for (size_t i = 0; i < len; ++i)
+        s += letters[pick(36)];
+      return s;
+    };
+    const char* schemes[] = {"http", "https", "https", "http"};
+    const char* hosts[] = {"api.example.com", "couchdb.internal.local",    "10.0.12.7", "127.0.0.1", "[2001:db8::17]",
+                           "[::1]",           "search-es.prod.example.org"};
+    const char* escapes[] = {"my%20doc", "caf%C3%A9", "a%2Fb", "plain", "_design", "x~y.z-w"};
+    std::vector<std::string> out;
+    for (int i = 0; i < 1200; ++i) {
+      std::string u = schemes[pick(4)];
+      u += "://";
+      if (pick(4) == 0)
+        u += word(6) + ":" + word(12) + "%21@";
+      u += hosts[pick(7)];
+      if (pick(2) == 0)
+        u += ":" + std::to_string(1024 + pick(60000));
+      for (size_t s = pick(5); s > 0; --s)
+        u += "/" + (pick(3) == 0 ? std::string(escapes[pick(6)]) : word(3 + pick(10)));
+      size_t items = pick(3) == 0 ? 10 + pick(20) : pick(4);
+      for (size_t q = 0; q < items; ++q) {
+        u += q == 0 ? "?" : "&";
+        u += word(2 + pick(8)) + "=" + (pick(4) == 0 ? "a+b%20c%3D" + word(4) : word(1 + pick(30)));
+      }
+      out.push_back(std::move(u));
+    }
+    return out;
+  }();
+  return corpus;
+}
+
+std::vector<qz::Url> ParsedCorpus() {
+  std::vector<qz::Url> urls;
+  for (const std::string& text : Corpus())
+    urls.emplace_back(text);
+  return urls;
+}
+
+void BM_RawUriparser(benchmark::State& state) {
+  const auto& corpus = Corpus();
+  for (auto _ : state) {
+    for (const std::string& text : corpus) {
+      UriUriA uri;
+      UriParserStateA st;
+      st.uri = &uri;
+      int rc = uriParseUriA(&st, text.c_str());
+      benchmark::DoNotOptimize(rc);
+      if (rc == URI_SUCCESS)
+        uriFreeUriMembersA(&uri);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * corpus.size());
+}
+
+void BM_BoostUrlParse(benchmark::State& state) {
+  const auto& corpus = Corpus();
+  for (auto _ : state) {
+    for (const std::string& text : corpus) {
+      auto r = boost::urls::parse_uri(text);
+      benchmark::DoNotOptimize(r);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * corpus.size());
+}
+
+void BM_UrlParse(benchmark::State& state) {
+  const auto& corpus = Corpus();
+  qz::Url url;
+  std::string error;
+  for (auto _ : state) {
+    for (const std::string& text : corpus) {
+      bool ok = url.fromEncodedUtf8String(text, &error, false);
+      benchmark::DoNotOptimize(ok);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * corpus.size());
+}
+
+void BM_UrlParseNormalized(benchmark::State& state) {
+  const auto& corpus = Corpus();
+  qz::Url url;
+  std::string error;
+  for (auto _ : state) {
+    for (const std::string& text : corpus) {
+      bool ok = url.fromEncodedUtf8String(text, &error, true);
+      benchmark::DoNotOptimize(ok);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * corpus.size());
+}
+
+void BM_UrlToEncodedUrl(benchmark::State& state) {
+  const auto urls = ParsedCorpus();
+  for (auto _ : state) {
+    for (const qz::Url& url : urls) {
+      std::string text = url.toEncodedUrl();
+      benchmark::DoNotOptimize(text);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * urls.size());
+}
+
+void BM_UrlToDisplayableUrl(benchmark::State& state) {
+  const auto urls = ParsedCorpus();
+  for (auto _ : state) {
+    for (const qz::Url& url : urls) {
+      std::string text = url.toDisplayableUrl();
+      benchmark::DoNotOptimize(text);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * urls.size());
+}
+
+// The reference for rendering builds a Boost URL from the same decoded fields that ours holds.
+void BM_BoostUrlBuild(benchmark::State& state) {
+  const auto urls = ParsedCorpus();
+  for (auto _ : state) {
+    for (const qz::Url& url : urls) {
+      boost::urls::url u;
+      u.set_scheme(url.scheme);
+      if (!url.user.empty() && !url.password.empty()) {
+        u.set_user(url.user);
+        u.set_password(url.password);
+      }
+      u.set_encoded_host(url.host);
+      if (url.port)
+        u.set_port_number(url.port);
+      for (const std::string& segment : url.pathSegments)
+        u.segments().push_back(segment);
+      for (const auto& [key, value] : url.queryParameters)
+        u.params().append({key, value});
+      std::string text(u.buffer());
+      benchmark::DoNotOptimize(text);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * urls.size());
+}
+
+BENCHMARK(BM_RawUriparser);
+BENCHMARK(BM_BoostUrlParse);
+BENCHMARK(BM_UrlParse);
+BENCHMARK(BM_UrlParseNormalized);
+BENCHMARK(BM_UrlToEncodedUrl);
+BENCHMARK(BM_UrlToDisplayableUrl);
+BENCHMARK(BM_BoostUrlBuild);
+
+// Prints the usual table, then our CPU times (steadier than wall time on a shared machine) as ratios of the references
+// measured in the same run.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs)
+      if (run.run_type == Run::RT_Iteration || run.aggregate_name == "median")
+        m_times[run.run_name.function_name] = run.GetAdjustedCPUTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    auto ratio = [&](const char* ours, const char* ref) {
+      if (m_times.count(ours) && m_times.count(ref) && m_times[ref] > 0)
+        std::printf("%-24s / %-18s = %.2fx\n", ours, ref, m_times[ours] / m_times[ref]);
+    };
+    std::printf("\nRatios (lower is better; corpus of %zu URLs)\n", Corpus().size());
+    ratio("BM_UrlParse", "BM_RawUriparser");
+    ratio("BM_UrlParseNormalized", "BM_RawUriparser");
+    ratio("BM_UrlParse", "BM_BoostUrlParse");
+    ratio("BM_UrlToEncodedUrl", "BM_RawUriparser");
+    ratio("BM_UrlToEncodedUrl", "BM_BoostUrlBuild");
+  }
+
+private:
+  std::map<std::string, double> m_times;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
