@@ -7,8 +7,14 @@
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>
 #include <HttpTools/frame/Version.h>
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/http/HttpHelpers.h>
+#include <HttpTools/http/HttpMultiConnection.h>
+#include <HttpTools/http/qzIoDeviceHttpChuncked.h>
 #include <HttpTools/jwt/Jwt.h>
 #include <HttpTools/jwt/KeyProvider.h>
+#include <HttpTools/jwt/KeyStore.h>
 #include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/EnumHelperInterface.h>
 #include <HttpTools/platform/Export.h>

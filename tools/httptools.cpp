@@ -6,10 +6,13 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <list>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 namespace {
 
@@ -21,12 +24,19 @@ Commands:
            [--header-claims MASK] [--ttl SECONDS] CLAIMS_JSON|-
                        prints a token; MASK copies iss (1), sub (2), aud (4) into the
                        header; --ttl sets "exp" when the claims have none
-  jwt verify (--secret S | --secret-file F | --key PUBLIC.pem) [--algs ALG,...] TOKEN|-
+  jwt verify (--secret S | --secret-file F | --key PUBLIC.pem | --jwks URL) [--algs ALG,...] TOKEN|-
                        prints the claims, or the reject cause (exit 1)
   jwt decode TOKEN|-   prints header and claims without checking anything
   url [--normalize] [--show-secrets] TEXT
                        parses a URL and prints its fields, its displayable form and,
                        when it holds no credentials or with --show-secrets, its encoded form
+  get|head|delete [-H LINE]... [-o FILE] [--insecure] URL
+  put|post [-H LINE]... [-o FILE] [-d FILE|-] [--expect CODE] [--insecure] URL
+                       one HTTP request; the response body goes to standard output or
+                       FILE (head prints the status and header fields); the request body
+                       of put/post comes from FILE or standard input (-d -, the default);
+                       --expect demands a status (default: any below 400); on failure
+                       the error goes to standard error and the exit code is 1
   help, --help         this text
 )";
 
@@ -144,10 +154,13 @@ int cmdJwtVerify(const std::vector<std::string>& args) {
   std::map<std::string, std::string> opts;
   std::string token, secret;
   std::shared_ptr<qz::jwt::AsymmetricKey> key;
-  if (!parseJwtArgs(args, 2, opts, token) || !jwtCredentials(opts, secret, key))
+  if (!parseJwtArgs(args, 2, opts, token))
+    return 2;
+  const bool jwks = opts.count("jwks") != 0;
+  if (!jwks && !jwtCredentials(opts, secret, key))
     return 2;
   // Accepts the algorithms of the credential's family unless --algs narrows them.
-  int mask = key ? qz::jwt::AlgAsymmetricMask : qz::jwt::AlgHmacMask;
+  int mask = key || jwks ? qz::jwt::AlgAsymmetricMask : qz::jwt::AlgHmacMask;
   if (opts.count("algs")) {
     mask = 0;
     std::stringstream list(opts["algs"]);
@@ -168,8 +181,25 @@ int cmdJwtVerify(const std::vector<std::string>& args) {
     }
   } provider;
   provider.key = key;
+  // Or the keys of a JWK set, fetched through a connection pool.
+  std::unique_ptr<qz::http::HttpConnectionPool> pool;
+  std::unique_ptr<qz::jwt::KeyStore> store;
+  if (jwks) {
+    std::string error;
+    qz::Url url;
+    if (!url.fromEncodedUtf8String(opts["jwks"], &error, false)) {
+      std::cerr << "httptools jwt verify: --jwks: " << error << "\n";
+      return 2;
+    }
+    pool = std::make_unique<qz::http::HttpConnectionPool>();
+    store = std::make_unique<qz::jwt::KeyStore>(*pool, url, true, qz::http::PP_NoProxy, qz::Url());
+  }
   qz::jwt::Verifier verifier;
-  verifier.setClientInfo(secret, key ? &provider : nullptr, mask);
+  verifier.setClientInfo(secret,
+                         store ? static_cast<qz::jwt::KeyProvider*>(store.get())
+                         : key ? &provider
+                               : nullptr,
+                         mask);
   qz::qzVariantMapImpl claims;
   qz::jwt::Verifier::RejectCause cause;
   if (!verifier.validateJwt(argOrStdin(token), claims, &cause)) {
@@ -294,6 +324,137 @@ int cmdUrl(const std::vector<std::string>& args) {
   return 0;
 }
 
+// ---- http requests
+
+// Writes what it receives to a stream and, on a terminal, shows a progress line for long
+// transfers.
+class StreamDevice : public qz::qzIoDevice {
+public:
+  StreamDevice(std::ostream& out, bool progress) : m_out(out), m_progress(progress) {}
+  ~StreamDevice() override {
+    if (m_shown)
+      std::cerr << "\n";
+  }
+  int64_t writeBytes(const char* data, unsigned long length) override {
+    m_out.write(data, std::streamsize(length));
+    m_total += length;
+    const int64_t now = qz::qzSystemUtils::GetTimeBaseMs();
+    if (m_progress && now - m_start >= 1000 && now - m_lastShown >= 250) {
+      m_lastShown = now;
+      m_shown = true;
+      std::cerr << "\r" << m_total << " bytes received in "
+                << qz::qzStringUtils::humanizeDuration(now - m_start, 1, true) << "   " << std::flush;
+    }
+    return int64_t(length);
+  }
+  bool hasError() const override { return !m_out; }
+
+private:
+  std::ostream& m_out;
+  bool m_progress;
+  bool m_shown = false;
+  uint64_t m_total = 0;
+  int64_t m_start = qz::qzSystemUtils::GetTimeBaseMs();
+  int64_t m_lastShown = 0;
+};
+
+int cmdHttp(const std::vector<std::string>& args) {
+  namespace hh = qz::http::HttpHelpers;
+  const std::string method = args[0];
+  std::list<std::string> headers;
+  std::string outFile, dataFile = "-", urlText;
+  int expect = -1;
+  bool insecure = false;
+  for (size_t i = 1; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    const bool hasValue = i + 1 < args.size();
+    if (a == "-H" && hasValue)
+      headers.push_back(args[++i]);
+    else if (a == "-o" && hasValue)
+      outFile = args[++i];
+    else if (a == "-d" && hasValue)
+      dataFile = args[++i];
+    else if (a == "--expect" && hasValue)
+      expect = std::atoi(args[++i].c_str());
+    else if (a == "--insecure")
+      insecure = true;
+    else if (urlText.empty() && a.rfind("-", 0) != 0)
+      urlText = a;
+    else {
+      std::cerr << "httptools " << method << ": unexpected argument '" << a << "'\n" << kUsage;
+      return 2;
+    }
+  }
+  if (urlText.empty() || expect > 255) {
+    std::cerr << kUsage;
+    return 2;
+  }
+  qz::Url url;
+  std::string parseError;
+  if (!url.fromEncodedUtf8String(urlText, &parseError, false) || !url.isValid()) {
+    std::cerr << "httptools: invalid URL '" << urlText << "' " << parseError << "\n";
+    return 1;
+  }
+  std::string body;
+  if (method == "put" || method == "post") {
+    bool ok = true;
+    body = dataFile == "-" ? std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>())
+                           : readFile(dataFile, ok);
+    if (!ok) {
+      std::cerr << "httptools: cannot read " << dataFile << "\n";
+      return 1;
+    }
+  }
+  std::ofstream file;
+  if (!outFile.empty()) {
+    file.open(outFile, std::ios::binary);
+    if (!file) {
+      std::cerr << "httptools: cannot write " << outFile << "\n";
+      return 1;
+    }
+  }
+  std::ostream& out = outFile.empty() ? std::cout : file;
+  StreamDevice device(out, isatty(2) != 0);
+
+  qz::http::HttpConnection conn;
+  if (insecure)
+    conn.editConnectionParameters().sslValidatePolicy = qz::http::SVP_NoVerify;
+  std::string error;
+  std::map<std::string, std::string> responseHeaders;
+  hh::HttpResult result;
+  result.errorMessage = &error;
+  result.outputDevice = &device;
+  if (method == "head")
+    result.headers = &responseHeaders;
+  const unsigned char code = static_cast<unsigned char>(expect < 0 ? 0 : expect);
+  bool ok = false;
+  if (method == "get")
+    ok = hh::HttpGet(conn, url, &result, nullptr, &headers);
+  else if (method == "head")
+    ok = hh::HttpHead(conn, url, &result, nullptr, &headers);
+  else if (method == "delete")
+    ok = hh::HttpDelete(conn, url, &result, nullptr, &headers);
+  else if (method == "put")
+    ok = hh::HttpPut(conn, url, body, code, &result, nullptr, &headers);
+  else
+    ok = hh::HttpPost(conn, url, body, code, &result, nullptr, &headers);
+  if (ok && expect < 0 && result.httpCode >= 400) {
+    ok = false;
+    error = "HTTP status " + std::to_string(result.httpCode) + " from " + url.toDisplayableUrl();
+  }
+  if (!ok) {
+    std::cerr << "httptools: " << method << " failed: " << error << "\n";
+    return 1;
+  }
+  if (method == "head") {
+    out << "HTTP " << result.httpCode << "\n";
+    for (const auto& [name, value] : responseHeaders)
+      out << name << ": " << value << "\n";
+  }
+  out.flush();
+  return out ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -315,6 +476,8 @@ int main(int argc, char** argv) {
     rc = cmdJwt(args);
   } else if (args[0] == "url") {
     rc = cmdUrl(args);
+  } else if (args[0] == "get" || args[0] == "head" || args[0] == "put" || args[0] == "post" || args[0] == "delete") {
+    rc = cmdHttp(args);
   } else {
     std::cerr << "httptools: unknown command '" << args[0] << "'\n" << kUsage;
   }

@@ -15,6 +15,7 @@ namespace qz {
 // One IPv4 or IPv6 socket address (port included, network byte order), or nothing.
 class HTTPTOOLS_API IpAddress {
 public:
+  // A fixed underlying type: values outside the list are valid (and treated as none).
   enum Type : int { IPT_None = 0, IPT_IPv4 = 1, IPT_IPv6 = 2 };
 
   IpAddress();

@@ -7,6 +7,7 @@
 #include <openssl/crypto.h>
 #include <uriparser/Uri.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -169,29 +170,62 @@ uint16_t ParsePort(const UriTextRangeA& r) {
 // `spare` holds nodes of an earlier query, reused (strings keep their capacity) before new ones
 // are allocated.
 void DissectQuery(const char* first, const char* last, Url::QueryParameters& items, Url::QueryParameters& spare) {
-  for (const char* item = first;; ++item) {
-    auto* end = static_cast<const char*>(std::memchr(item, '&', static_cast<size_t>(last - item)));
-    if (!end)
-      end = last;
-    auto* equal = static_cast<const char*>(std::memchr(item, '=', static_cast<size_t>(end - item)));
-    if (!equal)
-      equal = end;
-    if (equal != item || equal != end) {
-      if (spare.empty()) {
-        items.emplace_back();
-      } else {
-        items.splice(items.end(), spare, spare.begin());
-        items.back().first.clear();
-        items.back().second.clear();
-      }
-      auto& [key, value] = items.back();
-      AppendDecoded(key, item, equal, true);
-      if (equal != end)
-        AppendDecoded(value, equal + 1, end, true);
+  // One pass over the text: plain bytes are copied in runs, the four special ones acted upon.
+  enum : unsigned char { Plain, Amp, Equal, Percent, Plus };
+  static constexpr auto kClass = [] {
+    std::array<unsigned char, 256> t{};
+    t['&'] = Amp;
+    t['='] = Equal;
+    t['%'] = Percent;
+    t['+'] = Plus;
+    return t;
+  }();
+  auto cls = [](char c) { return kClass[static_cast<unsigned char>(c)]; };
+
+  const char* p = first;
+  while (p < last) {
+    if (*p == '&') { // an empty item
+      ++p;
+      continue;
     }
-    if (end == last)
-      break;
-    item = end;
+    if (spare.empty()) {
+      items.emplace_back();
+    } else {
+      items.splice(items.end(), spare, spare.begin());
+      items.back().first.clear();
+      items.back().second.clear();
+    }
+    std::string* out = &items.back().first;
+    bool inValue = false;
+    while (p < last) {
+      const char* run = p;
+      while (p < last && cls(*p) == Plain)
+        ++p;
+      out->append(run, static_cast<size_t>(p - run));
+      if (p == last)
+        break;
+      const unsigned char c = cls(*p);
+      if (c == Amp) {
+        ++p;
+        break;
+      }
+      if (c == Equal && !inValue) {
+        inValue = true;
+        out = &items.back().second;
+        ++p;
+      } else if (c == Plus) {
+        *out += ' ';
+        ++p;
+      } else if (c == Percent && last - p >= 3 && url_impl::HexValue(static_cast<unsigned char>(p[1])) >= 0 &&
+                 url_impl::HexValue(static_cast<unsigned char>(p[2])) >= 0) {
+        *out += static_cast<char>(url_impl::HexValue(static_cast<unsigned char>(p[1])) * 16 +
+                                  url_impl::HexValue(static_cast<unsigned char>(p[2])));
+        p += 3;
+      } else {
+        *out += *p; // a second '=', or a '%' that starts no escape
+        ++p;
+      }
+    }
   }
 }
 

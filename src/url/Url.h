@@ -22,7 +22,8 @@ class HTTPTOOLS_API Url {
 public:
   using QueryParameters = std::list<std::pair<std::string, std::string>>;
 
-  enum ClearStrategy { ClearAll = 0, ClearToLocalHttp = 1, ClearToLocalHttps = 2 };
+  // A fixed underlying type: any other value is valid and acts as ClearAll.
+  enum ClearStrategy : int { ClearAll = 0, ClearToLocalHttp = 1, ClearToLocalHttps = 2 };
 
   explicit Url(ClearStrategy strategy = ClearAll);
   // Parses `text` without normalising; a text that does not parse leaves an empty URL (logged).

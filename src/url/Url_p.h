@@ -25,16 +25,25 @@ constexpr int HexValue(unsigned char c) {
   return -1;
 }
 
+// The first `c` in [first, last), or last. Short ranges (most keys and values) are cheaper to
+// walk than to hand to memchr.
+inline const char* FindOrLast(const char* first, const char* last, char c) {
+  if (last - first < 24) {
+    while (first < last && *first != c)
+      ++first;
+    return first;
+  }
+  auto* hit = static_cast<const char*>(std::memchr(first, c, static_cast<size_t>(last - first)));
+  return hit ? hit : last;
+}
+
 // Appends [first, last) to `out` with %XX escapes decoded (an invalid escape is kept as written)
 // and, when plusToSpace is true, '+' turned into a blank. Same rules as uriparser's
 // uriUnescapeInPlaceExA with line breaks untouched, done here so that a zero byte inside the text
 // neither ends it nor cuts it short. Inline: it is the inner loop of parsing.
 inline void AppendDecoded(std::string& out, const char* first, const char* last, bool plusToSpace) {
   // memchr scans many bytes at a time; the next '%' and '+' are looked up only once passed.
-  auto find = [last](const char* from, char c) {
-    auto* hit = static_cast<const char*>(std::memchr(from, c, static_cast<size_t>(last - from)));
-    return hit ? hit : last;
-  };
+  auto find = [last](const char* from, char c) { return FindOrLast(from, last, c); };
   const char* nextPercent = find(first, '%');
   const char* nextPlus = plusToSpace ? find(first, '+') : last;
   const char* p = first;

@@ -13,6 +13,7 @@
 #include <netinet/in.h>
 #include <sstream>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -83,6 +84,8 @@ bool NginxFixture::start() {
   if (!::mkdtemp(dir))
     return fail(std::string("cannot create a temporary prefix: ") + std::strerror(errno));
   m_prefix = dir;
+  // nginx workers may run as another user (when started by root): let them read the prefix.
+  ::chmod(dir, 0755);
   std::filesystem::create_directories(filesDir());
   std::filesystem::create_directories(m_prefix + "/tmp");
 

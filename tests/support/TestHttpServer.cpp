@@ -50,6 +50,7 @@ size_t RecordedRequest::headerCount(const std::string& name) const {
 TestHttpServer::TestHttpServer() {
   // Enough workers for many parallel keep-alive clients plus slow handlers.
   m_server.new_task_queue = [this] { return new CountingQueue(48, m_connections); };
+  m_server.set_tcp_nodelay(true); // no 40 ms delayed-ACK stall between header and body writes
   m_server.set_keep_alive_max_count(1000000);
   m_server.set_keep_alive_timeout(30);
   m_server.set_read_timeout(30);

@@ -1,0 +1,276 @@
+// Small GETs over keep-alive to a local nginx (1 worker, no access log) that the program starts:
+//   (a) raw libcurl, one easy handle reused for every request (a0: minimal options; a: the
+//       transfer options the library sets on every request);
+//   (b) HttpHelpers::HttpGet on a connection borrowed from a pool, one locker per request.
+// Rounds alternate a and b; the table shows medians of requests per second and client CPU per
+// request, and the ratios b/a. Then 8 threads: one pool shared by all against one raw handle per
+// thread. The Google Benchmark cases after the table time the same single calls.
+//
+//   http_bench [--requests=N] [--rounds=R] [--threads=T] [--only=raw|rawsame|pool] [benchmark flags]
+
+#include <HttpTools/HttpTools.h>
+
+#include "support/NginxFixture.h"
+
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+std::string gUrl;
+int gRequests = 2000;
+int gRounds = 7;
+int gThreads = 8;
+std::string gOnly; // "raw", "rawsame" or "pool": run just that path sequentially (for profiling)
+
+size_t sinkBody(char* data, size_t size, size_t n, void* user) {
+  static_cast<std::string*>(user)->append(data, size * n);
+  return size * n;
+}
+
+double processCpuSec() {
+  rusage ru{};
+  getrusage(RUSAGE_SELF, &ru);
+  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+// One raw easy handle set once and reused. Minimal: only what this loop needs. Same options:
+// also the transfer options every HttpConnection request carries (signal handling left on, the
+// in-memory cookie engine, every content encoding, TLS 1.2 floor, redirects, the same request
+// header lines), so that the comparison shows the wrapper's own cost.
+class RawClient {
+public:
+  explicit RawClient(bool sameOptions = true) : m_h(curl_easy_init()) {
+    curl_easy_setopt(m_h, CURLOPT_URL, gUrl.c_str());
+    curl_easy_setopt(m_h, CURLOPT_WRITEFUNCTION, sinkBody);
+    curl_easy_setopt(m_h, CURLOPT_WRITEDATA, &m_body);
+    if (!sameOptions) {
+      curl_easy_setopt(m_h, CURLOPT_NOSIGNAL, 1L);
+      return;
+    }
+    curl_easy_setopt(m_h, CURLOPT_NOSIGNAL, 0L);
+    curl_easy_setopt(m_h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
+    curl_easy_setopt(m_h, CURLOPT_COOKIEFILE, "/dev/null");
+    curl_easy_setopt(m_h, CURLOPT_COOKIEJAR, "/dev/null");
+    curl_easy_setopt(m_h, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(m_h, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(m_h, CURLOPT_MAXREDIRS, 3L);
+    curl_easy_setopt(m_h, CURLOPT_CONNECTTIMEOUT, 10L);
+    curl_easy_setopt(m_h, CURLOPT_LOW_SPEED_LIMIT, 10L);
+    curl_easy_setopt(m_h, CURLOPT_LOW_SPEED_TIME, 10L);
+    curl_easy_setopt(m_h, CURLOPT_PROXY, "");
+    m_headers = curl_slist_append(m_headers, "Content-Type:application/octet-stream");
+    m_headers = curl_slist_append(m_headers, "Connection: Keep-Alive");
+    curl_easy_setopt(m_h, CURLOPT_HTTPHEADER, m_headers);
+  }
+  ~RawClient() {
+    curl_easy_cleanup(m_h);
+    curl_slist_free_all(m_headers);
+  }
+  bool get() {
+    m_body.clear();
+    long code = 0;
+    return curl_easy_perform(m_h) == CURLE_OK && curl_easy_getinfo(m_h, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK &&
+           code == 200;
+  }
+
+private:
+  CURL* m_h;
+  curl_slist* m_headers = nullptr;
+  std::string m_body;
+};
+
+struct Sample {
+  double reqPerSec;
+  double cpuUsPerReq;
+};
+
+template <typename F> Sample measure(int n, F&& one) {
+  const double c0 = processCpuSec(), t0 = now();
+  for (int i = 0; i < n; ++i)
+    if (!one()) {
+      std::fprintf(stderr, "request failed\n");
+      std::exit(1);
+    }
+  const double t1 = now(), c1 = processCpuSec();
+  return {n / (t1 - t0), (c1 - c0) * 1e6 / n};
+}
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+void sequentialComparison(qz::http::HttpConnectionPool& pool) {
+  const qz::Url url(gUrl);
+  RawClient minimal(false), raw(true);
+  std::string body;
+  qz::http::HttpHelpers::HttpResult result;
+  result.body = &body;
+  auto viaPool = [&] {
+    qz::http::HttpConnectionLocker conn(pool, url);
+    return qz::http::HttpHelpers::HttpGet(*conn, url, &result);
+  };
+  // Warm every path (connections open, caches hot).
+  measure(200, [&] { return minimal.get(); });
+  measure(200, [&] { return raw.get(); });
+  measure(200, viaPool);
+  std::vector<double> rps0, rpsA, rpsB, cpu0, cpuA, cpuB;
+  for (int r = 0; r < gRounds; ++r) {
+    Sample m = measure(gRequests, [&] { return minimal.get(); });
+    Sample a = measure(gRequests, [&] { return raw.get(); });
+    Sample b = measure(gRequests, viaPool);
+    rps0.push_back(m.reqPerSec);
+    cpu0.push_back(m.cpuUsPerReq);
+    rpsA.push_back(a.reqPerSec);
+    cpuA.push_back(a.cpuUsPerReq);
+    rpsB.push_back(b.reqPerSec);
+    cpuB.push_back(b.cpuUsPerReq);
+  }
+  const double r0 = median(rps0), ra = median(rpsA), rb = median(rpsB);
+  const double c0 = median(cpu0), ca = median(cpuA), cb = median(cpuB);
+  std::printf("sequential GET, %d rounds x %d requests (medians; CPU is the client process's)\n", gRounds, gRequests);
+  std::printf("  %-42s %10s %14s\n", "", "req/s", "CPU us/req");
+  std::printf("  %-42s %10.0f %14.1f\n", "(a0) raw libcurl, minimal options", r0, c0);
+  std::printf("  %-42s %10.0f %14.1f\n", "(a) raw libcurl, the library's options", ra, ca);
+  std::printf("  %-42s %10.0f %14.1f\n", "(b) pool + locker + HttpGet", rb, cb);
+  std::printf("  ratio b/a:  throughput %.3f (target >= 0.95), CPU per request %.3f (target <= 1.05)\n", rb / ra,
+              cb / ca);
+  std::printf("  ratio b/a0: throughput %.3f, CPU per request %.3f\n", rb / r0, cb / c0);
+}
+
+void threadedComparison(qz::http::HttpConnectionPool& pool) {
+  const qz::Url url(gUrl);
+  pool.ensureAtLeastMaxConcurrentConnection(unsigned(gThreads));
+  auto run = [&](bool usePool) {
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    const double t0 = now();
+    for (int t = 0; t < gThreads; ++t)
+      threads.emplace_back([&] {
+        if (usePool) {
+          std::string body;
+          qz::http::HttpHelpers::HttpResult result;
+          result.body = &body;
+          for (int i = 0; i < gRequests; ++i) {
+            qz::http::HttpConnectionLocker conn(pool, url);
+            if (!qz::http::HttpHelpers::HttpGet(*conn, url, &result))
+              ++failures;
+          }
+        } else {
+          RawClient raw;
+          for (int i = 0; i < gRequests; ++i)
+            if (!raw.get())
+              ++failures;
+        }
+      });
+    for (auto& t : threads)
+      t.join();
+    if (failures)
+      std::fprintf(stderr, "%d requests failed\n", failures.load());
+    return gThreads * gRequests / (now() - t0);
+  };
+  std::vector<double> a, b;
+  for (int r = 0; r < std::max(3, gRounds / 2); ++r) {
+    a.push_back(run(false));
+    b.push_back(run(true));
+  }
+  const double ra = median(a), rb = median(b);
+  std::printf("%d threads x %d requests (medians)\n", gThreads, gRequests);
+  std::printf("  %-34s %10.0f req/s\n", "(a) one raw handle per thread", ra);
+  std::printf("  %-34s %10.0f req/s\n", "(b) one shared pool", rb);
+  std::printf("  ratio b/a: %.3f (target >= 0.9)\n", rb / ra);
+}
+
+void BM_RawCurlGet(benchmark::State& state) {
+  RawClient raw;
+  for (auto _ : state)
+    if (!raw.get())
+      state.SkipWithError("request failed");
+}
+
+qz::http::HttpConnectionPool* gPool = nullptr;
+
+void BM_PoolHttpGet(benchmark::State& state) {
+  const qz::Url url(gUrl);
+  std::string body;
+  qz::http::HttpHelpers::HttpResult result;
+  result.body = &body;
+  for (auto _ : state) {
+    qz::http::HttpConnectionLocker conn(*gPool, url);
+    if (!qz::http::HttpHelpers::HttpGet(*conn, url, &result))
+      state.SkipWithError("request failed");
+  }
+}
+
+BENCHMARK(BM_RawCurlGet)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PoolHttpGet)->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+int main(int argc, char** argv) {
+  std::vector<char*> rest;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--requests=", 11) == 0)
+      gRequests = std::max(1, std::atoi(argv[i] + 11));
+    else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
+      gRounds = std::max(1, std::atoi(argv[i] + 9));
+    else if (std::strncmp(argv[i], "--only=", 7) == 0)
+      gOnly = argv[i] + 7;
+    else if (std::strncmp(argv[i], "--threads=", 10) == 0)
+      gThreads = std::max(1, std::atoi(argv[i] + 10));
+    else
+      rest.push_back(argv[i]);
+  }
+  int restCount = int(rest.size());
+  benchmark::Initialize(&restCount, rest.data());
+
+  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+  qztest::NginxFixture nginx;
+  if (!nginx.start()) {
+    std::fprintf(stderr, "%s\n", nginx.lastError().c_str());
+    qz::terminateHttpTools();
+    return 1;
+  }
+  gUrl = nginx.httpUrl("/small");
+  int rc = 0;
+  {
+    qz::http::HttpConnectionPool pool;
+    gPool = &pool;
+    if (!gOnly.empty()) {
+      const qz::Url url(gUrl);
+      RawClient raw(gOnly == "rawsame");
+      auto viaPool = [&] {
+        qz::http::HttpConnectionLocker conn(pool, url);
+        return qz::http::HttpHelpers::HttpGet(*conn, url);
+      };
+      const Sample s = gOnly != "pool" ? measure(gRequests, [&] { return raw.get(); }) : measure(gRequests, viaPool);
+      std::printf("%s: %.0f req/s, %.1f us CPU/req\n", gOnly.c_str(), s.reqPerSec, s.cpuUsPerReq);
+      gPool = nullptr;
+      nginx.stop();
+      qz::terminateHttpTools();
+      return 0;
+    }
+    sequentialComparison(pool);
+    threadedComparison(pool);
+    std::fflush(stdout);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    gPool = nullptr;
+  }
+  nginx.stop();
+  qz::terminateHttpTools();
+  return rc;
+}

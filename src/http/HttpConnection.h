@@ -1,0 +1,98 @@
+#pragma once
+
+#include <HttpTools/frame/Policies.h>
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/url/Url.h>
+
+#include <list>
+#include <string>
+
+namespace qz::http {
+
+class HttpProxyFinder;
+
+// One HTTP exchange at a time over one libcurl easy handle that stays open between calls, so
+// that libcurl reuses the TCP/TLS connection. Not copyable; used by one thread at a time.
+// Most callers go through HttpHelpers; getHttpData is the raw entry point for callers that
+// install their own transfer callbacks.
+class HTTPTOOLS_API HttpConnection {
+public:
+  // Transport settings applied to the easy handle before every request. Policies at 0 fall
+  // back to the process-wide defaults.
+  class HTTPTOOLS_API ConnectionParameters {
+  public:
+    ConnectionParameters();
+
+    int connectTimeoutSec = 10;
+    int maxSendSpeed = 0;   // bytes per second, 0 = unlimited
+    int maxRecvSpeed = 0;   // bytes per second, 0 = unlimited
+    int lowSpeedLimit = 10; // bytes per second under which a transfer is too slow ...
+    int lowSpeedTime = 10;  // ... for this many seconds; either <= 0 disables the check
+    int tcpKeepAlive = -1;  // idle time and probe interval in seconds; <= 0 = off
+    int maxRedirects = 3;
+    SSLValidatePolicy sslValidatePolicy = SVP_DefaultBehavior;
+    HostNameResolutionPolicy hostNameResolutionPolicy = HNRP_Default;
+    ProxyPolicy proxyPolicy = PP_Default;
+    qz::Url manualProxyUrl; // used under PP_ManualProxy
+    int verbose = 0;        // non-zero: libcurl verbose output; 2 also logs it after each call
+    bool followLocation = true;
+    bool keepCookies = true; // in-memory cookie store for the connection's lifetime
+
+    // Sets the options on the libcurl easy handle `curlHandle` for a request to `target`.
+    // Returns the bitwise OR of every curl_easy_setopt result (0: all accepted).
+    int applyParameters(void* curlHandle, const qz::Url& target, HttpProxyFinder& proxyFinder) const;
+  };
+
+  // Set-up callback: gets the easy handle, the caller's data and an empty list to which it may
+  // add header lines. Returns 0 to go on, anything else aborts the call.
+  using SetupCallback = int (*)(void* curl, void* userData, std::list<std::string>& extraHeaders);
+
+  // countConnections: after each successful transfer, ask libcurl how many new connections it
+  // made (the answer only shows in libcurl's state; nothing is kept).
+  explicit HttpConnection(bool countConnections = false);
+  ~HttpConnection();
+  HttpConnection(const HttpConnection&) = delete;
+  HttpConnection& operator=(const HttpConnection&) = delete;
+
+  // Performs one blocking request to `url`. `setup` installs the method, body source and data
+  // callbacks; its userData is also given to libcurl as write, read and progress data. An
+  // expectedHttpCode <= 0 accepts any status, an empty expectedContentType any type.
+  // Returns true on success; otherwise getLastErrorMsg() says why.
+  bool getHttpData(const qz::Url& url, const std::string& expectedContentType, long expectedHttpCode,
+                   SetupCallback setup, void* userData);
+
+  std::string getLastErrorMsg() const;
+  std::string getLastReceivedType() const;
+  const qz::Url& getLastUrl() const;
+  const std::string& getLastDebugInformations() const;
+  long getLastHttpReturnCode() const;
+  bool isLastCallTimedOut() const;
+  bool isLastCallUnableToVerifyPeer() const;
+
+  const ConnectionParameters& getConnectionParameters() const;
+  ConnectionParameters& editConnectionParameters();
+  // Copies every field; the values take effect at the next request.
+  void setConnectionParameters(const ConnectionParameters& params);
+
+  // Header lines ("Name: value") sent with every request, in insertion order.
+  const std::list<std::string>& getCommonHeaders() const;
+  void addCommonHeader(const std::string& line); // ignored when the same line is already there
+  void setCommonHeaders(const std::list<std::string>& lines);
+
+  // Closes the easy handle (and its TCP connection); the next call opens a new one.
+  void clearConnection();
+  // Creates the easy handle if needed and applies the parameters; false when an option was
+  // refused or the library is not initialised.
+  bool setupConnection(const qz::Url& url);
+
+  class HttpConnectionPrivate;
+
+private:
+  bool getHttpDataImpl(const std::string& encodedUrl, const std::string& expectedContentType, long expectedHttpCode,
+                       bool hostIsName, bool& retry, SetupCallback setup, void* userData);
+
+  HttpConnectionPrivate* d;
+  bool m_countConnections;
+};
+
+} // namespace qz::http

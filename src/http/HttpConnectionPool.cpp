@@ -1,0 +1,162 @@
+#include <HttpTools/http/HttpConnectionPool.h>
+
+#include <HttpTools/frame/HttpToolsLib_p.h>
+#include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzSystemUtils.h>
+
+#include <algorithm>
+
+namespace qz::http {
+
+HttpConnectionPool::HttpConnectionPool() {
+  if (auto* updater = qz::impl::GetPeriodicalUpdater())
+    updater->addCallback(UpdatePool, this);
+  else
+    qzLogObject(qzLog::Error, "http") << "HttpConnectionPool built before the library was initialized";
+}
+
+HttpConnectionPool::~HttpConnectionPool() {
+  if (auto* updater = qz::impl::GetPeriodicalUpdater())
+    updater->removeCallback(UpdatePool, this);
+  qzMutexLocker lock(m_mutex);
+  m_idle.clear();
+  m_count = 0;
+}
+
+HttpConnection* HttpConnectionPool::getHttpConnection(const std::string& host, unsigned short port) {
+  {
+    qzMutexLocker lock(m_mutex);
+    auto it = std::find_if(m_idle.begin(), m_idle.end(), FindConnectionPred(host, port));
+    if (it != m_idle.end()) {
+      HttpConnection* c = it->connection.release();
+      m_idle.erase(it);
+      --m_count;
+      return c;
+    }
+  }
+  return new HttpConnection(true);
+}
+
+void HttpConnectionPool::releaseHttpConnection(HttpConnection* conn) {
+  if (!conn)
+    return;
+  std::unique_ptr<HttpConnection> owned(conn);
+  const qz::Url& last = conn->getLastUrl();
+  if (last.host.empty())
+    return; // never made a call: nothing worth keeping
+  tConnection entry;
+  entry.host = last.host;
+  entry.port = last.port;
+  entry.lastUse = qzSystemUtils::GetTimeBaseMs();
+  entry.connection = std::move(owned);
+  std::list<tConnection> dropped; // closed after the lock is released
+  qzMutexLocker lock(m_mutex);
+  m_idle.push_front(std::move(entry));
+  ++m_count;
+  updateConnectionPoolImpl(dropped);
+  lock.native().unlock();
+}
+
+void HttpConnectionPool::setKeepOpenDurationSec(unsigned int seconds) {
+  std::list<tConnection> dropped;
+  qzMutexLocker lock(m_mutex);
+  m_keepOpenMs = int64_t(seconds) * 1000;
+  updateConnectionPoolImpl(dropped);
+  lock.native().unlock();
+}
+
+void HttpConnectionPool::setMaxPendingConnection(unsigned int n) {
+  std::list<tConnection> dropped;
+  qzMutexLocker lock(m_mutex);
+  m_maxIdle = n == 0 ? 1 : n;
+  updateConnectionPoolImpl(dropped);
+  lock.native().unlock();
+}
+
+void HttpConnectionPool::ensureAtLeastMaxConcurrentConnection(unsigned int n) {
+  qzMutexLocker lock(m_mutex);
+  m_maxIdle = std::max<uint64_t>(m_maxIdle, n);
+}
+
+uint64_t HttpConnectionPool::getMaxConcurrentConnection() const {
+  qzMutexLocker lock(m_mutex);
+  return m_maxIdle;
+}
+
+size_t HttpConnectionPool::idleCount() const {
+  qzMutexLocker lock(m_mutex);
+  return m_count;
+}
+
+void HttpConnectionPool::UpdatePool(void* pool) {
+  auto* p = static_cast<HttpConnectionPool*>(pool);
+  std::list<tConnection> dropped;
+  qzMutexLocker lock(p->m_mutex);
+  p->updateConnectionPoolImpl(dropped);
+  lock.native().unlock();
+}
+
+void HttpConnectionPool::updateConnectionPoolImpl(std::list<tConnection>& dropped) {
+  if (m_idle.empty())
+    return;
+  const int64_t now = qzSystemUtils::GetTimeBaseMs();
+  if (now - m_idle.back().lastUse > m_keepOpenMs) {
+    for (auto it = m_idle.begin(); it != m_idle.end();) {
+      if (now - it->lastUse > m_keepOpenMs) {
+        auto next = std::next(it);
+        dropped.splice(dropped.end(), m_idle, it);
+        it = next;
+        --m_count;
+      } else {
+        ++it;
+      }
+    }
+  }
+  while (m_count > m_maxIdle) {
+    dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
+    --m_count;
+  }
+}
+
+HttpConnectionLocker::HttpConnectionLocker(HttpConnection* c) : m_connection(c) {}
+
+HttpConnectionLocker::HttpConnectionLocker(HttpConnectionPool& pool, const std::string& host, unsigned short port)
+    : m_pool(&pool) {
+  setConnection(host, port);
+}
+
+HttpConnectionLocker::HttpConnectionLocker(HttpConnectionPool& pool, const qz::Url& url) : m_pool(&pool) {
+  setConnection(url.host, url.port);
+}
+
+void HttpConnectionLocker::setConnection(const std::string& host, unsigned short port) {
+  m_connection = m_pool->getHttpConnection(host, port);
+  m_declaredHost = host;
+  m_declaredPort = port;
+  const qz::Url& last = m_connection->getLastUrl();
+  m_borrowedHost = last.host;
+  m_borrowedPort = last.port;
+}
+
+HttpConnectionLocker::~HttpConnectionLocker() {
+  if (!m_pool) {
+    delete m_connection;
+    m_connection = nullptr;
+    return;
+  }
+  if (!m_connection)
+    return;
+  if (!m_borrowedHost.empty()) {
+    const qz::Url& last = m_connection->getLastUrl();
+    if (m_declaredHost != last.host || m_borrowedHost != last.host || m_declaredPort != last.port ||
+        m_borrowedPort != last.port)
+      qzLogObject(qzLog::Warning, "http")
+          << "Http connection from pool was used with an other host/port '" << last.toDisplayableUrl()
+          << "' than the one declared " << m_declaredHost << ":" << m_declaredPort;
+  }
+  m_pool->releaseHttpConnection(m_connection);
+  m_connection = nullptr;
+  m_pool = nullptr;
+}
+
+} // namespace qz::http

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzThread.h>
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+namespace qz::http {
+
+// Idle connections keyed by the host and port each last talked to, so that a later request to
+// the same server reuses the open handle and its kept-alive TCP/TLS connection. Idle entries
+// older than the keep-open duration are closed by the library's periodic updater; at most
+// getMaxConcurrentConnection() idle entries are kept. Lending is never limited. Thread-safe.
+// Build it after qz::initializeHttpTools and destroy it before qz::terminateHttpTools.
+class HTTPTOOLS_API HttpConnectionPool {
+public:
+  struct HTTPTOOLS_API tConnection {
+    std::unique_ptr<HttpConnection> connection;
+    int64_t lastUse = 0; // ms of the monotonic time base, at release
+    std::string host;
+    uint32_t port = 0xFFFFFFFFu;
+  };
+
+  class HTTPTOOLS_API FindConnectionPred {
+  public:
+    FindConnectionPred(const std::string& host, uint32_t port) : m_host(host), m_port(port) {}
+    bool operator()(const tConnection& c) const { return c.port == m_port && c.host == m_host; }
+
+  private:
+    std::string m_host;
+    uint32_t m_port;
+  };
+
+  HttpConnectionPool();
+  ~HttpConnectionPool();
+  HttpConnectionPool(const HttpConnectionPool&) = delete;
+  HttpConnectionPool& operator=(const HttpConnectionPool&) = delete;
+
+  // The idle connection released last for host:port, or a new one. The caller owns it.
+  HttpConnection* getHttpConnection(const std::string& host, unsigned short port);
+  // Takes ownership of `conn`: pooled under its last URL's host:port, or deleted when it never
+  // made a call.
+  void releaseHttpConnection(HttpConnection* conn);
+
+  void setKeepOpenDurationSec(unsigned int seconds);
+  void setMaxPendingConnection(unsigned int n); // 0 counts as 1
+  void ensureAtLeastMaxConcurrentConnection(unsigned int n);
+  uint64_t getMaxConcurrentConnection() const;
+
+  // Periodic callback: closes connections idle longer than the keep-open duration.
+  static void UpdatePool(void* pool);
+
+  size_t idleCount() const;
+
+private:
+  // Ageing pass, with m_mutex held. Removed entries move to `dropped`, which the caller destroys
+  // after unlocking so that closing connections does not hold up other threads.
+  void updateConnectionPoolImpl(std::list<tConnection>& dropped);
+
+  mutable qz::qzMutex m_mutex;   // first: guards everything below
+  std::list<tConnection> m_idle; // most recently released first
+  size_t m_count = 0;
+  int64_t m_keepOpenMs = 10000;
+  uint64_t m_maxIdle = 1;
+};
+
+// Borrows a connection from a pool for one scope and gives it back at scope exit:
+//
+//   qz::http::HttpConnectionLocker conn(pool, url);
+//   qz::http::HttpHelpers::HttpGetJson(*conn, url, out);
+class HTTPTOOLS_API HttpConnectionLocker {
+public:
+  // Takes ownership of `c`; deletes it at scope exit (no pool involved).
+  explicit HttpConnectionLocker(HttpConnection* c);
+  HttpConnectionLocker(HttpConnectionPool& pool, const std::string& host, unsigned short port);
+  HttpConnectionLocker(HttpConnectionPool& pool, const qz::Url& url);
+  ~HttpConnectionLocker();
+  HttpConnectionLocker(const HttpConnectionLocker&) = delete;
+  HttpConnectionLocker& operator=(const HttpConnectionLocker&) = delete;
+
+  // Borrows for host:port; a connection already held is overwritten, not released.
+  void setConnection(const std::string& host, unsigned short port);
+
+  operator HttpConnection*() const { return m_connection; }
+  HttpConnection* operator->() const { return m_connection; }
+  HttpConnection& operator*() const { return *m_connection; }
+
+private:
+  HttpConnection* m_connection = nullptr;
+  HttpConnectionPool* m_pool = nullptr;
+  std::string m_declaredHost;
+  uint16_t m_declaredPort = 0;
+  std::string m_borrowedHost;
+  uint16_t m_borrowedPort = 0;
+};
+
+} // namespace qz::http

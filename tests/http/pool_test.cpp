@@ -1,0 +1,238 @@
+#include <HttpTools/http/HttpConnectionPool.h>
+
+#include <HttpTools/frame/HttpToolsLib_p.h>
+#include <HttpTools/http/HttpHelpers.h>
+
+#include "HttpTestEnv.h"
+#include "support/LogCapture.h"
+#include "support/TestHttpServer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace qz::http;
+
+namespace {
+
+class Pool : public testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(srv.isRunning());
+    srv.resetCounters();
+  }
+  // A connection that has talked to `path` on the shared server.
+  HttpConnection* used(HttpConnectionPool& pool, const std::string& path = "/echo") {
+    HttpConnection* c = pool.getHttpConnection("127.0.0.1", uint16_t(srv.port()));
+    EXPECT_TRUE(HttpHelpers::HttpGet(*c, qz::Url(srv.url(path)))) << c->getLastErrorMsg();
+    return c;
+  }
+  qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
+};
+
+TEST_F(Pool, MostRecentlyReleasedComesBackFirst) {
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(4);
+  HttpConnection* a = used(pool);
+  HttpConnection* b = used(pool);
+  ASSERT_NE(a, b);
+  pool.releaseHttpConnection(a);
+  pool.releaseHttpConnection(b);
+  EXPECT_EQ(pool.idleCount(), 2u);
+  EXPECT_EQ(pool.getHttpConnection("127.0.0.1", uint16_t(srv.port())), b);
+  EXPECT_EQ(pool.getHttpConnection("127.0.0.1", uint16_t(srv.port())), a);
+  EXPECT_EQ(pool.idleCount(), 0u);
+  // Keyed by host text and port exactly.
+  pool.releaseHttpConnection(a);
+  HttpConnection* other = pool.getHttpConnection("localhost", uint16_t(srv.port()));
+  EXPECT_NE(other, a);
+  HttpConnection* otherPort = pool.getHttpConnection("127.0.0.1", uint16_t(srv.port() + 1));
+  EXPECT_NE(otherPort, a);
+  delete other;
+  delete otherPort;
+  delete b;
+}
+
+TEST_F(Pool, MaximumIdleTrimsTheOldest) {
+  HttpConnectionPool pool;
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
+  HttpConnection* a = used(pool);
+  HttpConnection* b = used(pool);
+  pool.releaseHttpConnection(a);
+  pool.releaseHttpConnection(b); // default maximum 1: a is deleted at once
+  EXPECT_EQ(pool.idleCount(), 1u);
+  EXPECT_EQ(pool.getHttpConnection("127.0.0.1", uint16_t(srv.port())), b);
+  delete b;
+
+  pool.setMaxPendingConnection(0);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
+  pool.setMaxPendingConnection(5);
+  pool.ensureAtLeastMaxConcurrentConnection(3);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
+  pool.ensureAtLeastMaxConcurrentConnection(7);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 7u);
+
+  std::vector<HttpConnection*> many;
+  for (int i = 0; i < 7; ++i)
+    many.push_back(used(pool));
+  for (auto* c : many)
+    pool.releaseHttpConnection(c);
+  EXPECT_EQ(pool.idleCount(), 7u);
+  pool.setMaxPendingConnection(2); // trims now, oldest first
+  EXPECT_EQ(pool.idleCount(), 2u);
+  EXPECT_EQ(pool.getHttpConnection("127.0.0.1", uint16_t(srv.port())), many[6]);
+  EXPECT_EQ(pool.getHttpConnection("127.0.0.1", uint16_t(srv.port())), many[5]);
+  delete many[6];
+  delete many[5];
+}
+
+TEST_F(Pool, ConnectionThatNeverCalledIsNotPooled) {
+  HttpConnectionPool pool;
+  HttpConnection* fresh = pool.getHttpConnection("127.0.0.1", 80);
+  EXPECT_EQ(fresh->getLastUrl().host, "");
+  pool.releaseHttpConnection(fresh);
+  EXPECT_EQ(pool.idleCount(), 0u);
+}
+
+TEST_F(Pool, AgeingIsStrictlyLongerThanKeepOpen) {
+  httptest::FakeClock clock;
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(10);
+  pool.setKeepOpenDurationSec(2);
+  HttpConnection* old = used(pool);
+  HttpConnection* young = used(pool);
+  pool.releaseHttpConnection(old);
+  clock.advance(1000);
+  pool.releaseHttpConnection(young);
+  clock.advance(1000); // old idle exactly 2000 ms: stays
+  HttpConnectionPool::UpdatePool(&pool);
+  EXPECT_EQ(pool.idleCount(), 2u);
+  clock.advance(1); // 2001 ms: goes; young (1001 ms) stays
+  HttpConnectionPool::UpdatePool(&pool);
+  EXPECT_EQ(pool.idleCount(), 1u);
+  EXPECT_EQ(pool.getHttpConnection("127.0.0.1", uint16_t(srv.port())), young);
+  pool.releaseHttpConnection(young);
+  clock.advance(2001);
+  pool.setKeepOpenDurationSec(3); // the setter runs a pass too: 2001 <= 3000 keeps it
+  EXPECT_EQ(pool.idleCount(), 1u);
+  pool.setKeepOpenDurationSec(2);
+  EXPECT_EQ(pool.idleCount(), 0u);
+}
+
+TEST_F(Pool, PeriodicUpdaterAgesIdleConnections) {
+  auto* updater = qz::impl::GetPeriodicalUpdater();
+  ASSERT_NE(updater, nullptr);
+  const unsigned period = updater->periodMs();
+  updater->setPeriodMs(20);
+  {
+    HttpConnectionPool pool;
+    pool.setKeepOpenDurationSec(0); // anything idle for more than 0 ms goes
+    pool.releaseHttpConnection(used(pool));
+    for (int i = 0; i < 200 && pool.idleCount() > 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(pool.idleCount(), 0u);
+  }
+  updater->setPeriodMs(period);
+}
+
+TEST_F(Pool, LockerBorrowsAndReturns) {
+  HttpConnectionPool pool;
+  HttpConnection* first = nullptr;
+  {
+    HttpConnectionLocker lk(pool, qz::Url(srv.url("/echo")));
+    first = lk;
+    ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(srv.url("/echo"))));
+  }
+  EXPECT_EQ(pool.idleCount(), 1u);
+  qztest::LogCapture cap;
+  {
+    HttpConnectionLocker lk(pool, "127.0.0.1", uint16_t(srv.port()));
+    EXPECT_EQ(static_cast<HttpConnection*>(lk), first);
+    ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(srv.url("/status/200"))));
+  }
+  EXPECT_EQ(cap.size(), 0u) << cap.dump();
+  EXPECT_EQ(srv.connectionCount(), 1u);
+}
+
+TEST_F(Pool, LockerUsedForAnotherHostWarnsAndPoolsUnderActualHost) {
+  qztest::TestHttpServer other;
+  other.installStandardRoutes();
+  ASSERT_TRUE(other.start());
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(4);
+  { // prime: a pooled connection for the shared server
+    HttpConnectionLocker lk(pool, "127.0.0.1", uint16_t(srv.port()));
+    ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(srv.url("/echo"))));
+  }
+  qztest::LogCapture cap;
+  {
+    HttpConnectionLocker lk(pool, "127.0.0.1", uint16_t(srv.port()));
+    ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(other.url("/echo"))));
+  }
+  const std::string expected = "Http connection from pool was used with an other host/port '" + other.url("/echo") +
+                               "' than the one declared 127.0.0.1:" + std::to_string(srv.port());
+  ASSERT_TRUE(cap.has("http", expected)) << cap.dump();
+  for (const auto& l : cap.lines()) {
+    if (l.text == expected) {
+      EXPECT_EQ(l.type, qz::qzLog::Warning);
+    }
+  }
+  // Pooled under the host:port it really talked to.
+  HttpConnection* back = pool.getHttpConnection("127.0.0.1", uint16_t(other.port()));
+  EXPECT_EQ(back->getLastUrl().port, other.port());
+  delete back;
+  // A new connection (nothing borrowed) that is used elsewhere does not warn.
+  cap.clear();
+  {
+    HttpConnectionLocker lk(pool, "example.invalid", 1);
+    ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(srv.url("/echo"))));
+  }
+  EXPECT_EQ(cap.size(), 0u) << cap.dump();
+}
+
+TEST_F(Pool, AdoptingLockerDeletesItsConnection) {
+  HttpConnectionPool pool;
+  {
+    HttpConnectionLocker lk(new HttpConnection);
+    ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(srv.url("/echo"))));
+  }
+  EXPECT_EQ(pool.idleCount(), 0u);
+  // The deleted handle closed its TCP connection: a new request needs a new one.
+  const size_t before = srv.connectionCount();
+  HttpConnectionLocker lk(pool, qz::Url(srv.url("/echo")));
+  ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(srv.url("/echo"))));
+  EXPECT_EQ(srv.connectionCount(), before + 1);
+}
+
+// Many threads share one pool: no crash, every request succeeds, and connections are reused.
+TEST_F(Pool, ThreadsShareOnePool) {
+  constexpr int kThreads = 8;
+  constexpr int kRequests = 2000;
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(4);
+  pool.ensureAtLeastMaxConcurrentConnection(kThreads);
+  const qz::Url url(srv.url("/bytes?n=64"));
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&] {
+      std::string body;
+      HttpHelpers::HttpResult r;
+      r.body = &body;
+      for (int i = 0; i < kRequests; ++i) {
+        HttpConnectionLocker lk(pool, url);
+        if (!HttpHelpers::HttpGet(*lk, url, &r) || body.size() != 64)
+          ++failures;
+      }
+    });
+  for (auto& t : threads)
+    t.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(srv.requestCount(), size_t(kThreads * kRequests));
+  EXPECT_LE(srv.connectionCount(), size_t(kThreads) + pool.getMaxConcurrentConnection());
+  EXPECT_LE(pool.idleCount(), pool.getMaxConcurrentConnection());
+}
+
+} // namespace
