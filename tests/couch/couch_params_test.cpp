@@ -53,3 +53,39 @@ TEST(CouchConnectionParameters, DerivedUrls) {
   // The server itself is left as it was.
   EXPECT_EQ(server.toEncodedUrl(), "http://admin:pw@127.0.0.1:5984/couch?ignored=1");
 }
+#include <HttpTools/couch/CouchView_p.h>
+
+#include <HttpTools/platform/qzJson.h>
+
+#include <gtest/gtest.h>
+
+using qz::couch::CouchConnectionParameters;
+
+TEST(CouchView, ViewUrls) {
+  const CouchConnectionParameters server(qz::Url("http://127.0.0.1:5984"));
+  struct Case {
+    std::string design, view;
+    long limit;
+    std::string url;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"", "", -1, "http://127.0.0.1:5984/db/_all_docs"},
+           {"", "", 0, "http://127.0.0.1:5984/db/_all_docs?limit=0"},
+           {"app", "by date", 25, "http://127.0.0.1:5984/db/_design/app/_view/by%20date?limit=25"},
+           {"app", "v", -7, "http://127.0.0.1:5984/db/_design/app/_view/v"},
+       })
+    EXPECT_EQ(qz::couch::BuildViewUrl(server, "db", c.design, c.view, c.limit).toEncodedUrl(), c.url);
+}
+
+TEST(CouchView, KeysBodyIsJsonSizedBeforehand) {
+  const std::vector<std::string> keys = {"plain", "quote\"s", "back\\slash", "new\nline", "\xc3\xa9t\xc3\xa9", ""};
+  const std::string body = qz::couch::BuildKeysBody(keys);
+  EXPECT_EQ(body.size(), qz::json::JsonStreamer::ConvertToJsonStringSize("keys", keys));
+  qz::qzVariantMapImpl parsed;
+  ASSERT_TRUE(qz::json::Json2Variant::Convert(body, parsed)) << body;
+  std::vector<std::string> back;
+  for (const auto& k : parsed["keys"].toList())
+    back.push_back(k.toString());
+  EXPECT_EQ(back, keys);
+  EXPECT_EQ(qz::couch::BuildKeysBody({}), R"({"keys":[]})");
+}
