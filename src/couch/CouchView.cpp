@@ -10,8 +10,6 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzThread.h>
 
-#include <curl/curl.h>
-
 namespace qz::couch {
 
 namespace {
