@@ -2,6 +2,8 @@
 
 // The whole public API of HttpTools.
 
+#include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/couch/CouchView.h>
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>

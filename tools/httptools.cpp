@@ -2,6 +2,7 @@
 
 #include <HttpTools/HttpTools.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -37,6 +38,10 @@ Commands:
                        of put/post comes from FILE or standard input (-d -, the default);
                        --expect demands a status (default: any below 400); on failure
                        the error goes to standard error and the exit code is 1
+  couch view URL/db [DESIGN VIEW] [--keys K1,K2,...] [--limit N]
+                       streams a view (or _all_docs without DESIGN VIEW) of a CouchDB
+                       database, one row a line: id, key and value tab-separated (strings
+                       as they are, maps and lists as JSON)
   help, --help         this text
 )";
 
@@ -455,6 +460,47 @@ int cmdHttp(const std::vector<std::string>& args) {
   return out ? 0 : 1;
 }
 
+bool printViewRow(const std::string& id, qz::qzVariant& key, qz::qzVariant& value, void*) {
+  std::cout << id << '\t' << key.toString() << '\t' << value.toString() << '\n';
+  return true;
+}
+
+int cmdCouchView(const std::vector<std::string>& args) {
+  std::vector<std::string> names;
+  std::vector<std::string> keys;
+  bool haveKeys = false;
+  long limit = -1;
+  for (size_t i = 2; i < args.size(); ++i) {
+    if (args[i] == "--keys" && i + 1 < args.size()) {
+      haveKeys = true;
+      std::stringstream list(args[++i]);
+      for (std::string key; std::getline(list, key, ',');)
+        keys.push_back(key);
+    } else if (args[i] == "--limit" && i + 1 < args.size()) {
+      limit = std::strtol(args[++i].c_str(), nullptr, 10);
+    } else {
+      names.push_back(args[i]);
+    }
+  }
+  if (args.size() < 2 || args[1] != "view" || (names.size() != 1 && names.size() != 3)) {
+    std::cerr << "httptools couch: view URL/db [DESIGN VIEW] [--keys K1,K2,...] [--limit N]\n";
+    return 2;
+  }
+  qz::couch::CouchConnectionParameters server;
+  std::string db;
+  if (!qz::couch::CouchConnectionParameters::BuildFromDbUrl(&server, &db, names[0])) {
+    std::cerr << "httptools couch: '" << names[0] << "' is not a database URL (http://host:port/db)\n";
+    return 2;
+  }
+  const std::string design = names.size() == 3 ? names[1] : std::string();
+  const std::string view = names.size() == 3 ? names[2] : std::string();
+  qz::http::HttpConnection connection;
+  const bool ok = qz::couch::FetchCouchDbView(connection, server, db, design, view, haveKeys ? &keys : nullptr,
+                                              &printViewRow, nullptr, limit, 0, nullptr);
+  std::cout.flush();
+  return ok ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -478,6 +524,8 @@ int main(int argc, char** argv) {
     rc = cmdUrl(args);
   } else if (args[0] == "get" || args[0] == "head" || args[0] == "put" || args[0] == "post" || args[0] == "delete") {
     rc = cmdHttp(args);
+  } else if (args[0] == "couch") {
+    rc = cmdCouchView(args);
   } else {
     std::cerr << "httptools: unknown command '" << args[0] << "'\n" << kUsage;
   }

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/platform/Export.h>
+
+#include <list>
+#include <string>
+#include <vector>
+
+namespace qz::couch {
+
+// The pieces of FetchCouchDbView, reachable by tests.
+
+HTTPTOOLS_API qz::Url BuildViewUrl(const CouchConnectionParameters& server, const std::string& dbName,
+                                   const std::string& designDocName, const std::string& viewName, long limit);
+// {"keys":[...]} built in a buffer sized beforehand.
+HTTPTOOLS_API std::string BuildKeysBody(const std::vector<std::string>& keys);
+
+} // namespace qz::couch
