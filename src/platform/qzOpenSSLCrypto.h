@@ -12,18 +12,18 @@
 
 namespace qz::qzOpenSSL {
 
-enum HashType { HT_None = 0, HT_SHA1 = 2, HT_SHA256 = 3, HT_SHA384 = 4, HT_SHA512 = 5 };
+enum HashType : int { HT_None = 0, HT_SHA1 = 2, HT_SHA256 = 3, HT_SHA384 = 4, HT_SHA512 = 5 };
 
 // 1: standard alphabet with "=" padding; 2: URL-safe alphabet with padding;
 // 3: URL-safe alphabet without padding (JWS segments).
-enum Base64CharSet { B64_Standard = 1, B64_UrlSafe = 2, B64_UrlSafeNoPad = 3 };
+enum Base64CharSet : int { B64_Standard = 1, B64_UrlSafe = 2, B64_UrlSafeNoPad = 3 };
 
 // NIST curves; EC_P521 is the curve that JWK calls "P-521".
-enum EllipticCurve { EC_None = 0, EC_P256 = 3, EC_P384 = 4, EC_P521 = 5 };
+enum EllipticCurve : int { EC_None = 0, EC_P256 = 3, EC_P384 = 4, EC_P521 = 5 };
 
 // Why a signature operation could not run. SE_None after a failed verification means that
 // the check ran and the signature does not match.
-enum SignatureError {
+enum SignatureError : int {
   SE_None = 0,
   SE_InvalidKey = 1,   // key missing, not built, or of no known type
   SE_NoPrivateKey = 2, // signing with a public key
