@@ -85,10 +85,8 @@ protected:
   }
   void TearDown() override { qz::qzLog::SetCategoryEnabled("couchdb", false); }
 
-  static qztest::PouchDbServer* s_server;
+  static inline qztest::PouchDbServer* s_server = nullptr;
 };
-
-qztest::PouchDbServer* CouchViewOnPouchDb::s_server = nullptr;
 
 } // namespace
 
@@ -106,64 +104,46 @@ TEST_F(CouchViewOnPouchDb, ViewRowsArriveWithTheirKeysAndValues) {
   EXPECT_TRUE(cap.hasPrefix("Fetch 5 doc(s) from view _design/app/_view/by_k in ")) << cap.dump();
 }
 
-TEST_F(CouchViewOnPouchDb, AllDocsAndLimits) {
+// One connection for all cases: failures leave it usable.
+TEST_F(CouchViewOnPouchDb, LimitsKeysAndFailuresWithTheirLogLines) {
+  const std::vector<std::string> all = {"_design/app", "d1", "d2", "d3", "d4", "d5"}; // in id order
+  const auto allDocs = [](int n) { return "Fetch " + std::to_string(n) + " doc(s) from view _design//_view/ in "; };
+  const std::string byK = "Fetch 2 doc(s) from view _design/app/_view/by_k in ";
+  const auto failed = [](std::string v) { return "Error while fetching view " + v + " of document app "; };
+  const std::string missing =
+      R"(Error while parsing result, missing 'id' entry in json {"key":"nope","error":"not_found"})";
   struct Case {
+    std::string design, view;
+    std::vector<std::string> keys; // none: no keys query
     long limit;
-    std::vector<std::string> ids; // five documents and the design document, in id order
+    size_t accept; // rows taken before refusing
+    std::vector<std::string> ids;
+    std::string log; // the line, or the start of the only line
   };
-  const std::vector<std::string> all = {"_design/app", "d1", "d2", "d3", "d4", "d5"};
-  for (const Case& c : {Case{-1, all}, Case{0, {}}, Case{2, {"_design/app", "d1"}}, Case{100, all}}) {
+  const std::vector<Case> cases = {
+      {"app", "by_k", {"alpha", "}{ ][", "back\\slash\\"}, -1, 2, {"d1", "d2"}, failed("by_k")},
+      {"app", "nope", {}, -1, SIZE_MAX, {}, failed("nope")},
+      {"", "", {"d1", "nope"}, -1, SIZE_MAX, {"d1"}, missing},
+      {"", "", {}, -1, SIZE_MAX, all, allDocs(6)},
+      {"", "", {}, 0, SIZE_MAX, {}, allDocs(0)},
+      {"", "", {}, 2, SIZE_MAX, {"_design/app", "d1"}, allDocs(2)},
+      {"", "", {}, 100, SIZE_MAX, all, allDocs(6)},
+      {"", "", {"d3", "d1"}, -1, SIZE_MAX, {"d3", "d1"}, allDocs(2)},
+      {"app", "by_k", {"}{ ][", "back\\slash\\"}, -1, SIZE_MAX, {"d2", "d3"}, byK}, // keys escaped in the body
+  };
+  for (const auto& c : cases) {
     qztest::LogCapture cap;
     Rows got;
-    ASSERT_TRUE(fetch(got, "views", "", "", nullptr, c.limit));
-    EXPECT_EQ(got.ids, c.ids) << "limit " << c.limit;
-    EXPECT_TRUE(cap.hasPrefix("Fetch " + std::to_string(c.ids.size()) + " doc(s) from view _design//_view/ in "))
-        << cap.dump();
+    got.acceptCount = c.accept;
+    const bool ok = c.log.starts_with("Fetch ");
+    EXPECT_EQ(fetch(got, "views", c.design, c.view, c.keys.empty() ? nullptr : &c.keys, c.limit), ok) << c.log;
+    EXPECT_EQ(got.ids, c.ids) << c.log;
+    EXPECT_EQ(size_t(got.seen), c.ids.size() + (c.accept < SIZE_MAX)) << c.log; // nothing after a refusal
+    EXPECT_TRUE(cap.hasPrefix(c.log)) << cap.dump();
+    if (!c.log.starts_with("Error while parsing")) {
+      EXPECT_EQ(cap.size(), 1u) << cap.dump();
+    }
   }
-}
-
-TEST_F(CouchViewOnPouchDb, KeysQueryInOrderAndMissingKeyStops) {
-  const std::vector<std::string> keys = {"d3", "d1"};
-  Rows got;
-  ASSERT_TRUE(fetch(got, "views", "", "", &keys));
-  EXPECT_EQ(got.ids, keys);
-
-  // Keys of the view itself, with characters that need escaping in the body.
-  const std::vector<std::string> viewKeys = {"}{ ][", "back\\slash\\"};
-  Rows viewRows;
-  ASSERT_TRUE(fetch(viewRows, "views", "app", "by_k", &viewKeys));
-  EXPECT_EQ(viewRows.ids, (std::vector<std::string>{"d2", "d3"}));
-
-  qztest::LogCapture cap;
-  const std::vector<std::string> withMissing = {"d1", "nope"};
-  Rows stopped;
-  EXPECT_FALSE(fetch(stopped, "views", "", "", &withMissing));
-  EXPECT_EQ(stopped.ids, std::vector<std::string>{"d1"});
-  EXPECT_TRUE(cap.has("couchdb",
-                      R"(Error while parsing result, missing 'id' entry in json {"key":"nope","error":"not_found"})"))
-      << cap.dump();
-  EXPECT_FALSE(cap.hasPrefix("Fetch "));
-}
-
-TEST_F(CouchViewOnPouchDb, RefusedRowAndUnknownViewFail) {
-  {
-    qztest::LogCapture cap;
-    Rows got;
-    got.acceptCount = 2;
-    EXPECT_FALSE(fetch(got, "views", "app", "by_k"));
-    EXPECT_EQ(got.ids.size(), 2u);
-    EXPECT_EQ(got.seen, 3);
-    // Only the fetch's own line about the aborted transfer; nothing from the row parser.
-    ASSERT_EQ(cap.size(), 1u) << cap.dump();
-    EXPECT_TRUE(cap.hasPrefix("Error while fetching view by_k of document app ")) << cap.dump();
-  }
-  qztest::LogCapture cap;
-  Rows got;
-  EXPECT_FALSE(fetch(got, "views", "app", "nope"));
-  EXPECT_TRUE(cap.hasPrefix("Error while fetching view nope of document app ")) << cap.dump();
-  // The connection is still usable afterwards.
-  EXPECT_TRUE(fetch(got, "views", "", "", nullptr, 1));
-  EXPECT_EQ(got.ids.size(), 1u);
 }
 
 // The in-process server for what a real one does not do on demand: stall or stream slowly, and

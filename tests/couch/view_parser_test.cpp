@@ -49,20 +49,13 @@ const std::vector<std::string> kRowTexts = {
     R"({"id":"numbers","key":-12.5e3,"value":[true,false,0]})",
 };
 
-// CouchDB's own layout: a header line, rows separated by ",\r\n", a "\r\n]}" trailer.
-std::string couchLayout(const std::vector<std::string>& rows) {
-  std::string s = "{\"total_rows\":" + std::to_string(rows.size()) + ",\"offset\":0,\"rows\":[\r\n";
+// CouchDB's layout: a header line, rows separated by ",\r\n", a "\r\n]}" trailer. pouchdb-server's:
+// all on one line, the rows array not necessarily last.
+std::string layout(const std::vector<std::string>& rows, bool couch) {
+  std::string s = "{\"total_rows\":" + std::to_string(rows.size()) + ",\"offset\":0,\"rows\":[" + (couch ? "\r\n" : "");
   for (size_t i = 0; i < rows.size(); ++i)
-    s += (i ? ",\r\n" : "") + rows[i];
-  return s + "\r\n]}\n";
-}
-
-// pouchdb-server's layout: one line, the rows array not necessarily last.
-std::string pouchLayout(const std::vector<std::string>& rows) {
-  std::string s = "{\"total_rows\":" + std::to_string(rows.size()) + ",\"offset\":0,\"rows\":[";
-  for (size_t i = 0; i < rows.size(); ++i)
-    s += (i ? "," : "") + rows[i];
-  return s + "],\"update_seq\":\"7-g1AAAA{[\\\"x\\\"]}\"}";
+    s += (i ? (couch ? ",\r\n" : ",") : "") + rows[i];
+  return s + (couch ? "\r\n]}\n" : "],\"update_seq\":\"7-g1AAAA{[\\\"x\\\"]}\"}");
 }
 
 // Feeds `text` cut at the given offsets; false as soon as a feed fails.
@@ -122,7 +115,7 @@ TEST(ViewResultStreamParser, BothLayoutsAtEveryCutPointAndByteByByte) {
     ASSERT_TRUE(qz::json::Json2Variant::Convert(text, m)) << text;
     expected.push_back({m["id"].toString(), m["key"], m["value"]});
   }
-  for (const auto& text : {couchLayout(kRowTexts), pouchLayout(kRowTexts)}) {
+  for (const auto& text : {layout(kRowTexts, true), layout(kRowTexts, false)}) {
     std::vector<std::vector<size_t>> cutSets;
     std::vector<size_t> everyByte;
     for (size_t cut = 0; cut <= text.size(); ++cut) {
@@ -143,7 +136,7 @@ TEST(ViewResultStreamParser, BothLayoutsAtEveryCutPointAndByteByByte) {
 TEST(ViewResultStreamParser, RandomChunkingsOfMutatedInputsAgreeWithByteWiseRule) {
   std::mt19937 rng(20221107);
   const std::string alphabet = "{}[]\"\\\\,:ab ";
-  const std::string base = couchLayout(kRowTexts) + pouchLayout(kRowTexts);
+  const std::string base = layout(kRowTexts, true) + layout(kRowTexts, false);
   for (int round = 0; round < 3000; ++round) {
     std::string text;
     if (round % 3 == 0) { // noise
@@ -177,7 +170,7 @@ TEST(ViewResultStreamParser, BufferHoldsOnlyTheUnconsumedTail) {
   for (int i = 0; i < 20000; ++i)
     rows.push_back(R"({"id":"doc)" + std::to_string(i) + R"(","key":["k",)" + std::to_string(i) +
                    R"(],"value":{"text":"some {[ text ]}","n":)" + std::to_string(i) + "}}");
-  const std::string text = couchLayout(rows);
+  const std::string text = layout(rows, true);
   const size_t maxRow = rows.back().size(), chunk = 4096;
   Collector c;
   ViewResultStreamParser parser(&Collector::Take, &c, &kNotCancelled);
@@ -214,7 +207,8 @@ TEST(ViewResultStreamParser, BadRowStopsWithItsLogLines) {
       want.push_back(l.empty() ? "On error BracketCounter 2, SquareBracketCounter 1, cancelflag " +
                                      std::to_string(int(tc.cancel))
                                : l + (l.starts_with(missing) ? "' entry in json " : " ") + tc.row);
-    for (const auto& text : {couchLayout({kRowTexts[0], tc.row, kRowTexts[1]}), pouchLayout({kRowTexts[0], tc.row})}) {
+    for (bool couch : {true, false}) {
+      const std::string text = layout({kRowTexts[0], tc.row, kRowTexts[1]}, couch);
       qztest::LogCapture cap;
       Collector c;
       ViewResultStreamParser parser(&Collector::Take, &c, &tc.cancel);
@@ -238,7 +232,7 @@ TEST(ViewResultStreamParser, NonRowResponsesDeliverNothing) {
 }
 
 TEST(ViewResultStreamParser, CurlCallbacksAbortOnCancel) {
-  std::string chunk = couchLayout({kRowTexts[0]}); // libcurl hands a mutable buffer
+  std::string chunk = layout({kRowTexts[0]}, true); // libcurl hands a mutable buffer
   bool cancel = false;
   Collector c;
   ViewResultStreamParser parser(&Collector::Take, &c, &cancel);
