@@ -1,4 +1,7 @@
 #include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/couch/CouchView_p.h>
+
+#include <HttpTools/platform/qzJson.h>
 
 #include "support/LogCapture.h"
 
@@ -40,41 +43,23 @@ TEST(CouchConnectionParameters, BuildFromDbUrl) {
   EXPECT_TRUE(CouchConnectionParameters::BuildFromDbUrl(&params, nullptr, "http://h/db"));
 }
 
-TEST(CouchConnectionParameters, DerivedUrls) {
+TEST(CouchConnectionParameters, DerivedAndViewUrls) {
   const CouchConnectionParameters server(qz::Url("http://admin:pw@127.0.0.1:5984/couch?ignored=1"));
-  const CouchConnectionParameters::Query query = {{"include_docs", "true"}, {"key", "\"a b\""}};
-  EXPECT_EQ(server.toDatabaseUrl("db", {}).toEncodedUrl(), "http://admin:pw@127.0.0.1:5984/couch/db");
-  EXPECT_EQ(server.toDatabaseUrl("db", query).toEncodedUrl(),
-            "http://admin:pw@127.0.0.1:5984/couch/db?include_docs=true&key=%22a%20b%22");
-  EXPECT_EQ(server.toDocumentUrl("db", "a/b c", {}).toEncodedUrl(),
-            "http://admin:pw@127.0.0.1:5984/couch/db/a%2Fb%20c");
-  EXPECT_EQ(server.toDesignDocumentUrl("db", "app", {}).toEncodedUrl(),
-            "http://admin:pw@127.0.0.1:5984/couch/db/_design/app");
-  // The server itself is left as it was.
-  EXPECT_EQ(server.toEncodedUrl(), "http://admin:pw@127.0.0.1:5984/couch?ignored=1");
-}
-#include <HttpTools/couch/CouchView_p.h>
-
-#include <HttpTools/platform/qzJson.h>
-
-#include <gtest/gtest.h>
-
-using qz::couch::CouchConnectionParameters;
-
-TEST(CouchView, ViewUrls) {
-  const CouchConnectionParameters server(qz::Url("http://127.0.0.1:5984"));
-  struct Case {
-    std::string design, view;
-    long limit;
-    std::string url;
+  const std::string db = "http://admin:pw@127.0.0.1:5984/couch/db";
+  const std::vector<std::pair<qz::Url, std::string>> cases = {
+      {server.toDatabaseUrl("db", {}), db},
+      {server.toDatabaseUrl("db", {{"include_docs", "true"}, {"key", "\"a b\""}}),
+       db + "?include_docs=true&key=%22a%20b%22"},
+      {server.toDocumentUrl("db", "a/b c", {}), db + "/a%2Fb%20c"},
+      {server.toDesignDocumentUrl("db", "app", {}), db + "/_design/app"},
+      {qz::couch::BuildViewUrl(server, "db", "", "", -1), db + "/_all_docs"},
+      {qz::couch::BuildViewUrl(server, "db", "", "", 0), db + "/_all_docs?limit=0"},
+      {qz::couch::BuildViewUrl(server, "db", "app", "by date", 25), db + "/_design/app/_view/by%20date?limit=25"},
+      {qz::couch::BuildViewUrl(server, "db", "app", "v", -7), db + "/_design/app/_view/v"},
   };
-  for (const Case& c : std::vector<Case>{
-           {"", "", -1, "http://127.0.0.1:5984/db/_all_docs"},
-           {"", "", 0, "http://127.0.0.1:5984/db/_all_docs?limit=0"},
-           {"app", "by date", 25, "http://127.0.0.1:5984/db/_design/app/_view/by%20date?limit=25"},
-           {"app", "v", -7, "http://127.0.0.1:5984/db/_design/app/_view/v"},
-       })
-    EXPECT_EQ(qz::couch::BuildViewUrl(server, "db", c.design, c.view, c.limit).toEncodedUrl(), c.url);
+  for (const auto& [url, want] : cases)
+    EXPECT_EQ(url.toEncodedUrl(), want);
+  EXPECT_EQ(server.toEncodedUrl(), "http://admin:pw@127.0.0.1:5984/couch?ignored=1"); // left as it was
 }
 
 TEST(CouchView, KeysBodyIsJsonSizedBeforehand) {
