@@ -3,42 +3,14 @@
 #include <HttpTools/couch/ViewResultStreamParser_p.h>
 #include <HttpTools/platform/qzLog.h>
 
+#include "support/ViewReference.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace {
-
-std::vector<std::string> referenceCut(const std::string& text) {
-  std::vector<std::string> rows;
-  int32_t braces = 0, squares = 0;
-  bool inString = false;
-  size_t rowStart = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '\\') {
-      ++i;
-    } else if (c == '"') {
-      inString = !inString;
-    } else if (inString) {
-    } else if (c == '[') {
-      ++squares;
-    } else if (c == ']') {
-      --squares;
-    } else if (c == '{') {
-      if (++braces == 2 && squares == 1)
-        rowStart = i;
-    } else if (c == '}') {
-      if (braces == 2 && squares == 1) {
-        rows.push_back(text.substr(rowStart, i - rowStart + 1));
-        rowStart = i;
-      }
-      --braces;
-    }
-  }
-  return rows;
-}
 
 bool takeText(const char* text, size_t length, void* userData) {
   static_cast<std::vector<std::string>*>(userData)->emplace_back(text, length);
@@ -86,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (cutter.buffer().size() > at)
       std::abort();
   }
-  if (rows != referenceCut(text))
+  if (rows != qztest::ReferenceCutViewRows(text))
     std::abort();
   return 0;
 }

@@ -57,33 +57,32 @@ std::string Url::UrlDecodeToUtf8String(const std::string& text) {
   return out;
 }
 
-std::string Url::ToQueryEncoding(const QueryParameters& params) {
+namespace {
+// key=value items joined by '&'; `escape` percent-encodes keys and values.
+std::string JoinItems(const Url::QueryParameters& params, bool escape) {
   std::string out;
   bool first = true;
   for (const auto& [key, value] : params) {
     if (!first)
       out += kItemSeparator;
     first = false;
-    AppendEncoded(out, key);
+    if (escape)
+      AppendEncoded(out, key);
+    else
+      out += key;
     out += kKeyValueSeparator;
-    AppendEncoded(out, value);
+    if (escape)
+      AppendEncoded(out, value);
+    else
+      out += value;
   }
   return out;
 }
+} // namespace
 
-std::string Url::ToPostEncoding(const QueryParameters& params) {
-  std::string out;
-  bool first = true;
-  for (const auto& [key, value] : params) {
-    if (!first)
-      out += kItemSeparator;
-    first = false;
-    out += key;
-    out += kKeyValueSeparator;
-    out += value;
-  }
-  return out;
-}
+std::string Url::ToQueryEncoding(const QueryParameters& params) { return JoinItems(params, true); }
+
+std::string Url::ToPostEncoding(const QueryParameters& params) { return JoinItems(params, false); }
 
 std::string Url::ToEncodedPath(const std::vector<std::string>& segments) {
   std::string out;

@@ -3,6 +3,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/LogCapture.h"
+#include "support/ViewReference.h"
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -69,36 +70,6 @@ bool feedCuts(ViewResultStreamParser& parser, const std::string& text, const std
   return parser.feed(text.data() + from, text.size() - from);
 }
 
-// The cutting rule applied byte by byte to the whole text: the rows' texts and final counters.
-std::vector<std::string> referenceCut(const std::string& text, int32_t* braces, int32_t* squares) {
-  std::vector<std::string> rows;
-  int32_t b = 0, q = 0;
-  bool inString = false;
-  size_t rowStart = 0;
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '\\')
-      ++i;
-    else if (c == '"')
-      inString = !inString;
-    else if (inString)
-      continue;
-    else if (c == '[' || c == ']')
-      q += c == '[' ? 1 : -1;
-    else if (c == '{' && ++b == 2 && q == 1)
-      rowStart = i;
-    else if (c == '}') {
-      if (b-- == 2 && q == 1) {
-        rows.push_back(text.substr(rowStart, i - rowStart + 1));
-        rowStart = i;
-      }
-    }
-  }
-  *braces = b;
-  *squares = q;
-  return rows;
-}
-
 bool takeText(const char* text, size_t length, void* userData) {
   static_cast<std::vector<std::string>*>(userData)->emplace_back(text, length);
   return true;
@@ -151,7 +122,7 @@ TEST(ViewResultStreamParser, RandomChunkingsOfMutatedInputsAgreeWithByteWiseRule
         text.erase(rng() % text.size(), rng() % 40);
     }
     int32_t braces = 0, squares = 0;
-    const std::vector<std::string> want = referenceCut(text, &braces, &squares);
+    const std::vector<std::string> want = qztest::ReferenceCutViewRows(text, &braces, &squares);
     std::vector<size_t> cuts;
     for (size_t at = 1 + rng() % 7; at < text.size(); at += 1 + rng() % (round % 2 ? 7 : 97))
       cuts.push_back(at);
