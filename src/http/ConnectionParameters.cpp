@@ -10,10 +10,35 @@ namespace {
 
 long nonNegative(int v) { return v < 0 ? 0 : v; }
 
-CurlOptionValue number(CURLoption o, long long v) { return {o, CurlOptionValue::Long, v, {}}; }
-CurlOptionValue offT(CURLoption o, long long v) { return {o, CurlOptionValue::OffT, v, {}}; }
-CurlOptionValue text(CURLoption o, std::string v) { return {o, CurlOptionValue::Text, 0, std::move(v)}; }
-CurlOptionValue null(CURLoption o) { return {o, CurlOptionValue::Null, 0, {}}; }
+// Writes the option list over the entries already there, so that a reused vector keeps its
+// strings' buffers.
+class OptionWriter {
+public:
+  explicit OptionWriter(std::vector<CurlOptionValue>& out) : m_out(out) {}
+  ~OptionWriter() { m_out.resize(m_count); }
+  OptionWriter(const OptionWriter&) = delete;
+  OptionWriter& operator=(const OptionWriter&) = delete;
+
+  void number(CURLoption o, long long v) { next(o, CurlOptionValue::Long, v).text.clear(); }
+  void offT(CURLoption o, long long v) { next(o, CurlOptionValue::OffT, v).text.clear(); }
+  void text(CURLoption o, const char* v) { next(o, CurlOptionValue::Text, 0).text.assign(v); }
+  void text(CURLoption o, std::string&& v) { next(o, CurlOptionValue::Text, 0).text = std::move(v); }
+  void null(CURLoption o) { next(o, CurlOptionValue::Null, 0).text.clear(); }
+
+private:
+  CurlOptionValue& next(CURLoption o, CurlOptionValue::Kind kind, long long number) {
+    if (m_count == m_out.size())
+      m_out.push_back(CurlOptionValue{o, kind, number, {}});
+    CurlOptionValue& v = m_out[m_count++];
+    v.option = o;
+    v.kind = kind;
+    v.number = number;
+    return v;
+  }
+
+  std::vector<CurlOptionValue>& m_out;
+  size_t m_count = 0;
+};
 
 } // namespace
 
@@ -38,68 +63,93 @@ long ResolveIpResolve(HostNameResolutionPolicy policy) {
   }
 }
 
-std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p,
-                                                         const qz::Url& target, HttpProxyFinder& proxyFinder) {
-  std::vector<CurlOptionValue> o;
-  o.reserve(22);
-  o.push_back(number(CURLOPT_FOLLOWLOCATION, p.followLocation ? 1 : 0));
-  o.push_back(number(CURLOPT_MAXREDIRS, nonNegative(p.maxRedirects)));
-  o.push_back(text(CURLOPT_REDIR_PROTOCOLS_STR, "http,https"));
-  o.push_back(number(CURLOPT_CONNECTTIMEOUT, nonNegative(p.connectTimeoutSec)));
-  o.push_back(offT(CURLOPT_MAX_RECV_SPEED_LARGE, nonNegative(p.maxRecvSpeed)));
-  o.push_back(offT(CURLOPT_MAX_SEND_SPEED_LARGE, nonNegative(p.maxSendSpeed)));
+ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target) {
+  const ProxyPolicy proxy = p.proxyPolicy == PP_Default ? qz::GetDefaultProxyPolicy() : p.proxyPolicy;
+  ResolvedParametersKey k{};
+  k.connectTimeoutSec = p.connectTimeoutSec;
+  k.maxSendSpeed = p.maxSendSpeed;
+  k.maxRecvSpeed = p.maxRecvSpeed;
+  k.lowSpeedLimit = p.lowSpeedLimit;
+  k.lowSpeedTime = p.lowSpeedTime;
+  k.tcpKeepAlive = p.tcpKeepAlive;
+  k.maxRedirects = p.maxRedirects;
+  k.verbose = p.verbose;
+  k.ipResolve = ResolveIpResolve(p.hostNameResolutionPolicy);
+  k.followLocation = p.followLocation;
+  k.keepCookies = p.keepCookies;
+  k.verifyPeer = ResolveVerifyPeer(p.sslValidatePolicy, target);
+  k.cacheable = proxy != PP_AutomaticProxy && proxy != PP_ManualProxy;
+  return k;
+}
+
+void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
+                                 HttpProxyFinder& proxyFinder, std::vector<CurlOptionValue>& out) {
+  OptionWriter o(out);
+  o.number(CURLOPT_FOLLOWLOCATION, p.followLocation ? 1 : 0);
+  o.number(CURLOPT_MAXREDIRS, nonNegative(p.maxRedirects));
+  o.text(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  o.number(CURLOPT_CONNECTTIMEOUT, nonNegative(p.connectTimeoutSec));
+  o.offT(CURLOPT_MAX_RECV_SPEED_LARGE, nonNegative(p.maxRecvSpeed));
+  o.offT(CURLOPT_MAX_SEND_SPEED_LARGE, nonNegative(p.maxSendSpeed));
   if (p.keepCookies) {
     // The cookie engine keeps cookies in memory; the jar path means nothing survives the handle.
-    o.push_back(number(CURLOPT_COOKIESESSION, 0));
-    o.push_back(text(CURLOPT_COOKIEJAR, "/dev/null"));
+    o.number(CURLOPT_COOKIESESSION, 0);
+    o.text(CURLOPT_COOKIEJAR, "/dev/null");
   } else {
-    o.push_back(number(CURLOPT_COOKIESESSION, 1));
-    o.push_back(null(CURLOPT_COOKIEJAR));
+    o.number(CURLOPT_COOKIESESSION, 1);
+    o.null(CURLOPT_COOKIEJAR);
   }
   const bool lowSpeed = p.lowSpeedLimit > 0 && p.lowSpeedTime > 0;
-  o.push_back(number(CURLOPT_LOW_SPEED_LIMIT, lowSpeed ? p.lowSpeedLimit : 0));
-  o.push_back(number(CURLOPT_LOW_SPEED_TIME, lowSpeed ? p.lowSpeedTime : 0));
+  o.number(CURLOPT_LOW_SPEED_LIMIT, lowSpeed ? p.lowSpeedLimit : 0);
+  o.number(CURLOPT_LOW_SPEED_TIME, lowSpeed ? p.lowSpeedTime : 0);
   if (p.tcpKeepAlive > 0) {
-    o.push_back(number(CURLOPT_TCP_KEEPALIVE, 1));
-    o.push_back(number(CURLOPT_TCP_KEEPIDLE, p.tcpKeepAlive));
-    o.push_back(number(CURLOPT_TCP_KEEPINTVL, p.tcpKeepAlive));
+    o.number(CURLOPT_TCP_KEEPALIVE, 1);
+    o.number(CURLOPT_TCP_KEEPIDLE, p.tcpKeepAlive);
+    o.number(CURLOPT_TCP_KEEPINTVL, p.tcpKeepAlive);
   } else {
-    o.push_back(number(CURLOPT_TCP_KEEPALIVE, 0));
-    o.push_back(number(CURLOPT_TCP_KEEPIDLE, 10));
-    o.push_back(number(CURLOPT_TCP_KEEPINTVL, 10));
+    o.number(CURLOPT_TCP_KEEPALIVE, 0);
+    o.number(CURLOPT_TCP_KEEPIDLE, 10);
+    o.number(CURLOPT_TCP_KEEPINTVL, 10);
   }
-  o.push_back(number(CURLOPT_VERBOSE, p.verbose != 0 ? 1 : 0));
-  o.push_back(number(CURLOPT_IPRESOLVE, ResolveIpResolve(p.hostNameResolutionPolicy)));
+  o.number(CURLOPT_VERBOSE, p.verbose != 0 ? 1 : 0);
+  o.number(CURLOPT_IPRESOLVE, ResolveIpResolve(p.hostNameResolutionPolicy));
   const bool verify = ResolveVerifyPeer(p.sslValidatePolicy, target);
-  o.push_back(number(CURLOPT_SSL_VERIFYPEER, verify ? 1 : 0));
-  o.push_back(number(CURLOPT_SSL_VERIFYHOST, verify ? 2 : 0));
+  o.number(CURLOPT_SSL_VERIFYPEER, verify ? 1 : 0);
+  o.number(CURLOPT_SSL_VERIFYHOST, verify ? 2 : 0);
 
   const ProxyPolicy proxy = p.proxyPolicy == PP_Default ? qz::GetDefaultProxyPolicy() : p.proxyPolicy;
   if (proxy == PP_AutomaticProxy) {
     std::string found;
     if (proxyFinder.getProxyUrl(target, found))
-      o.push_back(text(CURLOPT_PROXY, std::move(found)));
+      o.text(CURLOPT_PROXY, std::move(found));
     else
-      o.push_back(null(CURLOPT_PROXY)); // libcurl's own default: the proxy environment variables
+      o.null(CURLOPT_PROXY); // libcurl's own default: the proxy environment variables
   } else if (proxy == PP_ManualProxy) {
     if (p.manualProxyUrl.isValid()) {
-      o.push_back(text(CURLOPT_PROXY, p.manualProxyUrl.toEncodedUrl()));
+      o.text(CURLOPT_PROXY, p.manualProxyUrl.toEncodedUrl());
     } else {
       qzLogObject(qzLog::Warning, "http")
           << "Manual proxy url is invalid " << p.manualProxyUrl.toDisplayableUrl() << " disable proxy for this call";
-      o.push_back(text(CURLOPT_PROXY, ""));
+      o.text(CURLOPT_PROXY, "");
     }
   } else {
-    o.push_back(text(CURLOPT_PROXY, "")); // no proxy at all, environment included
+    o.text(CURLOPT_PROXY, ""); // no proxy at all, environment included
   }
+}
+
+std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p,
+                                                         const qz::Url& target, HttpProxyFinder& proxyFinder) {
+  std::vector<CurlOptionValue> o;
+  ResolveConnectionParameters(p, target, proxyFinder, o);
   return o;
 }
 
-int HttpConnection::ConnectionParameters::applyParameters(void* curlHandle, const qz::Url& target,
-                                                          HttpProxyFinder& proxyFinder) const {
-  CURL* h = static_cast<CURL*>(curlHandle);
+int ApplyCurlOptions(CURL* h, const std::vector<CurlOptionValue>& options, const std::vector<CurlOptionValue>* current) {
   int result = 0;
-  for (const CurlOptionValue& v : ResolveConnectionParameters(*this, target, proxyFinder)) {
+  for (size_t i = 0; i < options.size(); ++i) {
+    const CurlOptionValue& v = options[i];
+    if (current && i < current->size() && (*current)[i] == v)
+      continue;
     switch (v.kind) {
     case CurlOptionValue::Long:
       result |= curl_easy_setopt(h, v.option, static_cast<long>(v.number));
@@ -116,6 +166,12 @@ int HttpConnection::ConnectionParameters::applyParameters(void* curlHandle, cons
     }
   }
   return result;
+}
+
+int HttpConnection::ConnectionParameters::applyParameters(void* curlHandle, const qz::Url& target,
+                                                          HttpProxyFinder& proxyFinder) const {
+  return ApplyCurlOptions(static_cast<CURL*>(curlHandle), ResolveConnectionParameters(*this, target, proxyFinder),
+                          nullptr);
 }
 
 } // namespace qz::http

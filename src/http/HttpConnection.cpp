@@ -5,12 +5,15 @@
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/url/Url_p.h>
 
 #include <cstring>
 
 namespace qz::http {
 
 namespace {
+
+const char* const kKeepAliveLine = "Connection: Keep-Alive";
 
 int debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* userPtr) {
   auto* d = static_cast<HttpConnection::HttpConnectionPrivate*>(userPtr);
@@ -57,7 +60,10 @@ HttpConnection::HttpConnection(bool countConnections)
 
 HttpConnection::~HttpConnection() { delete d; }
 
-void HttpConnection::clearConnection() { d->easy.reset(); }
+void HttpConnection::clearConnection() {
+  d->easy.reset();
+  d->forgetAppliedOptions();
+}
 
 bool HttpConnection::setupConnection(const qz::Url& url) {
   int rc = 0;
@@ -68,6 +74,7 @@ bool HttpConnection::setupConnection(const qz::Url& url) {
       return false;
     }
     d->easy.reset(curl_easy_init());
+    d->forgetAppliedOptions();
     if (!d->easy)
       return false;
     CURL* h = d->easy.get();
@@ -82,11 +89,21 @@ bool HttpConnection::setupConnection(const qz::Url& url) {
     rc |= curl_easy_setopt(h, CURLOPT_COOKIEFILE, "/dev/null");
     rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
   }
-  rc |= d->parameters.applyParameters(d->easy.get(), url, d->proxyFinder);
+  // What applyParameters does, but an option already on the handle with the same value is not
+  // set again: most requests on a kept handle change none, and most need not even resolve.
+  const ResolvedParametersKey key = KeyOfParameters(d->parameters, url);
+  if (rc == 0 && key.cacheable && d->appliedKeyValid && key == d->appliedKey)
+    return true;
+  d->appliedKeyValid = false;
+  ResolveConnectionParameters(d->parameters, url, d->proxyFinder, d->resolvedOptions);
+  rc |= ApplyCurlOptions(d->easy.get(), d->resolvedOptions, &d->appliedOptions);
   if (rc != 0) {
-    d->easy.reset();
+    clearConnection();
     return false;
   }
+  d->appliedOptions.swap(d->resolvedOptions);
+  d->appliedKey = key;
+  d->appliedKeyValid = key.cacheable;
   return true;
 }
 
@@ -95,8 +112,14 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   if (!d->lastUrl.host.empty() && (d->lastUrl.host != url.host || d->lastUrl.port != url.port))
     qzLogObject(qzLog::Warning, "http") << "Http connection was reused with a different host:port "
                                         << d->lastUrl.toDisplayableUrl() << " " << url.toDisplayableUrl();
-  if (&d->lastUrl != &url)
-    d->lastUrl = url;
+  // Most calls on a kept connection repeat the last URL: the copy and its rendering are kept.
+  if (!d->lastEncodedUrlValid || (&d->lastUrl != &url && !qz::url_impl::IsSameUrlValue(d->lastUrl, url))) {
+    d->lastEncodedUrlValid = false;
+    if (&d->lastUrl != &url)
+      d->lastUrl = url;
+    d->lastEncodedUrl = url.toEncodedUrl();
+    d->lastEncodedUrlValid = true;
+  }
 
   d->errorBuffer[0] = 0;
   d->lastCurlCode = CURLE_OK;
@@ -112,7 +135,7 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   }
 
   bool retry = false;
-  const bool ok = getHttpDataImpl(url.toEncodedUrl(), expectedContentType, expectedHttpCode, !url.ipAddress.isValid(),
+  const bool ok = getHttpDataImpl(d->lastEncodedUrl, expectedContentType, expectedHttpCode, !url.ipAddress.isValid(),
                                   retry, setup, userData);
   if (!ok && retry) {
     // The preferred address family failed for this name: from now on take whatever resolves.
@@ -137,30 +160,54 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
 
   if (setup && setup(h, userData, extraHeaders) != 0)
     return failWithReset("User callback return and error");
+  if (setup && !IsLibrarySetupCallback(setup))
+    d->forgetAppliedOptions();
 
   int rc = 0;
-  rc |= curl_easy_setopt(h, CURLOPT_PROGRESSDATA, userData);
-  rc |= curl_easy_setopt(h, CURLOPT_WRITEDATA, userData);
-  rc |= curl_easy_setopt(h, CURLOPT_READDATA, userData);
+  if (!d->userDataApplied || d->appliedUserData != userData) {
+    d->userDataApplied = false;
+    rc |= curl_easy_setopt(h, CURLOPT_PROGRESSDATA, userData);
+    rc |= curl_easy_setopt(h, CURLOPT_WRITEDATA, userData);
+    rc |= curl_easy_setopt(h, CURLOPT_READDATA, userData);
+    d->appliedUserData = userData;
+    d->userDataApplied = rc == 0;
+  }
 
-  d->headerList.reset();
-  curl_slist* list = nullptr;
-  auto append = [&list](const std::string& line) {
-    if (curl_slist* next = curl_slist_append(list, line.c_str()))
-      list = next;
-  };
-  for (const std::string& line : d->commonHeaders)
-    append(line);
-  for (const std::string& line : extraHeaders)
-    append(line);
-  append("Connection: Keep-Alive");
-  d->headerList.reset(list);
-  rc |= curl_easy_setopt(h, CURLOPT_HTTPHEADER, list);
+  // The header list is rebuilt only when its lines change.
+  const size_t lineCount = d->commonHeaders.size() + extraHeaders.size() + 1;
+  bool sameLines = d->headersApplied && d->headerLines.size() == lineCount;
+  if (sameLines) {
+    auto known = d->headerLines.begin();
+    for (const std::string& line : d->commonHeaders)
+      sameLines = sameLines && *known++ == line;
+    for (const std::string& line : extraHeaders)
+      sameLines = sameLines && *known++ == line;
+    sameLines = sameLines && *known == kKeepAliveLine;
+  }
+  if (!sameLines) {
+    d->headersApplied = false;
+    d->headerLines.clear();
+    d->headerLines.insert(d->headerLines.end(), d->commonHeaders.begin(), d->commonHeaders.end());
+    d->headerLines.insert(d->headerLines.end(), extraHeaders.begin(), extraHeaders.end());
+    d->headerLines.emplace_back(kKeepAliveLine);
+    curl_slist* list = nullptr;
+    for (const std::string& line : d->headerLines)
+      if (curl_slist* next = curl_slist_append(list, line.c_str()))
+        list = next;
+    const CURLcode set = curl_easy_setopt(h, CURLOPT_HTTPHEADER, list);
+    d->headerList.reset(list); // after the handle lets go of the old list
+    rc |= set;
+    d->headersApplied = set == CURLE_OK;
+  }
   if (rc != 0)
     return failWithReset("Error while setting connection parameters");
 
-  if (curl_easy_setopt(h, CURLOPT_URL, encodedUrl.c_str()) != CURLE_OK)
-    return failWithReset("Error while setting url");
+  if (encodedUrl != d->appliedUrl) {
+    d->appliedUrl.clear();
+    if (curl_easy_setopt(h, CURLOPT_URL, encodedUrl.c_str()) != CURLE_OK)
+      return failWithReset("Error while setting url");
+    d->appliedUrl = encodedUrl;
+  }
 
   const int64_t start = qzSystemUtils::GetTimeBaseMs();
   d->inTransfer = true;

@@ -88,6 +88,7 @@ public:
   class HttpConnectionPrivate;
 
 private:
+  friend struct HttpConnectionAccess; // the library's own helpers
   bool getHttpDataImpl(const std::string& encodedUrl, const std::string& expectedContentType, long expectedHttpCode,
                        bool hostIsName, bool& retry, SetupCallback setup, void* userData);
 

@@ -1,5 +1,6 @@
 #include <HttpTools/http/HttpHelpers.h>
 
+#include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
@@ -30,6 +31,7 @@ struct RequestContext {
   int32_t method = 0;
   bool jsonBody = false;
   const bool* cancel = nullptr;
+  HttpConnection::HttpConnectionPrivate* connection = nullptr; // its memo of the handle's request options
 
   bool cancelled() const { return cancel && *cancel; }
 };
@@ -98,14 +100,28 @@ int setupCallback(void* curl, void* userData, std::list<std::string>& extraHeade
       callerContentType = callerContentType || qzStringUtils::Contains(line, "Content-Type:");
     }
   }
-  int rc = 0;
-  rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, writeCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progressCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_PROGRESSDATA, c);
   if (c->jsonBody)
     extraHeaders.push_back(kJsonContentType);
   else if (!callerContentType)
     extraHeaders.push_back(kOctetContentType);
+
+  // The request options below depend only on this; when the handle already holds them (same
+  // context, method and body size, nobody else's callback since) they are not set again.
+  HttpConnection::HttpConnectionPrivate::RequestSetup wanted;
+  wanted.context = c;
+  wanted.method = c->method;
+  wanted.bodySize = c->bodySize;
+  wanted.hasBody = c->body != nullptr;
+  wanted.headerCapture = c->headersMap != nullptr;
+  if (c->connection && c->connection->requestSetupKnown && c->connection->requestSetup == wanted)
+    return 0;
+  if (c->connection)
+    c->connection->requestSetupKnown = false;
+
+  int rc = 0;
+  rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, writeCallback);
+  rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progressCallback);
+  rc |= curl_easy_setopt(h, CURLOPT_PROGRESSDATA, c);
 
   // Undo what an earlier call on this handle may have left.
   rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L);
@@ -154,6 +170,10 @@ int setupCallback(void* curl, void* userData, std::list<std::string>& extraHeade
   default:
     return 2;
   }
+  if (rc == 0 && c->connection) {
+    c->connection->requestSetup = wanted;
+    c->connection->requestSetupKnown = true;
+  }
   return rc;
 }
 
@@ -172,6 +192,16 @@ bool run(HttpConnection& conn, const qz::Url& url, HttpResult* result, const Con
 }
 
 } // namespace
+
+} // namespace qz::http::HttpHelpers
+
+namespace qz::http {
+
+bool IsLibrarySetupCallback(HttpConnection::SetupCallback setup) { return setup == HttpHelpers::setupCallback; }
+
+} // namespace qz::http
+
+namespace qz::http::HttpHelpers {
 
 void HttpResult::clearResultAttributes() {
   if (body)
@@ -200,6 +230,7 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
   ctx->extraHeaders = headers;
   ctx->cancel = cancel;
   ctx->receivedBytes = 0;
+  ctx->connection = HttpConnectionAccess::of(conn);
 
   // The call may change the connection's parameters (explicit ones, the resolution fallback):
   // none of that outlives it. Without explicit parameters the fallback's policy is the only

@@ -34,9 +34,13 @@ IpAddress::IpAddress(IpAddress&& other) noexcept : m_type(other.m_type), m_addre
 
 IpAddress& IpAddress::operator=(const IpAddress& other) {
   if (this != &other) {
-    Storage* copy = other.m_address ? new Storage(*other.m_address) : nullptr;
-    delete m_address;
-    m_address = copy;
+    if (m_address && other.m_address) {
+      *m_address = *other.m_address; // same storage reused
+    } else {
+      Storage* copy = other.m_address ? new Storage(*other.m_address) : nullptr;
+      delete m_address;
+      m_address = copy;
+    }
     m_type = other.m_type;
   }
   return *this;

@@ -24,6 +24,17 @@ void WipeString(std::string& s) {
   s.clear();
 }
 
+bool IsSameUrlValue(const Url& a, const Url& b) {
+  if (a.port != b.port || a.ipAddress.getType() != b.ipAddress.getType() || a.host != b.host || a.scheme != b.scheme ||
+      a.pathSegments != b.pathSegments || a.queryParameters != b.queryParameters || a.user != b.user ||
+      a.password != b.password || a.authDbName != b.authDbName)
+    return false;
+  const sockaddr* x = a.ipAddress.getSockaddr();
+  const sockaddr* y = b.ipAddress.getSockaddr();
+  const unsigned int n = a.ipAddress.getSockaddrLen();
+  return x == y || (x && y && n == b.ipAddress.getSockaddrLen() && std::memcmp(x, y, n) == 0);
+}
+
 } // namespace url_impl
 
 using url_impl::AppendDecoded;
@@ -45,8 +56,12 @@ Url::Url(Url&& other) noexcept
 
 Url& Url::operator=(const Url& other) {
   if (this != &other) {
-    // Assignment could keep the tail of a longer old secret in the buffer.
-    clearUrl(ClearAll);
+    // Assignment could keep the tail of a longer old secret in the buffer. The lists are
+    // assigned in place, which reuses their nodes.
+    WipeString(user);
+    WipeString(password);
+    WipeString(authDbName);
+    WipeString(host);
     scheme = other.scheme;
     user = other.user;
     password = other.password;

@@ -2,10 +2,20 @@
 
 // Shared between the URL parser and renderer.
 
+#include <HttpTools/platform/Export.h>
+
 #include <cstring>
 #include <string>
 
+namespace qz {
+class Url;
+}
+
 namespace qz::url_impl {
+
+// True when every field holds the same value, the IP address byte for byte (port included):
+// a copy of one would not change the other. Stricter than Url::operator==.
+HTTPTOOLS_API bool IsSameUrlValue(const Url& a, const Url& b);
 
 inline const std::string kKeyValueSeparator = "=";
 inline const std::string kItemSeparator = "&";

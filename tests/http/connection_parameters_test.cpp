@@ -10,8 +10,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
+#include <random>
 
 using namespace qz::http;
 using Params = HttpConnection::ConnectionParameters;
@@ -152,6 +154,46 @@ TEST_F(ParamsTest, ApplyOrsResultsOfEveryOption) {
   p.manualProxyUrl = qz::Url("http://proxy.example:3128");
   p.manualProxyUrl.host = std::string(9 * 1024 * 1024, 'p');
   EXPECT_NE(p.applyParameters(h.get(), qz::Url("http://example.org/"), finder), 0);
+}
+
+// A connection skips resolving when the key is unchanged, so records (and process defaults)
+// with equal cacheable keys must resolve to the same options. Random records over small value
+// sets collide often; a field the key forgot shows up as two results under one key.
+TEST_F(ParamsTest, EqualKeysResolveAlike) {
+  std::mt19937 rng(20261121);
+  auto pick = [&](std::initializer_list<int> values) { return *(values.begin() + rng() % values.size()); };
+  std::vector<std::pair<ResolvedParametersKey, std::string>> seen; // key, rendered options
+  size_t collisions = 0;
+  for (int i = 0; i < 20000; ++i) {
+    setDefaults(rng() % 2, HostNameResolutionPolicy(pick({0, 1, 2, 3})), ProxyPolicy(pick({1, 3})));
+    Params p;
+    p.connectTimeoutSec = pick({-1, 0, 10});
+    p.maxSendSpeed = pick({-1, 0, 5});
+    p.maxRecvSpeed = pick({-1, 0, 5});
+    p.lowSpeedLimit = pick({-1, 0, 10});
+    p.lowSpeedTime = pick({0, 10});
+    p.tcpKeepAlive = pick({-1, 0, 30});
+    p.maxRedirects = pick({-2, 0, 3});
+    p.verbose = pick({0, 1, 2});
+    p.followLocation = rng() % 2;
+    p.keepCookies = rng() % 2;
+    p.sslValidatePolicy = SSLValidatePolicy(pick({0, 1, 2, 9}));
+    p.hostNameResolutionPolicy = HostNameResolutionPolicy(pick({0, 1, 2, 3, 9}));
+    p.proxyPolicy = ProxyPolicy(pick({0, 1, 3, 9}));
+    const std::string target = rng() % 2 ? "https://127.0.0.1/" : "https://localhost/";
+    const ResolvedParametersKey k = KeyOfParameters(p, qz::Url(target));
+    if (!k.cacheable)
+      continue;
+    const std::string options = render(p, target);
+    auto same = std::find_if(seen.begin(), seen.end(), [&](const auto& e) { return e.first == k; });
+    if (same == seen.end()) {
+      seen.emplace_back(k, options);
+      continue;
+    }
+    ++collisions;
+    ASSERT_EQ(same->second, options);
+  }
+  EXPECT_GT(collisions, 1000u); // the property was really exercised
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 
 using namespace qz::http;
 using testing::AllOf;
@@ -215,6 +216,82 @@ TEST_F(Connection, NameThatFailsUnderPreferredFamilyIsRetriedOnce) {
   EXPECT_FALSE(get(def, "http://no-such-host.invalid/"));
   EXPECT_EQ(def.getConnectionParameters().hostNameResolutionPolicy, HNRP_Default);
   qz::SetDefaultHostNameResolutionPolicy(HNRP_Whatever);
+}
+
+// A kept handle is only told what changed. Every change must still reach the wire: parameters,
+// common headers, the URL, and whatever another set-up callback put on the handle in between.
+int foreignOptions(void* curl, void* user, std::list<std::string>& extra) {
+  static curl_slist* foreign = curl_slist_append(nullptr, "X-Foreign: 1");
+  CURL* h = static_cast<CURL*>(curl);
+  curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(h, CURLOPT_HTTPHEADER, foreign);
+  curl_easy_setopt(h, CURLOPT_URL, "http://127.0.0.1:1/");
+  return collectBody(curl, user, extra);
+}
+
+TEST_F(Connection, KeptHandleSeesEveryChange) {
+  HttpConnection c;
+  std::string out;
+  HttpHelpers::HttpResult r;
+  r.body = &out;
+  auto helperGet = [&](const std::string& path) { return HttpHelpers::HttpGet(c, qz::Url(srv.url(path)), &r); };
+  struct Step {
+    const char* name;
+    std::function<bool()> call;
+    bool ok;
+    const char* path; // the path the server saw last
+    const char* traceHeader;
+    bool foreignHeader = false;
+  };
+  const std::vector<Step> steps{
+      {"follows", [&] { return helperGet("/redirect/1"); }, true, "/redirect/0", ""},
+      {"follow turned off",
+       [&] {
+         c.editConnectionParameters().followLocation = false;
+         return helperGet("/redirect/1");
+       },
+       false, "/redirect/1", ""},
+      {"follow back on",
+       [&] {
+         c.editConnectionParameters().followLocation = true;
+         return helperGet("/redirect/2");
+       },
+       true, "/redirect/0", ""},
+      {"common header added",
+       [&] {
+         c.addCommonHeader("X-Trace: 7");
+         return helperGet("/echo");
+       },
+       true, "/echo", "7"},
+      {"same again", [&] { return helperGet("/echo?again"); }, true, "/echo", "7"},
+      {"common header replaced",
+       [&] {
+         c.setCommonHeaders({"X-Trace: 8"});
+         return helperGet("/echo");
+       },
+       true, "/echo", "8"},
+      // Sets redirects off, its own header list and another URL on the handle: the connection
+      // must put its own back, in this call for the URL and headers, in the next for the rest.
+      {"foreign callback", [&] { return get(c, "/echo", 200, "", foreignOptions); }, true, "/echo", "8"},
+      {"after foreign", [&] { return helperGet("/redirect/1"); }, true, "/redirect/0", "8"},
+      {"common headers cleared",
+       [&] {
+         c.setCommonHeaders({});
+         return helperGet("/echo");
+       },
+       true, "/echo", ""},
+      {"other query, same host", [&] { return helperGet("/echo?x=1"); }, true, "/echo", ""},
+  };
+  for (const Step& s : steps) {
+    EXPECT_EQ(s.call(), s.ok) << s.name << ": " << c.getLastErrorMsg();
+    const auto req = srv.lastRequest();
+    EXPECT_EQ(req.path, s.path) << s.name;
+    EXPECT_EQ(req.header("X-Trace"), s.traceHeader) << s.name;
+    EXPECT_EQ(req.headerCount("X-Foreign"), 0u) << s.name;
+    EXPECT_EQ(req.headerCount("Connection"), 1u) << s.name;
+  }
+  EXPECT_EQ(srv.lastRequest().target, "/echo?x=1");
+  EXPECT_EQ(srv.connectionCount(), 1u);
 }
 
 TEST_F(Connection, RefusesToRunBeforeInitialisation) {

@@ -238,6 +238,7 @@ void TestHttpServer::record(const httplib::Request& req) {
   RecordedRequest r;
   r.method = req.method;
   r.path = req.path;
+  r.target = req.target;
   for (const auto& [k, v] : req.headers)
     if (k != "REMOTE_ADDR" && k != "REMOTE_PORT" && k != "LOCAL_ADDR" && k != "LOCAL_PORT")
       r.headers.emplace(k, v);

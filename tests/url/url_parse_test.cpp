@@ -1,9 +1,12 @@
 #include <HttpTools/url/Url.h>
+#include <HttpTools/url/Url_p.h>
 
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -148,6 +151,45 @@ TEST(UrlEquality, ComparesAddressNotQuery) {
   other.authDbName = "admin";
   other.ipAddress.fromStringAddress("1.2.3.4", qz::IpAddress::IPT_IPv4);
   EXPECT_EQ(other, base) << "neither the database name nor the resolved address counts";
+}
+
+// Stricter than ==: any field, the database name and the address's port included, tells values
+// apart, and an assignment (with reused buffers) always yields the same value.
+TEST(UrlSameValue, EveryFieldCounts) {
+  qz::Url base("http://u:p@h:81/a/b?x=1&y=2");
+  base.authDbName = "db";
+  base.ipAddress.fromStringAddress("10.0.0.1", qz::IpAddress::IPT_IPv4);
+  const std::vector<std::pair<const char*, std::function<void(qz::Url&)>>> edits{
+      {"scheme", [](qz::Url& u) { u.scheme = "https"; }},
+      {"user", [](qz::Url& u) { u.user = "v"; }},
+      {"password", [](qz::Url& u) { u.password.clear(); }},
+      {"host", [](qz::Url& u) { u.host = "H"; }},
+      {"database", [](qz::Url& u) { u.authDbName.clear(); }},
+      {"port", [](qz::Url& u) { u.port = 82; }},
+      {"segment", [](qz::Url& u) { u.pathSegments.back() = "c"; }},
+      {"segment count", [](qz::Url& u) { u.pathSegments.push_back(""); }},
+      {"query value", [](qz::Url& u) { u.queryParameters.back().second = "3"; }},
+      {"query order", [](qz::Url& u) { u.queryParameters.reverse(); }},
+      {"address", [](qz::Url& u) { u.ipAddress.fromStringAddress("10.0.0.2", qz::IpAddress::IPT_IPv4); }},
+      {"address family", [](qz::Url& u) { u.ipAddress.fromStringAddress("::ffff:10.0.0.1", qz::IpAddress::IPT_IPv6); }},
+      {"no address", [](qz::Url& u) { u.ipAddress.clear(); }},
+  };
+  for (const auto& [name, edit] : edits) {
+    qz::Url other(base);
+    ASSERT_TRUE(qz::url_impl::IsSameUrlValue(other, base)) << name;
+    edit(other);
+    EXPECT_FALSE(qz::url_impl::IsSameUrlValue(other, base)) << name;
+    EXPECT_FALSE(qz::url_impl::IsSameUrlValue(base, other)) << name;
+    other = base; // into the edited value's buffers
+    EXPECT_TRUE(qz::url_impl::IsSameUrlValue(other, base)) << name;
+  }
+  // The port inside the resolved address is part of its value too.
+  sockaddr_in withPort = *base.ipAddress.getIPv4Sockaddr();
+  withPort.sin_port = htons(8080);
+  qz::Url other(base);
+  other.ipAddress.fromIPv4(&withPort);
+  EXPECT_FALSE(qz::url_impl::IsSameUrlValue(other, base));
+  EXPECT_TRUE(qz::url_impl::IsSameUrlValue(qz::Url(), qz::Url()));
 }
 
 TEST(UrlCopy, CopiesAndMovesEveryFieldAndEmptiesTheSource) {
