@@ -144,7 +144,8 @@ std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::C
   return o;
 }
 
-int ApplyCurlOptions(CURL* h, const std::vector<CurlOptionValue>& options, const std::vector<CurlOptionValue>* current) {
+int ApplyCurlOptions(CURL* h, const std::vector<CurlOptionValue>& options,
+                     const std::vector<CurlOptionValue>* current) {
   int result = 0;
   for (size_t i = 0; i < options.size(); ++i) {
     const CurlOptionValue& v = options[i];

@@ -20,6 +20,7 @@ HttpConnectionPool::~HttpConnectionPool() {
     updater->removeCallback(UpdatePool, this);
   qzMutexLocker lock(m_mutex);
   m_idle.clear();
+  m_spare.clear();
   m_count = 0;
 }
 
@@ -29,7 +30,7 @@ HttpConnection* HttpConnectionPool::getHttpConnection(const std::string& host, u
     auto it = std::find_if(m_idle.begin(), m_idle.end(), FindConnectionPred(host, port));
     if (it != m_idle.end()) {
       HttpConnection* c = it->connection.release();
-      m_idle.erase(it);
+      m_spare.splice(m_spare.begin(), m_idle, it);
       --m_count;
       return c;
     }
@@ -44,14 +45,18 @@ void HttpConnectionPool::releaseHttpConnection(HttpConnection* conn) {
   const qz::Url& last = conn->getLastUrl();
   if (last.host.empty())
     return; // never made a call: nothing worth keeping
-  tConnection entry;
-  entry.host = last.host;
-  entry.port = last.port;
-  entry.lastUse = qzSystemUtils::GetTimeBaseMs();
-  entry.connection = std::move(owned);
+  const int64_t now = qzSystemUtils::GetTimeBaseMs();
   std::list<tConnection> dropped; // closed after the lock is released
   qzMutexLocker lock(m_mutex);
-  m_idle.push_front(std::move(entry));
+  if (m_spare.empty())
+    m_idle.emplace_front();
+  else
+    m_idle.splice(m_idle.begin(), m_spare, m_spare.begin());
+  tConnection& entry = m_idle.front();
+  entry.host = last.host;
+  entry.port = last.port;
+  entry.lastUse = now;
+  entry.connection = std::move(owned);
   ++m_count;
   updateConnectionPoolImpl(dropped);
   lock.native().unlock();

@@ -61,8 +61,9 @@ private:
   // after unlocking so that closing connections does not hold up other threads.
   void updateConnectionPoolImpl(std::list<tConnection>& dropped);
 
-  mutable qz::qzMutex m_mutex;   // first: guards everything below
-  std::list<tConnection> m_idle; // most recently released first
+  mutable qz::qzMutex m_mutex;    // first: guards everything below
+  std::list<tConnection> m_idle;  // most recently released first
+  std::list<tConnection> m_spare; // empty nodes of lent connections, reused on release
   size_t m_count = 0;
   int64_t m_keepOpenMs = 10000;
   uint64_t m_maxIdle = 1;

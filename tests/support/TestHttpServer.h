@@ -43,7 +43,7 @@ namespace qztest {
 struct RecordedRequest {
   std::string method;
   std::string path;
-  std::string target; // the request line's target: path and query as sent
+  std::string target;                              // the request line's target: path and query as sent
   std::multimap<std::string, std::string> headers; // names as sent
   std::string body;
   int remotePort = 0;
