@@ -1,4 +1,8 @@
 // qz::Url parsing and rendering beside raw uriparser and Boost.URL on the same corpus of URLs.
+// First the parse ratios from interleaved passes (the figures to compare with targets), then the
+// Google Benchmark table and its ratios.
+//
+//   url_bench [--rounds=N] [benchmark flags]
 #include <HttpTools/url/Url.h>
 
 #include <benchmark/benchmark.h>
@@ -6,7 +10,11 @@
 #include <boost/url/url.hpp>
 #include <uriparser/Uri.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <map>
 #include <random>
 #include <string>
@@ -197,10 +205,85 @@ private:
   std::map<std::string, double> m_times;
 };
 
+// Per-pass CPU time of the calling thread, in seconds.
+double ThreadCpuSec() {
+  timespec ts{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+template <typename F> double PassSec(F&& parseAll) {
+  const double t0 = ThreadCpuSec();
+  parseAll();
+  return ThreadCpuSec() - t0;
+}
+
+// The parse ratios measured pass against pass: each round times one pass of every parser over
+// the corpus (in alternating order) and keeps the ratios of that round, so that a slow phase of
+// a shared machine hits both sides of a ratio alike. Medians over the rounds.
+void InterleavedRatios(int rounds) {
+  const auto& corpus = Corpus();
+  qz::Url url;
+  std::string error;
+  auto raw = [&] {
+    for (const std::string& text : corpus) {
+      UriUriA uri;
+      UriParserStateA st;
+      st.uri = &uri;
+      int rc = uriParseUriA(&st, text.c_str());
+      benchmark::DoNotOptimize(rc);
+      if (rc == URI_SUCCESS)
+        uriFreeUriMembersA(&uri);
+    }
+  };
+  auto ours = [&](bool normalize) {
+    return [&, normalize] {
+      for (const std::string& text : corpus) {
+        bool ok = url.fromEncodedUtf8String(text, &error, normalize);
+        benchmark::DoNotOptimize(ok);
+      }
+    };
+  };
+  auto boost = [&] {
+    for (const std::string& text : corpus) {
+      auto r = boost::urls::parse_uri(text);
+      benchmark::DoNotOptimize(r);
+    }
+  };
+  for (int warm = 0; warm < 3; ++warm)
+    raw(), ours(false)(), ours(true)(), boost();
+  std::vector<double> plain, normalized, vsBoost;
+  for (int r = 0; r < rounds; ++r) {
+    double tRaw = 0, tOurs = 0, tNorm = 0, tBoost = 0;
+    if (r % 2 == 0) {
+      tRaw = PassSec(raw), tOurs = PassSec(ours(false)), tNorm = PassSec(ours(true)), tBoost = PassSec(boost);
+    } else {
+      tBoost = PassSec(boost), tNorm = PassSec(ours(true)), tOurs = PassSec(ours(false)), tRaw = PassSec(raw);
+    }
+    plain.push_back(tOurs / tRaw);
+    normalized.push_back(tNorm / tRaw);
+    vsBoost.push_back(tOurs / tBoost);
+  }
+  auto median = [](std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+  };
+  std::printf("Parse ratios, %d interleaved rounds over %zu URLs (median of per-round ratios)\n", rounds, corpus.size());
+  std::printf("  full parse / raw uriparser             = %.2fx (target <= 1.5)\n", median(plain));
+  std::printf("  full parse, normalised / raw uriparser = %.2fx\n", median(normalized));
+  std::printf("  full parse / Boost.URL parse_uri       = %.2fx\n\n", median(vsBoost));
+  std::fflush(stdout);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+  int rounds = 41;
+  for (int i = 1; i < argc; ++i)
+    if (std::strncmp(argv[i], "--rounds=", 9) == 0)
+      rounds = std::max(1, std::atoi(argv[i] + 9));
   benchmark::Initialize(&argc, argv);
+  InterleavedRatios(rounds);
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();

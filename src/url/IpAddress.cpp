@@ -2,6 +2,7 @@
 
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
+#include <HttpTools/url/IpAddress_p.h>
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -12,6 +13,77 @@
 #include <memory>
 
 namespace qz {
+
+namespace ip_impl {
+
+namespace {
+
+char* FormatDecimalByte(unsigned v, char* out) {
+  if (v >= 100)
+    *out++ = char('0' + v / 100);
+  if (v >= 10)
+    *out++ = char('0' + v / 10 % 10);
+  *out++ = char('0' + v % 10);
+  return out;
+}
+
+} // namespace
+
+size_t FormatIPv6(const unsigned char* bytes, char* out) {
+  unsigned words[8];
+  for (int i = 0; i < 8; ++i)
+    words[i] = unsigned(bytes[2 * i]) << 8 | bytes[2 * i + 1];
+  // The longest run of zero groups, the first one on a tie; none shorter than two.
+  int bestBase = -1, bestLen = 0, curBase = -1, curLen = 0;
+  for (int i = 0; i <= 8; ++i) {
+    if (i < 8 && words[i] == 0) {
+      if (curBase < 0)
+        curBase = i, curLen = 0;
+      ++curLen;
+    } else if (curBase >= 0) {
+      if (curLen > bestLen)
+        bestBase = curBase, bestLen = curLen;
+      curBase = -1;
+    }
+  }
+  if (bestLen < 2)
+    bestBase = -1;
+
+  static const char kHex[] = "0123456789abcdef";
+  char* p = out;
+  for (int i = 0; i < 8; ++i) {
+    if (bestBase >= 0 && i >= bestBase && i < bestBase + bestLen) {
+      if (i == bestBase)
+        *p++ = ':';
+      continue;
+    }
+    if (i != 0)
+      *p++ = ':';
+    if (i == 6 && bestBase == 0 && (bestLen == 6 || (bestLen == 5 && words[5] == 0xffff))) {
+      for (int b = 12; b < 16; ++b) {
+        p = FormatDecimalByte(bytes[b], p);
+        if (b < 15)
+          *p++ = '.';
+      }
+      *p = 0;
+      return size_t(p - out);
+    }
+    const unsigned w = words[i];
+    if (w >= 0x1000)
+      *p++ = kHex[w >> 12];
+    if (w >= 0x100)
+      *p++ = kHex[(w >> 8) & 15];
+    if (w >= 0x10)
+      *p++ = kHex[(w >> 4) & 15];
+    *p++ = kHex[w & 15];
+  }
+  if (bestBase >= 0 && bestBase + bestLen == 8)
+    *p++ = ':';
+  *p = 0;
+  return size_t(p - out);
+}
+
+} // namespace ip_impl
 
 union IpAddress::Storage {
   sockaddr_in v4;
@@ -72,11 +144,14 @@ void IpAddress::fromStringAddress(const std::string& text, Type type) {
   Type got = IPT_None;
   in_addr a4;
   in6_addr a6;
-  if ((type == IPT_IPv4 || type == IPT_None) && inet_pton(AF_INET, text.c_str(), &a4) == 1) {
+  // Host names are the common case: an IPv4 text starts with a digit, an IPv6 one has a colon.
+  const bool maybe4 = !text.empty() && text[0] >= '0' && text[0] <= '9';
+  const bool maybe6 = text.find(':') != std::string::npos;
+  if ((type == IPT_IPv4 || type == IPT_None) && maybe4 && inet_pton(AF_INET, text.c_str(), &a4) == 1) {
     parsed.v4.sin_family = AF_INET;
     parsed.v4.sin_addr = a4;
     got = IPT_IPv4;
-  } else if ((type == IPT_IPv6 || type == IPT_None) && inet_pton(AF_INET6, text.c_str(), &a6) == 1) {
+  } else if ((type == IPT_IPv6 || type == IPT_None) && maybe6 && inet_pton(AF_INET6, text.c_str(), &a6) == 1) {
     parsed.v6.sin6_family = AF_INET6;
     parsed.v6.sin6_addr = a6;
     got = IPT_IPv6;
@@ -92,19 +167,25 @@ void IpAddress::fromStringAddress(const std::string& text, Type type) {
 }
 
 void IpAddress::fromIPv4(const sockaddr_in* address) {
-  clear();
-  if (!address || address->sin_family != AF_INET)
+  if (!address || address->sin_family != AF_INET) {
+    clear();
     return;
-  m_address = new Storage{};
+  }
+  if (!m_address)
+    m_address = new Storage;
+  *m_address = Storage{};
   std::memcpy(&m_address->v4, address, sizeof(sockaddr_in));
   m_type = IPT_IPv4;
 }
 
 void IpAddress::fromIPv6(const sockaddr_in6* address) {
-  clear();
-  if (!address || address->sin6_family != AF_INET6)
+  if (!address || address->sin6_family != AF_INET6) {
+    clear();
     return;
-  m_address = new Storage{};
+  }
+  if (!m_address)
+    m_address = new Storage;
+  *m_address = Storage{};
   std::memcpy(&m_address->v6, address, sizeof(sockaddr_in6));
   m_type = IPT_IPv6;
 }
@@ -165,8 +246,7 @@ std::string IpAddress::getAddressAsString(bool withPort) const {
       return {};
     port = ntohs(m_address->v4.sin_port);
   } else if (m_type == IPT_IPv6) {
-    if (!inet_ntop(AF_INET6, &m_address->v6.sin6_addr, buffer, INET6_ADDRSTRLEN))
-      return {};
+    ip_impl::FormatIPv6(m_address->v6.sin6_addr.s6_addr, buffer);
     port = ntohs(m_address->v6.sin6_port);
   } else {
     return {};

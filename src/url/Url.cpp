@@ -2,8 +2,10 @@
 
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
+#include <HttpTools/url/IpAddress_p.h>
 #include <HttpTools/url/Url_p.h>
 
+#include <netinet/in.h>
 #include <openssl/crypto.h>
 #include <uriparser/Uri.h>
 
@@ -11,6 +13,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace qz {
 
@@ -156,26 +162,67 @@ struct UriGuard {
   }
 };
 
-inline std::string RangeText(const UriTextRangeA& r) {
-  if (!r.first || !r.afterLast || r.afterLast <= r.first)
-    return {};
-  return std::string(r.first, r.afterLast);
-}
 
 inline bool RangeEmpty(const UriTextRangeA& r) { return !r.first || !r.afterLast || r.afterLast <= r.first; }
 
 // Port text as strtoll with base 0 reads it (so 010 is octal); anything out of range or not
-// wholly consumed gives 0. The text holds ASCII digits only, so the locale does not matter.
+// wholly consumed gives 0. uriparser hands over ASCII digits only, so no sign, blank or 0x.
 uint16_t ParsePort(const UriTextRangeA& r) {
-  std::string text = RangeText(r);
-  if (text.empty())
+  if (RangeEmpty(r))
     return 0;
-  errno = 0;
-  char* end = nullptr;
-  long long value = std::strtoll(text.c_str(), &end, 0);
-  if (errno != 0 || end != text.c_str() + text.size() || value < 0 || value > 65535)
-    return 0;
+  const char* p = r.first;
+  const unsigned base = *p == '0' ? 8 : 10;
+  uint32_t value = 0;
+  for (; p < r.afterLast; ++p) {
+    const unsigned digit = static_cast<unsigned char>(*p) - '0';
+    if (digit >= base)
+      return 0;
+    value = value * base + digit;
+    if (value > 65535)
+      return 0;
+  }
   return static_cast<uint16_t>(value);
+}
+
+// Query item nodes left over by earlier parses on this thread, taken before new ones are
+// allocated: parses differ in item count, and without them a long query after a short one
+// allocates what a short one after a long one freed. Bounded in count and in buffer size.
+// Like the query items they come from, they are emptied, not wiped.
+constexpr size_t kParkedNodesMax = 64;
+constexpr size_t kParkedCapacityMax = 256;
+thread_local Url::QueryParameters tParkedNodes;
+thread_local size_t tParkedCount = 0;
+
+// Keeps what it can of the nodes in `leftover` for later parses; frees the rest.
+void ParkQueryNodes(Url::QueryParameters& leftover) {
+  for (auto it = leftover.begin(); it != leftover.end() && tParkedCount < kParkedNodesMax;) {
+    auto next = std::next(it);
+    if (it->first.capacity() <= kParkedCapacityMax && it->second.capacity() <= kParkedCapacityMax) {
+      tParkedNodes.splice(tParkedNodes.end(), leftover, it);
+      ++tParkedCount;
+    }
+    it = next;
+  }
+}
+
+// The first of '&', '=', '%', '+' in [p, last), or last. Sixteen bytes at a time where SSE2 is
+// there (always on x86-64): query values are often long runs of plain bytes.
+const char* SkipQueryPlain(const char* p, const char* last) {
+#if defined(__SSE2__)
+  const __m128i amp = _mm_set1_epi8('&'), eq = _mm_set1_epi8('='), pct = _mm_set1_epi8('%'), plus = _mm_set1_epi8('+');
+  while (last - p >= 16) {
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(b, amp), _mm_cmpeq_epi8(b, eq)),
+                                     _mm_or_si128(_mm_cmpeq_epi8(b, pct), _mm_cmpeq_epi8(b, plus)));
+    const int mask = _mm_movemask_epi8(hit);
+    if (mask != 0)
+      return p + __builtin_ctz(static_cast<unsigned>(mask));
+    p += 16;
+  }
+#endif
+  while (p < last && *p != '&' && *p != '=' && *p != '%' && *p != '+')
+    ++p;
+  return p;
 }
 
 // Splits a query into decoded (key, value) items by the rules of uriparser's
@@ -203,19 +250,23 @@ void DissectQuery(const char* first, const char* last, Url::QueryParameters& ite
       ++p;
       continue;
     }
-    if (spare.empty()) {
-      items.emplace_back();
-    } else {
+    if (!spare.empty()) {
       items.splice(items.end(), spare, spare.begin());
       items.back().first.clear();
       items.back().second.clear();
+    } else if (tParkedCount > 0) {
+      items.splice(items.end(), tParkedNodes, tParkedNodes.begin());
+      --tParkedCount;
+      items.back().first.clear();
+      items.back().second.clear();
+    } else {
+      items.emplace_back();
     }
     std::string* out = &items.back().first;
     bool inValue = false;
     while (p < last) {
       const char* run = p;
-      while (p < last && cls(*p) == Plain)
-        ++p;
+      p = SkipQueryPlain(p, last);
       out->append(run, static_cast<size_t>(p - run));
       if (p == last)
         break;
@@ -265,7 +316,8 @@ std::string ParseInto(Url& url, const std::string& text, bool normalize, Url::Qu
       return "fail to normalize uri UriParser error " + qzStringUtils::fromInt(rc);
   }
 
-  url.scheme = RangeText(guard.uri.scheme);
+  if (!RangeEmpty(guard.uri.scheme))
+    url.scheme.assign(guard.uri.scheme.first, guard.uri.scheme.afterLast);
 
   if (!RangeEmpty(guard.uri.userInfo)) {
     const char* first = guard.uri.userInfo.first;
@@ -284,10 +336,26 @@ std::string ParseInto(Url& url, const std::string& text, bool normalize, Url::Qu
   const UriTextRangeA& h = guard.uri.hostText;
   if (!RangeEmpty(h))
     url.host.assign(h.first, static_cast<size_t>(h.afterLast - h.first));
-  url.ipAddress.fromStringAddress(url.host, IpAddress::IPT_None);
+  // uriparser has already read an IP literal: its bytes spare a second parse of the text.
+  if (const UriIp4* ip4 = guard.uri.hostData.ip4) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    std::memcpy(&a.sin_addr, ip4->data, sizeof ip4->data);
+    url.ipAddress.fromIPv4(&a);
+  } else if (const UriIp6* ip6 = guard.uri.hostData.ip6) {
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    std::memcpy(&a.sin6_addr, ip6->data, sizeof ip6->data);
+    url.ipAddress.fromIPv6(&a);
+  } else {
+    url.ipAddress.fromStringAddress(url.host, IpAddress::IPT_None);
+  }
   if (url.ipAddress.getType() == IpAddress::IPT_IPv6) {
-    std::string canonical = url.ipAddress.getAddressAsString(false);
-    url.host.assign(1, '[').append(canonical).append(1, ']');
+    char canonical[ip_impl::kIPv6TextMax + 2];
+    canonical[0] = '[';
+    const size_t n = ip_impl::FormatIPv6(url.ipAddress.getIPv6Sockaddr()->sin6_addr.s6_addr, canonical + 1);
+    canonical[n + 1] = ']';
+    url.host.assign(canonical, n + 2);
   } else if (guard.uri.hostData.ip6 || guard.uri.hostData.ipFuture.first) {
     url.host.insert(0, 1, '[').append(1, ']'); // an IP literal keeps the brackets it was written with
   }
@@ -313,6 +381,7 @@ bool Url::fromEncodedUtf8String(const std::string& text, std::string* errorMessa
   spare.swap(queryParameters);
   clearUrl(ClearAll);
   std::string error = ParseInto(*this, text, normalize, spare);
+  ParkQueryNodes(spare);
   if (error.empty())
     return true;
   if (errorMessage)

@@ -1,4 +1,5 @@
 #include <HttpTools/url/IpAddress.h>
+#include <HttpTools/url/IpAddress_p.h>
 
 #include "support/LogCapture.h"
 
@@ -6,6 +7,10 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 
+#include <array>
+#include <cstring>
+
+#include <random>
 #include <string>
 #include <vector>
 
@@ -33,6 +38,36 @@ TEST(IpAddress, ParsesByType) {
     EXPECT_EQ(a.getSockaddrLen(), c.got == V4 ? 16u : c.got == V6 ? 28u : 0u);
     EXPECT_EQ(a.getIPv4Sockaddr() != nullptr, c.got == V4);
     EXPECT_EQ(a.getIPv6Sockaddr() != nullptr, c.got == V6);
+  }
+}
+
+// Our IPv6 text must be the C library's, byte for byte: URLs built before and after agree.
+// Groups drawn mostly from {0, 0xffff} so that zero runs of every length and place, ties, and
+// the mapped and compatible IPv4 forms all come up.
+TEST(IpAddress, IPv6TextMatchesInetNtop) {
+  std::mt19937 rng(7);
+  std::vector<std::array<unsigned char, 16>> samples;
+  for (int n = 0; n < 200000; ++n) {
+    std::array<unsigned char, 16> b{};
+    for (int g = 0; g < 8; ++g) {
+      const unsigned r = rng();
+      const unsigned w = r % 8 < 5 ? 0 : r % 8 == 5 ? 0xffff : (r >> 8) & (r % 2 ? 0xffff : 0xf);
+      b[2 * g] = static_cast<unsigned char>(w >> 8);
+      b[2 * g + 1] = static_cast<unsigned char>(w);
+    }
+    samples.push_back(b);
+  }
+  samples.push_back({});                                                            // ::
+  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0});        // ::ffff:0.0.0.0
+  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});              // ::1, not ::0.0.0.1
+  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4});              // ::1.2.3.4
+  samples.push_back({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
+  for (const auto& b : samples) {
+    char ours[qz::ip_impl::kIPv6TextMax], libc[INET6_ADDRSTRLEN];
+    const size_t n = qz::ip_impl::FormatIPv6(b.data(), ours);
+    ASSERT_NE(inet_ntop(AF_INET6, b.data(), libc, sizeof libc), nullptr);
+    ASSERT_STREQ(ours, libc);
+    ASSERT_EQ(n, std::strlen(libc));
   }
 }
 

@@ -58,6 +58,8 @@ TEST(UrlParse, FillsEveryFieldAndReplacesTheOldValue) {
     Case{"http://h:08/", false, "http|||h|0|0|[]|"},
     Case{"http://h:65535/", false, "http|||h|0|65535|[]|"},
     Case{"http://h:65536/", false, "http|||h|0|0|[]|"},
+    Case{"http://h:0177777/", false, "http|||h|0|65535|[]|"},
+    Case{"http://h:0000000000000000000000200000/", false, "http|||h|0|0|[]|"},
     Case{"http://h:99999999999999999999999/", false, "http|||h|0|0|[]|"},
     Case{"https://h:/", false, "https|||h|0|0|[]|"},
     // paths: segments decoded, empty ones kept, '+' literal
