@@ -268,7 +268,8 @@ void InterleavedRatios(int rounds) {
     std::sort(v.begin(), v.end());
     return v[v.size() / 2];
   };
-  std::printf("Parse ratios, %d interleaved rounds over %zu URLs (median of per-round ratios)\n", rounds, corpus.size());
+  std::printf("Parse ratios, %d interleaved rounds over %zu URLs (median of per-round ratios)\n", rounds,
+              corpus.size());
   std::printf("  full parse / raw uriparser             = %.2fx (target <= 1.5)\n", median(plain));
   std::printf("  full parse, normalised / raw uriparser = %.2fx\n", median(normalized));
   std::printf("  full parse / Boost.URL parse_uri       = %.2fx\n\n", median(vsBoost));

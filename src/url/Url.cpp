@@ -162,7 +162,6 @@ struct UriGuard {
   }
 };
 
-
 inline bool RangeEmpty(const UriTextRangeA& r) { return !r.first || !r.afterLast || r.afterLast <= r.first; }
 
 // Port text as strtoll with base 0 reads it (so 010 is octal); anything out of range or not
@@ -220,7 +219,12 @@ const char* SkipQueryPlain(const char* p, const char* last) {
     p += 16;
   }
 #endif
-  while (p < last && *p != '&' && *p != '=' && *p != '%' && *p != '+')
+  static constexpr auto kSpecial = [] {
+    std::array<bool, 256> t{};
+    t['&'] = t['='] = t['%'] = t['+'] = true;
+    return t;
+  }();
+  while (p < last && !kSpecial[static_cast<unsigned char>(*p)])
     ++p;
   return p;
 }
@@ -244,25 +248,33 @@ void DissectQuery(const char* first, const char* last, Url::QueryParameters& ite
   }();
   auto cls = [](char c) { return kClass[static_cast<unsigned char>(c)]; };
 
+  // The URL's own old nodes are all moved in at once and written over in order; those left
+  // unused go back to `spare` at the end.
+  items.splice(items.end(), spare);
+  auto reuse = items.begin();
   const char* p = first;
   while (p < last) {
     if (*p == '&') { // an empty item
       ++p;
       continue;
     }
-    if (!spare.empty()) {
-      items.splice(items.end(), spare, spare.begin());
-      items.back().first.clear();
-      items.back().second.clear();
+    Url::QueryParameters::value_type* item;
+    if (reuse != items.end()) {
+      item = &*reuse++;
+      item->first.clear();
+      item->second.clear();
     } else if (tParkedCount > 0) {
       items.splice(items.end(), tParkedNodes, tParkedNodes.begin());
       --tParkedCount;
-      items.back().first.clear();
-      items.back().second.clear();
+      item = &items.back();
+      item->first.clear();
+      item->second.clear();
+      reuse = items.end();
     } else {
-      items.emplace_back();
+      item = &items.emplace_back();
+      reuse = items.end();
     }
-    std::string* out = &items.back().first;
+    std::string* out = &item->first;
     bool inValue = false;
     while (p < last) {
       const char* run = p;
@@ -277,7 +289,7 @@ void DissectQuery(const char* first, const char* last, Url::QueryParameters& ite
       }
       if (c == Equal && !inValue) {
         inValue = true;
-        out = &items.back().second;
+        out = &item->second;
         ++p;
       } else if (c == Plus) {
         *out += ' ';
@@ -293,6 +305,7 @@ void DissectQuery(const char* first, const char* last, Url::QueryParameters& ite
       }
     }
   }
+  spare.splice(spare.end(), items, reuse, items.end());
 }
 
 // Fills `url` (already cleared) from `text`; returns an empty text or the failure message.

@@ -57,10 +57,10 @@ TEST(IpAddress, IPv6TextMatchesInetNtop) {
     }
     samples.push_back(b);
   }
-  samples.push_back({});                                                            // ::
-  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0});        // ::ffff:0.0.0.0
-  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});              // ::1, not ::0.0.0.1
-  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4});              // ::1.2.3.4
+  samples.push_back({});                                                     // ::
+  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0}); // ::ffff:0.0.0.0
+  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});       // ::1, not ::0.0.0.1
+  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4});       // ::1.2.3.4
   samples.push_back({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
   for (const auto& b : samples) {
     char ours[qz::ip_impl::kIPv6TextMax], libc[INET6_ADDRSTRLEN];

@@ -28,9 +28,9 @@ TEST(UrlQuery, SplitsAndDecodesLikeUriparser) {
 
     UriQueryListA* list = nullptr;
     int count = 0;
-    ASSERT_EQ(uriDissectQueryMallocExA(&list, &count, query.data(), query.data() + query.size(), URI_TRUE,
-                                       URI_BR_DONT_TOUCH),
-              URI_SUCCESS);
+    ASSERT_EQ(
+        uriDissectQueryMallocExA(&list, &count, query.data(), query.data() + query.size(), URI_TRUE, URI_BR_DONT_TOUCH),
+        URI_SUCCESS);
     qz::Url::QueryParameters expected;
     for (const UriQueryListA* item = list; item; item = item->next)
       expected.emplace_back(item->key, item->value ? item->value : "");
