@@ -34,10 +34,12 @@ Commands:
   get|head|delete [-H LINE]... [-o FILE] [--insecure] URL
   put|post [-H LINE]... [-o FILE] [-d FILE|-] [--expect CODE] [--insecure] URL
                        one HTTP request; the response body goes to standard output or
-                       FILE (head prints the status and header fields); the request body
-                       of put/post comes from FILE or standard input (-d -, the default);
-                       --expect demands a status (default: any below 400); on failure
-                       the error goes to standard error and the exit code is 1
+                       FILE, that of an error response too (head prints the status and
+                       header fields); the request body of put/post comes from FILE or
+                       standard input (-d -, the default); get, head and delete demand
+                       status 200, put and post any status below 400 or the --expect
+                       CODE; on failure the error goes to standard error and the exit
+                       code is 1
   couch view URL/db [DESIGN VIEW] [--keys K1,K2,...] [--limit N]
                        streams a view (or _all_docs without DESIGN VIEW) of a CouchDB
                        database, one row a line: id, key and value tab-separated (strings

@@ -5,7 +5,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "JwtTestUtil.h"
-#include "support/Python.h"
+#include "support/Process.h"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,7 @@
 #include <HttpTools/url/Url.h>
 
 #include "support/LogCapture.h"
-#include "support/Python.h"
+#include "support/Process.h"
 #include "support/TestHttpServer.h"
 
 #include <gtest/gtest.h>
