@@ -69,57 +69,59 @@ std::vector<qz::Url> ParsedCorpus() {
   return urls;
 }
 
-void BM_RawUriparser(benchmark::State& state) {
-  const auto& corpus = Corpus();
-  for (auto _ : state) {
-    for (const std::string& text : corpus) {
-      UriUriA uri;
-      UriParserStateA st;
-      st.uri = &uri;
-      int rc = uriParseUriA(&st, text.c_str());
-      benchmark::DoNotOptimize(rc);
-      if (rc == URI_SUCCESS)
-        uriFreeUriMembersA(&uri);
-    }
+// One pass of each parser over the corpus; the Google Benchmark cases and the interleaved rounds
+// time the same passes.
+void RawUriparserPass() {
+  for (const std::string& text : Corpus()) {
+    UriUriA uri;
+    UriParserStateA st;
+    st.uri = &uri;
+    int rc = uriParseUriA(&st, text.c_str());
+    benchmark::DoNotOptimize(rc);
+    if (rc == URI_SUCCESS)
+      uriFreeUriMembersA(&uri);
   }
-  state.SetItemsProcessed(state.iterations() * corpus.size());
+}
+
+void BoostUrlPass() {
+  for (const std::string& text : Corpus()) {
+    auto r = boost::urls::parse_uri(text);
+    benchmark::DoNotOptimize(r);
+  }
+}
+
+void UrlPass(qz::Url& url, bool normalize) {
+  std::string error;
+  for (const std::string& text : Corpus()) {
+    bool ok = url.fromEncodedUtf8String(text, &error, normalize);
+    benchmark::DoNotOptimize(ok);
+  }
+}
+
+void BM_RawUriparser(benchmark::State& state) {
+  for (auto _ : state)
+    RawUriparserPass();
+  state.SetItemsProcessed(state.iterations() * Corpus().size());
 }
 
 void BM_BoostUrlParse(benchmark::State& state) {
-  const auto& corpus = Corpus();
-  for (auto _ : state) {
-    for (const std::string& text : corpus) {
-      auto r = boost::urls::parse_uri(text);
-      benchmark::DoNotOptimize(r);
-    }
-  }
-  state.SetItemsProcessed(state.iterations() * corpus.size());
+  for (auto _ : state)
+    BoostUrlPass();
+  state.SetItemsProcessed(state.iterations() * Corpus().size());
 }
 
 void BM_UrlParse(benchmark::State& state) {
-  const auto& corpus = Corpus();
   qz::Url url;
-  std::string error;
-  for (auto _ : state) {
-    for (const std::string& text : corpus) {
-      bool ok = url.fromEncodedUtf8String(text, &error, false);
-      benchmark::DoNotOptimize(ok);
-    }
-  }
-  state.SetItemsProcessed(state.iterations() * corpus.size());
+  for (auto _ : state)
+    UrlPass(url, false);
+  state.SetItemsProcessed(state.iterations() * Corpus().size());
 }
 
 void BM_UrlParseNormalized(benchmark::State& state) {
-  const auto& corpus = Corpus();
   qz::Url url;
-  std::string error;
-  for (auto _ : state) {
-    for (const std::string& text : corpus) {
-      bool ok = url.fromEncodedUtf8String(text, &error, true);
-      benchmark::DoNotOptimize(ok);
-    }
-  }
-  state.SetItemsProcessed(state.iterations() * corpus.size());
+  for (auto _ : state)
+    UrlPass(url, true);
+  state.SetItemsProcessed(state.iterations() * Corpus().size());
 }
 
 void BM_UrlToEncodedUrl(benchmark::State& state) {
@@ -222,34 +224,10 @@ template <typename F> double PassSec(F&& parseAll) {
 // the corpus (in alternating order) and keeps the ratios of that round, so that a slow phase of
 // a shared machine hits both sides of a ratio alike. Medians over the rounds.
 void InterleavedRatios(int rounds) {
-  const auto& corpus = Corpus();
   qz::Url url;
-  std::string error;
-  auto raw = [&] {
-    for (const std::string& text : corpus) {
-      UriUriA uri;
-      UriParserStateA st;
-      st.uri = &uri;
-      int rc = uriParseUriA(&st, text.c_str());
-      benchmark::DoNotOptimize(rc);
-      if (rc == URI_SUCCESS)
-        uriFreeUriMembersA(&uri);
-    }
-  };
-  auto ours = [&](bool normalize) {
-    return [&, normalize] {
-      for (const std::string& text : corpus) {
-        bool ok = url.fromEncodedUtf8String(text, &error, normalize);
-        benchmark::DoNotOptimize(ok);
-      }
-    };
-  };
-  auto boost = [&] {
-    for (const std::string& text : corpus) {
-      auto r = boost::urls::parse_uri(text);
-      benchmark::DoNotOptimize(r);
-    }
-  };
+  auto raw = [] { RawUriparserPass(); };
+  auto boost = [] { BoostUrlPass(); };
+  auto ours = [&](bool normalize) { return [&url, normalize] { UrlPass(url, normalize); }; };
   for (int warm = 0; warm < 3; ++warm)
     raw(), ours(false)(), ours(true)(), boost();
   std::vector<double> plain, normalized, vsBoost;
@@ -269,7 +247,7 @@ void InterleavedRatios(int rounds) {
     return v[v.size() / 2];
   };
   std::printf("Parse ratios, %d interleaved rounds over %zu URLs (median of per-round ratios)\n", rounds,
-              corpus.size());
+              Corpus().size());
   std::printf("  full parse / raw uriparser             = %.2fx (target <= 1.5)\n", median(plain));
   std::printf("  full parse, normalised / raw uriparser = %.2fx\n", median(normalized));
   std::printf("  full parse / Boost.URL parse_uri       = %.2fx\n\n", median(vsBoost));
