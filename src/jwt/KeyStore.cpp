@@ -8,8 +8,6 @@
 #include <HttpTools/platform/qzOpenSSLCrypto.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
-#include <algorithm>
-
 namespace qz::jwt {
 
 using KeyWrapper = KeyStore::KeyStorePrivate::KeyWrapper;
@@ -56,9 +54,9 @@ KeyStore::KeyStorePrivate::KeyStorePrivate(qz::http::HttpConnectionPool& pool, c
 
 const KeyWrapper* KeyStore::KeyStorePrivate::getKeyFromIdNoUpdate(const std::string& kid) const {
   auto it = m_cache.find(kid);
-  if (it == m_cache.end() || it->second->isExpired())
+  if (it == m_cache.end() || it->second.wrapper->isExpired())
     return nullptr;
-  return it->second.get();
+  return it->second.wrapper.get();
 }
 
 const KeyWrapper* KeyStore::KeyStorePrivate::getKeyFromId(const std::string& kid, bool forceReload) {
@@ -195,16 +193,12 @@ bool KeyStore::KeyStorePrivate::loadJWKSet(const qzVariantMapImpl& set) {
 void KeyStore::KeyStorePrivate::store(const std::string& kid, KeyWrapper&& wrapper) {
   auto it = m_cache.find(kid);
   if (it == m_cache.end()) {
-    it = m_cache.emplace(kid, std::make_unique<KeyWrapper>(std::move(wrapper))).first;
-    m_ages.push_back(it);
-    ++m_ageCount;
+    m_ages.push_back(kid);
+    m_cache.emplace(kid, Entry{std::make_unique<KeyWrapper>(std::move(wrapper)), std::prev(m_ages.end())});
     return;
   }
-  *it->second = std::move(wrapper);
-  // Move the entry to the young end of the age list.
-  auto pos = std::find(m_ages.begin(), m_ages.end(), it);
-  if (pos != m_ages.end())
-    m_ages.splice(m_ages.end(), m_ages, pos);
+  *it->second.wrapper = std::move(wrapper);
+  m_ages.splice(m_ages.end(), m_ages, it->second.age); // now the youngest
 }
 
 void KeyStore::KeyStorePrivate::cacheKey(const std::string& kid, std::shared_ptr<AsymmetricKey> key, int algMask) {
@@ -216,10 +210,12 @@ void KeyStore::KeyStorePrivate::registerError(const std::string& kid, const std:
 }
 
 void KeyStore::KeyStorePrivate::clearExpired() {
-  while (!m_ages.empty() && m_ages.front()->second->isExpired()) {
-    m_cache.erase(m_ages.front());
+  while (!m_ages.empty()) {
+    auto oldest = m_cache.find(m_ages.front()); // every list entry has its cache entry
+    if (!oldest->second.wrapper->isExpired())
+      break;
+    m_cache.erase(oldest);
     m_ages.pop_front();
-    --m_ageCount;
   }
 }
 

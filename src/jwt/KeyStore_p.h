@@ -61,10 +61,14 @@ public:
 private:
   void store(const std::string& kid, KeyWrapper&& wrapper);
 
-  std::map<std::string, std::unique_ptr<KeyWrapper>> m_cache;
-  // Cache entries in order of their last (re)insertion, oldest first.
-  std::list<std::map<std::string, std::unique_ptr<KeyWrapper>>::iterator> m_ages;
-  size_t m_ageCount = 0;
+  // Key ids in order of their last (re)insertion, oldest first; each cache entry knows its place
+  // in that list, so that a refresh moves it in constant time.
+  std::list<std::string> m_ages;
+  struct Entry {
+    std::unique_ptr<KeyWrapper> wrapper;
+    std::list<std::string>::iterator age;
+  };
+  std::map<std::string, Entry> m_cache;
 };
 
 } // namespace qz::jwt
