@@ -1,6 +1,7 @@
 // The JWK key store against key sets served by the in-process test server, with keys and tokens
 // made by python3-cryptography / python3-jwt.
 #include <HttpTools/jwt/KeyStore.h>
+#include <HttpTools/jwt/KeyStore_p.h>
 
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
@@ -259,6 +260,26 @@ TEST_F(KeyStoreTest, ClearExpiredDropsOnlyOldEntriesAndRefreshesRestamp) {
   EXPECT_EQ(lookup(*store, "other", ES256), "No such key {other}");
   EXPECT_EQ(lookup(*store, "young", ES256),
             "Key {young} is invalid : Rejected (key is not meant for signature validation)");
+}
+
+// The age order follows the latest (re)insertion: a key fetched again is the youngest, so the
+// pass that drops expired entries reaches the older one behind it.
+TEST_F(KeyStoreTest, ARefetchedKeyBecomesTheYoungest) {
+  KeyStore::KeyStorePrivate store(pool, Url(sServer->url("/jwks")), true, http::PP_NoProxy, Url());
+  serveKeys({jwk("rsa", "a")});
+  ASSERT_TRUE(store.getKeyFromId("a", false));
+  gNowMs += 1000 * 1000;
+  serveKeys({jwk("p256", "b")});
+  ASSERT_TRUE(store.getKeyFromId("b", false));
+  gNowMs += 1000 * 1000;
+  serveKeys({jwk("rsa", "a")});
+  ASSERT_TRUE(store.getKeyFromId("a", true)); // fetched again: "a" is now younger than "b"
+  ASSERT_EQ(store.cacheSize(), 2u);
+  gNowMs += (43200 - 1000 + 1) * 1000; // "b" just past twelve hours, "a" not
+  store.clearExpired();
+  EXPECT_EQ(store.cacheSize(), 1u);
+  EXPECT_TRUE(store.getKeyFromIdNoUpdate("a"));
+  EXPECT_EQ(downloads(), 3u);
 }
 
 TEST_F(KeyStoreTest, FailedDownloadsLogAndKeepTheCache) {
