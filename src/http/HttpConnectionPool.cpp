@@ -58,7 +58,7 @@ void HttpConnectionPool::releaseHttpConnection(HttpConnection* conn) {
   entry.lastUse = now;
   entry.connection = std::move(owned);
   ++m_count;
-  updateConnectionPoolImpl(dropped);
+  updateConnectionPoolImpl(dropped, now);
   lock.native().unlock();
 }
 
@@ -66,7 +66,7 @@ void HttpConnectionPool::setKeepOpenDurationSec(unsigned int seconds) {
   std::list<tConnection> dropped;
   qzMutexLocker lock(m_mutex);
   m_keepOpenMs = int64_t(seconds) * 1000;
-  updateConnectionPoolImpl(dropped);
+  updateConnectionPoolImpl(dropped, qzSystemUtils::GetTimeBaseMs());
   lock.native().unlock();
 }
 
@@ -74,7 +74,7 @@ void HttpConnectionPool::setMaxPendingConnection(unsigned int n) {
   std::list<tConnection> dropped;
   qzMutexLocker lock(m_mutex);
   m_maxIdle = n == 0 ? 1 : n;
-  updateConnectionPoolImpl(dropped);
+  updateConnectionPoolImpl(dropped, qzSystemUtils::GetTimeBaseMs());
   lock.native().unlock();
 }
 
@@ -97,14 +97,13 @@ void HttpConnectionPool::UpdatePool(void* pool) {
   auto* p = static_cast<HttpConnectionPool*>(pool);
   std::list<tConnection> dropped;
   qzMutexLocker lock(p->m_mutex);
-  p->updateConnectionPoolImpl(dropped);
+  p->updateConnectionPoolImpl(dropped, qzSystemUtils::GetTimeBaseMs());
   lock.native().unlock();
 }
 
-void HttpConnectionPool::updateConnectionPoolImpl(std::list<tConnection>& dropped) {
+void HttpConnectionPool::updateConnectionPoolImpl(std::list<tConnection>& dropped, int64_t now) {
   if (m_idle.empty())
     return;
-  const int64_t now = qzSystemUtils::GetTimeBaseMs();
   if (now - m_idle.back().lastUse > m_keepOpenMs) {
     for (auto it = m_idle.begin(); it != m_idle.end();) {
       if (now - it->lastUse > m_keepOpenMs) {

@@ -57,9 +57,10 @@ public:
   size_t idleCount() const;
 
 private:
-  // Ageing pass, with m_mutex held. Removed entries move to `dropped`, which the caller destroys
-  // after unlocking so that closing connections does not hold up other threads.
-  void updateConnectionPoolImpl(std::list<tConnection>& dropped);
+  // Ageing pass at time `now` (ms of the time base), with m_mutex held. Removed entries move to
+  // `dropped`, which the caller destroys after unlocking so that closing connections does not
+  // hold up other threads.
+  void updateConnectionPoolImpl(std::list<tConnection>& dropped, int64_t now);
 
   mutable qz::qzMutex m_mutex;    // first: guards everything below
   std::list<tConnection> m_idle;  // most recently released first
