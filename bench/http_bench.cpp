@@ -29,7 +29,7 @@ namespace {
 
 std::string gUrl;
 int gRequests = 1000;
-int gRounds = 15;
+int gRounds = 31;
 int gThreads = 8;
 std::string gOnly; // "raw", "rawsame" or "pool": run just that path sequentially (for profiling)
 

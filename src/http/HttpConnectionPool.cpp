@@ -5,6 +5,7 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 
 #include <algorithm>
+#include <functional>
 
 namespace qz::http {
 
@@ -27,7 +28,8 @@ HttpConnectionPool::~HttpConnectionPool() {
 HttpConnection* HttpConnectionPool::getHttpConnection(const std::string& host, unsigned short port) {
   {
     qzMutexLocker lock(m_mutex);
-    auto it = std::find_if(m_idle.begin(), m_idle.end(), FindConnectionPred(host, port));
+    const FindConnectionPred matches(host, port);
+    auto it = std::find_if(m_idle.begin(), m_idle.end(), std::cref(matches)); // no copies of the predicate
     if (it != m_idle.end()) {
       HttpConnection* c = it->connection.release();
       m_spare.splice(m_spare.begin(), m_idle, it);
