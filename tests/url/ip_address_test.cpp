@@ -108,6 +108,15 @@ TEST(IpAddress, FromSocketAddressesKeepsThePort) {
   EXPECT_EQ(b.getAddressAsString(true), "fe80::1:8080") << "no brackets, also with a port";
   EXPECT_EQ(b.getAddressAsString(false), "fe80::1");
 
+  // Reusing the block of an earlier address leaves nothing of it behind.
+  IpAddress reused("10.9.8.7", IpAddress::IPT_IPv4);
+  reused.fromIPv6(&v6);
+  ASSERT_EQ(reused.getSockaddrLen(), b.getSockaddrLen());
+  EXPECT_EQ(std::memcmp(reused.getSockaddr(), b.getSockaddr(), b.getSockaddrLen()), 0);
+  reused.fromIPv4(&v4);
+  ASSERT_EQ(reused.getSockaddrLen(), a.getSockaddrLen());
+  EXPECT_EQ(std::memcmp(reused.getSockaddr(), a.getSockaddr(), a.getSockaddrLen()), 0);
+
   // Wrong family or null: left empty.
   v4.sin_family = AF_INET6;
   a.fromIPv4(&v4);
