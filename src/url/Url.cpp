@@ -204,7 +204,19 @@ void ParkQueryNodes(Url::QueryParameters& leftover) {
   }
 }
 
-// The first of '&', '=', '%', '+' in [p, last), or last. Sixteen bytes at a time where SSE2 is
+// The bytes a query splitter acts upon; every other byte is copied as it stands.
+enum QueryByte : unsigned char { Plain, Amp, Equal, Percent, Plus };
+constexpr auto kQueryByteClass = [] {
+  std::array<unsigned char, 256> t{};
+  t['&'] = Amp;
+  t['='] = Equal;
+  t['%'] = Percent;
+  t['+'] = Plus;
+  return t;
+}();
+inline unsigned char QueryByteClass(char c) { return kQueryByteClass[static_cast<unsigned char>(c)]; }
+
+// The first byte in [p, last) that is not Plain, or last. Sixteen bytes at a time where SSE2 is
 // there (always on x86-64): query values are often long runs of plain bytes.
 const char* SkipQueryPlain(const char* p, const char* last) {
 #if defined(__SSE2__)
@@ -219,12 +231,7 @@ const char* SkipQueryPlain(const char* p, const char* last) {
     p += 16;
   }
 #endif
-  static constexpr auto kSpecial = [] {
-    std::array<bool, 256> t{};
-    t['&'] = t['='] = t['%'] = t['+'] = true;
-    return t;
-  }();
-  while (p < last && !kSpecial[static_cast<unsigned char>(*p)])
+  while (p < last && QueryByteClass(*p) == Plain)
     ++p;
   return p;
 }
@@ -237,16 +244,6 @@ const char* SkipQueryPlain(const char* p, const char* last) {
 // are allocated.
 void DissectQuery(const char* first, const char* last, Url::QueryParameters& items, Url::QueryParameters& spare) {
   // One pass over the text: plain bytes are copied in runs, the four special ones acted upon.
-  enum : unsigned char { Plain, Amp, Equal, Percent, Plus };
-  static constexpr auto kClass = [] {
-    std::array<unsigned char, 256> t{};
-    t['&'] = Amp;
-    t['='] = Equal;
-    t['%'] = Percent;
-    t['+'] = Plus;
-    return t;
-  }();
-  auto cls = [](char c) { return kClass[static_cast<unsigned char>(c)]; };
 
   // The URL's own old nodes are all moved in at once and written over in order; those left
   // unused go back to `spare` at the end.
@@ -282,7 +279,7 @@ void DissectQuery(const char* first, const char* last, Url::QueryParameters& ite
       out->append(run, static_cast<size_t>(p - run));
       if (p == last)
         break;
-      const unsigned char c = cls(*p);
+      const unsigned char c = QueryByteClass(*p);
       if (c == Amp) {
         ++p;
         break;
