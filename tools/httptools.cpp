@@ -1,4 +1,6 @@
-// httptools: command-line front end of the HttpTools library.
+// The commands that still parse their own arguments; each is forwarded from a CLI11 subcommand.
+
+#include "Commands.h"
 
 #include <HttpTools/HttpTools.h>
 
@@ -505,32 +507,36 @@ int cmdCouchView(const std::vector<std::string>& args) {
 
 } // namespace
 
-int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
-    std::cout << kUsage;
-    return args.empty() ? 2 : 0;
+namespace httptools {
+
+void AddLegacyCommands(CLI::App& app) {
+  struct Entry {
+    const char* name;
+    const char* help;
+    int (*run)(const std::vector<std::string>&);
+  };
+  static const Entry entries[] = {
+      {"jwt", "sign, verify or decode a JSON Web Token", &cmdJwt},
+      {"url", "parse a URL and print its fields", &cmdUrl},
+      {"get", "GET a URL", &cmdHttp},
+      {"head", "HEAD a URL", &cmdHttp},
+      {"put", "PUT a body to a URL", &cmdHttp},
+      {"post", "POST a body to a URL", &cmdHttp},
+      {"delete", "DELETE a URL", &cmdHttp},
+      {"couch", "CouchDB commands", &cmdCouchView},
+  };
+  app.add_subcommand("version", "library, libcurl and OpenSSL versions")->callback([] { exitCode = cmdVersion(); });
+  for (const Entry& e : entries) {
+    CLI::App* sub = app.add_subcommand(e.name, e.help);
+    sub->prefix_command();
+    sub->set_help_flag();
+    sub->callback([sub, e] {
+      std::vector<std::string> args{e.name};
+      for (const std::string& a : sub->remaining())
+        args.push_back(a);
+      exitCode = e.run(args);
+    });
   }
-  try {
-    qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
-  } catch (const std::exception& e) {
-    std::cerr << "httptools: " << e.what() << "\n";
-    return 1;
-  }
-  int rc = 2;
-  if (args[0] == "version") {
-    rc = cmdVersion();
-  } else if (args[0] == "jwt") {
-    rc = cmdJwt(args);
-  } else if (args[0] == "url") {
-    rc = cmdUrl(args);
-  } else if (args[0] == "get" || args[0] == "head" || args[0] == "put" || args[0] == "post" || args[0] == "delete") {
-    rc = cmdHttp(args);
-  } else if (args[0] == "couch") {
-    rc = cmdCouchView(args);
-  } else {
-    std::cerr << "httptools: unknown command '" << args[0] << "'\n" << kUsage;
-  }
-  qz::terminateHttpTools();
-  return rc;
 }
+
+} // namespace httptools
