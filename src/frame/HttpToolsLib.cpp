@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <stdexcept>
 #include <string>
@@ -17,9 +18,11 @@
 namespace qz {
 
 namespace {
-bool gVerifySSL = true;
-http::HostNameResolutionPolicy gResolution = http::HNRP_Whatever;
-http::ProxyPolicy gProxy = http::PP_NoProxy;
+// Read by pool threads on every request.
+std::atomic<bool> gVerifySSL{true};
+std::atomic<bool> gLoopbackExemption{true};
+std::atomic<http::HostNameResolutionPolicy> gResolution{http::HNRP_Whatever};
+std::atomic<http::ProxyPolicy> gProxy{http::PP_NoProxy};
 int gOpenSSLVersion = 0;
 qzThreadPeriodicalUpdater* gUpdater = nullptr;
 const char* gCurlVersionOverride = nullptr;
@@ -69,6 +72,9 @@ void SetDefaultProxyPolicy(http::ProxyPolicy policy) {
   // A manual proxy needs a URL that only a connection's own parameters carry.
   gProxy = (policy == http::PP_NoProxy || policy == http::PP_AutomaticProxy) ? policy : http::PP_NoProxy;
 }
+
+void SetLoopbackCertificateExemption(bool on) { gLoopbackExemption = on; }
+bool IsLoopbackCertificateExemption() { return gLoopbackExemption; }
 
 bool IsHttpToolsInitialized() { return gInitCounter.isInitialized(); }
 

@@ -25,4 +25,11 @@ HTTPTOOLS_API http::ProxyPolicy GetDefaultProxyPolicy();
 // Only PP_NoProxy and PP_AutomaticProxy can be defaults; anything else becomes PP_NoProxy.
 HTTPTOOLS_API void SetDefaultProxyPolicy(http::ProxyPolicy policy);
 
+// Certificate checks under SVP_DefaultBehavior and SVP_VerifyPeerAndHost skip a request whose
+// host is exactly "127.0.0.1" (a local service with a self-signed certificate). Only that host
+// is exempt: a redirect to any other host is checked per the policy. Turning the exemption off
+// checks 127.0.0.1 like any other host. On by default.
+HTTPTOOLS_API void SetLoopbackCertificateExemption(bool on);
+HTTPTOOLS_API bool IsLoopbackCertificateExemption();
+
 } // namespace qz

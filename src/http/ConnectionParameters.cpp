@@ -8,6 +8,21 @@ namespace qz::http {
 
 namespace {
 
+// libcurl's built-in CA bundle path, so that an empty caFile puts it back on a kept handle.
+const std::string& DefaultCaFile() {
+  static const std::string path = [] {
+    std::string found;
+    if (CURL* h = curl_easy_init()) {
+      char* p = nullptr;
+      if (curl_easy_getinfo(h, CURLINFO_CAINFO, &p) == CURLE_OK && p)
+        found = p;
+      curl_easy_cleanup(h);
+    }
+    return found;
+  }();
+  return path;
+}
+
 long nonNegative(int v) { return v < 0 ? 0 : v; }
 
 // Writes the option list over the entries already there, so that a reused vector keeps its
@@ -23,6 +38,7 @@ public:
   void offT(CURLoption o, long long v) { next(o, CurlOptionValue::OffT, v).text.clear(); }
   void text(CURLoption o, const char* v) { next(o, CurlOptionValue::Text, 0).text.assign(v); }
   void text(CURLoption o, std::string&& v) { next(o, CurlOptionValue::Text, 0).text = std::move(v); }
+  void text(CURLoption o, const std::string& v) { next(o, CurlOptionValue::Text, 0).text.assign(v); }
   void null(CURLoption o) { next(o, CurlOptionValue::Null, 0).text.clear(); }
 
 private:
@@ -47,7 +63,7 @@ HttpConnection::ConnectionParameters::ConnectionParameters() : manualProxyUrl(qz
 bool ResolveVerifyPeer(SSLValidatePolicy policy, const qz::Url& target) {
   const bool verify = policy == SVP_DefaultBehavior ? qz::IsVerifySSLCertByDefault() : policy != SVP_NoVerify;
   // Exact text on purpose: "localhost" and "[::1]" are still checked.
-  return verify && target.host != "127.0.0.1";
+  return verify && !(target.host == "127.0.0.1" && qz::IsLoopbackCertificateExemption());
 }
 
 long ResolveIpResolve(HostNameResolutionPolicy policy) {
@@ -75,6 +91,8 @@ ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters
   k.maxRedirects = p.maxRedirects;
   k.verbose = p.verbose;
   k.ipResolve = ResolveIpResolve(p.hostNameResolutionPolicy);
+  k.totalTimeoutMs = p.totalTimeoutMs;
+  k.caFile = p.caFile;
   k.followLocation = p.followLocation;
   k.keepCookies = p.keepCookies;
   k.verifyPeer = ResolveVerifyPeer(p.sslValidatePolicy, target);
@@ -87,7 +105,9 @@ void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, 
   OptionWriter o(out);
   o.number(CURLOPT_FOLLOWLOCATION, p.followLocation ? 1 : 0);
   o.number(CURLOPT_MAXREDIRS, nonNegative(p.maxRedirects));
+  o.text(CURLOPT_PROTOCOLS_STR, "http,https");
   o.text(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  o.number(CURLOPT_TIMEOUT_MS, p.totalTimeoutMs > 0 ? p.totalTimeoutMs : 0);
   o.number(CURLOPT_CONNECTTIMEOUT, nonNegative(p.connectTimeoutSec));
   o.offT(CURLOPT_MAX_RECV_SPEED_LARGE, nonNegative(p.maxRecvSpeed));
   o.offT(CURLOPT_MAX_SEND_SPEED_LARGE, nonNegative(p.maxSendSpeed));
@@ -116,6 +136,7 @@ void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, 
   const bool verify = ResolveVerifyPeer(p.sslValidatePolicy, target);
   o.number(CURLOPT_SSL_VERIFYPEER, verify ? 1 : 0);
   o.number(CURLOPT_SSL_VERIFYHOST, verify ? 2 : 0);
+  o.text(CURLOPT_CAINFO, p.caFile.empty() ? DefaultCaFile() : p.caFile);
 
   const ProxyPolicy proxy = p.proxyPolicy == PP_Default ? qz::GetDefaultProxyPolicy() : p.proxyPolicy;
   if (proxy == PP_AutomaticProxy) {

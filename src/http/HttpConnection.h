@@ -4,6 +4,7 @@
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/url/Url.h>
 
+#include <cstddef>
 #include <list>
 #include <string>
 
@@ -37,6 +38,9 @@ public:
     int verbose = 0;        // non-zero: libcurl verbose output; 2 also logs it after each call
     bool followLocation = true;
     bool keepCookies = true; // in-memory cookie store for the connection's lifetime
+    std::string caFile;      // CA bundle for certificate checks; empty = libcurl's default
+    size_t maxBodyBytes = 0; // largest response body, counted after decoding; 0 = no limit
+    long totalTimeoutMs = 0; // time allowed for a whole request; 0 = none
 
     // Sets the options on the libcurl easy handle `curlHandle` for a request to `target`.
     // Returns the bitwise OR of every curl_easy_setopt result (0: all accepted).

@@ -46,13 +46,16 @@ HTTPTOOLS_API int ApplyCurlOptions(CURL* handle, const std::vector<CurlOptionVal
 struct ResolvedParametersKey {
   int connectTimeoutSec, maxSendSpeed, maxRecvSpeed, lowSpeedLimit, lowSpeedTime, tcpKeepAlive, maxRedirects, verbose;
   long ipResolve;
+  long totalTimeoutMs;
+  std::string caFile;
   bool followLocation, keepCookies, verifyPeer, cacheable;
   bool operator==(const ResolvedParametersKey& o) const {
     return connectTimeoutSec == o.connectTimeoutSec && maxSendSpeed == o.maxSendSpeed &&
            maxRecvSpeed == o.maxRecvSpeed && lowSpeedLimit == o.lowSpeedLimit && lowSpeedTime == o.lowSpeedTime &&
            tcpKeepAlive == o.tcpKeepAlive && maxRedirects == o.maxRedirects && verbose == o.verbose &&
-           ipResolve == o.ipResolve && followLocation == o.followLocation && keepCookies == o.keepCookies &&
-           verifyPeer == o.verifyPeer && cacheable == o.cacheable;
+           ipResolve == o.ipResolve && totalTimeoutMs == o.totalTimeoutMs && caFile == o.caFile &&
+           followLocation == o.followLocation && keepCookies == o.keepCookies && verifyPeer == o.verifyPeer &&
+           cacheable == o.cacheable;
   }
 };
 HTTPTOOLS_API ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters& p,

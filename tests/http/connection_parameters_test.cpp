@@ -57,16 +57,6 @@ protected:
   }
 };
 
-// Default record under non-trivial process defaults: every option in order; the fields that defer
-// to the process follow it (the proxy finder finds nothing on Linux: libcurl's environment).
-TEST_F(ParamsTest, DefaultsResolveInOrder) {
-  setDefaults(false, HNRP_PreferIpv6, PP_AutomaticProxy);
-  EXPECT_EQ(render(Params()), " FOLLOWLOCATION=1 MAXREDIRS=3 REDIR_PROTOCOLS_STR='http,https' CONNECTTIMEOUT=10 "
-                              "MAX_RECV_SPEED_LARGE=0 MAX_SEND_SPEED_LARGE=0 COOKIESESSION=0 COOKIEJAR='/dev/null' "
-                              "LOW_SPEED_LIMIT=10 LOW_SPEED_TIME=10 TCP_KEEPALIVE=0 TCP_KEEPIDLE=10 TCP_KEEPINTVL=10 "
-                              "VERBOSE=0 IPRESOLVE=2 SSL_VERIFYPEER=0 SSL_VERIFYHOST=0 PROXY=null ");
-}
-
 TEST_F(ParamsTest, EachFieldAndPolicyResolves) {
   struct Case {
     std::function<void(Params&)> edit;
