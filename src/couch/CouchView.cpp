@@ -76,8 +76,11 @@ bool FetchCouchDbView(http::HttpConnection& connection, const CouchConnectionPar
     parser.reset();
     if (keys)
       parser.setRequestBody(&body);
-    if (connection.getHttpData(url, std::string(), 200, &InstallViewOptions, &parser))
+    parser.setMaxBodyBytes(connection.getConnectionParameters().maxBodyBytes);
+    if (connection.getHttpData(url, std::string(), 200, &InstallViewOptions, &parser, ViewRequestShape(parser)))
       break;
+    if (!parser.failure().empty())
+      connection.addErrorDetail(parser.failure());
     if (*cancel)
       return false;
     if (!connection.isLastCallTimedOut()) {

@@ -150,7 +150,9 @@ void ViewResultStreamParser::reset() {
   m_squareBracketCounter = 0;
   m_inString = false;
   m_escaped = false;
-  m_bodyOffset = 0;
+  m_body.offset = 0;
+  m_receivedBytes = 0;
+  m_failure.clear();
 }
 
 bool ViewResultStreamParser::deliverRow(const char* text, size_t length) {
@@ -190,30 +192,21 @@ int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>&
   auto* parser = static_cast<ViewResultStreamParser*>(userData);
   curl_write_callback write = &ViewResultStreamParser::WriteFunction;
   curl_xferinfo_callback transferInfo = &ViewResultStreamParser::TransferInfoFunction;
-  curl_read_callback read = &ViewResultStreamParser::ReadFunction;
 
+  // The connection resets the handle whenever this callback or its shape changes, so only the
+  // options of this request are set here.
   int rc = 0;
   rc |= curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write);
   rc |= curl_easy_setopt(curl, CURLOPT_WRITEDATA, parser);
   rc |= curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, transferInfo);
   rc |= curl_easy_setopt(curl, CURLOPT_XFERINFODATA, parser);
   rc |= curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
-  rc |= curl_easy_setopt(curl, CURLOPT_NOBODY, 0L);
-  rc |= curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-  rc |= curl_easy_setopt(curl, CURLOPT_UPLOAD, 0L);
-  rc |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, static_cast<curl_read_callback>(nullptr));
-  rc |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, 0L);
-  rc |= curl_easy_setopt(curl, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
-  rc |= curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, static_cast<curl_write_callback>(nullptr));
   if (const std::string* body = parser->requestBody()) {
     rc |= curl_easy_setopt(curl, CURLOPT_POST, 1L);
-    rc |= curl_easy_setopt(curl, CURLOPT_READFUNCTION, read);
-    rc |= curl_easy_setopt(curl, CURLOPT_READDATA, parser);
-    rc |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, long(body->size()));
+    rc |= parser->installRequestBody(curl);
+    rc |= curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(body->size()));
     // Without it libcurl labels the body as a form, and servers then ignore the keys.
     headers.push_back("Content-Type: application/json");
-  } else {
-    rc |= curl_easy_setopt(curl, CURLOPT_POST, 0L);
   }
   return rc;
 }
@@ -221,23 +214,22 @@ int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>&
 size_t ViewResultStreamParser::WriteFunction(char* data, size_t size, size_t nmemb, void* userData) {
   auto* parser = static_cast<ViewResultStreamParser*>(userData);
   const size_t length = size * nmemb;
-  if (!parser->feed(data, length) || *parser->m_cancelFlag)
-    return length + 1; // any other count than the one given aborts the transfer
+  try {
+    parser->m_receivedBytes += length;
+    if (parser->m_maxBodyBytes && parser->m_receivedBytes > parser->m_maxBodyBytes) {
+      parser->m_failure = qz::http::BodyLimitMessage(static_cast<long long>(parser->m_maxBodyBytes));
+      return length + 1;
+    }
+    if (!parser->feed(data, length) || *parser->m_cancelFlag)
+      return length + 1; // any other count than the one given aborts the transfer
+  } catch (const std::exception& e) {
+    parser->m_failure = std::string("Exception while reading view rows: ") + e.what();
+    return length + 1;
+  } catch (...) {
+    parser->m_failure = "Exception while reading view rows";
+    return length + 1;
+  }
   return length;
-}
-
-size_t ViewResultStreamParser::ReadFunction(char* out, size_t size, size_t nitems, void* userData) {
-  auto* parser = static_cast<ViewResultStreamParser*>(userData);
-  if (!parser->m_requestBody)
-    return CURL_READFUNC_ABORT;
-  const std::string& body = *parser->m_requestBody;
-  const size_t n = std::min(size * nitems, body.size() - parser->m_bodyOffset);
-  if (n)
-    std::memcpy(out, body.data() + parser->m_bodyOffset, n);
-  parser->m_bodyOffset += n;
-  if (*parser->m_cancelFlag)
-    return CURL_READFUNC_ABORT;
-  return n;
 }
 
 int ViewResultStreamParser::TransferInfoFunction(void* userData, int64_t, int64_t, int64_t, int64_t) {

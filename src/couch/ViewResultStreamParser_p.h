@@ -1,5 +1,6 @@
 #pragma once
 
+#include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/platform/qzVariant.h>
 
@@ -32,16 +33,26 @@ public:
   }
   void setRequestBody(const std::string* body) {
     m_requestBody = body;
-    m_bodyOffset = 0;
+    m_body.data = body ? body->data() : nullptr;
+    m_body.size = body ? body->size() : 0;
+    m_body.offset = 0;
   }
   const std::string* requestBody() const { return m_requestBody; }
+  // Makes the request body the read and seek source of the libcurl handle `curlHandle`.
+  int installRequestBody(void* curlHandle) {
+    m_body.cancel = m_cancelFlag;
+    return m_body.install(static_cast<CURL*>(curlHandle));
+  }
+  // Largest response body accepted (0: no limit); past it the transfer stops with failure().
+  void setMaxBodyBytes(uint64_t limit) { m_maxBodyBytes = limit; }
+  // Why the write callback stopped the transfer ("" when it did not, or a row was refused).
+  const std::string& failure() const { return m_failure; }
   // Forgets what a failed attempt left (partial row, depths, body position) before the request
   // is issued again; the row count goes on.
   void reset();
 
   // libcurl callbacks; `userData` is the parser.
   static size_t WriteFunction(char* data, size_t size, size_t nmemb, void* userData);
-  static size_t ReadFunction(char* out, size_t size, size_t nitems, void* userData);
   static int TransferInfoFunction(void* userData, int64_t, int64_t, int64_t, int64_t);
 
   int64_t rowCount() const { return m_rowCount; }
@@ -67,7 +78,10 @@ private:
   RowTextFunction m_rowTextFunction = nullptr;
   void* m_rowTextUserData = nullptr;
   const std::string* m_requestBody = nullptr;
-  size_t m_bodyOffset = 0;
+  qz::http::BodyReader m_body;
+  uint64_t m_maxBodyBytes = 0;
+  uint64_t m_receivedBytes = 0;
+  std::string m_failure;
   const bool* m_cancelFlag;
   qzVariantMapImpl m_row;
 };
@@ -75,5 +89,7 @@ private:
 // Sets the transfer options of one view request on the libcurl handle `curlHandle`; `userData`
 // is the ViewResultStreamParser. Returns the OR of the option results (0: all accepted).
 HTTPTOOLS_API int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>& headers);
+// The shape InstallViewOptions installs for this parser (with or without a request body).
+inline unsigned long ViewRequestShape(const ViewResultStreamParser& parser) { return parser.requestBody() ? 1 : 0; }
 
 } // namespace qz::couch

@@ -4,66 +4,73 @@
 #include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/platform/qzLog.h>
 
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <cstring>
+
 namespace qz::http {
 
 namespace {
 
-// libcurl's built-in CA bundle path, so that an empty caFile puts it back on a kept handle.
-const std::string& DefaultCaFile() {
+long nonNegative(long v) { return v < 0 ? 0 : v; }
+
+// libcurl's built-in CA bundle path, so that an empty caFile puts it back on a used handle.
+const std::string& defaultCaFile() {
   static const std::string path = [] {
     std::string found;
-    if (CURL* h = curl_easy_init()) {
-      char* p = nullptr;
-      if (curl_easy_getinfo(h, CURLINFO_CAINFO, &p) == CURLE_OK && p)
-        found = p;
-      curl_easy_cleanup(h);
-    }
+    std::unique_ptr<CURL, CurlEasyDeleter> h(curl_easy_init());
+    char* p = nullptr;
+    if (h && curl_easy_getinfo(h.get(), CURLINFO_CAINFO, &p) == CURLE_OK && p)
+      found = p;
     return found;
   }();
   return path;
 }
 
-long nonNegative(int v) { return v < 0 ? 0 : v; }
+int acceptAnyCertificate(X509_STORE_CTX*, void*) { return 1; }
 
-// Writes the option list over the entries already there, so that a reused vector keeps its
-// strings' buffers.
-class OptionWriter {
-public:
-  explicit OptionWriter(std::vector<CurlOptionValue>& out) : m_out(out) {}
-  ~OptionWriter() { m_out.resize(m_count); }
-  OptionWriter(const OptionWriter&) = delete;
-  OptionWriter& operator=(const OptionWriter&) = delete;
-
-  void number(CURLoption o, long long v) { next(o, CurlOptionValue::Long, v).text.clear(); }
-  void offT(CURLoption o, long long v) { next(o, CurlOptionValue::OffT, v).text.clear(); }
-  void text(CURLoption o, const char* v) { next(o, CurlOptionValue::Text, 0).text.assign(v); }
-  void text(CURLoption o, std::string&& v) { next(o, CurlOptionValue::Text, 0).text = std::move(v); }
-  void text(CURLoption o, const std::string& v) { next(o, CurlOptionValue::Text, 0).text.assign(v); }
-  void null(CURLoption o) { next(o, CurlOptionValue::Null, 0).text.clear(); }
-
-private:
-  CurlOptionValue& next(CURLoption o, CurlOptionValue::Kind kind, long long number) {
-    if (m_count == m_out.size())
-      m_out.push_back(CurlOptionValue{o, kind, number, {}});
-    CurlOptionValue& v = m_out[m_count++];
-    v.option = o;
-    v.kind = kind;
-    v.number = number;
-    return v;
+// Installed when the request's target is the exempt loopback host: libcurl then checks the
+// peer, and this callback, run for every new TLS connection (a redirect's included), switches
+// the chain check off for 127.0.0.1 only and makes OpenSSL check the name of any other host.
+CURLcode loopbackAwareTlsSetup(CURL* curl, void* sslCtx, void*) {
+  try {
+    auto* ctx = static_cast<SSL_CTX*>(sslCtx);
+    char* effective = nullptr;
+    if (curl_easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &effective) != CURLE_OK || !effective)
+      return CURLE_SSL_CERTPROBLEM;
+    std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> u(curl_url(), curl_url_cleanup);
+    char* host = nullptr;
+    if (!u || curl_url_set(u.get(), CURLUPART_URL, effective, 0) != CURLUE_OK ||
+        curl_url_get(u.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK || !host)
+      return CURLE_SSL_CERTPROBLEM;
+    std::string name(host);
+    curl_free(host);
+    if (name == "127.0.0.1" && qz::IsLoopbackCertificateExemption()) {
+      SSL_CTX_set_cert_verify_callback(ctx, acceptAnyCertificate, nullptr);
+      return CURLE_OK;
+    }
+    X509_VERIFY_PARAM* param = SSL_CTX_get0_param(ctx);
+    int ok = 0;
+    if (name.size() > 2 && name.front() == '[' && name.back() == ']')
+      ok = X509_VERIFY_PARAM_set1_ip_asc(param, name.substr(1, name.size() - 2).c_str());
+    else if (X509_VERIFY_PARAM_set1_ip_asc(param, name.c_str()) == 1)
+      ok = 1;
+    else
+      ok = X509_VERIFY_PARAM_set1_host(param, name.c_str(), name.size());
+    return ok == 1 ? CURLE_OK : CURLE_SSL_CERTPROBLEM;
+  } catch (...) {
+    return CURLE_SSL_CERTPROBLEM;
   }
-
-  std::vector<CurlOptionValue>& m_out;
-  size_t m_count = 0;
-};
+}
 
 } // namespace
 
 HttpConnection::ConnectionParameters::ConnectionParameters() : manualProxyUrl(qz::Url::ClearAll) {}
 
-bool ResolveVerifyPeer(SSLValidatePolicy policy, const qz::Url& target) {
-  const bool verify = policy == SVP_DefaultBehavior ? qz::IsVerifySSLCertByDefault() : policy != SVP_NoVerify;
-  // Exact text on purpose: "localhost" and "[::1]" are still checked.
-  return verify && !(target.host == "127.0.0.1" && qz::IsLoopbackCertificateExemption());
+bool ResolveVerifyPeer(SSLValidatePolicy policy) {
+  return policy == SVP_DefaultBehavior ? qz::IsVerifySSLCertByDefault() : policy != SVP_NoVerify;
 }
 
 long ResolveIpResolve(HostNameResolutionPolicy policy) {
@@ -79,121 +86,112 @@ long ResolveIpResolve(HostNameResolutionPolicy policy) {
   }
 }
 
-ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target) {
-  const ProxyPolicy proxy = p.proxyPolicy == PP_Default ? qz::GetDefaultProxyPolicy() : p.proxyPolicy;
-  ResolvedParametersKey k{};
-  k.connectTimeoutSec = p.connectTimeoutSec;
-  k.maxSendSpeed = p.maxSendSpeed;
-  k.maxRecvSpeed = p.maxRecvSpeed;
-  k.lowSpeedLimit = p.lowSpeedLimit;
-  k.lowSpeedTime = p.lowSpeedTime;
-  k.tcpKeepAlive = p.tcpKeepAlive;
-  k.maxRedirects = p.maxRedirects;
-  k.verbose = p.verbose;
-  k.ipResolve = ResolveIpResolve(p.hostNameResolutionPolicy);
-  k.totalTimeoutMs = p.totalTimeoutMs;
-  k.caFile = p.caFile;
-  k.followLocation = p.followLocation;
-  k.keepCookies = p.keepCookies;
-  k.verifyPeer = ResolveVerifyPeer(p.sslValidatePolicy, target);
-  k.cacheable = proxy != PP_AutomaticProxy && proxy != PP_ManualProxy;
-  return k;
+std::string BodyLimitMessage(long long maxBodyBytes) {
+  return "Response body larger than the limit of " + std::to_string(maxBodyBytes) + " bytes";
 }
 
 void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
-                                 HttpProxyFinder& proxyFinder, std::vector<CurlOptionValue>& out) {
-  OptionWriter o(out);
-  o.number(CURLOPT_FOLLOWLOCATION, p.followLocation ? 1 : 0);
-  o.number(CURLOPT_MAXREDIRS, nonNegative(p.maxRedirects));
-  o.text(CURLOPT_PROTOCOLS_STR, "http,https");
-  o.text(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  o.number(CURLOPT_TIMEOUT_MS, p.totalTimeoutMs > 0 ? p.totalTimeoutMs : 0);
-  o.number(CURLOPT_CONNECTTIMEOUT, nonNegative(p.connectTimeoutSec));
-  o.offT(CURLOPT_MAX_RECV_SPEED_LARGE, nonNegative(p.maxRecvSpeed));
-  o.offT(CURLOPT_MAX_SEND_SPEED_LARGE, nonNegative(p.maxSendSpeed));
-  if (p.keepCookies) {
-    // The cookie engine keeps cookies in memory; the jar path means nothing survives the handle.
-    o.number(CURLOPT_COOKIESESSION, 0);
-    o.text(CURLOPT_COOKIEJAR, "/dev/null");
-  } else {
-    o.number(CURLOPT_COOKIESESSION, 1);
-    o.null(CURLOPT_COOKIEJAR);
-  }
+                                 HttpProxyFinder& proxyFinder, ResolvedParameters& r) {
+  r.followLocation = p.followLocation ? 1 : 0;
+  r.maxRedirects = nonNegative(p.maxRedirects);
+  r.connectTimeoutSec = nonNegative(p.connectTimeoutSec);
+  r.maxRecvSpeed = nonNegative(p.maxRecvSpeed);
+  r.maxSendSpeed = nonNegative(p.maxSendSpeed);
+  r.keepCookies = p.keepCookies;
   const bool lowSpeed = p.lowSpeedLimit > 0 && p.lowSpeedTime > 0;
-  o.number(CURLOPT_LOW_SPEED_LIMIT, lowSpeed ? p.lowSpeedLimit : 0);
-  o.number(CURLOPT_LOW_SPEED_TIME, lowSpeed ? p.lowSpeedTime : 0);
-  if (p.tcpKeepAlive > 0) {
-    o.number(CURLOPT_TCP_KEEPALIVE, 1);
-    o.number(CURLOPT_TCP_KEEPIDLE, p.tcpKeepAlive);
-    o.number(CURLOPT_TCP_KEEPINTVL, p.tcpKeepAlive);
-  } else {
-    o.number(CURLOPT_TCP_KEEPALIVE, 0);
-    o.number(CURLOPT_TCP_KEEPIDLE, 10);
-    o.number(CURLOPT_TCP_KEEPINTVL, 10);
-  }
-  o.number(CURLOPT_VERBOSE, p.verbose != 0 ? 1 : 0);
-  o.number(CURLOPT_IPRESOLVE, ResolveIpResolve(p.hostNameResolutionPolicy));
-  const bool verify = ResolveVerifyPeer(p.sslValidatePolicy, target);
-  o.number(CURLOPT_SSL_VERIFYPEER, verify ? 1 : 0);
-  o.number(CURLOPT_SSL_VERIFYHOST, verify ? 2 : 0);
-  o.text(CURLOPT_CAINFO, p.caFile.empty() ? DefaultCaFile() : p.caFile);
+  r.lowSpeedLimit = lowSpeed ? p.lowSpeedLimit : 0;
+  r.lowSpeedTime = lowSpeed ? p.lowSpeedTime : 0;
+  r.tcpKeepAlive = p.tcpKeepAlive > 0 ? p.tcpKeepAlive : 0;
+  r.verbose = p.verbose != 0 ? 1 : 0;
+  r.ipResolve = ResolveIpResolve(p.hostNameResolutionPolicy);
+  r.verifyPeer = ResolveVerifyPeer(p.sslValidatePolicy);
+  // Exact text on purpose: "localhost" and "[::1]" are still checked.
+  r.loopbackExempt = r.verifyPeer && target.host == "127.0.0.1" && qz::IsLoopbackCertificateExemption();
+  r.caFile = p.caFile;
+  r.maxBodyBytes = static_cast<long long>(std::min<size_t>(p.maxBodyBytes, size_t(INT64_MAX)));
+  r.totalTimeoutMs = nonNegative(p.totalTimeoutMs);
 
+  r.proxyNull = false;
   const ProxyPolicy proxy = p.proxyPolicy == PP_Default ? qz::GetDefaultProxyPolicy() : p.proxyPolicy;
   if (proxy == PP_AutomaticProxy) {
-    std::string found;
-    if (proxyFinder.getProxyUrl(target, found))
-      o.text(CURLOPT_PROXY, std::move(found));
-    else
-      o.null(CURLOPT_PROXY); // libcurl's own default: the proxy environment variables
-  } else if (proxy == PP_ManualProxy) {
-    if (p.manualProxyUrl.isValid()) {
-      o.text(CURLOPT_PROXY, p.manualProxyUrl.toEncodedUrl());
-    } else {
+    r.proxy.clear();
+    r.proxyNull = !proxyFinder.getProxyUrl(target, r.proxy);
+  } else if (proxy == PP_ManualProxy && p.manualProxyUrl.isValid()) {
+    r.proxy = p.manualProxyUrl.toEncodedUrl();
+  } else {
+    if (proxy == PP_ManualProxy)
       qzLogObject(qzLog::Warning, "http")
           << "Manual proxy url is invalid " << p.manualProxyUrl.toDisplayableUrl() << " disable proxy for this call";
-      o.text(CURLOPT_PROXY, "");
-    }
-  } else {
-    o.text(CURLOPT_PROXY, ""); // no proxy at all, environment included
+    r.proxy.clear(); // no proxy at all, environment included
   }
 }
 
-std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p,
-                                                         const qz::Url& target, HttpProxyFinder& proxyFinder) {
-  std::vector<CurlOptionValue> o;
-  ResolveConnectionParameters(p, target, proxyFinder, o);
-  return o;
-}
-
-int ApplyCurlOptions(CURL* h, const std::vector<CurlOptionValue>& options,
-                     const std::vector<CurlOptionValue>* current) {
-  int result = 0;
-  for (size_t i = 0; i < options.size(); ++i) {
-    const CurlOptionValue& v = options[i];
-    if (current && i < current->size() && (*current)[i] == v)
-      continue;
-    switch (v.kind) {
-    case CurlOptionValue::Long:
-      result |= curl_easy_setopt(h, v.option, static_cast<long>(v.number));
-      break;
-    case CurlOptionValue::OffT:
-      result |= curl_easy_setopt(h, v.option, static_cast<curl_off_t>(v.number));
-      break;
-    case CurlOptionValue::Text:
-      result |= curl_easy_setopt(h, v.option, v.text.c_str());
-      break;
-    case CurlOptionValue::Null:
-      result |= curl_easy_setopt(h, v.option, static_cast<char*>(nullptr));
-      break;
-    }
-  }
-  return result;
+int ApplyResolvedParameters(CURL* h, const ResolvedParameters& r) {
+  int rc = 0;
+  rc |= curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, r.followLocation);
+  rc |= curl_easy_setopt(h, CURLOPT_MAXREDIRS, r.maxRedirects);
+  rc |= curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  rc |= curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  rc |= curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, r.connectTimeoutSec);
+  rc |= curl_easy_setopt(h, CURLOPT_MAX_RECV_SPEED_LARGE, curl_off_t(r.maxRecvSpeed));
+  rc |= curl_easy_setopt(h, CURLOPT_MAX_SEND_SPEED_LARGE, curl_off_t(r.maxSendSpeed));
+  // The cookie engine keeps cookies in memory; the jar path means nothing survives the handle.
+  rc |= curl_easy_setopt(h, CURLOPT_COOKIESESSION, r.keepCookies ? 0L : 1L);
+  rc |= curl_easy_setopt(h, CURLOPT_COOKIEJAR, r.keepCookies ? "/dev/null" : static_cast<const char*>(nullptr));
+  rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, r.lowSpeedLimit);
+  rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, r.lowSpeedTime);
+  rc |= curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, r.tcpKeepAlive > 0 ? 1L : 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_TCP_KEEPIDLE, r.tcpKeepAlive > 0 ? r.tcpKeepAlive : 10L);
+  rc |= curl_easy_setopt(h, CURLOPT_TCP_KEEPINTVL, r.tcpKeepAlive > 0 ? r.tcpKeepAlive : 10L);
+  rc |= curl_easy_setopt(h, CURLOPT_VERBOSE, r.verbose);
+  rc |= curl_easy_setopt(h, CURLOPT_IPRESOLVE, r.ipResolve);
+  rc |= curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, r.verifyPeer ? 1L : 0L);
+  // Under the exemption the host name is checked by the TLS set-up callback instead.
+  rc |= curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, r.verifyPeer && !r.loopbackExempt ? 2L : 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_SSL_CTX_FUNCTION,
+                         r.loopbackExempt ? loopbackAwareTlsSetup : static_cast<curl_ssl_ctx_callback>(nullptr));
+  rc |= curl_easy_setopt(h, CURLOPT_CAINFO, r.caFile.empty() ? defaultCaFile().c_str() : r.caFile.c_str());
+  rc |= curl_easy_setopt(h, CURLOPT_PROXY, r.proxyNull ? static_cast<const char*>(nullptr) : r.proxy.c_str());
+  rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, r.totalTimeoutMs);
+  // Refuses an announced length at once; writers count the decoded bytes themselves.
+  rc |= curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, curl_off_t(r.maxBodyBytes));
+  return rc;
 }
 
 int HttpConnection::ConnectionParameters::applyParameters(void* curlHandle, const qz::Url& target,
                                                           HttpProxyFinder& proxyFinder) const {
-  return ApplyCurlOptions(static_cast<CURL*>(curlHandle), ResolveConnectionParameters(*this, target, proxyFinder),
-                          nullptr);
+  ResolvedParameters r;
+  ResolveConnectionParameters(*this, target, proxyFinder, r);
+  return ApplyResolvedParameters(static_cast<CURL*>(curlHandle), r);
+}
+
+int BodyReader::install(CURL* h) {
+  int rc = 0;
+  rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, &BodyReader::Read);
+  rc |= curl_easy_setopt(h, CURLOPT_READDATA, this);
+  rc |= curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, &BodyReader::Seek);
+  rc |= curl_easy_setopt(h, CURLOPT_SEEKDATA, this);
+  return rc;
+}
+
+size_t BodyReader::Read(char* buffer, size_t size, size_t count, void* reader) {
+  auto* r = static_cast<BodyReader*>(reader);
+  if (r->cancel && *r->cancel)
+    return CURL_READFUNC_ABORT;
+  const size_t n = std::min(size * count, r->size - std::min(r->offset, r->size));
+  if (n)
+    std::memcpy(buffer, r->data + r->offset, n);
+  r->offset += n;
+  return n;
+}
+
+// libcurl rewinds the body when it must send it again (redirect, authentication).
+int BodyReader::Seek(void* reader, curl_off_t offset, int origin) {
+  auto* r = static_cast<BodyReader*>(reader);
+  if (origin != SEEK_SET || offset < 0 || size_t(offset) > r->size)
+    return CURL_SEEKFUNC_CANTSEEK;
+  r->offset = size_t(offset);
+  return CURL_SEEKFUNC_OK;
 }
 
 } // namespace qz::http

@@ -7,7 +7,10 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/url/Url_p.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
+#include <string_view>
 
 namespace qz::http {
 
@@ -19,54 +22,90 @@ int debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* user
   auto* d = static_cast<HttpConnection::HttpConnectionPrivate*>(userPtr);
   if (d->parameters.verbose == 0 || int(type) > 7)
     return 0;
-  std::string entry;
-  switch (type) {
-  case CURLINFO_TEXT:
-    entry.assign("* ").append(data, size);
-    break;
-  case CURLINFO_HEADER_IN:
-    entry.assign("< ").append(data, size);
-    break;
-  case CURLINFO_HEADER_OUT:
-    entry.assign("> ").append(data, size);
-    break;
-  case CURLINFO_DATA_IN:
-    entry = "DataIn " + std::to_string(size) + "B";
-    break;
-  case CURLINFO_DATA_OUT:
-    entry = "DataOut " + std::to_string(size) + "B";
-    break;
-  case CURLINFO_SSL_DATA_IN:
-    entry = "SSLIn " + std::to_string(size) + "B";
-    break;
-  case CURLINFO_SSL_DATA_OUT:
-    entry = "SSLOut " + std::to_string(size) + "B";
-    break;
-  default:
-    entry = "End";
-    break;
+  try {
+    std::string entry;
+    switch (type) {
+    case CURLINFO_TEXT:
+      entry.assign("* ").append(data, size);
+      break;
+    case CURLINFO_HEADER_IN:
+      entry.assign("< ").append(data, size);
+      break;
+    case CURLINFO_HEADER_OUT:
+      entry.assign("> ").append(data, size);
+      break;
+    case CURLINFO_DATA_IN:
+      entry = "DataIn " + std::to_string(size) + "B";
+      break;
+    case CURLINFO_DATA_OUT:
+      entry = "DataOut " + std::to_string(size) + "B";
+      break;
+    case CURLINFO_SSL_DATA_IN:
+      entry = "SSLIn " + std::to_string(size) + "B";
+      break;
+    case CURLINFO_SSL_DATA_OUT:
+      entry = "SSLOut " + std::to_string(size) + "B";
+      break;
+    default:
+      entry = "End";
+      break;
+    }
+    if (d->inTransfer)
+      d->lastDebugInformations += entry;
+    else
+      qzLogObject(qzLog::Debug, "curl") << entry;
+  } catch (...) {
+    // Losing a debug line is better than unwinding through libcurl.
   }
-  if (d->inTransfer)
-    d->lastDebugInformations += entry;
-  else
-    qzLogObject(qzLog::Debug, "curl") << entry;
   return 0;
+}
+
+// Options of the connection itself, set on a fresh or reset handle before the parameters.
+int applyConnectionOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
+  int rc = 0;
+  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
+  rc |= curl_easy_setopt(h, CURLOPT_NOSIGNAL, 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, debugCallback);
+  rc |= curl_easy_setopt(h, CURLOPT_DEBUGDATA, d);
+  rc |= curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d->errorBuffer);
+  // Cookie engine on without a file to read: a file name, even "/dev/null", is opened again
+  // at every transfer.
+  rc |= curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
+  rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
+  // Paths go out as rendered; "." and ".." segments are already escaped.
+  rc |= curl_easy_setopt(h, CURLOPT_PATH_AS_IS, 1L);
+  return rc;
+}
+
+bool isHttpScheme(const std::string& scheme) {
+  auto same = [&](const char* s) {
+    return scheme.size() == std::strlen(s) && std::equal(scheme.begin(), scheme.end(), s, [](char a, char b) {
+             return std::tolower((unsigned char)a) == b;
+           });
+  };
+  return same("http") || same("https");
 }
 
 } // namespace
 
 HttpConnection::HttpConnection(bool countConnections)
-    : d(new HttpConnectionPrivate), m_countConnections(countConnections) {}
+    : d(std::make_unique<HttpConnectionPrivate>()), m_countConnections(countConnections) {}
 
-HttpConnection::~HttpConnection() { delete d; }
+HttpConnection::~HttpConnection() = default;
 
 void HttpConnection::clearConnection() {
   d->easy.reset();
-  d->forgetAppliedOptions();
+  d->forgetHandleState();
 }
 
 bool HttpConnection::setupConnection(const qz::Url& url) {
-  int rc = 0;
+  return prepareHandle(url, d->state.setup.callback, d->state.setup.shape);
+}
+
+bool HttpConnection::prepareHandle(const qz::Url& url, SetupCallback setup, unsigned long shape) {
   if (!d->easy) {
     if (!qz::IsHttpToolsInitialized()) {
       qzLogObject(qzLog::Error, "http") << "HttpTools library not initialized.";
@@ -74,41 +113,37 @@ bool HttpConnection::setupConnection(const qz::Url& url) {
       return false;
     }
     d->easy.reset(curl_easy_init());
-    d->forgetAppliedOptions();
+    d->forgetHandleState();
     if (!d->easy)
       return false;
-    CURL* h = d->easy.get();
-    rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
-    rc |= curl_easy_setopt(h, CURLOPT_NOSIGNAL, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, debugCallback);
-    rc |= curl_easy_setopt(h, CURLOPT_DEBUGDATA, d);
-    rc |= curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d->errorBuffer);
-    rc |= curl_easy_setopt(h, CURLOPT_COOKIEFILE, "/dev/null");
-    rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
   }
-  // What applyParameters does, but an option already on the handle with the same value is not
-  // set again: most requests on a kept handle change none, and most need not even resolve.
-  const ResolvedParametersKey key = KeyOfParameters(d->parameters, url);
-  if (rc == 0 && key.cacheable && d->appliedKeyValid && key == d->appliedKey)
+  ResolveConnectionParameters(d->parameters, url, d->proxyFinder, d->resolving);
+  const HttpConnectionPrivate::HandleState::Setup wanted{setup, shape};
+  if (d->state.valid && d->state.setup == wanted && d->state.parameters == d->resolving)
     return true;
-  d->appliedKeyValid = false;
-  ResolveConnectionParameters(d->parameters, url, d->proxyFinder, d->resolvedOptions);
-  rc |= ApplyCurlOptions(d->easy.get(), d->resolvedOptions, &d->appliedOptions);
-  if (rc != 0) {
+  // Another set-up callback, request shape or parameters: start from libcurl's defaults so that
+  // nothing an earlier request installed (callbacks, their data, methods) survives. Live
+  // connections, DNS cache, TLS sessions and cookies stay.
+  d->forgetHandleState();
+  CURL* h = d->easy.get();
+  curl_easy_reset(h);
+  if ((applyConnectionOptions(h, d.get()) | ApplyResolvedParameters(h, d->resolving)) != 0) {
     clearConnection();
     return false;
   }
-  d->appliedOptions.swap(d->resolvedOptions);
-  d->appliedKey = key;
-  d->appliedKeyValid = key.cacheable;
+  std::swap(d->state.parameters, d->resolving);
+  d->state.setup = wanted;
+  d->state.valid = true;
   return true;
 }
 
 bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expectedContentType, long expectedHttpCode,
                                  SetupCallback setup, void* userData) {
+  return getHttpData(url, expectedContentType, expectedHttpCode, setup, userData, 0);
+}
+
+bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expectedContentType, long expectedHttpCode,
+                                 SetupCallback setup, void* userData, unsigned long shape) {
   if (!d->lastUrl.host.empty() && (d->lastUrl.host != url.host || d->lastUrl.port != url.port))
     qzLogObject(qzLog::Warning, "http") << "Http connection was reused with a different host:port "
                                         << d->lastUrl.toDisplayableUrl() << " " << url.toDisplayableUrl();
@@ -128,7 +163,13 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   d->lastReceivedType.clear();
   d->lastDebugInformations.clear();
 
-  if (!setupConnection(url)) {
+  if (!isHttpScheme(url.scheme)) {
+    d->internalErrorMsg = url.scheme.empty() ? "Invalid URL without a scheme, nothing sent"
+                                             : "Unsupported scheme '" + qz::qzLog::EscapeControls(url.scheme) +
+                                                   "', only http and https are requested";
+    return false;
+  }
+  if (!prepareHandle(url, setup, shape)) {
     d->internalErrorMsg = "Fail to setupconnection";
     clearConnection();
     return false;
@@ -140,7 +181,7 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   if (!ok && retry) {
     // The preferred address family failed for this name: from now on take whatever resolves.
     d->parameters.hostNameResolutionPolicy = HNRP_Whatever;
-    return getHttpData(url, expectedContentType, expectedHttpCode, setup, userData);
+    return getHttpData(url, expectedContentType, expectedHttpCode, setup, userData, shape);
   }
   return ok;
 }
@@ -150,72 +191,103 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
                                      void* userData) {
   retry = false;
   CURL* h = d->easy.get();
-  std::list<std::string> extraHeaders;
-  auto failWithReset = [&](const char* message) {
-    if (message)
+  auto failWithReset = [&](const std::string& message) {
+    if (!message.empty())
       d->internalErrorMsg = message;
     clearConnection();
     return false;
   };
 
-  if (setup && setup(h, userData, extraHeaders) != 0)
-    return failWithReset("User callback return and error");
-  if (setup && !IsLibrarySetupCallback(setup))
-    d->forgetAppliedOptions();
-
+  // The data pointers of this call, before the set-up callback, which may replace them.
   int rc = 0;
-  if (!d->userDataApplied || d->appliedUserData != userData) {
-    d->userDataApplied = false;
-    rc |= curl_easy_setopt(h, CURLOPT_PROGRESSDATA, userData);
-    rc |= curl_easy_setopt(h, CURLOPT_WRITEDATA, userData);
-    rc |= curl_easy_setopt(h, CURLOPT_READDATA, userData);
-    d->appliedUserData = userData;
-    d->userDataApplied = rc == 0;
+  rc |= curl_easy_setopt(h, CURLOPT_XFERINFODATA, userData);
+  rc |= curl_easy_setopt(h, CURLOPT_WRITEDATA, userData);
+  rc |= curl_easy_setopt(h, CURLOPT_READDATA, userData);
+  if (rc != 0)
+    return failWithReset("Error while setting connection parameters");
+
+  std::list<std::string> extraHeaders;
+  int setupResult = 0;
+  try {
+    setupResult = setup ? setup(h, userData, extraHeaders) : 0;
+  } catch (const std::exception& e) {
+    return failWithReset(std::string("Set-up callback failed: ") + e.what());
+  } catch (...) {
+    return failWithReset("Set-up callback failed");
   }
+  if (setupResult != 0)
+    return failWithReset("User callback return and error");
+
+  for (const std::list<std::string>* lines : {&d->commonHeaders, &extraHeaders})
+    for (const std::string& line : *lines)
+      if (line.find_first_of("\r\n") != std::string::npos) {
+        // Nothing was sent; the callback's options are set again by the next call.
+        d->forgetHandleState();
+        d->internalErrorMsg = "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(line);
+        return false;
+      }
 
   // The header list is rebuilt only when its lines change.
   const size_t lineCount = d->commonHeaders.size() + extraHeaders.size() + 1;
-  bool sameLines = d->headersApplied && d->headerLines.size() == lineCount;
+  std::vector<std::string>& known = d->state.headerLines;
+  bool sameLines = d->state.headersValid && known.size() == lineCount;
   if (sameLines) {
-    auto known = d->headerLines.begin();
+    auto k = known.begin();
     for (const std::string& line : d->commonHeaders)
-      sameLines = sameLines && *known++ == line;
+      sameLines = sameLines && *k++ == line;
     for (const std::string& line : extraHeaders)
-      sameLines = sameLines && *known++ == line;
-    sameLines = sameLines && *known == kKeepAliveLine;
+      sameLines = sameLines && *k++ == line;
+    sameLines = sameLines && *k == kKeepAliveLine;
   }
   if (!sameLines) {
-    d->headersApplied = false;
-    d->headerLines.clear();
-    d->headerLines.insert(d->headerLines.end(), d->commonHeaders.begin(), d->commonHeaders.end());
-    d->headerLines.insert(d->headerLines.end(), extraHeaders.begin(), extraHeaders.end());
-    d->headerLines.emplace_back(kKeepAliveLine);
+    d->state.headersValid = false;
+    known.clear();
+    known.insert(known.end(), d->commonHeaders.begin(), d->commonHeaders.end());
+    known.insert(known.end(), extraHeaders.begin(), extraHeaders.end());
+    known.emplace_back(kKeepAliveLine);
     curl_slist* list = nullptr;
-    for (const std::string& line : d->headerLines)
+    for (const std::string& line : known)
       if (curl_slist* next = curl_slist_append(list, line.c_str()))
         list = next;
     const CURLcode set = curl_easy_setopt(h, CURLOPT_HTTPHEADER, list);
     d->headerList.reset(list); // after the handle lets go of the old list
-    rc |= set;
-    d->headersApplied = set == CURLE_OK;
+    if (set != CURLE_OK)
+      return failWithReset("Error while setting connection parameters");
+    d->state.headersValid = true;
   }
-  if (rc != 0)
-    return failWithReset("Error while setting connection parameters");
 
-  if (encodedUrl != d->appliedUrl) {
-    d->appliedUrl.clear();
+  if (encodedUrl != d->state.url) {
+    d->state.url.clear();
     if (curl_easy_setopt(h, CURLOPT_URL, encodedUrl.c_str()) != CURLE_OK)
       return failWithReset("Error while setting url");
-    d->appliedUrl = encodedUrl;
+    d->state.url = encodedUrl;
   }
 
   const int64_t start = qzSystemUtils::GetTimeBaseMs();
   d->inTransfer = true;
-  d->lastCurlCode = curl_easy_perform(h);
+  try {
+    d->lastCurlCode = curl_easy_perform(h);
+  } catch (...) {
+    // Only a caller's own libcurl callback can get here; the handle is in no state to reuse.
+    d->inTransfer = false;
+    return failWithReset("A transfer callback threw an exception");
+  }
   d->inTransfer = false;
 
-  if (!d->lastDebugInformations.empty() && d->parameters.verbose == 2)
-    qzLogObject(qzLog::Debug, "curl") << "Curl debug output \n" << d->lastDebugInformations;
+  if (!d->lastDebugInformations.empty() && d->parameters.verbose == 2) {
+    // One log line per line of output: the logger keeps each line on one line.
+    qzLogObject(qzLog::Debug, "curl") << "Curl debug output";
+    std::string_view rest = d->lastDebugInformations;
+    while (!rest.empty()) {
+      const size_t eol = rest.find('\n');
+      std::string_view line = rest.substr(0, eol);
+      rest = eol == std::string_view::npos ? std::string_view() : rest.substr(eol + 1);
+      if (!line.empty() && line.back() == '\r')
+        line.remove_suffix(1);
+      if (!line.empty())
+        qzLogObject(qzLog::Debug, "curl") << line;
+    }
+  }
 
   long httpCode = 0;
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &httpCode);
@@ -227,10 +299,14 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     if (hostIsName && (own == HNRP_PreferIpv6 || own == HNRP_PreferIpv4) &&
         (c == CURLE_COULDNT_RESOLVE_HOST || c == CURLE_PEER_FAILED_VERIFICATION || c == CURLE_SSL_CERTPROBLEM))
       retry = true;
-    d->internalErrorMsg = "Curl easy perform error after " +
-                          qzStringUtils::humanizeDuration(qzSystemUtils::GetTimeBaseMs() - start, 1, true) + ", " +
-                          d->lastUrl.toDisplayableUrl();
-    return failWithReset(nullptr);
+    const int64_t elapsed = qzSystemUtils::GetTimeBaseMs() - start;
+    const ResolvedParameters& applied = d->state.parameters;
+    std::string what = "Curl easy perform error after " + qzStringUtils::humanizeDuration(elapsed, 1, true);
+    if (c == CURLE_OPERATION_TIMEDOUT && applied.totalTimeoutMs > 0 && elapsed >= applied.totalTimeoutMs)
+      what = "Total time-out of " + std::to_string(applied.totalTimeoutMs) + " ms reached";
+    else if (c == CURLE_FILESIZE_EXCEEDED)
+      what = BodyLimitMessage(applied.maxBodyBytes);
+    return failWithReset(what + ", " + d->lastUrl.toDisplayableUrl());
   }
 
   char* type = nullptr;
@@ -266,6 +342,10 @@ std::string HttpConnection::getLastErrorMsg() const {
   if (d->errorBuffer[0] != 0)
     out += std::string("Curl internal error : ") + d->errorBuffer;
   return out;
+}
+
+void HttpConnection::addErrorDetail(const std::string& reason) {
+  d->internalErrorMsg = d->internalErrorMsg.empty() ? reason : reason + ", " + d->internalErrorMsg;
 }
 
 std::string HttpConnection::getLastReceivedType() const { return d->lastReceivedType; }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <list>
+#include <memory>
 #include <string>
 
 namespace qz::http {
@@ -64,8 +65,19 @@ public:
   // Returns true on success; otherwise getLastErrorMsg() says why.
   bool getHttpData(const qz::Url& url, const std::string& expectedContentType, long expectedHttpCode,
                    SetupCallback setup, void* userData);
+  // The same for a set-up callback that installs different options from one call to the next:
+  // `shape` names the set it installs (method, body source, header capture). Whenever the
+  // callback or the shape differs from the last call's, the handle is reset to libcurl's
+  // defaults and set up again, so nothing an earlier request installed outlives it. The call
+  // above uses shape 0. Only http and https URLs are requested; a header line holding CR or LF
+  // fails the call before anything is sent.
+  bool getHttpData(const qz::Url& url, const std::string& expectedContentType, long expectedHttpCode,
+                   SetupCallback setup, void* userData, unsigned long shape);
 
   std::string getLastErrorMsg() const;
+  // Puts the reason a caller's transfer callback stopped the last call in front of its error
+  // message (libcurl itself only says that a callback aborted).
+  void addErrorDetail(const std::string& reason);
   std::string getLastReceivedType() const;
   const qz::Url& getLastUrl() const;
   const std::string& getLastDebugInformations() const;
@@ -92,11 +104,11 @@ public:
   class HttpConnectionPrivate;
 
 private:
-  friend struct HttpConnectionAccess; // the library's own helpers
+  bool prepareHandle(const qz::Url& url, SetupCallback setup, unsigned long shape);
   bool getHttpDataImpl(const std::string& encodedUrl, const std::string& expectedContentType, long expectedHttpCode,
                        bool hostIsName, bool& retry, SetupCallback setup, void* userData);
 
-  HttpConnectionPrivate* d;
+  std::unique_ptr<HttpConnectionPrivate> d;
   bool m_countConnections;
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Internal state of HttpConnection and the resolution of ConnectionParameters to libcurl
-// option values.
+// Internal state of HttpConnection, the resolution of ConnectionParameters to libcurl option
+// values, and the request-body reader shared by the library's set-up callbacks.
 
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/http/HttpConnection.h>
@@ -9,76 +9,73 @@
 
 #include <curl/curl.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace qz::http {
 
-// One libcurl option and the value the parameters give it.
-struct CurlOptionValue {
-  enum Kind { Long, OffT, Text, Null };
-  CURLoption option;
-  Kind kind;
-  long long number = 0;
-  std::string text;
+// Every value applyParameters gives the handle, after the process-wide defaults, the policies
+// and the proxy choice are applied. Equal records set equal options.
+struct ResolvedParameters {
+  long followLocation = 1;
+  long maxRedirects = 0;
+  long connectTimeoutSec = 0;
+  long long maxRecvSpeed = 0;
+  long long maxSendSpeed = 0;
+  bool keepCookies = true;
+  long lowSpeedLimit = 0;
+  long lowSpeedTime = 0;
+  long tcpKeepAlive = 0; // 0: off
+  long verbose = 0;
+  long ipResolve = CURL_IPRESOLVE_WHATEVER;
+  bool verifyPeer = true;
+  // The target is the exempt loopback host: its certificate is not checked, but that of any
+  // other host a redirect reaches is.
+  bool loopbackExempt = false;
+  bool proxyNull = false; // leave the proxy to libcurl (its environment variables)
+  std::string proxy;      // "" = no proxy at all
+  std::string caFile;     // "" = libcurl's default bundle
+  long long maxBodyBytes = 0;
+  long totalTimeoutMs = 0;
 
-  bool operator==(const CurlOptionValue& o) const {
-    return option == o.option && kind == o.kind && number == o.number && (kind != Text || text == o.text);
-  }
+  bool operator==(const ResolvedParameters&) const = default;
 };
 
-// The options applyParameters sets, in the order it sets them, into `out` (its capacity is
-// reused). Logs the invalid manual proxy line when that case arises.
+// Fills `out` (its strings' buffers are reused). Logs the invalid manual proxy line when that
+// case arises.
 HTTPTOOLS_API void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
-                                               HttpProxyFinder& proxyFinder, std::vector<CurlOptionValue>& out);
-HTTPTOOLS_API std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p,
-                                                                       const qz::Url& target,
-                                                                       HttpProxyFinder& proxyFinder);
-// Sets `options` on the handle, skipping each one equal to the entry at the same place in
-// `current` (what the handle already holds; null sets them all). Returns the OR of the
-// setopt results.
-HTTPTOOLS_API int ApplyCurlOptions(CURL* handle, const std::vector<CurlOptionValue>& options,
-                                   const std::vector<CurlOptionValue>* current);
-// Everything ResolveConnectionParameters reads, after the process-wide defaults are applied.
-// Equal keys give equal options, so a connection compares keys instead of resolving again.
-// Not `cacheable` when a proxy must be looked up or read from the manual proxy URL.
-struct ResolvedParametersKey {
-  int connectTimeoutSec, maxSendSpeed, maxRecvSpeed, lowSpeedLimit, lowSpeedTime, tcpKeepAlive, maxRedirects, verbose;
-  long ipResolve;
-  long totalTimeoutMs;
-  std::string caFile;
-  bool followLocation, keepCookies, verifyPeer, cacheable;
-  bool operator==(const ResolvedParametersKey& o) const {
-    return connectTimeoutSec == o.connectTimeoutSec && maxSendSpeed == o.maxSendSpeed &&
-           maxRecvSpeed == o.maxRecvSpeed && lowSpeedLimit == o.lowSpeedLimit && lowSpeedTime == o.lowSpeedTime &&
-           tcpKeepAlive == o.tcpKeepAlive && maxRedirects == o.maxRedirects && verbose == o.verbose &&
-           ipResolve == o.ipResolve && totalTimeoutMs == o.totalTimeoutMs && caFile == o.caFile &&
-           followLocation == o.followLocation && keepCookies == o.keepCookies && verifyPeer == o.verifyPeer &&
-           cacheable == o.cacheable;
-  }
-};
-HTTPTOOLS_API ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters& p,
-                                                    const qz::Url& target);
+                                               HttpProxyFinder& proxyFinder, ResolvedParameters& out);
+// Sets every option of `r` on the handle; returns the OR of the setopt results.
+HTTPTOOLS_API int ApplyResolvedParameters(CURL* handle, const ResolvedParameters& r);
 
-// True for the set-up callbacks of this library, which set only request options (method, body,
-// callbacks). Any other callback may change any option, so after it runs the connection sets
-// everything again on the next request.
-HTTPTOOLS_API bool IsLibrarySetupCallback(HttpConnection::SetupCallback setup);
-
-// The libcurl values of the three policies, after the process-wide defaults are applied.
-HTTPTOOLS_API bool ResolveVerifyPeer(SSLValidatePolicy policy, const qz::Url& target);
+// The libcurl values of two policies, after the process-wide defaults are applied.
+HTTPTOOLS_API bool ResolveVerifyPeer(SSLValidatePolicy policy);
 HTTPTOOLS_API long ResolveIpResolve(HostNameResolutionPolicy policy);
+
+// Text of a failed body-size limit, shared by every writer that enforces maxBodyBytes.
+HTTPTOOLS_API std::string BodyLimitMessage(long long maxBodyBytes);
+
+// A request body sent from memory. install() makes it the handle's read and seek source; the
+// same reader serves every set-up callback of the library, so a rewind always reaches the body
+// of the current request.
+struct BodyReader {
+  const char* data = nullptr;
+  size_t size = 0;
+  size_t offset = 0;
+  const bool* cancel = nullptr;
+
+  int install(CURL* handle);
+  static size_t Read(char* buffer, size_t size, size_t count, void* reader);
+  static int Seek(void* reader, curl_off_t offset, int origin);
+};
 
 struct CurlEasyDeleter {
   void operator()(CURL* h) const { curl_easy_cleanup(h); }
 };
 struct CurlSlistDeleter {
   void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
-
-struct HttpConnectionAccess {
-  static HttpConnection::HttpConnectionPrivate* of(HttpConnection& c) { return c.d; }
 };
 
 class HttpConnection::HttpConnectionPrivate {
@@ -90,42 +87,33 @@ public:
   // may still point at it until the handle is cleaned up.
   std::unique_ptr<curl_slist, CurlSlistDeleter> headerList;
   std::unique_ptr<CURL, CurlEasyDeleter> easy;
-  // What the handle holds, so that a request sets only what changed: the parameter options,
-  // the header lines behind headerList, the URL. Forgotten with the handle and after a foreign
-  // set-up callback. `resolvedOptions` is scratch space kept for its capacity.
-  std::vector<CurlOptionValue> appliedOptions;
-  std::vector<CurlOptionValue> resolvedOptions;
-  ResolvedParametersKey appliedKey{};
-  bool appliedKeyValid = false;
-  std::vector<std::string> headerLines;
-  std::string appliedUrl;
-  void* appliedUserData = nullptr;
-  bool headersApplied = false;
-  bool userDataApplied = false;
-  // What the helpers' set-up callback last put on the handle, in its own terms; it sets the
-  // request options again only when this changes.
-  struct RequestSetup {
-    const void* context = nullptr;
-    int32_t method = 0;
-    unsigned long bodySize = 0;
-    bool hasBody = false;
-    bool headerCapture = false;
-    bool operator==(const RequestSetup& o) const {
-      return context == o.context && method == o.method && bodySize == o.bodySize && hasBody == o.hasBody &&
-             headerCapture == o.headerCapture;
-    }
-  };
-  RequestSetup requestSetup;
-  bool requestSetupKnown = false;
 
-  void forgetAppliedOptions() {
-    appliedOptions.clear();
-    appliedKeyValid = false;
-    headersApplied = false;
-    appliedUrl.clear();
-    userDataApplied = false;
-    requestSetupKnown = false;
+  // What the handle holds. The set-up callback and the request shape decide which request
+  // options are on it: when either changes the handle is reset and everything is applied
+  // again; otherwise only the header list and the URL are compared and set when they differ.
+  struct HandleState {
+    struct Setup {
+      SetupCallback callback = nullptr;
+      unsigned long shape = 0;
+      bool operator==(const Setup&) const = default;
+    };
+    bool valid = false; // false: nothing known, the handle is fresh or must be reset
+    Setup setup;
+    ResolvedParameters parameters;
+    std::vector<std::string> headerLines;
+    bool headersValid = false;
+    std::string url;
+  };
+  HandleState state;
+  ResolvedParameters resolving; // scratch, kept for its buffers
+
+  // The one place that forgets what the handle holds.
+  void forgetHandleState() {
+    state.valid = false;
+    state.headersValid = false;
+    state.url.clear();
   }
+
   char errorBuffer[CURL_ERROR_SIZE] = {};
   qz::Url lastUrl;
   std::string lastEncodedUrl; // lastUrl.toEncodedUrl() when lastEncodedUrlValid

@@ -10,7 +10,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <cxxabi.h>
+#include <memory>
+#include <typeinfo>
 
 namespace qz::http::HttpHelpers {
 
@@ -22,74 +26,92 @@ enum Method : int32_t { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDele
 struct RequestContext {
   std::map<std::string, std::string>* headersMap = nullptr;
   const std::list<std::string>* extraHeaders = nullptr;
-  const char* body = nullptr;
-  unsigned long bodySize = 0;
-  unsigned long readOffset = 0;
+  BodyReader body;
   uint64_t receivedBytes = 0;
   std::string* bodyTarget = nullptr;
   qz::qzIoDevice* outputDevice = nullptr;
   int32_t method = 0;
   bool jsonBody = false;
   const bool* cancel = nullptr;
-  HttpConnection::HttpConnectionPrivate* connection = nullptr; // its memo of the handle's request options
+  uint64_t maxBodyBytes = 0; // 0: no limit
+  std::string failure;       // why a callback stopped the transfer
 
   bool cancelled() const { return cancel && *cancel; }
+  // The set of options setupCallback installs: the connection resets its handle when it changes.
+  unsigned long shape() const {
+    return unsigned(method) | (body.data ? 0x10u : 0u) | (body.size ? 0x20u : 0u) | (headersMap ? 0x40u : 0u);
+  }
 };
 
 const char* const kJsonContentType = "Content-Type:application/json";
 const char* const kOctetContentType = "Content-Type:application/octet-stream";
 
+std::string deviceName(const qz::qzIoDevice& device) {
+  const char* mangled = typeid(device).name();
+  int status = 0;
+  std::unique_ptr<char, decltype(&std::free)> readable(abi::__cxa_demangle(mangled, nullptr, nullptr, &status),
+                                                       &std::free);
+  return status == 0 && readable ? readable.get() : mangled;
+}
+
+void failWithException(RequestContext* c, const char* where) {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    c->failure = std::string("Exception while ") + where + ": " + e.what();
+  } catch (...) {
+    c->failure = std::string("Exception while ") + where;
+  }
+}
+
+// Any count other than n aborts the transfer; libcurl's own frames never see an exception.
 size_t writeCallback(char* data, size_t size, size_t count, void* userData) {
   const size_t n = size * count;
   auto* c = static_cast<RequestContext*>(userData);
-  if (!c)
-    return n;
-  c->receivedBytes += n;
-  if (c->bodyTarget)
-    c->bodyTarget->append(data, n);
-  if (c->outputDevice)
-    c->outputDevice->write(data, n);
+  try {
+    c->receivedBytes += n;
+    if (c->maxBodyBytes && c->receivedBytes > c->maxBodyBytes) {
+      c->failure = BodyLimitMessage(static_cast<long long>(c->maxBodyBytes));
+      return 0;
+    }
+    if (c->bodyTarget)
+      c->bodyTarget->append(data, n);
+    if (c->outputDevice) {
+      c->outputDevice->write(data, static_cast<unsigned long>(n));
+      if (c->outputDevice->hasError()) {
+        c->failure = "Output device " + deviceName(*c->outputDevice) + " failed after " +
+                     std::to_string(c->receivedBytes) + " bytes";
+        return 0;
+      }
+    }
+  } catch (...) {
+    failWithException(c, "receiving the body");
+    return 0;
+  }
   return c->cancelled() ? 0 : n;
 }
 
-size_t readCallback(char* buffer, size_t size, size_t count, void* userData) {
-  auto* c = static_cast<RequestContext*>(userData);
-  if (!c)
-    return 0;
-  const size_t remaining = c->bodySize - std::min<size_t>(c->readOffset, c->bodySize);
-  const size_t n = std::min(size * count, remaining);
-  if (n)
-    std::memcpy(buffer, c->body + c->readOffset, n);
-  c->readOffset += static_cast<unsigned long>(n);
-  return c->cancelled() ? CURL_READFUNC_ABORT : n;
-}
-
-// libcurl asks to rewind the body when it must send it again (redirect, authentication).
-int seekCallback(void* userData, curl_off_t offset, int origin) {
-  auto* c = static_cast<RequestContext*>(userData);
-  if (!c || offset != 0 || origin != SEEK_SET)
-    return CURL_SEEKFUNC_CANTSEEK;
-  c->readOffset = 0;
-  return CURL_SEEKFUNC_OK;
-}
-
 int progressCallback(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  auto* c = static_cast<RequestContext*>(userData);
-  return c && c->cancelled() ? 1 : 0;
+  return static_cast<RequestContext*>(userData)->cancelled() ? 1 : 0;
 }
 
 size_t headerCallback(char* line, size_t size, size_t count, void* userData) {
   const size_t n = size * count;
   auto* c = static_cast<RequestContext*>(userData);
-  if (!c || !c->headersMap)
-    return n;
-  std::string name, value;
-  HttpMultiConnection::ParseHttpHeader(line, static_cast<unsigned long>(n), name, value);
-  if (!name.empty())
-    c->headersMap->emplace(std::move(name), std::move(value)); // keeps the first occurrence
+  try {
+    std::string name, value;
+    HttpMultiConnection::ParseHttpHeader(line, static_cast<unsigned long>(n), name, value);
+    if (!name.empty())
+      c->headersMap->emplace(std::move(name), std::move(value)); // keeps the first occurrence
+  } catch (...) {
+    failWithException(c, "reading the response headers");
+    return 0;
+  }
   return n;
 }
 
+// Installs the options of the context's shape on a handle that holds nothing else of an
+// earlier request (the connection resets it when the shape changes).
 int setupCallback(void* curl, void* userData, std::list<std::string>& extraHeaders) {
   CURL* h = static_cast<CURL*>(curl);
   auto* c = static_cast<RequestContext*>(userData);
@@ -105,60 +127,33 @@ int setupCallback(void* curl, void* userData, std::list<std::string>& extraHeade
   else if (!callerContentType)
     extraHeaders.push_back(kOctetContentType);
 
-  // The request options below depend only on this; when the handle already holds them (same
-  // context, method and body size, nobody else's callback since) they are not set again.
-  HttpConnection::HttpConnectionPrivate::RequestSetup wanted;
-  wanted.context = c;
-  wanted.method = c->method;
-  wanted.bodySize = c->bodySize;
-  wanted.hasBody = c->body != nullptr;
-  wanted.headerCapture = c->headersMap != nullptr;
-  if (c->connection && c->connection->requestSetupKnown && c->connection->requestSetup == wanted)
-    return 0;
-  if (c->connection)
-    c->connection->requestSetupKnown = false;
-
   int rc = 0;
   rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, writeCallback);
   rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progressCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_PROGRESSDATA, c);
-
-  // Undo what an earlier call on this handle may have left.
-  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L);
-  rc |= curl_easy_setopt(h, CURLOPT_NOBODY, 0L);
-  rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_POST, 0L);
-  rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 0L);
-  rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, static_cast<curl_read_callback>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, 0L);
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, static_cast<curl_write_callback>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_SEEKDATA, c);
-  rc |= curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, seekCallback);
-
+  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L); // cancellation works through the data callbacks
   if (c->headersMap) {
     rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
     rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, headerCallback);
   }
-
+  const curl_off_t size = curl_off_t(c->body.size);
   switch (c->method) {
   case MethodGet:
-    if (c->body && c->bodySize > 0) {
+    if (c->body.data && c->body.size > 0) {
       rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
-      rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, readCallback);
-      rc |= curl_easy_setopt(h, CURLOPT_INFILESIZE, long(c->bodySize));
+      rc |= c->body.install(h);
+      rc |= curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, size);
       rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "GET");
     }
     break;
   case MethodPut:
     rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
-    rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, readCallback);
-    rc |= curl_easy_setopt(h, CURLOPT_INFILESIZE, long(c->bodySize));
+    rc |= c->body.install(h);
+    rc |= curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, size);
     break;
   case MethodPost:
     rc |= curl_easy_setopt(h, CURLOPT_POST, 1L);
-    rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, readCallback);
-    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, long(c->bodySize));
+    rc |= c->body.install(h);
+    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, size);
     break;
   case MethodDelete:
     rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "DELETE");
@@ -169,10 +164,6 @@ int setupCallback(void* curl, void* userData, std::list<std::string>& extraHeade
     break;
   default:
     return 2;
-  }
-  if (rc == 0 && c->connection) {
-    c->connection->requestSetup = wanted;
-    c->connection->requestSetupKnown = true;
   }
   return rc;
 }
@@ -192,16 +183,6 @@ bool run(HttpConnection& conn, const qz::Url& url, HttpResult* result, const Con
 }
 
 } // namespace
-
-} // namespace qz::http::HttpHelpers
-
-namespace qz::http {
-
-bool IsLibrarySetupCallback(HttpConnection::SetupCallback setup) { return setup == HttpHelpers::setupCallback; }
-
-} // namespace qz::http
-
-namespace qz::http::HttpHelpers {
 
 void HttpResult::clearResultAttributes() {
   if (body)
@@ -229,8 +210,11 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
   ctx->outputDevice = result.outputDevice;
   ctx->extraHeaders = headers;
   ctx->cancel = cancel;
+  ctx->body.cancel = cancel;
+  ctx->body.offset = 0;
   ctx->receivedBytes = 0;
-  ctx->connection = HttpConnectionAccess::of(conn);
+  ctx->failure.clear();
+  ctx->maxBodyBytes = (params ? *params : conn.getConnectionParameters()).maxBodyBytes;
 
   // The call may change the connection's parameters (explicit ones, the resolution fallback):
   // none of that outlives it. Without explicit parameters the fallback's policy is the only
@@ -239,14 +223,16 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
   if (params) {
     const ConnectionParameters kept = conn.getConnectionParameters();
     conn.setConnectionParameters(*params);
-    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx);
+    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx, ctx->shape());
     conn.setConnectionParameters(kept);
   } else {
     const HostNameResolutionPolicy keptPolicy = conn.getConnectionParameters().hostNameResolutionPolicy;
-    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx);
+    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx, ctx->shape());
     conn.editConnectionParameters().hostNameResolutionPolicy = keptPolicy;
   }
 
+  if (!ok && !ctx->failure.empty())
+    conn.addErrorDetail(ctx->failure);
   result.setResults(conn);
   result.receivedBytes = ctx->receivedBytes;
   return ok;
@@ -278,8 +264,8 @@ bool HttpGetJson(HttpConnection& conn, const qz::Url& url, std::string& out, Htt
                  const char* body, unsigned long bodySize, bool bodyIsJson) {
   RequestContext ctx;
   ctx.method = MethodGet;
-  ctx.body = body;
-  ctx.bodySize = body ? bodySize : 0;
+  ctx.body.data = body;
+  ctx.body.size = body ? bodySize : 0;
   ctx.jsonBody = bodyIsJson;
   HttpResult own;
   HttpResult& r = result ? *result : own;
@@ -309,8 +295,8 @@ bool HttpPut(HttpConnection& conn, const qz::Url& url, const std::string& body, 
              const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPut;
-  ctx.body = body.data();
-  ctx.bodySize = static_cast<unsigned long>(body.size());
+  ctx.body.data = body.data();
+  ctx.body.size = static_cast<unsigned long>(body.size());
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http PUT error ");
 }
 
@@ -319,8 +305,8 @@ bool HttpPutJson(HttpConnection& conn, const qz::Url& url, const char* json, uns
                  const std::list<std::string>* headers, const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPut;
-  ctx.body = json;
-  ctx.bodySize = json ? size : 0;
+  ctx.body.data = json;
+  ctx.body.size = json ? size : 0;
   ctx.jsonBody = true;
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http PUT error ");
 }
@@ -342,8 +328,8 @@ bool HttpPost(const char* data, unsigned long size, HttpConnection& conn, const 
               const std::list<std::string>* headers, const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPost;
-  ctx.body = data;
-  ctx.bodySize = data ? size : 0;
+  ctx.body.data = data;
+  ctx.body.size = data ? size : 0;
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http POST error ");
 }
 
@@ -359,8 +345,8 @@ bool HttpPostJson(HttpConnection& conn, const qz::Url& url, const char* json, un
                   const std::list<std::string>* headers, const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPost;
-  ctx.body = json;
-  ctx.bodySize = json ? size : 0;
+  ctx.body.data = json;
+  ctx.body.size = json ? size : 0;
   ctx.jsonBody = true;
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http POST error ");
 }

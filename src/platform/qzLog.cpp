@@ -1,5 +1,6 @@
 #include <HttpTools/platform/qzLog.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -49,13 +50,49 @@ bool qzLog::IsCategoryEnabled(const std::string& category) {
   return s.enabled.count(category) != 0;
 }
 
+std::string qzLog::EscapeControls(std::string_view text) {
+  static const char hex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c >= 0x20 && c != 0x7f) {
+      out += ch;
+      continue;
+    }
+    out += '\\';
+    if (c == '\r')
+      out += 'r';
+    else if (c == '\n')
+      out += 'n';
+    else if (c == '\t')
+      out += 't';
+    else
+      out.append({'x', hex[c >> 4], hex[c & 15]});
+  }
+  return out;
+}
+
 void qzLog::Write(int logType, const std::string& category, const std::string& text) {
+  const auto unsafe = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+  const bool clean = text.size() <= kMaxLineLength && std::none_of(text.begin(), text.end(), unsafe) &&
+                     std::none_of(category.begin(), category.end(), unsafe);
+  std::string line, cat;
+  if (!clean) {
+    const std::string_view kept(text.data(), std::min(text.size(), kMaxLineLength));
+    line = EscapeControls(kept);
+    if (line.size() > kMaxLineLength)
+      line.resize(kMaxLineLength);
+    if (text.size() > kMaxLineLength)
+      line += " [" + std::to_string(text.size() - kMaxLineLength) + " bytes cut]";
+    cat = EscapeControls(category);
+  }
   auto& s = state();
   std::shared_lock lock(s.mutex);
   if (s.sink)
-    s.sink(logType, category, text);
+    s.sink(logType, clean ? category : cat, clean ? text : line);
   else
-    defaultSink(logType, category, text);
+    defaultSink(logType, clean ? category : cat, clean ? text : line);
 }
 
 const char* qzLog::TypeName(int logType) {

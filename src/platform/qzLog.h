@@ -5,6 +5,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 namespace qz {
 
@@ -19,7 +20,12 @@ public:
   static void SetSink(Sink sink);
   static void SetCategoryEnabled(const std::string& category, bool enabled);
   static bool IsCategoryEnabled(const std::string& category);
+  // The sink always gets one line: control characters are escaped (EscapeControls) and the
+  // text is cut at kMaxLineLength bytes, so no logged value can forge or flood lines.
   static void Write(int logType, const std::string& category, const std::string& text);
+  static constexpr size_t kMaxLineLength = 8192;
+  // CR, LF, TAB as \r \n \t, other bytes below 0x20 and DEL as \xHH; the rest as is.
+  static std::string EscapeControls(std::string_view text);
   static const char* TypeName(int logType);
 };
 

@@ -204,24 +204,3 @@ TEST(ViewResultStreamParser, CurlCallbacksAbortOnCancel) {
   EXPECT_EQ(ViewResultStreamParser::WriteFunction(chunk.data() + 10, 1, 5, &parser), 6u);
   EXPECT_EQ(ViewResultStreamParser::TransferInfoFunction(&parser, 0, 0, 0, 0), 1);
 }
-
-TEST(ViewResultStreamParser, ReadFunctionSendsTheBodyInPieces) {
-  const std::string body = R"({"keys":["a","b","c"]})";
-  bool cancel = false;
-  ViewResultStreamParser parser(nullptr, nullptr, &cancel);
-  char out[8];
-  const auto read = [&](size_t size, size_t n) { return ViewResultStreamParser::ReadFunction(out, size, n, &parser); };
-  EXPECT_EQ(read(1, sizeof out), size_t(CURL_READFUNC_ABORT)); // no body set
-  parser.setRequestBody(&body);
-  std::string sent;
-  for (size_t n; (n = read(1, sizeof out)) != 0; sent.append(out, n))
-    ASSERT_LE(n, sizeof out);
-  EXPECT_EQ(sent, body);
-
-  parser.setRequestBody(&body);
-  EXPECT_EQ(read(2, 2), 4u);
-  cancel = true;
-  EXPECT_EQ(read(2, 2), size_t(CURL_READFUNC_ABORT));
-  parser.setRequestBody(&body);
-  EXPECT_EQ(read(1, 0), size_t(CURL_READFUNC_ABORT));
-}

@@ -123,6 +123,7 @@ bool NginxFixture::start() {
        << "    location = /put { return 200 \"stored\\n\"; }\n"
        << "    location = /created { return 201 \"created\\n\"; }\n"
        << "    location = /missing { return 404; }\n"
+       << "    location = /to-localhost { return 302 https://localhost:$server_port/small; }\n"
        << "    location /files/ { alias " << p << "/files/; }\n"
        << "    location = /nginx_status { stub_status; }\n"
        << "  }\n}\n";

@@ -12,6 +12,7 @@
 //   /put         200 "stored\n" for any method (the request body is read and dropped)
 //   /created     201 "created\n" for any method
 //   /missing     404
+//   /to-localhost  302 to https://localhost:<same port>/small
 //   /files/...   static files from filesDir() (write them before requesting)
 //   /nginx_status  stub_status; connectionCount() reads its "accepts" counter
 
