@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 #include <functional>
 
@@ -133,6 +134,9 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
       {"/stall?ms=3000", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "", nullptr, collectWithTimeout},
       {"/slow?blocks=20&size=1&delay=300", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "",
        [](Params& p) { p.lowSpeedTime = 1; }},
+      {"/stall?ms=3000", false,
+       AllOf(StartsWith("HttpConnection error : Total time-out of 300 ms reached, "), HasSubstr("Curl error : 28 (")),
+       true, 200, "", [](Params& p) { p.totalTimeoutMs = 300; }},
       {"/echo", false, Eq("HttpConnection error : Fail to setupconnection "), true, 200, "", hugeProxy},
       // Bad input fails with a clear message and no crash.
       {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", false, curlError(CURLE_COULDNT_CONNECT),
@@ -164,6 +168,61 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
   EXPECT_EQ(c.getLastErrorMsg(), "Http return code 200 ");
   ASSERT_TRUE(get(c, "/echo"));
   EXPECT_EQ(srv.connectionCount(), before + 1);
+}
+
+// Other schemes fail before any I/O: no file is written, no connection is made.
+TEST_F(Connection, OnlyHttpAndHttpsAreRequested) {
+  const std::string file = HTTPTOOLS_BINARY_DIR "/scheme_probe.txt";
+  std::remove(file.c_str());
+  const std::string port = std::to_string(srv.port());
+  HttpConnection c;
+  for (const std::string& url :
+       {"file://" + file, "dict://127.0.0.1:" + port + "/d", "ftp://127.0.0.1:" + port + "/"}) {
+    std::string err;
+    HttpHelpers::HttpResult r;
+    r.errorMessage = &err;
+    EXPECT_FALSE(HttpHelpers::HttpPut(c, qz::Url(url), "written", 0, &r)) << url;
+    EXPECT_THAT(err, StartsWith("HttpConnection error : Unsupported scheme '")) << url;
+  }
+  EXPECT_FALSE(std::ifstream(file).good());
+  EXPECT_EQ(srv.connectionCount(), 0u);
+}
+
+// CR or LF in a header line, common or per call, fails the call before anything is sent.
+TEST_F(Connection, HeaderLinesWithCrOrLfAreRefused) {
+  HttpConnection c;
+  const std::string refused = "HttpConnection error : Header line with CR or LF refused, nothing sent: ";
+  c.addCommonHeader("X-A: 1\r\nX-Injected: yes");
+  EXPECT_FALSE(get(c, "/echo"));
+  EXPECT_EQ(c.getLastErrorMsg(), refused + "X-A: 1\\r\\nX-Injected: yes ");
+  c.setCommonHeaders({"X-A: 1"});
+  const std::list<std::string> split{"X-B: 2\nGET /other HTTP/1.1"};
+  EXPECT_FALSE(HttpHelpers::HttpGet(c, qz::Url(srv.url("/echo")), nullptr, nullptr, &split));
+  EXPECT_EQ(srv.requestCount(), 0u);
+  ASSERT_TRUE(get(c, "/echo"));
+  EXPECT_EQ(srv.requestCount(), 1u);
+  EXPECT_EQ(srv.lastRequest().headerCount("X-Injected"), 0u);
+}
+
+// The cookie engine keeps what the server sets for the connection's next requests, across
+// requests of other shapes.
+TEST_F(Connection, CookieSetByServerIsSentBack) {
+  qztest::TestHttpServer own;
+  own.installStandardRoutes();
+  own.route("GET", "/login", [](const httplib::Request&, httplib::Response& res) {
+    res.set_header("Set-Cookie", "session=abc; Path=/");
+    res.set_content("in", "text/plain");
+  });
+  ASSERT_TRUE(own.start()) << own.lastError();
+  HttpConnection c;
+  ASSERT_TRUE(get(c, own.url("/login")));
+  ASSERT_TRUE(HttpHelpers::HttpPut(c, qz::Url(own.url("/echo")), "x", 200));
+  EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
+  ASSERT_TRUE(get(c, own.url("/echo")));
+  EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
+  HttpConnection other; // cookies belong to their connection
+  ASSERT_TRUE(get(other, own.url("/echo")));
+  EXPECT_EQ(own.lastRequest().header("Cookie"), "");
 }
 
 TEST_F(Connection, ReuseForAnotherHostPortLogsAndGoesOn) {
@@ -331,6 +390,27 @@ TEST_F(Tls, VerificationFailsOnSelfSignedUnlessDisabledOrLoopbackText) {
   HttpConnection loop; // verification on by default, exempt by the exact loopback text
   EXPECT_TRUE(get(loop, nginx.httpsUrl("/small"))) << loop.getLastErrorMsg();
   EXPECT_EQ(body, "ok");
+}
+
+// The loopback exemption covers the host 127.0.0.1 only: a redirect to localhost is checked per
+// the policy (and passes with the certificate as CA). Switched off, 127.0.0.1 is checked too.
+TEST_F(Tls, LoopbackExemptionStopsAtItsHostAndCanBeSwitchedOff) {
+  HttpConnection c;
+  EXPECT_FALSE(get(c, nginx.httpsUrl("/to-localhost")));
+  EXPECT_TRUE(c.isLastCallUnableToVerifyPeer()) << c.getLastErrorMsg();
+  c.editConnectionParameters().caFile = nginx.certificatePath();
+  EXPECT_TRUE(get(c, nginx.httpsUrl("/to-localhost"))) << c.getLastErrorMsg();
+  EXPECT_EQ(body, "ok");
+
+  struct Restore {
+    ~Restore() { qz::SetLoopbackCertificateExemption(true); }
+  } restore;
+  qz::SetLoopbackCertificateExemption(false);
+  HttpConnection strict;
+  EXPECT_FALSE(get(strict, nginx.httpsUrl("/small")));
+  EXPECT_TRUE(strict.isLastCallUnableToVerifyPeer()) << strict.getLastErrorMsg();
+  strict.editConnectionParameters().caFile = nginx.certificatePath();
+  EXPECT_TRUE(get(strict, nginx.httpsUrl("/small"))) << strict.getLastErrorMsg();
 }
 
 // Exact bytes of a binary file into a device over TLS.

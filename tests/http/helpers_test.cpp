@@ -213,6 +213,60 @@ TEST_F(Helpers, CancelAbortsTransfersSilently) {
   EXPECT_TRUE(HttpGet(conn, url("/echo"), nullptr, nullptr, nullptr, &cancel));
 }
 
+// A callback that cannot go on ends the call with its reason; the handle is dropped, so the next
+// call on the connection starts on a clean one.
+TEST_F(Helpers, CallbackFailuresFailTheCallWithTheirReason) {
+  struct Throwing : qz::qzIoDevice {
+    int64_t writeBytes(const char*, unsigned long) override { throw std::bad_alloc(); }
+  } throwing;
+  struct FailingDevice : qz::qzIoDevice {
+    bool failed = false;
+    int64_t writeBytes(const char*, unsigned long n) override { return failed = true, int64_t(n); }
+    bool hasError() const override { return failed; }
+  } failing;
+  qztest::TestHttpServer own; // a body that gzip shrinks a thousandfold
+  own.installStandardRoutes();
+  own.route("GET", "/compressible", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(std::string(1000000, 'z'), "text/plain");
+  });
+  ASSERT_TRUE(own.start()) << own.lastError();
+  struct Case {
+    std::string path;
+    qz::qzIoDevice* device;
+    size_t limit;
+    std::string reason;
+  };
+  const std::vector<Case> cases{
+      {"/bytes?n=100", &throwing, 0, "HttpConnection error : Exception while receiving the body: std::bad_alloc, "},
+      {"/bytes?n=100", &failing, 0, "FailingDevice failed after 100 bytes, "},
+      {"/bytes?n=100", nullptr, 50, "Response body larger than the limit of 50 bytes"},        // announced
+      {"/slow?blocks=4&size=100&delay=0", nullptr, 250, "larger than the limit of 250 bytes"}, // chunked
+      {"/compressible", nullptr, 100000, "larger than the limit of 100000 bytes"},             // decoded size
+  };
+  HttpConnection c;
+  for (const Case& k : cases) {
+    ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/echo"))));
+    const size_t before = own.connectionCount();
+    std::string err;
+    HttpResult r;
+    r.outputDevice = k.device;
+    r.errorMessage = &err;
+    HttpConnection::ConnectionParameters p;
+    p.maxBodyBytes = k.limit;
+    EXPECT_FALSE(HttpGet(c, qz::Url(own.url(k.path)), &r, &p)) << k.path;
+    EXPECT_THAT(err, HasSubstr(k.reason)) << k.path;
+    failing.failed = false;
+    ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/echo")))) << c.getLastErrorMsg();
+    EXPECT_EQ(own.connectionCount(), before + 1) << k.path;
+  }
+  std::map<std::string, std::string> headers;
+  HttpResult r;
+  r.headers = &headers;
+  ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/compressible")), &r)); // no limit by default
+  EXPECT_NE(headers["content-encoding"], ""); // compressed on the wire
+  EXPECT_EQ(r.receivedBytes, 1000000u);
+}
+
 TEST(ParseHttpHeader, SplitsTrimsAndLowerCases) {
   struct Case {
     std::string line, name, value;
