@@ -89,7 +89,12 @@ std::string Url::ToEncodedPath(const std::vector<std::string>& segments) {
   for (size_t i = 0; i < segments.size(); ++i) {
     if (i)
       out += kPathSeparator;
-    AppendEncoded(out, segments[i]);
+    // A segment that is exactly "." or ".." would be a dot segment, which clients remove.
+    const std::string& segment = segments[i];
+    if (segment == "." || segment == "..")
+      out += segment.size() == 1 ? "%2E" : "%2E%2E";
+    else
+      AppendEncoded(out, segment);
   }
   return out;
 }

@@ -96,6 +96,14 @@ TEST_F(Helpers, EachHelperSendsItsMethodBodyAndContentType) {
   EXPECT_EQ(srv.connectionCount(), 1u); // one kept-alive connection across all methods
 }
 
+// A ".." segment reaches the server as a segment, not as a step up to the parent.
+TEST_F(Helpers, DotSegmentsAreSentAsTheyAre) {
+  conn.editConnectionParameters().verbose = 1; // the test server refuses such paths: read the request line
+  HttpResult r;
+  HttpDelete(conn, url("/echo").toUrl("doc1", "..", {}), &r);
+  EXPECT_THAT(conn.getLastDebugInformations(), HasSubstr("> DELETE /echo/doc1/%2E%2E HTTP/1.1\r\n"));
+}
+
 TEST_F(Helpers, ExpectedCodeAndFailureLogging) {
   std::string err;
   HttpResult r;
@@ -263,7 +271,7 @@ TEST_F(Helpers, CallbackFailuresFailTheCallWithTheirReason) {
   HttpResult r;
   r.headers = &headers;
   ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/compressible")), &r)); // no limit by default
-  EXPECT_NE(headers["content-encoding"], ""); // compressed on the wire
+  EXPECT_NE(headers["content-encoding"], "");                     // compressed on the wire
   EXPECT_EQ(r.receivedBytes, 1000000u);
 }
 

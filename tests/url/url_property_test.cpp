@@ -65,7 +65,7 @@ TEST(UrlRoundTrip, ParseOfEncodedFormGivesTheSameUrl) {
                                     text(1 + pick(30), "ABCXYZabcxyz0189-._~"));
     u.port = pick(3) == 0 ? 0 : static_cast<uint16_t>(1 + pick(65535));
     for (size_t n = pick(5); n > 0; --n)
-      u.pathSegments.push_back(text(pick(4) == 0 ? 0 : 1 + pick(10)));
+      u.pathSegments.push_back(pick(8) == 0 ? std::string(1 + pick(2), '.') : text(pick(4) == 0 ? 0 : 1 + pick(10)));
     if (u.pathSegments.size() == 1 && u.pathSegments[0].empty())
       u.pathSegments[0] = "x"; // a lone empty segment renders as no path
     for (size_t n = pick(6); n > 0; --n)

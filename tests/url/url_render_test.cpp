@@ -42,6 +42,14 @@ TEST(UrlEncoding, QueryPostAndPathEncodings) {
   EXPECT_EQ(qz::Url::ToQueryEncoding({}) + qz::Url::ToPostEncoding({}) + qz::Url::ToEncodedPath({}), "");
   EXPECT_EQ(qz::Url::ToEncodedPath({"db", "my doc", "a/b"}), "db/my%20doc/a%2Fb");
   EXPECT_EQ(qz::Url::ToEncodedPath({"", "x", ""}), "/x/");
+  // Dot segments stay segments: a client would otherwise remove them (and reach the parent).
+  EXPECT_EQ(qz::Url::ToEncodedPath({".", "a.", "..", "..."}), "%2E/a./%2E%2E/...");
+  for (bool normalize : {false, true}) {
+    qz::Url back;
+    ASSERT_TRUE(back.fromEncodedUtf8String(qz::Url("http://h").toUrl("mydb", "doc1", "..", {}).toEncodedUrl(), nullptr,
+                                           normalize));
+    EXPECT_EQ(back.pathSegments, (Segs{"mydb", "doc1", ".."})) << normalize;
+  }
   EXPECT_EQ(qz::Url("http://h/a%20b/c").getEncodedPath(), "a%20b/c");
 }
 
