@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -24,7 +25,7 @@ std::atomic<bool> gLoopbackExemption{true};
 std::atomic<http::HostNameResolutionPolicy> gResolution{http::HNRP_Whatever};
 std::atomic<http::ProxyPolicy> gProxy{http::PP_NoProxy};
 int gOpenSSLVersion = 0;
-qzThreadPeriodicalUpdater* gUpdater = nullptr;
+std::unique_ptr<qzThreadPeriodicalUpdater> gUpdater;
 const char* gCurlVersionOverride = nullptr;
 
 impl::LibInitCounter gInitCounter("httptools", 1);
@@ -33,7 +34,7 @@ impl::LibInitCounter gInitCounter("httptools", 1);
 namespace impl {
 
 int GetCurlOpenSSLVersion() { return gOpenSSLVersion; }
-qzThreadPeriodicalUpdater* GetPeriodicalUpdater() { return gUpdater; }
+qzThreadPeriodicalUpdater* GetPeriodicalUpdater() { return gUpdater.get(); }
 void SetCurlVersionTextForTest(const char* text) { gCurlVersionOverride = text; }
 
 int FindOpenSSLVersionInCurlVersion(const char* curlVersionText) {
@@ -88,7 +89,7 @@ void initializeHttpTools(bool verifySSLCertByDefault, http::HostNameResolutionPo
   SetDefaultHostNameResolutionPolicy(defaultResolution);
   SetDefaultProxyPolicy(defaultProxy);
   curl_global_init(CURL_GLOBAL_ALL);
-  gUpdater = new qzThreadPeriodicalUpdater(2);
+  gUpdater = std::make_unique<qzThreadPeriodicalUpdater>(2);
 
   const char* version = gCurlVersionOverride ? gCurlVersionOverride : curl_version();
   gOpenSSLVersion = impl::FindOpenSSLVersionInCurlVersion(version);
@@ -106,8 +107,7 @@ void terminateHttpTools() {
   SetVerifySSLCertByDefault(true);
   SetDefaultHostNameResolutionPolicy(http::HNRP_Whatever);
   // The proxy default keeps the value of the last initialisation.
-  delete gUpdater;
-  gUpdater = nullptr;
+  gUpdater.reset();
   gOpenSSLVersion = 0;
   curl_global_cleanup();
   terminateCompress();

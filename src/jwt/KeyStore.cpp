@@ -16,6 +16,7 @@ using qz::qzOpenSSL::B64_UrlSafeNoPad;
 namespace {
 constexpr int kRsaMask = RS256 | RS384 | RS512; // 896
 constexpr int kEcMask = ES256 | ES384 | ES512;  // 7168
+constexpr int kMinJwkRsaBits = 2048;
 
 const std::string* textMember(const qzVariantMapImpl& m, const char* name) {
   auto it = m.find(name);
@@ -152,6 +153,11 @@ bool KeyStore::KeyStorePrivate::loadJWKSet(const qzVariantMapImpl& set) {
         registerError(kid, "Rejected (RSA key error : " + key->getError() + ")");
         continue;
       }
+      if (key->getBits() < kMinJwkRsaBits) { // RFC 7518 3.3
+        registerError(kid, "Rejected (RSA key error : key of " + std::to_string(key->getBits()) + " bits, at least " +
+                               std::to_string(kMinJwkRsaBits) + " required)");
+        continue;
+      }
       key->setKeyId(kid);
       cacheKey(kid, key, kRsaMask);
     } else if (kty && *kty == "EC") {
@@ -225,7 +231,7 @@ KeyStore::KeyStore(qz::http::HttpConnectionPool& pool, const qz::Url& keySetUrl,
                    qz::http::ProxyPolicy proxyPolicy, const qz::Url& proxyUrl)
     : d(new KeyStorePrivate(pool, keySetUrl, validateSsl, proxyPolicy, proxyUrl)) {}
 
-KeyStore::~KeyStore() { delete d; }
+KeyStore::~KeyStore() = default;
 
 std::shared_ptr<AsymmetricKey> KeyStore::getKeyFromId(const std::string& kid, Alg alg, std::string* error) {
   d->clearExpired();

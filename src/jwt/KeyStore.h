@@ -53,7 +53,7 @@ public:
   class KeyStorePrivate;
 
 private:
-  KeyStorePrivate* d;
+  std::unique_ptr<KeyStorePrivate> d;
 };
 
 } // namespace qz::jwt

@@ -146,6 +146,10 @@ bool Verifier::validateJwtWithTimeBase(const char* jwt, size_t len, qzVariantMap
       return reject(RC_Malformed);
   }
 
+  // No extension is understood, so none that the issuer marks critical can be honoured.
+  if (header.count("crit"))
+    return reject(RC_UnsupportedAlg);
+
   auto algIt = header.find("alg");
   const Alg alg = algIt == header.end() ? ALG_None : StringToAlg(algIt->second.toString());
   if (!(alg & m_algMask))
@@ -184,6 +188,13 @@ bool Verifier::validateJwtWithTimeBase(const char* jwt, size_t len, qzVariantMap
     if (!key) {
       qzLogObject(qzLog::Notice, "jwt") << error;
       return reject(RC_InternalError);
+    }
+    // An ECDSA key signs with the hash of its own curve only.
+    if (key->getKeyType() == AsymmetricKey::KT_EC) {
+      const EllipticCurve curve = key->getCurve();
+      const Alg own = curve == EC_P256 ? ES256 : curve == EC_P384 ? ES384 : curve == EC_P521 ? ES512 : ALG_None;
+      if (alg != own)
+        return reject(RC_SignatureMismatch);
     }
     std::vector<char> sigBytes;
     if (!base64Decode(signature, signatureLen, sigBytes, B64_UrlSafeNoPad))

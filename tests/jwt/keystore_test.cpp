@@ -143,6 +143,17 @@ TEST_F(KeyStoreTest, DownloadsOnFirstLookupOnlyAndRefetchesUnknownKids) {
 }
 
 TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
+  // The top half of the peer's 2048-bit modulus: a well-formed 1024-bit one.
+  const auto modulusOf1024Bits = [] {
+    std::vector<char> n;
+    std::string text;
+    EXPECT_TRUE(qzOpenSSL::base64Decode(sPeer->at("jwk").toMap().at("rsa").toMap().at("n").toString(), n,
+                                        qzOpenSSL::B64_UrlSafeNoPad));
+    n.resize(128);
+    n.back() |= 1;
+    qzOpenSSL::base64Encode(std::string(n.begin(), n.end()), text, qzOpenSSL::B64_UrlSafeNoPad);
+    return text;
+  };
   struct Case {
     qzVariant entry;
     std::string kid;
@@ -179,6 +190,8 @@ TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
       {jwk("rsa", "kty", {{"kty", qzVariant("OKP")}}), "kty",
        "Key {kty} is invalid : Rejected (invalid field \"kty\")"},
       {jwk("rsa", "tiny", {{"n", qzVariant("AQAB")}}), "tiny", ""}, // RSA key error: text from the key
+      {jwk("rsa", "rsa1024", {{"n", qzVariant(modulusOf1024Bits())}}), "rsa1024",
+       "Key {rsa1024} is invalid : Rejected (RSA key error : key of 1024 bits, at least 2048 required)"},
       {jwk("p256", "offcurve", {{"y", sPeer->at("jwk").toMap().at("p256").toMap().at("x")}}), "offcurve", ""},
   };
   qzVariantListImpl keys;

@@ -124,7 +124,9 @@ TEST_F(VerifierTest, TypAndAlgHeaders) {
       {R"({"alg":"NONE","kid":"rsa"})", AlgAllMask, 2},
       {R"({"typ":"JWT"})", AlgAllMask, 2},
       {R"({"alg":" HS256","typ":"JWT"})", AlgAllMask, 2},
-      {R"({"alg":"HS384","typ":"JWT"})", AlgAllMask, 4}, // MAC'd with SHA-256
+      {R"({"alg":"HS384","typ":"JWT"})", AlgAllMask, 4},    // MAC'd with SHA-256
+      {R"({"alg":"HS256","crit":["exp"]})", AlgAllMask, 2}, // no extension is understood
+      {R"({"alg":"HS256","crit":[]})", AlgAllMask, 2},
   };
   for (const auto& r : rows) {
     v.setClientInfo("s3cret", &provider, r.mask);
@@ -215,6 +217,12 @@ TEST_F(VerifierTest, DamagedSignaturesAndTamperedClaimsAreMismatches) {
   padded.insert(padded.begin() + 1, esSig.begin(), esSig.begin() + 32);
   padded.insert(padded.end(), esSig.begin() + 32, esSig.end());
 
+  const std::string es384Input = b64(R"({"alg":"ES384","kid":"ec"})") + "." + b64(kGoodClaims);
+  std::vector<char> es384Sig;
+  ASSERT_TRUE(qzOpenSSL::SignDigestAsymmetric(es384Sig, es384Input.data(), es384Input.size(), *ec, qzOpenSSL::HT_SHA384,
+                                              nullptr));
+  const std::string es384WithP256 = es384Input + "." + b64(es384Sig);
+
   const std::pair<const char*, std::string> rows[] = {
       {"HS256 empty signature", signingInput(hs) + "."},
       {"HS256 one character off", signingInput(hs) + "." + flipped},
@@ -230,6 +238,7 @@ TEST_F(VerifierTest, DamagedSignaturesAndTamperedClaimsAreMismatches) {
       {"ES256 empty signature", signingInput(es) + "."},
       {"RS256 all-zero signature", signingInput(rs) + "." + b64(std::vector<char>(256, 0))},
       {"RS256 signature of another token", signingInput(rs) + "." + signature(signedToken(*rsa, RS384))},
+      {"ES384 signed with a P-256 key", es384WithP256}, // sound signature, but the curve fixes the hash
       {"RS256 header on an ES256 token",
        b64(R"({"alg":"RS256","kid":"ec","typ":"JWT"})") + "." + es.substr(es.find('.') + 1)},
   };

@@ -191,4 +191,16 @@ TEST(Log, CaptureSinkAndDefaultRestore) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "[warning] c: to stderr\n");
 }
 
+// A logged value cannot forge a line (CR, LF, terminal escapes) nor flood the log.
+TEST(Log, EachStatementIsOneBoundedLine) {
+  qztest::LogCapture cap;
+  qz::qzLogObject(qz::qzLog::Error, "jwt") << "kid a\r\n[error] jwt: forged\x1b[2J\t\x7f end";
+  qz::qzLogObject(qz::qzLog::Error, "c\nat") << std::string(100000, 'x');
+  ASSERT_EQ(cap.size(), 2u);
+  EXPECT_EQ(cap.lines()[0].text, "kid a\\r\\n[error] jwt: forged\\x1B[2J\\t\\x7F end");
+  EXPECT_EQ(cap.lines()[1].category, "c\\nat");
+  EXPECT_EQ(cap.lines()[1].text, std::string(qz::qzLog::kMaxLineLength, 'x') + " [" +
+                                     std::to_string(100000 - qz::qzLog::kMaxLineLength) + " bytes cut]");
+}
+
 } // namespace
