@@ -60,6 +60,13 @@ int debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* user
   return 0;
 }
 
+// With the threaded resolver libcurl needs no alarm signal to time out a name lookup, and it
+// sends with MSG_NOSIGNAL: its signal handling then only costs a few sigaction calls per request.
+bool signalsNeeded() {
+  static const bool needed = !(curl_version_info(CURLVERSION_NOW)->features & CURL_VERSION_ASYNCHDNS);
+  return needed;
+}
+
 // Options of the connection itself, set on a fresh or reset handle before the parameters.
 int applyConnectionOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
   int rc = 0;
@@ -67,7 +74,7 @@ int applyConnectionOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
   rc |= curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
-  rc |= curl_easy_setopt(h, CURLOPT_NOSIGNAL, 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_NOSIGNAL, signalsNeeded() ? 0L : 1L);
   rc |= curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, debugCallback);
   rc |= curl_easy_setopt(h, CURLOPT_DEBUGDATA, d);
   rc |= curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d->errorBuffer);

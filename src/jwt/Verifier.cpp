@@ -3,6 +3,7 @@
 #include <HttpTools/jwt/Jwt_p.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzOpenSSL.h>
 
 #include <openssl/crypto.h>
 
@@ -52,10 +53,7 @@ void Verifier::setClientInfo(const std::string& secret, KeyProvider* provider, i
 }
 
 void Verifier::clearClientInfo() {
-  // Wipe the whole buffer, not only the part in use.
-  m_secret.resize(m_secret.capacity(), '\0');
-  OPENSSL_cleanse(m_secret.data(), m_secret.size());
-  m_secret.clear();
+  qzOpenSSL::WipeString(m_secret);
   m_provider = nullptr;
   m_algMask = 0;
 }

@@ -69,4 +69,12 @@ int ParseOpenSSLVersionString(const std::string& text) {
 
 std::string VersionText() { return OpenSSL_version(OPENSSL_VERSION); }
 
+void WipeString(std::string& s) {
+  // Grow to the capacity (no reallocation) so that the whole buffer is ours to overwrite.
+  s.resize(s.capacity());
+  if (!s.empty())
+    OPENSSL_cleanse(s.data(), s.size());
+  s.clear();
+}
+
 } // namespace qz::qzOpenSSL

@@ -17,4 +17,8 @@ HTTPTOOLS_API int ParseOpenSSLVersionString(const std::string& text);
 // Version text of the OpenSSL library in use ("OpenSSL 3.0.x ...").
 HTTPTOOLS_API std::string VersionText();
 
+// Overwrites the whole buffer of `s` (capacity, not only size) with zeros and empties it; for
+// strings that held a secret.
+HTTPTOOLS_API void WipeString(std::string& s);
+
 } // namespace qz::qzOpenSSL

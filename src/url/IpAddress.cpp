@@ -166,28 +166,21 @@ void IpAddress::fromStringAddress(const std::string& text, Type type) {
   m_type = got;
 }
 
-void IpAddress::fromIPv4(const sockaddr_in* address) {
-  if (!address || address->sin_family != AF_INET) {
-    clear();
-    return;
-  }
-  if (!m_address)
-    m_address = new Storage;
-  *m_address = Storage{};
-  std::memcpy(&m_address->v4, address, sizeof(sockaddr_in));
-  m_type = IPT_IPv4;
-}
+void IpAddress::fromIPv4(const sockaddr_in* address) { fromSocketAddress(address, AF_INET, IPT_IPv4); }
 
-void IpAddress::fromIPv6(const sockaddr_in6* address) {
-  if (!address || address->sin6_family != AF_INET6) {
+void IpAddress::fromIPv6(const sockaddr_in6* address) { fromSocketAddress(address, AF_INET6, IPT_IPv6); }
+
+template <typename SocketAddress>
+void IpAddress::fromSocketAddress(const SocketAddress* address, int family, Type type) {
+  if (!address || reinterpret_cast<const sockaddr*>(address)->sa_family != family) {
     clear();
     return;
   }
   if (!m_address)
     m_address = new Storage;
   *m_address = Storage{};
-  std::memcpy(&m_address->v6, address, sizeof(sockaddr_in6));
-  m_type = IPT_IPv6;
+  std::memcpy(m_address, address, sizeof(SocketAddress));
+  m_type = type;
 }
 
 const sockaddr_in* IpAddress::getIPv4Sockaddr() const { return m_type == IPT_IPv4 ? &m_address->v4 : nullptr; }

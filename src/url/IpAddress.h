@@ -53,6 +53,7 @@ public:
   std::string getAddressAsString(bool withPort) const;
 
 private:
+  template <typename SocketAddress> void fromSocketAddress(const SocketAddress* address, int family, Type type);
   union Storage;
   Type m_type = IPT_None;
   Storage* m_address = nullptr; // owned; null when m_type is IPT_None

@@ -1,6 +1,7 @@
 #include <HttpTools/url/Url.h>
 
 #include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzOpenSSL.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/url/IpAddress_p.h>
 #include <HttpTools/url/Url_p.h>
@@ -22,14 +23,6 @@ namespace qz {
 
 namespace url_impl {
 
-void WipeString(std::string& s) {
-  // Grow to the capacity (no reallocation) so that the whole buffer is ours to overwrite.
-  s.resize(s.capacity());
-  if (!s.empty())
-    OPENSSL_cleanse(s.data(), s.size());
-  s.clear();
-}
-
 bool IsSameUrlValue(const Url& a, const Url& b) {
   if (a.port != b.port || a.ipAddress.getType() != b.ipAddress.getType() || a.host != b.host || a.scheme != b.scheme ||
       a.pathSegments != b.pathSegments || a.queryParameters != b.queryParameters || a.user != b.user ||
@@ -43,8 +36,8 @@ bool IsSameUrlValue(const Url& a, const Url& b) {
 
 } // namespace url_impl
 
+using qzOpenSSL::WipeString;
 using url_impl::AppendDecoded;
-using url_impl::WipeString;
 
 Url::Url(ClearStrategy strategy) { clearUrl(strategy); }
 

@@ -22,9 +22,6 @@ inline const std::string kItemSeparator = "&";
 inline const std::string kSecretMask = "********";
 inline const std::string kPathSeparator = "/";
 
-// Overwrites the string's whole buffer with zero bytes, then empties it.
-void WipeString(std::string& s);
-
 constexpr int HexValue(unsigned char c) {
   if (c >= '0' && c <= '9')
     return c - '0';
