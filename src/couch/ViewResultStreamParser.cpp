@@ -1,4 +1,5 @@
 #include <HttpTools/couch/ViewResultStreamParser_p.h>
+#include <HttpTools/platform/ByteScan_p.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
 
@@ -8,42 +9,13 @@
 #include <cstring>
 #include <string_view>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 namespace qz::couch {
 
 namespace {
 
-// Bit i set when byte i of the 64 at p is one the cutter reacts to: " \\ [ ] { }.
-inline uint64_t stopMask(const char* p) {
-#if defined(__SSE2__)
-  // '[' and '{' differ only by bit 0x20, as do ']' and '}'.
-  const __m128i caseBit = _mm_set1_epi8(0x20);
-  const __m128i open = _mm_set1_epi8('{');
-  const __m128i close = _mm_set1_epi8('}');
-  const __m128i quote = _mm_set1_epi8('"');
-  const __m128i backslash = _mm_set1_epi8('\\');
-  uint64_t mask = 0;
-  for (int k = 0; k < 4; ++k) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
-    const __m128i folded = _mm_or_si128(v, caseBit);
-    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(folded, open), _mm_cmpeq_epi8(folded, close)),
-                                     _mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash)));
-    mask |= uint64_t(uint16_t(_mm_movemask_epi8(hit))) << (16 * k);
-  }
-  return mask;
-#else
-  uint64_t mask = 0;
-  for (int i = 0; i < 64; ++i) {
-    const char c = p[i];
-    if (c == '"' || c == '\\' || c == '[' || c == ']' || c == '{' || c == '}')
-      mask |= uint64_t(1) << i;
-  }
-  return mask;
-#endif
-}
+// The bytes the cutter reacts to.
+using StopBytes = impl::ByteSet<'"', '\\', '[', ']', '{', '}'>;
+inline uint64_t stopMask(const char* p) { return StopBytes::mask64(p); }
 
 } // namespace
 

@@ -1,5 +1,6 @@
 #include <HttpTools/url/Url.h>
 
+#include <HttpTools/platform/ByteScan_p.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzOpenSSL.h>
 #include <HttpTools/platform/qzStringUtils.h>
@@ -14,10 +15,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace qz {
 
@@ -209,25 +206,9 @@ constexpr auto kQueryByteClass = [] {
 }();
 inline unsigned char QueryByteClass(char c) { return kQueryByteClass[static_cast<unsigned char>(c)]; }
 
-// The first byte in [p, last) that is not Plain, or last. Sixteen bytes at a time where SSE2 is
-// there (always on x86-64): query values are often long runs of plain bytes.
-const char* SkipQueryPlain(const char* p, const char* last) {
-#if defined(__SSE2__)
-  const __m128i amp = _mm_set1_epi8('&'), eq = _mm_set1_epi8('='), pct = _mm_set1_epi8('%'), plus = _mm_set1_epi8('+');
-  while (last - p >= 16) {
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(b, amp), _mm_cmpeq_epi8(b, eq)),
-                                     _mm_or_si128(_mm_cmpeq_epi8(b, pct), _mm_cmpeq_epi8(b, plus)));
-    const int mask = _mm_movemask_epi8(hit);
-    if (mask != 0)
-      return p + __builtin_ctz(static_cast<unsigned>(mask));
-    p += 16;
-  }
-#endif
-  while (p < last && QueryByteClass(*p) == Plain)
-    ++p;
-  return p;
-}
+// The first byte in [p, last) that is not Plain, or last: query values are often long runs of
+// plain bytes.
+const char* SkipQueryPlain(const char* p, const char* last) { return impl::ByteSet<'&', '=', '%', '+'>::find(p, last); }
 
 // Splits a query into decoded (key, value) items by the rules of uriparser's
 // uriDissectQueryMallocA: items split at '&', key and value at the first '=', '+' is a blank,
