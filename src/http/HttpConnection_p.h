@@ -30,16 +30,15 @@ struct CurlOptionValue {
 
 // The options applyParameters sets, in the order it sets them, into `out` (its capacity is
 // reused). Logs the invalid manual proxy line when that case arises.
-HTTPTOOLS_API void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
-                                               HttpProxyFinder& proxyFinder, std::vector<CurlOptionValue>& out);
-HTTPTOOLS_API std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p,
-                                                                       const qz::Url& target,
-                                                                       HttpProxyFinder& proxyFinder);
+void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
+                                 HttpProxyFinder& proxyFinder, std::vector<CurlOptionValue>& out);
+std::vector<CurlOptionValue> ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p,
+                                                         const qz::Url& target, HttpProxyFinder& proxyFinder);
 // Sets `options` on the handle, skipping each one equal to the entry at the same place in
 // `current` (what the handle already holds; null sets them all). Returns the OR of the
 // setopt results.
-HTTPTOOLS_API int ApplyCurlOptions(CURL* handle, const std::vector<CurlOptionValue>& options,
-                                   const std::vector<CurlOptionValue>* current);
+int ApplyCurlOptions(CURL* handle, const std::vector<CurlOptionValue>& options,
+                     const std::vector<CurlOptionValue>* current);
 // Everything ResolveConnectionParameters reads, after the process-wide defaults are applied.
 // Equal keys give equal options, so a connection compares keys instead of resolving again.
 // Not `cacheable` when a proxy must be looked up or read from the manual proxy URL.
@@ -58,17 +57,16 @@ struct ResolvedParametersKey {
            cacheable == o.cacheable;
   }
 };
-HTTPTOOLS_API ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters& p,
-                                                    const qz::Url& target);
+ResolvedParametersKey KeyOfParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target);
 
 // True for the set-up callbacks of this library, which set only request options (method, body,
 // callbacks). Any other callback may change any option, so after it runs the connection sets
 // everything again on the next request.
-HTTPTOOLS_API bool IsLibrarySetupCallback(HttpConnection::SetupCallback setup);
+bool IsLibrarySetupCallback(HttpConnection::SetupCallback setup);
 
 // The libcurl values of the three policies, after the process-wide defaults are applied.
-HTTPTOOLS_API bool ResolveVerifyPeer(SSLValidatePolicy policy, const qz::Url& target);
-HTTPTOOLS_API long ResolveIpResolve(HostNameResolutionPolicy policy);
+bool ResolveVerifyPeer(SSLValidatePolicy policy, const qz::Url& target);
+long ResolveIpResolve(HostNameResolutionPolicy policy);
 
 struct CurlEasyDeleter {
   void operator()(CURL* h) const { curl_easy_cleanup(h); }
@@ -81,7 +79,7 @@ struct HttpConnectionAccess {
   static HttpConnection::HttpConnectionPrivate* of(HttpConnection& c) { return c.d; }
 };
 
-class HttpConnection::HttpConnectionPrivate {
+class HTTPTOOLS_HIDDEN HttpConnection::HttpConnectionPrivate {
 public:
   HttpProxyFinder proxyFinder;
   ConnectionParameters parameters;
