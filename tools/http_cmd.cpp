@@ -29,6 +29,7 @@ struct HttpOptions {
   std::string caFile;
   int expect = 0;
   double connectTimeout = 0;
+  double maxTime = 0;
   bool verbose = false;
   bool silent = false;
   bool showError = false;
@@ -206,6 +207,9 @@ int RunHttp(const HttpOptions& o) {
     params.sslValidatePolicy = qz::http::SVP_NoVerify;
   if (o.connectTimeout > 0)
     params.connectTimeoutSec = std::max(1, int(std::ceil(o.connectTimeout)));
+  if (o.maxTime > 0)
+    params.totalTimeoutMs = std::max(1L, long(std::ceil(o.maxTime * 1000)));
+  params.caFile = o.caFile;
   if (o.verbose)
     params.verbose = 1;
 
@@ -318,6 +322,9 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
   cmd->add_flag("-k,--insecure", o->insecure, "Do not check the server's certificate and host name");
   cmd->add_option("--connect-timeout", o->connectTimeout, "Give up connecting after SECONDS")
       ->check(CLI::PositiveNumber);
+  cmd->add_option("--max-time", o->maxTime, "Give up the whole transfer after SECONDS")->check(CLI::PositiveNumber);
+  cmd->add_option("--cacert", o->caFile, "Verify the server against the CA certificates in FILE (PEM)")
+      ->check(CLI::ExistingFile);
   // get --parallel/-Z (several URLs at once) belongs here once its runner is in Commands.h.
   cmd->callback([o] { httptools::exitCode = RunHttp(*o); });
 }

@@ -216,6 +216,7 @@ TEST_F(Tool, FailuresExitWithCurlsCodes) {
       {{"get", "http://127.0.0.1:1/"}, 7, AllOf(StartsWith("httptools get: "), HasSubstr("Curl error : 7 ("))},
       {{"get", "-s", "http://127.0.0.1:1/"}, 7, IsEmpty()},
       {{"get", "http://no-such-host.invalid/"}, 6, HasSubstr("Curl error : 6 (")},
+      {{"get", "--max-time", "0.3", srv.url("/stall?ms=3000")}, 28, HasSubstr("Curl error : 28 (")},
       {{"post", "-d", "@/no/such/file", srv.url("/echo")}, 1, HasSubstr("httptools post: cannot read /no/such/file")},
       {{"get", "-o", "/no/such/dir/out", srv.url("/echo")},
        1,
@@ -251,7 +252,7 @@ TEST(ToolCouch, ViewOfADatabaseUrl) {
 }
 
 // TLS against nginx's self-signed certificate for 127.0.0.1: refused as curl refuses it, taken
-// with -k.
+// with -k or with the certificate as the CA file.
 TEST(ToolTls, SelfSignedCertificateOnLoopback) {
   qztest::NginxFixture nginx;
   ASSERT_TRUE(nginx.start()) << nginx.lastError();
@@ -260,9 +261,12 @@ TEST(ToolTls, SelfSignedCertificateOnLoopback) {
   EXPECT_EQ(o.code, 60) << o.err;
   EXPECT_THAT(o.err, HasSubstr("Curl error : 60 ("));
   EXPECT_THAT(o.out, IsEmpty());
-  o = RunTool({"get", "-k", url});
-  EXPECT_EQ(o.code, 0) << o.err;
-  EXPECT_EQ(o.out, "ok");
+  for (const std::vector<std::string>& trusted :
+       {std::vector<std::string>{"get", "-k", url}, {"get", "--cacert", nginx.certificatePath(), url}}) {
+    o = RunTool(trusted);
+    EXPECT_EQ(o.code, 0) << Joined(trusted) << ": " << o.err;
+    EXPECT_EQ(o.out, "ok") << Joined(trusted);
+  }
 }
 
 } // namespace
