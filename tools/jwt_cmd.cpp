@@ -80,12 +80,11 @@ int RunSign(const SignOptions& o) {
   if (o.ttl >= 0 && !claims.count("exp"))
     claims["exp"] = qz::jwt::NowSec() + o.ttl;
   const qz::jwt::Alg alg = qz::jwt::StringToAlg(o.alg);
-  std::string token;
-  const bool ok = key ? qz::jwt::CreateSignedJwt(claims, *key, alg, token, o.headerClaims)
-                      : qz::jwt::CreateHashedJwt(claims, secret, alg, token, o.headerClaims);
+  std::string token, error;
+  const bool ok = key ? qz::jwt::CreateSignedJwt(claims, *key, alg, token, o.headerClaims, &error)
+                      : qz::jwt::CreateHashedJwt(claims, secret, alg, token, o.headerClaims, &error);
   if (!ok) {
-    std::cerr << "httptools jwt sign: no token: check --alg against the secret or key (a key must be private "
-                 "and of the algorithm's type), and \"exp\" (required, at most 24 h after \"iat\")\n";
+    std::cerr << "httptools jwt sign: no token: " << error << "\n";
     return httptools::kExitFailure;
   }
   std::cout << token << "\n";
@@ -113,13 +112,8 @@ int RunVerify(const VerifyOptions& o) {
       mask |= qz::jwt::StringToAlg(name);
   }
   // The one key answers for every key id.
-  struct OneKey : qz::jwt::KeyProvider {
-    std::shared_ptr<qz::jwt::AsymmetricKey> key;
-    std::shared_ptr<qz::jwt::AsymmetricKey> getKeyFromId(const std::string&, qz::jwt::Alg, std::string*) override {
-      return key;
-    }
-  } provider;
-  provider.key = key;
+  qz::jwt::StaticKeyProvider provider;
+  provider.addKey("", key);
   // Or the keys of a JWK set, fetched through a connection pool.
   std::unique_ptr<qz::http::HttpConnectionPool> pool;
   std::unique_ptr<qz::jwt::KeyStore> store;

@@ -230,6 +230,39 @@ TEST_F(Tool, FailuresExitWithCurlsCodes) {
   }
 }
 
+// jwt: a token signed by one command is checked by the next; refusals say why and exit 1.
+TEST(ToolJwt, SignVerifyDecode) {
+  const Outcome signed_ =
+      RunTool({"jwt", "sign", "--alg", "hs384", "--secret", "s3", "--ttl", "60", R"({"sub":"al"})"});
+  ASSERT_EQ(signed_.code, 0) << signed_.err;
+  const std::string token = signed_.out.substr(0, signed_.out.find('\n'));
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    int code;
+    testing::Matcher<std::string> out, err;
+  };
+  const std::vector<Case> cases{
+      {{"jwt", "verify", "--secret", "s3", token}, "", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
+      {{"jwt", "verify", "--secret", "s3", "-"}, token + "\n", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
+      {{"jwt", "verify", "--secret", "other", token}, "", 1, IsEmpty(), HasSubstr("ignature")},
+      {{"jwt", "verify", "--secret", "s3", "--algs", "HS256,HS512", token}, "", 1, IsEmpty(), Not(IsEmpty())},
+      {{"jwt", "decode", token}, "", 0, AllOf(HasSubstr(R"("alg": "HS384")"), HasSubstr(R"("sub": "al")")), IsEmpty()},
+      {{"jwt", "decode", "a.b"}, "", 1, IsEmpty(), HasSubstr("Malformed jwt")},
+      {{"jwt", "sign", "--alg", "HS256", "--secret", "s", "{}"},
+       "",
+       1,
+       IsEmpty(),
+       HasSubstr("no token: the claims have no \"exp\"")},
+  };
+  for (const Case& c : cases) {
+    const Outcome o = RunTool(c.args, c.input);
+    EXPECT_EQ(o.code, c.code) << Joined(c.args) << ": " << o.err;
+    EXPECT_THAT(o.out, c.out) << Joined(c.args);
+    EXPECT_THAT(o.err, c.err) << Joined(c.args);
+  }
+}
+
 // couch view takes the database URL with or without a trailing slash.
 TEST(ToolCouch, ViewOfADatabaseUrl) {
   qztest::TestHttpServer server;
