@@ -16,6 +16,7 @@
 #include <HttpTools/jwt/Jwt.h>
 #include <HttpTools/jwt/KeyProvider.h>
 #include <HttpTools/jwt/KeyStore.h>
+#include <HttpTools/jwt/StaticKeyProvider.h>
 #include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/EnumHelperInterface.h>
 #include <HttpTools/platform/Export.h>

@@ -7,10 +7,43 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+
 namespace httptools {
 
 extern int exitCode;
 
-void AddLegacyCommands(CLI::App& app); // version, jwt, url, get/head/put/post/delete, couch view
+// Exit codes shared with curl for the same causes.
+enum ExitCode : int {
+  kExitOk = 0,
+  kExitFailure = 1,
+  kExitUsage = 2,
+  kExitResolve = 6,
+  kExitConnect = 7,
+  kExitHttpStatus = 22,
+  kExitTimeout = 28,
+  kExitCertificate = 60,
+};
+
+void AddVersionCommands(CLI::App& app); // version
+void AddUrlCommands(CLI::App& app);     // url
+void AddHttpCommands(CLI::App& app);    // get, head, put, post, delete
+void AddJwtCommands(CLI::App& app);     // jwt sign, verify, decode
+void AddCouchCommands(CLI::App& app);   // couch view
+
+// The group subcommand `name` of `app`, made on first use, so that several files can add
+// commands to one group (couch view here, other couch commands elsewhere).
+CLI::App* Group(CLI::App& app, const std::string& name, const std::string& description);
+
+// The contents of a data argument as curl reads them: "@FILE" a file, "@-" standard input,
+// anything else the text itself. False with a message when the file cannot be read.
+bool ReadDataArgument(const std::string& argument, std::string& data, std::string& error);
+
+// A whole file; false when it cannot be read.
+bool ReadFile(const std::string& path, std::string& content);
+
+// A connection's error text (HttpConnection::getLastErrorMsg) as curl's exit code: 6, 7, 28, 60
+// for their causes, 1 for any other.
+int ExitCodeOfTransferError(const std::string& error);
 
 } // namespace httptools

@@ -8,16 +8,47 @@
 
 int httptools::exitCode = 0;
 
+namespace {
+
+std::string VersionText() {
+  auto libs = qz::impl::GetThirdPartyLibVersionInfo();
+  return std::string("HttpTools ") + HttpTools::Version::GetDescStringMajorMinorReleaseRevisionDate() + "\nlibcurl   " +
+         libs["libcurl"] + "\nOpenSSL   " + qz::qzOpenSSL::VersionText();
+}
+
+} // namespace
+
+namespace httptools {
+
+void AddVersionCommands(CLI::App& app) {
+  app.add_subcommand("version", "Print the library, libcurl and OpenSSL versions")->callback([] {
+    std::cout << VersionText() << "\n";
+  });
+}
+
+} // namespace httptools
+
 int main(int argc, char** argv) {
-  CLI::App app{"httptools: HTTP, JSON Web Tokens and CouchDB from the command line", "httptools"};
+  CLI::App app{"HTTP requests, URLs, JSON Web Tokens and CouchDB views from the command line.", "httptools"};
   app.require_subcommand(1);
-  httptools::AddLegacyCommands(app);
+  app.fallthrough(false);
+  app.footer("Exit status: 0 success, 1 failure, 2 usage error; curl's codes for the same causes:\n"
+             "6 host not resolved, 7 no connection, 22 HTTP status not accepted, 28 time-out,\n"
+             "60 certificate not verified. See httptools(1).");
   try {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+    // As curl does, the tool checks certificates of loopback servers too; -k turns checks off.
+    qz::SetLoopbackCertificateExemption(false);
   } catch (const std::exception& e) {
     std::cerr << "httptools: " << e.what() << "\n";
     return 1;
   }
+  app.set_version_flag("--version", VersionText());
+  httptools::AddVersionCommands(app);
+  httptools::AddHttpCommands(app);
+  httptools::AddUrlCommands(app);
+  httptools::AddJwtCommands(app);
+  httptools::AddCouchCommands(app);
   int rc = 0;
   try {
     app.parse(argc, argv);
@@ -25,7 +56,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     rc = app.exit(e);
     if (rc != 0)
-      rc = 2;
+      rc = httptools::kExitUsage;
   }
   qz::terminateHttpTools();
   return rc;

@@ -11,9 +11,9 @@ namespace qz::couch {
 
 // The pieces of FetchCouchDbView, reachable by tests.
 
-HTTPTOOLS_API qz::Url BuildViewUrl(const CouchConnectionParameters& server, const std::string& dbName,
-                                   const std::string& designDocName, const std::string& viewName, long limit);
+qz::Url BuildViewUrl(const CouchConnectionParameters& server, const std::string& dbName,
+                     const std::string& designDocName, const std::string& viewName, long limit);
 // {"keys":[...]} built in a buffer sized beforehand.
-HTTPTOOLS_API std::string BuildKeysBody(const std::vector<std::string>& keys);
+std::string BuildKeysBody(const std::vector<std::string>& keys);
 
 } // namespace qz::couch

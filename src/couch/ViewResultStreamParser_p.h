@@ -16,7 +16,7 @@ using CouchViewRowFunction = bool (*)(const std::string& id, qzVariant& key, qzV
 // Cuts the rows out of a view response while it arrives and hands each one, as a map, to the
 // caller's row function. A row is an object that opens at brace depth 2 while bracket depth is 1.
 // The buffer holds only the unconsumed tail: one partial row plus the current chunk.
-class HTTPTOOLS_API ViewResultStreamParser {
+class ViewResultStreamParser {
 public:
   // Called with each row's text instead of converting it (cutting without conversion).
   using RowTextFunction = bool (*)(const char* text, size_t length, void* userData);
@@ -88,7 +88,7 @@ private:
 
 // Sets the transfer options of one view request on the libcurl handle `curlHandle`; `userData`
 // is the ViewResultStreamParser. Returns the OR of the option results (0: all accepted).
-HTTPTOOLS_API int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>& headers);
+int InstallViewOptions(void* curlHandle, void* userData, std::list<std::string>& headers);
 // The shape InstallViewOptions installs for this parser (with or without a request body).
 inline unsigned long ViewRequestShape(const ViewResultStreamParser& parser) { return parser.requestBody() ? 1 : 0; }
 

@@ -8,12 +8,12 @@
 namespace qz::impl {
 
 // OpenSSL version number found in libcurl's version text at initialisation (0 = unknown).
-HTTPTOOLS_API int GetCurlOpenSSLVersion();
+int GetCurlOpenSSLVersion();
 // Finds the "openssl/x.y.z" piece of a libcurl version text and parses it; 0 when absent.
-HTTPTOOLS_API int FindOpenSSLVersionInCurlVersion(const char* curlVersionText);
+int FindOpenSSLVersionInCurlVersion(const char* curlVersionText);
 // The process-wide periodic updater; null while the library is not initialised.
-HTTPTOOLS_API qzThreadPeriodicalUpdater* GetPeriodicalUpdater();
+qzThreadPeriodicalUpdater* GetPeriodicalUpdater();
 // Replaces the version text used by the next first initialisation (null: libcurl's own).
-HTTPTOOLS_API void SetCurlVersionTextForTest(const char* text);
+void SetCurlVersionTextForTest(const char* text);
 
 } // namespace qz::impl

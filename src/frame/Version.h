@@ -1,5 +1,6 @@
 #pragma once
 
+#include <HttpTools/HttpToolsVersion.h>
 #include <HttpTools/platform/Export.h>
 
 namespace HttpTools {

@@ -45,17 +45,17 @@ struct ResolvedParameters {
 
 // Fills `out` (its strings' buffers are reused). Logs the invalid manual proxy line when that
 // case arises.
-HTTPTOOLS_API void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
-                                               HttpProxyFinder& proxyFinder, ResolvedParameters& out);
+void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
+                                 HttpProxyFinder& proxyFinder, ResolvedParameters& out);
 // Sets every option of `r` on the handle; returns the OR of the setopt results.
-HTTPTOOLS_API int ApplyResolvedParameters(CURL* handle, const ResolvedParameters& r);
+int ApplyResolvedParameters(CURL* handle, const ResolvedParameters& r);
 
 // The libcurl values of two policies, after the process-wide defaults are applied.
-HTTPTOOLS_API bool ResolveVerifyPeer(SSLValidatePolicy policy);
-HTTPTOOLS_API long ResolveIpResolve(HostNameResolutionPolicy policy);
+bool ResolveVerifyPeer(SSLValidatePolicy policy);
+long ResolveIpResolve(HostNameResolutionPolicy policy);
 
 // Text of a failed body-size limit, shared by every writer that enforces maxBodyBytes.
-HTTPTOOLS_API std::string BodyLimitMessage(long long maxBodyBytes);
+std::string BodyLimitMessage(long long maxBodyBytes);
 
 // A request body sent from memory. install() makes it the handle's read and seek source; the
 // same reader serves every set-up callback of the library, so a rewind always reaches the body
@@ -78,7 +78,7 @@ struct CurlSlistDeleter {
   void operator()(curl_slist* l) const { curl_slist_free_all(l); }
 };
 
-class HttpConnection::HttpConnectionPrivate {
+class HTTPTOOLS_HIDDEN HttpConnection::HttpConnectionPrivate {
 public:
   HttpProxyFinder proxyFinder;
   ConnectionParameters parameters;

@@ -113,8 +113,18 @@ HashType AlgToHashType(Alg a) {
   }
 }
 
+namespace {
+std::string AlgName(Alg alg) { return AlgToString(alg).empty() ? "alg " + std::to_string(int(alg)) : AlgToString(alg); }
+
+bool Fail(std::string* error, const std::string& why) {
+  if (error)
+    *error = why;
+  return false;
+}
+} // namespace
+
 bool BuildJwtSigningInput(qzVariantMapImpl& claims, Alg alg, const std::string& kid, int headerClaims,
-                          std::string& input) {
+                          std::string& input, std::string* error) {
   qzVariantMapImpl header;
   header["typ"] = "JWT";
   header["alg"] = AlgToString(alg);
@@ -131,11 +141,11 @@ bool BuildJwtSigningInput(qzVariantMapImpl& claims, Alg alg, const std::string& 
   std::string json, headerSegment;
   if (!json::Json2Variant::Convert(header, json, false) ||
       !base64Encode(json.data(), json.size(), headerSegment, B64_UrlSafeNoPad))
-    return false;
+    return Fail(error, "the header cannot be encoded");
 
   auto expIt = claims.find("exp");
   if (expIt == claims.end())
-    return false;
+    return Fail(error, "the claims have no \"exp\"");
   int64_t iat;
   auto iatIt = claims.find("iat");
   if (iatIt == claims.end()) {
@@ -148,7 +158,7 @@ bool BuildJwtSigningInput(qzVariantMapImpl& claims, Alg alg, const std::string& 
   // iat <= exp <= iat + 24 h, written so that no extreme value overflows.
   if (exp < iat || uint64_t(exp) - uint64_t(iat) > uint64_t(kMaxLifetime)) {
     qzLogObject(qzLog::Warning, "jwt") << "Exp should be in range now + ]0;24h]";
-    return false;
+    return Fail(error, "\"exp\" must lie between \"iat\" and 24 h after it");
   }
   if (claims.find("nbf") == claims.end())
     claims["nbf"] = iat;
@@ -156,7 +166,7 @@ bool BuildJwtSigningInput(qzVariantMapImpl& claims, Alg alg, const std::string& 
   std::string claimsSegment;
   if (!json::Json2Variant::Convert(claims, json, false) ||
       !base64Encode(json.data(), json.size(), claimsSegment, B64_UrlSafeNoPad))
-    return false;
+    return Fail(error, "the claims cannot be written as JSON");
   input.reserve(headerSegment.size() + 1 + claimsSegment.size());
   input = headerSegment;
   input += '.';
@@ -166,19 +176,24 @@ bool BuildJwtSigningInput(qzVariantMapImpl& claims, Alg alg, const std::string& 
 
 bool CreateHashedJwt(qzVariantMapImpl& claims, const std::string& secret, Alg alg, std::string& token,
                      int headerClaims) {
-  if (secret.empty() || (alg & ~AlgHmacMask))
-    return false;
+  return CreateHashedJwt(claims, secret, alg, token, headerClaims, nullptr);
+}
+
+bool CreateHashedJwt(qzVariantMapImpl& claims, const std::string& secret, Alg alg, std::string& token, int headerClaims,
+                     std::string* error) {
   const HashType hash = AlgToHashType(alg);
-  if (hash == HT_None)
-    return false;
+  if ((alg & ~AlgHmacMask) || hash == HT_None)
+    return Fail(error, AlgName(alg) + " is not an HMAC algorithm (HS256, HS384, HS512)");
+  if (secret.empty())
+    return Fail(error, "the secret is empty");
   std::string input;
-  if (!BuildJwtSigningInput(claims, alg, {}, headerClaims, input))
+  if (!BuildJwtSigningInput(claims, alg, {}, headerClaims, input, error))
     return false;
   std::vector<char> mac;
   std::string macSegment;
   if (!ComputeHmac(hash, secret.data(), secret.size(), input.data(), input.size(), mac) ||
       !base64Encode(mac.data(), mac.size(), macSegment, B64_UrlSafeNoPad))
-    return false;
+    return Fail(error, "the HMAC cannot be computed");
   input += '.';
   input += macSegment;
   token = std::move(input);
@@ -199,19 +214,30 @@ bool keyFitsAlg(const AsymmetricKey& key, Alg alg) {
 } // namespace
 
 bool CreateSignedJwt(qzVariantMapImpl& claims, AsymmetricKey& key, Alg alg, std::string& token, int headerClaims) {
-  if (!key.canSign() || (alg & ~AlgAsymmetricMask))
-    return false;
+  return CreateSignedJwt(claims, key, alg, token, headerClaims, nullptr);
+}
+
+bool CreateSignedJwt(qzVariantMapImpl& claims, AsymmetricKey& key, Alg alg, std::string& token, int headerClaims,
+                     std::string* error) {
   const HashType hash = AlgToHashType(alg);
-  if (hash == HT_None || !keyFitsAlg(key, alg))
-    return false;
+  if ((alg & ~AlgAsymmetricMask) || hash == HT_None)
+    return Fail(error, AlgName(alg) + " is not a signature algorithm (RS256/384/512, ES256/384/512)");
+  if (!key.canSign())
+    return Fail(error, "the key cannot sign (a public key?)");
+  if (!keyFitsAlg(key, alg))
+    return Fail(error, AlgToString(alg) + (alg & (RS256 | RS384 | RS512)
+                                               ? " needs an RSA key"
+                                               : " needs an EC key on " + std::string(alg == ES256   ? "P-256"
+                                                                                      : alg == ES384 ? "P-384"
+                                                                                                     : "P-521")));
   std::string input;
-  if (!BuildJwtSigningInput(claims, alg, key.getKeyId(), headerClaims, input))
+  if (!BuildJwtSigningInput(claims, alg, key.getKeyId(), headerClaims, input, error))
     return false;
   std::vector<char> signature;
   std::string signatureSegment;
   if (!SignDigestAsymmetric(signature, input.data(), input.size(), key, hash, nullptr) ||
       !base64Encode(signature.data(), signature.size(), signatureSegment, B64_UrlSafeNoPad))
-    return false;
+    return Fail(error, "signing failed");
   input += '.';
   input += signatureSegment;
   token = std::move(input);

@@ -62,4 +62,12 @@ HTTPTOOLS_API bool CreateHashedJwt(qzVariantMapImpl& claims, const std::string& 
 HTTPTOOLS_API bool CreateSignedJwt(qzVariantMapImpl& claims, AsymmetricKey& key, Alg alg, std::string& token,
                                    int headerClaims = 0);
 
+// The same two writers, saying in `*error` (when not null) why no token was made: an algorithm
+// of the wrong family, a key that cannot sign or does not fit the algorithm, an empty secret, a
+// missing "exp" or one outside the 24 h window.
+HTTPTOOLS_API bool CreateHashedJwt(qzVariantMapImpl& claims, const std::string& secret, Alg alg, std::string& token,
+                                   int headerClaims, std::string* error);
+HTTPTOOLS_API bool CreateSignedJwt(qzVariantMapImpl& claims, AsymmetricKey& key, Alg alg, std::string& token,
+                                   int headerClaims, std::string* error);
+
 } // namespace qz::jwt

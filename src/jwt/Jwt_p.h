@@ -10,7 +10,8 @@ namespace qz::jwt {
 qzOpenSSL::HashType AlgToHashType(Alg a);
 
 // header-segment "." claims-segment; completes "iat"/"nbf" in `claims` (see CreateHashedJwt).
+// `error` (may be null) says why it failed.
 bool BuildJwtSigningInput(qzVariantMapImpl& claims, Alg alg, const std::string& kid, int headerClaims,
-                          std::string& input);
+                          std::string& input, std::string* error = nullptr);
 
 } // namespace qz::jwt

@@ -13,7 +13,7 @@
 
 namespace qz::jwt {
 
-class KeyStore::KeyStorePrivate {
+class HTTPTOOLS_HIDDEN KeyStore::KeyStorePrivate {
 public:
   static constexpr int64_t LifetimeSec = 43200;
 

@@ -28,6 +28,10 @@ public:
   static constexpr int64_t Leeway = 120;
 
   Verifier() = default;
+  // The configuration of setClientInfo in one step: Verifier verifier(qz::jwt::ES256, &keys).
+  Verifier(int algMask, KeyProvider* provider, const std::string& secret = std::string()) {
+    setClientInfo(secret, provider, algMask);
+  }
   ~Verifier();
   Verifier(const Verifier&) = delete;
   Verifier& operator=(const Verifier&) = delete;

@@ -1,5 +1,7 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 
+#include <HttpTools/platform/qzSystemUtils_p.h>
+
 #include <openssl/rand.h>
 
 #include <atomic>
@@ -10,8 +12,8 @@
 namespace qz {
 
 namespace {
-std::atomic<qzSystemUtils::ClockHook> gMonoHook{nullptr};
-std::atomic<qzSystemUtils::ClockHook> gEpochHook{nullptr};
+std::atomic<impl::ClockHook> gMonoHook{nullptr};
+std::atomic<impl::ClockHook> gEpochHook{nullptr};
 } // namespace
 
 int64_t qzSystemUtils::GetTimeBaseMs() {
@@ -43,7 +45,7 @@ bool qzSystemUtils::Rand(char* buf, size_t len) {
   return true;
 }
 
-void qzSystemUtils::SetTimeBaseMsHook(ClockHook hook) { gMonoHook.store(hook, std::memory_order_release); }
-void qzSystemUtils::SetEpochSecHook(ClockHook hook) { gEpochHook.store(hook, std::memory_order_release); }
+void impl::SetTimeBaseMsHook(ClockHook hook) { gMonoHook.store(hook, std::memory_order_release); }
+void impl::SetEpochSecHook(ClockHook hook) { gEpochHook.store(hook, std::memory_order_release); }
 
 } // namespace qz

@@ -16,12 +16,6 @@ public:
   static int64_t GetSecElapsedSinceEpoch();
   // Cryptographically strong random bytes; false if the generator failed (buf is then zeroed).
   static bool Rand(char* buf, size_t len);
-
-  // Test hooks: replace the monotonic clock (milliseconds) or the wall clock (seconds).
-  // A null hook restores the system clock.
-  using ClockHook = int64_t (*)();
-  static void SetTimeBaseMsHook(ClockHook hook);
-  static void SetEpochSecHook(ClockHook hook);
 };
 
 } // namespace qz

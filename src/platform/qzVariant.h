@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -26,10 +27,19 @@ public:
   qzVariant(unsigned v) : m_v(int64_t(v)) {}
   qzVariant(long v) : m_v(int64_t(v)) {}
   qzVariant(long long v) : m_v(int64_t(v)) {}
+  // uint64_t and size_t: values above the int64 range are kept as doubles.
+  qzVariant(unsigned long v) : qzVariant(static_cast<unsigned long long>(v)) {}
+  qzVariant(unsigned long long v) {
+    if (v <= static_cast<unsigned long long>(INT64_MAX))
+      m_v = int64_t(v);
+    else
+      m_v = double(v);
+  }
   qzVariant(double v) : m_v(v) {}
   qzVariant(const std::string& v) : m_v(v) {}
   qzVariant(std::string&& v) : m_v(std::move(v)) {}
   qzVariant(const char* v) : m_v(std::string(v ? v : "")) {}
+  qzVariant(std::string_view v) : m_v(std::string(v)) {}
   qzVariant(const qzVariantMapImpl& v) : m_v(v) {}
   qzVariant(qzVariantMapImpl&& v) : m_v(std::move(v)) {}
   qzVariant(const qzVariantListImpl& v) : m_v(v) {}

@@ -15,7 +15,7 @@ namespace qz::url_impl {
 
 // True when every field holds the same value, the IP address byte for byte (port included):
 // a copy of one would not change the other. Stricter than Url::operator==.
-HTTPTOOLS_API bool IsSameUrlValue(const Url& a, const Url& b);
+bool IsSameUrlValue(const Url& a, const Url& b);
 
 inline const std::string kKeyValueSeparator = "=";
 inline const std::string kItemSeparator = "&";

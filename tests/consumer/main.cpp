@@ -4,11 +4,17 @@
 #include <cstdio>
 #include <cstring>
 
+static_assert(HTTPTOOLS_VERSION_MAJOR == 3 && HTTPTOOLS_VERSION_NUMBER >= 0x03000000, "version header");
+
 int main() {
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   int rc = 0;
+  // The headers and the library loaded at run time are of one version.
   if (!qz::IsHttpToolsInitialized() ||
-      std::strcmp(HttpTools::Version::GetDescStringMajorMinorReleaseRevisionDate(), "3.0.0.17 2022-7") != 0)
+      std::strcmp(HttpTools::Version::GetDescStringMajorMinorReleaseRevisionDate(), HTTPTOOLS_VERSION_DESCRIPTION) !=
+          0 ||
+      HttpTools::Version::GetMajor() != HTTPTOOLS_VERSION_MAJOR ||
+      HttpTools::Version::GetRevision() != HTTPTOOLS_VERSION_REVISION)
     rc = 1;
   qz::qzVariantMapImpl doc;
   std::string text;

@@ -3,6 +3,7 @@
 #include <HttpTools/frame/HttpToolsLib_p.h>
 #include <HttpTools/http/HttpHelpers.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzSystemUtils_p.h>
 
 #include "support/LogCapture.h"
 #include "support/TestHttpServer.h"
@@ -22,9 +23,9 @@ namespace {
 struct FakeClock {
   static inline std::atomic<int64_t> now{1000000};
   FakeClock() {
-    qz::qzSystemUtils::SetTimeBaseMsHook([] { return now.load(); });
+    qz::impl::SetTimeBaseMsHook([] { return now.load(); });
   }
-  ~FakeClock() { qz::qzSystemUtils::SetTimeBaseMsHook(nullptr); }
+  ~FakeClock() { qz::impl::SetTimeBaseMsHook(nullptr); }
   void advance(int64_t ms) { now += ms; }
 };
 

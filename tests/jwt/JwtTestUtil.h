@@ -5,6 +5,7 @@
 #include <HttpTools/jwt/Jwt.h>
 #include <HttpTools/jwt/KeyProvider.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzSystemUtils_p.h>
 
 #include <gtest/gtest.h>
 
@@ -34,9 +35,9 @@ struct FixedClock {
   static inline int64_t now = 0;
   explicit FixedClock(int64_t t) {
     now = t;
-    qzSystemUtils::SetEpochSecHook([] { return now; });
+    qz::impl::SetEpochSecHook([] { return now; });
   }
-  ~FixedClock() { qzSystemUtils::SetEpochSecHook(nullptr); }
+  ~FixedClock() { qz::impl::SetEpochSecHook(nullptr); }
 };
 
 // Hands out the key registered under the token's key id, whatever the algorithm, and records

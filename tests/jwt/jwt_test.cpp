@@ -12,6 +12,7 @@
 #include <cctype>
 #include <optional>
 #include <set>
+#include <tuple>
 
 using namespace jwttest;
 
@@ -131,8 +132,11 @@ TEST(CreateHashedJwt, ExpiryWithin24HoursOfIssue) {
     qzVariantMapImpl claims{{"iat", iat}};
     if (exp)
       claims["exp"] = *exp;
-    std::string token = "untouched";
-    EXPECT_EQ(CreateHashedJwt(claims, "k", HS256, token, 0), ok) << exp.value_or(0);
+    std::string token = "untouched", error;
+    EXPECT_EQ(CreateHashedJwt(claims, "k", HS256, token, 0, &error), ok) << exp.value_or(0);
+    EXPECT_EQ(error, ok    ? ""
+                     : exp ? "\"exp\" must lie between \"iat\" and 24 h after it"
+                           : "the claims have no \"exp\"");
     const bool warns = exp && !ok; // a missing expiry fails silently
     EXPECT_EQ(cap.has("jwt", "Exp should be in range now + ]0;24h]"), warns) << exp.value_or(0);
     if (warns) {
@@ -146,12 +150,18 @@ TEST(CreateHashedJwt, ExpiryWithin24HoursOfIssue) {
 }
 
 TEST(CreateHashedJwt, RefusesNonHmacAlgorithmsAndAnEmptySecret) {
-  for (int alg : {int(RS256), int(ES256), HS256 | HS384, HS256 | RS256, 0, 8, int(HS256)}) {
+  const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)";
+  const std::pair<int, std::string> rows[] = {
+      {RS256, "RS256" + notHmac},     {ES256, "ES256" + notHmac}, {HS256 | HS384, "alg 48" + notHmac},
+      {0, "alg 0" + notHmac},         {8, "alg 8" + notHmac},     {HS256 | RS256, "alg 144" + notHmac},
+      {HS256, "the secret is empty"}, // HS256 itself is refused for its empty secret
+  };
+  for (const auto& [alg, why] : rows) {
     qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}};
-    std::string token;
-    // HS256 itself is refused for its empty secret.
-    EXPECT_FALSE(CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0)) << alg;
+    std::string token, error;
+    EXPECT_FALSE(CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0, &error)) << alg;
     EXPECT_TRUE(token.empty());
+    EXPECT_EQ(error, why);
   }
 }
 
@@ -169,14 +179,25 @@ TEST(CreateSignedJwt, KidAndKeyFamilyChecks) {
   EXPECT_EQ(segment(token, 0).count("kid"), 0u);
   EXPECT_EQ(unb64(token.substr(token.rfind('.') + 1)).size(), 64u); // R||S, not DER
 
-  const std::pair<AsymmetricKey*, int> bad[] = {{rsa.get(), HS256}, {rsa.get(), RS256 | RS384}, {rsa.get(), 0},
-                                                {rsa.get(), ES256}, {ec.get(), RS256},          {ec.get(), ES384},
-                                                {ec.get(), ES512},  {ecPub.get(), ES256},       {rsa.get(), 1 << 20}};
-  for (const auto& [key, alg] : bad) {
+  const std::string notSigning = " is not a signature algorithm (RS256/384/512, ES256/384/512)";
+  const std::tuple<AsymmetricKey*, int, std::string> bad[] = {
+      {rsa.get(), HS256, "HS256" + notSigning},
+      {rsa.get(), RS256 | RS384, "alg 384" + notSigning},
+      {rsa.get(), 0, "alg 0" + notSigning},
+      {rsa.get(), 1 << 20, "alg 1048576" + notSigning},
+      {rsa.get(), ES256, "ES256 needs an EC key on P-256"},
+      {ec.get(), RS256, "RS256 needs an RSA key"},
+      {ec.get(), ES384, "ES384 needs an EC key on P-384"},
+      {ec.get(), ES512, "ES512 needs an EC key on P-521"},
+      {ecPub.get(), ES256, "the key cannot sign (a public key?)"},
+  };
+  for (const auto& [key, alg, why] : bad) {
     claims = base;
     token.clear();
-    EXPECT_FALSE(CreateSignedJwt(claims, *key, Alg(alg), token, 0)) << alg;
+    std::string error;
+    EXPECT_FALSE(CreateSignedJwt(claims, *key, Alg(alg), token, 0, &error)) << alg;
     EXPECT_TRUE(token.empty());
+    EXPECT_EQ(error, why);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzSystemUtils_p.h>
 #include <HttpTools/url/Url.h>
 
 #include "support/LogCapture.h"
@@ -72,11 +73,11 @@ protected:
     qz::terminateHttpTools();
   }
   void SetUp() override {
-    qzSystemUtils::SetTimeBaseMsHook(fakeNow);
+    qz::impl::SetTimeBaseMsHook(fakeNow);
     sServer->resetCounters();
     serve(200, R"({"keys":[]})");
   }
-  void TearDown() override { qzSystemUtils::SetTimeBaseMsHook(nullptr); }
+  void TearDown() override { qz::impl::SetTimeBaseMsHook(nullptr); }
 
   static void serve(int status, const std::string& body) {
     std::lock_guard lock(sMutex);

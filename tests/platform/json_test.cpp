@@ -99,6 +99,25 @@ TEST(JsonStreamer, ReportsAFailingDevice) {
   EXPECT_FALSE(s.good());
 }
 
+// Unsigned 64-bit counts and string views build variants without casts or ambiguity.
+TEST(Variant, UnsignedAndStringViewConstructors) {
+  const uint64_t big = uint64_t(INT64_MAX) + 1;
+  const std::string_view view = std::string_view("abcdef").substr(1, 3);
+  const qzVariantMapImpl doc{{"size", std::vector<int>(3).size()},
+                             {"max", uint64_t(INT64_MAX)},
+                             {"big", big},
+                             {"view", view},
+                             {"literal", "lit"}};
+  EXPECT_TRUE(doc.at("size").isInt64());
+  EXPECT_EQ(doc.at("max").toInt64(), INT64_MAX);
+  EXPECT_TRUE(doc.at("big").isDouble()); // beyond int64: kept as the nearest double
+  EXPECT_EQ(doc.at("big").toDouble(), 9223372036854775808.0);
+  EXPECT_EQ(doc.at("view").toString(), "bcd");
+  std::string text;
+  ASSERT_TRUE(Json2Variant::Convert(doc, text, false));
+  EXPECT_EQ(text, R"({"big":9223372036854776000.0,"literal":"lit","max":9223372036854775807,"size":3,"view":"bcd"})");
+}
+
 TEST(Variant, ConversionsNeverThrow) {
   bool ok = true;
   EXPECT_EQ(qzVariant("12").toInt64(), 12);

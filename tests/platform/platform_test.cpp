@@ -3,6 +3,7 @@
 #include <HttpTools/platform/qzOpenSSL.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzSystemUtils_p.h>
 #include <HttpTools/platform/qzThread.h>
 
 #include "support/LogCapture.h"
@@ -167,10 +168,10 @@ TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
 int64_t fakeNow() { return 123456; }
 
 TEST(SystemUtils, ClockHooksReplaceAndRestoreTheClock) {
-  qz::qzSystemUtils::SetTimeBaseMsHook(fakeNow);
+  qz::impl::SetTimeBaseMsHook(fakeNow);
   EXPECT_EQ(qz::qzSystemUtils::GetTimeBaseMs(), 123456);
   EXPECT_EQ(qz::qzSystemUtils::GetTimeBaseSec(), 123);
-  qz::qzSystemUtils::SetTimeBaseMsHook(nullptr);
+  qz::impl::SetTimeBaseMsHook(nullptr);
   EXPECT_NE(qz::qzSystemUtils::GetTimeBaseMs(), 123456);
   EXPECT_GT(qz::qzSystemUtils::GetSecElapsedSinceEpoch(), 1600000000);
   char a[32] = {}, b[32] = {};

@@ -1,5 +1,6 @@
-// The httptools HTTP commands, run as a separate process against the in-process server: exit
-// codes, what goes to stdout, stderr and -o, and what the server receives.
+// The httptools program run as a separate process, as a user runs it: exit codes, what goes to
+// stdout, stderr and -o, and what the server receives.
+#include "support/NginxFixture.h"
 #include "support/Process.h"
 #include "support/TestHttpServer.h"
 
@@ -17,6 +18,7 @@
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -31,6 +33,13 @@ Outcome RunTool(std::vector<std::string> args, const std::string& input = "") {
   Outcome o;
   o.code = qztest::RunProgram(args, input, o.out, o.err);
   return o;
+}
+
+std::string Joined(const std::vector<std::string>& args) {
+  std::string s;
+  for (const std::string& a : args)
+    s += (s.empty() ? "" : " ") + a;
+  return s;
 }
 
 class Tool : public testing::Test {
@@ -67,7 +76,57 @@ private:
   std::vector<std::string> m_files;
 };
 
-// Each method: what the server gets and what the tool prints.
+// Every command and group answers --help on stdout with exit 0; nothing is taken for an argument.
+TEST_F(Tool, HelpAndVersion) {
+  const std::vector<std::vector<std::string>> commands{
+      {"get"},         {"head"},          {"put"},           {"post"},  {"delete"},        {"url"},     {"jwt"},
+      {"jwt", "sign"}, {"jwt", "verify"}, {"jwt", "decode"}, {"couch"}, {"couch", "view"}, {"version"}, {}};
+  for (std::vector<std::string> args : commands) {
+    const std::string usage = "Usage: httptools" + (args.empty() ? "" : " " + Joined(args));
+    args.push_back("--help");
+    const Outcome o = RunTool(args);
+    EXPECT_EQ(o.code, 0) << Joined(args) << ": " << o.err;
+    EXPECT_THAT(o.out, HasSubstr(usage)) << Joined(args);
+    EXPECT_THAT(o.err, IsEmpty()) << Joined(args);
+  }
+  const Outcome v = RunTool({"--version"});
+  EXPECT_EQ(v.code, 0);
+  EXPECT_THAT(v.out, AllOf(StartsWith("HttpTools 3.0.0.17 2022-7\n"), HasSubstr("libcurl/"), HasSubstr("OpenSSL")));
+}
+
+// Usage errors exit 2 with a message on stderr and nothing on stdout, before any request.
+TEST_F(Tool, UsageErrorsExitTwo) {
+  const std::string echo = srv.url("/echo");
+  const std::vector<std::vector<std::string>> cases{
+      {},
+      {"nonsense"},
+      {"get"},
+      {"get", echo, "extra"},
+      {"get", "--expect", "abc", echo},
+      {"get", "--expect", "99", echo},
+      {"get", "--expect", "600", echo},
+      {"get", "--no-such-option", echo},
+      {"get", "http://[zz/"},
+      {"post", "-d", "x", "--json", "{}", echo},
+      {"jwt"},
+      {"jwt", "sign", "--alg", "HS256", "{}"},
+      {"jwt", "sign", "--alg", "HS999", "--secret", "s", "{}"},
+      {"jwt", "sign", "--alg", "HS256", "--secret", "s", "--key", "/no/such.pem", "{}"},
+      {"jwt", "verify", "--secret", "s", "--algs", "HS256,XX1", "t"},
+      {"url"},
+      {"couch", "view", srv.url("/db"), "design-without-view"},
+      {"couch", "view", "not a url"},
+  };
+  for (const auto& args : cases) {
+    const Outcome o = RunTool(args);
+    EXPECT_EQ(o.code, 2) << Joined(args) << ": " << o.err;
+    EXPECT_THAT(o.err, Not(IsEmpty())) << Joined(args);
+    EXPECT_THAT(o.out, IsEmpty()) << Joined(args);
+  }
+  EXPECT_EQ(srv.requestCount(), 0u);
+}
+
+// Each method and body form: what the server gets and what the tool prints.
 TEST_F(Tool, MethodsSendBodiesAndHeaders) {
   const std::string bodyFile = file("body", "from-file");
   struct Case {
@@ -75,50 +134,67 @@ TEST_F(Tool, MethodsSendBodiesAndHeaders) {
     std::string input;
     const char* method;
     const char* body;
-    testing::Matcher<std::string> out;
+    const char* contentType;
   };
   const std::string echo = srv.url("/echo");
   const std::vector<Case> cases{
-      {{"get", "-H", "X-One: 1", "-H", "X-Two: 2", echo},
-       "",
-       "GET",
-       "",
-       AllOf(StartsWith("GET\n"), HasSubstr("X-Two: 2"))},
-      {{"delete", echo}, "", "DELETE", "", StartsWith("DELETE\n")},
-      {{"put", "-d", bodyFile, echo}, "", "PUT", "from-file", HasSubstr("\n\nfrom-file")},
-      {{"put", echo}, "from-stdin", "PUT", "from-stdin", HasSubstr("from-stdin")},
-      {{"post", "-d", "-", "-H", "Content-Type: application/json", echo}, "{}", "POST", "{}", HasSubstr("{}")},
-      {{"head", srv.url("/headers")}, "", "HEAD", "", AllOf(StartsWith("HTTP 200\n"), HasSubstr("x-one: 1\n"))},
+      {{"get", "-H", "X-One: 1", "--header", "X-Two: 2", echo}, "", "GET", "", nullptr},
+      {{"delete", echo}, "", "DELETE", "", nullptr},
+      {{"put", "-d", "inline text", echo}, "", "PUT", "inline text", "application/octet-stream"},
+      {{"put", "-d", "@" + bodyFile, echo}, "", "PUT", "from-file", nullptr},
+      {{"post", "--data", "@-", "-H", "Content-Type: text/csv", echo}, "a,b\n", "POST", "a,b\n", "text/csv"},
+      {{"post", "--json", R"({"a":1})", echo}, "", "POST", R"({"a":1})", "application/json"},
+      {{"put", "--json", "@-", echo}, "[2]", "PUT", "[2]", "application/json"},
+      {{"put", echo}, "ignored", "PUT", "", nullptr},
   };
   for (const Case& c : cases) {
     const Outcome o = RunTool(c.args, c.input);
-    EXPECT_EQ(o.code, 0) << c.method << ": " << o.err;
-    EXPECT_THAT(o.out, c.out) << c.method;
-    EXPECT_THAT(o.err, IsEmpty()) << c.method; // no terminal, so no progress line
+    EXPECT_EQ(o.code, 0) << Joined(c.args) << ": " << o.err;
+    EXPECT_THAT(o.out, AllOf(StartsWith(std::string(c.method) + "\n"), HasSubstr(std::string("\n\n") + c.body)))
+        << Joined(c.args);
+    EXPECT_THAT(o.err, IsEmpty()) << Joined(c.args); // no terminal, so no progress line
     const auto req = srv.lastRequest();
     EXPECT_EQ(req.method, c.method);
-    EXPECT_EQ(req.body, c.body) << c.method;
+    EXPECT_EQ(req.body, c.body) << Joined(c.args);
+    if (c.contentType) {
+      EXPECT_EQ(req.header("Content-Type"), c.contentType) << Joined(c.args);
+    }
+    // --json also asks for JSON back, as curl's does.
+    EXPECT_EQ(req.header("Accept") == "application/json", c.args[1] == "--json") << Joined(c.args);
   }
   const auto requests = srv.requests();
   ASSERT_FALSE(requests.empty());
   EXPECT_EQ(requests.front().header("X-One"), "1");
   EXPECT_EQ(requests.front().header("X-Two"), "2");
-  EXPECT_EQ(requests[requests.size() - 2].header("Content-Type"), "application/json");
+
+  const Outcome head = RunTool({"head", srv.url("/headers")});
+  EXPECT_EQ(head.code, 0) << head.err;
+  EXPECT_THAT(head.out, AllOf(StartsWith("HTTP 200\n"), HasSubstr("x-one: 1\n")));
 }
 
-TEST_F(Tool, OutputFileTakesTheBody) {
+TEST_F(Tool, OutputFileWriteOutAndVerbose) {
   const std::string out = file("out");
-  const Outcome o = RunTool({"get", "-o", out, srv.url("/bytes?n=70000")});
+  Outcome o = RunTool({"get", "-o", out, "-w", R"(%{http_code} %{size_download} %%\n)", srv.url("/bytes?n=70000")});
   EXPECT_EQ(o.code, 0) << o.err;
-  EXPECT_THAT(o.out, IsEmpty());
+  EXPECT_EQ(o.out, "200 70000 %\n"); // -w goes to stdout, the body to the file
   const std::string body = read(out);
   ASSERT_EQ(body.size(), 70000u);
   EXPECT_EQ(body.substr(0, 3), "abc");
+
+  o = RunTool({"put", "-s", "-w", "%{http_code}:%{size_upload}:%{exitcode}", "-d", "12345", srv.url("/status/409")});
+  EXPECT_EQ(o.code, 22);
+  EXPECT_EQ(o.out, "status 409409:5:22");
+  EXPECT_THAT(o.err, IsEmpty()); // -s: no message
+
+  o = RunTool({"get", "-v", srv.url("/echo")});
+  EXPECT_EQ(o.code, 0);
+  EXPECT_THAT(o.err, AllOf(HasSubstr("> GET /echo HTTP/1.1\n"), HasSubstr("> Host: 127.0.0.1:"),
+                           HasSubstr("< HTTP/1.1 200 OK\n"), Not(HasSubstr("DataIn"))));
 }
 
-// Failures: a non-zero code and one line saying why on stderr; stdout has what the server
-// answered, if anything.
-TEST_F(Tool, FailuresExitNonZeroWithTheReason) {
+// Failures: curl's exit code for the cause and one line saying why on stderr; stdout has what
+// the server answered, if anything.
+TEST_F(Tool, FailuresExitWithCurlsCodes) {
   struct Case {
     std::vector<std::string> args;
     int code;
@@ -127,30 +203,102 @@ TEST_F(Tool, FailuresExitNonZeroWithTheReason) {
   };
   const std::vector<Case> cases{
       {{"get", srv.url("/status/404")},
-       1,
-       StartsWith("httptools: get failed: HttpConnection error : bad html response code, got 404, expect 200 "),
+       22,
+       StartsWith("httptools get: HTTP status 404 from http://127.0.0.1:"),
        "status 404"},
-      {{"put", srv.url("/status/500")},
-       1,
-       HasSubstr("httptools: put failed: HTTP status 500 from http://"),
-       "status 500"},
-      {{"put", "--expect", "201", srv.url("/status/200")},
-       1,
-       HasSubstr("bad html response code, got 200, expect 201"),
-       "status 200"},
+      {{"put", srv.url("/status/500")}, 22, HasSubstr("HTTP status 500 from http://"), "status 500"},
+      {{"put", "--expect", "201", srv.url("/status/200")}, 22, HasSubstr(", expected 201\n"), "status 200"},
       {{"put", "--expect", "201", srv.url("/status/201")}, 0, IsEmpty(), "status 201"},
-      {{"get", "http://127.0.0.1:1/"}, 1, AllOf(StartsWith("httptools: get failed: "), HasSubstr("Curl error : 7 ("))},
-      {{"get", "http://[zz/"}, 1, StartsWith("httptools: invalid URL 'http://[zz/' fail to parse uri")},
-      {{"post", "-d", "/no/such/file", srv.url("/echo")}, 1, HasSubstr("httptools: cannot read /no/such/file")},
-      {{"get", "-o", "/no/such/dir/out", srv.url("/echo")}, 1, HasSubstr("httptools: cannot write /no/such/dir/out")},
-      {{"get"}, 2, HasSubstr("usage: httptools")},
-      {{"get", srv.url("/echo"), "extra"}, 2, HasSubstr("unexpected argument 'extra'")},
+      {{"delete", "--expect", "409", srv.url("/status/409")}, 0, IsEmpty(), "status 409"},
+      {{"get", "--expect", "409", srv.url("/status/200")}, 22, HasSubstr("expected 409"), "status 200"},
+      {{"post", "--expect", "599", srv.url("/status/599")}, 0, IsEmpty(), "status 599"},
+      {{"get", "-sS", srv.url("/status/503")}, 22, HasSubstr("HTTP status 503"), "status 503"},
+      {{"get", "http://127.0.0.1:1/"}, 7, AllOf(StartsWith("httptools get: "), HasSubstr("Curl error : 7 ("))},
+      {{"get", "-s", "http://127.0.0.1:1/"}, 7, IsEmpty()},
+      {{"get", "http://no-such-host.invalid/"}, 6, HasSubstr("Curl error : 6 (")},
+      {{"get", "--max-time", "0.3", srv.url("/stall?ms=3000")}, 28, HasSubstr("Curl error : 28 (")},
+      {{"post", "-d", "@/no/such/file", srv.url("/echo")}, 1, HasSubstr("httptools post: cannot read /no/such/file")},
+      {{"get", "-o", "/no/such/dir/out", srv.url("/echo")},
+       1,
+       HasSubstr("httptools get: cannot write /no/such/dir/out")},
   };
   for (const Case& c : cases) {
     const Outcome o = RunTool(c.args);
-    EXPECT_EQ(o.code, c.code) << c.args.back() << ": " << o.err;
-    EXPECT_THAT(o.err, c.err) << c.args.back();
-    EXPECT_EQ(o.out, c.out) << c.args.back();
+    EXPECT_EQ(o.code, c.code) << Joined(c.args) << ": " << o.err;
+    EXPECT_THAT(o.err, c.err) << Joined(c.args);
+    EXPECT_EQ(o.out, c.out) << Joined(c.args);
+  }
+}
+
+// jwt: a token signed by one command is checked by the next; refusals say why and exit 1.
+TEST(ToolJwt, SignVerifyDecode) {
+  const Outcome signed_ =
+      RunTool({"jwt", "sign", "--alg", "hs384", "--secret", "s3", "--ttl", "60", R"({"sub":"al"})"});
+  ASSERT_EQ(signed_.code, 0) << signed_.err;
+  const std::string token = signed_.out.substr(0, signed_.out.find('\n'));
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    int code;
+    testing::Matcher<std::string> out, err;
+  };
+  const std::vector<Case> cases{
+      {{"jwt", "verify", "--secret", "s3", token}, "", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
+      {{"jwt", "verify", "--secret", "s3", "-"}, token + "\n", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
+      {{"jwt", "verify", "--secret", "other", token}, "", 1, IsEmpty(), HasSubstr("ignature")},
+      {{"jwt", "verify", "--secret", "s3", "--algs", "HS256,HS512", token}, "", 1, IsEmpty(), Not(IsEmpty())},
+      {{"jwt", "decode", token}, "", 0, AllOf(HasSubstr(R"("alg": "HS384")"), HasSubstr(R"("sub": "al")")), IsEmpty()},
+      {{"jwt", "decode", "a.b"}, "", 1, IsEmpty(), HasSubstr("Malformed jwt")},
+      {{"jwt", "sign", "--alg", "HS256", "--secret", "s", "{}"},
+       "",
+       1,
+       IsEmpty(),
+       HasSubstr("no token: the claims have no \"exp\"")},
+  };
+  for (const Case& c : cases) {
+    const Outcome o = RunTool(c.args, c.input);
+    EXPECT_EQ(o.code, c.code) << Joined(c.args) << ": " << o.err;
+    EXPECT_THAT(o.out, c.out) << Joined(c.args);
+    EXPECT_THAT(o.err, c.err) << Joined(c.args);
+  }
+}
+
+// couch view takes the database URL with or without a trailing slash.
+TEST(ToolCouch, ViewOfADatabaseUrl) {
+  qztest::TestHttpServer server;
+  server.route("GET", "/shop/_design/app/_view/by_city", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(R"({"total_rows":2,"offset":0,"rows":[
+{"id":"o1","key":"Lyon","value":12.5},
+{"id":"o2","key":["Paris",1],"value":{"n":40}}
+]})",
+                    "application/json");
+  });
+  ASSERT_TRUE(server.start()) << server.lastError();
+  for (const std::string& db : {server.url("/shop"), server.url("/shop/")}) {
+    const Outcome o = RunTool({"couch", "view", db, "app", "by_city"});
+    EXPECT_EQ(o.code, 0) << db << ": " << o.err;
+    EXPECT_EQ(o.out, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t{\"n\":40}\n") << db;
+  }
+  const Outcome missing = RunTool({"couch", "view", server.url("/other"), "app", "by_city"});
+  EXPECT_EQ(missing.code, 22) << missing.err;
+  EXPECT_THAT(missing.err, HasSubstr("httptools couch view: "));
+}
+
+// TLS against nginx's self-signed certificate for 127.0.0.1: refused as curl refuses it, taken
+// with -k or with the certificate as the CA file.
+TEST(ToolTls, SelfSignedCertificateOnLoopback) {
+  qztest::NginxFixture nginx;
+  ASSERT_TRUE(nginx.start()) << nginx.lastError();
+  const std::string url = nginx.httpsUrl("/small");
+  Outcome o = RunTool({"get", url});
+  EXPECT_EQ(o.code, 60) << o.err;
+  EXPECT_THAT(o.err, HasSubstr("Curl error : 60 ("));
+  EXPECT_THAT(o.out, IsEmpty());
+  for (const std::vector<std::string>& trusted :
+       {std::vector<std::string>{"get", "-k", url}, {"get", "--cacert", nginx.certificatePath(), url}}) {
+    o = RunTool(trusted);
+    EXPECT_EQ(o.code, 0) << Joined(trusted) << ": " << o.err;
+    EXPECT_EQ(o.out, "ok") << Joined(trusted);
   }
 }
 

@@ -1,0 +1,66 @@
+// Helpers shared by the command groups.
+
+#include "Commands.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+
+namespace httptools {
+
+CLI::App* Group(CLI::App& app, const std::string& name, const std::string& description) {
+  for (CLI::App* sub : app.get_subcommands([&](CLI::App* s) { return s->get_name() == name; }))
+    return sub;
+  CLI::App* group = app.add_subcommand(name, description);
+  group->require_subcommand(1);
+  return group;
+}
+
+bool ReadFile(const std::string& path, std::string& content) {
+  std::ifstream f(path, std::ios::binary);
+  if (!f)
+    return false;
+  std::ostringstream s;
+  s << f.rdbuf();
+  content = s.str();
+  return !f.bad();
+}
+
+bool ReadDataArgument(const std::string& argument, std::string& data, std::string& error) {
+  if (argument == "@-") {
+    data.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    return true;
+  }
+  if (argument.starts_with("@")) {
+    if (!ReadFile(argument.substr(1), data)) {
+      error = "cannot read " + argument.substr(1);
+      return false;
+    }
+    return true;
+  }
+  data = argument;
+  return true;
+}
+
+int ExitCodeOfTransferError(const std::string& error) {
+  static const std::string kCurl = "Curl error : ";
+  const size_t at = error.find(kCurl);
+  if (at == std::string::npos)
+    return kExitFailure;
+  switch (std::atoi(error.c_str() + at + kCurl.size())) {
+  case 6:
+    return kExitResolve;
+  case 7:
+    return kExitConnect;
+  case 28:
+    return kExitTimeout;
+  case 60:
+    return kExitCertificate;
+  default:
+    return kExitFailure;
+  }
+}
+
+} // namespace httptools
