@@ -192,6 +192,24 @@ TEST_F(Tool, OutputFileWriteOutAndVerbose) {
                            HasSubstr("< HTTP/1.1 200 OK\n"), Not(HasSubstr("DataIn"))));
 }
 
+// On a terminal (script(1) gives one), a transfer over a second shows a progress line on stderr;
+// -s hides it.
+TEST_F(Tool, ProgressLineOnATerminal) {
+  const std::string out = file("slow");
+  for (const bool silent : {false, true}) {
+    const std::string command = std::string(HTTPTOOLS_CLI) + " get " + (silent ? "-s " : "") + "-o " + out + " '" +
+                                srv.url("/slow?blocks=14&size=1000&delay=100") + "'";
+    Outcome o;
+    o.code = qztest::RunProgram({"script", "-qec", command, "/dev/null"}, "", o.out, o.err);
+    EXPECT_EQ(o.code, 0) << o.out << o.err;
+    EXPECT_EQ(read(out).size(), 14000u);
+    if (silent)
+      EXPECT_THAT(o.out, Not(HasSubstr("/s"))) << o.out;
+    else
+      EXPECT_THAT(o.out, AllOf(HasSubstr("\r"), HasSubstr(" KiB/s"))) << o.out; // no length announced: no "of"
+  }
+}
+
 // Failures: curl's exit code for the cause and one line saying why on stderr; stdout has what
 // the server answered, if anything.
 TEST_F(Tool, FailuresExitWithCurlsCodes) {
