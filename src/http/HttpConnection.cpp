@@ -227,9 +227,7 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     if (hostIsName && (own == HNRP_PreferIpv6 || own == HNRP_PreferIpv4) &&
         (c == CURLE_COULDNT_RESOLVE_HOST || c == CURLE_PEER_FAILED_VERIFICATION || c == CURLE_SSL_CERTPROBLEM))
       retry = true;
-    d->internalErrorMsg = "Curl easy perform error after " +
-                          qzStringUtils::humanizeDuration(qzSystemUtils::GetTimeBaseMs() - start, 1, true) + ", " +
-                          d->lastUrl.toDisplayableUrl();
+    d->internalErrorMsg = TransferFailedText(qzSystemUtils::GetTimeBaseMs() - start, d->lastUrl);
     return failWithReset(nullptr);
   }
 
@@ -238,8 +236,7 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     d->lastReceivedType = type;
 
   if (expectedHttpCode > 0 && httpCode != expectedHttpCode) {
-    d->internalErrorMsg = "bad html response code, got " + std::to_string(httpCode) + ", expect " +
-                          std::to_string(expectedHttpCode) + " " + d->lastUrl.toDisplayableUrl();
+    d->internalErrorMsg = UnexpectedStatusText(httpCode, expectedHttpCode, d->lastUrl);
     return false;
   }
   if (!expectedContentType.empty() && expectedContentType != d->lastReceivedType) {
@@ -255,17 +252,32 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
 }
 
 std::string HttpConnection::getLastErrorMsg() const {
-  std::string out;
-  if (!d->internalErrorMsg.empty())
-    out += "HttpConnection error : " + d->internalErrorMsg + " ";
-  if (d->lastHttpReturnCode != 0)
-    out += "Http return code " + std::to_string(d->lastHttpReturnCode) + " ";
-  if (d->lastCurlCode != CURLE_OK)
-    out += "Curl error : " + std::to_string(int(d->lastCurlCode)) + " (" + curl_easy_strerror(d->lastCurlCode) + ") ";
   d->errorBuffer[CURL_ERROR_SIZE - 1] = 0;
-  if (d->errorBuffer[0] != 0)
-    out += std::string("Curl internal error : ") + d->errorBuffer;
+  return ComposeErrorMessage(d->internalErrorMsg, long(d->lastHttpReturnCode), d->lastCurlCode, d->errorBuffer);
+}
+
+std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
+                                const char* curlErrorBuffer) {
+  std::string out;
+  if (!internalError.empty())
+    out += "HttpConnection error : " + internalError + " ";
+  if (httpCode != 0)
+    out += "Http return code " + std::to_string(httpCode) + " ";
+  if (code != CURLE_OK)
+    out += "Curl error : " + std::to_string(int(code)) + " (" + curl_easy_strerror(code) + ") ";
+  if (curlErrorBuffer && curlErrorBuffer[0] != 0)
+    out += std::string("Curl internal error : ") + curlErrorBuffer;
   return out;
+}
+
+std::string TransferFailedText(int64_t elapsedMs, const qz::Url& url) {
+  return "Curl easy perform error after " + qzStringUtils::humanizeDuration(elapsedMs, 1, true) + ", " +
+         url.toDisplayableUrl();
+}
+
+std::string UnexpectedStatusText(long got, long expected, const qz::Url& url) {
+  return "bad html response code, got " + std::to_string(got) + ", expect " + std::to_string(expected) + " " +
+         url.toDisplayableUrl();
 }
 
 std::string HttpConnection::getLastReceivedType() const { return d->lastReceivedType; }

@@ -70,6 +70,13 @@ HTTPTOOLS_API bool IsLibrarySetupCallback(HttpConnection::SetupCallback setup);
 HTTPTOOLS_API bool ResolveVerifyPeer(SSLValidatePolicy policy, const qz::Url& target);
 HTTPTOOLS_API long ResolveIpResolve(HostNameResolutionPolicy policy);
 
+// Failure texts, shared with the multi-request engine so that both word a failure alike.
+// ComposeErrorMessage is what getLastErrorMsg gives for these values.
+HTTPTOOLS_API std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
+                                              const char* curlErrorBuffer);
+HTTPTOOLS_API std::string TransferFailedText(int64_t elapsedMs, const qz::Url& url);
+HTTPTOOLS_API std::string UnexpectedStatusText(long got, long expected, const qz::Url& url);
+
 struct CurlEasyDeleter {
   void operator()(CURL* h) const { curl_easy_cleanup(h); }
 };
