@@ -78,6 +78,7 @@ public:
     int multiplexApplied = -1;
     std::unique_ptr<Job> job;
     std::string callbackError; // set when a data callback had to abort the transfer
+    size_t maxBodyBytes = 0;
     char errorBuffer[CURL_ERROR_SIZE] = {};
   };
 
@@ -266,7 +267,11 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
       h.headerLines.clear();
     rc |= set;
   }
-  rc |= curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, r.timeoutMs > 0 ? r.timeoutMs : 0L);
+  // The request's own time-out replaces the parameters' one; set on every request, so the
+  // handle never keeps a previous request's value.
+  const long timeoutMs = r.timeoutMs > 0 ? r.timeoutMs : std::max(0L, parameters.totalTimeoutMs);
+  rc |= curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, timeoutMs);
+  h.maxBodyBytes = parameters.maxBodyBytes;
   rc |= curl_easy_setopt(e, CURLOPT_URL, job.encodedUrl.c_str());
   if (rc != 0 && job.response.errorMessage.empty())
     job.response.errorMessage =
@@ -457,8 +462,13 @@ bool HttpMultiConnection::Private::runCancelled(const bool* cancel) const {
 size_t HttpMultiConnection::Private::onWrite(char* data, size_t size, size_t count, void* user) {
   auto* h = static_cast<Handle*>(user);
   const size_t n = size * count;
+  std::string& body = h->job->response.body;
+  if (h->maxBodyBytes > 0 && body.size() + n > h->maxBodyBytes) {
+    h->callbackError = "response body larger than " + std::to_string(h->maxBodyBytes) + " bytes";
+    return 0;
+  }
   try {
-    h->job->response.body.append(data, n);
+    body.append(data, n);
   } catch (const std::exception& e) {
     h->callbackError = std::string("cannot keep the body: ") + e.what();
     return 0;

@@ -45,7 +45,7 @@ public:
     std::string body;
     long expectedHttpCode = 200; // 0 accepts any status
     std::function<void(Response&)> onFinished;
-    long timeoutMs = 0; // whole transfer, counted from its start; 0 = none
+    long timeoutMs = 0; // whole transfer, counted from its start; 0 = the parameters' totalTimeoutMs
   };
 
   explicit HttpMultiConnection(unsigned maxInFlight = 16);

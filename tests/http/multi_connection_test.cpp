@@ -227,19 +227,28 @@ TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
 }
 
 // One transfer at a time: each request's 400 ms time-out would expire while it waits in the
-// queue if its clock started there.
-TEST_F(MultiConnection, TimeOutStartsWhenTheTransferStarts) {
+// queue if its clock started there. The parameters' limits hold per request.
+TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
   Multi multi(1);
+  multi.editConnectionParameters().totalTimeoutMs = 400;
+  multi.editConnectionParameters().maxBodyBytes = 1000;
   Collector c;
-  for (int i = 0; i < 4; ++i) {
-    Multi::Request r = get(srv.url("/stall?ms=150"), c.sink());
-    r.timeoutMs = 400;
-    multi.addRequest(std::move(r));
-  }
+  std::vector<uint64_t> ok;
+  for (int i = 0; i < 4; ++i)
+    ok.push_back(multi.addRequest(get(srv.url("/stall?ms=150"), c.sink())));
+  ok.push_back(multi.addRequest(get(srv.url("/bytes?n=1000"), c.sink())));
+  const uint64_t tooLong = multi.addRequest(get(srv.url("/stall?ms=3000"), c.sink()));
+  const uint64_t tooBig = multi.addRequest(get(srv.url("/bytes?n=1001"), c.sink()));
+  Multi::Request own = get(srv.url("/stall?ms=600"), c.sink());
+  own.timeoutMs = 1500; // the request's own time-out wins
+  ok.push_back(multi.addRequest(std::move(own)));
   ASSERT_TRUE(multi.perform());
-  ASSERT_EQ(c.count(), 4u);
-  for (const auto& [id, r] : c.byId)
-    EXPECT_TRUE(r.success) << r.errorMessage;
+  for (uint64_t id : ok)
+    EXPECT_TRUE(c.byId[id].success) << c.byId[id].errorMessage;
+  EXPECT_TRUE(c.byId[tooLong].timedOut);
+  EXPECT_FALSE(c.byId[tooBig].success);
+  EXPECT_FALSE(c.byId[tooBig].timedOut);
+  EXPECT_THAT(c.byId[tooBig].errorMessage, HasSubstr("response body larger than 1000 bytes"));
 }
 
 TEST_F(MultiConnection, PerHostLimitQueuesHereAndBoundsConnections) {
