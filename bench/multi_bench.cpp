@@ -8,7 +8,7 @@
 //   3. nginx over TLS: HttpMultiConnection multiplexing HTTP/2 on one connection vs HTTP/1.1 on 16.
 // The Google Benchmark cases after the tables time 100-request batches of (b) and (c) on nginx.
 //
-//   multi_bench [--requests=N] [--serial=N] [--rounds=R] [benchmark flags]
+//   multi_bench [--requests=N] [--serial=N] [--rounds=R] [--no-delayed] [benchmark flags]
 // With --benchmark_min_time (the CI's single short run) the tables use one small round.
 
 #include <HttpTools/HttpTools.h>
@@ -34,6 +34,7 @@ namespace {
 int gRequests = 1000; // per round, for the concurrent paths
 int gSerial = 200;    // per round, for the serial loop (20 ms each)
 int gRounds = 5;
+bool gSkipDelayed = false; // --no-delayed: only the nginx tables (for profiling)
 const unsigned kInFlight = 16;
 
 double processCpuSec() {
@@ -304,6 +305,8 @@ int main(int argc, char** argv) {
       gRequests = std::max(16, std::atoi(argv[i] + 11));
     else if (std::strncmp(argv[i], "--serial=", 9) == 0)
       gSerial = std::max(1, std::atoi(argv[i] + 9));
+    else if (std::strcmp(argv[i], "--no-delayed") == 0)
+      gSkipDelayed = true;
     else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
       gRounds = std::max(1, std::atoi(argv[i] + 9));
     else {
@@ -328,7 +331,8 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "cannot start the servers: %s\n", nginx.lastError().c_str());
       rc = 1;
     } else {
-      delayedComparison(delayed.url());
+      if (!gSkipDelayed)
+        delayedComparison(delayed.url());
 
       gNginxUrl = nginx.httpUrl("/small");
       RawMulti raw(gNginxUrl, kInFlight, false);

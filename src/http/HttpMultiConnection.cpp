@@ -15,8 +15,8 @@
 #include <deque>
 #include <mutex>
 #include <strings.h>
+#include <thread>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace qz::http {
@@ -61,7 +61,7 @@ public:
     Request request;
     Response response;
     std::string encodedUrl;
-    std::string origin; // scheme://host:port, the per-host limit's key
+    std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
     int64_t startMs = 0;
     bool retried = false;
   };
@@ -76,6 +76,8 @@ public:
     ResolvedParametersKey appliedKey{};
     bool appliedKeyValid = false;
     int multiplexApplied = -1;
+    bool plainGet = false;  // the last request was a GET without body: nothing to undo
+    std::string appliedUrl; // what CURLOPT_URL holds
     std::unique_ptr<Job> job;
     std::string callbackError; // set when a data callback had to abort the transfer
     size_t maxBodyBytes = 0;
@@ -84,7 +86,7 @@ public:
 
   explicit Private(unsigned maxInFlight) : maxInFlight(std::max(1u, maxInFlight)) {}
   ~Private() {
-    for (auto& [id, h] : running)
+    for (Handle* h : running)
       curl_multi_remove_handle(multi.get(), h->easy.get());
     running.clear();
     // Easy handles go before the multi handle and the share they point at.
@@ -119,7 +121,7 @@ public:
   std::unique_ptr<CURLM, CurlMultiDeleter> multi;
   std::vector<std::unique_ptr<Handle>> owned; // every handle ever made and not dropped
   std::vector<Handle*> idle;
-  std::unordered_map<uint64_t, Handle*> running;
+  std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
   std::deque<std::unique_ptr<Job>> queue;
   std::unordered_map<std::string, unsigned> perOrigin;
   uint64_t connections = 0;
@@ -129,11 +131,35 @@ public:
   mutable std::mutex mutex;
   std::vector<std::unique_ptr<Job>> inbox;
   std::vector<uint64_t> cancels;
-  std::unordered_set<uint64_t> live; // added and not yet called back
-  std::atomic<uint64_t> nextId{1};
+  // Which ids are added and not yet called back: ids are handed out in order, so a window of
+  // flags from the oldest live id on, instead of a node per request.
+  std::deque<bool> liveWindow;
+  uint64_t liveBase = 1;
+  size_t liveCount = 0;
+  std::vector<std::unique_ptr<Job>> spareJobs; // finished jobs kept for their memory
+
+  bool isLive(uint64_t id) const {
+    return id >= liveBase && id - liveBase < liveWindow.size() && liveWindow[id - liveBase];
+  }
+  void retire(uint64_t id) {
+    liveWindow[id - liveBase] = false;
+    --liveCount;
+    while (!liveWindow.empty() && !liveWindow.front()) {
+      liveWindow.pop_front();
+      ++liveBase;
+    }
+  }
+  std::vector<Handle*>::iterator runningHandle(uint64_t id) {
+    return std::find_if(running.begin(), running.end(), [id](Handle* h) { return h->job->id == id; });
+  }
+  void forgetRunning(std::vector<Handle*>::iterator it) {
+    *it = running.back();
+    running.pop_back();
+  }
   std::atomic<bool> performing{false};
   std::atomic<bool> cancelRun{false};
   std::atomic<CURLM*> wakeTarget{nullptr};
+  std::atomic<std::thread::id> performThread{};
 };
 
 bool HttpMultiConnection::Private::initMulti() {
@@ -210,12 +236,16 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
     h.multiplexApplied = rc == 0 ? int(multiplexing) : -1;
   }
 
-  // Back to a plain GET, then the method.
-  rc |= curl_easy_setopt(e, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
-  rc |= curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(-1));
-  rc |= curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-  rc |= curl_easy_setopt(e, CURLOPT_NOBODY, 0L);
-  rc |= curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+  // Back to a plain GET (unless the handle's last request was one), then the method.
+  const bool plainGet = r.method == MethodGet && r.body.empty();
+  if (!(plainGet && h.plainGet)) {
+    rc |= curl_easy_setopt(e, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
+    rc |= curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(-1));
+    rc |= curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
+    rc |= curl_easy_setopt(e, CURLOPT_NOBODY, 0L);
+    rc |= curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+  }
+  h.plainGet = plainGet;
   const char* custom = nullptr;
   bool sendBody = !r.body.empty();
   switch (r.method) {
@@ -272,7 +302,15 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
   const long timeoutMs = r.timeoutMs > 0 ? r.timeoutMs : std::max(0L, parameters.totalTimeoutMs);
   rc |= curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, timeoutMs);
   h.maxBodyBytes = parameters.maxBodyBytes;
-  rc |= curl_easy_setopt(e, CURLOPT_URL, job.encodedUrl.c_str());
+  if (job.encodedUrl != h.appliedUrl) {
+    h.appliedUrl.clear();
+    rc |= curl_easy_setopt(e, CURLOPT_URL, job.encodedUrl.c_str());
+    h.appliedUrl = job.encodedUrl;
+  }
+  if (rc != 0) {
+    h.plainGet = false;
+    h.appliedUrl.clear();
+  }
   if (rc != 0 && job.response.errorMessage.empty())
     job.response.errorMessage =
         ComposeErrorMessage("Error while setting connection parameters", 0, CURLE_OK, h.errorBuffer);
@@ -285,6 +323,8 @@ void HttpMultiConnection::Private::admit() {
     // Without multiplexing, transfers to a host over its limit wait here, not in libcurl, so
     // that their clocks do not start yet.
     const bool limited = maxPerHost > 0 && !multiplexing;
+    if (limited && job.origin.empty())
+      job.origin = job.request.url.scheme + "://" + job.request.url.host + ":" + std::to_string(job.request.url.port);
     if (limited && perOrigin[job.origin] >= maxPerHost) {
       ++it;
       continue;
@@ -306,7 +346,6 @@ void HttpMultiConnection::Private::admit() {
       continue;
     }
     owner->startMs = qzSystemUtils::GetTimeBaseMs();
-    const uint64_t id = owner->id;
     h->job = std::move(owner);
     if (curl_multi_add_handle(multi.get(), h->easy.get()) != CURLM_OK) {
       h->job->response.errorMessage = ComposeErrorMessage("Fail to setupconnection", 0, CURLE_OK, "");
@@ -315,7 +354,7 @@ void HttpMultiConnection::Private::admit() {
       finish(std::move(failed));
       continue;
     }
-    running.emplace(id, h);
+    running.push_back(h);
     if (limited)
       ++perOrigin[h->job->origin];
   }
@@ -332,7 +371,7 @@ void HttpMultiConnection::Private::drainInbox() {
   for (auto& job : added)
     queue.push_back(std::move(job));
   for (uint64_t id : cancelled) {
-    if (running.count(id)) {
+    if (runningHandle(id) != running.end()) {
       cancelRunning(id);
       continue;
     }
@@ -349,9 +388,9 @@ void HttpMultiConnection::Private::drainInbox() {
 }
 
 void HttpMultiConnection::Private::cancelRunning(uint64_t id) {
-  auto it = running.find(id);
-  Handle* h = it->second;
-  running.erase(it);
+  auto it = runningHandle(id);
+  Handle* h = *it;
+  forgetRunning(it);
   // Taken out mid-transfer: libcurl closes that connection and the handle is as good as new.
   curl_multi_remove_handle(multi.get(), h->easy.get());
   std::unique_ptr<Job> job = std::move(h->job);
@@ -369,8 +408,8 @@ void HttpMultiConnection::Private::cancelRunning(uint64_t id) {
 
 void HttpMultiConnection::Private::cancelEverything() {
   std::vector<uint64_t> ids;
-  for (const auto& [id, h] : running)
-    ids.push_back(id);
+  for (Handle* h : running)
+    ids.push_back(h->job->id);
   {
     std::lock_guard<std::mutex> lock(mutex);
     for (const auto& job : queue)
@@ -393,7 +432,7 @@ void HttpMultiConnection::Private::collectDone() {
     curl_easy_getinfo(e, CURLINFO_PRIVATE, reinterpret_cast<char**>(&h));
     curl_multi_remove_handle(multi.get(), e);
     std::unique_ptr<Job> job = std::move(h->job);
-    running.erase(job->id);
+    forgetRunning(std::find(running.begin(), running.end(), h));
     if (maxPerHost > 0 && !multiplexing)
       --perOrigin[job->origin];
     idle.push_back(h);
@@ -439,17 +478,29 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
   ++finishedInPass;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    live.erase(job->id);
+    retire(job->id);
   }
-  if (!job->request.onFinished)
-    return;
-  try {
-    job->request.onFinished(job->response);
-  } catch (const std::exception& e) {
-    qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw: " << e.what();
-  } catch (...) {
-    qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw";
+  if (job->request.onFinished) {
+    try {
+      job->request.onFinished(job->response);
+    } catch (const std::exception& e) {
+      qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw: " << e.what();
+    } catch (...) {
+      qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw";
+    }
   }
+  // Kept for the next request: a run of a thousand requests would otherwise grow and shrink the
+  // heap each time.
+  job->request.onFinished = nullptr;
+  job->request.headers.clear();
+  job->request.body.clear();
+  job->response.body.clear();
+  job->response.headers.clear();
+  job->response.errorMessage.clear();
+  job->origin.clear();
+  std::lock_guard<std::mutex> lock(mutex);
+  if (spareJobs.size() < 4096)
+    spareJobs.push_back(std::move(job));
 }
 
 bool HttpMultiConnection::Private::runCancelled(const bool* cancel) const {
@@ -521,16 +572,30 @@ void HttpMultiConnection::setMaxConnectionsPerHost(unsigned n) { d->maxPerHost =
 void HttpMultiConnection::setMultiplexing(bool on) { d->multiplexing = on; }
 
 uint64_t HttpMultiConnection::addRequest(Request r) {
-  auto job = std::make_unique<Private::Job>();
-  job->id = d->nextId.fetch_add(1);
-  job->response.id = job->id;
-  job->encodedUrl = r.url.toEncodedUrl();
-  job->origin = r.url.scheme + "://" + r.url.host + ":" + std::to_string(r.url.port);
-  job->request = std::move(r);
-  const uint64_t id = job->id;
+  std::unique_ptr<Private::Job> job;
   {
     std::lock_guard<std::mutex> lock(d->mutex);
-    d->live.insert(id);
+    if (!d->spareJobs.empty()) {
+      job = std::move(d->spareJobs.back());
+      d->spareJobs.pop_back();
+    }
+  }
+  if (!job)
+    job = std::make_unique<Private::Job>();
+  job->encodedUrl = r.url.toEncodedUrl();
+  job->request = std::move(r);
+  job->startMs = 0;
+  job->retried = false;
+  Response& resp = job->response;
+  resp.success = resp.timedOut = resp.cancelled = false;
+  resp.httpCode = 0;
+  uint64_t id = 0;
+  {
+    std::lock_guard<std::mutex> lock(d->mutex);
+    id = d->liveBase + d->liveWindow.size();
+    d->liveWindow.push_back(true);
+    ++d->liveCount;
+    job->id = resp.id = id;
     d->inbox.push_back(std::move(job));
   }
   wakeup();
@@ -540,7 +605,7 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
 bool HttpMultiConnection::cancelRequest(uint64_t id) {
   {
     std::lock_guard<std::mutex> lock(d->mutex);
-    if (!d->live.count(id))
+    if (!d->isLive(id))
       return false;
     d->cancels.push_back(id);
   }
@@ -554,13 +619,16 @@ void HttpMultiConnection::cancelPerform() {
 }
 
 void HttpMultiConnection::wakeup() {
+  // perform() looks at its inbox before it waits: only another thread's call must wake it.
+  if (!d->performing.load() || d->performThread.load() == std::this_thread::get_id())
+    return;
   if (CURLM* m = d->wakeTarget.load())
     curl_multi_wakeup(m);
 }
 
 size_t HttpMultiConnection::pendingCount() const {
   std::lock_guard<std::mutex> lock(d->mutex);
-  return d->live.size();
+  return d->liveCount;
 }
 
 uint64_t HttpMultiConnection::connectionsOpened() const { return d->connections; }
@@ -568,9 +636,13 @@ uint64_t HttpMultiConnection::connectionsOpened() const { return d->connections;
 bool HttpMultiConnection::perform(const bool* cancel) {
   if (d->performing.exchange(true))
     return false;
+  d->performThread.store(std::this_thread::get_id());
   struct Done {
     Private& p;
-    ~Done() { p.performing.store(false); }
+    ~Done() {
+      p.performThread.store(std::thread::id());
+      p.performing.store(false);
+    }
   } done{*d};
 
   if (!d->multi || !qz::IsHttpToolsInitialized()) {
