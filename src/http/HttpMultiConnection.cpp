@@ -56,12 +56,21 @@ bool hasContentType(const std::list<std::string>& lines) {
 
 class HttpMultiConnection::Private {
 public:
+  using HeaderNode = std::map<std::string, std::string>::node_type;
   struct Job {
     uint64_t id = 0;
     Request request;
     Response response;
     std::string encodedUrl;
     std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
+    // Header map nodes of earlier responses, reused with their strings' buffers.
+    std::vector<HeaderNode> spareHeaders;
+    void keepHeaderNodes() {
+      auto& headers = response.headers;
+      while (!headers.empty() && spareHeaders.size() < 64)
+        spareHeaders.push_back(headers.extract(headers.begin()));
+      headers.clear();
+    }
     int64_t startMs = 0;
     bool retried = false;
   };
@@ -495,7 +504,7 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
   job->request.headers.clear();
   job->request.body.clear();
   job->response.body.clear();
-  job->response.headers.clear();
+  job->keepHeaderNodes();
   job->response.errorMessage.clear();
   job->origin.clear();
   std::lock_guard<std::mutex> lock(mutex);
@@ -532,15 +541,30 @@ size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t co
   auto* h = static_cast<Handle*>(user);
   const size_t n = size * count;
   try {
-    auto& headers = h->job->response.headers;
+    Job& job = *h->job;
     if (n >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-      headers.clear();
+      job.keepHeaderNodes();
       return n;
     }
-    std::string name, value;
-    ParseHttpHeader(data, static_cast<unsigned long>(n), name, value);
-    if (!name.empty())
-      headers.emplace(std::move(name), std::move(value));
+    // Parsed straight into a node kept from an earlier response when there is one.
+    HeaderNode node = job.spareHeaders.empty() ? HeaderNode() : std::move(job.spareHeaders.back());
+    if (!job.spareHeaders.empty())
+      job.spareHeaders.pop_back();
+    if (node.empty()) {
+      std::string name, value;
+      ParseHttpHeader(data, static_cast<unsigned long>(n), name, value);
+      if (!name.empty())
+        job.response.headers.emplace(std::move(name), std::move(value));
+      return n;
+    }
+    ParseHttpHeader(data, static_cast<unsigned long>(n), node.key(), node.mapped());
+    if (node.key().empty()) {
+      job.spareHeaders.push_back(std::move(node));
+      return n;
+    }
+    auto inserted = job.response.headers.insert(std::move(node));
+    if (!inserted.inserted) // a repeated name: the first one stays
+      job.spareHeaders.push_back(std::move(inserted.node));
   } catch (const std::exception& e) {
     h->callbackError = std::string("cannot keep the headers: ") + e.what();
     return 0;
