@@ -101,11 +101,4 @@ TEST_F(ParallelGet, OutputFilesFailuresAndUsage) {
   }
 }
 
-// Without --parallel or -Z, get is the single-URL command as before.
-TEST_F(ParallelGet, SingleGetUnchanged) {
-  const Outcome o = RunGet({srv.url("/bytes?n=4")});
-  EXPECT_EQ(o.code, 0) << o.err;
-  EXPECT_EQ(o.out, "abcd");
-}
-
 } // namespace
