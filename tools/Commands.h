@@ -7,7 +7,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <list>
 #include <string>
+#include <vector>
 
 namespace httptools {
 
@@ -45,5 +47,16 @@ bool ReadFile(const std::string& path, std::string& content);
 // A connection's error text (HttpConnection::getLastErrorMsg) as curl's exit code: 6, 7, 28, 60
 // for their causes, 1 for any other.
 int ExitCodeOfTransferError(const std::string& error);
+
+struct ParallelGetOptions {
+  std::list<std::string> headers; // extra header lines for every request
+  bool insecure = false;          // no certificate checks
+};
+// Fetches `urls` with up to `parallel` transfers at once; the i-th body goes to outputs[i] when
+// there is one, otherwise to standard output, in the order of `urls`. A failed request (or a
+// status >= 400) is reported on standard error and writes nothing. 0 when all succeeded, 1
+// otherwise, 2 for bad arguments.
+int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::string>& outputs, unsigned parallel,
+                   const ParallelGetOptions& options);
 
 } // namespace httptools

@@ -306,14 +306,9 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     if (hostIsName && (own == HNRP_PreferIpv6 || own == HNRP_PreferIpv4) &&
         (c == CURLE_COULDNT_RESOLVE_HOST || c == CURLE_PEER_FAILED_VERIFICATION || c == CURLE_SSL_CERTPROBLEM))
       retry = true;
-    const int64_t elapsed = qzSystemUtils::GetTimeBaseMs() - start;
     const ResolvedParameters& applied = d->state.parameters;
-    std::string what = "Curl easy perform error after " + qzStringUtils::humanizeDuration(elapsed, 1, true);
-    if (c == CURLE_OPERATION_TIMEDOUT && applied.totalTimeoutMs > 0 && elapsed >= applied.totalTimeoutMs)
-      what = "Total time-out of " + std::to_string(applied.totalTimeoutMs) + " ms reached";
-    else if (c == CURLE_FILESIZE_EXCEEDED)
-      what = BodyLimitMessage(applied.maxBodyBytes);
-    return failWithReset(what + ", " + d->lastUrl.toDisplayableUrl());
+    return failWithReset(TransferFailedText(c, qzSystemUtils::GetTimeBaseMs() - start, applied.totalTimeoutMs,
+                                            applied.maxBodyBytes, d->lastUrl));
   }
 
   char* type = nullptr;
@@ -321,8 +316,7 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     d->lastReceivedType = type;
 
   if (expectedHttpCode > 0 && httpCode != expectedHttpCode) {
-    d->internalErrorMsg = "bad html response code, got " + std::to_string(httpCode) + ", expect " +
-                          std::to_string(expectedHttpCode) + " " + d->lastUrl.toDisplayableUrl();
+    d->internalErrorMsg = UnexpectedStatusText(httpCode, expectedHttpCode, d->lastUrl);
     return false;
   }
   if (!expectedContentType.empty() && expectedContentType != d->lastReceivedType) {
@@ -338,21 +332,43 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
 }
 
 std::string HttpConnection::getLastErrorMsg() const {
-  std::string out;
-  if (!d->internalErrorMsg.empty())
-    out += "HttpConnection error : " + d->internalErrorMsg + " ";
-  if (d->lastHttpReturnCode != 0)
-    out += "Http return code " + std::to_string(d->lastHttpReturnCode) + " ";
-  if (d->lastCurlCode != CURLE_OK)
-    out += "Curl error : " + std::to_string(int(d->lastCurlCode)) + " (" + curl_easy_strerror(d->lastCurlCode) + ") ";
   d->errorBuffer[CURL_ERROR_SIZE - 1] = 0;
-  if (d->errorBuffer[0] != 0)
-    out += std::string("Curl internal error : ") + d->errorBuffer;
+  return ComposeErrorMessage(d->internalErrorMsg, long(d->lastHttpReturnCode), d->lastCurlCode, d->errorBuffer);
+}
+
+std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
+                                const char* curlErrorBuffer) {
+  std::string out;
+  if (!internalError.empty())
+    out += "HttpConnection error : " + internalError + " ";
+  if (httpCode != 0)
+    out += "Http return code " + std::to_string(httpCode) + " ";
+  if (code != CURLE_OK)
+    out += "Curl error : " + std::to_string(int(code)) + " (" + curl_easy_strerror(code) + ") ";
+  if (curlErrorBuffer && curlErrorBuffer[0] != 0)
+    out += std::string("Curl internal error : ") + curlErrorBuffer;
   return out;
 }
 
 void HttpConnection::addErrorDetail(const std::string& reason) {
   d->internalErrorMsg = d->internalErrorMsg.empty() ? reason : reason + ", " + d->internalErrorMsg;
+}
+
+std::string TransferFailedText(CURLcode code, int64_t elapsedMs, long totalTimeoutMs, long long maxBodyBytes,
+                               const qz::Url& url) {
+  std::string what;
+  if (code == CURLE_OPERATION_TIMEDOUT && totalTimeoutMs > 0 && elapsedMs >= totalTimeoutMs)
+    what = "Total time-out of " + std::to_string(totalTimeoutMs) + " ms reached";
+  else if (code == CURLE_FILESIZE_EXCEEDED)
+    what = BodyLimitMessage(maxBodyBytes);
+  else
+    what = "Curl easy perform error after " + qzStringUtils::humanizeDuration(elapsedMs, 1, true);
+  return what + ", " + url.toDisplayableUrl();
+}
+
+std::string UnexpectedStatusText(long got, long expected, const qz::Url& url) {
+  return "bad html response code, got " + std::to_string(got) + ", expect " + std::to_string(expected) + " " +
+         url.toDisplayableUrl();
 }
 
 std::string HttpConnection::getLastReceivedType() const { return d->lastReceivedType; }

@@ -71,6 +71,15 @@ struct BodyReader {
   static int Seek(void* reader, curl_off_t offset, int origin);
 };
 
+// Failure texts, shared with the multi-request engine so that both word a failure alike.
+// ComposeErrorMessage is what getLastErrorMsg gives for these values.
+std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
+                                const char* curlErrorBuffer);
+// A failed transfer; a reached total time-out and an exceeded body limit say so.
+std::string TransferFailedText(CURLcode code, int64_t elapsedMs, long totalTimeoutMs, long long maxBodyBytes,
+                               const qz::Url& url);
+std::string UnexpectedStatusText(long got, long expected, const qz::Url& url);
+
 struct CurlEasyDeleter {
   void operator()(CURL* h) const { curl_easy_cleanup(h); }
 };

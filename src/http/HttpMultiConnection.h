@@ -1,19 +1,95 @@
 #pragma once
 
+#include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/platform/Export.h>
+#include <HttpTools/url/Url.h>
 
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
 #include <string>
 
 namespace qz::http {
 
-// Concurrent requests over one libcurl multi handle. Only its header-line splitter is provided
-// here; the helpers' header capture shares it.
+// Many requests in flight at once over one libcurl multi handle, run on the thread that calls
+// perform(). Each finished request gets exactly one onFinished call, on that thread.
+//
+//   qz::http::HttpMultiConnection multi(16);
+//   for (const qz::Url& u : urls)
+//     multi.addRequest({.url = u, .onFinished = [](auto& r) { use(r.body); }});
+//   multi.perform();
+//
+// At most maxInFlight transfers run; the others wait in the engine's own queue, and their
+// time-outs start only when their transfer starts. Easy handles and the connections behind them
+// are kept between requests and between perform() calls. Parameters, policies, proxy choice,
+// certificate rules and failure texts are those of HttpConnection. Cookies are kept in memory
+// for the engine's lifetime (keepCookies), shared by all its requests.
 class HTTPTOOLS_API HttpMultiConnection {
 public:
+  struct Response {
+    uint64_t id = 0;
+    bool success = false; // transfer completed and, when expectedHttpCode > 0, the status matched
+    long httpCode = 0;
+    std::string body;
+    std::map<std::string, std::string> headers; // lower-case names, first occurrence wins
+    std::string errorMessage;                   // composed as HttpConnection::getLastErrorMsg composes it
+    bool timedOut = false;
+    bool cancelled = false;
+  };
+  struct Request {
+    int method = 1; // the helpers' codes: 1 GET, 2 PUT, 3 POST, 4 DELETE, 5 HEAD
+    qz::Url url;
+    std::list<std::string> headers; // whole header lines
+    std::string body;
+    long expectedHttpCode = 200; // 0 accepts any status
+    std::function<void(Response&)> onFinished;
+    long timeoutMs = 0; // whole transfer, counted from its start; 0 = the parameters' totalTimeoutMs
+  };
+
+  explicit HttpMultiConnection(unsigned maxInFlight = 16);
+  ~HttpMultiConnection(); // requests never performed get no callback
+  HttpMultiConnection(const HttpMultiConnection&) = delete;
+  HttpMultiConnection& operator=(const HttpMultiConnection&) = delete;
+
+  // Applied to every request; change them while perform() is not running.
+  HttpConnection::ConnectionParameters& editConnectionParameters();
+  // Connections to one host (scheme, host, port); 0 = only maxInFlight limits them. Without
+  // multiplexing this also bounds the transfers to that host, queued here, not in libcurl.
+  void setMaxConnectionsPerHost(unsigned n);
+  // On: HTTP/2 over TLS (ALPN), several requests to one https origin share a connection.
+  // Off (default): HTTP/1.1, one request at a time per connection. Plain http stays HTTP/1.1.
+  void setMultiplexing(bool on);
+
+  // Both safe from any thread; they wake a running perform(). addRequest returns the request's
+  // id (never 0). cancelRequest returns false when the id is unknown or already finished; the
+  // request's callback then sees cancelled = true.
+  uint64_t addRequest(Request r);
+  bool cancelRequest(uint64_t id);
+
+  // Runs until every added request finished (true), or until *cancel turned true or
+  // cancelPerform() was called (false: every request still queued or running is stopped and
+  // called back with cancelled = true). Another thread that sets *cancel should write it
+  // atomically (std::atomic_ref<bool>) and then call wakeup() for an immediate stop; otherwise
+  // it is seen within 20 ms. False at once when called while already running.
+  bool perform(const bool* cancel = nullptr);
+  void cancelPerform(); // safe from any thread: stops the running perform() (or the next one)
+  void wakeup();        // safe from any thread
+
+  size_t pendingCount() const; // added and not yet called back
+  // New connections libcurl opened for the finished requests so far.
+  uint64_t connectionsOpened() const;
+
   // Splits "Name: value\r\n" at the first ':' into a lower-case name and a value, both trimmed
   // of white space. A line without ':' (status line, blank end of headers) gives two empty
   // strings.
   static void ParseHttpHeader(const char* line, unsigned long length, std::string& name, std::string& value);
+
+  class Private;
+
+private:
+  std::unique_ptr<Private> d;
 };
 
 } // namespace qz::http

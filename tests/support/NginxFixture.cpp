@@ -108,14 +108,17 @@ bool NginxFixture::start() {
        << "pid " << p << "/nginx.pid;\nerror_log " << p << "/error.log warn;\n"
        << "events { worker_connections 1024; }\n"
        << "http {\n"
-       << (m_options.accessLog ? "  access_log " + p + "/access.log;\n" : std::string("  access_log off;\n"))
+       << "  log_format conn '$connection $server_protocol $status $request_uri';\n"
+       << (m_options.connectionLog ? "  access_log " + p + "/access.log conn;\n"
+           : m_options.accessLog   ? "  access_log " + p + "/access.log;\n"
+                                   : std::string("  access_log off;\n"))
        << "  client_body_temp_path " << p << "/tmp/body;\n  proxy_temp_path " << p << "/tmp/proxy;\n"
        << "  fastcgi_temp_path " << p << "/tmp/fastcgi;\n  uwsgi_temp_path " << p << "/tmp/uwsgi;\n"
        << "  scgi_temp_path " << p << "/tmp/scgi;\n"
        << "  keepalive_requests 1000000;\n  keepalive_timeout 60s;\n  default_type text/plain;\n"
        << "  server {\n"
        << "    listen 127.0.0.1:" << m_httpPort << ";\n"
-       << "    listen 127.0.0.1:" << m_httpsPort << " ssl;\n"
+       << "    listen 127.0.0.1:" << m_httpsPort << (m_options.http2 ? " ssl http2;\n" : " ssl;\n")
        << "    ssl_certificate " << p << "/cert.pem;\n    ssl_certificate_key " << p << "/key.pem;\n"
        << "    location = / { return 200 \"hello\\n\"; }\n"
        << "    location = /small { return 200 \"ok\"; }\n"

@@ -25,6 +25,8 @@ class NginxFixture {
 public:
   struct Options {
     bool accessLog = false;
+    bool http2 = false;         // the https port also offers HTTP/2 (ALPN)
+    bool connectionLog = false; // access log lines "<$connection> <$server_protocol> <$status> <uri>"
   };
 
   NginxFixture();
@@ -47,6 +49,7 @@ public:
   const std::string& prefix() const { return m_prefix; }
   std::string filesDir() const { return m_prefix + "/files"; }
   std::string certificatePath() const { return m_prefix + "/cert.pem"; }
+  std::string accessLogPath() const { return m_prefix + "/access.log"; }
 
   // Connections accepted since start() returned, as stub_status counts them (-1 when
   // unreadable). The fixture's own probes and status requests are not included.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <strings.h>
+#include <sys/socket.h>
 
 namespace qztest {
 
@@ -55,6 +56,10 @@ TestHttpServer::TestHttpServer() {
   m_server.set_keep_alive_timeout(30);
   m_server.set_read_timeout(30);
   m_server.set_write_timeout(30);
+  m_server.set_socket_options([this](socket_t sock) {
+    httplib::default_socket_options(sock);
+    m_listenSocket = sock;
+  });
 }
 
 TestHttpServer::~TestHttpServer() { stop(); }
@@ -180,6 +185,10 @@ bool TestHttpServer::start() {
     m_port = 0;
     return false;
   }
+  // cpp-httplib listens with a backlog of 5: a burst of parallel connects would lose SYNs and
+  // wait a second for their retransmission. Listening again raises the backlog.
+  if (m_listenSocket >= 0)
+    ::listen(m_listenSocket, 1024);
   m_thread = std::thread([this] { m_server.listen_after_bind(); });
   for (int i = 0; i < 500 && !m_server.is_running(); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(2));

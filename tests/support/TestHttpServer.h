@@ -100,6 +100,7 @@ private:
   httplib::Server m_server;
   std::thread m_thread;
   int m_port = 0;
+  int m_listenSocket = -1;
   std::string m_error;
   std::atomic<size_t> m_connections{0};
   std::atomic<size_t> m_requestTotal{0};

@@ -1,0 +1,449 @@
+#include <HttpTools/http/HttpMultiConnection.h>
+
+#include <HttpTools/http/HttpHelpers.h>
+
+#include "support/NginxFixture.h"
+#include "support/TestHttpServer.h"
+
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <thread>
+
+using namespace qz::http;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Multi = HttpMultiConnection;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+int64_t msSince(Clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
+}
+
+// Collects every callback, keyed by request id, from whichever thread runs perform().
+struct Collector {
+  std::mutex mutex;
+  std::map<uint64_t, Multi::Response> byId;
+  std::map<uint64_t, int> calls;
+  std::map<uint64_t, Clock::time_point> when;
+
+  std::function<void(Multi::Response&)> sink() {
+    return [this](Multi::Response& r) {
+      std::lock_guard<std::mutex> lock(mutex);
+      ++calls[r.id];
+      when[r.id] = Clock::now();
+      byId[r.id] = r;
+    };
+  }
+  size_t count() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return byId.size();
+  }
+  bool has(uint64_t id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return byId.count(id) > 0;
+  }
+  bool eachCalledOnce() {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& [id, n] : calls)
+      if (n != 1)
+        return false;
+    return true;
+  }
+};
+
+Multi::Request get(const std::string& url, std::function<void(Multi::Response&)> done, long expected = 200) {
+  Multi::Request r;
+  r.url = qz::Url(url);
+  r.expectedHttpCode = expected;
+  r.onFinished = std::move(done);
+  return r;
+}
+
+std::string expectedBytes(size_t n) {
+  std::string s(n, 'a');
+  for (size_t i = 0; i < n; ++i)
+    s[i] = char('a' + i % 26);
+  return s;
+}
+
+// Waits until `done()` or the time is up.
+template <typename F> bool waitFor(F done, int ms) {
+  const auto end = Clock::now() + std::chrono::milliseconds(ms);
+  while (!done() && Clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return done();
+}
+
+class MultiConnection : public testing::Test {
+protected:
+  // cpp-httplib (not built with ThreadSanitizer) builds static regexes on first use; one request
+  // of each kind first keeps their publication out of the concurrent tests, where TSan would see
+  // a race inside the library.
+  static void SetUpTestSuite() {
+    qztest::TestHttpServer& s = qztest::TestHttpServer::Shared();
+    for (int method : {1, 2, 3, 4, 5})
+      for (const char* path : {"/echo", "/headers", "/status/404", "/bytes?n=3", "/stall?ms=1"}) {
+        Multi multi(1);
+        Multi::Request r = get(s.url(path), nullptr, 0);
+        r.method = method;
+        r.body = method == 2 || method == 3 ? "x" : "";
+        multi.addRequest(std::move(r));
+        multi.perform();
+      }
+  }
+  void SetUp() override {
+    ASSERT_TRUE(srv.isRunning());
+    srv.resetCounters();
+  }
+  qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
+};
+
+TEST_F(MultiConnection, ManyRequestsKeepAtMostMaxInFlightConnectionsAcrossRuns) {
+  Multi multi(16);
+  Collector c;
+  std::map<uint64_t, size_t> sizeOf;
+  for (size_t i = 0; i < 1000; ++i) {
+    const size_t n = i % 97 + (i % 5 == 0 ? 70000 : 0);
+    sizeOf[multi.addRequest(get(srv.url("/bytes?n=" + std::to_string(n)), c.sink()))] = n;
+  }
+  EXPECT_EQ(multi.pendingCount(), 1000u);
+  ASSERT_TRUE(multi.perform());
+  EXPECT_EQ(multi.pendingCount(), 0u);
+  ASSERT_EQ(c.count(), 1000u);
+  EXPECT_TRUE(c.eachCalledOnce());
+  for (const auto& [id, r] : c.byId) {
+    ASSERT_TRUE(r.success) << r.errorMessage;
+    ASSERT_EQ(r.body, expectedBytes(sizeOf[id])) << id;
+    ASSERT_EQ(r.headers.at("content-length"), std::to_string(sizeOf[id]));
+  }
+  EXPECT_LE(srv.connectionCount(), 16u);
+  EXPECT_EQ(multi.connectionsOpened(), srv.connectionCount());
+
+  // A second run goes over the kept connections.
+  const size_t before = srv.connectionCount();
+  for (int i = 0; i < 100; ++i)
+    multi.addRequest(get(srv.url("/bytes?n=3"), c.sink()));
+  ASSERT_TRUE(multi.perform());
+  EXPECT_EQ(c.count(), 1100u);
+  EXPECT_EQ(srv.connectionCount(), before);
+}
+
+TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
+  struct Case {
+    int method;
+    std::string body;
+    std::list<std::string> headers;
+    std::string firstLine;
+    std::string contentType; // as the server saw it
+  };
+  const std::vector<Case> cases = {
+      {1, "", {"X-A: 1"}, "GET\n", ""},
+      {4, "gone", {}, "DELETE\n", "application/octet-stream"},
+      {2, "put body", {}, "PUT\n", "application/octet-stream"},
+      {2, "", {}, "PUT\n", "application/octet-stream"},
+      {3, "{\"a\":1}", {"Content-Type: application/json"}, "POST\n", "application/json"},
+      {4, "", {"X-B: 2", "X-C: 3"}, "DELETE\n", ""},
+  };
+  Multi multi(3);
+  Collector c;
+  std::vector<uint64_t> ids;
+  for (const Case& k : cases) {
+    Multi::Request r = get(srv.url("/echo"), c.sink());
+    r.method = k.method;
+    r.body = k.body;
+    r.headers = k.headers;
+    ids.push_back(multi.addRequest(std::move(r)));
+  }
+  Multi::Request head = get(srv.url("/headers"), c.sink());
+  head.method = 5;
+  const uint64_t headId = multi.addRequest(std::move(head));
+  ASSERT_TRUE(multi.perform());
+
+  for (size_t i = 0; i < cases.size(); ++i) {
+    const Multi::Response& r = c.byId[ids[i]];
+    ASSERT_TRUE(r.success) << i << " " << r.errorMessage;
+    EXPECT_THAT(r.body, StartsWith(cases[i].firstLine)) << i;
+    EXPECT_THAT(r.body, testing::EndsWith("\n\n" + cases[i].body)) << i;
+    for (const std::string& line : cases[i].headers)
+      EXPECT_THAT(r.body, HasSubstr(line)) << i;
+    if (cases[i].contentType.empty())
+      EXPECT_THAT(r.body, testing::Not(HasSubstr("Content-Type"))) << i;
+    else
+      EXPECT_THAT(r.body, HasSubstr("Content-Type: " + cases[i].contentType)) << i;
+  }
+  // HEAD: headers of the response, no body; a repeated header keeps its first value.
+  const Multi::Response& h = c.byId[headId];
+  ASSERT_TRUE(h.success) << h.errorMessage;
+  EXPECT_EQ(h.body, "");
+  EXPECT_EQ(h.headers.at("x-one"), "1");
+  EXPECT_EQ(h.headers.at("x-dup"), "first");
+  const auto seen = srv.requests();
+  EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [](const auto& r) { return r.method == "HEAD"; }), 1);
+}
+
+TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
+  const int closedPort = qztest::FreeLoopbackPort();
+  const std::string refusedUrl = "http://127.0.0.1:" + std::to_string(closedPort) + "/x";
+  Multi multi(4);
+  Collector c;
+  const uint64_t notFound = multi.addRequest(get(srv.url("/status/404"), c.sink()));
+  const uint64_t anyStatus = multi.addRequest(get(srv.url("/status/404"), c.sink(), 0));
+  const uint64_t refused = multi.addRequest(get(refusedUrl, c.sink()));
+  Multi::Request slow = get(srv.url("/stall?ms=3000"), c.sink());
+  slow.timeoutMs = 200;
+  const uint64_t timedOut = multi.addRequest(std::move(slow));
+  Multi::Request tls = get("https://localhost:" + std::to_string(srv.port()) + "/echo", c.sink());
+  const uint64_t badTls = multi.addRequest(std::move(tls));
+  const uint64_t fine = multi.addRequest(get(srv.url("/echo"), c.sink()));
+  const auto start = Clock::now();
+  ASSERT_TRUE(multi.perform());
+  EXPECT_LT(msSince(start), 2500);
+  ASSERT_EQ(c.count(), 6u);
+
+  // The same calls through a single connection give the same texts, the duration aside.
+  auto single = [](const std::string& url) {
+    HttpConnection conn;
+    std::string error;
+    HttpHelpers::HttpResult result;
+    result.errorMessage = &error;
+    EXPECT_FALSE(HttpHelpers::HttpGet(conn, qz::Url(url), &result));
+    return error;
+  };
+  auto withoutDuration = [](const std::string& s) {
+    return std::regex_replace(s, std::regex("[0-9]+(\\.[0-9]+)? ?(ms|s)\\b"), "T");
+  };
+  EXPECT_FALSE(c.byId[notFound].success);
+  EXPECT_EQ(c.byId[notFound].httpCode, 404);
+  EXPECT_EQ(c.byId[notFound].body, "status 404");
+  EXPECT_EQ(c.byId[notFound].errorMessage, single(srv.url("/status/404")));
+  EXPECT_TRUE(c.byId[anyStatus].success);
+  EXPECT_EQ(withoutDuration(c.byId[refused].errorMessage), withoutDuration(single(refusedUrl)));
+  EXPECT_THAT(c.byId[refused].errorMessage, HasSubstr("Curl error : 7 "));
+  EXPECT_EQ(withoutDuration(c.byId[badTls].errorMessage),
+            withoutDuration(single("https://localhost:" + std::to_string(srv.port()) + "/echo")));
+  EXPECT_TRUE(c.byId[timedOut].timedOut);
+  EXPECT_THAT(c.byId[timedOut].errorMessage,
+              HasSubstr("Curl error : " + std::to_string(CURLE_OPERATION_TIMEDOUT) + " ("));
+  for (uint64_t id : {notFound, refused, timedOut, badTls})
+    EXPECT_FALSE(c.byId[id].cancelled || c.byId[id].success) << id;
+  EXPECT_TRUE(c.byId[fine].success) << c.byId[fine].errorMessage;
+}
+
+// One transfer at a time: each request's 400 ms time-out would expire while it waits in the
+// queue if its clock started there. The parameters' limits hold per request.
+TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
+  Multi multi(1);
+  multi.editConnectionParameters().totalTimeoutMs = 400;
+  multi.editConnectionParameters().maxBodyBytes = 1000;
+  Collector c;
+  std::vector<uint64_t> ok;
+  for (int i = 0; i < 4; ++i)
+    ok.push_back(multi.addRequest(get(srv.url("/stall?ms=150"), c.sink())));
+  ok.push_back(multi.addRequest(get(srv.url("/bytes?n=1000"), c.sink())));
+  const uint64_t tooLong = multi.addRequest(get(srv.url("/stall?ms=3000"), c.sink()));
+  const uint64_t tooBig = multi.addRequest(get(srv.url("/bytes?n=1001"), c.sink()));
+  Multi::Request own = get(srv.url("/stall?ms=600"), c.sink());
+  own.timeoutMs = 1500; // the request's own time-out wins
+  ok.push_back(multi.addRequest(std::move(own)));
+  ASSERT_TRUE(multi.perform());
+  for (uint64_t id : ok)
+    EXPECT_TRUE(c.byId[id].success) << c.byId[id].errorMessage;
+  EXPECT_TRUE(c.byId[tooLong].timedOut);
+  EXPECT_FALSE(c.byId[tooBig].success);
+  EXPECT_FALSE(c.byId[tooBig].timedOut);
+  EXPECT_THAT(c.byId[tooBig].errorMessage, HasSubstr("response body larger than 1000 bytes"));
+}
+
+TEST_F(MultiConnection, PerHostLimitQueuesHereAndBoundsConnections) {
+  Multi multi(16);
+  multi.setMaxConnectionsPerHost(2);
+  Collector c;
+  for (int i = 0; i < 8; ++i) {
+    Multi::Request r = get(srv.url("/stall?ms=100"), c.sink());
+    r.timeoutMs = 250; // four rounds of two: would expire if queued with a running clock
+    multi.addRequest(std::move(r));
+  }
+  const auto start = Clock::now();
+  ASSERT_TRUE(multi.perform());
+  EXPECT_GE(msSince(start), 390);
+  for (const auto& [id, r] : c.byId)
+    EXPECT_TRUE(r.success) << r.errorMessage;
+  EXPECT_EQ(srv.connectionCount(), 2u);
+}
+
+TEST_F(MultiConnection, ThreadedCancelOneRequestAndTheRunPromptly) {
+  Multi multi(8);
+  Collector c;
+  std::vector<uint64_t> stalled;
+  for (int i = 0; i < 5; ++i)
+    stalled.push_back(multi.addRequest(get(srv.url("/stall?ms=20000"), c.sink())));
+  uint64_t queuedLater = 0;
+  Multi::Request chain = get(srv.url("/echo"), [&](Multi::Response& r) {
+    c.sink()(r);
+    queuedLater = multi.addRequest(get(srv.url("/stall?ms=20000"), c.sink())); // from a callback
+  });
+  const uint64_t first = multi.addRequest(std::move(chain));
+  bool result = true;
+  std::atomic<bool> returned{false};
+  Clock::time_point returnedAt;
+  std::thread runner([&] {
+    result = multi.perform();
+    returnedAt = Clock::now();
+    returned = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return c.has(first) && srv.requestCount() >= 6; }, 5000));
+
+  auto t0 = Clock::now();
+  EXPECT_TRUE(multi.cancelRequest(stalled[0]));
+  ASSERT_TRUE(waitFor([&] { return c.has(stalled[0]); }, 2000));
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(c.when[stalled[0]] - t0).count(), 100);
+  EXPECT_TRUE(c.byId[stalled[0]].cancelled);
+  EXPECT_FALSE(c.byId[stalled[0]].success);
+  EXPECT_THAT(c.byId[stalled[0]].errorMessage, HasSubstr("Request cancelled"));
+  EXPECT_FALSE(multi.cancelRequest(stalled[0])); // already called back
+  EXPECT_FALSE(multi.cancelRequest(first));
+  EXPECT_FALSE(returned.load());
+
+  t0 = Clock::now();
+  multi.cancelPerform();
+  runner.join();
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(returnedAt - t0).count(), 100);
+  EXPECT_FALSE(result);
+  EXPECT_EQ(c.count(), 7u);
+  EXPECT_TRUE(c.eachCalledOnce());
+  for (uint64_t id : stalled)
+    EXPECT_TRUE(c.byId[id].cancelled);
+  EXPECT_TRUE(c.byId[queuedLater].cancelled);
+  EXPECT_EQ(multi.pendingCount(), 0u);
+
+  // The engine is usable after a cancelled run.
+  const uint64_t after = multi.addRequest(get(srv.url("/echo"), c.sink()));
+  EXPECT_TRUE(multi.perform());
+  EXPECT_TRUE(c.byId[after].success);
+}
+
+// The caller's flag, set from another thread, stops the run within the poll interval.
+TEST_F(MultiConnection, ThreadedCancelFlag) {
+  Multi multi(4);
+  Collector c;
+  multi.addRequest(get(srv.url("/stall?ms=20000"), c.sink()));
+  multi.addRequest(get(srv.url("/stall?ms=20000"), c.sink()));
+  bool cancel = false;
+  bool result = true;
+  std::thread runner([&] { result = multi.perform(&cancel); });
+  ASSERT_TRUE(waitFor([&] { return srv.requestCount() >= 2; }, 5000));
+  const auto t0 = Clock::now();
+  std::atomic_ref<bool>(cancel).store(true);
+  runner.join();
+  EXPECT_LT(msSince(t0), 100);
+  EXPECT_FALSE(result);
+  EXPECT_EQ(c.count(), 2u);
+}
+
+TEST_F(MultiConnection, ThreadedAddWhilePerformRuns) {
+  Multi multi(8);
+  Collector c;
+  const uint64_t holder = multi.addRequest(get(srv.url("/stall?ms=20000"), c.sink()));
+  bool result = false;
+  std::thread runner([&] { result = multi.perform(); });
+  std::vector<std::thread> adders;
+  std::mutex idsMutex;
+  std::set<uint64_t> ids;
+  for (int t = 0; t < 3; ++t)
+    adders.emplace_back([&, t] {
+      for (int i = 0; i < 40; ++i) {
+        const uint64_t id = multi.addRequest(get(srv.url("/bytes?n=" + std::to_string(t * 40 + i)), c.sink()));
+        std::lock_guard<std::mutex> lock(idsMutex);
+        ids.insert(id);
+      }
+    });
+  for (auto& t : adders)
+    t.join();
+  ASSERT_TRUE(waitFor([&] { return c.count() == 120; }, 10000));
+  EXPECT_TRUE(multi.cancelRequest(holder)); // lets perform() end
+  runner.join();
+  EXPECT_TRUE(result);
+  EXPECT_EQ(ids.size(), 120u);
+  EXPECT_EQ(c.count(), 121u);
+  EXPECT_TRUE(c.eachCalledOnce());
+  for (uint64_t id : ids)
+    EXPECT_TRUE(c.byId[id].success) << c.byId[id].errorMessage;
+}
+
+class MultiConnectionNginx : public testing::Test {
+protected:
+  static std::vector<std::string> logLines(const qztest::NginxFixture& nginx) {
+    std::ifstream in(nginx.accessLogPath());
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+      if (line.find("/nginx_status") == std::string::npos)
+        lines.push_back(line);
+    return lines;
+  }
+};
+
+TEST_F(MultiConnectionNginx, Http11KeepAliveThousandRequests) {
+  qztest::NginxFixture nginx;
+  ASSERT_TRUE(nginx.start()) << nginx.lastError();
+  Multi multi(16);
+  Collector c;
+  for (int i = 0; i < 1000; ++i)
+    multi.addRequest(get(nginx.httpUrl(i % 2 ? "/small" : "/"), c.sink()));
+  ASSERT_TRUE(multi.perform());
+  ASSERT_EQ(c.count(), 1000u);
+  for (const auto& [id, r] : c.byId)
+    ASSERT_EQ(r.body, id % 2 ? "hello\n" : "ok") << r.errorMessage; // ids start at 1
+  EXPECT_GT(nginx.connectionCount(), 0);
+  EXPECT_LE(nginx.connectionCount(), 16);
+}
+
+TEST_F(MultiConnectionNginx, Http2MultiplexesOneConnection) {
+  qztest::NginxFixture nginx(qztest::NginxFixture::Options{.http2 = true, .connectionLog = true});
+  ASSERT_TRUE(nginx.start()) << nginx.lastError();
+  for (bool multiplex : {true, false}) {
+    SCOPED_TRACE(multiplex);
+    std::ofstream(nginx.accessLogPath(), std::ios::trunc).flush();
+    Multi multi(100);
+    multi.setMultiplexing(multiplex);
+    Collector c;
+    for (int i = 0; i < 100; ++i)
+      multi.addRequest(get(nginx.httpsUrl("/json"), c.sink()));
+    ASSERT_TRUE(multi.perform());
+    ASSERT_EQ(c.count(), 100u);
+    for (const auto& [id, r] : c.byId)
+      ASSERT_EQ(r.body, "{\"ok\":true}") << r.errorMessage;
+    std::set<std::string> connections, protocols;
+    // nginx writes a line once the response is out: the last ones may trail the client.
+    waitFor([&] { return logLines(nginx).size() >= 100; }, 2000);
+    const auto lines = logLines(nginx);
+    ASSERT_EQ(lines.size(), 100u);
+    for (const std::string& line : lines) {
+      std::istringstream in(line);
+      std::string conn, proto;
+      in >> conn >> proto;
+      connections.insert(conn);
+      protocols.insert(proto);
+    }
+    if (multiplex) {
+      EXPECT_EQ(connections.size(), 1u);
+      EXPECT_EQ(protocols, std::set<std::string>{"HTTP/2.0"});
+    } else {
+      EXPECT_GT(connections.size(), 1u);
+      EXPECT_EQ(protocols, std::set<std::string>{"HTTP/1.1"});
+    }
+  }
+}
+
+} // namespace

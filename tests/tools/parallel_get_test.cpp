@@ -1,0 +1,110 @@
+// httptools get --parallel N / -Z, run as a process against the in-process server: bodies in URL
+// order on standard output or in their -o files, failures reported per URL.
+#include "support/Process.h"
+#include "support/TestHttpServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+struct Outcome {
+  int code = -1;
+  std::string out, err;
+};
+
+Outcome RunGet(std::vector<std::string> args) {
+  args.insert(args.begin(), {HTTPTOOLS_CLI, "get"});
+  Outcome o;
+  o.code = qztest::RunProgram(args, "", o.out, o.err);
+  return o;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::ostringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+class ParallelGet : public testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(srv.isRunning());
+    srv.resetCounters();
+    char dir[] = "/tmp/httptools-pget-XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    m_dir = dir;
+  }
+  void TearDown() override {
+    for (const char* name : {"one", "two"})
+      std::remove((m_dir + "/" + name).c_str());
+    rmdir(m_dir.c_str());
+  }
+  std::string path(const char* name) const { return m_dir + "/" + name; }
+  qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
+
+private:
+  std::string m_dir;
+};
+
+int64_t msSince(std::chrono::steady_clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t).count();
+}
+
+// The slow first URL is written first: standard output keeps the order of the URLs, and three
+// 400 ms answers overlap (one after the other they would add 1.2 s to the tool's own run time).
+TEST_F(ParallelGet, StdoutInUrlOrderWhileTransfersOverlap) {
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(RunGet({"-Z", srv.url("/bytes?n=1")}).code, 0);
+  const int64_t baseMs = msSince(start);
+  for (const char* flag : {"-Z", "--parallel=3"}) {
+    SCOPED_TRACE(flag);
+    start = std::chrono::steady_clock::now();
+    const Outcome o = RunGet({flag, srv.url("/stall?ms=400"), srv.url("/bytes?n=5"), srv.url("/stall?ms=400"),
+                              srv.url("/status/200"), srv.url("/stall?ms=400")});
+    const int64_t ms = msSince(start);
+    EXPECT_EQ(o.code, 0) << o.err;
+    EXPECT_EQ(o.out, "lateabcdelatestatus 200late");
+    EXPECT_THAT(o.err, IsEmpty());
+    EXPECT_LT(ms, baseMs + 900);
+  }
+}
+
+TEST_F(ParallelGet, OutputFilesFailuresAndUsage) {
+  const Outcome o = RunGet({"--parallel", "2", "-o", path("one"), "-o", path("two"), srv.url("/bytes?n=3"),
+                            srv.url("/status/404"), srv.url("/echo")});
+  EXPECT_EQ(o.code, 1);
+  EXPECT_EQ(readFile(path("one")), "abc");
+  EXPECT_EQ(readFile(path("two")), ""); // the failed URL writes nothing
+  EXPECT_THAT(o.out, testing::StartsWith("GET\n"));
+  EXPECT_THAT(o.err, HasSubstr("httptools: get failed: HTTP status 404 from " + srv.url("/status/404")));
+
+  // A refused port fails with the library's text; the other URL still arrives.
+  const std::string refused = "http://127.0.0.1:1/x";
+  const Outcome r = RunGet({"-Z", refused, srv.url("/bytes?n=2")});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.out, "ab");
+  EXPECT_THAT(r.err, HasSubstr("Curl error : 7 "));
+
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--parallel", "0", srv.url("/echo")},
+                                              {"-Z"},
+                                              {"-Z", "--bogus", srv.url("/echo")},
+                                              {"-Z", "-o", path("one"), "-o", path("two"), srv.url("/echo")}}) {
+    EXPECT_EQ(RunGet(bad).code, 2) << testing::PrintToString(bad);
+  }
+}
+
+} // namespace
