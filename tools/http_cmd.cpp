@@ -34,6 +34,10 @@ struct HttpOptions {
   bool silent = false;
   bool showError = false;
   bool insecure = false;
+  // get only: several URLs at once through the multi-request engine
+  std::vector<std::string> urls, outputs;
+  unsigned parallel = 0;
+  bool parallelDefault = false;
 
   bool hasBody() const { return method == "put" || method == "post"; }
   bool errorsShown() const { return !silent || showError; }
@@ -301,9 +305,19 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
   auto o = std::make_shared<HttpOptions>();
   o->method = method;
   CLI::App* cmd = app.add_subcommand(method, description);
-  cmd->add_option("URL", o->url, "The URL, percent-encoded as on the wire")->required();
+  if (method == "get") {
+    cmd->add_option("URL", o->urls, "The URL, percent-encoded as on the wire; several with --parallel or -Z")
+        ->required();
+    cmd->add_option("-o,--output", o->outputs,
+                    "Write the response body to FILE instead of standard output (the i-th -o for the i-th URL)");
+    cmd->add_option("--parallel", o->parallel, "Fetch the URLs with up to N transfers at once")
+        ->check(CLI::Range(1, 1000));
+    cmd->add_flag("-Z", o->parallelDefault, "Fetch the URLs in parallel (up to 50 at once, as curl -Z)");
+  } else {
+    cmd->add_option("URL", o->url, "The URL, percent-encoded as on the wire")->required();
+    cmd->add_option("-o,--output", o->output, "Write the response body to FILE instead of standard output");
+  }
   cmd->add_option("-H,--header", o->headers, "Extra header line \"Name: value\" (repeatable)");
-  cmd->add_option("-o,--output", o->output, "Write the response body to FILE instead of standard output");
   if (o->hasBody()) {
     CLI::Option* data =
         cmd->add_option("-d,--data", o->data, "Request body: the text itself, @FILE, or @- for standard input");
@@ -325,8 +339,25 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
   cmd->add_option("--max-time", o->maxTime, "Give up the whole transfer after SECONDS")->check(CLI::PositiveNumber);
   cmd->add_option("--cacert", o->caFile, "Verify the server against the CA certificates in FILE (PEM)")
       ->check(CLI::ExistingFile);
-  // get --parallel/-Z (several URLs at once) belongs here once its runner is in Commands.h.
-  cmd->callback([o] { httptools::exitCode = RunHttp(*o); });
+  cmd->callback([o] {
+    if (o->method == "get" && (o->parallel > 0 || o->parallelDefault || o->urls.size() > 1)) {
+      httptools::ParallelGetOptions options;
+      options.headers.assign(o->headers.begin(), o->headers.end());
+      options.insecure = o->insecure;
+      httptools::exitCode = httptools::RunParallelGet(o->urls, o->outputs, o->parallel > 0 ? o->parallel : 50, options);
+      return;
+    }
+    if (o->method == "get") {
+      if (o->outputs.size() > 1) {
+        std::cerr << "httptools get: one -o per URL\n";
+        httptools::exitCode = httptools::kExitUsage;
+        return;
+      }
+      o->url = o->urls.front();
+      o->output = o->outputs.empty() ? std::string() : o->outputs.front();
+    }
+    httptools::exitCode = RunHttp(*o);
+  });
 }
 
 } // namespace

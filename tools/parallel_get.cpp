@@ -14,13 +14,6 @@
 
 namespace httptools {
 
-namespace {
-
-// As curl -Z without --parallel-max.
-const unsigned kDefaultParallel = 50;
-
-} // namespace
-
 int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::string>& outputs, unsigned parallel,
                    const ParallelGetOptions& options) {
   if (urls.empty() || outputs.size() > urls.size() || parallel == 0) {

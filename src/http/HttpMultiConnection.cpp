@@ -80,7 +80,7 @@ public:
   struct Handle {
     std::unique_ptr<curl_slist, CurlSlistDeleter> headerList;
     std::unique_ptr<CURL, CurlEasyDeleter> easy;
-    std::vector<std::string> headerLines; // behind headerList
+    std::vector<std::string> headerLines;  // behind headerList
     ResolvedParameters applied, resolving; // what the handle holds, what the next request wants
     bool appliedValid = false;
     int multiplexApplied = -1;
@@ -462,9 +462,8 @@ void HttpMultiConnection::Private::collectDone() {
         queue.push_front(std::move(job));
         continue;
       }
-      std::string internal =
-          TransferFailedText(code, qzSystemUtils::GetTimeBaseMs() - job->startMs, h->applied.totalTimeoutMs,
-                             h->applied.maxBodyBytes, job->request.url);
+      std::string internal = TransferFailedText(code, qzSystemUtils::GetTimeBaseMs() - job->startMs,
+                                                h->applied.totalTimeoutMs, h->applied.maxBodyBytes, job->request.url);
       if (!h->callbackError.empty())
         internal += ", " + h->callbackError;
       resp.errorMessage = ComposeErrorMessage(internal, httpCode, code, h->errorBuffer);

@@ -263,7 +263,7 @@ TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
   EXPECT_TRUE(c.byId[tooLong].timedOut);
   EXPECT_FALSE(c.byId[tooBig].success);
   EXPECT_FALSE(c.byId[tooBig].timedOut);
-  EXPECT_THAT(c.byId[tooBig].errorMessage, HasSubstr("response body larger than 1000 bytes"));
+  EXPECT_THAT(c.byId[tooBig].errorMessage, HasSubstr("larger than the limit of 1000 bytes"));
 }
 
 TEST_F(MultiConnection, PerHostLimitQueuesHereAndBoundsConnections) {
