@@ -12,5 +12,6 @@ namespace httptools {
 extern int exitCode;
 
 void AddLegacyCommands(CLI::App& app); // version, jwt, url, get/head/put/post/delete, couch view
+void AddPingCommand(CLI::App& app);    // ping
 
 } // namespace httptools
