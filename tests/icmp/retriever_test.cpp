@@ -283,15 +283,24 @@ TEST(IcmpNamespace, NameThatDoesNotResolve) {
   EXPECT_EQ(r.hosts[0].error, "Cannot resolve host name");
 }
 
-TEST(IcmpLoopback, BothFamiliesAnswered) {
-  HostStatisticsRetriever retriever({"127.0.0.1", "::1"}, 4, 10, 1000);
-  std::vector<HostStatistics> out;
-  ASSERT_TRUE(retriever.retrieve(out, nullptr)) << (out.empty() ? "" : out[0].error);
-  ASSERT_EQ(out.size(), 2u);
-  for (const HostStatistics& h : out)
-    ExpectAllAnswered(h, 4);
-  EXPECT_NE(retriever.socketKind(qz::IpAddress::IPT_IPv4), HostStatisticsRetriever::SK_None);
-  EXPECT_NE(retriever.socketKind(qz::IpAddress::IPT_IPv6), HostStatisticsRetriever::SK_None);
+// Raw sockets see every echo reply of the host: each round must keep to its own.
+TEST(IcmpLoopback, ConcurrentRoundsKeepTheirOwnReplies) {
+  std::vector<HostStatistics> out[3];
+  bool ok[3] = {};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i)
+    threads.emplace_back([&, i] {
+      HostStatisticsRetriever retriever({"127.0.0.1", "::1", "127.0.0.1"}, 5, 10, 1000);
+      ok[i] = retriever.retrieve(out[i], nullptr);
+    });
+  for (std::thread& t : threads)
+    t.join();
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(ok[i]);
+    ASSERT_EQ(out[i].size(), 3u);
+    for (const HostStatistics& h : out[i])
+      ExpectAllAnswered(h, 5);
+  }
 }
 
 TEST(IcmpLoopback, CancelEndsTheRoundEarly) {
