@@ -16,7 +16,7 @@ struct HostStatistics {
   qz::IpAddress address; // the address probed (the first one the name resolved to)
   unsigned sent = 0, received = 0, duplicates = 0;
   double lossPercent = 0, minMs = 0, avgMs = 0, maxMs = 0, mdevMs = 0;
-  std::string error; // empty when probes ran
+  std::string error; // empty when probes ran; otherwise why not (the counts then stay 0)
 };
 
 // Sends ICMP echo requests to a list of hosts, all at once from one socket per address family,
