@@ -120,7 +120,8 @@ struct Channel {
     }
     const int one = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_TIMESTAMPNS, &one, sizeof one);
-    const int buffer = 256 * 1024;
+    // Replies to a burst for many hosts arrive together; a small queue drops some of them.
+    const int buffer = 4 * 1024 * 1024;
     setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
     // A raw socket sees every ICMP message of the host; let only echo replies through.
     if (kind == HostStatisticsRetriever::SK_Raw && !v6) {
@@ -277,8 +278,17 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
     }
     int64_t now = MonoMs();
     while (nextProbe < count && now >= begin + int64_t{nextProbe} * intervalMs) {
-      for (size_t host : probed)
+      // Loopback answers during the send: read between sends, or a long burst (or bursts caught
+      // up after a stall) fills the socket's queue and the kernel drops replies.
+      size_t sent = 0;
+      for (size_t host : probed) {
         send(host, nextProbe);
+        if (++sent % 32 == 0)
+          for (nfds_t k = 0; k < fdCount; ++k)
+            drain(*polled[k]);
+      }
+      for (nfds_t k = 0; k < fdCount; ++k)
+        drain(*polled[k]);
       ++nextProbe;
       now = MonoMs();
     }

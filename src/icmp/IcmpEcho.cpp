@@ -182,20 +182,29 @@ ProbeBook::Outcome ProbeBook::record(size_t host, unsigned probe, uint16_t seque
 }
 
 void ProbeBook::expire(int64_t nowMs) {
-  for (Host& h : m_hosts)
-    for (Probe& p : h.probes)
-      if (p.state == Pending && nowMs >= p.deadlineMs) {
-        p.state = Expired;
-        --m_pending;
-      }
+  for (Host& h : m_hosts) {
+    for (size_t k = h.open; k < h.probes.size() && h.probes[k].state != Unsent; ++k) {
+      Probe& p = h.probes[k];
+      if (p.state != Pending)
+        continue;
+      if (nowMs < p.deadlineMs)
+        break; // the later probes of this host expire later still
+      p.state = Expired;
+      --m_pending;
+    }
+    while (h.open < h.probes.size() && (h.probes[h.open].state == Answered || h.probes[h.open].state == Expired))
+      ++h.open;
+  }
 }
 
 int64_t ProbeBook::nextDeadline() const {
   int64_t next = INT64_MAX;
   for (const Host& h : m_hosts)
-    for (const Probe& p : h.probes)
-      if (p.state == Pending)
-        next = std::min(next, p.deadlineMs);
+    for (size_t k = h.open; k < h.probes.size() && h.probes[k].state != Unsent; ++k)
+      if (h.probes[k].state == Pending) {
+        next = std::min(next, h.probes[k].deadlineMs);
+        break;
+      }
   return next;
 }
 

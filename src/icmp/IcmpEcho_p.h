@@ -61,7 +61,8 @@ public:
   ProbeBook(size_t hosts, unsigned count);
 
   // A probe left (or failed to: it is lost all the same) at `sentNs` on the wall clock and
-  // expires at `deadlineMs` on the monotonic clock.
+  // expires at `deadlineMs` on the monotonic clock. A host's probes leave in order, their
+  // deadlines never decreasing.
   void markSent(size_t host, unsigned probe, uint16_t sequence, int64_t sentNs, int64_t deadlineMs);
   // A reply for (host, probe) with this sequence number came in at `receivedNs` (wall clock).
   Outcome record(size_t host, unsigned probe, uint16_t sequence, int64_t receivedNs, int64_t nowMs);
@@ -85,6 +86,7 @@ private:
     std::vector<Probe> probes;
     std::vector<long long> rttUs;
     unsigned sent = 0, received = 0, duplicates = 0;
+    size_t open = 0; // the probes before this one are answered or lost
   };
   std::vector<Host> m_hosts;
   size_t m_pending = 0;

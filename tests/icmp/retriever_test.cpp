@@ -303,6 +303,20 @@ TEST(IcmpLoopback, ConcurrentRoundsKeepTheirOwnReplies) {
   }
 }
 
+// A hundred hosts probed at once: every reply of a burst must find room in the socket's queue.
+TEST(IcmpLoopback, ManyHostsLoseNothing) {
+  std::vector<std::string> hosts;
+  for (int i = 1; i <= 100; ++i)
+    hosts.push_back("127.0.0." + std::to_string(i));
+  HostStatisticsRetriever retriever(hosts, 20, 5, 1000);
+  std::vector<HostStatistics> out;
+  ASSERT_TRUE(retriever.retrieve(out, nullptr));
+  unsigned received = 0;
+  for (const HostStatistics& h : out)
+    received += h.received;
+  EXPECT_EQ(received, 2000u);
+}
+
 TEST(IcmpLoopback, CancelEndsTheRoundEarly) {
   HostStatisticsRetriever retriever({"127.0.0.1"}, 1000, 100, 1000);
   bool cancel = false;
