@@ -256,7 +256,9 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
         source.fromIPv4(reinterpret_cast<const sockaddr_in*>(&from));
       if (source != out[tag.host].address)
         continue;
-      book.record(tag.host, tag.probe, reply.sequence, receivedNs, MonoMs());
+      // Late or not by the kernel's arrival stamp: a slow reader does not turn replies into losses.
+      const int64_t arrivedMs = MonoMs() - std::max<int64_t>(0, WallNs() - receivedNs) / 1000000;
+      book.record(tag.host, tag.probe, reply.sequence, receivedNs, arrivedMs);
     }
   };
 
@@ -292,6 +294,8 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
       ++nextProbe;
       now = MonoMs();
     }
+    for (nfds_t k = 0; k < fdCount; ++k)
+      drain(*polled[k]); // what came in time is counted before the deadlines are applied
     book.expire(now);
     if (nextProbe >= count && !book.hasPending())
       break;

