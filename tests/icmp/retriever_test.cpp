@@ -296,7 +296,7 @@ TEST(IcmpLoopback, ConcurrentRoundsKeepTheirOwnReplies) {
   for (std::thread& t : threads)
     t.join();
   for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE(ok[i]);
+    ASSERT_TRUE(ok[i]) << (out[i].empty() ? "" : out[i][0].error);
     ASSERT_EQ(out[i].size(), 3u);
     for (const HostStatistics& h : out[i])
       ExpectAllAnswered(h, 5);
@@ -310,7 +310,7 @@ TEST(IcmpLoopback, ManyHostsLoseNothing) {
     hosts.push_back("127.0.0." + std::to_string(i));
   HostStatisticsRetriever retriever(hosts, 20, 5, 3000);
   std::vector<HostStatistics> out;
-  ASSERT_TRUE(retriever.retrieve(out, nullptr));
+  ASSERT_TRUE(retriever.retrieve(out, nullptr)) << out[0].error;
   unsigned received = 0;
   for (const HostStatistics& h : out)
     received += h.received;
@@ -330,6 +330,7 @@ TEST(IcmpLoopback, CancelEndsTheRoundEarly) {
   canceller.join();
   EXPECT_LT(NowMs() - t0, 3000) << "the whole round takes 100 s";
   ASSERT_EQ(out.size(), 1u);
+  ASSERT_EQ(out[0].error, "");
   EXPECT_GE(out[0].sent, 1u);
   EXPECT_LT(out[0].sent, 40u);
 }
@@ -414,7 +415,7 @@ TEST(IcmpAgreement, SameCountsAndTimesAsFping) {
 
     HostStatisticsRetriever retriever({"127.0.0.1", "::1"}, 5, 200, 1000);
     std::vector<HostStatistics> ours;
-    ASSERT_TRUE(retriever.retrieve(ours, nullptr));
+    ASSERT_TRUE(retriever.retrieve(ours, nullptr)) << ours[0].error;
     bool close = true;
     std::ostringstream s;
     for (size_t i = 0; i < 2; ++i) {
