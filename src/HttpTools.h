@@ -13,6 +13,7 @@
 #include <HttpTools/http/HttpHelpers.h>
 #include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/http/qzIoDeviceHttpChuncked.h>
+#include <HttpTools/icmp/HostStatistics.h>
 #include <HttpTools/jwt/Jwt.h>
 #include <HttpTools/jwt/KeyProvider.h>
 #include <HttpTools/jwt/KeyStore.h>

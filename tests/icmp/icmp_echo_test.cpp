@@ -1,0 +1,222 @@
+// The reply parser, the payload tag, the statistics arithmetic and the probe book, on bytes and
+// times made by hand.
+#include <HttpTools/icmp/IcmpEcho_p.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+using namespace qz::icmp;
+using namespace qz::icmp::impl;
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// An echo reply as a peer sends it: the request with type 0 (or 129) and the checksum redone.
+Bytes Reply(bool ipv6, uint16_t id, uint16_t seq, const ProbeTag& tag) {
+  unsigned char payload[kPayloadSize];
+  WritePayload(tag, payload);
+  Bytes b(kHeaderSize + kPayloadSize);
+  BuildEchoRequest(ipv6, id, seq, payload, sizeof payload, b.data());
+  b[0] = ipv6 ? 129 : 0;
+  b[2] = b[3] = 0;
+  if (!ipv6) {
+    const uint16_t sum = InternetChecksum(b.data(), b.size());
+    b[2] = static_cast<unsigned char>(sum >> 8);
+    b[3] = static_cast<unsigned char>(sum);
+  }
+  return b;
+}
+
+Bytes WithIpHeader(const Bytes& icmp, size_t optionWords = 0, int lengthDelta = 0) {
+  const size_t header = 20 + 4 * optionWords;
+  Bytes b(header, 0);
+  b[0] = static_cast<unsigned char>(0x40 | (header / 4));
+  const size_t total = header + icmp.size() + lengthDelta;
+  b[2] = static_cast<unsigned char>(total >> 8);
+  b[3] = static_cast<unsigned char>(total);
+  b[8] = 64;
+  b[9] = 1;
+  b.insert(b.end(), icmp.begin(), icmp.end());
+  return b;
+}
+
+const ProbeTag kTag{0x0123456789abcdefULL, 7, 3};
+
+Bytes Request4() {
+  unsigned char payload[kPayloadSize];
+  WritePayload(kTag, payload);
+  Bytes b(kHeaderSize + kPayloadSize);
+  BuildEchoRequest(false, 1, 2, payload, sizeof payload, b.data());
+  return b;
+}
+
+} // namespace
+
+TEST(IcmpChecksum, Rfc1071Example) {
+  const unsigned char even[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7};
+  EXPECT_EQ(InternetChecksum(even, sizeof even), 0x220d);
+  const unsigned char odd[] = {0x01};
+  EXPECT_EQ(InternetChecksum(odd, 1), 0xfeff);
+}
+
+TEST(IcmpEcho, ParserAcceptsWellFormedRepliesOfEachLayout) {
+  const Bytes icmp4 = Reply(false, 0x1234, 42, kTag), icmp6 = Reply(true, 0x1234, 42, kTag);
+  Bytes padded = WithIpHeader(icmp4);
+  padded.push_back(0xee); // bytes past the IP total length are not part of the message
+  const struct {
+    const char* name;
+    Bytes bytes;
+    ReplyLayout layout;
+  } cases[] = {
+      {"datagram", icmp4, ReplyLayout::IPv4Datagram},
+      {"with header", WithIpHeader(icmp4), ReplyLayout::IPv4WithHeader},
+      {"with header and options", WithIpHeader(icmp4, 2), ReplyLayout::IPv4WithHeader},
+      {"with trailing bytes", padded, ReplyLayout::IPv4WithHeader},
+      {"ICMPv6", icmp6, ReplyLayout::IPv6},
+  };
+  for (const auto& c : cases) {
+    EchoReply r;
+    ASSERT_TRUE(ParseEchoReply(c.bytes.data(), c.bytes.size(), c.layout, r)) << c.name;
+    EXPECT_EQ(r.identifier, 0x1234) << c.name;
+    EXPECT_EQ(r.sequence, 42) << c.name;
+    ProbeTag tag;
+    ASSERT_TRUE(ReadPayload(r.payload, r.payloadSize, tag)) << c.name;
+    EXPECT_EQ(tag.token, kTag.token);
+    EXPECT_EQ(tag.host, kTag.host);
+    EXPECT_EQ(tag.probe, kTag.probe);
+  }
+}
+
+TEST(IcmpEcho, ParserRejectsWhatIsNotAnIntactEchoReply) {
+  const Bytes icmp4 = Reply(false, 1, 2, kTag), icmp6 = Reply(true, 1, 2, kTag);
+  const Bytes framed = WithIpHeader(icmp4);
+  auto mutate = [](Bytes b, size_t at, unsigned char v) {
+    b[at] = v;
+    return b;
+  };
+  const struct {
+    const char* name;
+    Bytes bytes;
+    ReplyLayout layout;
+  } cases[] = {
+      {"flipped payload bit", mutate(icmp4, 20, icmp4[20] ^ 1), ReplyLayout::IPv4Datagram},
+      {"echo request", Request4(), ReplyLayout::IPv4Datagram},
+      {"code 1", mutate(icmp6, 1, 1), ReplyLayout::IPv6},
+      {"ICMPv6 echo request", mutate(icmp6, 0, 128), ReplyLayout::IPv6},
+      {"IPv4 reply read as ICMPv6", icmp4, ReplyLayout::IPv6},
+      {"short", Bytes(icmp6.begin(), icmp6.begin() + 7), ReplyLayout::IPv6},
+      {"empty", Bytes{}, ReplyLayout::IPv4Datagram},
+      {"header without ICMP", Bytes(framed.begin(), framed.begin() + 24), ReplyLayout::IPv4WithHeader},
+      {"total length past the end", WithIpHeader(icmp4, 0, 1), ReplyLayout::IPv4WithHeader},
+      {"total length inside the header", WithIpHeader(icmp4, 0, -static_cast<int>(icmp4.size()) - 1),
+       ReplyLayout::IPv4WithHeader},
+      {"header length 4 words", mutate(framed, 0, 0x44), ReplyLayout::IPv4WithHeader},
+      {"version 6", mutate(framed, 0, 0x65), ReplyLayout::IPv4WithHeader},
+      {"protocol UDP", mutate(framed, 9, 17), ReplyLayout::IPv4WithHeader},
+      {"datagram read as with header", icmp4, ReplyLayout::IPv4WithHeader},
+  };
+  for (const auto& c : cases) {
+    EchoReply r;
+    EXPECT_FALSE(ParseEchoReply(c.bytes.data(), c.bytes.size(), c.layout, r)) << c.name;
+  }
+}
+
+TEST(IcmpEcho, PayloadTagOnlyFromAnUnchangedPayload) {
+  unsigned char p[kPayloadSize];
+  WritePayload(kTag, p);
+  ProbeTag tag;
+  EXPECT_FALSE(ReadPayload(p, kPayloadSize - 1, tag)) << "truncated";
+  p[kPayloadSize - 1] ^= 0x80;
+  EXPECT_FALSE(ReadPayload(p, kPayloadSize, tag)) << "filler changed";
+}
+
+TEST(IcmpStatistics, IntegerSqrtAsPingTakesIt) {
+  // Newton's iteration from above stops one step late when a + 1 is a square.
+  const long long cases[][2] = {{0, 0},  {1, 1},   {2, 1},    {3, 2},    {8, 3},     {24, 5}, {25, 5},
+                                {26, 5}, {99, 10}, {100, 10}, {101, 10}, {6666, 81}, {-4, -4}};
+  for (const auto& c : cases)
+    EXPECT_EQ(IntegerSqrt(c[0]), c[1]) << c[0];
+}
+
+TEST(IcmpStatistics, ComputedByHand) {
+  const struct {
+    const char* name;
+    std::vector<long long> rtt;
+    unsigned sent, received, duplicates;
+    double loss, min, avg, max, mdev;
+  } cases[] = {
+      // sum 600, sum of squares 140000: variance (140000 - 360000 / 3) / 3 = 6666, sqrt 81
+      {"three of four", {100, 200, 300}, 4, 3, 0, 25, 0.1, 0.2, 0.3, 0.081},
+      // avg 1001 / 2 = 500 in integers; variance (1000001 - 1002001 / 2) / 2 = 249500, sqrt 499
+      {"spread", {1, 1000}, 2, 2, 0, 0, 0.001, 0.5, 1.0, 0.499},
+      // variance (456 - 1296 / 3) / 3 = 8: ping reports 3, the square root of 9
+      {"sqrt quirk", {10, 10, 16}, 3, 3, 0, 0, 0.010, 0.012, 0.016, 0.003},
+      {"all lost", {}, 5, 0, 0, 100, 0, 0, 0, 0},
+      {"nothing sent", {}, 0, 0, 0, 0, 0, 0, 0, 0},
+      // a duplicate's time counts in the times, not in the received count
+      {"duplicate", {100, 300, 200}, 3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081},
+      // sums past INT_MAX take the other order: sum2 / n - avg^2 = 1625000001500000000 - 1250000000^2
+      {"large sums", {1000000000, 1500000001}, 2, 2, 0, 0, 1000000.0, 1250000.0, 1500000.001, 250000.002},
+  };
+  for (const auto& c : cases) {
+    HostStatistics s;
+    ComputeStatistics(c.rtt, c.sent, c.received, c.duplicates, s);
+    EXPECT_EQ(s.sent, c.sent) << c.name;
+    EXPECT_EQ(s.received, c.received) << c.name;
+    EXPECT_EQ(s.duplicates, c.duplicates) << c.name;
+    EXPECT_DOUBLE_EQ(s.lossPercent, c.loss) << c.name;
+    EXPECT_DOUBLE_EQ(s.minMs, c.min) << c.name;
+    EXPECT_DOUBLE_EQ(s.avgMs, c.avg) << c.name;
+    EXPECT_DOUBLE_EQ(s.maxMs, c.max) << c.name;
+    EXPECT_DOUBLE_EQ(s.mdevMs, c.mdev) << c.name;
+  }
+}
+
+TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
+  ProbeBook book(2, 3);
+  const int64_t t0 = 1'000'000'000'000;
+  for (unsigned k = 0; k < 3; ++k)
+    book.markSent(0, k, static_cast<uint16_t>(10 + k), t0, 1000);
+  book.markSent(0, 0, 99, t0, 5000); // a probe leaves once
+  EXPECT_TRUE(book.hasPending());
+  EXPECT_EQ(book.nextDeadline(), 1000);
+
+  EXPECT_EQ(book.record(0, 0, 10, t0 + 100'900, 500), ProbeBook::Matched); // 100.9 us counts as 100
+  EXPECT_EQ(book.record(0, 0, 10, t0 + 300'000, 500), ProbeBook::Duplicate);
+  EXPECT_EQ(book.record(0, 1, 11, t0 + 200'000, 999), ProbeBook::Matched);
+  EXPECT_EQ(book.record(0, 2, 99, t0 + 1, 500), ProbeBook::Unknown) << "sequence of another probe";
+  EXPECT_EQ(book.record(1, 0, 0, t0 + 1, 500), ProbeBook::Unknown) << "never sent";
+  EXPECT_EQ(book.record(5, 0, 10, t0 + 1, 500), ProbeBook::Unknown) << "no such host";
+  EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::Late) << "at its deadline";
+  EXPECT_FALSE(book.hasPending());
+  EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::Late) << "stays lost";
+
+  HostStatistics s;
+  book.fill(0, s);
+  EXPECT_EQ(s.sent, 3u);
+  EXPECT_EQ(s.received, 2u);
+  EXPECT_EQ(s.duplicates, 1u);
+  EXPECT_DOUBLE_EQ(s.minMs, 0.1);
+  EXPECT_DOUBLE_EQ(s.maxMs, 0.3);
+  EXPECT_DOUBLE_EQ(s.mdevMs, 0.081);
+}
+
+TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
+  ProbeBook book(1, 2);
+  book.markSent(0, 0, 1, 0, 100);
+  book.markSent(0, 1, 2, 0, 200);
+  book.expire(150);
+  EXPECT_EQ(book.nextDeadline(), 200) << "the first probe is given up, the second still waits";
+  book.expire(200);
+  EXPECT_FALSE(book.hasPending());
+  EXPECT_EQ(book.nextDeadline(), INT64_MAX);
+  HostStatistics s;
+  book.fill(0, s);
+  EXPECT_EQ(s.sent, 2u);
+  EXPECT_EQ(s.received, 0u);
+  EXPECT_DOUBLE_EQ(s.lossPercent, 100);
+}
