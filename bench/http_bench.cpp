@@ -62,7 +62,6 @@ public:
     }
     curl_easy_setopt(m_h, CURLOPT_NOSIGNAL, 1L); // as the library with libcurl's threaded resolver
     curl_easy_setopt(m_h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
-    curl_easy_setopt(m_h, CURLOPT_COOKIEFILE, "");
     curl_easy_setopt(m_h, CURLOPT_COOKIEJAR, "/dev/null");
     curl_easy_setopt(m_h, CURLOPT_PATH_AS_IS, 1L);
     curl_easy_setopt(m_h, CURLOPT_PROTOCOLS_STR, "http,https");

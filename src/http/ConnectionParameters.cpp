@@ -135,7 +135,9 @@ int ApplyResolvedParameters(CURL* h, const ResolvedParameters& r) {
   rc |= curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, r.connectTimeoutSec);
   rc |= curl_easy_setopt(h, CURLOPT_MAX_RECV_SPEED_LARGE, curl_off_t(r.maxRecvSpeed));
   rc |= curl_easy_setopt(h, CURLOPT_MAX_SEND_SPEED_LARGE, curl_off_t(r.maxSendSpeed));
-  // The cookie engine keeps cookies in memory; the jar path means nothing survives the handle.
+  // The jar option starts the cookie engine, which keeps cookies in memory; its path means that
+  // nothing survives the handle. No cookie file is named: libcurl 7.88 opens a named one again
+  // at every transfer, and its list of names is lost (leaked) when the handle is reset.
   rc |= curl_easy_setopt(h, CURLOPT_COOKIESESSION, r.keepCookies ? 0L : 1L);
   rc |= curl_easy_setopt(h, CURLOPT_COOKIEJAR, r.keepCookies ? "/dev/null" : static_cast<const char*>(nullptr));
   rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, r.lowSpeedLimit);

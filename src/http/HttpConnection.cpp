@@ -78,9 +78,6 @@ int applyConnectionOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
   rc |= curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, debugCallback);
   rc |= curl_easy_setopt(h, CURLOPT_DEBUGDATA, d);
   rc |= curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d->errorBuffer);
-  // Cookie engine on without a file to read: a file name, even "/dev/null", is opened again
-  // at every transfer.
-  rc |= curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
   rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
   // Paths go out as rendered; "." and ".." segments are already escaped.
   rc |= curl_easy_setopt(h, CURLOPT_PATH_AS_IS, 1L);

@@ -43,8 +43,12 @@ public:
     size_t maxBodyBytes = 0; // largest response body, counted after decoding; 0 = no limit
     long totalTimeoutMs = 0; // time allowed for a whole request; 0 = none
 
-    // Sets the options on the libcurl easy handle `curlHandle` for a request to `target`.
-    // Returns the bitwise OR of every curl_easy_setopt result (0: all accepted).
+    // Sets the options on the libcurl easy handle `curlHandle` for a request to `target`: every
+    // field above, requests and redirects over http and https only, certificate checks (the
+    // loopback exemption covers the host 127.0.0.1 only, not a host a redirect reaches), and a
+    // body limit on the announced length (a write callback must count decoded bytes itself).
+    // Every option is set, so a handle used before may be passed. Returns the bitwise OR of
+    // every curl_easy_setopt result (0: all accepted).
     int applyParameters(void* curlHandle, const qz::Url& target, HttpProxyFinder& proxyFinder) const;
   };
 

@@ -113,44 +113,34 @@ TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {
   EXPECT_NO_THROW(qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy));
 }
 
+// The parts agree with the designed version text.
 TEST_F(Frame, VersionRecord) {
-  EXPECT_EQ(HttpTools::Version::GetMajor(), 3);
-  EXPECT_EQ(HttpTools::Version::GetMinor(), 0);
-  EXPECT_EQ(HttpTools::Version::GetRelease(), 0);
-  EXPECT_EQ(HttpTools::Version::GetRevision(), 17);
-  EXPECT_EQ(HttpTools::Version::GetYear(), 2022);
-  EXPECT_EQ(HttpTools::Version::GetMonth(), 7);
-  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinor(true), "3.0");
-  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinorRelease(false), "3.0.0");
-  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinorReleaseRevision(true), "3.0.0.17");
-  EXPECT_STREQ(HttpTools::Version::GetDescStringMajorMinorReleaseRevisionDate(), "3.0.0.17 2022-7");
+  using V = HttpTools::Version;
+  EXPECT_STREQ(V::GetDescStringMajorMinorReleaseRevisionDate(), "3.0.0.17 2022-7");
+  EXPECT_EQ(std::to_string(V::GetMajor()) + "." + std::to_string(V::GetMinor()) + "." +
+                std::to_string(V::GetRelease()) + "." + std::to_string(V::GetRevision()) + " " +
+                std::to_string(V::GetYear()) + "-" + std::to_string(V::GetMonth()),
+            V::GetDescStringMajorMinorReleaseRevisionDate());
+  EXPECT_STREQ(V::GetDescStringMajorMinorReleaseRevision(true), "3.0.0.17");
+}
+
+// Every declared value goes to its name and back; unknown values and names are invalid.
+template <typename Helper> void roundTrips(const std::string& typeName, size_t count) {
+  EXPECT_EQ(Helper::sTypeName, typeName);
+  EXPECT_EQ(Helper::sVals.size(), count);
+  for (const auto& [value, names] : Helper::sVals) {
+    EXPECT_EQ(Helper(value).toString(), names.front());
+    EXPECT_EQ(Helper(names.front()).getValue(), value);
+  }
+  EXPECT_FALSE(Helper(int(count)).isValid());
+  EXPECT_FALSE(Helper(std::string("Nope")).isValid());
 }
 
 TEST_F(Frame, PolicyNamesRoundTrip) {
-  EXPECT_EQ(SSLValidatePolicyEnumHelper::sTypeName, "qz::http::SSLValidatePolicy");
-  EXPECT_EQ(HostNameResolutionPolicyEnumHelper::sTypeName, "qz::http::HostNameResolutionPolicy");
-  EXPECT_EQ(ProxyPolicyEnumHelper::sTypeName, "qz::http::ProxyPolicy");
-  struct {
-    int value;
-    std::string name;
-  } svp[] = {{0, "SVP_DefaultBehavior"}, {1, "SVP_VerifyPeerAndHost"}, {2, "SVP_NoVerify"}},
-    hnrp[] = {{0, "HNRP_Default"}, {1, "HNRP_Whatever"}, {2, "HNRP_PreferIpv6"}, {3, "HNRP_PreferIpv4"}},
-    pp[] = {{0, "PP_Default"}, {1, "PP_NoProxy"}, {2, "PP_AutomaticProxy"}, {3, "PP_ManualProxy"}};
-  for (auto& c : svp) {
-    EXPECT_EQ(SSLValidatePolicyEnumHelper(c.value).toString(), c.name);
-    EXPECT_EQ(SSLValidatePolicyEnumHelper(c.name).getValue(), c.value);
-  }
-  for (auto& c : hnrp) {
-    EXPECT_EQ(HostNameResolutionPolicyEnumHelper(c.value).toString(), c.name);
-    EXPECT_EQ(HostNameResolutionPolicyEnumHelper(c.name).getValue(), c.value);
-  }
-  for (auto& c : pp) {
-    EXPECT_EQ(ProxyPolicyEnumHelper(c.value).toString(), c.name);
-    EXPECT_EQ(ProxyPolicyEnumHelper(c.name).getValue(), c.value);
-  }
+  roundTrips<SSLValidatePolicyEnumHelper>("qz::http::SSLValidatePolicy", 3);
+  roundTrips<HostNameResolutionPolicyEnumHelper>("qz::http::HostNameResolutionPolicy", 4);
+  roundTrips<ProxyPolicyEnumHelper>("qz::http::ProxyPolicy", 4);
   EXPECT_EQ(ProxyPolicyEnumHelper(PP_ManualProxy).toQualifiedString(), "qz::http::ProxyPolicy::PP_ManualProxy");
-  EXPECT_FALSE(ProxyPolicyEnumHelper(std::string("PP_Nope")).isValid());
-  EXPECT_FALSE(SSLValidatePolicyEnumHelper(3).isValid());
   EXPECT_EQ(HostNameResolutionPolicyEnumHelper(-1).toString(), "");
 }
 

@@ -55,10 +55,8 @@ TEST_F(ParamsTest, PoliciesMeetDefaultsAndExemption) {
   using R = const ResolvedParameters&;
   const char* org = "https://example.org/";
   const std::vector<Case> cases{
-      {[](Params& p) { p.maxRedirects = -5; }, [](R r) { return r.maxRedirects == 0; }},
       {[](Params& p) { p.lowSpeedTime = 0; }, [](R r) { return r.lowSpeedLimit == 0 && r.lowSpeedTime == 0; }},
       {[](Params& p) { p.lowSpeedLimit = 5; }, [](R r) { return r.lowSpeedLimit == 5 && r.lowSpeedTime == 10; }},
-      {[](Params& p) { p.totalTimeoutMs = -3; }, [](R r) { return r.totalTimeoutMs == 0; }},
       // Certificate checking: policy, process default, and the loopback exemption by exact text.
       {[](Params&) {}, [](R r) { return r.verifyPeer && !r.loopbackExempt; }},
       {[](Params& p) { p.sslValidatePolicy = SVP_VerifyPeerAndHost; }, [](R r) { return r.verifyPeer; }, org, false},
