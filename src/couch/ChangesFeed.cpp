@@ -59,6 +59,7 @@ struct FeedTransfer {
   std::string errorBody;
   int64_t lastDataMs = 0;
   int64_t silenceLimitMs = 0; // 0: not watched
+  bool quietAllowed = false;  // the server may say nothing for long (continuous, longpoll)
   bool silent = false;
   bool failed = false; // an exception was caught in a callback
 
@@ -123,7 +124,7 @@ int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers)
   } else {
     rc |= curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
-  if (t->silenceLimitMs > 0) {
+  if (t->quietAllowed) {
     // Heartbeats are a byte now and then: the low-speed guard would cut a quiet feed.
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 0L);
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, 0L);
@@ -137,7 +138,7 @@ bool IsFatalStatus(long code) { return code >= 400 && code < 500 && code != 408 
 
 qz::Url ChangesFeedListener::Private::feedUrl(const std::string& from) const {
   CouchConnectionParameters::Query query;
-  query.emplace_back("feed", options.continuous ? "continuous" : "normal");
+  query.emplace_back("feed", options.continuous ? "continuous" : options.longpoll ? "longpoll" : "normal");
   if (!from.empty())
     query.emplace_back("since", from);
   if (options.includeDocs)
@@ -194,6 +195,7 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
     t.lastDataMs = qzSystemUtils::GetTimeBaseMs();
     if (options.continuous)
       t.silenceLimitMs = 2 * int64_t(std::max(1u, options.heartbeatMs));
+    t.quietAllowed = options.continuous || options.longpoll;
 
     const qz::Url url = feedUrl(checkpoint());
     const int64_t started = qzSystemUtils::GetTimeBaseMs();
