@@ -230,6 +230,13 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       if (!options.continuous) {
         if (options.batchLimit > 0 && parser.changeCount() >= options.batchLimit)
           continue; // the next batch
+        if (options.longpoll && parser.changeCount() == 0 && parser.sawLastSeq()) {
+          // The server's wait ended without a change: wait again (a pause if it did not wait).
+          if (qzSystemUtils::GetTimeBaseMs() - started < 100 &&
+              !detail::SleepUnlessCancelled(100, cancel, &stopRequested))
+            return true;
+          continue;
+        }
         if (parser.sawLastSeq() && parser.pendingBytes() == 0)
           return true;
         lastReason = "change feed ended early";
