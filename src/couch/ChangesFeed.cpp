@@ -128,6 +128,7 @@ int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers)
     // Heartbeats are a byte now and then: the low-speed guard would cut a quiet feed.
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 0L);
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, 0L);
+    rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, 0L); // a followed feed has no end
   }
   return rc;
 }
