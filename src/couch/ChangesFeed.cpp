@@ -61,6 +61,7 @@ struct FeedTransfer {
   int64_t silenceLimitMs = 0; // 0: not watched
   bool quietAllowed = false;  // the server may say nothing for long (continuous, longpoll)
   bool silent = false;
+  bool gotData = false;
   bool failed = false; // an exception was caught in a callback
 
   bool stopped() const { return d->stopRequested.load() || detail::IsCancelled(cancel); }
@@ -71,6 +72,7 @@ size_t WriteFeed(char* data, size_t size, size_t nmemb, void* userData) {
   const size_t length = size * nmemb;
   try {
     t->lastDataMs = qzSystemUtils::GetTimeBaseMs();
+    t->gotData = true;
     if (t->status == 0)
       curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, &t->status);
     if (t->status != 200) {
@@ -91,7 +93,9 @@ int FeedProgress(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
   auto* t = static_cast<FeedTransfer*>(userData);
   if (t->stopped())
     return 1;
-  if (t->silenceLimitMs > 0 && qzSystemUtils::GetTimeBaseMs() - t->lastDataMs > t->silenceLimitMs) {
+  // Until the first byte the connection and the server's first answer get more time.
+  const int64_t limit = t->gotData ? t->silenceLimitMs : std::max<int64_t>(t->silenceLimitMs, 10000);
+  if (t->silenceLimitMs > 0 && qzSystemUtils::GetTimeBaseMs() - t->lastDataMs > limit) {
     t->silent = true;
     return 1;
   }
