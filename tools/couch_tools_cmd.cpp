@@ -207,6 +207,9 @@ void AddCouchToolCommands(CLI::App& couch) {
   conflicts->add_flag("--resolve", *resolve, "keep each winning revision and delete the other leaves");
   conflicts->callback([conflictsUrl, resolve] { RunConflicts(*conflictsUrl, *resolve); });
 
+  for (CLI::App* sub : {changes, get, upload, conflicts})
+    sub->set_help_flag("-h,--help", "print this help and exit");
+
   // While `couch` is still the older forwarding command (couch view ...), whatever none of the
   // tools took goes to it.
   if (!couch.get_prefix_command())
