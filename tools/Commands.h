@@ -27,12 +27,13 @@ enum ExitCode : int {
   kExitCertificate = 60,
 };
 
-void AddVersionCommands(CLI::App& app); // version
-void AddUrlCommands(CLI::App& app);     // url
-void AddHttpCommands(CLI::App& app);    // get, head, put, post, delete
-void AddJwtCommands(CLI::App& app);     // jwt sign, verify, decode
-void AddCouchCommands(CLI::App& app);   // couch view
-void AddPingCommand(CLI::App& app);     // ping
+void AddVersionCommands(CLI::App& app);     // version
+void AddUrlCommands(CLI::App& app);         // url
+void AddHttpCommands(CLI::App& app);        // get, head, put, post, delete
+void AddJwtCommands(CLI::App& app);         // jwt sign, verify, decode
+void AddCouchCommands(CLI::App& app);       // couch view
+void AddPingCommand(CLI::App& app);         // ping
+void AddCouchToolCommands(CLI::App& couch); // couch changes, get, upload, conflicts
 
 // The group subcommand `name` of `app`, made on first use, so that several files can add
 // commands to one group (couch view here, other couch commands elsewhere).

@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
   httptools::AddUrlCommands(app);
   httptools::AddJwtCommands(app);
   httptools::AddCouchCommands(app);
+  httptools::AddCouchToolCommands(*httptools::Group(app, "couch", ""));
   httptools::AddPingCommand(app);
   int rc = 0;
   try {
