@@ -61,4 +61,7 @@ struct ParallelGetOptions {
 int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::string>& outputs, unsigned parallel,
                    const ParallelGetOptions& options);
 
+// es search, es get, es bulk
+void AddElasticCommands(CLI::App& app);
+
 } // namespace httptools

@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
   httptools::AddCouchCommands(app);
   httptools::AddCouchToolCommands(*httptools::Group(app, "couch", ""));
   httptools::AddPingCommand(app);
+  httptools::AddElasticCommands(app);
   int rc = 0;
   try {
     app.parse(argc, argv);
