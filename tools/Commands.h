@@ -57,7 +57,7 @@ struct ParallelGetOptions {
 // Fetches `urls` with up to `parallel` transfers at once; the i-th body goes to outputs[i] when
 // there is one, otherwise to standard output, in the order of `urls`. A failed request (or a
 // status >= 400) is reported on standard error and writes nothing. 0 when all succeeded, 1
-// otherwise, 2 for bad arguments.
+// otherwise, 2 for bad arguments or an invalid URL.
 int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::string>& outputs, unsigned parallel,
                    const ParallelGetOptions& options);
 

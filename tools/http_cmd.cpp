@@ -309,7 +309,8 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
     cmd->add_option("URL", o->urls, "The URL, percent-encoded as on the wire; several with --parallel or -Z")
         ->required();
     cmd->add_option("-o,--output", o->outputs,
-                    "Write the response body to FILE instead of standard output (the i-th -o for the i-th URL)");
+                    "Write the response body to FILE instead of standard output (the i-th -o for the i-th URL)")
+        ->allow_extra_args(false); // one FILE per -o; the URLs after it stay URLs
     cmd->add_option("--parallel", o->parallel, "Fetch the URLs with up to N transfers at once")
         ->check(CLI::Range(1, 1000));
     cmd->add_flag("-Z", o->parallelDefault, "Fetch the URLs in parallel (up to 50 at once, as curl -Z)");
@@ -317,7 +318,7 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
     cmd->add_option("URL", o->url, "The URL, percent-encoded as on the wire")->required();
     cmd->add_option("-o,--output", o->output, "Write the response body to FILE instead of standard output");
   }
-  cmd->add_option("-H,--header", o->headers, "Extra header line \"Name: value\" (repeatable)");
+  cmd->add_option("-H,--header", o->headers, "Extra header line \"Name: value\" (repeatable)")->allow_extra_args(false);
   if (o->hasBody()) {
     CLI::Option* data =
         cmd->add_option("-d,--data", o->data, "Request body: the text itself, @FILE, or @- for standard input");

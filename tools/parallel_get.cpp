@@ -25,7 +25,7 @@ int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::
     std::string error;
     if (!parsed[i].fromEncodedUtf8String(urls[i], &error, false) || !parsed[i].isValid()) {
       std::cerr << "httptools: invalid URL '" << urls[i] << "' " << error << "\n";
-      return 1;
+      return kExitUsage; // as the single get
     }
   }
 
