@@ -13,7 +13,7 @@ namespace qz::couch {
 // longpoll feeds' {"results":[...],"last_seq":..} (on one line or one change per line) and the
 // continuous feed's one object per change with blank heartbeat lines between. Chunk boundaries
 // may fall anywhere.
-class HTTPTOOLS_API ChangesFeedParser {
+class ChangesFeedParser {
 public:
   // onChange: false stops the feed. onLastSeq: the feed's own last_seq (end of a normal feed,
   // or a continuous feed closed by the server).

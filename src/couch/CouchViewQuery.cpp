@@ -103,7 +103,7 @@ bool FetchCouchDbView(http::HttpConnection& connection, const CouchConnectionPar
     parser.reset();
     if (!body.empty())
       parser.setRequestBody(&body);
-    if (connection.getHttpData(url, std::string(), 200, &InstallViewOptions, &parser))
+    if (connection.getHttpData(url, std::string(), 200, &InstallViewOptions, &parser, ViewRequestShape(parser)))
       return true;
     if (*cancel)
       return fail("cancelled");

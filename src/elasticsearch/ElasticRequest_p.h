@@ -14,7 +14,7 @@ namespace qz::elasticsearch {
 
 class ResponseItemCutter;
 
-struct HTTPTOOLS_API ElasticResponse {
+struct ElasticResponse {
   long status = 0;      // 0 when no answer arrived
   std::string body;     // the body, unless a cutter took a 2xx body
   bool product = false; // X-Elastic-Product: Elasticsearch was present
@@ -25,18 +25,17 @@ struct HTTPTOOLS_API ElasticResponse {
 // `contentType`; a 2xx body goes to `cutter` when one is given. False only when no complete
 // answer arrived (transport error, cut body, cancel, cutter refused); `out.transportError` says
 // why. An answer without the product header is accepted and logged once per process.
-HTTPTOOLS_API bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url,
-                               const std::string* body, const char* contentType, ElasticResponse& out,
-                               ResponseItemCutter* cutter, const bool* cancel);
+bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
+                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter, const bool* cancel);
 
 // "type: reason" of an error answer ({"error":{"type","reason"},"status"}), or the status and the
 // start of the body when it is not one.
-HTTPTOOLS_API std::string ErrorText(const ElasticResponse& response);
+std::string ErrorText(const ElasticResponse& response);
 
 // The JSON text of `s` as a string literal, quotes included.
-HTTPTOOLS_API void AppendJsonString(std::string& out, const std::string& s);
+void AppendJsonString(std::string& out, const std::string& s);
 // Compact JSON of a variant, appended in place (no copy of the value; NaN and infinities as null).
-HTTPTOOLS_API void AppendJson(std::string& out, const qzVariant& value);
-HTTPTOOLS_API void AppendJson(std::string& out, const qzVariantMapImpl& map);
+void AppendJson(std::string& out, const qzVariant& value);
+void AppendJson(std::string& out, const qzVariantMapImpl& map);
 
 } // namespace qz::elasticsearch

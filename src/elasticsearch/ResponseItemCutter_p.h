@@ -14,7 +14,7 @@ namespace qz::elasticsearch {
 // goes to the item function as soon as its closing brace is read; the buffer holds only the
 // unconsumed tail (one partial object plus the current chunk). On the way it keeps the top-level
 // string members `pit_id` and `_scroll_id` and the literal of `errors`.
-class HTTPTOOLS_API ResponseItemCutter {
+class ResponseItemCutter {
 public:
   // Returning false stops the cut (feed() then returns false).
   using ItemFunction = std::function<bool(const char* text, size_t length)>;
