@@ -108,6 +108,8 @@ int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers)
   rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, write);
   rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progress);
   rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+  // A compressing server holds changes back until its buffer fills.
+  rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, static_cast<char*>(nullptr));
   rc |= curl_easy_setopt(h, CURLOPT_NOBODY, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
