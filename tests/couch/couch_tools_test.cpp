@@ -2,7 +2,9 @@
 
 #include <HttpTools/couch/ChangesFeed.h>
 #include <HttpTools/couch/ConflictSolver.h>
+#include <HttpTools/couch/CouchViewQuery.h>
 #include <HttpTools/frame/HttpToolsLib.h>
+#include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
@@ -277,6 +279,67 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   ASSERT_TRUE(qz::json::Json2Variant::Convert(info, m));
   EXPECT_EQ(m["doc_count"].toInt64(), int64_t(total));
   EXPECT_EQ(m["update_seq"].toInt64(), int64_t(total)); // nothing written twice
+}
+
+} // namespace
+
+namespace {
+
+TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
+  ASSERT_EQ(put("_design/app",
+                R"({"views":{"by_n":{"map":"function(d){ if (d.n !== undefined) emit([d.n % 2, d.n], d.n); }",)"
+                R"("reduce":"_sum"}}})"),
+            201);
+  for (int i = 0; i < 10; ++i)
+    ASSERT_EQ(put("v" + std::to_string(i), R"({"n":)" + std::to_string(i) + "}"), 201);
+  qz::http::HttpConnection conn;
+  auto fetch = [&](const ViewQueryOptions& q, const std::string& design = "app", const std::string& view = "by_n") {
+    std::vector<std::string> rows;
+    std::string error;
+    EXPECT_TRUE(FetchCouchDbView(
+        conn, server(), db, design, view, q,
+        [&](ViewRow& r) {
+          rows.push_back(r.id + "|" + r.key.toString() + "|" + r.value.toString() +
+                         (r.doc.isNull() ? "" : "|" + r.doc.toMap().at("n").toString()) + r.error);
+          return true;
+        },
+        &error))
+        << error;
+    return rows;
+  };
+  ViewQueryOptions q;
+  EXPECT_EQ(fetch(q), (std::vector<std::string>{"||45"}));
+  q.reduce = false;
+  q.startKey = "[1,3]";
+  q.endKey = "[1,7]";
+  q.descending = false;
+  EXPECT_EQ(fetch(q), (std::vector<std::string>{"v3|[1,3]|3", "v5|[1,5]|5", "v7|[1,7]|7"}));
+  q.inclusiveEnd = false;
+  q.skip = 1;
+  q.includeDocs = true;
+  EXPECT_EQ(fetch(q), (std::vector<std::string>{"v5|[1,5]|5|5"}));
+  ViewQueryOptions d;
+  d.reduce = false;
+  d.descending = true;
+  d.limit = 2;
+  EXPECT_EQ(fetch(d), (std::vector<std::string>{"v9|[1,9]|9", "v7|[1,7]|7"}));
+  ViewQueryOptions k;
+  k.reduce = false;
+  k.keys = {"[0,4]", "[1,1]"};
+  EXPECT_EQ(fetch(k), (std::vector<std::string>{"v4|[0,4]|4", "v1|[1,1]|1"}));
+  ViewQueryOptions all;
+  all.keys = {"\"v2\"", "\"nope\""};
+  const auto rows = fetch(all, "", "");
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[1], "|nope|not_found");
+
+  std::string error;
+  EXPECT_FALSE(FetchCouchDbView(
+      conn, server(), db, "app", "missing", q, [](ViewRow&) { return true; }, &error));
+  EXPECT_NE(error.find("404"), std::string::npos) << error;
+  EXPECT_FALSE(FetchCouchDbView(
+      conn, server(), db, "app", "by_n", d, [](ViewRow&) { return false; }, &error));
+  EXPECT_EQ(error, "row refused");
 }
 
 } // namespace
