@@ -9,6 +9,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/PouchDbFixture.h"
+#include "support/Process.h"
 
 #include <gtest/gtest.h>
 
@@ -343,3 +344,40 @@ TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
 }
 
 } // namespace
+
+#ifdef HTTPTOOLS_CLI
+namespace {
+
+TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
+  const std::string url = s_server->baseUrl() + "/" + db;
+  std::string out, err;
+  ASSERT_EQ(put("taken", "{}"), 201);
+  EXPECT_EQ(qztest::RunProgram(
+                {HTTPTOOLS_CLI, "couch", "upload", url, "-", "--threads", "2"},
+                "{\"_id\":\"a\",\"n\":1}\n\n{\"_id\":\"taken\"}\n[1]\n{\"_id\":\"b\",\"s\":\"\\u00e9\"}\n", out, err),
+            1);
+  EXPECT_EQ(out, "{\"uploaded\":2,\"failed\":1,\"invalid\":1}\n");
+  EXPECT_NE(err.find("line 4: not a JSON object"), std::string::npos) << err;
+  EXPECT_NE(err.find("taken: conflict"), std::string::npos) << err;
+
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", url, "--since", "1"}, "", out, err), 0) << err;
+  const std::string revA = rev("a");
+  EXPECT_EQ(out, "{\"deleted\":false,\"doc\":null,\"id\":\"a\",\"revs\":[\"" + revA +
+                     "\"],\"seq\":\"2\"}\n"
+                     "{\"deleted\":false,\"doc\":null,\"id\":\"b\",\"revs\":[\"" +
+                     rev("b") + "\"],\"seq\":\"3\"}\n");
+
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "get", url, "b", "zz"}, "", out, err), 1);
+  EXPECT_EQ(out, "{\"_id\":\"b\",\"_rev\":\"" + rev("b") + "\",\"s\":\"\xc3\xa9\"}\n");
+  EXPECT_EQ(err, "not found: zz\n");
+
+  MakeConflict(*s_server, db, "c");
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url, "--resolve"}, "", out, err), 0) << err;
+  EXPECT_EQ(out, "c\nsolved 1\n");
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url}, "", out, err), 0) << err;
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", "http://127.0.0.1:1"}, "", out, err), 2);
+}
+
+} // namespace
+#endif
