@@ -3,7 +3,11 @@
 // The whole public API of HttpTools.
 
 #include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/couch/ChangesFeed.h>
+#include <HttpTools/couch/ConflictSolver.h>
+#include <HttpTools/couch/CouchDocuments.h>
 #include <HttpTools/couch/CouchView.h>
+#include <HttpTools/couch/CouchViewQuery.h>
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>

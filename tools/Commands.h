@@ -11,6 +11,7 @@ namespace httptools {
 
 extern int exitCode;
 
-void AddLegacyCommands(CLI::App& app); // version, jwt, url, get/head/put/post/delete, couch view
+void AddLegacyCommands(CLI::App& app);      // version, jwt, url, get/head/put/post/delete, couch view
+void AddCouchToolCommands(CLI::App& couch); // couch changes, get, upload, conflicts
 
 } // namespace httptools

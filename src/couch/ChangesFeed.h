@@ -1,0 +1,95 @@
+#pragma once
+
+#include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzVariant.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qz::http {
+class HttpConnectionPool;
+}
+
+namespace qz::couch {
+
+// One entry of a database's change feed.
+struct HTTPTOOLS_API Change {
+  std::string seq; // opaque: CouchDB 2+ sends strings, older servers and PouchDB numbers
+  std::string id;
+  std::vector<std::string> revs;
+  bool deleted = false;
+  qzVariant doc; // null unless ChangesOptions::includeDocs
+};
+
+struct HTTPTOOLS_API ChangesOptions {
+  std::string since = "0"; // "now" starts at the current end of the feed
+  bool includeDocs = false;
+  bool continuous = false; // follow the feed until stopped; otherwise read until caught up
+  unsigned heartbeatMs = 10000;
+  std::vector<std::string> docIds; // only these documents (filter _doc_ids)
+  std::string filter;              // "design/name"
+  unsigned batchLimit = 0;         // normal feed: changes per request (0: all at once)
+  bool allLeafRevs = false;        // style=all_docs: every leaf revision, not just the winner
+  // Transient failures (connection lost, 5xx, 429, heartbeat silence) reconnect after a delay
+  // drawn at random from [0, min(backoffMaxMs, backoffInitialMs * 2^n)] for the n-th failure in
+  // a row; more than maxRetries failures in a row end the run (0: never give up).
+  unsigned backoffInitialMs = 250;
+  unsigned backoffMaxMs = 30000;
+  unsigned maxRetries = 10;
+};
+
+// Reads a database's change feed and hands each change to a callback, reconnecting from the last
+// checkpoint after a transient failure. Delivery is at least once: after a reconnect the server
+// may send changes again that were handed over before the failure; the checkpoint lastSeq()
+// advances only after onChange returned true.
+//
+//   qz::couch::ChangesOptions o;
+//   o.continuous = true;
+//   qz::couch::ChangesFeedListener feed(pool, server, "orders", o);
+//   feed.start([](const qz::couch::Change& c) { std::cout << c.id << '\n'; return true; });
+//   ...
+//   feed.stop(); // feed.lastSeq() resumes it later
+class HTTPTOOLS_API ChangesFeedListener {
+public:
+  ChangesFeedListener(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
+                      const std::string& db, ChangesOptions options);
+  ~ChangesFeedListener(); // stops and joins
+  ChangesFeedListener(const ChangesFeedListener&) = delete;
+  ChangesFeedListener& operator=(const ChangesFeedListener&) = delete;
+
+  // On the caller's thread: reads changes until caught up (normal feed), or until stopped or
+  // cancelled (continuous). onChange returning false stops. True when it ended without error
+  // (caught up, stopped, cancelled or refused by onChange); false with the reason otherwise
+  // (400/401/403/404 with the server's words, malformed feed, retries used up).
+  bool run(const std::function<bool(const Change&)>& onChange, std::string* error = nullptr,
+           const bool* cancel = nullptr);
+  // The same on a thread of its own; false when one is already running.
+  bool start(std::function<bool(const Change&)> onChange);
+  // Ends run() or the thread promptly (within about a second) and joins the thread.
+  void stop();
+  bool isRunning() const;
+  // Outcome of the last run on the listener's own thread.
+  bool lastRunOk() const;
+  std::string lastError() const;
+
+  // Seq of the last change handed over (or the feed's last_seq once caught up): the checkpoint to
+  // resume from. Starts at options.since.
+  std::string lastSeq() const;
+  // Moves the checkpoint (before run() or start()).
+  void setSince(const std::string& seq);
+  // Changes handed over, and reconnections made, since construction.
+  uint64_t changeCount() const;
+  uint64_t reconnectCount() const;
+
+  class Private;
+
+private:
+  std::unique_ptr<Private> d;
+};
+
+} // namespace qz::couch

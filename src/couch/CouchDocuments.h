@@ -1,0 +1,112 @@
+#pragma once
+
+#include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzVariant.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qz::http {
+class HttpConnectionPool;
+}
+
+namespace qz::couch {
+
+// Reads documents by id: _all_docs?include_docs=true with the ids as keys, in batches spread over
+// `threads` threads, every request through `pool`.
+//
+//   qz::couch::DocumentGetter getter(pool, server, "orders", 4);
+//   std::vector<std::string> missing;
+//   getter.get(ids, [](const std::string& id, qzVariant& doc) { use(id, doc); }, &missing, &error, nullptr);
+class HTTPTOOLS_API DocumentGetter {
+public:
+  DocumentGetter(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                 unsigned threads);
+  ~DocumentGetter();
+  DocumentGetter(const DocumentGetter&) = delete;
+  DocumentGetter& operator=(const DocumentGetter&) = delete;
+
+  void setBatchSize(size_t ids); // ids per request (default 200)
+
+  // onDoc runs on the worker threads, one call at a time. Ids that do not exist or whose document
+  // is deleted go to `missing` (in the order given), not to onDoc; they are not an error. False
+  // on a failed request (after retries of 429, 5xx and lost connections) or a cancel.
+  bool get(const std::vector<std::string>& ids, const std::function<void(const std::string& id, qzVariant& doc)>& onDoc,
+           std::vector<std::string>* missing, std::string* error, const bool* cancel);
+
+  class Private;
+
+private:
+  std::unique_ptr<Private> d;
+};
+
+// Edits documents in place: reads them in batches, lets `change` edit each one, writes the edited
+// ones back with _bulk_docs. A document another writer changed meanwhile (409) is read again and
+// changed again.
+class HTTPTOOLS_API DocumentUpdater {
+public:
+  DocumentUpdater(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                  unsigned threads);
+  ~DocumentUpdater();
+  DocumentUpdater(const DocumentUpdater&) = delete;
+  DocumentUpdater& operator=(const DocumentUpdater&) = delete;
+
+  void setBatchSize(size_t ids);          // default 100
+  void setMaxConflictRetries(unsigned n); // rounds of re-reading after 409 (default 20)
+
+  // change() runs on the worker threads, one call at a time; it returns true to write the
+  // document. Missing and deleted ids are skipped. False when a write failed for another reason
+  // than a conflict, conflicts persisted past the retries, a request failed, or on cancel;
+  // `written` counts the documents written.
+  bool update(const std::vector<std::string>& ids, const std::function<bool(qzVariantMapImpl& doc)>& change,
+              size_t* written, std::string* error, const bool* cancel);
+
+  class Private;
+
+private:
+  std::unique_ptr<Private> d;
+};
+
+// Uploads documents with _bulk_docs in batches of `batchDocs` documents or `batchBytes` bytes,
+// whichever fills first, on `threads` background threads. A request answered 429 or 5xx, or cut
+// off, is sent again after a backoff delay; per-document errors (409 conflict, 403 forbidden)
+// are kept with the document's id.
+//
+//   qz::couch::DocumentUploader up(pool, server, "orders", 4);
+//   for (auto& doc : docs)
+//     up.add(std::move(doc));
+//   if (!up.flush(&error)) report(up.failures());
+class HTTPTOOLS_API DocumentUploader {
+public:
+  DocumentUploader(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                   unsigned threads, size_t batchDocs = 500, size_t batchBytes = 4 << 20);
+  ~DocumentUploader(); // flushes
+  DocumentUploader(const DocumentUploader&) = delete;
+  DocumentUploader& operator=(const DocumentUploader&) = delete;
+
+  // Writes revisions as given (_rev kept, no new revision made), as replication does. Set before add().
+  void setNewEdits(bool newEdits);
+
+  // Queues a document; a full batch is handed to the threads (waiting while they are all busy
+  // and a few batches queue). False for a document that cannot be written as JSON.
+  bool add(qzVariantMapImpl doc);
+  // Same with the document as JSON text of an object (not checked).
+  bool addJson(std::string json, const std::string& id = {});
+  // Sends what is queued and waits for every batch. True when every document was stored.
+  bool flush(std::string* error);
+
+  size_t uploaded() const;
+  std::vector<std::pair<std::string, std::string>> failures() const; // id, reason
+
+  class Private;
+
+private:
+  std::unique_ptr<Private> d;
+};
+
+} // namespace qz::couch

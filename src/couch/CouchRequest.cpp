@@ -1,0 +1,97 @@
+#include <HttpTools/couch/CouchRequest_p.h>
+
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/http/HttpHelpers.h>
+#include <HttpTools/platform/qzJson.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <thread>
+
+namespace qz::couch::detail {
+
+std::string Reply::reason() const {
+  qzVariantMapImpl answer;
+  if (code != 0 && json::Json2Variant::Convert(body, answer)) {
+    auto error = answer.find("error");
+    auto why = answer.find("reason");
+    if (error != answer.end())
+      return error->second.toString() + (why != answer.end() ? ": " + why->second.toString() : std::string());
+  }
+  if (code != 0)
+    return "HTTP " + std::to_string(code);
+  return transportError.empty() ? std::string("no answer") : transportError;
+}
+
+bool Request(http::HttpConnectionPool& pool, const qz::Url& url, const char* method, const std::string* body,
+             Reply& out, const bool* cancel) {
+  static const std::list<std::string> headers = {"Accept: application/json"};
+  out = Reply();
+  http::HttpConnectionLocker conn(pool, url);
+  http::HttpHelpers::HttpResult result;
+  result.body = &out.body;
+  const std::string m(method);
+  if (m == "GET")
+    http::HttpHelpers::HttpGetJson(*conn, url, out.body, &result, nullptr, &headers, cancel);
+  else if (m == "POST")
+    http::HttpHelpers::HttpPostJson(*conn, url, body ? body->data() : "", body ? body->size() : 0, 0, &result, nullptr,
+                                    &headers, cancel);
+  else if (m == "PUT")
+    http::HttpHelpers::HttpPutJson(*conn, url, body ? body->data() : "", body ? body->size() : 0, 0, &result, nullptr,
+                                   &headers, cancel);
+  else
+    http::HttpHelpers::HttpDelete(*conn, url, &result, nullptr, &headers, cancel);
+  out.code = result.httpCode;
+  if (out.code == 0)
+    out.transportError = conn->getLastErrorMsg();
+  return out.code != 0;
+}
+
+bool RequestWithRetry(http::HttpConnectionPool& pool, const qz::Url& url, const char* method, const std::string* body,
+                      Reply& out, const bool* cancel, unsigned attempts) {
+  for (unsigned attempt = 1;; ++attempt) {
+    Request(pool, url, method, body, out, cancel);
+    if (!out.transient())
+      return true;
+    if (attempt >= attempts || IsCancelled(cancel) || !SleepUnlessCancelled(BackoffMs(attempt, 100, 5000), cancel))
+      return false;
+  }
+}
+
+unsigned BackoffMs(unsigned failures, unsigned initialMs, unsigned maxMs) {
+  thread_local std::mt19937 random{std::random_device{}()};
+  uint64_t step = std::max(1u, initialMs);
+  for (unsigned i = 1; i < failures && step < maxMs; ++i)
+    step *= 2;
+  step = std::min<uint64_t>(step, std::max(1u, maxMs));
+  std::uniform_int_distribution<uint64_t> jitter(0, step / 2);
+  return unsigned(step - step / 2 + jitter(random));
+}
+
+bool SleepUnlessCancelled(unsigned ms, const bool* cancel, const std::atomic<bool>* stop) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    if (IsCancelled(cancel) || (stop && stop->load()))
+      return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= end)
+      return true;
+    std::this_thread::sleep_for(
+        std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(20)));
+  }
+}
+
+std::string ToJson(const qzVariantMapImpl& doc) {
+  std::string text;
+  json::Json2Variant::Convert(doc, text, false);
+  return text;
+}
+
+std::string JsonString(const std::string& s) {
+  std::string text;
+  json::Json2Variant::Convert(qzVariant(s), text, false);
+  return text;
+}
+
+} // namespace qz::couch::detail

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/platform/qzVariant.h>
+
+#include <atomic>
+#include <string>
+
+namespace qz::http {
+class HttpConnectionPool;
+}
+
+namespace qz::couch::detail {
+
+// Outcome of one request to CouchDB.
+struct Reply {
+  long code = 0; // 0: no HTTP answer (transport failure or cancel)
+  std::string body;
+  std::string transportError;
+
+  // Connection lost, 408, 429 or 5xx: worth repeating.
+  bool transient() const { return code == 0 || code == 408 || code == 429 || code >= 500; }
+  // "error: reason" from CouchDB's error body, else the status or the transport's message.
+  std::string reason() const;
+};
+
+// One request with Accept: application/json through a connection borrowed from `pool`; `body`
+// (may be null) is sent as JSON. True when an HTTP answer came back, whatever its status.
+bool Request(qz::http::HttpConnectionPool& pool, const qz::Url& url, const char* method, const std::string* body,
+             Reply& out, const bool* cancel);
+
+// Request repeated while the answer is transient, after backoff delays (up to `attempts` in all).
+// True when a non-transient answer came back.
+bool RequestWithRetry(qz::http::HttpConnectionPool& pool, const qz::Url& url, const char* method,
+                      const std::string* body, Reply& out, const bool* cancel, unsigned attempts = 6);
+
+// Delay before the `failures`-th retry in a row: half the capped exponential step plus a random
+// part up to the other half, so that many clients do not come back in step.
+unsigned BackoffMs(unsigned failures, unsigned initialMs, unsigned maxMs);
+
+// Sleeps `ms`, returning early (false) when *cancel or *stop becomes true (either may be null).
+bool SleepUnlessCancelled(unsigned ms, const bool* cancel, const std::atomic<bool>* stop = nullptr);
+
+inline bool IsCancelled(const bool* cancel) { return cancel && *cancel; }
+
+std::string ToJson(const qzVariantMapImpl& doc);
+std::string JsonString(const std::string& s); // quoted and escaped
+
+} // namespace qz::couch::detail

@@ -1,0 +1,261 @@
+#include <HttpTools/couch/ChangesFeed.h>
+
+#include <HttpTools/couch/ChangesFeedParser_p.h>
+#include <HttpTools/frame/HttpToolsLib.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+
+#include "support/TestHttpServer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using qz::couch::Change;
+using qz::couch::ChangesFeedListener;
+using qz::couch::ChangesFeedParser;
+using qz::couch::ChangesOptions;
+
+namespace {
+
+struct Parsed {
+  std::vector<std::string> entries; // "seq id revs... [deleted] [doc]"
+  std::string lastSeq;
+  std::string error;
+};
+
+// Feeds `text` in pieces of `piece` bytes.
+Parsed ParseInPieces(const std::string& text, size_t piece) {
+  Parsed out;
+  ChangesFeedParser parser(
+      [&](Change& c) {
+        std::string e = c.seq + " " + c.id;
+        for (const auto& r : c.revs)
+          e += " " + r;
+        if (c.deleted)
+          e += " deleted";
+        if (!c.doc.isNull())
+          e += " " + c.doc.toString();
+        out.entries.push_back(e);
+        return true;
+      },
+      [&](const std::string& seq) { out.lastSeq = seq; });
+  for (size_t at = 0; at < text.size(); at += piece)
+    if (!parser.feed(text.data() + at, std::min(piece, text.size() - at))) {
+      out.error = parser.error();
+      break;
+    }
+  return out;
+}
+
+TEST(ChangesFeedParser, EveryLayoutGivesTheSameChangesAtEveryChunking) {
+  const std::vector<std::string> expected = {"1 a 1-x", "2 b 2-y deleted",
+                                             R"(3 c 1-z {"_id":"c","s":"}{ ][ \"q\" \\"})"};
+  struct Case {
+    const char* name;
+    std::string text;
+    std::string lastSeq;
+  };
+  const std::string a = R"({"seq":1,"id":"a","changes":[{"rev":"1-x"}]})";
+  const std::string b = R"({"seq":2,"id":"b","changes":[{"rev":"2-y"}],"deleted":true})";
+  const std::string c = R"({"seq":3,"id":"c","changes":[{"rev":"1-z"}],"doc":{"_id":"c","s":"}{ ][ \"q\" \\"}})";
+  const std::vector<Case> cases = {
+      {"one line", R"({"results":[)" + a + "," + b + "," + c + R"(],"last_seq":3})", "3"},
+      {"a change per line",
+       "{\"results\":[\r\n" + a + ",\r\n" + b + ",\r\n" + c + "\r\n],\r\n\"last_seq\":3,\"pending\":0}\n", "3"},
+      {"continuous with heartbeats", "\n" + a + "\n\n\n" + b + "\n" + c + "\n\n" + R"({"last_seq":3})" + "\n", "3"},
+      {"continuous cut before its end", a + "\n" + b + "\n" + c + "\n", ""},
+      {"results key after others", R"({"pending":0,"last_seq":3,"results":[)" + a + "," + b + "," + c + "]}", "3"},
+  };
+  for (const Case& k : cases)
+    for (size_t piece : {size_t(1), size_t(2), size_t(7), size_t(64), k.text.size()}) {
+      SCOPED_TRACE(std::string(k.name) + ", pieces of " + std::to_string(piece));
+      const Parsed p = ParseInPieces(k.text, piece);
+      EXPECT_EQ(p.error, "");
+      EXPECT_EQ(p.entries, expected);
+      EXPECT_EQ(p.lastSeq, k.lastSeq);
+    }
+}
+
+TEST(ChangesFeedParser, SeqsAreOpaqueText) {
+  const Parsed p = ParseInPieces(R"({"results":[{"seq":"12-g1AAAA\"x","id":"a","changes":[]},)"
+                                 R"({"seq":[4,"abc"],"id":"b","changes":[]}],"last_seq":"13-g1AAAB"})",
+                                 5);
+  EXPECT_EQ(p.error, "");
+  EXPECT_EQ(p.entries, (std::vector<std::string>{"12-g1AAAA\"x a", R"([4,"abc"] b)"}));
+  EXPECT_EQ(p.lastSeq, "13-g1AAAB");
+}
+
+TEST(ChangesFeedParser, MalformedFeedsAndServerErrorsStopIt) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"<html>proxy error</html>", "unexpected byte"},
+      {R"({"error":"not_found","reason":"missing"})", "not_found: missing"},
+      {R"({"results":[{"seq":1,"changes":[]}],"last_seq":1})", "without id"},
+      {R"({"results":[{"seq":1,"id":"a",}],"last_seq":1})", "invalid json"},
+      {R"({"results":]})", "unbalanced"},
+  };
+  for (const auto& [text, why] : cases) {
+    const Parsed p = ParseInPieces(text, 3);
+    EXPECT_NE(p.error.find(why), std::string::npos) << text << " -> " << p.error;
+  }
+}
+
+TEST(ChangesFeedParser, RefusedChangeStopsAndResetStartsOver) {
+  int calls = 0;
+  ChangesFeedParser parser([&](Change&) { return ++calls != 2; }, nullptr);
+  const std::string feed = R"({"seq":1,"id":"a"}{"seq":2,"id":"b"}{"seq":3,"id":"c"})";
+  EXPECT_FALSE(parser.feed(feed.data(), feed.size()));
+  EXPECT_TRUE(parser.refused());
+  EXPECT_EQ(calls, 2);
+  parser.reset();
+  const std::string partial = R"({"seq":4,"id":"d","changes":[{"rev":)";
+  EXPECT_TRUE(parser.feed(partial.data(), partial.size()));
+  EXPECT_GT(parser.pendingBytes(), 0u);
+  parser.reset(); // the connection was cut: the partial change is dropped
+  EXPECT_TRUE(parser.feed(feed.data() + 18, 18));
+  EXPECT_EQ(calls, 3);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Behaviours pouchdb-server cannot show, on the in-process server.
+
+class ChangesFeedOnTestServer : public ::testing::Test {
+protected:
+  static void SetUpTestSuite() { qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy); }
+  static void TearDownTestSuite() { qz::terminateHttpTools(); }
+
+  void startServer() { ASSERT_TRUE(srv.start()) << srv.lastError(); }
+  qz::couch::CouchConnectionParameters server() const {
+    return qz::couch::CouchConnectionParameters(qz::Url(srv.baseUrl()));
+  }
+  std::vector<std::string> sinceOfRequests() const {
+    std::vector<std::string> out;
+    for (const auto& r : srv.requests())
+      if (r.path == "/db/_changes") {
+        const size_t at = r.target.find("since=");
+        out.push_back(at == std::string::npos ? "" : r.target.substr(at + 6, r.target.find('&', at) - at - 6));
+      }
+    return out;
+  }
+  static std::string Line(const std::string& seq, const std::string& id) {
+    return R"({"seq":")" + seq + R"(","id":")" + id + R"(","changes":[{"rev":"1-a"}]})" + "\n";
+  }
+
+  qztest::TestHttpServer srv;
+  qz::http::HttpConnectionPool pool;
+  std::atomic<int> attempt{0};
+};
+
+TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckpoint) {
+  // 1st connection: two changes, half a third, then the connection drops.
+  // 2nd: the third change, then silence (no heartbeat). 3rd: the fourth change with heartbeats.
+  srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
+    const int n = ++attempt;
+    res.set_chunked_content_provider("application/json", [this, n](size_t, httplib::DataSink& sink) {
+      std::string out;
+      if (n == 1) {
+        out = Line("1-g1", "a") + Line("2-g1", "b") + R"({"seq":"3-g1","id":"c","cha)";
+        sink.write(out.data(), out.size());
+        return false;
+      }
+      out = n == 2 ? Line("3-g1", "c") : Line("4-g1", "d");
+      sink.write(out.data(), out.size());
+      while (srv.sleepUnlessStopping(100))
+        if (n > 2)
+          sink.write("\n", 1);
+      return false;
+    });
+  });
+  startServer();
+  ChangesOptions o;
+  o.continuous = true;
+  o.heartbeatMs = 200;
+  o.backoffInitialMs = 10;
+  o.since = "0";
+  ChangesFeedListener feed(pool, server(), "db", o);
+  std::vector<std::string> ids;
+  std::string error;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(feed.run(
+      [&](const Change& c) {
+        ids.push_back(c.id);
+        return c.id != "d";
+      },
+      &error, nullptr))
+      << error;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+  EXPECT_EQ(ids, (std::vector<std::string>{"a", "b", "c", "d"}));
+  EXPECT_EQ(sinceOfRequests(), (std::vector<std::string>{"0", "2-g1", "3-g1"}));
+  EXPECT_EQ(feed.lastSeq(), "3-g1"); // d was refused: not a checkpoint
+  EXPECT_EQ(feed.reconnectCount(), 2u);
+  EXPECT_EQ(srv.lastRequest().header("Accept"), "application/json");
+}
+
+TEST_F(ChangesFeedOnTestServer, TransientStatusesAreRetriedAndClientErrorsEndTheRun) {
+  srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
+    const int n = ++attempt;
+    if (n == 1)
+      res.status = 429, res.set_content(R"({"error":"too_many_requests","reason":"slow down"})", "application/json");
+    else if (n == 2)
+      res.status = 503, res.set_content("busy", "text/plain");
+    else
+      res.set_content("{\"results\":[\r\n" + Line("7-x", "a").substr(0, Line("7-x", "a").size() - 1) +
+                          "\r\n],\r\n\"last_seq\":\"7-x\",\"pending\":0}\n",
+                      "application/json");
+  });
+  srv.route("GET", "/gone/_changes", [](const httplib::Request&, httplib::Response& res) {
+    res.status = 404;
+    res.set_content(R"({"error":"not_found","reason":"Database does not exist."})", "application/json");
+  });
+  startServer();
+  ChangesOptions o;
+  o.backoffInitialMs = 10;
+  ChangesFeedListener feed(pool, server(), "db", o);
+  std::vector<std::string> seqs;
+  std::string error;
+  EXPECT_TRUE(feed.run([&](const Change& c) { return seqs.push_back(c.seq), true; }, &error)) << error;
+  EXPECT_EQ(seqs, (std::vector<std::string>{"7-x"}));
+  EXPECT_EQ(attempt.load(), 3);
+  EXPECT_EQ(feed.lastSeq(), "7-x");
+
+  ChangesFeedListener gone(pool, server(), "gone", o);
+  EXPECT_FALSE(gone.run([](const Change&) { return true; }, &error));
+  EXPECT_NE(error.find("not_found: Database does not exist."), std::string::npos) << error;
+
+  o.maxRetries = 2;
+  srv.stop(); // nothing listens any more
+  ChangesFeedListener down(pool, server(), "db", o);
+  EXPECT_FALSE(down.run([](const Change&) { return true; }, &error));
+  EXPECT_NE(error.find("giving up after 3"), std::string::npos) << error;
+}
+
+TEST_F(ChangesFeedOnTestServer, StopEndsAQuietFollowPromptly) {
+  srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
+    res.set_chunked_content_provider("application/json", [this](size_t, httplib::DataSink& sink) {
+      const std::string first = Line("1-q", "a");
+      sink.write(first.data(), first.size());
+      while (srv.sleepUnlessStopping(50))
+        sink.write("\n", 1);
+      return false;
+    });
+  });
+  startServer();
+  ChangesOptions o;
+  o.continuous = true;
+  ChangesFeedListener feed(pool, server(), "db", o);
+  std::atomic<int> seen{0};
+  ASSERT_TRUE(feed.start([&](const Change&) { return ++seen, true; }));
+  EXPECT_FALSE(feed.start([](const Change&) { return true; }));
+  for (int i = 0; i < 200 && seen.load() == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto t0 = std::chrono::steady_clock::now();
+  feed.stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(2500));
+  EXPECT_FALSE(feed.isRunning());
+  EXPECT_TRUE(feed.lastRunOk()) << feed.lastError();
+  EXPECT_EQ(seen.load(), 1);
+  EXPECT_EQ(feed.lastSeq(), "1-q");
+}
+
+} // namespace

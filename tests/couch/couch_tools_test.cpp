@@ -1,0 +1,383 @@
+#include <HttpTools/couch/CouchDocuments.h>
+
+#include <HttpTools/couch/ChangesFeed.h>
+#include <HttpTools/couch/ConflictSolver.h>
+#include <HttpTools/couch/CouchViewQuery.h>
+#include <HttpTools/frame/HttpToolsLib.h>
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
+
+#include "support/PouchDbFixture.h"
+#include "support/Process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <set>
+#include <thread>
+
+using qz::qzVariant;
+using qz::qzVariantMapImpl;
+using namespace qz::couch;
+
+namespace {
+
+class CouchToolsOnPouchDb : public ::testing::Test {
+protected:
+  static void SetUpTestSuite() {
+    qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+    s_server = new qztest::PouchDbServer;
+    s_pool = new qz::http::HttpConnectionPool;
+  }
+  static void TearDownTestSuite() {
+    delete s_pool;
+    delete s_server;
+    qz::terminateHttpTools();
+  }
+  void SetUp() override {
+    ASSERT_TRUE(s_server->ok()) << s_server->error();
+    db = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::transform(db.begin(), db.end(), db.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+    ASSERT_EQ(s_server->request("PUT", "/" + db), 201);
+  }
+
+  CouchConnectionParameters server() const { return CouchConnectionParameters(qz::Url(s_server->baseUrl())); }
+  int put(const std::string& id, const std::string& body) const {
+    return s_server->request("PUT", "/" + db + "/" + id, body);
+  }
+  qzVariantMapImpl doc(const std::string& id, const std::string& query = {}) const {
+    std::string text;
+    qzVariantMapImpl out;
+    s_server->request("GET", "/" + db + "/" + id + query, {}, &text);
+    qz::json::Json2Variant::Convert(text, out);
+    return out;
+  }
+  std::string rev(const std::string& id) const { return doc(id)["_rev"].toString(); }
+
+  static qztest::PouchDbServer* s_server;
+  static qz::http::HttpConnectionPool* s_pool;
+  std::string db;
+};
+qztest::PouchDbServer* CouchToolsOnPouchDb::s_server = nullptr;
+qz::http::HttpConnectionPool* CouchToolsOnPouchDb::s_pool = nullptr;
+
+TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(put("d" + std::to_string(i), R"({"n":)" + std::to_string(i) + "}"), 201);
+
+  ChangesOptions o;
+  o.includeDocs = true;
+  o.batchLimit = 2; // three requests
+  ChangesFeedListener catchUp(*s_pool, server(), db, o);
+  std::vector<std::string> ids;
+  std::string error;
+  ASSERT_TRUE(catchUp.run(
+      [&](const Change& c) {
+        EXPECT_EQ(c.doc.toMap().at("n").toInt64(), c.id[1] - '0');
+        return ids.push_back(c.id), true;
+      },
+      &error))
+      << error;
+  EXPECT_EQ(ids, (std::vector<std::string>{"d0", "d1", "d2", "d3", "d4"}));
+  EXPECT_EQ(catchUp.lastSeq(), "5");
+
+  // Follow from the checkpoint while documents change; stop; change more; resume.
+  o.continuous = true;
+  o.since = catchUp.lastSeq();
+  ChangesFeedListener follow(*s_pool, server(), db, o);
+  std::mutex mutex;
+  std::vector<std::string> followed;
+  ASSERT_TRUE(follow.start([&](const Change& c) {
+    std::lock_guard<std::mutex> lock(mutex);
+    followed.push_back(c.id + (c.deleted ? "-" : "+"));
+    return true;
+  }));
+  ASSERT_EQ(put("d5", "{}"), 201);
+  ASSERT_EQ(s_server->request("DELETE", "/" + db + "/d2?rev=" + rev("d2")), 200);
+  for (int i = 0; i < 500 && follow.changeCount() < 2; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  follow.stop();
+  EXPECT_EQ(followed, (std::vector<std::string>{"d5+", "d2-"}));
+  EXPECT_EQ(follow.lastSeq(), "7");
+  ASSERT_EQ(put("d6", "{}"), 201);
+  ASSERT_EQ(put("d7", "{}"), 201);
+
+  ChangesOptions rest;
+  rest.since = follow.lastSeq();
+  ChangesFeedListener resume(*s_pool, server(), db, rest);
+  ids.clear();
+  ASSERT_TRUE(resume.run([&](const Change& c) { return ids.push_back(c.id), true; }, &error)) << error;
+  EXPECT_EQ(ids, (std::vector<std::string>{"d6", "d7"}));
+
+  rest.since = "0";
+  rest.docIds = {"d7", "d1", "nope"};
+  ChangesFeedListener only(*s_pool, server(), db, rest);
+  ids.clear();
+  ASSERT_TRUE(only.run([&](const Change& c) { return ids.push_back(c.id), true; }, &error)) << error;
+  EXPECT_EQ(ids, (std::vector<std::string>{"d1", "d7"}));
+
+  ChangesFeedListener missing(*s_pool, server(), db + "-none", rest);
+  EXPECT_FALSE(missing.run([](const Change&) { return true; }, &error));
+  EXPECT_NE(error.find("not_found"), std::string::npos) << error;
+}
+
+// Two leaves for `id`: the one PUT made and a sibling written with new_edits=false.
+void MakeConflict(qztest::PouchDbServer& s, const std::string& db, const std::string& id) {
+  ASSERT_EQ(s.request("PUT", "/" + db + "/" + id, R"({"a":1})"), 201);
+  ASSERT_EQ(s.request("POST", "/" + db + "/_bulk_docs",
+                      R"({"docs":[{"_id":")" + id + R"(","_rev":"1-ffff","b":2}],"new_edits":false})"),
+            201);
+}
+
+TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedByDefaultOrByMergingAndStaySolved) {
+  for (const char* id : {"c1", "c2", "c3"})
+    MakeConflict(*s_server, db, id);
+  ASSERT_EQ(put("plain", "{}"), 201);
+  ConflictSolver solver(*s_pool, server(), db);
+  std::vector<std::string> ids;
+  std::string error;
+  ASSERT_TRUE(solver.findConflicts(ids, &error, nullptr)) << error;
+  EXPECT_EQ(ids, (std::vector<std::string>{"c1", "c2", "c3"}));
+
+  // Default: CouchDB's winner stays as it is; the other leaf goes.
+  const qzVariantMapImpl before = doc("c1");
+  bool solved = false;
+  ASSERT_TRUE(solver.solve("c1", &error, &solved)) << error;
+  EXPECT_TRUE(solved);
+  qzVariantMapImpl after = doc("c1", "?conflicts=true");
+  EXPECT_EQ(after.count("_conflicts"), 0u);
+  EXPECT_EQ(after, before);
+  ASSERT_TRUE(solver.solve("c1", &error, &solved)) << error;
+  EXPECT_FALSE(solved);
+
+  // Merging: the union of every leaf's fields.
+  size_t seenLeaves = 0;
+  solver.setResolver([&](const std::string&, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& winner) {
+    seenLeaves = leaves.size();
+    for (const auto& leaf : leaves)
+      for (const auto& [k, v] : leaf)
+        if (k[0] != '_')
+          winner[k] = v;
+    return true;
+  });
+  size_t count = 0;
+  ASSERT_TRUE(solver.solveAll(&count, &error, nullptr)) << error;
+  EXPECT_EQ(count, 2u);
+  EXPECT_EQ(seenLeaves, 2u);
+  for (const char* id : {"c2", "c3"}) {
+    after = doc(id, "?conflicts=true");
+    EXPECT_EQ(after["a"].toInt64(), 1) << id;
+    EXPECT_EQ(after["b"].toInt64(), 2) << id;
+    EXPECT_EQ(after.count("_conflicts"), 0u) << id;
+  }
+  ASSERT_TRUE(solver.solveAll(&count, &error, nullptr)) << error;
+  EXPECT_EQ(count, 0u);
+  ASSERT_TRUE(solver.findConflicts(ids, &error, nullptr));
+  EXPECT_TRUE(ids.empty());
+
+  // A resolver that declines leaves the document conflicted.
+  MakeConflict(*s_server, db, "c4");
+  solver.setResolver([](const std::string&, const std::vector<qzVariantMapImpl>&, qzVariantMapImpl&) { return false; });
+  ASSERT_TRUE(solver.solve("c4", &error, &solved));
+  EXPECT_FALSE(solved);
+  EXPECT_EQ(doc("c4", "?conflicts=true").count("_conflicts"), 1u);
+}
+
+TEST_F(CouchToolsOnPouchDb, GetterReportsMissingAndDeletedIdsInOrder) {
+  std::vector<std::string> ids;
+  for (int i = 0; i < 25; ++i) {
+    ids.push_back("g" + std::to_string(i));
+    ASSERT_EQ(put(ids.back(), R"({"i":)" + std::to_string(i) + "}"), 201);
+  }
+  ASSERT_EQ(s_server->request("DELETE", "/" + db + "/g3?rev=" + rev("g3")), 200);
+  ids.insert(ids.begin() + 10, "absent-1");
+  ids.push_back("absent-2");
+  DocumentGetter getter(*s_pool, server(), db, 3);
+  getter.setBatchSize(4);
+  std::mutex mutex;
+  std::map<std::string, int64_t> got;
+  std::vector<std::string> missing;
+  std::string error;
+  ASSERT_TRUE(getter.get(
+      ids,
+      [&](const std::string& id, qzVariant& d) {
+        std::lock_guard<std::mutex> lock(mutex);
+        got[id] = d.toMap().at("i").toInt64();
+      },
+      &missing, &error, nullptr))
+      << error;
+  EXPECT_EQ(missing, (std::vector<std::string>{"g3", "absent-1", "absent-2"}));
+  EXPECT_EQ(got.size(), 24u);
+  EXPECT_EQ(got["g24"], 24);
+
+  const bool cancel = true;
+  EXPECT_FALSE(getter.get(ids, nullptr, &missing, &error, &cancel));
+}
+
+TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
+  std::vector<std::string> ids;
+  for (int i = 0; i < 30; ++i) {
+    ids.push_back("u" + std::to_string(i));
+    ASSERT_EQ(put(ids.back(), R"({"n":0})"), 201);
+  }
+  ids.push_back("absent");
+  std::set<std::string> raced;
+  DocumentUpdater updater(*s_pool, server(), db, 4);
+  updater.setBatchSize(7);
+  size_t written = 0;
+  std::string error;
+  ASSERT_TRUE(updater.update(
+      ids,
+      [&](qzVariantMapImpl& d) {
+        const std::string id = d["_id"].toString();
+        if (id.back() % 2 == 0 && raced.insert(id).second) { // another writer gets there first, once
+          EXPECT_EQ(put(id, R"({"n":10,"other":true,"_rev":")" + d["_rev"].toString() + "\"}"), 201);
+        }
+        d["n"] = d["n"].toInt64() + 1;
+        return id != "u29"; // one document is left alone
+      },
+      &written, &error, nullptr))
+      << error;
+  EXPECT_EQ(written, 29u);
+  EXPECT_EQ(raced.size(), 15u);
+  for (const std::string& id : raced) {
+    qzVariantMapImpl d = doc(id);
+    EXPECT_EQ(d["n"].toInt64(), 11) << id;
+    EXPECT_TRUE(d["other"].toBool()) << id;
+  }
+  EXPECT_EQ(doc("u1")["n"].toInt64(), 1);
+}
+
+TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerItemFailures) {
+  ASSERT_EQ(put("doc-00077", "{}"), 201);
+  ASSERT_EQ(put("doc-12345", "{}"), 201);
+  const size_t total = 20000;
+  DocumentUploader up(*s_pool, server(), db, 4, 500, 64 << 10); // ~220 B each: bytes fill first
+  const std::string pad(180, 'x');
+  for (size_t i = 0; i < total; ++i) {
+    char id[16];
+    std::snprintf(id, sizeof id, "doc-%05zu", i);
+    ASSERT_TRUE(up.add(qzVariantMapImpl{{"_id", id}, {"i", int64_t(i)}, {"pad", pad}}));
+  }
+  std::string error;
+  EXPECT_FALSE(up.flush(&error));
+  EXPECT_NE(error.find("2 document(s) not stored"), std::string::npos) << error;
+  auto failures = up.failures();
+  std::sort(failures.begin(), failures.end());
+  ASSERT_EQ(failures.size(), 2u);
+  EXPECT_EQ(failures[0].first, "doc-00077");
+  EXPECT_EQ(failures[1].first, "doc-12345");
+  EXPECT_NE(failures[0].second.find("conflict"), std::string::npos) << failures[0].second;
+  EXPECT_EQ(up.uploaded(), total - 2);
+
+  std::string info;
+  ASSERT_EQ(s_server->request("GET", "/" + db, {}, &info), 200);
+  qzVariantMapImpl m;
+  ASSERT_TRUE(qz::json::Json2Variant::Convert(info, m));
+  EXPECT_EQ(m["doc_count"].toInt64(), int64_t(total));
+  EXPECT_EQ(m["update_seq"].toInt64(), int64_t(total)); // nothing written twice
+}
+
+} // namespace
+
+namespace {
+
+TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
+  ASSERT_EQ(put("_design/app",
+                R"({"views":{"by_n":{"map":"function(d){ if (d.n !== undefined) emit([d.n % 2, d.n], d.n); }",)"
+                R"("reduce":"_sum"}}})"),
+            201);
+  for (int i = 0; i < 10; ++i)
+    ASSERT_EQ(put("v" + std::to_string(i), R"({"n":)" + std::to_string(i) + "}"), 201);
+  qz::http::HttpConnection conn;
+  auto fetch = [&](const ViewQueryOptions& q, const std::string& design = "app", const std::string& view = "by_n") {
+    std::vector<std::string> rows;
+    std::string error;
+    EXPECT_TRUE(FetchCouchDbView(
+        conn, server(), db, design, view, q,
+        [&](ViewRow& r) {
+          rows.push_back(r.id + "|" + r.key.toString() + "|" + r.value.toString() +
+                         (r.doc.isNull() ? "" : "|" + r.doc.toMap().at("n").toString()) + r.error);
+          return true;
+        },
+        &error))
+        << error;
+    return rows;
+  };
+  ViewQueryOptions q;
+  EXPECT_EQ(fetch(q), (std::vector<std::string>{"||45"}));
+  q.reduce = false;
+  q.startKey = "[1,3]";
+  q.endKey = "[1,7]";
+  q.descending = false;
+  EXPECT_EQ(fetch(q), (std::vector<std::string>{"v3|[1,3]|3", "v5|[1,5]|5", "v7|[1,7]|7"}));
+  q.inclusiveEnd = false;
+  q.skip = 1;
+  q.includeDocs = true;
+  EXPECT_EQ(fetch(q), (std::vector<std::string>{"v5|[1,5]|5|5"}));
+  ViewQueryOptions d;
+  d.reduce = false;
+  d.descending = true;
+  d.limit = 2;
+  EXPECT_EQ(fetch(d), (std::vector<std::string>{"v9|[1,9]|9", "v7|[1,7]|7"}));
+  ViewQueryOptions k;
+  k.reduce = false;
+  k.keys = {"[0,4]", "[1,1]"};
+  EXPECT_EQ(fetch(k), (std::vector<std::string>{"v4|[0,4]|4", "v1|[1,1]|1"}));
+  ViewQueryOptions all;
+  all.keys = {"\"v2\"", "\"nope\""};
+  const auto rows = fetch(all, "", "");
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[1], "|nope|not_found");
+
+  std::string error;
+  EXPECT_FALSE(FetchCouchDbView(
+      conn, server(), db, "app", "missing", q, [](ViewRow&) { return true; }, &error));
+  EXPECT_NE(error.find("404"), std::string::npos) << error;
+  EXPECT_FALSE(FetchCouchDbView(
+      conn, server(), db, "app", "by_n", d, [](ViewRow&) { return false; }, &error));
+  EXPECT_EQ(error, "row refused");
+}
+
+} // namespace
+
+#ifdef HTTPTOOLS_CLI
+namespace {
+
+TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
+  const std::string url = s_server->baseUrl() + "/" + db;
+  std::string out, err;
+  ASSERT_EQ(put("taken", "{}"), 201);
+  EXPECT_EQ(qztest::RunProgram(
+                {HTTPTOOLS_CLI, "couch", "upload", url, "-", "--threads", "2"},
+                "{\"_id\":\"a\",\"n\":1}\n\n{\"_id\":\"taken\"}\n[1]\n{\"_id\":\"b\",\"s\":\"\\u00e9\"}\n", out, err),
+            1);
+  EXPECT_EQ(out, "{\"uploaded\":2,\"failed\":1,\"invalid\":1}\n");
+  EXPECT_NE(err.find("line 4: not a JSON object"), std::string::npos) << err;
+  EXPECT_NE(err.find("taken: conflict"), std::string::npos) << err;
+
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", url, "--since", "1"}, "", out, err), 0) << err;
+  const std::string revA = rev("a");
+  EXPECT_EQ(out, "{\"deleted\":false,\"doc\":null,\"id\":\"a\",\"revs\":[\"" + revA +
+                     "\"],\"seq\":\"2\"}\n"
+                     "{\"deleted\":false,\"doc\":null,\"id\":\"b\",\"revs\":[\"" +
+                     rev("b") + "\"],\"seq\":\"3\"}\n");
+
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "get", url, "b", "zz"}, "", out, err), 1);
+  EXPECT_EQ(out, "{\"_id\":\"b\",\"_rev\":\"" + rev("b") + "\",\"s\":\"\xc3\xa9\"}\n");
+  EXPECT_EQ(err, "not found: zz\n");
+
+  MakeConflict(*s_server, db, "c");
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url, "--resolve"}, "", out, err), 0) << err;
+  EXPECT_EQ(out, "c\nsolved 1\n");
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url}, "", out, err), 0) << err;
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", "http://127.0.0.1:1"}, "", out, err), 2);
+}
+
+} // namespace
+#endif
