@@ -8,6 +8,10 @@
 #include <HttpTools/couch/CouchDocuments.h>
 #include <HttpTools/couch/CouchView.h>
 #include <HttpTools/couch/CouchViewQuery.h>
+#include <HttpTools/elasticsearch/BulkIndexer.h>
+#include <HttpTools/elasticsearch/DocumentGetter.h>
+#include <HttpTools/elasticsearch/ElasticConnectionParameters.h>
+#include <HttpTools/elasticsearch/ElasticSearch.h>
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/url/Url.h>
+
+#include <string>
+
+namespace qz::http {
+class HttpConnection;
+}
+
+namespace qz::elasticsearch {
+
+class ResponseItemCutter;
+
+struct HTTPTOOLS_API ElasticResponse {
+  long status = 0;      // 0 when no answer arrived
+  std::string body;     // the body, unless a cutter took a 2xx body
+  bool product = false; // X-Elastic-Product: Elasticsearch was present
+  std::string transportError;
+};
+
+// One request over `connection`; any status is an answer. `body` (may be null) is sent with
+// `contentType`; a 2xx body goes to `cutter` when one is given. False only when no complete
+// answer arrived (transport error, cut body, cancel, cutter refused); `out.transportError` says
+// why. An answer without the product header is accepted and logged once per process.
+HTTPTOOLS_API bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url,
+                               const std::string* body, const char* contentType, ElasticResponse& out,
+                               ResponseItemCutter* cutter, const bool* cancel);
+
+// "type: reason" of an error answer ({"error":{"type","reason"},"status"}), or the status and the
+// start of the body when it is not one.
+HTTPTOOLS_API std::string ErrorText(const ElasticResponse& response);
+
+// The JSON text of `s` as a string literal, quotes included.
+HTTPTOOLS_API void AppendJsonString(std::string& out, const std::string& s);
+
+} // namespace qz::elasticsearch

@@ -1,0 +1,217 @@
+#include <HttpTools/elasticsearch/ElasticSearch.h>
+
+#include <HttpTools/elasticsearch/ElasticRequest_p.h>
+#include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzStringUtils.h>
+#include <HttpTools/platform/qzSystemUtils.h>
+
+namespace qz::elasticsearch {
+
+namespace {
+
+const char* const kKeepAlive = "1m";
+
+std::string errorType(const ElasticResponse& r) {
+  qzVariantMapImpl doc;
+  if (!json::Json2Variant::Convert(r.body, doc))
+    return {};
+  auto e = doc.find("error");
+  if (e == doc.end() || !e->second.isMap())
+    return {};
+  auto t = e->second.toMap().find("type");
+  return t == e->second.toMap().end() ? std::string() : t->second.toString();
+}
+
+// Turns each cut hit into a SearchHit for the caller and remembers its sort values.
+struct HitSink {
+  const std::function<bool(SearchHit&)>& onHit;
+  qzVariant lastSort;
+  size_t delivered = 0;
+  bool malformed = false;
+  bool stopped = false;
+  qzVariantMapImpl map;
+
+  bool operator()(const char* text, size_t length) {
+    map.clear();
+    if (!json::Json2Variant::Convert(text, length, map)) {
+      malformed = true;
+      return false;
+    }
+    SearchHit hit;
+    auto take = [&](const char* name) -> qzVariant* {
+      auto it = map.find(name);
+      return it == map.end() ? nullptr : &it->second;
+    };
+    if (qzVariant* v = take("_index"))
+      hit.index = v->toString();
+    if (qzVariant* v = take("_id"))
+      hit.id = v->toString();
+    if (qzVariant* v = take("_score"); v && v->isNumber())
+      hit.score = v->toDouble();
+    if (qzVariant* v = take("_source"))
+      hit.source = std::move(*v);
+    if (qzVariant* v = take("sort")) {
+      lastSort = *v;
+      hit.sort = std::move(*v);
+    }
+    ++delivered;
+    if (!onHit(hit)) {
+      stopped = true;
+      return false;
+    }
+    return true;
+  }
+};
+
+std::string toJson(const qzVariantMapImpl& map) {
+  std::string text;
+  json::Json2Variant::Convert(map, text, false);
+  return text;
+}
+
+} // namespace
+
+bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
+                        const std::string& index, const std::string& queryJson,
+                        const std::function<bool(SearchHit&)>& onHit, unsigned pageSize, std::string* error,
+                        const bool* cancel) {
+  static const bool notCancelled = false;
+  const bool* stop = cancel ? cancel : &notCancelled;
+  const int64_t start = qzSystemUtils::GetTimeBaseMs();
+  std::string ignored;
+  std::string& err = error ? *error : ignored;
+  err.clear();
+  if (pageSize == 0)
+    pageSize = 1000;
+
+  qzVariantMapImpl request;
+  if (!queryJson.empty() && !json::Json2Variant::Convert(queryJson, request)) {
+    err = "the query is not a JSON object: " + queryJson.substr(0, 200);
+    return false;
+  }
+  for (const char* managed : {"size", "from", "search_after", "pit", "scroll"})
+    request.erase(managed);
+  const bool userSort = request.count("sort") != 0;
+
+  HitSink sink{onHit, {}, 0, false, false, {}};
+  ResponseItemCutter cutter("hits", "hits", [&sink](const char* t, size_t n) { return sink(t, n); });
+  ElasticResponse r;
+
+  // Why a page failed, in the caller's words.
+  auto pageError = [&](bool answered) {
+    if (*stop)
+      return std::string("cancelled");
+    if (sink.stopped)
+      return std::string("stopped by the hit function");
+    if (sink.malformed)
+      return "malformed hit in the answer for index " + index;
+    return (answered ? "search on " + index + " failed: " : "search on " + index + " failed: ") + ErrorText(r);
+  };
+
+  // A point in time when the server has one.
+  if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr,
+                   nullptr, r, nullptr, stop)) {
+    err = *stop ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
+    return false;
+  }
+  std::string pitId;
+  if (r.status == 200) {
+    qzVariantMapImpl answer;
+    if (json::Json2Variant::Convert(r.body, answer) && answer.count("id"))
+      pitId = answer["id"].toString();
+    if (pitId.empty()) {
+      err = "no point in time id in the answer for index " + index;
+      return false;
+    }
+  } else if (r.status == 404 && errorType(r) == "index_not_found_exception") {
+    err = ErrorText(r);
+    return false;
+  } else if (r.status != 400 && r.status != 404 && r.status != 405) {
+    err = "cannot open a point in time on " + index + ": " + ErrorText(r);
+    return false;
+  }
+
+  bool ok = true;
+  if (!pitId.empty()) {
+    if (!userSort)
+      request["sort"] = qzVariantListImpl{qzVariant("_shard_doc")};
+    if (!request.count("track_total_hits"))
+      request["track_total_hits"] = false;
+    request["size"] = pageSize;
+    const qz::Url searchUrl = server.toApiUrl({"_search"}, {});
+    for (;;) {
+      request["pit"] = qzVariantMapImpl{{"id", pitId}, {"keep_alive", kKeepAlive}};
+      if (sink.delivered)
+        request["search_after"] = sink.lastSort;
+      const std::string body = toJson(request);
+      const size_t before = sink.delivered;
+      const bool answered = ElasticCall(connection, "POST", searchUrl, &body, "application/json", r, &cutter, stop);
+      if (!answered || r.status != 200) {
+        err = pageError(answered);
+        ok = false;
+        break;
+      }
+      if (!cutter.pitId().empty())
+        pitId = cutter.pitId();
+      if (sink.delivered - before < pageSize)
+        break;
+    }
+    std::string closeBody = "{\"id\":";
+    AppendJsonString(closeBody, pitId);
+    closeBody += "}";
+    ElasticResponse closed;
+    if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_pit"}, {}), &closeBody, "application/json", closed,
+                     nullptr, nullptr) ||
+        closed.status != 200)
+      qzLogObject(qzLog::Warning, "elasticsearch")
+          << "Cannot close the point in time on " << index << ": " << ErrorText(closed);
+  } else {
+    // Scroll: for servers without point in time.
+    if (!userSort)
+      request["sort"] = qzVariantListImpl{qzVariant("_doc")};
+    request["size"] = pageSize;
+    std::string scrollId;
+    std::string body = toJson(request);
+    bool answered = ElasticCall(connection, "POST", server.toApiUrl({index, "_search"}, {{"scroll", kKeepAlive}}),
+                                &body, "application/json", r, &cutter, stop);
+    for (;;) {
+      if (!cutter.scrollId().empty())
+        scrollId = cutter.scrollId();
+      if (!answered || r.status != 200) {
+        err = pageError(answered);
+        ok = false;
+        break;
+      }
+      if (cutter.itemCount() == 0)
+        break;
+      body = "{\"scroll\":\"" + std::string(kKeepAlive) + "\",\"scroll_id\":";
+      AppendJsonString(body, scrollId);
+      body += "}";
+      answered = ElasticCall(connection, "POST", server.toApiUrl({"_search", "scroll"}, {}), &body,
+                             "application/json", r, &cutter, stop);
+    }
+    if (!scrollId.empty()) {
+      std::string closeBody = "{\"scroll_id\":[";
+      AppendJsonString(closeBody, scrollId);
+      closeBody += "]}";
+      ElasticResponse closed;
+      if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody,
+                       "application/json", closed, nullptr, nullptr) ||
+          closed.status != 200)
+        qzLogObject(qzLog::Warning, "elasticsearch") << "Cannot clear the scroll on " << index << ": "
+                                                     << ErrorText(closed);
+    }
+  }
+
+  if (ok && qzLog::IsCategoryEnabled("elasticsearch"))
+    qzLogObject(qzLog::Info, "elasticsearch")
+        << "Fetch " << sink.delivered << " hit(s) from " << index << " in "
+        << qzStringUtils::humanizeDuration<long>(long(qzSystemUtils::GetTimeBaseMs() - start), 1, true)
+        << (pitId.empty() ? " (scroll)" : "");
+  return ok;
+}
+
+} // namespace qz::elasticsearch

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <HttpTools/elasticsearch/ElasticConnectionParameters.h>
+#include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzVariant.h>
+
+#include <functional>
+#include <string>
+
+namespace qz::http {
+class HttpConnection;
+}
+
+namespace qz::elasticsearch {
+
+// One hit of a search: where it lives, its score (0 when the answer gives none, as for sorted
+// searches), its source and its sort values. The variants may be moved out by the callback.
+struct HTTPTOOLS_API SearchHit {
+  std::string index, id;
+  double score = 0;
+  qzVariant source;
+  qzVariant sort;
+};
+
+// Streams every hit of `queryJson` (a JSON object with "query" and optional "sort", "_source"...;
+// empty means match_all) from `index` to `onHit`, `pageSize` hits per request (0: 1000). Pages are
+// read with a point in time and search_after; a server without point in time is read with a
+// scroll instead. Hits are cut from each answer while it arrives, so memory stays at one hit plus
+// one network chunk whatever the page size. The point in time or scroll is closed at the end,
+// also after an error, a cancel or a stop.
+// Returns true when every hit was delivered. False with `error` set on a bad query, an error
+// answer, a cut or malformed answer, a cancel (`*cancel` set: "cancelled") or when `onHit`
+// returned false ("stopped by the hit function").
+//
+//   qz::elasticsearch::FetchSearchResults(conn, server, "orders", R"({"query":{"term":{"status":"paid"}}})",
+//       [](qz::elasticsearch::SearchHit& hit) { std::cout << hit.id << '\n'; return true; },
+//       1000, &error, nullptr);
+HTTPTOOLS_API bool FetchSearchResults(qz::http::HttpConnection& connection, const ElasticConnectionParameters& server,
+                                      const std::string& index, const std::string& queryJson,
+                                      const std::function<bool(SearchHit&)>& onHit, unsigned pageSize,
+                                      std::string* error, const bool* cancel);
+
+} // namespace qz::elasticsearch

@@ -1,0 +1,178 @@
+#include <HttpTools/elasticsearch/ElasticSearch.h>
+
+#include "EsFixture.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <thread>
+
+using qz::elasticsearch::FetchSearchResults;
+using qz::elasticsearch::SearchHit;
+
+namespace {
+
+class SearchTest : public EsFixture {
+protected:
+  // `count` documents {"n":i,"group":i%7,"t":text with the bytes the cutter reacts to}.
+  void seed(const std::string& index, int count) {
+    std::string ndjson;
+    for (int i = 0; i < count; ++i) {
+      ndjson += R"({"index":{"_index":")" + index + R"(","_id":"doc-)" + std::to_string(i) + "\"}}\n";
+      ndjson += R"({"n":)" + std::to_string(i) + R"(,"group":)" + std::to_string(i % 7) +
+                R"(,"t":"}{ ][ \"q\" \\ )" + std::to_string(i) + "\"}\n";
+    }
+    std::string answer;
+    ASSERT_EQ(call("POST", "/_bulk", ndjson, &answer), 200);
+    ASSERT_NE(answer.find(R"("errors":false)"), std::string::npos) << answer.substr(0, 300);
+  }
+
+  bool fetch(const std::string& query, unsigned pageSize, const std::function<bool(SearchHit&)>& onHit,
+             const bool* cancel = nullptr) {
+    error.clear();
+    return FetchSearchResults(connection, server, "docs", query, onHit, pageSize, &error, cancel);
+  }
+
+  void expectClosed() {
+    const auto s = emulator.stats();
+    EXPECT_EQ(s.openPits, 0u);
+    EXPECT_EQ(s.openScrolls, 0u);
+  }
+
+  std::string error;
+};
+
+TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScroll) {
+  seed("docs", 10000);
+  for (const bool withPit : {true, false}) {
+    SCOPED_TRACE(withPit ? "point in time" : "scroll");
+    auto faults = emulator.faults();
+    faults.noPit = !withPit;
+    emulator.setFaults(faults);
+    std::set<std::string> ids;
+    int64_t lastN = -1;
+    bool ordered = true, sourcesIntact = true;
+    ASSERT_TRUE(fetch("", 777, [&](SearchHit& hit) {
+      ids.insert(hit.id);
+      const int64_t n = hit.source.toMap().at("n").toInt64();
+      ordered = ordered && n == lastN + 1;
+      lastN = n;
+      sourcesIntact = sourcesIntact && hit.id == "doc-" + std::to_string(n) && hit.index == "docs" &&
+                      hit.source.toMap().at("t").toString() == "}{ ][ \"q\" \\ " + std::to_string(n);
+      return true;
+    })) << error;
+    EXPECT_EQ(ids.size(), 10000u);
+    EXPECT_TRUE(ordered);
+    EXPECT_TRUE(sourcesIntact);
+    const auto s = emulator.stats();
+    EXPECT_EQ(withPit ? s.pitsOpened : s.scrollsOpened, 1u);
+    expectClosed();
+  }
+}
+
+TEST_F(SearchTest, QueryAndSortOfTheCallerAreKept) {
+  seed("docs", 500);
+  for (const bool withPit : {true, false}) {
+    SCOPED_TRACE(withPit ? "point in time" : "scroll");
+    auto faults = emulator.faults();
+    faults.noPit = !withPit;
+    emulator.setFaults(faults);
+    std::vector<int64_t> ns;
+    ASSERT_TRUE(fetch(R"({"query":{"term":{"group":3}},"sort":[{"n":"desc"}]})", 10, [&](SearchHit& hit) {
+      ns.push_back(hit.source.toMap().at("n").toInt64());
+      EXPECT_TRUE(hit.sort.isList());
+      return true;
+    })) << error;
+    std::vector<int64_t> expected;
+    for (int i = 499; i >= 0; --i)
+      if (i % 7 == 3)
+        expected.push_back(i);
+    EXPECT_EQ(ns, expected);
+    expectClosed();
+  }
+}
+
+// Every way a fetch can end early closes what it opened.
+TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelAndStop) {
+  seed("docs", 300);
+  enum Ending { PageError, CutBody, Cancel, Stop };
+  for (const bool withPit : {true, false})
+    for (const Ending ending : {PageError, CutBody, Cancel, Stop}) {
+      SCOPED_TRACE(std::string(withPit ? "pit " : "scroll ") + std::to_string(int(ending)));
+      auto faults = emulator.faults();
+      faults.noPit = !withPit;
+      emulator.setFaults(faults);
+      bool cancel = false;
+      size_t seen = 0;
+      const bool ok = fetch(
+          "", 50,
+          [&](SearchHit&) {
+            if (++seen == 60) {
+              auto f = emulator.faults();
+              if (ending == PageError)
+                f.failSearchPages = 1;
+              if (ending == CutBody)
+                f.cutSearchAfter = 300;
+              emulator.setFaults(f);
+            }
+            if (seen == 75 && ending == Cancel)
+              cancel = true;
+            return !(seen == 75 && ending == Stop);
+          },
+          &cancel);
+      EXPECT_FALSE(ok);
+      const char* expected[] = {"all shards failed", "failed", "cancelled", "stopped by the hit function"};
+      EXPECT_NE(error.find(expected[ending]), std::string::npos) << error;
+      EXPECT_LE(seen, 100u);
+      expectClosed();
+    }
+}
+
+TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
+  seed("docs", 20);
+  auto f = emulator.faults();
+  f.stallSearchMs = 20000;
+  emulator.setFaults(f);
+  bool cancel = false;
+  std::thread canceller([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cancel = true;
+  });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(fetch("", 100, [](SearchHit&) { return true; }, &cancel));
+  canceller.join();
+  EXPECT_EQ(error, "cancelled");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  expectClosed();
+}
+
+TEST_F(SearchTest, BadQueryMissingIndexAndForeignServer) {
+  seed("docs", 3);
+  EXPECT_FALSE(fetch("[1,2]", 10, [](SearchHit&) { return true; }));
+  EXPECT_NE(error.find("not a JSON object"), std::string::npos) << error;
+  EXPECT_FALSE(FetchSearchResults(connection, server, "nope", "", [](SearchHit&) { return true; }, 10, &error,
+                                  nullptr));
+  EXPECT_NE(error.find("index_not_found_exception"), std::string::npos) << error;
+  EXPECT_FALSE(fetch(R"({"query":{"nonsense":{}}})", 10, [](SearchHit&) { return true; }));
+  EXPECT_NE(error.find("unknown query"), std::string::npos) << error;
+  expectClosed();
+
+  // An answer without the product header is read, and said once.
+  qztest::LogCapture log;
+  auto f = emulator.faults();
+  f.noProductHeader = true;
+  emulator.setFaults(f);
+  size_t hits = 0;
+  EXPECT_TRUE(fetch("", 10, [&](SearchHit&) { return ++hits > 0; })) << error;
+  EXPECT_TRUE(fetch("", 10, [&](SearchHit&) { return ++hits > 0; })) << error;
+  EXPECT_EQ(hits, 6u);
+  size_t warnings = 0;
+  for (const auto& line : log.lines())
+    warnings += line.text.find("X-Elastic-Product") != std::string::npos;
+  EXPECT_EQ(warnings, 1u) << log.dump();
+}
+
+} // namespace
