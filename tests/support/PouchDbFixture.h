@@ -19,6 +19,7 @@ public:
   bool ok() const { return m_pid > 0 && m_error.empty(); }
   const std::string& error() const { return m_error; }
   uint16_t port() const { return m_port; }
+  pid_t pid() const { return m_pid; } // the server process, e.g. to read its CPU time
   std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(m_port); }
 
   // One request with a JSON body (empty: none); returns the HTTP status, 0 on a transport error.
