@@ -13,5 +13,6 @@ extern int exitCode;
 
 void AddLegacyCommands(CLI::App& app);      // version, jwt, url, get/head/put/post/delete, couch view
 void AddCouchToolCommands(CLI::App& couch); // couch changes, get, upload, conflicts
+void AddRiverCommand(CLI::App& app);        // river
 
 } // namespace httptools

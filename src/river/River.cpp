@@ -44,7 +44,9 @@ int64_t generation(const std::string& rev) {
   return g > 0 ? g : 0;
 }
 
-bool transientStatus(long status) { return status == 0 || status == 429 || status == 502 || status == 503 || status == 504; }
+bool transientStatus(long status) {
+  return status == 0 || status == 429 || status == 502 || status == 503 || status == 504;
+}
 
 std::string jsonText(const qzVariant& v) {
   std::string s;
@@ -140,8 +142,8 @@ public:
 
   // --- Elasticsearch requests ------------------------------------------------------------------
 
-  bool call(const char* method, const qz::Url& url, const std::string* body, ElasticResponse& out,
-            const bool* cancel, const char* contentType = "application/json") {
+  bool call(const char* method, const qz::Url& url, const std::string* body, ElasticResponse& out, const bool* cancel,
+            const char* contentType = "application/json") {
     http::HttpConnectionLocker conn(pool, url);
     return qz::elasticsearch::ElasticCall(*conn, method, url, body, contentType, out, nullptr, cancel);
   }
@@ -153,7 +155,7 @@ public:
 
   qzVariantMapImpl stateBody(const River& r) const {
     return {{"owner", r.state.owner},       {"expires", r.state.expires},  {"alias", r.def.index},
-            {"database", r.def.database},  {"index", r.state.index},      {"seq", r.state.seq},
+            {"database", r.def.database},   {"index", r.state.index},      {"seq", r.state.seq},
             {"building", r.state.building}, {"buildSeq", r.state.buildSeq}};
   }
 
@@ -191,7 +193,8 @@ public:
     r.state.expires = nowMs() + int64_t(r.def.leaseMs);
     const std::string body = jsonText(stateBody(r));
     qz::elasticsearch::ElasticConnectionParameters url =
-        create ? qz::elasticsearch::ElasticConnectionParameters(r.def.elastic.toApiUrl({r.def.stateIndex, "_create", r.def.name}, {}))
+        create ? qz::elasticsearch::ElasticConnectionParameters(
+                     r.def.elastic.toApiUrl({r.def.stateIndex, "_create", r.def.name}, {}))
                : r.def.elastic.toDocumentUrl(r.def.stateIndex, r.def.name,
                                              {{"if_seq_no", std::to_string(r.leaseSeqNo)},
                                               {"if_primary_term", std::to_string(r.leasePrimaryTerm)}});
@@ -278,9 +281,9 @@ public:
     }();
     ElasticResponse resp;
     call("PUT",
-         r.def.elastic.toDocumentUrl(r.def.stateIndex, r.def.name,
-                                     {{"if_seq_no", std::to_string(r.leaseSeqNo)},
-                                      {"if_primary_term", std::to_string(r.leasePrimaryTerm)}}),
+         r.def.elastic.toDocumentUrl(
+             r.def.stateIndex, r.def.name,
+             {{"if_seq_no", std::to_string(r.leaseSeqNo)}, {"if_primary_term", std::to_string(r.leasePrimaryTerm)}}),
          &body, resp, nullptr);
     r.leaseHeld = false;
     r.prepared = false;
@@ -339,9 +342,8 @@ public:
       error = "reading the mapping of " + index + ": unexpected answer";
       return -1;
     }
-    const qzVariant live = all.begin()->second.toMap().count("mappings")
-                               ? all.begin()->second.toMap().at("mappings")
-                               : qzVariant(qzVariantMapImpl{});
+    const qzVariant live = all.begin()->second.toMap().count("mappings") ? all.begin()->second.toMap().at("mappings")
+                                                                         : qzVariant(qzVariantMapImpl{});
     const auto& meta = live.toMap().count("_meta") ? live.toMap().at("_meta").toMap() : qzVariantMapImpl{};
     auto kept = meta.find(kMetaKey);
     qzVariant built;
@@ -552,9 +554,9 @@ public:
           const auto& err = result.count("error") ? result.at("error").toMap() : qzVariantMapImpl{};
           const std::string reason = (err.count("type") ? err.at("type").toString() : std::string("error")) + ": " +
                                      (err.count("reason") ? err.at("reason").toString() : std::string());
-          qzLogObject(qzLog::Warning, "river") << "River " << r.def.name << ": document " << ops[i].id << " not "
-                                               << (ops[i].remove ? "deleted" : "indexed") << " (" << status << " "
-                                               << reason << ")";
+          qzLogObject(qzLog::Warning, "river")
+              << "River " << r.def.name << ": document " << ops[i].id << " not "
+              << (ops[i].remove ? "deleted" : "indexed") << " (" << status << " " << reason << ")";
         }
       }
       updateStatus(r, [&](RiverStatus& s) {

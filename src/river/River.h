@@ -24,8 +24,8 @@ struct HTTPTOOLS_API RiverDefinition {
   qz::couch::CouchConnectionParameters couch;
   std::string database;
   qz::elasticsearch::ElasticConnectionParameters elastic;
-  std::string index;         // an alias name; the river writes into `<index>-<n>` behind it
-  std::string mappingJson;   // the wanted mapping ("{}" = dynamic)
+  std::string index;                                    // an alias name; the river writes into `<index>-<n>` behind it
+  std::string mappingJson;                              // the wanted mapping ("{}" = dynamic)
   std::function<bool(qzVariantMapImpl& doc)> transform; // edit the document; false skips it
   size_t batchDocs = 1000;
   unsigned flushIntervalMs = 1000; // following: how often the feed is polled once caught up
@@ -43,8 +43,8 @@ struct HTTPTOOLS_API RiverStatus {
   std::string liveIndex;     // the index behind the alias
   std::string buildingIndex; // the index being filled for a new mapping, if any
   bool waitingForLease = false;
-  size_t retries = 0;        // bulk requests or items sent again after 429/503 or a lost connection
-  int64_t lagMs = 0;         // time since the river was last caught up (0 when it is)
+  size_t retries = 0; // bulk requests or items sent again after 429/503 or a lost connection
+  int64_t lagMs = 0;  // time since the river was last caught up (0 when it is)
 };
 
 // Runs rivers: reads each database's change feed (documents included) in batches of `batchDocs`,

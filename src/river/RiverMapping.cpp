@@ -84,10 +84,10 @@ bool scalarsEqual(const qzVariant& a, const qzVariant& b) {
 
 // Keys the server fills in when they are left out, with the value it fills in.
 bool isServerDefault(const std::string& key, const qzVariant& value, const qzVariantMapImpl& wanted) {
-  static const qzVariantMapImpl defaults{{"dynamic", true},      {"enabled", true}, {"index", true},
-                                         {"doc_values", true},   {"store", false},  {"norms", true},
-                                         {"coerce", true},       {"ignore_malformed", false},
-                                         {"include_in_all", true}};
+  static const qzVariantMapImpl defaults{
+      {"dynamic", true},       {"enabled", true}, {"index", true},  {"doc_values", true},
+      {"store", false},        {"norms", true},   {"coerce", true}, {"ignore_malformed", false},
+      {"include_in_all", true}};
   if (key == "properties") // fields added by dynamic mapping
     return true;
   if (key == "type" && value.toString() == "object")
