@@ -47,9 +47,9 @@ bool Load(const qztest::PouchDbServer& couch, const std::string& db, int docs) {
   if (couch.request("PUT", "/" + db) != 201)
     return false;
   const std::string pad(kPad, 'x');
-  for (int start = 0; start < docs; start += 2000) {
+  for (int start = 0; start < docs; start += 500) {
     std::string body = "{\"docs\":[";
-    for (int i = start; i < std::min(docs, start + 2000); ++i) {
+    for (int i = start; i < std::min(docs, start + 500); ++i) {
       char id[16];
       std::snprintf(id, sizeof id, "doc-%06d", i);
       body += std::string(i > start ? "," : "") + "{\"_id\":\"" + id + "\",\"i\":" + std::to_string(i) +

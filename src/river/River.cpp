@@ -86,7 +86,7 @@ struct River {
   bool prepared = false;
   int64_t lastRenewMs = 0;
   int64_t lastCaughtUpMs = 0;
-  unsigned failures = 0;
+  bool permanentError = false; // the last failure will not go away by trying again
 
   mutable std::mutex statusMutex;
   RiverStatus status;
@@ -371,15 +371,25 @@ public:
           continue;
         if (!live.empty()) {
           error = "the alias " + r.def.index + " points to more than one index";
+          r.permanentError = true;
           return false;
         }
         live = name;
       }
       if (live.empty() && all.count(r.def.index)) {
         error = r.def.index + " is an index, not an alias";
+        r.permanentError = true;
         return false;
       }
-    } else if (resp.status != 404) {
+    } else if (resp.status == 404) {
+      ElasticResponse index;
+      call("GET", r.def.elastic.toIndexUrl(r.def.index, {}), nullptr, index, cancel);
+      if (index.status == 200) {
+        error = r.def.index + " is an index, not an alias";
+        r.permanentError = true;
+        return false;
+      }
+    } else {
       error = "reading the alias " + r.def.index + ": " + describe(resp);
       return false;
     }
@@ -680,6 +690,7 @@ public:
       return error.empty() ? 0 : -1;
     if (!ok) {
       error = "CouchDB: " + feedError;
+      r.permanentError = feedError.find("giving up") == std::string::npos;
       return -1;
     }
     const std::string end = feed.lastSeq();
@@ -695,6 +706,7 @@ public:
   // One round for a river: lease, index, catch up (and the alias swap after a build).
   // 1 caught up, 0 nothing done (waiting, stopped), -1 failure (error set).
   int step(River& r, std::string& error, const bool* cancel) {
+    r.permanentError = false;
     if (!r.leaseHeld) {
       const int lease = acquireLease(r, error, cancel);
       updateStatus(r, [&](RiverStatus& s) { s.waitingForLease = lease == 0; });
@@ -720,51 +732,82 @@ public:
     return 1;
   }
 
-  // Runs `river` until it is caught up (once) or until stopped (follow).
-  bool runRiver(River& r, bool follow, std::string* firstError, std::mutex& errorMutex, const bool* cancel) {
+  // After a step: status and, for a failure, the pause before the next try.
+  void afterStep(River& r, int rc, const std::string& error, unsigned& failures, const bool* cancel) {
+    if (rc == 1) {
+      failures = 0;
+      r.lastCaughtUpMs = steadyMs();
+      updateStatus(r, [&](RiverStatus& s) {
+        s.caughtUp = true;
+        s.lagMs = 0;
+        s.waitingForLease = false;
+        s.error.clear();
+      });
+      return;
+    }
+    updateStatus(r, [&](RiverStatus& s) {
+      s.caughtUp = false;
+      s.lagMs = r.lastCaughtUpMs ? steadyMs() - r.lastCaughtUpMs : 0;
+    });
+    if (rc < 0) {
+      setError(r, error);
+      // A failed request to either server pauses the river; it takes up again from the checkpoint.
+      r.prepared = r.prepared && error.rfind("CouchDB", 0) == 0;
+      pause(backoffMs(++failures + 3), cancel);
+    }
+  }
+
+  // Once: runs `river` until it is caught up; failures that are not worth repeating (a refused
+  // feed, an alias that is an index) end it at once, others after a few tries.
+  bool runRiverOnce(River& r, std::string* firstError, std::mutex& errorMutex, const bool* cancel) {
     updateStatus(r, [](RiverStatus& s) { s.running = true; });
     unsigned failures = 0;
     bool ok = true;
     while (!stopped(cancel)) {
       std::string error;
       const int rc = step(r, error, cancel);
-      if (rc == 1) {
-        failures = 0;
-        r.lastCaughtUpMs = steadyMs();
-        updateStatus(r, [&](RiverStatus& s) {
-          s.caughtUp = true;
-          s.lagMs = 0;
-          s.error.clear();
-        });
-        if (!follow)
-          break;
-        pause(r.def.flushIntervalMs, cancel);
-        continue;
-      }
-      updateStatus(r, [&](RiverStatus& s) {
-        s.caughtUp = false;
-        s.lagMs = r.lastCaughtUpMs ? steadyMs() - r.lastCaughtUpMs : 0;
-      });
-      if (rc < 0) {
+      if (rc < 0 && (failures >= 8 || r.permanentError)) {
         setError(r, error);
-        // A failed request to either server pauses the river; it takes up again from the checkpoint.
-        r.prepared = r.prepared && error.rfind("CouchDB", 0) == 0;
-        if (!follow && ++failures > 8) {
-          std::lock_guard<std::mutex> lock(errorMutex);
-          if (firstError && firstError->empty())
-            *firstError = r.def.name + ": " + error;
-          ok = false;
-          break;
-        }
-        pause(backoffMs(failures + 3), cancel);
-      } else {
-        pause(r.leaseHeld ? 100 : std::max(100u, r.def.leaseMs / 4), cancel);
+        std::lock_guard<std::mutex> lock(errorMutex);
+        if (firstError && firstError->empty())
+          *firstError = r.def.name + ": " + error;
+        ok = false;
+        break;
       }
+      afterStep(r, rc, error, failures, cancel);
+      if (rc == 1)
+        break;
+      if (rc == 0)
+        pause(r.leaseHeld ? 100 : std::max(100u, r.def.leaseMs / 4), cancel);
     }
-    if (follow || stopped(cancel))
-      releaseLease(r);
+    releaseLease(r);
     updateStatus(r, [](RiverStatus& s) { s.running = false; });
     return ok && !stopped(cancel);
+  }
+
+  // Follow: worker `w` of `n` takes its rivers (i % n == w) in turn until stopped.
+  void followRivers(unsigned w, unsigned n) {
+    std::vector<River*> mine;
+    for (size_t i = w; i < rivers.size(); i += n)
+      mine.push_back(rivers[i].get());
+    for (River* r : mine)
+      updateStatus(*r, [](RiverStatus& s) { s.running = true; });
+    std::vector<unsigned> failures(mine.size(), 0);
+    while (!stopped(nullptr)) {
+      unsigned wait = 60000;
+      for (size_t i = 0; i < mine.size() && !stopped(nullptr); ++i) {
+        River& r = *mine[i];
+        std::string error;
+        const int rc = step(r, error, nullptr);
+        afterStep(r, rc, error, failures[i], nullptr);
+        wait = std::min(wait, r.leaseHeld ? r.def.flushIntervalMs : std::max(100u, r.def.leaseMs / 4));
+      }
+      pause(wait, nullptr);
+    }
+    for (River* r : mine) {
+      releaseLease(*r);
+      updateStatus(*r, [](RiverStatus& s) { s.running = false; });
+    }
   }
 
   // Runs the rivers on up to `workerThreads` threads, river i on worker i % workerThreads.
@@ -772,71 +815,23 @@ public:
     std::string firstError;
     std::mutex errorMutex;
     std::atomic<bool> ok{true};
-    const unsigned n = std::min<unsigned>(workerThreads, unsigned(rivers.size()));
+    const unsigned n = std::max(1u, std::min<unsigned>(workerThreads, unsigned(rivers.size())));
     auto work = [&](unsigned w) {
-      if (!follow) {
-        for (size_t i = w; i < rivers.size(); i += n)
-          if (!runRiver(*rivers[i], false, &firstError, errorMutex, cancel))
-            ok = false;
-        return;
-      }
-      // Following: each worker takes its rivers in turn.
+      if (follow)
+        return followRivers(w, n);
       for (size_t i = w; i < rivers.size(); i += n)
-        updateStatus(*rivers[i], [](RiverStatus& s) { s.running = true; });
-      std::vector<unsigned> failures(rivers.size(), 0);
-      while (!stopped(cancel)) {
-        bool anyWork = false;
-        for (size_t i = w; i < rivers.size() && !stopped(cancel); i += n) {
-          River& r = *rivers[i];
-          std::string stepError;
-          const int rc = step(r, stepError, cancel);
-          if (rc == 1) {
-            failures[i] = 0;
-            r.lastCaughtUpMs = steadyMs();
-            updateStatus(r, [&](RiverStatus& s) {
-              s.caughtUp = true;
-              s.lagMs = 0;
-              s.waitingForLease = false;
-              s.error.clear();
-            });
-            anyWork = true;
-          } else {
-            updateStatus(r, [&](RiverStatus& s) {
-              s.caughtUp = false;
-              s.lagMs = r.lastCaughtUpMs ? steadyMs() - r.lastCaughtUpMs : 0;
-            });
-            if (rc < 0) {
-              setError(r, stepError);
-              r.prepared = r.prepared && stepError.rfind("CouchDB", 0) == 0;
-              pause(backoffMs(++failures[i] + 3), cancel);
-            }
-          }
-        }
-        unsigned wait = 100;
-        for (size_t i = w; i < rivers.size(); i += n)
-          wait = std::max(wait, rivers[i]->leaseHeld ? rivers[i]->def.flushIntervalMs
-                                                     : std::max(100u, rivers[i]->def.leaseMs / 4));
-        pause(anyWork ? wait : std::min(wait, 1000u), cancel);
-      }
-      for (size_t i = w; i < rivers.size(); i += n) {
-        releaseLease(*rivers[i]);
-        updateStatus(*rivers[i], [](RiverStatus& s) { s.running = false; });
-      }
+        if (!runRiverOnce(*rivers[i], &firstError, errorMutex, cancel))
+          ok = false;
     };
-    if (n <= 1) {
-      work(0);
-    } else {
-      std::vector<std::thread> threads;
-      for (unsigned w = 0; w < n; ++w)
-        threads.emplace_back(work, w);
-      for (auto& t : threads)
-        t.join();
-    }
+    std::vector<std::thread> threads;
+    for (unsigned w = 1; w < n; ++w)
+      threads.emplace_back(work, w);
+    work(0);
+    for (auto& t : threads)
+      t.join();
     if (!ok && error)
-      *error = firstError;
-    if (ok && stopped(cancel) && error)
-      *error = "cancelled";
-    return ok && !stopped(cancel);
+      *error = firstError.empty() ? std::string("cancelled") : firstError;
+    return ok;
   }
 };
 

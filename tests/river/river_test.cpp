@@ -235,6 +235,33 @@ TEST_F(RiverTest, OlderRevisionNeverReplacesNewer) {
   EXPECT_EQ(rivers.status().at(0).failed, 0u);
 }
 
+TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
+  ASSERT_EQ(es("PUT", "/plain", "{}"), 200);
+  struct Case {
+    std::string database, alias, reason;
+  } cases[] = {{"missing", "docs", "not_found"}, {"db", "plain", "plain is an index, not an alias"}};
+  for (const auto& c : cases) {
+    qz::river::RiverDefinition d = def;
+    d.name = c.database + c.alias;
+    d.database = c.database;
+    d.index = c.alias;
+    qz::river::RiverManager rivers(pool, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
+    const auto started = Clock::now();
+    EXPECT_FALSE(rivers.runOnce(&error, nullptr));
+    EXPECT_NE(error.find(c.reason), std::string::npos) << error;
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
+  }
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  def.mappingJson = "[1]";
+  EXPECT_FALSE(rivers.addRiver(def, &error));
+  def.mappingJson = "{}";
+  def.index = def.stateIndex;
+  EXPECT_FALSE(rivers.addRiver(def, &error));
+}
+
 TEST_F(RiverTest, MappingChangeFillsANewIndexAndSwapsTheAlias) {
   load(0, 3000);
   def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"integer"}}})";
