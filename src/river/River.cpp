@@ -554,7 +554,7 @@ public:
         if (status >= 200 && status < 300) {
           (ops[i].remove ? deleted : indexed)++;
         } else if (status == 404 && ops[i].remove) {
-          ++deleted;
+          // Not there: nothing to delete.
         } else if (status == 409) {
           // A newer (or the same) revision is there already.
         } else if (status == 429 || status == 503) {
