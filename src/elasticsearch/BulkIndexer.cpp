@@ -44,8 +44,8 @@ bool retryable(int status) { return status == 429 || status == 503; }
 
 class BulkIndexer::Private {
 public:
-  Private(http::HttpConnectionPool& pool, const ElasticConnectionParameters& server, unsigned threads,
-          size_t maxDocs, size_t maxBytes)
+  Private(http::HttpConnectionPool& pool, const ElasticConnectionParameters& server, unsigned threads, size_t maxDocs,
+          size_t maxBytes)
       : m_pool(pool), m_url(server.toApiUrl({"_bulk"}, {})), m_threads(std::max(1u, threads)),
         m_maxDocs(std::max<size_t>(1, maxDocs)), m_maxBytes(std::max<size_t>(1, maxBytes)) {
     for (unsigned i = 0; i < m_threads; ++i)
@@ -111,8 +111,7 @@ public:
     return m_stats;
   }
 
-  void setFailureFunction(
-      std::function<void(const std::string&, const std::string&, int, const std::string&)> f) {
+  void setFailureFunction(std::function<void(const std::string&, const std::string&, int, const std::string&)> f) {
     std::lock_guard<std::mutex> lock(m_callbackMutex);
     m_onFailure = std::move(f);
   }

@@ -138,8 +138,8 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
   static const std::string empty;
   c.method = method;
   // A POST or PUT without body still says so (Content-Length: 0): servers wait for one otherwise.
-  c.body = body || std::strcmp(method, "POST") == 0 || std::strcmp(method, "PUT") == 0 ? (body ? body : &empty)
-                                                                                      : nullptr;
+  c.body =
+      body || std::strcmp(method, "POST") == 0 || std::strcmp(method, "PUT") == 0 ? (body ? body : &empty) : nullptr;
   c.contentType = contentType;
   c.out = &out;
   c.cutter = cutter;
@@ -159,8 +159,7 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
       out.transportError = connection.getLastErrorMsg();
     return false;
   }
-  if (cutter && out.status >= 200 && out.status < 300 && !cutter->complete() &&
-      std::strcmp(method, "HEAD") != 0) {
+  if (cutter && out.status >= 200 && out.status < 300 && !cutter->complete() && std::strcmp(method, "HEAD") != 0) {
     out.transportError = "incomplete answer from " + url.toDisplayableUrl();
     return false;
   }

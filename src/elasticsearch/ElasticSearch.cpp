@@ -112,8 +112,8 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   };
 
   // A point in time when the server has one.
-  if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr,
-                   nullptr, r, nullptr, stop)) {
+  if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr, nullptr,
+                   r, nullptr, stop)) {
     err = *stop ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
     return false;
   }
@@ -190,19 +190,19 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       body = "{\"scroll\":\"" + std::string(kKeepAlive) + "\",\"scroll_id\":";
       AppendJsonString(body, scrollId);
       body += "}";
-      answered = ElasticCall(connection, "POST", server.toApiUrl({"_search", "scroll"}, {}), &body,
-                             "application/json", r, &cutter, stop);
+      answered = ElasticCall(connection, "POST", server.toApiUrl({"_search", "scroll"}, {}), &body, "application/json",
+                             r, &cutter, stop);
     }
     if (!scrollId.empty()) {
       std::string closeBody = "{\"scroll_id\":[";
       AppendJsonString(closeBody, scrollId);
       closeBody += "]}";
       ElasticResponse closed;
-      if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody,
-                       "application/json", closed, nullptr, nullptr) ||
+      if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody, "application/json",
+                       closed, nullptr, nullptr) ||
           closed.status != 200)
-        qzLogObject(qzLog::Warning, "elasticsearch") << "Cannot clear the scroll on " << index << ": "
-                                                     << ErrorText(closed);
+        qzLogObject(qzLog::Warning, "elasticsearch")
+            << "Cannot clear the scroll on " << index << ": " << ErrorText(closed);
     }
   }
 
