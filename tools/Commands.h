@@ -12,5 +12,6 @@ namespace httptools {
 extern int exitCode;
 
 void AddLegacyCommands(CLI::App& app); // version, jwt, url, get/head/put/post/delete, couch view
+void AddElasticCommands(CLI::App& app); // es search, es get, es bulk
 
 } // namespace httptools

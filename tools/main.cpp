@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
   CLI::App app{"httptools: HTTP, JSON Web Tokens and CouchDB from the command line", "httptools"};
   app.require_subcommand(1);
   httptools::AddLegacyCommands(app);
+  httptools::AddElasticCommands(app);
   try {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   } catch (const std::exception& e) {
