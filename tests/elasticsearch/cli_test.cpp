@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#ifdef HTTPTOOLS_CLI // the program is not built in every configuration
+
 namespace {
 
 class EsCliTest : public EsFixture {
@@ -68,3 +70,5 @@ TEST_F(EsCliTest, UsageAndServerErrors) {
 }
 
 } // namespace
+
+#endif

@@ -1835,6 +1835,7 @@ void ElasticEmulator::install() {
   };
 
   auto control = [&st, reply](const Req& req, Res& res, const std::string& what) {
+    res.set_header("X-Elastic-Product", "Elasticsearch");
     if (what == "faults" && (req.method == "PUT" || req.method == "POST")) {
       Document body;
       body.Parse(req.body.data(), req.body.size());
