@@ -101,14 +101,14 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   ElasticResponse r;
 
   // Why a page failed, in the caller's words.
-  auto pageError = [&](bool answered) {
+  auto pageError = [&]() {
     if (*stop)
       return std::string("cancelled");
     if (sink.stopped)
       return std::string("stopped by the hit function");
     if (sink.malformed)
       return "malformed hit in the answer for index " + index;
-    return (answered ? "search on " + index + " failed: " : "search on " + index + " failed: ") + ErrorText(r);
+    return "search on " + index + " failed: " + ErrorText(r);
   };
 
   // A point in time when the server has one.
@@ -150,7 +150,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       const size_t before = sink.delivered;
       const bool answered = ElasticCall(connection, "POST", searchUrl, &body, "application/json", r, &cutter, stop);
       if (!answered || r.status != 200) {
-        err = pageError(answered);
+        err = pageError();
         ok = false;
         break;
       }
@@ -181,7 +181,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       if (!cutter.scrollId().empty())
         scrollId = cutter.scrollId();
       if (!answered || r.status != 200) {
-        err = pageError(answered);
+        err = pageError();
         ok = false;
         break;
       }
