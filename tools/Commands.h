@@ -12,6 +12,8 @@ namespace httptools {
 extern int exitCode;
 
 void AddLegacyCommands(CLI::App& app); // version, jwt, url, get/head/put/post/delete, couch view
-void AddElasticCommands(CLI::App& app); // es search, es get, es bulk
+
+// es search, es get, es bulk
+void AddElasticCommands(CLI::App& app);
 
 } // namespace httptools
