@@ -15,4 +15,7 @@ void AddLegacyCommands(CLI::App& app);      // version, jwt, url, get/head/put/p
 void AddCouchToolCommands(CLI::App& couch); // couch changes, get, upload, conflicts
 void AddRiverCommand(CLI::App& app);        // river
 
+// es search, es get, es bulk
+void AddElasticCommands(CLI::App& app);
+
 } // namespace httptools

@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   httptools::AddLegacyCommands(app);
   httptools::AddCouchToolCommands(*app.get_subcommand("couch"));
+  httptools::AddElasticCommands(app);
   httptools::AddRiverCommand(app);
   try {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);

@@ -44,8 +44,8 @@ bool retryable(int status) { return status == 429 || status == 503; }
 
 class BulkIndexer::Private {
 public:
-  Private(http::HttpConnectionPool& pool, const ElasticConnectionParameters& server, unsigned threads,
-          size_t maxDocs, size_t maxBytes)
+  Private(http::HttpConnectionPool& pool, const ElasticConnectionParameters& server, unsigned threads, size_t maxDocs,
+          size_t maxBytes)
       : m_pool(pool), m_url(server.toApiUrl({"_bulk"}, {})), m_threads(std::max(1u, threads)),
         m_maxDocs(std::max<size_t>(1, maxDocs)), m_maxBytes(std::max<size_t>(1, maxBytes)) {
     for (unsigned i = 0; i < m_threads; ++i)
@@ -69,23 +69,31 @@ public:
   bool add(const std::string& index, const std::string& id, const std::string* json) {
     if (index.empty() || id.empty())
       return false;
-    std::string lines = json ? "{\"index\":{\"_index\":" : "{\"delete\":{\"_index\":";
-    AppendJsonString(lines, index);
-    lines += ",\"_id\":";
-    AppendJsonString(lines, id);
-    lines += "}}\n";
-    if (json) {
-      lines += *json;
-      lines += '\n';
-    }
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_current.ops.empty())
-      m_current.firstAt = std::chrono::steady_clock::now();
-    Op op{index, id, m_current.body.size(), 0, json == nullptr};
-    m_current.body += lines;
-    op.end = m_current.body.size();
-    m_current.ops.push_back(std::move(op));
-    if (m_current.ops.size() >= m_maxDocs || m_current.body.size() >= m_maxBytes)
+    Batch& batch = m_current;
+    if (batch.ops.empty()) {
+      batch.firstAt = std::chrono::steady_clock::now();
+      // A body the workers gave back, or one sized like the last batch: no growth copies (nor fresh
+      // pages) while it fills.
+      if (batch.body.capacity() == 0 && !m_spareBodies.empty()) {
+        batch.body = std::move(m_spareBodies.back());
+        m_spareBodies.pop_back();
+      }
+      batch.body.reserve(std::min(m_maxBytes, m_lastBatchBytes) + (json ? json->size() : 0) + 256);
+    }
+    Op op{index, id, batch.body.size(), 0, json == nullptr};
+    batch.body += json ? "{\"index\":{\"_index\":" : "{\"delete\":{\"_index\":";
+    AppendJsonString(batch.body, index);
+    batch.body += ",\"_id\":";
+    AppendJsonString(batch.body, id);
+    batch.body += "}}\n";
+    if (json) {
+      batch.body += *json;
+      batch.body += '\n';
+    }
+    op.end = batch.body.size();
+    batch.ops.push_back(std::move(op));
+    if (batch.ops.size() >= m_maxDocs || batch.body.size() >= m_maxBytes)
       enqueueLocked(lock);
     return true;
   }
@@ -111,8 +119,7 @@ public:
     return m_stats;
   }
 
-  void setFailureFunction(
-      std::function<void(const std::string&, const std::string&, int, const std::string&)> f) {
+  void setFailureFunction(std::function<void(const std::string&, const std::string&, int, const std::string&)> f) {
     std::lock_guard<std::mutex> lock(m_callbackMutex);
     m_onFailure = std::move(f);
   }
@@ -135,6 +142,7 @@ private:
   // Hands the current batch to the workers; waits while 2 × threads batches are queued.
   void enqueueLocked(std::unique_lock<std::mutex>& lock) {
     m_cv.wait(lock, [this] { return m_queue.size() < 2 * m_threads || m_closing; });
+    m_lastBatchBytes = std::max(m_lastBatchBytes, m_current.body.size());
     m_queue.push_back(std::move(m_current));
     m_current = Batch();
     m_cv.notify_all();
@@ -164,8 +172,12 @@ private:
       ++m_busy;
       m_cv.notify_all(); // room in the queue
       lock.unlock();
-      send(std::move(batch));
+      std::string body = send(std::move(batch));
       lock.lock();
+      if (m_spareBodies.size() < 2 * m_threads + 2) {
+        body.clear();
+        m_spareBodies.push_back(std::move(body));
+      }
       --m_busy;
       m_cv.notify_all();
     }
@@ -198,7 +210,14 @@ private:
   }
 
   // Sends one batch and everything that must be sent again, until no item is left to retry.
-  void send(Batch batch) {
+  // Gives back the first body for reuse.
+  std::string send(Batch batch) {
+    std::string first;
+    sendAll(std::move(batch), first);
+    return first;
+  }
+
+  void sendAll(Batch batch, std::string& firstBody) {
     http::HttpConnectionLocker connection(m_pool, m_url);
     std::vector<ItemResult> results;
     qzVariantMapImpl item;
@@ -272,8 +291,11 @@ private:
         m_stats.indexed += indexed;
         m_stats.deleted += deleted;
       }
-      if (again.empty())
+      if (again.empty()) {
+        if (batch.attempt == 0)
+          firstBody = std::move(batch.body);
         return;
+      }
       unsigned retries;
       {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -282,6 +304,8 @@ private:
       if (batch.attempt >= retries) {
         for (size_t k = 0; k < again.size(); ++k)
           fail(batch.ops[again[k]], againWhy[k].status, againWhy[k].reason);
+        if (batch.attempt == 0)
+          firstBody = std::move(batch.body);
         return;
       }
       Batch next;
@@ -299,6 +323,8 @@ private:
         m_stats.retried += next.ops.size();
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(backoffMs(next.attempt)));
+      if (batch.attempt == 0)
+        firstBody = std::move(batch.body);
       batch = std::move(next);
     }
   }
@@ -312,11 +338,13 @@ private:
   std::condition_variable m_cv;
   Batch m_current;
   std::deque<Batch> m_queue;
+  std::vector<std::string> m_spareBodies; // sent bodies kept for their capacity
   size_t m_busy = 0;
   bool m_closing = false;
   BulkStats m_stats;
   size_t m_failedSinceFlush = 0;
   std::string m_firstFailure;
+  size_t m_lastBatchBytes = 0;
   unsigned m_intervalMs = 0;
   unsigned m_retries = 5;
   unsigned m_firstBackoffMs = 100;
@@ -334,9 +362,9 @@ BulkIndexer::BulkIndexer(http::HttpConnectionPool& pool, const ElasticConnection
 BulkIndexer::~BulkIndexer() = default;
 
 bool BulkIndexer::index(const std::string& index, const std::string& id, const qzVariantMapImpl& doc) {
-  std::string json;
-  if (!json::Json2Variant::Convert(doc, json, false))
-    return false;
+  thread_local std::string json; // its capacity is reused from call to call
+  json.clear();
+  AppendJson(json, doc);
   return d->add(index, id, &json);
 }
 

@@ -29,8 +29,7 @@ public:
 
   ElasticConnectionParameters toIndexUrl(const std::string& index, const Query& query) const;
   // server/index/_doc/id
-  ElasticConnectionParameters toDocumentUrl(const std::string& index, const std::string& id,
-                                            const Query& query) const;
+  ElasticConnectionParameters toDocumentUrl(const std::string& index, const std::string& id, const Query& query) const;
   // server/segments... (an empty first segment is left out: "_bulk" at the server's root)
   ElasticConnectionParameters toApiUrl(const std::vector<std::string>& segments, const Query& query) const;
 };

@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
+#include <cmath>
 #include <cstring>
 #include <strings.h>
 
@@ -138,8 +140,8 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
   static const std::string empty;
   c.method = method;
   // A POST or PUT without body still says so (Content-Length: 0): servers wait for one otherwise.
-  c.body = body || std::strcmp(method, "POST") == 0 || std::strcmp(method, "PUT") == 0 ? (body ? body : &empty)
-                                                                                      : nullptr;
+  c.body =
+      body || std::strcmp(method, "POST") == 0 || std::strcmp(method, "PUT") == 0 ? (body ? body : &empty) : nullptr;
   c.contentType = contentType;
   c.out = &out;
   c.cutter = cutter;
@@ -159,8 +161,7 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
       out.transportError = connection.getLastErrorMsg();
     return false;
   }
-  if (cutter && out.status >= 200 && out.status < 300 && !cutter->complete() &&
-      std::strcmp(method, "HEAD") != 0) {
+  if (cutter && out.status >= 200 && out.status < 300 && !cutter->complete() && std::strcmp(method, "HEAD") != 0) {
     out.transportError = "incomplete answer from " + url.toDisplayableUrl();
     return false;
   }
@@ -196,9 +197,14 @@ std::string ErrorText(const ElasticResponse& response) {
 void AppendJsonString(std::string& out, const std::string& s) {
   static const char hex[] = "0123456789abcdef";
   out.push_back('"');
-  for (const char ch : s) {
-    const auto u = static_cast<unsigned char>(ch);
-    switch (ch) {
+  size_t run = 0; // start of the bytes that go as they are
+  for (size_t i = 0; i < s.size(); ++i) {
+    const auto u = static_cast<unsigned char>(s[i]);
+    if (u >= 0x20 && u != '"' && u != '\\')
+      continue;
+    out.append(s, run, i - run);
+    run = i + 1;
+    switch (u) {
     case '"':
       out += "\\\"";
       break;
@@ -215,16 +221,74 @@ void AppendJsonString(std::string& out, const std::string& s) {
       out += "\\t";
       break;
     default:
-      if (u < 0x20) {
-        out += "\\u00";
-        out.push_back(hex[u >> 4]);
-        out.push_back(hex[u & 15]);
-      } else {
-        out.push_back(ch);
-      }
+      out += "\\u00";
+      out.push_back(hex[u >> 4]);
+      out.push_back(hex[u & 15]);
     }
   }
+  out.append(s, run, std::string::npos);
   out.push_back('"');
+}
+
+void AppendJson(std::string& out, const qzVariant& v) {
+  char number[32];
+  switch (v.type()) {
+  case qzVariant::Null:
+    out += "null";
+    break;
+  case qzVariant::Bool:
+    out += v.toBool() ? "true" : "false";
+    break;
+  case qzVariant::Int64: {
+    const auto r = std::to_chars(number, number + sizeof number, v.toInt64());
+    out.append(number, r.ptr);
+    break;
+  }
+  case qzVariant::Double: {
+    const double d = v.toDouble();
+    if (!std::isfinite(d)) {
+      out += "null"; // JSON has no NaN nor infinity
+      break;
+    }
+    const auto r = std::to_chars(number, number + sizeof number, d);
+    out.append(number, r.ptr);
+    if (std::find_if(number, r.ptr, [](char c) { return c == '.' || c == 'e'; }) == r.ptr)
+      out += ".0"; // stays a floating-point number for the server's type guess
+    break;
+  }
+  case qzVariant::String:
+    AppendJsonString(out, *v.stringPtr());
+    break;
+  case qzVariant::Map:
+    AppendJson(out, v.toMap());
+    break;
+  case qzVariant::List: {
+    out.push_back('[');
+    bool first = true;
+    for (const auto& e : v.toList()) {
+      if (!first)
+        out.push_back(',');
+      first = false;
+      AppendJson(out, e);
+    }
+    out.push_back(']');
+    break;
+  }
+  }
+}
+
+void AppendJson(std::string& out, const qzVariantMapImpl& map) {
+  out.push_back('{');
+  bool first = true;
+  for (const auto& [key, value] : map) {
+    if (!first)
+      out.push_back(',');
+    first = false;
+    AppendJsonString(out, key);
+    out.push_back(':');
+    AppendJson(out, value);
+  }
+  out.push_back('}');
 }
 
 } // namespace qz::elasticsearch

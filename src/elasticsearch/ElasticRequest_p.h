@@ -1,6 +1,7 @@
 #pragma once
 
 #include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzVariant.h>
 #include <HttpTools/url/Url.h>
 
 #include <string>
@@ -34,5 +35,8 @@ HTTPTOOLS_API std::string ErrorText(const ElasticResponse& response);
 
 // The JSON text of `s` as a string literal, quotes included.
 HTTPTOOLS_API void AppendJsonString(std::string& out, const std::string& s);
+// Compact JSON of a variant, appended in place (no copy of the value; NaN and infinities as null).
+HTTPTOOLS_API void AppendJson(std::string& out, const qzVariant& value);
+HTTPTOOLS_API void AppendJson(std::string& out, const qzVariantMapImpl& map);
 
 } // namespace qz::elasticsearch

@@ -101,19 +101,19 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   ElasticResponse r;
 
   // Why a page failed, in the caller's words.
-  auto pageError = [&](bool answered) {
+  auto pageError = [&]() {
     if (*stop)
       return std::string("cancelled");
     if (sink.stopped)
       return std::string("stopped by the hit function");
     if (sink.malformed)
       return "malformed hit in the answer for index " + index;
-    return (answered ? "search on " + index + " failed: " : "search on " + index + " failed: ") + ErrorText(r);
+    return "search on " + index + " failed: " + ErrorText(r);
   };
 
   // A point in time when the server has one.
-  if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr,
-                   nullptr, r, nullptr, stop)) {
+  if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr, nullptr,
+                   r, nullptr, stop)) {
     err = *stop ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
     return false;
   }
@@ -150,7 +150,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       const size_t before = sink.delivered;
       const bool answered = ElasticCall(connection, "POST", searchUrl, &body, "application/json", r, &cutter, stop);
       if (!answered || r.status != 200) {
-        err = pageError(answered);
+        err = pageError();
         ok = false;
         break;
       }
@@ -181,7 +181,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       if (!cutter.scrollId().empty())
         scrollId = cutter.scrollId();
       if (!answered || r.status != 200) {
-        err = pageError(answered);
+        err = pageError();
         ok = false;
         break;
       }
@@ -190,19 +190,19 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       body = "{\"scroll\":\"" + std::string(kKeepAlive) + "\",\"scroll_id\":";
       AppendJsonString(body, scrollId);
       body += "}";
-      answered = ElasticCall(connection, "POST", server.toApiUrl({"_search", "scroll"}, {}), &body,
-                             "application/json", r, &cutter, stop);
+      answered = ElasticCall(connection, "POST", server.toApiUrl({"_search", "scroll"}, {}), &body, "application/json",
+                             r, &cutter, stop);
     }
     if (!scrollId.empty()) {
       std::string closeBody = "{\"scroll_id\":[";
       AppendJsonString(closeBody, scrollId);
       closeBody += "]}";
       ElasticResponse closed;
-      if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody,
-                       "application/json", closed, nullptr, nullptr) ||
+      if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody, "application/json",
+                       closed, nullptr, nullptr) ||
           closed.status != 200)
-        qzLogObject(qzLog::Warning, "elasticsearch") << "Cannot clear the scroll on " << index << ": "
-                                                     << ErrorText(closed);
+        qzLogObject(qzLog::Warning, "elasticsearch")
+            << "Cannot clear the scroll on " << index << ": " << ErrorText(closed);
     }
   }
 

@@ -61,25 +61,15 @@ struct Case {
 
 std::vector<Case> cases() {
   return {
-      {"pit search",
-       "hits",
-       "hits",
+      {"pit search", "hits", "hits",
        R"({"pit_id":"P+/=x\"","took":3,"timed_out":false,"_shards":{"total":1,"failures":[{"hits":"{"}]},)"
        R"("hits":{"total":{"value":3,"relation":"hits"},"max_score":null,"hits":[)" +
            join(kHits, ",") + R"(]},"aggregations":{"hits":{"hits":[{"decoy":1}]}}})",
-       kHits,
-       R"(P+/=x")",
-       "",
-       -1},
-      {"pretty scroll",
-       "hits",
-       "hits",
+       kHits, R"(P+/=x")", "", -1},
+      {"pretty scroll", "hits", "hits",
        "{\n  \"_scroll_id\" : \"S1==\",\n  \"hits\" : {\n    \"hits\" : [\n      " + join(kHits, ",\n      ") +
            "\n    ]\n  }\n}\n",
-       kHits,
-       "",
-       "S1==",
-       -1},
+       kHits, "", "S1==", -1},
       {"empty page", "hits", "hits", R"({"hits":{"total":{"value":0},"hits":[]}})", {}, "", "", -1},
       {"mget docs",
        "docs",
@@ -99,8 +89,14 @@ std::vector<Case> cases() {
        "",
        "",
        1},
-      {"bulk without errors", "items", "", R"({"errors" : false, "items":[{"index":{}}]})", {R"({"index":{}})"}, "",
-       "", 0},
+      {"bulk without errors",
+       "items",
+       "",
+       R"({"errors" : false, "items":[{"index":{}}]})",
+       {R"({"index":{}})"},
+       "",
+       "",
+       0},
   };
 }
 
@@ -140,7 +136,7 @@ TEST(ResponseItemCutter, MalformedNestingIsRefusedOrIncomplete) {
       {R"({"hits":{"hits":[{"a":1}]]})", false, false},  // bracket closes an object
       {R"({"hits":{"hits":[{"a":1})", true, false},      // cut short
       {R"({"hits":{"hits":[{"a":"1}]}})", true, false},  // string never closed
-      {R"({"a":1}{"b":2})", false, false},              // two values
+      {R"({"a":1}{"b":2})", false, false},               // two values
       {"", true, false},
   };
   for (const auto& row : table) {

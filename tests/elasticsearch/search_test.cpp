@@ -22,8 +22,8 @@ protected:
     std::string ndjson;
     for (int i = 0; i < count; ++i) {
       ndjson += R"({"index":{"_index":")" + index + R"(","_id":"doc-)" + std::to_string(i) + "\"}}\n";
-      ndjson += R"({"n":)" + std::to_string(i) + R"(,"group":)" + std::to_string(i % 7) +
-                R"(,"t":"}{ ][ \"q\" \\ )" + std::to_string(i) + "\"}\n";
+      ndjson += R"({"n":)" + std::to_string(i) + R"(,"group":)" + std::to_string(i % 7) + R"(,"t":"}{ ][ \"q\" \\ )" +
+                std::to_string(i) + "\"}\n";
     }
     std::string answer;
     ASSERT_EQ(call("POST", "/_bulk", ndjson, &answer), 200);
@@ -142,7 +142,8 @@ TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
     cancel = true;
   });
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(fetch("", 100, [](SearchHit&) { return true; }, &cancel));
+  EXPECT_FALSE(fetch(
+      "", 100, [](SearchHit&) { return true; }, &cancel));
   canceller.join();
   EXPECT_EQ(error, "cancelled");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
@@ -153,8 +154,8 @@ TEST_F(SearchTest, BadQueryMissingIndexAndForeignServer) {
   seed("docs", 3);
   EXPECT_FALSE(fetch("[1,2]", 10, [](SearchHit&) { return true; }));
   EXPECT_NE(error.find("not a JSON object"), std::string::npos) << error;
-  EXPECT_FALSE(FetchSearchResults(connection, server, "nope", "", [](SearchHit&) { return true; }, 10, &error,
-                                  nullptr));
+  EXPECT_FALSE(FetchSearchResults(
+      connection, server, "nope", "", [](SearchHit&) { return true; }, 10, &error, nullptr));
   EXPECT_NE(error.find("index_not_found_exception"), std::string::npos) << error;
   EXPECT_FALSE(fetch(R"({"query":{"nonsense":{}}})", 10, [](SearchHit&) { return true; }));
   EXPECT_NE(error.find("unknown query"), std::string::npos) << error;

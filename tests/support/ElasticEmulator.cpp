@@ -560,8 +560,8 @@ struct ElasticEmulator::State {
           return false;
         }
         if (type == "boolean")
-          return e.IsBool() || (e.IsString() && (std::strcmp(e.GetString(), "true") == 0 ||
-                                                 std::strcmp(e.GetString(), "false") == 0));
+          return e.IsBool() || (e.IsString() &&
+                                (std::strcmp(e.GetString(), "true") == 0 || std::strcmp(e.GetString(), "false") == 0));
         return true;
       };
       bool ok = true;
@@ -822,8 +822,8 @@ ElasticEmulator::~ElasticEmulator() { stop(); }
 
 bool ElasticEmulator::start(int port) {
   m_state->stopping = false;
-  const int bound = port ? (m_server.bind_to_port("127.0.0.1", port) ? port : -1)
-                         : m_server.bind_to_any_port("127.0.0.1");
+  const int bound =
+      port ? (m_server.bind_to_port("127.0.0.1", port) ? port : -1) : m_server.bind_to_any_port("127.0.0.1");
   if (bound <= 0) {
     m_error = "cannot bind 127.0.0.1";
     return false;
@@ -836,8 +836,8 @@ bool ElasticEmulator::start(int port) {
 }
 
 bool ElasticEmulator::listenBlocking(int port, const std::function<void(int)>& onBound) {
-  const int bound = port ? (m_server.bind_to_port("127.0.0.1", port) ? port : -1)
-                         : m_server.bind_to_any_port("127.0.0.1");
+  const int bound =
+      port ? (m_server.bind_to_port("127.0.0.1", port) ? port : -1) : m_server.bind_to_any_port("127.0.0.1");
   if (bound <= 0) {
     m_error = "cannot bind 127.0.0.1";
     return false;
@@ -926,8 +926,7 @@ void ElasticEmulator::install() {
       }
     }
     if (fail)
-      return reply(res, 500,
-                   errorBody(500, "search_phase_execution_exception", "all shards failed (injected fault)"));
+      return reply(res, 500, errorBody(500, "search_phase_execution_exception", "all shards failed (injected fault)"));
     if (!cut && !stall)
       return reply(res, status, body);
     reply(res, status, "");
@@ -1039,10 +1038,10 @@ void ElasticEmulator::install() {
       auto m = body.FindMember(name);
       return m == body.MemberEnd() ? nullptr : &m->value;
     };
-    const int64_t size = member("size") && member("size")->IsInt64() ? member("size")->GetInt64()
-                                                                        : numberParam(req, "size", 10);
-    const int64_t from = member("from") && member("from")->IsInt64() ? member("from")->GetInt64()
-                                                                       : numberParam(req, "from", 0);
+    const int64_t size =
+        member("size") && member("size")->IsInt64() ? member("size")->GetInt64() : numberParam(req, "size", 10);
+    const int64_t from =
+        member("from") && member("from")->IsInt64() ? member("from")->GetInt64() : numberParam(req, "from", 0);
     const Value* query = member("query");
     const Value* pitMember = member("pit");
     const Value* after = member("search_after");
@@ -1085,8 +1084,8 @@ void ElasticEmulator::install() {
         pitHold = it->second;
         Pit& pit = *pitHold;
         // Pages of one pit repeat the query and sort: the ordered hits are kept with the pit.
-        const std::string cacheKey = (query ? toJson(*query) : "") + "|" +
-                                     (member("sort") ? toJson(*member("sort")) : std::string());
+        const std::string cacheKey =
+            (query ? toJson(*query) : "") + "|" + (member("sort") ? toJson(*member("sort")) : std::string());
         if (pit.cacheKey != cacheKey) {
           pit.sorted.clear();
           runQuery(pit.sorted, pit.docs, query, keys);
@@ -1113,11 +1112,10 @@ void ElasticEmulator::install() {
     size_t start = size_t(std::max<int64_t>(0, from));
     if (after && after->IsArray()) {
       if (after->Size() != keys.size())
-        return lock.unlock(),
-               reply(res, 400,
-                     errorBody(400, "illegal_argument_exception",
-                               "search_after has " + std::to_string(after->Size()) +
-                                   " value(s) but sort has " + std::to_string(keys.size()) + "."));
+        return lock.unlock(), reply(res, 400,
+                                    errorBody(400, "illegal_argument_exception",
+                                              "search_after has " + std::to_string(after->Size()) +
+                                                  " value(s) but sort has " + std::to_string(keys.size()) + "."));
       Entry probe{{}, nullptr, 0, {}};
       for (const auto& v : after->GetArray())
         probe.sort.push_back(toSortValue(&v));
@@ -1166,9 +1164,9 @@ void ElasticEmulator::install() {
     ++st.stats.searchRequests;
     auto it = st.scrolls.find(id);
     if (it == st.scrolls.end())
-      return lock.unlock(), reply(res, 404,
-                                  errorBody(404, "search_context_missing_exception",
-                                            "No search context found for id [" + id + "]"));
+      return lock.unlock(),
+             reply(res, 404,
+                   errorBody(404, "search_context_missing_exception", "No search context found for id [" + id + "]"));
     Scroll& sc = *it->second;
     StringBuffer sb;
     Writer w(sb);
@@ -1211,8 +1209,7 @@ void ElasticEmulator::install() {
       for (const auto& id : ids)
         freed += st.scrolls.erase(id);
     }
-    reply(res, freed || all ? 200 : 404,
-          "{\"succeeded\":true,\"num_freed\":" + std::to_string(freed) + "}");
+    reply(res, freed || all ? 200 : 404, "{\"succeeded\":true,\"num_freed\":" + std::to_string(freed) + "}");
   };
 
   auto openPit = [&st, reply](const Req& req, Res& res, const std::string& expr) {
@@ -1220,8 +1217,9 @@ void ElasticEmulator::install() {
     if (st.faults.noPit)
       return lock.unlock(), reply(res, 400,
                                   errorBody(400, "illegal_argument_exception",
-                                            "request [/" + expr + "/_pit] contains unrecognized parameter: "
-                                                                  "[keep_alive]"));
+                                            "request [/" + expr +
+                                                "/_pit] contains unrecognized parameter: "
+                                                "[keep_alive]"));
     if (!req.has_param("keep_alive"))
       return lock.unlock(), reply(res, 400,
                                   errorBody(400, "action_request_validation_exception",
@@ -1319,9 +1317,9 @@ void ElasticEmulator::install() {
                      errorBody(400, "action_request_validation_exception", "Validation Failed: 1: index is missing;"));
       if (item.action != "delete") {
         if (!nextLine(p, n))
-          return reply(res, 400,
-                       errorBody(400, "illegal_argument_exception",
-                                 "The bulk request must be terminated by a newline [\\n]"));
+          return reply(
+              res, 400,
+              errorBody(400, "illegal_argument_exception", "The bulk request must be terminated by a newline [\\n]"));
         item.parsed = std::make_unique<Document>();
         item.parsed->Parse(p, n);
         if (item.parsed->HasParseError() || !item.parsed->IsObject()) {
@@ -1442,11 +1440,12 @@ void ElasticEmulator::install() {
     if (op == "update") {
       if (!parsed.HasMember("doc") || !parsed["doc"].IsObject())
         return reply(res, 400,
-                     errorBody(400, "action_request_validation_exception", "Validation Failed: 1: script or doc is "
-                                                                           "missing;"));
+                     errorBody(400, "action_request_validation_exception",
+                               "Validation Failed: 1: script or doc is "
+                               "missing;"));
       source = &parsed["doc"];
-      upsert = parsed.HasMember("doc_as_upsert") && parsed["doc_as_upsert"].IsBool() &&
-               parsed["doc_as_upsert"].GetBool();
+      upsert =
+          parsed.HasMember("doc_as_upsert") && parsed["doc_as_upsert"].IsBool() && parsed["doc_as_upsert"].GetBool();
       docText = toJson(*source);
     }
     std::unique_lock<std::mutex> lock(st.mu);
@@ -1546,8 +1545,9 @@ void ElasticEmulator::install() {
     if (body.HasMember("ids") && body["ids"].IsArray()) {
       if (defaultIndex.empty())
         return reply(res, 400,
-                     errorBody(400, "action_request_validation_exception", "Validation Failed: 1: index is missing "
-                                                                           "for doc 0;"));
+                     errorBody(400, "action_request_validation_exception",
+                               "Validation Failed: 1: index is missing "
+                               "for doc 0;"));
       for (const auto& v : body["ids"].GetArray())
         wanted.emplace_back(defaultIndex, v.IsString() ? v.GetString() : toJson(v));
     } else if (body.HasMember("docs") && body["docs"].IsArray()) {
@@ -1555,14 +1555,15 @@ void ElasticEmulator::install() {
         if (!v.IsObject() || !v.HasMember("_id"))
           return reply(res, 400,
                        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: id is missing;"));
-        const std::string index = v.HasMember("_index") && v["_index"].IsString() ? v["_index"].GetString()
-                                                                                   : defaultIndex;
+        const std::string index =
+            v.HasMember("_index") && v["_index"].IsString() ? v["_index"].GetString() : defaultIndex;
         wanted.emplace_back(index, v["_id"].IsString() ? v["_id"].GetString() : toJson(v["_id"]));
       }
     } else {
       return reply(res, 400,
-                   errorBody(400, "action_request_validation_exception", "Validation Failed: 1: no documents to "
-                                                                         "get;"));
+                   errorBody(400, "action_request_validation_exception",
+                             "Validation Failed: 1: no documents to "
+                             "get;"));
     }
     StringBuffer sb;
     Writer w(sb);
@@ -1630,8 +1631,8 @@ void ElasticEmulator::install() {
           auto existing = props.FindMember(p.name.GetString());
           if (existing != props.MemberEnd()) {
             const Value& oldType = existing->value.HasMember("type") ? existing->value["type"] : Value().Move();
-            const bool sameType = p.value.IsObject() && p.value.HasMember("type") && oldType.IsString() &&
-                                  oldType == p.value["type"];
+            const bool sameType =
+                p.value.IsObject() && p.value.HasMember("type") && oldType.IsString() && oldType == p.value["type"];
             if (!sameType && oldType.IsString()) {
               err = std::string("mapper [") + p.name.GetString() + "] cannot be changed from type [" +
                     oldType.GetString() + "]";
@@ -1756,12 +1757,11 @@ void ElasticEmulator::install() {
     // Checked first, applied after: the actions take effect together or not at all.
     for (const auto& a : actions) {
       if (!st.indices.count(a.index))
-        return lock.unlock(), reply(res, 404,
-                                    errorBody(404, "index_not_found_exception", "no such index [" + a.index + "]",
-                                              a.index));
+        return lock.unlock(),
+               reply(res, 404, errorBody(404, "index_not_found_exception", "no such index [" + a.index + "]", a.index));
       if (a.kind == "remove" && !st.indices[a.index].aliases.count(a.alias))
-        return lock.unlock(), reply(res, 404,
-                                    errorBody(404, "aliases_not_found_exception", "aliases [" + a.alias + "] missing"));
+        return lock.unlock(),
+               reply(res, 404, errorBody(404, "aliases_not_found_exception", "aliases [" + a.alias + "] missing"));
       if (a.kind != "add" && a.kind != "remove" && a.kind != "remove_index")
         return lock.unlock(), reply(res, 400, errorBody(400, "parsing_exception", "unknown alias action " + a.kind));
     }
@@ -1835,6 +1835,7 @@ void ElasticEmulator::install() {
   };
 
   auto control = [&st, reply](const Req& req, Res& res, const std::string& what) {
+    res.set_header("X-Elastic-Product", "Elasticsearch");
     if (what == "faults" && (req.method == "PUT" || req.method == "POST")) {
       Document body;
       body.Parse(req.body.data(), req.body.size());
@@ -1866,14 +1867,14 @@ void ElasticEmulator::install() {
       size_t docs = 0;
       for (const auto& [n, ix] : st.indices)
         docs += ix.live;
-      const std::string body =
-          "{\"open_pits\":" + std::to_string(st.pits.size()) + ",\"open_scrolls\":" + std::to_string(st.scrolls.size()) +
-          ",\"pits_opened\":" + std::to_string(st.stats.pitsOpened) +
-          ",\"scrolls_opened\":" + std::to_string(st.stats.scrollsOpened) +
-          ",\"requests\":" + std::to_string(st.stats.requests) +
-          ",\"bulk_requests\":" + std::to_string(st.stats.bulkRequests) +
-          ",\"bulk_items\":" + std::to_string(st.stats.bulkItems) + ",\"docs\":" + std::to_string(docs) +
-          ",\"cpu_us\":" + std::to_string(cpuMicros()) + "}";
+      const std::string body = "{\"open_pits\":" + std::to_string(st.pits.size()) +
+                               ",\"open_scrolls\":" + std::to_string(st.scrolls.size()) +
+                               ",\"pits_opened\":" + std::to_string(st.stats.pitsOpened) +
+                               ",\"scrolls_opened\":" + std::to_string(st.stats.scrollsOpened) +
+                               ",\"requests\":" + std::to_string(st.stats.requests) +
+                               ",\"bulk_requests\":" + std::to_string(st.stats.bulkRequests) +
+                               ",\"bulk_items\":" + std::to_string(st.stats.bulkItems) +
+                               ",\"docs\":" + std::to_string(docs) + ",\"cpu_us\":" + std::to_string(cpuMicros()) + "}";
       res.status = 200;
       res.set_content(body, "application/json");
       return;
@@ -1955,9 +1956,9 @@ void ElasticEmulator::install() {
     if (first == "_count")
       return count(req, res, "");
     if (first[0] == '_')
-      return reply(res, 400,
-                   errorBody(400, "illegal_argument_exception",
-                             "request [" + req.path + "] is not supported by the emulator"));
+      return reply(
+          res, 400,
+          errorBody(400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator"));
 
     if (s.size() == 1) {
       if (m == "PUT")
@@ -2071,8 +2072,8 @@ void ElasticEmulator::install() {
         return lock.unlock(), reply(res, 404, err);
       for (Index* ix : found) {
         if (m == "DELETE" && !ix->aliases.count(third))
-          return lock.unlock(), reply(res, 404,
-                                      errorBody(404, "aliases_not_found_exception", "aliases [" + third + "] missing"));
+          return lock.unlock(),
+                 reply(res, 404, errorBody(404, "aliases_not_found_exception", "aliases [" + third + "] missing"));
         if (m == "DELETE")
           ix->aliases.erase(third);
         else

@@ -1,0 +1,428 @@
+// Elasticsearch tools against the emulator (a child process, so that its CPU is not the client's):
+//
+// 1. Bulk-index N ~1 KB documents through BulkIndexer and through the official Python client's
+//    helpers.bulk with the same batch size: client CPU per document and documents per second; the
+//    emulator's own CPU is shown so that one can see it was not the limit.
+// 2. Read every hit back: FetchSearchResults (hits cut while the answer arrives) against the same
+//    point-in-time pages read whole into a RapidJSON DOM and walked into variants; time and peak heap
+//    in use above the start of each read.
+//
+// Rounds interleave the paths (alternating which goes first); figures are medians, ratios the median
+// of each round's own. The machine is shared, so single timings drift; the ratios hold.
+//
+//   es_bench [--docs=N] [--rounds=R] [benchmark flags]   (a --benchmark_min_time flag alone: quick run)
+#include <HttpTools/HttpTools.h>
+#include <HttpTools/elasticsearch/ElasticRequest_p.h>
+#include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+
+#include "support/Process.h"
+
+#include <benchmark/benchmark.h>
+#include <rapidjson/document.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <malloc.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+using qz::qzVariant;
+using qz::qzVariantMapImpl;
+
+namespace {
+
+int gDocs = 100000;
+int gRounds = 3;
+std::string gBase;
+
+double cpuSeconds() {
+  rusage ru{};
+  getrusage(RUSAGE_SELF, &ru);
+  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
+// The emulator as a child that dies with us (it watches its standard input).
+class Emulator {
+public:
+  bool start() {
+    int in[2], out[2];
+    if (pipe(in) != 0 || pipe(out) != 0)
+      return false;
+    m_pid = fork();
+    if (m_pid == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      close(in[1]);
+      close(out[0]);
+      execl(ES_EMULATOR, ES_EMULATOR, "--watch-stdin", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    m_stdin = in[1];
+    char line[64] = {};
+    size_t got = 0;
+    while (got < sizeof line - 1 && read(out[0], line + got, 1) == 1 && line[got] != '\n')
+      ++got;
+    close(out[0]);
+    int port = 0;
+    if (std::sscanf(line, "port %d", &port) != 1)
+      return false;
+    gBase = "http://127.0.0.1:" + std::to_string(port);
+    return true;
+  }
+  ~Emulator() {
+    if (m_stdin >= 0)
+      close(m_stdin);
+    if (m_pid > 0)
+      waitpid(m_pid, nullptr, 0);
+  }
+
+private:
+  pid_t m_pid = -1;
+  int m_stdin = -1;
+};
+
+std::string request(const char* method, const std::string& path, const std::string& body = "") {
+  qz::http::HttpConnection conn;
+  qz::elasticsearch::ElasticResponse r;
+  qz::elasticsearch::ElasticCall(conn, method, qz::Url(gBase + path), body.empty() ? nullptr : &body,
+                                 "application/json", r, nullptr, nullptr);
+  return r.body;
+}
+
+double emulatorCpu() {
+  qzVariantMapImpl stats;
+  qz::json::Json2Variant::Convert(request("GET", "/_emulator/stats"), stats);
+  return double(stats["cpu_us"].toInt64()) / 1e6;
+}
+
+// About 1 KB: a title, a long text with quotes and brackets, tags, numbers and a nested object.
+std::string text(int i) {
+  std::string s = "Document " + std::to_string(i) + " \"quoted\" {braces} [brackets] ";
+  while (s.size() < 760)
+    s += "lorem ipsum dolor sit amet " + std::to_string(i * 31 % 997) + " ";
+  return s;
+}
+
+qzVariantMapImpl makeDoc(int i) {
+  return {{"n", i},
+          {"title", "title " + std::to_string(i)},
+          {"body", text(i)},
+          {"tags", qz::qzVariantListImpl{"alpha", "beta", std::to_string(i % 10)}},
+          {"price", double(i) * 0.25},
+          {"active", i % 2 == 0},
+          {"nested", qzVariantMapImpl{{"x", i}, {"y", "why " + std::to_string(i)}}}};
+}
+
+const char* kPython = R"PY(
+import json, sys, time
+from elasticsearch import Elasticsearch, helpers
+url, index, n = sys.argv[1], sys.argv[2], int(sys.argv[3])
+def text(i):
+    s = 'Document %d "quoted" {braces} [brackets] ' % i
+    while len(s) < 760:
+        s += 'lorem ipsum dolor sit amet %d ' % (i * 31 % 997)
+    return s
+docs = [{"_index": index, "_id": "d%d" % i, "_source": {"n": i, "title": "title %d" % i, "body": text(i),
+         "tags": ["alpha", "beta", str(i % 10)], "price": i * 0.25, "active": i % 2 == 0,
+         "nested": {"x": i, "y": "why %d" % i}}} for i in range(n)]
+es = Elasticsearch(url)
+es.info()
+cpu, wall = time.process_time(), time.perf_counter()
+ok, errors = helpers.bulk(es, docs, chunk_size=1000, max_chunk_bytes=100 * 1024 * 1024, raise_on_error=False)
+print(json.dumps({"ok": ok, "errors": len(errors), "cpu": time.process_time() - cpu, "wall": time.perf_counter() - wall}))
+)PY";
+
+struct BulkSample {
+  double cpuPerDoc = 0, docsPerSec = 0, emulatorCpuPerDoc = 0;
+  bool ok = false;
+};
+
+BulkSample ourBulk(qz::http::HttpConnectionPool& pool, const std::vector<qzVariantMapImpl>& docs,
+                   const std::string& index) {
+  BulkSample s;
+  const qz::elasticsearch::ElasticConnectionParameters server{qz::Url(gBase)};
+  const double e0 = emulatorCpu(), c0 = cpuSeconds(), t0 = now();
+  {
+    qz::elasticsearch::BulkIndexer indexer(pool, server, 2, 1000, 100 << 20);
+    for (size_t i = 0; i < docs.size(); ++i)
+      indexer.index(index, "d" + std::to_string(i), docs[i]);
+    std::string error;
+    s.ok = indexer.flush(&error) && indexer.stats().indexed == docs.size();
+    if (!s.ok)
+      std::fprintf(stderr, "BulkIndexer: %s\n", error.c_str());
+  }
+  const double c1 = cpuSeconds(), t1 = now();
+  s.emulatorCpuPerDoc = (emulatorCpu() - e0) / double(docs.size());
+  s.cpuPerDoc = (c1 - c0) / double(docs.size());
+  s.docsPerSec = double(docs.size()) / (t1 - t0);
+  return s;
+}
+
+BulkSample pythonBulk(const std::string& index) {
+  BulkSample s;
+  std::string out, err;
+  const double e0 = emulatorCpu();
+  const int rc =
+      qztest::RunProgram({"/usr/bin/python3", "-c", kPython, gBase, index, std::to_string(gDocs)}, "", out, err);
+  qzVariantMapImpl r;
+  if (rc != 0 || !qz::json::Json2Variant::Convert(out, r)) {
+    std::fprintf(stderr, "python helpers.bulk failed: %s%s\n", err.c_str(), out.c_str());
+    return s;
+  }
+  s.ok = r["ok"].toInt64() == gDocs && r["errors"].toInt64() == 0;
+  s.cpuPerDoc = r["cpu"].toDouble() / gDocs;
+  s.docsPerSec = gDocs / r["wall"].toDouble();
+  s.emulatorCpuPerDoc = (emulatorCpu() - e0) / gDocs; // includes the script's start-up requests
+  return s;
+}
+
+// Heap in use now (glibc), to follow each read's peak.
+size_t heapInUse() { return mallinfo2().uordblks; }
+
+struct SearchSample {
+  double seconds = 0;
+  size_t peak = 0;
+  size_t hits = 0;
+  int64_t weight = 0;
+};
+
+SearchSample streamedSearch(const std::string& index, unsigned page) {
+  SearchSample s;
+  qz::http::HttpConnection conn;
+  const qz::elasticsearch::ElasticConnectionParameters server{qz::Url(gBase)};
+  const size_t base = heapInUse();
+  const double t0 = now();
+  std::string error;
+  const bool ok = qz::elasticsearch::FetchSearchResults(
+      conn, server, index, "",
+      [&](qz::elasticsearch::SearchHit& hit) {
+        ++s.hits;
+        s.weight += int64_t(hit.id.size() + hit.source.toMap().size());
+        if ((s.hits & 63) == 0)
+          s.peak = std::max(s.peak, heapInUse() - std::min(base, heapInUse()));
+        return true;
+      },
+      page, &error, nullptr);
+  s.seconds = now() - t0;
+  if (!ok)
+    std::fprintf(stderr, "FetchSearchResults: %s\n", error.c_str());
+  return s;
+}
+
+qzVariant toVariant(const rapidjson::Value& v) {
+  switch (v.GetType()) {
+  case rapidjson::kNullType:
+    return {};
+  case rapidjson::kFalseType:
+    return false;
+  case rapidjson::kTrueType:
+    return true;
+  case rapidjson::kStringType:
+    return std::string(v.GetString(), v.GetStringLength());
+  case rapidjson::kNumberType:
+    if (v.IsInt64())
+      return qzVariant(static_cast<long long>(v.GetInt64()));
+    return v.GetDouble();
+  case rapidjson::kArrayType: {
+    qz::qzVariantListImpl list;
+    for (const auto& e : v.GetArray())
+      list.push_back(toVariant(e));
+    return list;
+  }
+  case rapidjson::kObjectType: {
+    qzVariantMapImpl map;
+    for (const auto& m : v.GetObject())
+      map[std::string(m.name.GetString(), m.name.GetStringLength())] = toVariant(m.value);
+    return map;
+  }
+  }
+  return {};
+}
+
+// Reference: the same point-in-time pages, each read whole, parsed into a DOM, then walked.
+SearchSample domSearch(const std::string& index, unsigned page) {
+  SearchSample s;
+  qz::http::HttpConnection conn;
+  const size_t base = heapInUse();
+  const double t0 = now();
+  qzVariantMapImpl opened;
+  qz::json::Json2Variant::Convert(request("POST", "/" + index + "/_pit?keep_alive=1m"), opened);
+  const std::string pit = opened["id"].toString();
+  std::string after;
+  for (;;) {
+    std::string body = R"({"size":)" + std::to_string(page) + R"(,"sort":["_shard_doc"],"track_total_hits":false,)" +
+                       R"("pit":{"id":")" + pit + R"(","keep_alive":"1m"})" +
+                       (after.empty() ? "" : ",\"search_after\":" + after) + "}";
+    qz::elasticsearch::ElasticResponse r;
+    qz::elasticsearch::ElasticCall(conn, "POST", qz::Url(gBase + "/_search"), &body, "application/json", r, nullptr,
+                                   nullptr);
+    rapidjson::Document doc;
+    doc.Parse(r.body.data(), r.body.size());
+    if (doc.HasParseError() || !doc.IsObject()) {
+      std::fprintf(stderr, "reference search failed: %s\n", r.body.substr(0, 200).c_str());
+      break;
+    }
+    const auto& hits = doc["hits"]["hits"];
+    s.peak = std::max(s.peak, heapInUse() - std::min(base, heapInUse()));
+    for (const auto& h : hits.GetArray()) {
+      const std::string id = h["_id"].GetString();
+      qzVariant source = toVariant(h["_source"]);
+      ++s.hits;
+      s.weight += int64_t(id.size() + source.toMap().size());
+    }
+    if (hits.Size() < page)
+      break;
+    after = "[" + std::to_string(hits[hits.Size() - 1]["sort"][0].GetInt64()) + "]";
+  }
+  request("DELETE", "/_pit", R"({"id":")" + pit + "\"}");
+  s.seconds = now() - t0;
+  return s;
+}
+
+int comparisons() {
+  std::vector<qzVariantMapImpl> docs;
+  docs.reserve(size_t(gDocs));
+  for (int i = 0; i < gDocs; ++i)
+    docs.push_back(makeDoc(i));
+  std::string sample;
+  qz::json::Json2Variant::Convert(docs[0], sample, false);
+
+  qz::http::HttpConnectionPool pool;
+  std::vector<double> ourCpu, pyCpu, ourRate, pyRate, ourEmu, pyEmu, cpuRatio;
+  bool ok = true;
+  for (int round = 0; round < gRounds; ++round) {
+    BulkSample a, b;
+    const std::string keep = "bench";
+    if (round % 2 == 0) {
+      a = ourBulk(pool, docs, keep);
+      b = pythonBulk("py");
+    } else {
+      b = pythonBulk("py");
+      a = ourBulk(pool, docs, keep);
+    }
+    request("DELETE", "/py");
+    ok = ok && a.ok && b.ok;
+    ourCpu.push_back(a.cpuPerDoc * 1e6);
+    pyCpu.push_back(b.cpuPerDoc * 1e6);
+    ourRate.push_back(a.docsPerSec);
+    pyRate.push_back(b.docsPerSec);
+    ourEmu.push_back(a.emulatorCpuPerDoc * 1e6);
+    pyEmu.push_back(b.emulatorCpuPerDoc * 1e6);
+    if (b.cpuPerDoc > 0)
+      cpuRatio.push_back(a.cpuPerDoc / b.cpuPerDoc);
+  }
+  std::printf("bulk index, %d rounds x %d documents of %zu bytes, batches of 1000 (medians)\n", gRounds, gDocs,
+              sample.size());
+  std::printf("  %-28s %10s %14s %16s\n", "", "docs/s", "client us/doc", "emulator us/doc");
+  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "BulkIndexer (2 threads)", median(ourRate), median(ourCpu),
+              median(ourEmu));
+  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "python helpers.bulk", median(pyRate), median(pyCpu), median(pyEmu));
+  std::printf("  client CPU ratio BulkIndexer/python, median of the rounds' own: %.3f (target <= 0.2)\n",
+              median(cpuRatio));
+
+  const unsigned page = 10000;
+  std::vector<double> timeRatio;
+  size_t streamPeak = 0, domPeak = 0;
+  double streamSec = 0, domSec = 0;
+  for (int round = 0; round < gRounds; ++round) {
+    SearchSample a, b;
+    if (round % 2 == 0) {
+      a = streamedSearch("bench", page);
+      b = domSearch("bench", page);
+    } else {
+      b = domSearch("bench", page);
+      a = streamedSearch("bench", page);
+    }
+    ok = ok && a.hits == size_t(gDocs) && b.hits == size_t(gDocs) && a.weight == b.weight;
+    streamPeak = std::max(streamPeak, a.peak);
+    domPeak = std::max(domPeak, b.peak);
+    timeRatio.push_back(b.seconds / a.seconds);
+    streamSec += a.seconds;
+    domSec += b.seconds;
+  }
+  std::printf("search, %d hits in pages of %u through a point in time\n", gDocs, page);
+  std::printf("  streamed: %.0f hits/s, peak heap %.2f MB (target < 2 MB)\n", gDocs * gRounds / streamSec,
+              double(streamPeak) / (1 << 20));
+  std::printf("  whole page + DOM: %.0f hits/s, peak heap %.2f MB\n", gDocs * gRounds / domSec,
+              double(domPeak) / (1 << 20));
+  std::printf("  speed ratio streamed/DOM, median of the rounds' own: %.2f\n", median(timeRatio));
+  std::fflush(stdout);
+  return ok ? 0 : 1;
+}
+
+// The hit cutter alone on one synthetic page, for the benchmark library's own timing.
+void BM_CutSearchPage(benchmark::State& state) {
+  std::string page = R"({"pit_id":"x","took":1,"timed_out":false,"hits":{"hits":[)";
+  for (int i = 0; i < 1000; ++i) {
+    std::string source;
+    qz::json::Json2Variant::Convert(makeDoc(i), source, false);
+    page += (i ? "," : "") + std::string(R"({"_index":"bench","_id":"d)") + std::to_string(i) +
+            R"(","_score":null,"_source":)" + source + R"(,"sort":[)" + std::to_string(i) + "]}";
+  }
+  page += "]}}";
+  size_t items = 0;
+  qz::elasticsearch::ResponseItemCutter cutter("hits", "hits", [&](const char*, size_t) { return ++items > 0; });
+  for (auto _ : state) {
+    cutter.reset();
+    for (size_t at = 0; at < page.size(); at += 16384)
+      cutter.feed(page.data() + at, std::min<size_t>(16384, page.size() - at));
+  }
+  state.SetBytesProcessed(int64_t(page.size()) * int64_t(state.iterations()));
+}
+BENCHMARK(BM_CutSearchPage);
+
+} // namespace
+
+int main(int argc, char** argv) {
+  std::vector<char*> rest;
+  bool quick = false;
+  bool sized = false;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--docs=", 7) == 0) {
+      gDocs = std::max(1, std::atoi(argv[i] + 7));
+      sized = true;
+    } else if (std::strncmp(argv[i], "--rounds=", 9) == 0) {
+      gRounds = std::max(1, std::atoi(argv[i] + 9));
+      sized = true;
+    } else {
+      quick = quick || std::strncmp(argv[i], "--benchmark_min_time", 20) == 0;
+      rest.push_back(argv[i]);
+    }
+  }
+  if (quick && !sized) {
+    gDocs = 3000;
+    gRounds = 1;
+  }
+  int restCount = int(rest.size());
+  benchmark::Initialize(&restCount, rest.data());
+  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+  int rc;
+  {
+    Emulator emulator;
+    if (!emulator.start()) {
+      std::fprintf(stderr, "cannot start the emulator %s\n", ES_EMULATOR);
+      qz::terminateHttpTools();
+      return 1;
+    }
+    rc = comparisons();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+  }
+  qz::terminateHttpTools();
+  return rc;
+}

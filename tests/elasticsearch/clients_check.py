@@ -1,0 +1,23 @@
+# The official Python client (7.17) against the emulator: helpers.bulk with retries of rejected
+# items, helpers.scan over a scroll, mget and the mapping's _meta. Usage: python3 clients_check.py URL
+import json
+import sys
+
+from elasticsearch import Elasticsearch, helpers
+
+es = Elasticsearch(sys.argv[1])
+es.indices.create(index="py", body={"mappings": {"_meta": {"owner": "py"}, "properties": {"n": {"type": "long"}}}})
+actions = ({"_index": "py", "_id": str(i), "_source": {"n": i, "text": 'doc "%d" {]' % i}} for i in range(2000))
+# Per-item 429s are retried only with raise_on_error=False: otherwise the first one raises.
+ok, errors = helpers.bulk(es, actions, chunk_size=500, max_retries=5, initial_backoff=0.01, max_backoff=0.05,
+                          raise_on_error=False)
+es.indices.refresh(index="py")
+scanned = [h for h in helpers.scan(es, index="py", query={"query": {"match_all": {}}}, size=300)]
+ids = sorted(int(h["_id"]) for h in scanned)
+intact = all(h["_source"]["n"] == int(h["_id"]) and h["_source"]["text"] == 'doc "%s" {]' % h["_id"] for h in scanned)
+docs = es.mget(index="py", body={"ids": ["5", "1999", "nope"]})["docs"]
+print(json.dumps({
+    "ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "scanned": len(ids),
+    "distinct": len(set(ids)), "intact": intact, "found": [d["found"] for d in docs],
+    "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"],
+}))

@@ -1,0 +1,66 @@
+// What a river needs from the emulator beyond the library's own calls: optimistic concurrency,
+// external versions, aliases swapped atomically and the mapping's _meta.
+#include "EsFixture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using EmulatorTest = EsFixture;
+
+TEST_F(EmulatorTest, ConcurrencyControlAndExternalVersions) {
+  std::string out;
+  ASSERT_EQ(call("PUT", "/r/_doc/a", R"({"v":1})", &out), 201) << out;
+  EXPECT_NE(out.find(R"("_seq_no":0,"_primary_term":1)"), std::string::npos) << out;
+  const struct {
+    const char* method;
+    const char* path;
+    const char* body;
+    int status;
+    const char* contains;
+  } steps[] = {
+      {"PUT", "/r/_doc/a?if_seq_no=0&if_primary_term=1", R"({"v":2})", 200, R"("result":"updated")"},
+      {"PUT", "/r/_doc/a?if_seq_no=0&if_primary_term=1", R"({"v":3})", 409, "required seqNo [0]"},
+      {"PUT", "/r/_create/a", R"({"v":4})", 409, "document already exists"},
+      {"PUT", "/r/_doc/x?version=5&version_type=external", R"({"v":5})", 201, R"("_version":5)"},
+      {"PUT", "/r/_doc/x?version=5&version_type=external", R"({"v":6})", 409, "version_conflict_engine_exception"},
+      {"PUT", "/r/_doc/x?version=5&version_type=external_gte", R"({"v":7})", 200, R"("_version":5)"},
+      {"POST", "/r/_update/x", R"({"doc":{"w":1}})", 200, R"("_version":6)"},
+      {"POST", "/r/_update/nope", R"({"doc":{"w":1}})", 404, "document_missing_exception"},
+      {"GET", "/r/_doc/x", "", 200, R"("_source":{"v":7,"w":1})"},
+      {"POST", "/_bulk", "{\"index\":{\"_index\":\"r\",\"_id\":\"a\",\"if_seq_no\":9,\"if_primary_term\":1}}\n{}\n",
+       200, R"("status":409)"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(std::string(step.method) + " " + step.path);
+    EXPECT_EQ(call(step.method, step.path, step.body, &out), step.status) << out;
+    EXPECT_NE(out.find(step.contains), std::string::npos) << out;
+  }
+}
+
+TEST_F(EmulatorTest, AliasesSwapAtomicallyAndMetaIsKept) {
+  std::string out;
+  ASSERT_EQ(call("PUT", "/v1", R"({"mappings":{"_meta":{"seq":"12-abc"}},"aliases":{"live":{}}})"), 200);
+  ASSERT_EQ(call("PUT", "/v2", "{}"), 200);
+  ASSERT_EQ(call("PUT", "/v2/_mapping", R"({"_meta":{"seq":"40-def"},"properties":{"n":{"type":"long"}}})"), 200);
+  ASSERT_EQ(call("GET", "/v2/_mapping", "", &out), 200);
+  EXPECT_EQ(out, R"({"v2":{"mappings":{"_meta":{"seq":"40-def"},"properties":{"n":{"type":"long"}}}}})");
+  // One bad action leaves every alias as it was.
+  EXPECT_EQ(call("POST", "/_aliases",
+                 R"({"actions":[{"add":{"index":"v2","alias":"live"}},{"remove":{"index":"v2","alias":"live"}},)"
+                 R"({"remove":{"index":"v1","alias":"nope"}}]})"),
+            404);
+  ASSERT_EQ(call("GET", "/_alias/live", "", &out), 200);
+  EXPECT_EQ(out, R"({"v1":{"aliases":{"live":{}}}})");
+  ASSERT_EQ(call("POST", "/_aliases",
+                 R"({"actions":[{"remove":{"index":"v1","alias":"live"}},{"add":{"index":"v2","alias":"live"}}]})"),
+            200);
+  ASSERT_EQ(call("GET", "/_alias/live", "", &out), 200);
+  EXPECT_EQ(out, R"({"v2":{"aliases":{"live":{}}}})");
+  ASSERT_EQ(call("PUT", "/live/_doc/1", R"({"n":1})"), 201); // writes through the alias
+  EXPECT_EQ(emulator.docCount("v2"), 1u);
+  EXPECT_EQ(call("PUT", "/v2/_mapping", R"({"properties":{"n":{"type":"keyword"}}})", &out), 400);
+  EXPECT_NE(out.find("cannot be changed from type [long]"), std::string::npos) << out;
+}
+
+} // namespace
