@@ -95,7 +95,9 @@ Sample OursUpload(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServe
     qz::couch::DocumentUploader up(pool, params, db, kThreads, kBatch);
     for (int i = 0; i < gDocs; ++i)
       up.add(MakeDoc(i, pad));
-    up.flush(nullptr);
+    std::string error;
+    if (!up.flush(&error))
+      std::fprintf(stderr, "our upload: %s\n", error.c_str());
     stored = up.uploaded();
   }
   const double t = now() - t0;
@@ -110,7 +112,10 @@ Sample OursFeed(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer&
   const double cpu0 = selfCpuSec(), srv0 = processCpuSec(server.pid()), t0 = now();
   size_t docs = 0;
   qz::couch::ChangesFeedListener feed(pool, params, db, o);
-  const bool ok = feed.run([&](const qz::couch::Change& c) { return docs += c.doc.isMap() ? 1 : 0, true; });
+  std::string error;
+  const bool ok = feed.run([&](const qz::couch::Change& c) { return docs += c.doc.isMap() ? 1 : 0, true; }, &error);
+  if (!ok || docs != size_t(gDocs))
+    std::fprintf(stderr, "our feed: %zu docs, %s\n", docs, error.c_str());
   const double t = now() - t0;
   return {double(docs) / t, (selfCpuSec() - cpu0) * 1e6 / gDocs, (processCpuSec(server.pid()) - srv0) * 1e6 / gDocs,
           ok && docs == size_t(gDocs)};
@@ -169,6 +174,9 @@ bool Comparison() {
       nf = Nano("feed", server, b), of = OursFeed(pool, server, a);
     }
     ok = ou.ok && nu.ok && of.ok && nf.ok;
+    if (!ok)
+      std::fprintf(stderr, "round %d: complete paths: ours upload %d, nano upload %d, ours feed %d, nano feed %d\n",
+                   round, ou.ok, nu.ok, of.ok, nf.ok);
     upload.add(ou, nu);
     feed.add(of, nf);
     server.request("DELETE", "/" + a);

@@ -2,9 +2,9 @@
 
 // The whole public API of HttpTools.
 
-#include <HttpTools/couch/CouchConnectionParameters.h>
 #include <HttpTools/couch/ChangesFeed.h>
 #include <HttpTools/couch/ConflictSolver.h>
+#include <HttpTools/couch/CouchConnectionParameters.h>
 #include <HttpTools/couch/CouchDocuments.h>
 #include <HttpTools/couch/CouchView.h>
 #include <HttpTools/couch/CouchViewQuery.h>

@@ -59,7 +59,9 @@ struct FeedTransfer {
   std::string errorBody;
   int64_t lastDataMs = 0;
   int64_t silenceLimitMs = 0; // 0: not watched
+  bool quietAllowed = false;  // the server may say nothing for long (continuous, longpoll)
   bool silent = false;
+  bool gotData = false;
   bool failed = false; // an exception was caught in a callback
 
   bool stopped() const { return d->stopRequested.load() || detail::IsCancelled(cancel); }
@@ -70,6 +72,7 @@ size_t WriteFeed(char* data, size_t size, size_t nmemb, void* userData) {
   const size_t length = size * nmemb;
   try {
     t->lastDataMs = qzSystemUtils::GetTimeBaseMs();
+    t->gotData = true;
     if (t->status == 0)
       curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, &t->status);
     if (t->status != 200) {
@@ -90,7 +93,9 @@ int FeedProgress(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
   auto* t = static_cast<FeedTransfer*>(userData);
   if (t->stopped())
     return 1;
-  if (t->silenceLimitMs > 0 && qzSystemUtils::GetTimeBaseMs() - t->lastDataMs > t->silenceLimitMs) {
+  // Until the first byte the connection and the server's first answer get more time.
+  const int64_t limit = t->gotData ? t->silenceLimitMs : std::max<int64_t>(t->silenceLimitMs, 10000);
+  if (t->silenceLimitMs > 0 && qzSystemUtils::GetTimeBaseMs() - t->lastDataMs > limit) {
     t->silent = true;
     return 1;
   }
@@ -123,10 +128,11 @@ int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers)
   } else {
     rc |= curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
-  if (t->silenceLimitMs > 0) {
+  if (t->quietAllowed) {
     // Heartbeats are a byte now and then: the low-speed guard would cut a quiet feed.
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 0L);
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, 0L);
+    rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, 0L); // a followed feed has no end
   }
   return rc;
 }
@@ -137,7 +143,7 @@ bool IsFatalStatus(long code) { return code >= 400 && code < 500 && code != 408 
 
 qz::Url ChangesFeedListener::Private::feedUrl(const std::string& from) const {
   CouchConnectionParameters::Query query;
-  query.emplace_back("feed", options.continuous ? "continuous" : "normal");
+  query.emplace_back("feed", options.continuous ? "continuous" : options.longpoll ? "longpoll" : "normal");
   if (!from.empty())
     query.emplace_back("since", from);
   if (options.includeDocs)
@@ -194,6 +200,7 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
     t.lastDataMs = qzSystemUtils::GetTimeBaseMs();
     if (options.continuous)
       t.silenceLimitMs = 2 * int64_t(std::max(1u, options.heartbeatMs));
+    t.quietAllowed = options.continuous || options.longpoll;
 
     const qz::Url url = feedUrl(checkpoint());
     const int64_t started = qzSystemUtils::GetTimeBaseMs();
@@ -228,6 +235,13 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       if (!options.continuous) {
         if (options.batchLimit > 0 && parser.changeCount() >= options.batchLimit)
           continue; // the next batch
+        if (options.longpoll && parser.changeCount() == 0 && parser.sawLastSeq()) {
+          // The server's wait ended without a change: wait again (a pause if it did not wait).
+          if (qzSystemUtils::GetTimeBaseMs() - started < 100 &&
+              !detail::SleepUnlessCancelled(100, cancel, &stopRequested))
+            return true;
+          continue;
+        }
         if (parser.sawLastSeq() && parser.pendingBytes() == 0)
           return true;
         lastReason = "change feed ended early";

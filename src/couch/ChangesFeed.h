@@ -30,6 +30,7 @@ struct HTTPTOOLS_API ChangesOptions {
   std::string since = "0"; // "now" starts at the current end of the feed
   bool includeDocs = false;
   bool continuous = false; // follow the feed until stopped; otherwise read until caught up
+  bool longpoll = false;   // not continuous: when caught up, wait for the next change(s) and end
   unsigned heartbeatMs = 10000;
   std::vector<std::string> docIds; // only these documents (filter _doc_ids)
   std::string filter;              // "design/name"

@@ -1,8 +1,10 @@
 #include <HttpTools/couch/ChangesFeed.h>
 
 #include <HttpTools/couch/ChangesFeedParser_p.h>
+#include <HttpTools/couch/CouchDocuments.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
 
 #include "support/TestHttpServer.h"
 
@@ -10,6 +12,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <limits>
+#include <mutex>
+#include <set>
 #include <thread>
 
 using qz::couch::Change;
@@ -256,6 +261,62 @@ TEST_F(ChangesFeedOnTestServer, StopEndsAQuietFollowPromptly) {
   EXPECT_TRUE(feed.lastRunOk()) << feed.lastError();
   EXPECT_EQ(seen.load(), 1);
   EXPECT_EQ(feed.lastSeq(), "1-q");
+}
+
+} // namespace
+
+namespace {
+
+using BulkOnTestServer = ChangesFeedOnTestServer;
+
+TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
+  // Batches close at 3 documents or 100 bytes; the first answer is 429, the second 503, then
+  // each batch is answered per item, "locked" documents with 403.
+  std::mutex mutex;
+  std::vector<std::string> bodies;
+  srv.route("POST", "/db/_bulk_docs", [&](const httplib::Request& req, httplib::Response& res) {
+    const int n = ++attempt;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      bodies.push_back(req.body);
+    }
+    if (n <= 2) {
+      res.status = n == 1 ? 429 : 503;
+      return;
+    }
+    qz::qzVariantMapImpl body;
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(req.body, body));
+    std::string out = "[";
+    for (const auto& d : body["docs"].toList()) {
+      const std::string id = d.toMap().at("_id").toString();
+      out += std::string(out.size() > 1 ? "," : "") +
+             (id.rfind("locked", 0) == 0 ? R"({"id":")" + id + R"(","error":"forbidden","reason":"read only"})"
+                                         : R"({"ok":true,"id":")" + id + R"(","rev":"1-a"})");
+    }
+    res.status = 201;
+    res.set_content(out + "]", "application/json");
+  });
+  startServer();
+  {
+    qz::couch::DocumentUploader up(pool, server(), "db", 1, 3, 100);
+    for (const char* id : {"a", "b", "locked-1", "c", "d"})
+      ASSERT_TRUE(up.add(qz::qzVariantMapImpl{{"_id", id}, {"n", 1}}));
+    ASSERT_TRUE(up.add(qz::qzVariantMapImpl{{"_id", "big"}, {"pad", std::string(150, 'x')}}));
+    std::string error;
+    EXPECT_FALSE(up.flush(&error));
+    EXPECT_EQ(error, "1 document(s) not stored, first locked-1: forbidden: read only");
+    EXPECT_EQ(up.uploaded(), 5u);
+    EXPECT_EQ(up.failures(), (std::vector<std::pair<std::string, std::string>>{{"locked-1", "forbidden: read only"}}));
+    qz::qzVariantMapImpl nan{{"x", std::numeric_limits<double>::quiet_NaN()}};
+    EXPECT_FALSE(up.add(nan));
+  }
+  // The first batch three times (429, 503, stored), then {c, d} (the big one did not fit), then big alone.
+  ASSERT_EQ(bodies.size(), 5u);
+  EXPECT_EQ(bodies[0], bodies[1]);
+  EXPECT_EQ(bodies[1], bodies[2]);
+  EXPECT_EQ(bodies[0], R"({"docs":[{"_id":"a","n":1},{"_id":"b","n":1},{"_id":"locked-1","n":1}]})");
+  EXPECT_EQ(bodies[3], R"({"docs":[{"_id":"c","n":1},{"_id":"d","n":1}]})");
+  EXPECT_NE(bodies[4].find("\"big\""), std::string::npos);
 }
 
 } // namespace

@@ -113,12 +113,27 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   ASSERT_TRUE(resume.run([&](const Change& c) { return ids.push_back(c.id), true; }, &error)) << error;
   EXPECT_EQ(ids, (std::vector<std::string>{"d6", "d7"}));
 
+  // Longpoll from the end: the request waits for the next change.
+  rest.longpoll = true;
+  rest.since = resume.lastSeq();
+  ChangesFeedListener poll(*s_pool, server(), db, rest);
+  std::thread writer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(put("d8", "{}"), 201);
+  });
+  ids.clear();
+  ASSERT_TRUE(poll.run([&](const Change& c) { return ids.push_back(c.id), true; }, &error)) << error;
+  writer.join();
+  EXPECT_EQ(ids, (std::vector<std::string>{"d8"}));
+  rest.longpoll = false;
+
   rest.since = "0";
   rest.docIds = {"d7", "d1", "nope"};
   ChangesFeedListener only(*s_pool, server(), db, rest);
   ids.clear();
   ASSERT_TRUE(only.run([&](const Change& c) { return ids.push_back(c.id), true; }, &error)) << error;
   EXPECT_EQ(ids, (std::vector<std::string>{"d1", "d7"}));
+  EXPECT_EQ(only.lastSeq(), "9"); // d7's change
 
   ChangesFeedListener missing(*s_pool, server(), db + "-none", rest);
   EXPECT_FALSE(missing.run([](const Change&) { return true; }, &error));
