@@ -18,4 +18,7 @@ void AddRiverCommand(CLI::App& app);        // river
 // es search, es get, es bulk
 void AddElasticCommands(CLI::App& app);
 
+// es search, es get, es bulk
+void AddElasticCommands(CLI::App& app);
+
 } // namespace httptools
