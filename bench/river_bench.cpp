@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -113,12 +114,26 @@ double River(const qztest::PouchDbServer& couch, const std::string& db, const qz
           "--status-ms", "100000", static_cast<char*>(nullptr));
     _exit(127);
   }
+  // The child's own high-water mark (VmHWM of its address space after exec; ru_maxrss would also
+  // count the pages it shared with this process between fork and exec).
   int status = 0;
-  rusage ru{};
-  if (pid < 0 || wait4(pid, &status, 0, &ru) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+  long hwmKb = 0;
+  while (pid > 0) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);)
+      if (line.rfind("VmHWM:", 0) == 0)
+        hwmKb = std::max(hwmKb, std::atol(line.c_str() + 6));
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid)
+      break;
+    if (done < 0)
+      return 0;
+    usleep(5000);
+  }
+  if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
     return 0;
   const double t = now() - t0;
-  *rssMb = double(ru.ru_maxrss) / 1024;
+  *rssMb = double(hwmKb) / 1024;
   return elastic.docCount(alias + "-1") == size_t(docs) ? docs / t : 0;
 }
 

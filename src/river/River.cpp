@@ -642,25 +642,78 @@ public:
     options.maxRetries = 3;
     couch::ChangesFeedListener feed(pool, r.def.couch, r.def.database, options);
 
+    // A full batch goes to a sender thread, so that the next one is read from the feed while it
+    // is written: at most one batch in flight and one being filled.
+    struct Sender {
+      std::mutex mutex;
+      std::condition_variable cv;
+      std::vector<Op> ops;
+      std::string seq;
+      bool busy = false, failed = false, done = false;
+      std::string error;
+      std::thread thread;
+    } sender;
+    auto write = [&](std::vector<Op>& ops, const std::string& seq, std::string& why) {
+      if (!ops.empty() && !sendBulk(r, ops, why, cancel))
+        return false;
+      (building ? r.state.buildSeq : r.state.seq) = seq;
+      return saveState(r, cancel);
+    };
+    auto senderLoop = [&] {
+      std::unique_lock<std::mutex> lock(sender.mutex);
+      for (;;) {
+        sender.cv.wait(lock, [&] { return sender.busy || sender.done; });
+        if (!sender.busy)
+          return;
+        std::vector<Op> ops = std::move(sender.ops);
+        const std::string seq = sender.seq;
+        lock.unlock();
+        std::string why;
+        const bool ok = write(ops, seq, why);
+        lock.lock();
+        sender.busy = false;
+        if (!ok) {
+          sender.failed = true;
+          sender.error = why;
+        }
+        sender.cv.notify_all();
+      }
+    };
+    // Waits until the sender is idle; false when it failed.
+    auto senderIdle = [&] {
+      std::unique_lock<std::mutex> lock(sender.mutex);
+      sender.cv.wait(lock, [&] { return !sender.busy; });
+      return !sender.failed;
+    };
+    auto stopSender = [&] {
+      if (!sender.thread.joinable())
+        return;
+      {
+        std::lock_guard<std::mutex> lock(sender.mutex);
+        sender.done = true;
+      }
+      sender.cv.notify_all();
+      sender.thread.join();
+    };
+
     std::vector<Op> batch;
     size_t batchBytes = 0;
     std::string batchSeq;
     bool interrupted = false;
-    auto flush = [&]() {
-      if (batch.empty()) {
-        return true;
-      }
-      if (!sendBulk(r, batch, error, cancel)) {
-        interrupted = error.empty();
+    auto handOver = [&] {
+      if (!senderIdle())
         return false;
+      {
+        std::lock_guard<std::mutex> lock(sender.mutex);
+        sender.ops = std::move(batch);
+        sender.seq = batchSeq;
+        sender.busy = true;
       }
+      if (!sender.thread.joinable())
+        sender.thread = std::thread(senderLoop);
+      sender.cv.notify_all();
       batch.clear();
       batchBytes = 0;
-      (building ? r.state.buildSeq : r.state.seq) = batchSeq;
-      if (!saveState(r, cancel)) {
-        interrupted = true;
-        return false;
-      }
       return true;
     };
     std::string feedError;
@@ -677,17 +730,26 @@ public:
           }
           batchSeq = change.seq;
           if (batch.size() >= r.def.batchDocs || batchBytes >= kMaxBatchBytes)
-            return flush();
+            return handOver();
           return true;
         },
         &feedError, cancel);
-    if (!error.empty())
-      return -1;
+    const bool sent = senderIdle();
+    stopSender();
+    if (!sent) {
+      error = sender.error;
+      return error.empty() ? 0 : -1; // empty: stopped, cancelled or the lease lost
+    }
     if (interrupted || stopped(cancel))
       return 0;
     // Whatever was read is written even when the feed failed: the checkpoint only gets closer.
-    if (!batchSeq.empty() && !flush())
-      return error.empty() ? 0 : -1;
+    if (!batch.empty()) {
+      std::string why;
+      if (!write(batch, batchSeq, why)) {
+        error = why;
+        return error.empty() ? 0 : -1;
+      }
+    }
     if (!ok) {
       error = "CouchDB: " + feedError;
       r.permanentError = feedError.find("giving up") == std::string::npos;
