@@ -120,9 +120,13 @@ double River(const qztest::PouchDbServer& couch, const std::string& db, const qz
   long hwmKb = 0;
   while (pid > 0) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);)
-      if (line.rfind("VmHWM:", 0) == 0)
+    bool execed = false; // before exec the child is a copy of this process
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("Name:", 0) == 0)
+        execed = line.find("httptools") != std::string::npos;
+      if (execed && line.rfind("VmHWM:", 0) == 0)
         hwmKb = std::max(hwmKb, std::atol(line.c_str() + 6));
+    }
     const pid_t done = waitpid(pid, &status, WNOHANG);
     if (done == pid)
       break;

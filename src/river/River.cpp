@@ -537,6 +537,16 @@ public:
         error = "bulk request: " + describe(resp);
         return false;
       }
+      // Without deletes (whose "not found" is no error) an answer without errors needs no reading.
+      const size_t errorsAt = resp.body.find("\"errors\":false");
+      if (errorsAt != std::string::npos && errorsAt < resp.body.find("\"items\"") &&
+          std::none_of(ops.begin(), ops.end(), [](const Op& op) { return op.remove; })) {
+        updateStatus(r, [&](RiverStatus& s) {
+          s.indexed += ops.size();
+          s.error.clear();
+        });
+        return true;
+      }
       qzVariantMapImpl answer;
       if (!qz::json::Json2Variant::Convert(resp.body, answer) || answer["items"].toList().size() != ops.size()) {
         error = "bulk request: malformed answer";
