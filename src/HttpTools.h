@@ -12,6 +12,7 @@
 #include <HttpTools/elasticsearch/DocumentGetter.h>
 #include <HttpTools/elasticsearch/ElasticConnectionParameters.h>
 #include <HttpTools/elasticsearch/ElasticSearch.h>
+#include <HttpTools/river/River.h>
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>

@@ -34,6 +34,10 @@ void AddJwtCommands(CLI::App& app);         // jwt sign, verify, decode
 void AddCouchCommands(CLI::App& app);       // couch view
 void AddPingCommand(CLI::App& app);         // ping
 void AddCouchToolCommands(CLI::App& couch); // couch changes, get, upload, conflicts
+void AddRiverCommand(CLI::App& app);        // river
+
+// es search, es get, es bulk
+void AddElasticCommands(CLI::App& app);
 
 // The group subcommand `name` of `app`, made on first use, so that several files can add
 // commands to one group (couch view here, other couch commands elsewhere).

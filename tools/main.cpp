@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
   httptools::AddCouchToolCommands(*httptools::Group(app, "couch", ""));
   httptools::AddPingCommand(app);
   httptools::AddElasticCommands(app);
+  httptools::AddRiverCommand(app);
   int rc = 0;
   try {
     app.parse(argc, argv);

@@ -1,0 +1,247 @@
+// The river end to end against its two limits, in the same run:
+//   feed:  the change feed of N documents (~1 KB) with include_docs, read to its end, alone;
+//   bulk:  the same documents bulk-indexed into the emulator alone (BulkIndexer, 1 thread, 1000);
+//   river: `httptools river --once` (a process of its own) filling a fresh alias from the database.
+// Rounds alternate the order of the three paths; the table shows medians of docs/s and of the
+// per-round ratio river / slower limit, and the river process's peak RSS, also for a database a
+// tenth the size (flat memory whatever the database size).
+//
+//   river_bench [--docs=N] [--rounds=R] [benchmark flags]   (a short --benchmark_min_time: a quick run)
+
+#include <HttpTools/HttpTools.h>
+
+#include <HttpTools/river/RiverMapping_p.h>
+
+#include "support/ElasticEmulator.h"
+#include "support/PouchDbFixture.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+int gDocs = 100000;
+int gRounds = 3;
+const size_t kPad = 1000;
+
+double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+double median(std::vector<double> v) {
+  if (v.empty())
+    return 0;
+  std::sort(v.begin(), v.end());
+  return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+}
+
+bool Load(const qztest::PouchDbServer& couch, const std::string& db, int docs) {
+  if (couch.request("PUT", "/" + db) != 201)
+    return false;
+  const std::string pad(kPad, 'x');
+  for (int start = 0; start < docs; start += 500) {
+    std::string body = "{\"docs\":[";
+    for (int i = start; i < std::min(docs, start + 500); ++i) {
+      char id[16];
+      std::snprintf(id, sizeof id, "doc-%06d", i);
+      body += std::string(i > start ? "," : "") + "{\"_id\":\"" + id + "\",\"i\":" + std::to_string(i) +
+              ",\"group\":" + std::to_string(i % 10) + ",\"pad\":\"" + pad + "\"}";
+    }
+    body += "]}";
+    if (couch.request("POST", "/" + db + "/_bulk_docs", body) != 201)
+      return false;
+  }
+  return true;
+}
+
+// Reads the feed with documents; keeps them as JSON when `keep` is given.
+double Feed(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer& couch, const std::string& db,
+            std::vector<std::pair<std::string, std::string>>* keep) {
+  qz::couch::ChangesOptions o;
+  o.includeDocs = true;
+  o.batchLimit = 1000;
+  qz::couch::ChangesFeedListener feed(pool, qz::couch::CouchConnectionParameters(qz::Url(couch.baseUrl())), db, o);
+  size_t n = 0;
+  const double t0 = now();
+  feed.run(
+      [&](const qz::couch::Change& c) {
+        ++n;
+        if (keep) {
+          qz::qzVariantMapImpl doc = c.doc.toMap();
+          doc.erase("_id");
+          doc.erase("_rev");
+          std::string json;
+          qz::json::Json2Variant::Convert(doc, json, false);
+          keep->emplace_back(c.id, std::move(json));
+        }
+        return true;
+      },
+      nullptr, nullptr);
+  return n == size_t(gDocs) || keep ? double(n) / (now() - t0) : 0;
+}
+
+double Bulk(qz::http::HttpConnectionPool& pool, const qztest::ElasticEmulator& elastic, const std::string& index,
+            const std::vector<std::pair<std::string, std::string>>& docs) {
+  const double t0 = now();
+  qz::elasticsearch::BulkIndexer indexer(
+      pool, qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), 1, 1000);
+  for (const auto& [id, json] : docs)
+    indexer.indexJson(index, id, json);
+  const bool ok = indexer.flush(nullptr);
+  return ok ? double(docs.size()) / (now() - t0) : 0;
+}
+
+// Runs `httptools river --once`; docs/s, and the process's peak RSS in MB.
+double River(const qztest::PouchDbServer& couch, const std::string& db, const qztest::ElasticEmulator& elastic,
+             const std::string& alias, int docs, double* rssMb) {
+  const std::string from = couch.baseUrl() + "/" + db, to = elastic.baseUrl() + "/" + alias;
+  const double t0 = now();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    dup2(null, 2);
+    execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", from.c_str(), to.c_str(), "--once", "--name", alias.c_str(),
+          "--status-ms", "100000", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // The child's own high-water mark (VmHWM of its address space after exec; ru_maxrss would also
+  // count the pages it shared with this process between fork and exec).
+  int status = 0;
+  long hwmKb = 0;
+  while (pid > 0) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    bool execed = false; // before exec the child is a copy of this process
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("Name:", 0) == 0)
+        execed = line.find("httptools") != std::string::npos;
+      if (execed && line.rfind("VmHWM:", 0) == 0)
+        hwmKb = std::max(hwmKb, std::atol(line.c_str() + 6));
+    }
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid)
+      break;
+    if (done < 0)
+      return 0;
+    usleep(5000);
+  }
+  if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    return 0;
+  const double t = now() - t0;
+  *rssMb = double(hwmKb) / 1024;
+  return elastic.docCount(alias + "-1") == size_t(docs) ? docs / t : 0;
+}
+
+bool Comparison() {
+  qztest::PouchDbServer couch;
+  if (!couch.ok()) {
+    std::fprintf(stderr, "river_bench: %s\n", couch.error().c_str());
+    return false;
+  }
+  qztest::ElasticEmulator elastic;
+  if (!elastic.start()) {
+    std::fprintf(stderr, "river_bench: the emulator cannot start: %s\n", elastic.lastError().c_str());
+    return false;
+  }
+  const double l0 = now();
+  if (!Load(couch, "big", gDocs) || !Load(couch, "small", std::max(1, gDocs / 10))) {
+    std::fprintf(stderr, "river_bench: loading pouchdb-server failed\n");
+    return false;
+  }
+  std::printf("loaded %d + %d docs of ~1 KB into pouchdb-server in %.1f s\n", gDocs, std::max(1, gDocs / 10),
+              now() - l0);
+  qz::http::HttpConnectionPool pool;
+  std::vector<std::pair<std::string, std::string>> docs;
+  Feed(pool, couch, "big", &docs);
+  if (docs.size() != size_t(gDocs)) {
+    std::fprintf(stderr, "river_bench: the feed gave %zu docs of %d\n", docs.size(), gDocs);
+    return false;
+  }
+  std::vector<double> feed, bulk, river, ratio, rss;
+  for (int round = 0; round < gRounds; ++round) {
+    double f = 0, b = 0, r = 0, mb = 0;
+    const std::string index = "bulk-" + std::to_string(round), alias = "river" + std::to_string(round);
+    if (round % 2 == 0) {
+      f = Feed(pool, couch, "big", nullptr);
+      b = Bulk(pool, elastic, index, docs);
+      r = River(couch, "big", elastic, alias, gDocs, &mb);
+    } else {
+      r = River(couch, "big", elastic, alias, gDocs, &mb);
+      b = Bulk(pool, elastic, index, docs);
+      f = Feed(pool, couch, "big", nullptr);
+    }
+    if (f <= 0 || b <= 0 || r <= 0) {
+      std::fprintf(stderr, "river_bench: round %d failed (feed %.0f, bulk %.0f, river %.0f docs/s)\n", round, f, b, r);
+      return false;
+    }
+    feed.push_back(f), bulk.push_back(b), river.push_back(r), rss.push_back(mb);
+    ratio.push_back(r / std::min(f, b));
+    elastic.reset(); // frees the emulator's copies
+  }
+  double smallRss = 0;
+  if (River(couch, "small", elastic, "small", std::max(1, gDocs / 10), &smallRss) <= 0) {
+    std::fprintf(stderr, "river_bench: the river on the small database failed\n");
+    return false;
+  }
+  std::printf("%d docs, %d interleaved rounds (medians; a shared, loaded machine)\n", gDocs, gRounds);
+  std::printf("feed alone %8.0f docs/s   bulk alone %8.0f docs/s   river %8.0f docs/s   river/slower %.2f\n",
+              median(feed), median(bulk), median(river), median(ratio));
+  std::printf("river peak RSS: %.1f MB with %d docs, %.1f MB with %d docs\n", median(rss), gDocs, smallRss,
+              std::max(1, gDocs / 10));
+  return true;
+}
+
+void BM_PackMapping(benchmark::State& state) {
+  qz::qzVariant mapping;
+  qz::river::detail::ParseMapping(
+      R"({"properties":{"i":{"type":"long"},"group":{"type":"keyword"},"pad":{"type":"text","index":false},)"
+      R"("when":{"type":"date","format":"strict_date_optional_time"}}})",
+      mapping, nullptr);
+  for (auto _ : state) {
+    qz::qzVariant back;
+    benchmark::DoNotOptimize(qz::river::detail::UnpackMapping(qz::river::detail::PackMapping(mapping), back));
+  }
+}
+BENCHMARK(BM_PackMapping);
+
+} // namespace
+
+int main(int argc, char** argv) {
+  std::vector<char*> rest;
+  bool quick = false, docsGiven = false, roundsGiven = false;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--docs=", 7) == 0)
+      gDocs = std::max(10, std::atoi(argv[i] + 7)), docsGiven = true;
+    else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
+      gRounds = std::max(1, std::atoi(argv[i] + 9)), roundsGiven = true;
+    else {
+      if (std::strncmp(argv[i], "--benchmark_min_time=", 21) == 0 && std::atof(argv[i] + 21) < 0.1)
+        quick = true;
+      rest.push_back(argv[i]);
+    }
+  }
+  if (quick) {
+    gDocs = docsGiven ? gDocs : 1000;
+    gRounds = roundsGiven ? gRounds : 1;
+  }
+  int restCount = int(rest.size());
+  benchmark::Initialize(&restCount, rest.data());
+  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+  int rc = Comparison() ? 0 : 1;
+  if (rc == 0) {
+    std::fflush(stdout);
+    benchmark::RunSpecifiedBenchmarks();
+  }
+  benchmark::Shutdown();
+  qz::terminateHttpTools();
+  return rc;
+}

@@ -1,0 +1,498 @@
+#include <HttpTools/river/River.h>
+
+#include <HttpTools/elasticsearch/ElasticSearch.h>
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
+#include <HttpTools/river/RiverMapping_p.h>
+
+#include "support/ElasticEmulator.h"
+#include "support/PouchDbFixture.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <map>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using qz::qzVariant;
+using qz::qzVariantMapImpl;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// CouchDB (pouchdb-server) and Elasticsearch (the emulator), a database "db" and a river
+// definition from one to the other.
+class RiverTest : public testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(couch.ok()) << couch.error();
+    ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
+    ASSERT_EQ(couch.request("PUT", "/db"), 201);
+    def.name = "r";
+    ASSERT_TRUE(
+        qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, couch.baseUrl() + "/db"));
+    def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl()));
+    def.index = "docs";
+    def.mappingJson = "{}";
+    def.batchDocs = 500;
+    def.flushIntervalMs = 50;
+    def.leaseMs = 1000;
+  }
+
+  int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
+    httplib::Client client("127.0.0.1", elastic.port());
+    auto res = method == "GET"      ? client.Get(path)
+               : method == "DELETE" ? client.Delete(path)
+               : method == "PUT"    ? client.Put(path, body, "application/json")
+                                    : client.Post(path, body, "application/json");
+    if (!res)
+      return 0;
+    if (out)
+      *out = res->body;
+    return res->status;
+  }
+
+  // Writes documents {"_id": prefix+i, "n": i, "group": i % 7} for i in [from, to).
+  void load(int from, int to, const std::string& prefix = "d") {
+    for (int start = from; start < to; start += 2500) {
+      std::string body = "{\"docs\":[";
+      for (int i = start; i < std::min(to, start + 2500); ++i)
+        body += (i > start ? "," : "") + std::string("{\"_id\":\"") + prefix + std::to_string(i) +
+                "\",\"n\":" + std::to_string(i) + ",\"group\":" + std::to_string(i % 7) +
+                ",\"text\":\"caf\\u00e9 \\\"" + std::to_string(i) + "\\\"\"}";
+      body += "]}";
+      ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", body), 201);
+    }
+  }
+
+  qzVariantMapImpl couchDoc(const std::string& id) {
+    std::string text;
+    qzVariantMapImpl doc;
+    if (couch.request("GET", "/db/" + id, {}, &text) == 200)
+      qz::json::Json2Variant::Convert(text, doc);
+    return doc;
+  }
+  void put(qzVariantMapImpl doc) {
+    std::string text;
+    qz::json::Json2Variant::Convert(doc, text, false);
+    ASSERT_EQ(couch.request("PUT", "/db/" + doc["_id"].toString(), text), 201) << text;
+  }
+  void remove(const std::string& id) {
+    const std::string rev = couchDoc(id)["_rev"].toString();
+    ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + rev), 200);
+  }
+  std::string couchSeq() {
+    std::string text;
+    qzVariantMapImpl info;
+    couch.request("GET", "/db", {}, &text);
+    qz::json::Json2Variant::Convert(text, info);
+    return info["update_seq"].toString();
+  }
+
+  // Every document of the database (design documents aside) is in the index under the alias as
+  // `transform` makes it, and nothing else is; compared document by document.
+  void expectIndexEqualsDatabase(const std::function<bool(qzVariantMapImpl&)>& transform = {}) {
+    std::string text;
+    ASSERT_EQ(couch.request("GET", "/db/_all_docs?include_docs=true", {}, &text), 200);
+    qzVariantMapImpl all;
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(text, all));
+    std::map<std::string, qzVariantMapImpl> expected;
+    for (const auto& row : all["rows"].toList()) {
+      qzVariantMapImpl doc = row.toMap().at("doc").toMap();
+      const std::string id = doc["_id"].toString();
+      if (id.rfind("_design/", 0) == 0 || (transform && !transform(doc)))
+        continue;
+      doc.erase("_id");
+      doc.erase("_rev");
+      expected.emplace(id, std::move(doc));
+    }
+    ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
+    std::map<std::string, qzVariantMapImpl> actual;
+    std::string error;
+    qz::http::HttpConnection connection;
+    ASSERT_TRUE(qz::elasticsearch::FetchSearchResults(
+        connection, def.elastic, "docs", "",
+        [&](qz::elasticsearch::SearchHit& hit) {
+          EXPECT_TRUE(actual.emplace(hit.id, hit.source.toMap()).second) << "twice: " << hit.id;
+          return true;
+        },
+        1000, &error, nullptr))
+        << error;
+    ASSERT_EQ(actual.size(), expected.size());
+    size_t differences = 0;
+    for (const auto& [id, doc] : expected) {
+      auto it = actual.find(id);
+      if (it == actual.end() || it->second != doc)
+        if (++differences <= 5)
+          ADD_FAILURE() << id << (it == actual.end() ? " is missing" : " differs");
+    }
+    EXPECT_EQ(differences, 0u);
+  }
+
+  // Polls until `done` holds, at most `seconds`.
+  static bool waitFor(const std::function<bool()>& done, int seconds = 20) {
+    const auto until = Clock::now() + std::chrono::seconds(seconds);
+    while (Clock::now() < until) {
+      if (done())
+        return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+  }
+  static bool caughtUpTo(qz::river::RiverManager& rivers, const std::string& seq) {
+    auto s = rivers.status();
+    return !s.empty() && s[0].caughtUp && s[0].lastSeq == seq;
+  }
+
+  qztest::PouchDbServer couch;
+  qztest::ElasticEmulator elastic;
+  qz::http::HttpConnectionPool pool;
+  qz::river::RiverDefinition def;
+};
+
+TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
+  load(0, 10000);
+  ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
+  // Even numbers in group 0 are left out; the others gain a field.
+  auto transform = [](qzVariantMapImpl& doc) {
+    if (doc["group"].toInt64() == 0 && doc["n"].toInt64() % 2 == 0)
+      return false;
+    doc["seen"] = true;
+    return true;
+  };
+  def.transform = transform;
+  qz::river::RiverManager rivers(pool, 2);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  EXPECT_FALSE(rivers.addRiver(def, &error)); // same name
+  const auto started = Clock::now();
+  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  auto s = rivers.status().at(0);
+  EXPECT_TRUE(s.caughtUp);
+  EXPECT_EQ(s.lastSeq, couchSeq());
+  EXPECT_EQ(s.indexed + s.skipped, 10000u);
+  EXPECT_EQ(s.skipped, 715u); // n % 14 == 0
+  EXPECT_EQ(s.liveIndex, "docs-1");
+  expectIndexEqualsDatabase(transform);
+  std::cout << "[ river    ] initial load of 10000 documents: " << seconds << " s\n";
+
+  ASSERT_TRUE(rivers.start());
+  EXPECT_FALSE(rivers.start());
+  for (int i = 1; i < 40; i += 3) {
+    auto doc = couchDoc("d" + std::to_string(i));
+    doc["n"] = i + 7; // moves it to another group; n + 7 keeps the parity, 14 | n + 7 for i = 7
+    put(doc);
+  }
+  auto doc = couchDoc("d14"); // skipped so far: now kept
+  doc["group"] = 1;
+  put(doc);
+  doc = couchDoc("d3"); // kept so far: now skipped
+  doc["group"] = 0;
+  doc["n"] = 4;
+  put(doc);
+  for (int i = 100; i < 120; ++i)
+    remove("d" + std::to_string(i));
+  load(10000, 10100, "new");
+  const std::string seq = couchSeq();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); })) << rivers.status().at(0).lastSeq << " vs " << seq;
+  rivers.stop();
+  s = rivers.status().at(0);
+  EXPECT_FALSE(s.running);
+  EXPECT_EQ(s.failed, 0u);
+  expectIndexEqualsDatabase(transform);
+
+  // The lease was given back: another manager takes the river at once and has nothing to do.
+  qz::river::RiverManager other(pool, 1);
+  ASSERT_TRUE(other.addRiver(def, &error));
+  ASSERT_TRUE(other.runOnce(&error, nullptr)) << error;
+  EXPECT_EQ(other.status().at(0).indexed, 0u);
+  EXPECT_EQ(other.status().at(0).lastSeq, seq);
+}
+
+TEST_F(RiverTest, OlderRevisionNeverReplacesNewer) {
+  load(0, 10);
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error));
+  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  // A newer state written by someone else (as a river elsewhere that ran ahead would).
+  ASSERT_EQ(es("PUT", "/docs-1/_doc/d1?version=9&version_type=external", R"({"n":"newer"})"), 200);
+  // The river starts over from seq 0, as after a lost checkpoint: d1 is delivered again.
+  ASSERT_EQ(es("PUT", "/httptools-river/_doc/r", R"({"index":"docs-1","seq":"0","owner":""})"), 200);
+  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  std::string text;
+  ASSERT_EQ(es("GET", "/docs/_doc/d1", {}, &text), 200);
+  EXPECT_NE(text.find("\"newer\""), std::string::npos) << text;
+  EXPECT_EQ(rivers.status().at(0).failed, 0u);
+}
+
+TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
+  ASSERT_EQ(es("PUT", "/plain", "{}"), 200);
+  struct Case {
+    std::string database, alias, reason;
+  } cases[] = {{"missing", "docs", "not_found"}, {"db", "plain", "plain is an index, not an alias"}};
+  for (const auto& c : cases) {
+    qz::river::RiverDefinition d = def;
+    d.name = c.database + c.alias;
+    d.database = c.database;
+    d.index = c.alias;
+    qz::river::RiverManager rivers(pool, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
+    const auto started = Clock::now();
+    EXPECT_FALSE(rivers.runOnce(&error, nullptr));
+    EXPECT_NE(error.find(c.reason), std::string::npos) << error;
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
+  }
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  def.mappingJson = "[1]";
+  EXPECT_FALSE(rivers.addRiver(def, &error));
+  def.mappingJson = "{}";
+  def.index = def.stateIndex;
+  EXPECT_FALSE(rivers.addRiver(def, &error));
+}
+
+TEST_F(RiverTest, MappingChangeFillsANewIndexAndSwapsTheAlias) {
+  load(0, 3000);
+  def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"integer"}}})";
+  {
+    qz::river::RiverManager rivers(pool, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(def, &error));
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  }
+  // Same mapping in another key order: nothing to rebuild.
+  def.mappingJson = R"({"properties":{"group":{"type":"integer"},"n":{"type":"long"}}})";
+  {
+    qz::river::RiverManager rivers(pool, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(def, &error));
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    EXPECT_EQ(rivers.status().at(0).liveIndex, "docs-1");
+    EXPECT_EQ(rivers.status().at(0).indexed, 0u);
+  }
+  load(3000, 3500);
+  def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"keyword"},"text":{"type":"text"}}})";
+  def.batchDocs = 200;
+  // Searches through the alias during the rebuild see the whole old index, then the whole new one.
+  std::atomic<bool> done{false};
+  std::vector<std::string> counts;
+  std::thread searcher([&] {
+    while (!done) {
+      std::string text;
+      const int status = es("GET", "/docs/_count", {}, &text);
+      counts.push_back(std::to_string(status) + " " + text.substr(0, text.find(',')));
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error));
+  const bool ok = rivers.runOnce(&error, nullptr);
+  done = true;
+  searcher.join();
+  ASSERT_TRUE(ok) << error;
+  EXPECT_EQ(rivers.status().at(0).liveIndex, "docs-2");
+  EXPECT_EQ(rivers.status().at(0).indexed, 3500u);
+  ASSERT_GT(counts.size(), 3u);
+  for (const auto& c : counts)
+    EXPECT_TRUE(c == "200 {\"count\":3000" || c == "200 {\"count\":3500") << c;
+  EXPECT_EQ(es("GET", "/docs-1"), 404);
+  std::string text;
+  ASSERT_EQ(es("GET", "/docs/_mapping", {}, &text), 200);
+  qzVariantMapImpl live;
+  ASSERT_TRUE(qz::json::Json2Variant::Convert(text, live));
+  const auto& mappings = live["docs-2"].asMap()["mappings"];
+  qzVariant kept, wanted;
+  ASSERT_TRUE(qz::river::detail::UnpackMapping(
+      mappings.toMap().at("_meta").toMap().at("httptools_river").toMap().at("mapping").toString(), kept));
+  ASSERT_TRUE(qz::river::detail::ParseMapping(def.mappingJson, wanted, nullptr));
+  EXPECT_EQ(kept, wanted);
+  expectIndexEqualsDatabase();
+}
+
+TEST_F(RiverTest, SurvivesA429StormAnd503s) {
+  load(0, 5000);
+  def.batchDocs = 1000;
+  qztest::ElasticEmulator::Faults faults;
+  faults.rejectItems = 2500; // the first batch twice, half the second once
+  faults.unavailable = 3;
+  faults.unavailablePath = "_bulk";
+  elastic.setFaults(faults);
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error));
+  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  const auto s = rivers.status().at(0);
+  EXPECT_GE(s.retries, 2503u);
+  EXPECT_EQ(s.indexed, 5000u);
+  EXPECT_EQ(s.failed, 0u);
+  expectIndexEqualsDatabase();
+}
+
+// A stand-in for CouchDB's address that forwards to pouchdb-server and can be shut down and
+// brought back on the same port, as a restarting server is.
+class CouchFrontDoor {
+public:
+  explicit CouchFrontDoor(int backendPort) : m_backend(backendPort) { m_port = start(0); }
+  ~CouchFrontDoor() { shutDown(); }
+  int port() const { return m_port; }
+  void shutDown() {
+    if (m_server) {
+      m_server->stop();
+      m_thread.join();
+      m_server.reset();
+    }
+  }
+  bool bringBack() { return start(m_port) == m_port; }
+
+private:
+  int start(int port) {
+    m_server = std::make_unique<httplib::Server>();
+    auto forward = [this](const httplib::Request& req, httplib::Response& res) {
+      httplib::Client client("127.0.0.1", m_backend);
+      httplib::Headers headers;
+      for (const auto& [name, value] : req.headers)
+        if (name == "Accept" || name == "Content-Type")
+          headers.emplace(name, value);
+      const std::string target = req.target;
+      auto r = req.method == "GET"    ? client.Get(target, headers)
+               : req.method == "POST" ? client.Post(target, headers, req.body, req.get_header_value("Content-Type"))
+                                      : client.Put(target, headers, req.body, req.get_header_value("Content-Type"));
+      if (!r) {
+        res.status = 502;
+        return;
+      }
+      res.status = r->status;
+      res.set_content(r->body, r->get_header_value("Content-Type"));
+    };
+    m_server->Get(".*", forward);
+    m_server->Post(".*", forward);
+    m_server->Put(".*", forward);
+    const int bound =
+        port ? (m_server->bind_to_port("127.0.0.1", port) ? port : -1) : m_server->bind_to_any_port("127.0.0.1");
+    if (bound > 0)
+      m_thread = std::thread([this] { m_server->listen_after_bind(); });
+    else
+      m_server.reset();
+    return bound;
+  }
+
+  int m_backend, m_port = 0;
+  std::unique_ptr<httplib::Server> m_server;
+  std::thread m_thread;
+};
+
+TEST_F(RiverTest, PausesWhileCouchDbRestartsAndResumes) {
+  CouchFrontDoor door(couch.port());
+  ASSERT_GT(door.port(), 0);
+  ASSERT_TRUE(qz::couch::CouchConnectionParameters::BuildFromDbUrl(
+      &def.couch, &def.database, "http://127.0.0.1:" + std::to_string(door.port()) + "/db"));
+  load(0, 1000);
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error));
+  ASSERT_TRUE(rivers.start());
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, couchSeq()); }));
+  door.shutDown();
+  load(1000, 2000);
+  ASSERT_TRUE(waitFor([&] { return !rivers.status().at(0).error.empty(); })) << "the river did not notice the outage";
+  EXPECT_FALSE(rivers.status().at(0).caughtUp);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  ASSERT_TRUE(door.bringBack());
+  const std::string seq = couchSeq();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); }, 30)) << rivers.status().at(0).error;
+  EXPECT_TRUE(rivers.status().at(0).error.empty());
+  rivers.stop();
+  expectIndexEqualsDatabase();
+}
+
+TEST_F(RiverTest, TwoManagersOneRiverOnlyOneRuns) {
+  load(0, 500);
+  qz::river::RiverManager first(pool, 1), second(pool, 1);
+  std::string error;
+  ASSERT_TRUE(first.addRiver(def, &error));
+  ASSERT_TRUE(second.addRiver(def, &error));
+  ASSERT_TRUE(first.start());
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(first, couchSeq()); }));
+  ASSERT_TRUE(second.start());
+  ASSERT_TRUE(waitFor([&] { return second.status().at(0).waitingForLease; }));
+  load(500, 800);
+  const std::string seq = couchSeq();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(first, seq); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // past the lease time: first renews it
+  EXPECT_TRUE(second.status().at(0).waitingForLease);
+  EXPECT_EQ(second.status().at(0).indexed, 0u);
+  EXPECT_EQ(first.status().at(0).indexed, 800u);
+
+  first.stop(); // gives the lease back: second takes over and follows
+  load(800, 900);
+  const std::string later = couchSeq();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(second, later); }));
+  EXPECT_EQ(second.status().at(0).indexed, 100u);
+  second.stop();
+  expectIndexEqualsDatabase();
+}
+
+#ifdef HTTPTOOLS_CLI
+// The river as a process of its own (httptools river), killed with SIGKILL during the load.
+TEST_F(RiverTest, KilledDuringTheLoadAndRestartedLosesNothing) {
+  load(0, 10000);
+  const std::string couchUrl = couch.baseUrl() + "/db", elasticUrl = elastic.baseUrl() + "/docs";
+  auto spawn = [&] {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 1);
+      ::dup2(null, 2);
+      ::execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", couchUrl.c_str(), elasticUrl.c_str(), "--once", "--name", "r",
+              "--batch", "100", "--lease-ms", "1000", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    return pid;
+  };
+  const pid_t first = spawn();
+  ASSERT_GT(first, 0);
+  // Kill it once it stored a few checkpoints, well before the end.
+  auto checkpoint = [&] {
+    std::string text;
+    qzVariantMapImpl doc;
+    if (es("GET", "/httptools-river/_doc/r", {}, &text) == 200 && qz::json::Json2Variant::Convert(text, doc))
+      return doc["_source"].asMap()["seq"].toInt64();
+    return int64_t(0);
+  };
+  ASSERT_TRUE(waitFor([&] { return checkpoint() >= 2000; }, 60));
+  ::kill(first, SIGKILL);
+  int status = 0;
+  ::waitpid(first, &status, 0);
+  const int64_t reached = checkpoint();
+  EXPECT_LT(reached, 10000);
+  // Meanwhile the database moves on: updates before and after the checkpoint, and deletes.
+  for (int i : {5, 1500, 9000}) {
+    auto doc = couchDoc("d" + std::to_string(i));
+    doc["n"] = -i;
+    put(doc);
+  }
+  remove("d7");
+  remove("d9500");
+
+  const pid_t second = spawn();
+  ASSERT_GT(second, 0);
+  ::waitpid(second, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  expectIndexEqualsDatabase();
+  EXPECT_EQ(checkpoint(), std::stoll(couchSeq()));
+}
+#endif
+
+} // namespace

@@ -1,0 +1,140 @@
+// httptools river: keeps an Elasticsearch alias in step with a CouchDB database.
+
+#include "Commands.h"
+
+#include <HttpTools/HttpTools.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+namespace httptools {
+
+namespace {
+
+bool g_riverInterrupted = false;
+
+void OnRiverInterrupt(int) { g_riverInterrupted = true; }
+
+struct RiverArgs {
+  std::string couchUrl, elasticUrl, mappingFile, name;
+  bool once = false, follow = false;
+  size_t batchDocs = 1000;
+  unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
+};
+
+std::string StatusLine(const qz::river::RiverStatus& s) {
+  std::ostringstream line;
+  line << "river " << s.name << " seq=" << (s.lastSeq.empty() ? "-" : s.lastSeq) << " indexed=" << s.indexed
+       << " deleted=" << s.deleted << " skipped=" << s.skipped << " failed=" << s.failed << " lag=" << s.lagMs << "ms"
+       << (s.caughtUp ? " caught-up" : "");
+  if (!s.buildingIndex.empty())
+    line << " building=" << s.buildingIndex;
+  if (!s.error.empty())
+    line << " (" << s.error << ")";
+  return line.str();
+}
+
+void RunRiver(const RiverArgs& a) {
+  qz::river::RiverDefinition def;
+  if (!qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, a.couchUrl) ||
+      def.database.empty()) {
+    std::cerr << "httptools river: '" << a.couchUrl << "' is not a database URL (http://host:port/db)\n";
+    exitCode = 2;
+    return;
+  }
+  if (!qz::elasticsearch::ElasticConnectionParameters::BuildFromIndexUrl(&def.elastic, &def.index, a.elasticUrl) ||
+      def.index.empty()) {
+    std::cerr << "httptools river: '" << a.elasticUrl << "' is not an index URL (http://host:port/alias)\n";
+    exitCode = 2;
+    return;
+  }
+  def.mappingJson = "{}";
+  if (!a.mappingFile.empty()) {
+    std::ifstream in(a.mappingFile);
+    std::stringstream text;
+    text << in.rdbuf();
+    if (!in) {
+      std::cerr << "httptools river: cannot read " << a.mappingFile << "\n";
+      exitCode = 1;
+      return;
+    }
+    def.mappingJson = text.str();
+  }
+  def.name = a.name.empty() ? def.database + "-to-" + def.index : a.name;
+  def.batchDocs = a.batchDocs;
+  def.flushIntervalMs = a.intervalMs;
+  def.leaseMs = a.leaseMs;
+
+  qz::http::HttpConnectionPool pool;
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  if (!rivers.addRiver(def, &error)) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = 2;
+    return;
+  }
+  std::signal(SIGINT, &OnRiverInterrupt);
+  std::signal(SIGTERM, &OnRiverInterrupt);
+  auto print = [&] {
+    for (const auto& s : rivers.status())
+      std::cout << StatusLine(s) << std::endl;
+  };
+
+  if (!a.follow) {
+    std::atomic<bool> done{false};
+    bool ok = false;
+    std::thread worker([&] {
+      ok = rivers.runOnce(&error, &g_riverInterrupted);
+      done = true;
+    });
+    auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(a.statusMs);
+    while (!done.load()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      if (std::chrono::steady_clock::now() >= next) {
+        print();
+        next += std::chrono::milliseconds(a.statusMs);
+      }
+    }
+    worker.join();
+    print();
+    if (!ok)
+      std::cerr << "httptools river: " << error << "\n";
+    exitCode = ok ? 0 : 1;
+    return;
+  }
+
+  rivers.start();
+  while (!g_riverInterrupted) {
+    for (unsigned waited = 0; waited < a.statusMs && !g_riverInterrupted; waited += 20)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    print();
+  }
+  rivers.stop();
+  print();
+  exitCode = 0;
+}
+
+} // namespace
+
+void AddRiverCommand(CLI::App& app) {
+  auto a = std::make_shared<RiverArgs>();
+  auto* cmd = app.add_subcommand("river", "Keep an Elasticsearch alias in step with a CouchDB database");
+  cmd->add_option("couch", a->couchUrl, "CouchDB database URL (http://host:port/db)")->required();
+  cmd->add_option("elastic", a->elasticUrl, "Elasticsearch alias URL (http://host:port/alias)")->required();
+  cmd->add_option("--mapping", a->mappingFile, "File holding the wanted mapping (JSON); default dynamic");
+  auto* once = cmd->add_flag("--once", a->once, "Catch up, then exit (the default)");
+  cmd->add_flag("--follow", a->follow, "Keep following the database until interrupted")->excludes(once);
+  cmd->add_option("--name", a->name, "River name (default: DB-to-ALIAS)");
+  cmd->add_option("--batch", a->batchDocs, "Documents per bulk request")->check(CLI::PositiveNumber);
+  cmd->add_option("--interval-ms", a->intervalMs, "Following: feed poll interval once caught up");
+  cmd->add_option("--lease-ms", a->leaseMs, "Lease duration; another process may take over after it");
+  cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
+  cmd->callback([a] { RunRiver(*a); });
+}
+
+} // namespace httptools
