@@ -321,6 +321,16 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
   return rc == 0;
 }
 
+namespace {
+// A header line with CR or LF would let a caller's value smuggle in lines of its own.
+const std::string* lineWithBreak(const std::list<std::string>& lines) {
+  for (const std::string& line : lines)
+    if (line.find_first_of("\r\n") != std::string::npos)
+      return &line;
+  return nullptr;
+}
+} // namespace
+
 void HttpMultiConnection::Private::admit() {
   for (auto it = queue.begin(); it != queue.end() && running.size() < maxInFlight;) {
     Job& job = **it;
@@ -335,6 +345,12 @@ void HttpMultiConnection::Private::admit() {
     }
     std::unique_ptr<Job> owner = std::move(*it);
     it = queue.erase(it);
+    if (const std::string* bad = lineWithBreak(owner->request.headers)) {
+      owner->response.errorMessage = ComposeErrorMessage(
+          "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad), 0, CURLE_OK, "");
+      finish(std::move(owner));
+      continue;
+    }
     Handle* h = takeHandle();
     if (!h) {
       owner->response.errorMessage = ComposeErrorMessage("Fail to setupconnection", 0, CURLE_OK, "");

@@ -206,11 +206,14 @@ TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
   const uint64_t timedOut = multi.addRequest(std::move(slow));
   Multi::Request tls = get("https://localhost:" + std::to_string(srv.port()) + "/echo", c.sink());
   const uint64_t badTls = multi.addRequest(std::move(tls));
+  Multi::Request injected = get(srv.url("/echo"), c.sink());
+  injected.headers = {"X-A: 1\r\nX-Injected: yes"};
+  const uint64_t badHeader = multi.addRequest(std::move(injected));
   const uint64_t fine = multi.addRequest(get(srv.url("/echo"), c.sink()));
   const auto start = Clock::now();
   ASSERT_TRUE(multi.perform());
   EXPECT_LT(msSince(start), 2500);
-  ASSERT_EQ(c.count(), 6u);
+  ASSERT_EQ(c.count(), 7u);
 
   // The same calls through a single connection give the same texts, the duration aside.
   auto single = [](const std::string& url) {
@@ -236,7 +239,11 @@ TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
   EXPECT_TRUE(c.byId[timedOut].timedOut);
   EXPECT_THAT(c.byId[timedOut].errorMessage,
               HasSubstr("Curl error : " + std::to_string(CURLE_OPERATION_TIMEDOUT) + " ("));
-  for (uint64_t id : {notFound, refused, timedOut, badTls})
+  EXPECT_EQ(c.byId[badHeader].errorMessage,
+            "HttpConnection error : Header line with CR or LF refused, nothing sent: X-A: 1\\r\\nX-Injected: yes ");
+  const auto seen = srv.requests();
+  EXPECT_TRUE(std::none_of(seen.begin(), seen.end(), [](const auto& r) { return r.headerCount("X-Injected") > 0; }));
+  for (uint64_t id : {notFound, refused, timedOut, badTls, badHeader})
     EXPECT_FALSE(c.byId[id].cancelled || c.byId[id].success) << id;
   EXPECT_TRUE(c.byId[fine].success) << c.byId[fine].errorMessage;
 }
