@@ -12,7 +12,6 @@
 #include <HttpTools/elasticsearch/DocumentGetter.h>
 #include <HttpTools/elasticsearch/ElasticConnectionParameters.h>
 #include <HttpTools/elasticsearch/ElasticSearch.h>
-#include <HttpTools/river/River.h>
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/frame/Policies.h>
@@ -41,5 +40,6 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzThread.h>
 #include <HttpTools/platform/qzVariant.h>
+#include <HttpTools/river/River.h>
 #include <HttpTools/url/IpAddress.h>
 #include <HttpTools/url/Url.h>
