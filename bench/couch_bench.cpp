@@ -17,6 +17,8 @@
 #include "support/PouchDbFixture.h"
 #include "support/Process.h"
 
+#include "BenchSupport.h"
+
 #include <benchmark/benchmark.h>
 #include <httplib.h>
 
@@ -26,7 +28,6 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -38,14 +39,6 @@ int gRounds = 5;
 const unsigned kThreads = 4;
 const size_t kBatch = 500;
 const size_t kPad = 1000;
-
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
-
-double selfCpuSec() {
-  rusage ru{};
-  getrusage(RUSAGE_SELF, &ru);
-  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
 
 // CPU seconds (user + system) of another process, from /proc.
 double processCpuSec(pid_t pid) {
@@ -73,13 +66,6 @@ struct Sample {
   bool ok = false;
 };
 
-double median(std::vector<double> v) {
-  if (v.empty())
-    return 0;
-  std::sort(v.begin(), v.end());
-  return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-}
-
 qz::qzVariantMapImpl MakeDoc(int i, const std::string& pad) {
   char id[16];
   std::snprintf(id, sizeof id, "doc-%06d", i);
@@ -89,7 +75,7 @@ qz::qzVariantMapImpl MakeDoc(int i, const std::string& pad) {
 Sample OursUpload(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer& server, const std::string& db) {
   const qz::couch::CouchConnectionParameters params(qz::Url(server.baseUrl()));
   const std::string pad(kPad, 'x');
-  const double cpu0 = selfCpuSec(), srv0 = processCpuSec(server.pid()), t0 = now();
+  const double cpu0 = bench::SelfCpuSec(), srv0 = processCpuSec(server.pid()), t0 = bench::Now();
   size_t stored = 0;
   {
     qz::couch::DocumentUploader up(pool, params, db, kThreads, kBatch);
@@ -100,25 +86,25 @@ Sample OursUpload(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServe
       std::fprintf(stderr, "our upload: %s\n", error.c_str());
     stored = up.uploaded();
   }
-  const double t = now() - t0;
-  return {double(stored) / t, (selfCpuSec() - cpu0) * 1e6 / gDocs, (processCpuSec(server.pid()) - srv0) * 1e6 / gDocs,
-          stored == size_t(gDocs)};
+  const double t = bench::Now() - t0;
+  return {double(stored) / t, (bench::SelfCpuSec() - cpu0) * 1e6 / gDocs,
+          (processCpuSec(server.pid()) - srv0) * 1e6 / gDocs, stored == size_t(gDocs)};
 }
 
 Sample OursFeed(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer& server, const std::string& db) {
   const qz::couch::CouchConnectionParameters params(qz::Url(server.baseUrl()));
   qz::couch::ChangesOptions o;
   o.includeDocs = true;
-  const double cpu0 = selfCpuSec(), srv0 = processCpuSec(server.pid()), t0 = now();
+  const double cpu0 = bench::SelfCpuSec(), srv0 = processCpuSec(server.pid()), t0 = bench::Now();
   size_t docs = 0;
   qz::couch::ChangesFeedListener feed(pool, params, db, o);
   std::string error;
   const bool ok = feed.run([&](const qz::couch::Change& c) { return docs += c.doc.isMap() ? 1 : 0, true; }, &error);
   if (!ok || docs != size_t(gDocs))
     std::fprintf(stderr, "our feed: %zu docs, %s\n", docs, error.c_str());
-  const double t = now() - t0;
-  return {double(docs) / t, (selfCpuSec() - cpu0) * 1e6 / gDocs, (processCpuSec(server.pid()) - srv0) * 1e6 / gDocs,
-          ok && docs == size_t(gDocs)};
+  const double t = bench::Now() - t0;
+  return {double(docs) / t, (bench::SelfCpuSec() - cpu0) * 1e6 / gDocs,
+          (processCpuSec(server.pid()) - srv0) * 1e6 / gDocs, ok && docs == size_t(gDocs)};
 }
 
 Sample Nano(const char* mode, const qztest::PouchDbServer& server, const std::string& db) {
@@ -147,8 +133,9 @@ struct Table {
     oursSrv.push_back(a.serverCpuMsPerK), nanoSrv.push_back(b.serverCpuMsPerK);
   }
   void print(const char* what) const {
-    std::printf("%-7s %10.0f %10.0f %8.2f   %7.1f %7.1f   %7.1f %7.1f\n", what, median(ours), median(nano),
-                median(ratio), median(oursCpu), median(nanoCpu), median(oursSrv), median(nanoSrv));
+    std::printf("%-7s %10.0f %10.0f %8.2f   %7.1f %7.1f   %7.1f %7.1f\n", what, bench::Median(ours),
+                bench::Median(nano), bench::Median(ratio), bench::Median(oursCpu), bench::Median(nanoCpu),
+                bench::Median(oursSrv), bench::Median(nanoSrv));
   }
 };
 
@@ -239,7 +226,7 @@ void CannedUpload(int port) {
   const qz::couch::CouchConnectionParameters params(qz::Url("http://127.0.0.1:" + std::to_string(port)));
   const std::string pad(kPad, 'x');
   const int docs = std::max(gDocs, 20000);
-  const double cpu0 = selfCpuSec(), t0 = now();
+  const double cpu0 = bench::SelfCpuSec(), t0 = bench::Now();
   size_t stored = 0;
   {
     qz::couch::DocumentUploader up(pool, params, "canned", kThreads, kBatch);
@@ -248,7 +235,7 @@ void CannedUpload(int port) {
     up.flush(nullptr);
     stored = up.uploaded();
   }
-  const double t = now() - t0, cpu = selfCpuSec() - cpu0;
+  const double t = bench::Now() - t0, cpu = bench::SelfCpuSec() - cpu0;
   std::printf("canned _bulk_docs server: %zu docs in %.2f s, client CPU %.2f us/doc (%.0f docs/s)\n", stored, t,
               cpu * 1e6 / docs, stored / t);
 }
@@ -275,25 +262,10 @@ BENCHMARK(BM_ChangesFeedParser);
 } // namespace
 
 int main(int argc, char** argv) {
-  std::vector<char*> rest;
-  bool quick = false, docsGiven = false, roundsGiven = false;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--docs=", 7) == 0)
-      gDocs = std::max(1, std::atoi(argv[i] + 7)), docsGiven = true;
-    else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
-      gRounds = std::max(1, std::atoi(argv[i] + 9)), roundsGiven = true;
-    else {
-      if (std::strncmp(argv[i], "--benchmark_min_time=", 21) == 0 && std::atof(argv[i] + 21) < 0.1)
-        quick = true;
-      rest.push_back(argv[i]);
-    }
-  }
-  if (quick) {
-    gDocs = docsGiven ? gDocs : 1000;
-    gRounds = roundsGiven ? gRounds : 1;
-  }
-  int restCount = int(rest.size());
-  benchmark::Initialize(&restCount, rest.data());
+  bench::Args args(argc, argv);
+  gDocs = args.takeInt("--docs=", gDocs, 1, 1000);
+  gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  args.initializeBenchmark();
 
   pid_t child = -1;
   const int cannedPort = StartCannedServer(child); // before any thread starts

@@ -17,6 +17,8 @@
 
 #include "support/Process.h"
 
+#include "BenchSupport.h"
+
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
 
@@ -27,7 +29,6 @@
 #include <cstring>
 #include <malloc.h>
 #include <string>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -40,19 +41,6 @@ namespace {
 int gDocs = 100000;
 int gRounds = 3;
 std::string gBase;
-
-double cpuSeconds() {
-  rusage ru{};
-  getrusage(RUSAGE_SELF, &ru);
-  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
-
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
-}
 
 // The emulator as a child that dies with us (it watches its standard input).
 class Emulator {
@@ -156,7 +144,7 @@ BulkSample ourBulk(qz::http::HttpConnectionPool& pool, const std::vector<qzVaria
                    const std::string& index) {
   BulkSample s;
   const qz::elasticsearch::ElasticConnectionParameters server{qz::Url(gBase)};
-  const double e0 = emulatorCpu(), c0 = cpuSeconds(), t0 = now();
+  const double e0 = emulatorCpu(), c0 = bench::SelfCpuSec(), t0 = bench::Now();
   {
     qz::elasticsearch::BulkIndexer indexer(pool, server, 2, 1000, 100 << 20);
     for (size_t i = 0; i < docs.size(); ++i)
@@ -166,7 +154,7 @@ BulkSample ourBulk(qz::http::HttpConnectionPool& pool, const std::vector<qzVaria
     if (!s.ok)
       std::fprintf(stderr, "BulkIndexer: %s\n", error.c_str());
   }
-  const double c1 = cpuSeconds(), t1 = now();
+  const double c1 = bench::SelfCpuSec(), t1 = bench::Now();
   s.emulatorCpuPerDoc = (emulatorCpu() - e0) / double(docs.size());
   s.cpuPerDoc = (c1 - c0) / double(docs.size());
   s.docsPerSec = double(docs.size()) / (t1 - t0);
@@ -206,7 +194,7 @@ SearchSample streamedSearch(const std::string& index, unsigned page) {
   qz::http::HttpConnection conn;
   const qz::elasticsearch::ElasticConnectionParameters server{qz::Url(gBase)};
   const size_t base = heapInUse();
-  const double t0 = now();
+  const double t0 = bench::Now();
   std::string error;
   const bool ok = qz::elasticsearch::FetchSearchResults(
       conn, server, index, "",
@@ -218,7 +206,7 @@ SearchSample streamedSearch(const std::string& index, unsigned page) {
         return true;
       },
       page, &error, nullptr);
-  s.seconds = now() - t0;
+  s.seconds = bench::Now() - t0;
   if (!ok)
     std::fprintf(stderr, "FetchSearchResults: %s\n", error.c_str());
   return s;
@@ -259,7 +247,7 @@ SearchSample domSearch(const std::string& index, unsigned page) {
   SearchSample s;
   qz::http::HttpConnection conn;
   const size_t base = heapInUse();
-  const double t0 = now();
+  const double t0 = bench::Now();
   qzVariantMapImpl opened;
   qz::json::Json2Variant::Convert(request("POST", "/" + index + "/_pit?keep_alive=1m"), opened);
   const std::string pit = opened["id"].toString();
@@ -290,7 +278,7 @@ SearchSample domSearch(const std::string& index, unsigned page) {
     after = "[" + std::to_string(hits[hits.Size() - 1]["sort"][0].GetInt64()) + "]";
   }
   request("DELETE", "/_pit", R"({"id":")" + pit + "\"}");
-  s.seconds = now() - t0;
+  s.seconds = bench::Now() - t0;
   return s;
 }
 
@@ -329,11 +317,12 @@ int comparisons() {
   std::printf("bulk index, %d rounds x %d documents of %zu bytes, batches of 1000 (medians)\n", gRounds, gDocs,
               sample.size());
   std::printf("  %-28s %10s %14s %16s\n", "", "docs/s", "client us/doc", "emulator us/doc");
-  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "BulkIndexer (2 threads)", median(ourRate), median(ourCpu),
-              median(ourEmu));
-  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "python helpers.bulk", median(pyRate), median(pyCpu), median(pyEmu));
+  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "BulkIndexer (2 threads)", bench::Median(ourRate),
+              bench::Median(ourCpu), bench::Median(ourEmu));
+  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "python helpers.bulk", bench::Median(pyRate), bench::Median(pyCpu),
+              bench::Median(pyEmu));
   std::printf("  client CPU ratio BulkIndexer/python, median of the rounds' own: %.3f (target <= 0.2)\n",
-              median(cpuRatio));
+              bench::Median(cpuRatio));
 
   const unsigned page = 10000;
   std::vector<double> timeRatio;
@@ -360,7 +349,7 @@ int comparisons() {
               double(streamPeak) / (1 << 20));
   std::printf("  whole page + DOM: %.0f hits/s, peak heap %.2f MB\n", gDocs * gRounds / domSec,
               double(domPeak) / (1 << 20));
-  std::printf("  speed ratio streamed/DOM, median of the rounds' own: %.2f\n", median(timeRatio));
+  std::printf("  speed ratio streamed/DOM, median of the rounds' own: %.2f\n", bench::Median(timeRatio));
   std::fflush(stdout);
   return ok ? 0 : 1;
 }
@@ -389,27 +378,10 @@ BENCHMARK(BM_CutSearchPage);
 } // namespace
 
 int main(int argc, char** argv) {
-  std::vector<char*> rest;
-  bool quick = false;
-  bool sized = false;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--docs=", 7) == 0) {
-      gDocs = std::max(1, std::atoi(argv[i] + 7));
-      sized = true;
-    } else if (std::strncmp(argv[i], "--rounds=", 9) == 0) {
-      gRounds = std::max(1, std::atoi(argv[i] + 9));
-      sized = true;
-    } else {
-      quick = quick || std::strncmp(argv[i], "--benchmark_min_time", 20) == 0;
-      rest.push_back(argv[i]);
-    }
-  }
-  if (quick && !sized) {
-    gDocs = 3000;
-    gRounds = 1;
-  }
-  int restCount = int(rest.size());
-  benchmark::Initialize(&restCount, rest.data());
+  bench::Args args(argc, argv);
+  gDocs = args.takeInt("--docs=", gDocs, 1, 3000);
+  gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  args.initializeBenchmark();
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   int rc;
   {

@@ -12,6 +12,8 @@
 
 #include "support/NginxFixture.h"
 
+#include "BenchSupport.h"
+
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 
@@ -21,7 +23,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
@@ -37,14 +38,6 @@ size_t sinkBody(char* data, size_t size, size_t n, void* user) {
   static_cast<std::string*>(user)->append(data, size * n);
   return size * n;
 }
-
-double processCpuSec() {
-  rusage ru{};
-  getrusage(RUSAGE_SELF, &ru);
-  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
-
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 // One raw easy handle set once and reused. Minimal: only what this loop needs. Same options:
 // also the transfer options every HttpConnection request carries (the
@@ -100,19 +93,14 @@ struct Sample {
 };
 
 template <typename F> Sample measure(int n, F&& one) {
-  const double c0 = processCpuSec(), t0 = now();
+  const double c0 = bench::SelfCpuSec(), t0 = bench::Now();
   for (int i = 0; i < n; ++i)
     if (!one()) {
       std::fprintf(stderr, "request failed\n");
       std::exit(1);
     }
-  const double t1 = now(), c1 = processCpuSec();
+  const double t1 = bench::Now(), c1 = bench::SelfCpuSec();
   return {n / (t1 - t0), (c1 - c0) * 1e6 / n};
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
 }
 
 void sequentialComparison(qz::http::HttpConnectionPool& pool) {
@@ -154,17 +142,18 @@ void sequentialComparison(qz::http::HttpConnectionPool& pool) {
     rateBA0.push_back(b.reqPerSec / m.reqPerSec);
     cpuBA0.push_back(b.cpuUsPerReq / m.cpuUsPerReq);
   }
-  const double r0 = median(rps0), ra = median(rpsA), rb = median(rpsB);
-  const double c0 = median(cpu0), ca = median(cpuA), cb = median(cpuB);
+  const double r0 = bench::Median(rps0), ra = bench::Median(rpsA), rb = bench::Median(rpsB);
+  const double c0 = bench::Median(cpu0), ca = bench::Median(cpuA), cb = bench::Median(cpuB);
   std::printf("sequential GET, %d rounds x %d requests (medians; CPU is the client process's)\n", gRounds, gRequests);
   std::printf("  %-42s %10s %14s\n", "", "req/s", "CPU us/req");
   std::printf("  %-42s %10.0f %14.1f\n", "(a0) raw libcurl, minimal options", r0, c0);
   std::printf("  %-42s %10.0f %14.1f\n", "(a) raw libcurl, the library's options", ra, ca);
   std::printf("  %-42s %10.0f %14.1f\n", "(b) pool + locker + HttpGet", rb, cb);
   std::printf("  ratios, median of the rounds' own:\n");
-  std::printf("  b/a:  throughput %.3f (target >= 0.95), CPU per request %.3f (target <= 1.05)\n", median(rateBA),
-              median(cpuBA));
-  std::printf("  b/a0: throughput %.3f, CPU per request %.3f (target <= 1.25)\n", median(rateBA0), median(cpuBA0));
+  std::printf("  b/a:  throughput %.3f (target >= 0.95), CPU per request %.3f (target <= 1.05)\n",
+              bench::Median(rateBA), bench::Median(cpuBA));
+  std::printf("  b/a0: throughput %.3f, CPU per request %.3f (target <= 1.25)\n", bench::Median(rateBA0),
+              bench::Median(cpuBA0));
 }
 
 void threadedComparison(qz::http::HttpConnectionPool& pool) {
@@ -173,7 +162,7 @@ void threadedComparison(qz::http::HttpConnectionPool& pool) {
   auto run = [&](bool usePool) {
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
-    const double t0 = now();
+    const double t0 = bench::Now();
     for (int t = 0; t < gThreads; ++t)
       threads.emplace_back([&] {
         if (usePool) {
@@ -196,7 +185,7 @@ void threadedComparison(qz::http::HttpConnectionPool& pool) {
       t.join();
     if (failures)
       std::fprintf(stderr, "%d requests failed\n", failures.load());
-    return gThreads * gRequests / (now() - t0);
+    return gThreads * gRequests / (bench::Now() - t0);
   };
   std::vector<double> a, b, ratio;
   for (int r = 0; r < std::max(3, gRounds / 2); ++r) {
@@ -205,9 +194,9 @@ void threadedComparison(qz::http::HttpConnectionPool& pool) {
     ratio.push_back(b.back() / a.back());
   }
   std::printf("%d threads x %d requests (medians)\n", gThreads, gRequests);
-  std::printf("  %-34s %10.0f req/s\n", "(a) one raw handle per thread", median(a));
-  std::printf("  %-34s %10.0f req/s\n", "(b) one shared pool", median(b));
-  std::printf("  ratio b/a, median of the rounds' own: %.3f (target >= 0.9)\n", median(ratio));
+  std::printf("  %-34s %10.0f req/s\n", "(a) one raw handle per thread", bench::Median(a));
+  std::printf("  %-34s %10.0f req/s\n", "(b) one shared pool", bench::Median(b));
+  std::printf("  ratio b/a, median of the rounds' own: %.3f (target >= 0.9)\n", bench::Median(ratio));
 }
 
 void BM_RawCurlGet(benchmark::State& state) {
@@ -237,21 +226,13 @@ BENCHMARK(BM_PoolHttpGet)->Unit(benchmark::kMicrosecond);
 } // namespace
 
 int main(int argc, char** argv) {
-  std::vector<char*> rest;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--requests=", 11) == 0)
-      gRequests = std::max(1, std::atoi(argv[i] + 11));
-    else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
-      gRounds = std::max(1, std::atoi(argv[i] + 9));
-    else if (std::strncmp(argv[i], "--only=", 7) == 0)
-      gOnly = argv[i] + 7;
-    else if (std::strncmp(argv[i], "--threads=", 10) == 0)
-      gThreads = std::max(1, std::atoi(argv[i] + 10));
-    else
-      rest.push_back(argv[i]);
-  }
-  int restCount = int(rest.size());
-  benchmark::Initialize(&restCount, rest.data());
+  bench::Args args(argc, argv);
+  gRequests = args.takeInt("--requests=", gRequests, 1, gRequests);
+  gRounds = args.takeInt("--rounds=", gRounds, 1, gRounds);
+  if (const char* only = args.take("--only="))
+    gOnly = only;
+  gThreads = args.takeInt("--threads=", gThreads, 1, gThreads);
+  args.initializeBenchmark();
 
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   qztest::NginxFixture nginx;

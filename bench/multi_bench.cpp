@@ -15,6 +15,8 @@
 
 #include "support/NginxFixture.h"
 
+#include "BenchSupport.h"
+
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <httplib.h>
@@ -24,7 +26,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
@@ -37,28 +38,17 @@ int gRounds = 5;
 bool gSkipDelayed = false; // --no-delayed: only the nginx tables (for profiling)
 const unsigned kInFlight = 16;
 
-double processCpuSec() {
-  rusage ru{};
-  getrusage(RUSAGE_SELF, &ru);
-  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 struct Sample {
   double reqPerSec = 0;
   double cpuUsPerReq = 0;
 };
 template <typename F> Sample measure(int n, F&& run) {
-  const double c0 = processCpuSec(), t0 = now();
+  const double c0 = bench::SelfCpuSec(), t0 = bench::Now();
   if (!run(n)) {
     std::fprintf(stderr, "requests failed\n");
     std::exit(1);
   }
-  const double t1 = now(), c1 = processCpuSec();
+  const double t1 = bench::Now(), c1 = bench::SelfCpuSec();
   return {n / (t1 - t0), (c1 - c0) * 1e6 / n};
 }
 
@@ -241,10 +231,11 @@ void delayedComparison(const std::string& url) {
   }
   std::printf("20 ms answers, %d rounds: %d serial, %d concurrent requests each (medians)\n", gRounds, gSerial,
               gRequests);
-  std::printf("  %-46s %10.0f req/s\n", "(a) serial pooled HttpGet", median(a));
-  std::printf("  %-46s %10.0f req/s\n", "(b) raw libcurl multi loop, 16 in flight", median(b));
-  std::printf("  %-46s %10.0f req/s\n", "(c) HttpMultiConnection, 16 in flight", median(c));
-  std::printf("  c/a %.2fx (target >= 12, limit 16), c/b %.3f (target >= 0.95)\n", median(ca), median(cb));
+  std::printf("  %-46s %10.0f req/s\n", "(a) serial pooled HttpGet", bench::Median(a));
+  std::printf("  %-46s %10.0f req/s\n", "(b) raw libcurl multi loop, 16 in flight", bench::Median(b));
+  std::printf("  %-46s %10.0f req/s\n", "(c) HttpMultiConnection, 16 in flight", bench::Median(c));
+  std::printf("  c/a %.2fx (target >= 12, limit 16), c/b %.3f (target >= 0.95)\n", bench::Median(ca),
+              bench::Median(cb));
 }
 
 // Rate and client CPU of two paths over `url`, interleaved.
@@ -271,9 +262,9 @@ void cpuComparison(const char* title, const char* nameB, const char* nameC, cons
   }
   std::printf("%s, %d rounds x %d requests (medians; CPU is the client process's)\n", title, gRounds, gRequests);
   std::printf("  %-46s %10s %12s\n", "", "req/s", "CPU us/req");
-  std::printf("  %-46s %10.0f %12.1f\n", nameB, median(rb), median(cb));
-  std::printf("  %-46s %10.0f %12.1f\n", nameC, median(rc), median(cc));
-  std::printf("  second/first: rate %.3f, CPU per request %.3f%s\n", median(rate), median(cpu), target);
+  std::printf("  %-46s %10.0f %12.1f\n", nameB, bench::Median(rb), bench::Median(cb));
+  std::printf("  %-46s %10.0f %12.1f\n", nameC, bench::Median(rc), bench::Median(cc));
+  std::printf("  second/first: rate %.3f, CPU per request %.3f%s\n", bench::Median(rate), bench::Median(cpu), target);
 }
 
 std::string gNginxUrl;
@@ -298,29 +289,12 @@ BENCHMARK(BM_HttpMultiConnection100)->Unit(benchmark::kMillisecond);
 } // namespace
 
 int main(int argc, char** argv) {
-  std::vector<char*> rest;
-  bool quick = false;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--requests=", 11) == 0)
-      gRequests = std::max(16, std::atoi(argv[i] + 11));
-    else if (std::strncmp(argv[i], "--serial=", 9) == 0)
-      gSerial = std::max(1, std::atoi(argv[i] + 9));
-    else if (std::strcmp(argv[i], "--no-delayed") == 0)
-      gSkipDelayed = true;
-    else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
-      gRounds = std::max(1, std::atoi(argv[i] + 9));
-    else {
-      quick = quick || std::strncmp(argv[i], "--benchmark_min_time", 20) == 0;
-      rest.push_back(argv[i]);
-    }
-  }
-  if (quick) {
-    gRequests = std::min(gRequests, 64);
-    gSerial = std::min(gSerial, 8);
-    gRounds = 1;
-  }
-  int restCount = int(rest.size());
-  benchmark::Initialize(&restCount, rest.data());
+  bench::Args args(argc, argv);
+  gRequests = args.takeInt("--requests=", gRequests, 16, 64);
+  gSerial = args.takeInt("--serial=", gSerial, 1, 8);
+  gSkipDelayed = args.takeSwitch("--no-delayed");
+  gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  args.initializeBenchmark();
 
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   int rc = 0;

@@ -15,6 +15,8 @@
 #include "support/ElasticEmulator.h"
 #include "support/PouchDbFixture.h"
 
+#include "BenchSupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -24,7 +26,6 @@
 #include <fcntl.h>
 #include <fstream>
 #include <string>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -34,15 +35,6 @@ namespace {
 int gDocs = 100000;
 int gRounds = 3;
 const size_t kPad = 1000;
-
-double now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
-
-double median(std::vector<double> v) {
-  if (v.empty())
-    return 0;
-  std::sort(v.begin(), v.end());
-  return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-}
 
 bool Load(const qztest::PouchDbServer& couch, const std::string& db, int docs) {
   if (couch.request("PUT", "/" + db) != 201)
@@ -71,7 +63,7 @@ double Feed(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer& cou
   o.batchLimit = 1000;
   qz::couch::ChangesFeedListener feed(pool, qz::couch::CouchConnectionParameters(qz::Url(couch.baseUrl())), db, o);
   size_t n = 0;
-  const double t0 = now();
+  const double t0 = bench::Now();
   feed.run(
       [&](const qz::couch::Change& c) {
         ++n;
@@ -86,25 +78,25 @@ double Feed(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer& cou
         return true;
       },
       nullptr, nullptr);
-  return n == size_t(gDocs) || keep ? double(n) / (now() - t0) : 0;
+  return n == size_t(gDocs) || keep ? double(n) / (bench::Now() - t0) : 0;
 }
 
 double Bulk(qz::http::HttpConnectionPool& pool, const qztest::ElasticEmulator& elastic, const std::string& index,
             const std::vector<std::pair<std::string, std::string>>& docs) {
-  const double t0 = now();
+  const double t0 = bench::Now();
   qz::elasticsearch::BulkIndexer indexer(
       pool, qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), 1, 1000);
   for (const auto& [id, json] : docs)
     indexer.indexJson(index, id, json);
   const bool ok = indexer.flush(nullptr);
-  return ok ? double(docs.size()) / (now() - t0) : 0;
+  return ok ? double(docs.size()) / (bench::Now() - t0) : 0;
 }
 
 // Runs `httptools river --once`; docs/s, and the process's peak RSS in MB.
 double River(const qztest::PouchDbServer& couch, const std::string& db, const qztest::ElasticEmulator& elastic,
              const std::string& alias, int docs, double* rssMb) {
   const std::string from = couch.baseUrl() + "/" + db, to = elastic.baseUrl() + "/" + alias;
-  const double t0 = now();
+  const double t0 = bench::Now();
   const pid_t pid = fork();
   if (pid == 0) {
     const int null = open("/dev/null", O_WRONLY);
@@ -136,7 +128,7 @@ double River(const qztest::PouchDbServer& couch, const std::string& db, const qz
   }
   if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
     return 0;
-  const double t = now() - t0;
+  const double t = bench::Now() - t0;
   *rssMb = double(hwmKb) / 1024;
   return elastic.docCount(alias + "-1") == size_t(docs) ? docs / t : 0;
 }
@@ -152,13 +144,13 @@ bool Comparison() {
     std::fprintf(stderr, "river_bench: the emulator cannot start: %s\n", elastic.lastError().c_str());
     return false;
   }
-  const double l0 = now();
+  const double l0 = bench::Now();
   if (!Load(couch, "big", gDocs) || !Load(couch, "small", std::max(1, gDocs / 10))) {
     std::fprintf(stderr, "river_bench: loading pouchdb-server failed\n");
     return false;
   }
   std::printf("loaded %d + %d docs of ~1 KB into pouchdb-server in %.1f s\n", gDocs, std::max(1, gDocs / 10),
-              now() - l0);
+              bench::Now() - l0);
   qz::http::HttpConnectionPool pool;
   std::vector<std::pair<std::string, std::string>> docs;
   Feed(pool, couch, "big", &docs);
@@ -194,8 +186,8 @@ bool Comparison() {
   }
   std::printf("%d docs, %d interleaved rounds (medians; a shared, loaded machine)\n", gDocs, gRounds);
   std::printf("feed alone %8.0f docs/s   bulk alone %8.0f docs/s   river %8.0f docs/s   river/slower %.2f\n",
-              median(feed), median(bulk), median(river), median(ratio));
-  std::printf("river peak RSS: %.1f MB with %d docs, %.1f MB with %d docs\n", median(rss), gDocs, smallRss,
+              bench::Median(feed), bench::Median(bulk), bench::Median(river), bench::Median(ratio));
+  std::printf("river peak RSS: %.1f MB with %d docs, %.1f MB with %d docs\n", bench::Median(rss), gDocs, smallRss,
               std::max(1, gDocs / 10));
   return true;
 }
@@ -216,25 +208,10 @@ BENCHMARK(BM_PackMapping);
 } // namespace
 
 int main(int argc, char** argv) {
-  std::vector<char*> rest;
-  bool quick = false, docsGiven = false, roundsGiven = false;
-  for (int i = 0; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--docs=", 7) == 0)
-      gDocs = std::max(10, std::atoi(argv[i] + 7)), docsGiven = true;
-    else if (std::strncmp(argv[i], "--rounds=", 9) == 0)
-      gRounds = std::max(1, std::atoi(argv[i] + 9)), roundsGiven = true;
-    else {
-      if (std::strncmp(argv[i], "--benchmark_min_time=", 21) == 0 && std::atof(argv[i] + 21) < 0.1)
-        quick = true;
-      rest.push_back(argv[i]);
-    }
-  }
-  if (quick) {
-    gDocs = docsGiven ? gDocs : 1000;
-    gRounds = roundsGiven ? gRounds : 1;
-  }
-  int restCount = int(rest.size());
-  benchmark::Initialize(&restCount, rest.data());
+  bench::Args args(argc, argv);
+  gDocs = args.takeInt("--docs=", gDocs, 10, 1000);
+  gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  args.initializeBenchmark();
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   int rc = Comparison() ? 0 : 1;
   if (rc == 0) {
