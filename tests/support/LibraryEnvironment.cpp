@@ -1,3 +1,4 @@
+// Starts the library once for a whole suite (httptools_add_suite(NAME LIBRARY_STARTED)).
 #include <HttpTools/frame/HttpToolsLib.h>
 
 #include <gtest/gtest.h>
