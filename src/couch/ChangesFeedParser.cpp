@@ -61,6 +61,10 @@ bool ChangesFeedParser::deliverRow() {
   if (!json::Json2Variant::Convert(m_row, entry))
     return fail("invalid json in change feed: " + m_row.substr(0, 200));
   m_row.clear();
+  return deliver(entry);
+}
+
+bool ChangesFeedParser::deliver(const qzVariantMapImpl& entry) {
   Change change;
   if (!ToChange(entry, change))
     return fail("change without id or seq in change feed");
@@ -83,17 +87,8 @@ bool ChangesFeedParser::finishTop() {
     auto reason = top.find("reason");
     return fail(err->second.toString() + (reason != top.end() ? ": " + reason->second.toString() : std::string()));
   }
-  if (top.count("results") == 0 && top.count("id") != 0) {
-    Change change;
-    if (!ToChange(top, change))
-      return fail("change without id or seq in change feed");
-    ++m_changes;
-    if (!m_onChange(change)) {
-      m_refused = true;
-      return fail("change refused");
-    }
-    return true;
-  }
+  if (top.count("results") == 0 && top.count("id") != 0)
+    return deliver(top);
   if (auto last = top.find("last_seq"); last != top.end()) {
     m_sawLastSeq = true;
     if (m_onLastSeq)

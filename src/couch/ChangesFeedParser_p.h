@@ -40,6 +40,7 @@ public:
 private:
   bool fail(const std::string& why);
   bool deliverRow();
+  bool deliver(const qzVariantMapImpl& entry); // one change to the callback
   bool finishTop();
 
   std::function<bool(Change&)> m_onChange;
