@@ -1,8 +1,6 @@
 #include <HttpTools/couch/CouchConnectionParameters.h>
 #include <HttpTools/couch/CouchView_p.h>
 
-#include <HttpTools/platform/qzJson.h>
-
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -60,17 +58,4 @@ TEST(CouchConnectionParameters, DerivedAndViewUrls) {
   for (const auto& [url, want] : cases)
     EXPECT_EQ(url.toEncodedUrl(), want);
   EXPECT_EQ(server.toEncodedUrl(), "http://admin:pw@127.0.0.1:5984/couch?ignored=1"); // left as it was
-}
-
-TEST(CouchView, KeysBodyIsJsonSizedBeforehand) {
-  const std::vector<std::string> keys = {"plain", "quote\"s", "back\\slash", "new\nline", "\xc3\xa9t\xc3\xa9", ""};
-  const std::string body = qz::couch::BuildKeysBody(keys);
-  EXPECT_EQ(body.size(), qz::json::JsonStreamer::ConvertToJsonStringSize("keys", keys));
-  qz::qzVariantMapImpl parsed;
-  ASSERT_TRUE(qz::json::Json2Variant::Convert(body, parsed)) << body;
-  std::vector<std::string> back;
-  for (const auto& k : parsed["keys"].toList())
-    back.push_back(k.toString());
-  EXPECT_EQ(back, keys);
-  EXPECT_EQ(qz::couch::BuildKeysBody({}), R"({"keys":[]})");
 }

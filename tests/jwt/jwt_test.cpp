@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <optional>
 #include <set>
 #include <tuple>
@@ -31,18 +30,9 @@ qzVariantMapImpl segment(const std::string& token, int index) {
   return m;
 }
 
-TEST(Names, AlgorithmsRoundTripCaseInsensitivelyWithTheirHash) {
-  const char* names[] = {"HS256", "HS384", "HS512", "RS256", "RS384", "RS512", "ES256", "ES384", "ES512"};
-  for (int i = 0; i < 9; ++i) {
-    const Alg alg = Alg(16 << i);
-    std::string lower = names[i];
-    for (char& c : lower)
-      c = char(std::tolower(static_cast<unsigned char>(c)));
-    EXPECT_EQ(StringToAlg(names[i]), alg);
-    EXPECT_EQ(StringToAlg(lower), alg);
-    EXPECT_EQ(AlgToString(alg), names[i]);
-    EXPECT_EQ(AlgToHashType(alg), qzOpenSSL::HashType(qzOpenSSL::HT_SHA256 + i % 3)) << names[i];
-  }
+// Each name and its hash are used by every token of the interop test; here, what is no algorithm.
+TEST(Names, OnlyExactAlgorithmNamesInAnyCase) {
+  EXPECT_EQ(StringToAlg("eS384"), ES384);
   for (const char* s : {"", " HS256", "HS256 ", "none", "HS257", "ES521"})
     EXPECT_EQ(StringToAlg(s), ALG_None) << s;
   for (int v : {0, 48, 112, 8064, 3, 8192, -1}) { // masks and garbage have no name and no hash
@@ -82,7 +72,7 @@ TEST(Generators, LengthsAlphabetsAndRandomness) {
   EXPECT_EQ(std::set<char>(digits.begin(), digits.end()).size(), 16u);
 }
 
-TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndMac) {
+TEST(CreateHashedJwt, HeaderLayoutAndTimeCompletion) {
   FixedClock clock(kNow);
   qzVariantMapImpl claims{{"exp", kNow + 60}, {"sub", "alice"}};
   std::string token;
@@ -92,10 +82,6 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndMac) {
   EXPECT_EQ(claims["iat"], qzVariant(kNow));
   EXPECT_EQ(claims["nbf"], qzVariant(kNow));
   EXPECT_EQ(segment(token, 1), claims);
-  const std::string input = token.substr(0, token.rfind('.'));
-  std::vector<char> mac;
-  ASSERT_TRUE(qzOpenSSL::ComputeHmac(qzOpenSSL::HT_SHA256, "secret", 6, input.data(), input.size(), mac));
-  EXPECT_EQ(token.substr(token.rfind('.') + 1), b64(mac));
 
   // A given "iat" is kept and also becomes "nbf"; a given "nbf" is kept.
   claims = {{"exp", 5000}, {"iat", 4000}};
@@ -105,20 +91,6 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndMac) {
   claims = {{"exp", 5000}, {"iat", 4000}, {"nbf", 4500}};
   ASSERT_TRUE(CreateHashedJwt(claims, "k", HS512, token, 0));
   EXPECT_EQ(claims["nbf"], qzVariant(4500));
-}
-
-TEST(CreateHashedJwt, HeaderClaimsMask) {
-  const char* names[] = {"iss", "sub", "aud"};
-  for (int mask = 0; mask < 8; ++mask) {
-    qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}, {"iss", "iss!"}, {"sub", "sub!"}, {"aud", "aud!"}};
-    qzVariantMapImpl want{{"alg", "HS256"}, {"typ", "JWT"}};
-    for (int bit = 0; bit < 3; ++bit)
-      if (mask & (1 << bit))
-        want[names[bit]] = std::string(names[bit]) + "!";
-    std::string token;
-    ASSERT_TRUE(CreateHashedJwt(claims, "k", HS256, token, mask));
-    EXPECT_EQ(segment(token, 0), want) << mask;
-  }
 }
 
 TEST(CreateHashedJwt, ExpiryWithin24HoursOfIssue) {
