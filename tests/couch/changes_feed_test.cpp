@@ -2,6 +2,7 @@
 
 #include <HttpTools/couch/ChangesFeedParser_p.h>
 #include <HttpTools/couch/CouchDocuments.h>
+#include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
@@ -120,6 +121,25 @@ TEST(ChangesFeedParser, RefusedChangeStopsAndResetStartsOver) {
   parser.reset(); // the connection was cut: the partial change is dropped
   EXPECT_TRUE(parser.feed(feed.data() + 18, 18));
   EXPECT_EQ(calls, 3);
+}
+
+TEST(ChangesFeedRetryAfter, SecondsAndDatesAreRead) {
+  const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
+  const std::vector<std::pair<std::string, int64_t>> cases = {
+      {"1", 1000},
+      {" 120 \r\n", 120000},
+      {"0", 0},
+      {"00000000000000000003", 3000},
+      {"99999999999999999999", int64_t(999999999) * 1000},
+      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
+      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
+      {"soon", -1},
+      {"-5", -1},
+      {"1.5", -1},
+      {"", -1},
+  };
+  for (const auto& [value, ms] : cases)
+    EXPECT_EQ(qz::couch::detail::RetryAfterMs(value, now), ms) << value;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -283,6 +303,56 @@ TEST_F(ChangesFeedOnTestServer, StopAndCancelEndAQuietFollowPromptly) {
   const auto cancelMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0);
   EXPECT_LT(cancelMs, bound);
   EXPECT_TRUE(runOk.load());
+}
+
+TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
+  using Clock = std::chrono::steady_clock;
+  std::mutex mutex;
+  std::vector<Clock::time_point> at;
+  srv.route("GET", "/db/_changes", [&](const httplib::Request&, httplib::Response& res) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      at.push_back(Clock::now());
+    }
+    const int n = ++attempt;
+    if (n <= 2) {
+      res.status = n == 1 ? 429 : 503;
+      res.set_header("Retry-After", n == 1 ? "1" : "86400");
+      res.set_content(R"({"error":"too_many_requests","reason":"later"})", "application/json");
+    } else {
+      res.set_content(R"({"results":[)" + Line("5-r", "a") + R"(],"last_seq":"5-r"})", "application/json");
+    }
+  });
+  std::atomic<int> slowAsked{0};
+  srv.route("GET", "/slow/_changes", [&](const httplib::Request&, httplib::Response& res) {
+    ++slowAsked;
+    res.status = 429;
+    res.set_header("Retry-After", "3600");
+  });
+  startServer();
+  ChangesOptions o;
+  o.backoffInitialMs = 10; // the computed delays would be a few ms
+  o.backoffMaxMs = 1500;
+  ChangesFeedListener feed(pool, server(), "db", o);
+  std::string error;
+  EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;
+  EXPECT_EQ(feed.lastSeq(), "5-r");
+  ASSERT_EQ(at.size(), 3u);
+  EXPECT_GE(at[1] - at[0], std::chrono::milliseconds(950));
+  EXPECT_GE(at[2] - at[1], std::chrono::milliseconds(1450)); // a day, capped at backoffMaxMs
+  EXPECT_LT(at[2] - at[1], std::chrono::milliseconds(4000));
+
+  // stop() ends a long wait at once.
+  o.backoffMaxMs = 600000;
+  ChangesFeedListener slow(pool, server(), "slow", o);
+  ASSERT_TRUE(slow.start([](const Change&) { return true; }));
+  for (int i = 0; i < 500 && slowAsked.load() == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto t0 = Clock::now();
+  slow.stop();
+  EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(300));
+  EXPECT_EQ(slowAsked.load(), 1);
 }
 
 } // namespace
