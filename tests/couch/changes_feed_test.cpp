@@ -217,18 +217,7 @@ TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckp
   EXPECT_EQ(srv.lastRequest().header("Accept"), "application/json");
 }
 
-TEST_F(ChangesFeedOnTestServer, TransientStatusesAreRetriedAndClientErrorsEndTheRun) {
-  srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
-    const int n = ++attempt;
-    if (n == 1)
-      res.status = 429, res.set_content(R"({"error":"too_many_requests","reason":"slow down"})", "application/json");
-    else if (n == 2)
-      res.status = 503, res.set_content("busy", "text/plain");
-    else
-      res.set_content("{\"results\":[\r\n" + Line("7-x", "a").substr(0, Line("7-x", "a").size() - 1) +
-                          "\r\n],\r\n\"last_seq\":\"7-x\",\"pending\":0}\n",
-                      "application/json");
-  });
+TEST_F(ChangesFeedOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
   srv.route("GET", "/gone/_changes", [](const httplib::Request&, httplib::Response& res) {
     res.status = 404;
     res.set_content(R"({"error":"not_found","reason":"Database does not exist."})", "application/json");
@@ -236,17 +225,11 @@ TEST_F(ChangesFeedOnTestServer, TransientStatusesAreRetriedAndClientErrorsEndThe
   startServer();
   ChangesOptions o;
   o.backoffInitialMs = 10;
-  ChangesFeedListener feed(pool, server(), "db", o);
-  std::vector<std::string> seqs;
   std::string error;
-  EXPECT_TRUE(feed.run([&](const Change& c) { return seqs.push_back(c.seq), true; }, &error)) << error;
-  EXPECT_EQ(seqs, (std::vector<std::string>{"7-x"}));
-  EXPECT_EQ(attempt.load(), 3);
-  EXPECT_EQ(feed.lastSeq(), "7-x");
-
   ChangesFeedListener gone(pool, server(), "gone", o);
   EXPECT_FALSE(gone.run([](const Change&) { return true; }, &error));
   EXPECT_NE(error.find("not_found: Database does not exist."), std::string::npos) << error;
+  EXPECT_EQ(srv.requestCount(), 1u);
 
   o.maxRetries = 2;
   srv.stop(); // nothing listens any more
