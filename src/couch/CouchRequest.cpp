@@ -86,7 +86,7 @@ bool SleepUnlessCancelled(unsigned ms, const bool* cancel, const std::atomic<boo
 }
 
 int64_t RetryAfterMs(const std::string& value, std::time_t now) {
-  size_t begin = value.find_first_not_of(" \t");
+  const size_t begin = value.find_first_not_of(" \t");
   const size_t end = value.find_last_not_of(" \t\r\n");
   if (begin == std::string::npos)
     return -1;
