@@ -4,14 +4,23 @@
 #include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
 #include <curl/curl.h>
 
+#include <ctime>
 #include <mutex>
+#include <string_view>
+#include <strings.h>
 
 namespace qz::couch {
+
+namespace {
+// How often a waiting transfer looks at the caller's cancel flag; stop() wakes it at once.
+constexpr int kCancelPollMs = 50;
+} // namespace
 
 class ChangesFeedListener::Private {
 public:
@@ -44,6 +53,10 @@ public:
   std::atomic<uint64_t> changes{0};
   std::atomic<uint64_t> reconnects{0};
   std::thread thread;
+  const bool* runCancel = nullptr; // the running run()'s flag; read on its thread only
+  // Lives as long as the listener, so that stop() may wake it from any thread.
+  http::InterruptibleTransfer transfer{[this] { return stopRequested.load() || detail::IsCancelled(runCancel); },
+                                       kCancelPollMs};
 };
 
 namespace {
@@ -57,6 +70,7 @@ struct FeedTransfer {
   const std::string* body = nullptr;
   long status = 0;
   std::string errorBody;
+  std::string retryAfter; // the last answer's Retry-After value
   int64_t lastDataMs = 0;
   int64_t silenceLimitMs = 0; // 0: not watched
   bool quietAllowed = false;  // the server may say nothing for long (continuous, longpoll)
@@ -89,6 +103,23 @@ size_t WriteFeed(char* data, size_t size, size_t nmemb, void* userData) {
   }
 }
 
+size_t FeedHeader(char* data, size_t size, size_t nmemb, void* userData) {
+  auto* t = static_cast<FeedTransfer*>(userData);
+  const size_t length = size * nmemb;
+  try {
+    const std::string_view line(data, length);
+    static constexpr std::string_view name = "retry-after:";
+    if (line.size() >= 5 && line.compare(0, 5, "HTTP/") == 0)
+      t->retryAfter.clear(); // a new answer (after a redirect or an interim one)
+    else if (line.size() > name.size() && strncasecmp(data, name.data(), name.size()) == 0)
+      t->retryAfter.assign(line.substr(name.size()));
+    return length;
+  } catch (...) {
+    t->failed = true;
+    return 0;
+  }
+}
+
 int FeedProgress(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   auto* t = static_cast<FeedTransfer*>(userData);
   if (t->stopped())
@@ -109,6 +140,7 @@ int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers)
   headers.emplace_back("Accept: application/json");
   curl_write_callback write = &WriteFeed;
   curl_xferinfo_callback progress = &FeedProgress;
+  curl_write_callback header = &FeedHeader;
   int rc = 0;
   rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, write);
   rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progress);
@@ -119,8 +151,8 @@ int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers)
   rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
   rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, static_cast<curl_read_callback>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, static_cast<curl_write_callback>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, static_cast<void*>(nullptr));
+  rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, header);
+  rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, userData);
   if (t->body) {
     headers.emplace_back("Content-Type: application/json");
     rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, long(t->body->size()));
@@ -163,6 +195,7 @@ qz::Url ChangesFeedListener::Private::feedUrl(const std::string& from) const {
 
 bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change&)>& onChange, std::string* error,
                                            const bool* cancel) {
+  runCancel = cancel;
   auto fail = [&](const std::string& why) {
     if (error)
       *error = why;
@@ -208,6 +241,7 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
     std::string transportError;
     {
       http::HttpConnectionLocker conn(pool, url);
+      http::ScopedInterruptibleTransfer interruptible(*conn, transfer);
       ok = conn->getHttpData(url, std::string(), 0, &SetupFeed, &t);
       if (t.status == 0)
         t.status = conn->getLastHttpReturnCode();
@@ -270,8 +304,13 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       qzLogObject(qzLog::Warning, "couchdb")
           << "Change feed of " << db << " reconnects from " << checkpoint() << ": " << lastReason;
     ++reconnects;
-    if (!detail::SleepUnlessCancelled(detail::BackoffMs(failures, options.backoffInitialMs, options.backoffMaxMs),
-                                      cancel, &stopRequested))
+    unsigned delayMs = detail::BackoffMs(failures, options.backoffInitialMs, options.backoffMaxMs);
+    if (t.status == 429 || t.status == 503) {
+      const int64_t asked = detail::RetryAfterMs(t.retryAfter, std::time(nullptr));
+      if (asked >= 0)
+        delayMs = unsigned(std::min<int64_t>(asked, std::max(1u, options.backoffMaxMs)));
+    }
+    if (!detail::SleepUnlessCancelled(delayMs, cancel, &stopRequested))
       return true;
   }
 }
@@ -314,6 +353,7 @@ bool ChangesFeedListener::start(std::function<bool(const Change&)> onChange) {
 
 void ChangesFeedListener::stop() {
   d->stopRequested = true;
+  d->transfer.wakeup();
   if (d->thread.joinable() && d->thread.get_id() != std::this_thread::get_id())
     d->thread.join();
 }

@@ -37,8 +37,10 @@ struct HTTPTOOLS_API ChangesOptions {
   unsigned batchLimit = 0;         // normal feed: changes per request (0: all at once)
   bool allLeafRevs = false;        // style=all_docs: every leaf revision, not just the winner
   // Transient failures (connection lost, 5xx, 429, heartbeat silence) reconnect after a delay
-  // drawn at random from [0, min(backoffMaxMs, backoffInitialMs * 2^n)] for the n-th failure in
-  // a row; more than maxRetries failures in a row end the run (0: never give up).
+  // drawn at random between half and all of min(backoffMaxMs, backoffInitialMs * 2^(n-1)) for
+  // the n-th failure in a row. A 429 or 503 answer's Retry-After (seconds or an HTTP date)
+  // replaces that delay, capped at backoffMaxMs. More than maxRetries failures in a row end the
+  // run (0: never give up).
   unsigned backoffInitialMs = 250;
   unsigned backoffMaxMs = 30000;
   unsigned maxRetries = 10;
@@ -66,12 +68,14 @@ public:
   // On the caller's thread: reads changes until caught up (normal feed), or until stopped or
   // cancelled (continuous). onChange returning false stops. True when it ended without error
   // (caught up, stopped, cancelled or refused by onChange); false with the reason otherwise
-  // (400/401/403/404 with the server's words, malformed feed, retries used up).
+  // (400/401/403/404 with the server's words, malformed feed, retries used up). A quiet feed
+  // looks at *cancel every 50 ms; another thread sets it through std::atomic_ref<bool>.
   bool run(const std::function<bool(const Change&)>& onChange, std::string* error = nullptr,
            const bool* cancel = nullptr);
   // The same on a thread of its own; false when one is already running.
   bool start(std::function<bool(const Change&)> onChange);
-  // Ends run() or the thread promptly (within about a second) and joins the thread.
+  // Ends run() or the thread at once, even on a quiet feed or during a reconnect delay (the
+  // transfer is woken, not polled), and joins the thread.
   void stop();
   bool isRunning() const;
   // Outcome of the last run on the listener's own thread.

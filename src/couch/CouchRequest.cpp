@@ -4,7 +4,10 @@
 #include <HttpTools/http/HttpHelpers.h>
 #include <HttpTools/platform/qzJson.h>
 
+#include <curl/curl.h>
+
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <random>
 #include <thread>
@@ -80,6 +83,25 @@ bool SleepUnlessCancelled(unsigned ms, const bool* cancel, const std::atomic<boo
     std::this_thread::sleep_for(
         std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(20)));
   }
+}
+
+int64_t RetryAfterMs(const std::string& value, std::time_t now) {
+  const size_t begin = value.find_first_not_of(" \t");
+  const size_t end = value.find_last_not_of(" \t\r\n");
+  if (begin == std::string::npos)
+    return -1;
+  const std::string text = value.substr(begin, end + 1 - begin);
+  if (std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); })) {
+    // Any number of digits: a day's worth is already more than any caller waits.
+    const size_t significant = std::min(text.find_first_not_of('0'), text.size());
+    if (text.size() - significant > 9)
+      return int64_t(999999999) * 1000;
+    return std::stoll(text) * 1000;
+  }
+  const std::time_t date = curl_getdate(text.c_str(), nullptr);
+  if (date == -1)
+    return -1;
+  return date > now ? int64_t(date - now) * 1000 : 0;
 }
 
 std::string ToJson(const qzVariantMapImpl& doc) {

@@ -4,6 +4,8 @@
 #include <HttpTools/platform/qzVariant.h>
 
 #include <atomic>
+#include <cstdint>
+#include <ctime>
 #include <string>
 
 namespace qz::http {
@@ -41,7 +43,14 @@ unsigned BackoffMs(unsigned failures, unsigned initialMs, unsigned maxMs);
 // Sleeps `ms`, returning early (false) when *cancel or *stop becomes true (either may be null).
 bool SleepUnlessCancelled(unsigned ms, const bool* cancel, const std::atomic<bool>* stop = nullptr);
 
-inline bool IsCancelled(const bool* cancel) { return cancel && *cancel; }
+// Another thread may set the flag: it is read atomically (writers use std::atomic_ref<bool>).
+inline bool IsCancelled(const bool* cancel) {
+  return cancel && std::atomic_ref<bool>(const_cast<bool&>(*cancel)).load(std::memory_order_relaxed);
+}
+
+// The wait a Retry-After header value asks for, in ms: delta-seconds, or an HTTP date counted
+// from `now` (0 once it is past). -1 when the value is neither.
+int64_t RetryAfterMs(const std::string& value, std::time_t now);
 
 std::string ToJson(const qzVariantMapImpl& doc);
 std::string JsonString(const std::string& s); // quoted and escaped

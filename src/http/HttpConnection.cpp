@@ -270,7 +270,7 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
   const int64_t start = qzSystemUtils::GetTimeBaseMs();
   d->inTransfer = true;
   try {
-    d->lastCurlCode = curl_easy_perform(h);
+    d->lastCurlCode = d->interruptible ? d->interruptible->perform(h) : curl_easy_perform(h);
   } catch (...) {
     // Only a caller's own libcurl callback can get here; the handle is in no state to reuse.
     d->inTransfer = false;
@@ -326,6 +326,54 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     curl_easy_getinfo(h, CURLINFO_NUM_CONNECTS, &connects);
   }
   return true;
+}
+
+InterruptibleTransfer::InterruptibleTransfer(std::function<bool()> interrupted, int pollMs)
+    : m_interrupted(std::move(interrupted)), m_pollMs(std::max(1, pollMs)), m_multi(curl_multi_init()) {}
+
+CURLcode InterruptibleTransfer::perform(CURL* easy) {
+  CURLM* m = m_multi.get();
+  if (!m || curl_multi_add_handle(m, easy) != CURLM_OK)
+    return curl_easy_perform(easy);
+  // The codes curl_easy_perform gives for a failing multi handle.
+  auto fromMulti = [](CURLMcode c) {
+    return c == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT;
+  };
+  CURLcode result = CURLE_ABORTED_BY_CALLBACK;
+  for (;;) {
+    int running = 0;
+    const CURLMcode performed = curl_multi_perform(m, &running);
+    if (performed != CURLM_OK) {
+      result = fromMulti(performed);
+      break;
+    }
+    bool done = false;
+    int left = 0;
+    while (CURLMsg* msg = curl_multi_info_read(m, &left))
+      if (msg->msg == CURLMSG_DONE && msg->easy_handle == easy) {
+        result = msg->data.result;
+        done = true;
+      }
+    bool interrupted = true;
+    try {
+      interrupted = m_interrupted();
+    } catch (...) {
+    }
+    if (done || interrupted)
+      break;
+    const CURLMcode polled = curl_multi_poll(m, nullptr, 0, m_pollMs, nullptr);
+    if (polled != CURLM_OK) {
+      result = fromMulti(polled);
+      break;
+    }
+  }
+  curl_multi_remove_handle(m, easy);
+  return result;
+}
+
+void InterruptibleTransfer::wakeup() {
+  if (m_multi)
+    curl_multi_wakeup(m_multi.get());
 }
 
 std::string HttpConnection::getLastErrorMsg() const {

@@ -108,6 +108,8 @@ public:
   class HttpConnectionPrivate;
 
 private:
+  friend class HttpConnectionAccess; // the library's internal hooks
+
   bool prepareHandle(const qz::Url& url, SetupCallback setup, unsigned long shape);
   bool getHttpDataImpl(const std::string& encodedUrl, const std::string& expectedContentType, long expectedHttpCode,
                        bool hostIsName, bool& retry, SetupCallback setup, void* userData);

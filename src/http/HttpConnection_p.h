@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -86,6 +87,33 @@ struct CurlEasyDeleter {
 struct CurlSlistDeleter {
   void operator()(curl_slist* l) const { curl_slist_free_all(l); }
 };
+struct CurlMultiDeleter {
+  void operator()(CURLM* m) const { curl_multi_cleanup(m); }
+};
+
+// Runs a connection's transfers on a multi handle of its own instead of curl_easy_perform, so
+// that a quiet transfer ends at once when asked: curl_easy_perform looks at its progress callback
+// only about once a second while nothing arrives. `interrupted` is called on the transfer's
+// thread after every wake-up, and wake-ups come at least every pollMs and whenever wakeup() is
+// called. The connection keeps owning its easy handle, which sits in the multi handle for one
+// transfer at a time; the multi handle keeps the TCP connections it opened between transfers.
+class HTTPTOOLS_HIDDEN InterruptibleTransfer {
+public:
+  InterruptibleTransfer(std::function<bool()> interrupted, int pollMs);
+  InterruptibleTransfer(const InterruptibleTransfer&) = delete;
+  InterruptibleTransfer& operator=(const InterruptibleTransfer&) = delete;
+
+  // The transfer's result; CURLE_ABORTED_BY_CALLBACK when it was interrupted. Without a multi
+  // handle (libcurl refused one) the transfer runs under curl_easy_perform.
+  CURLcode perform(CURL* easy);
+  // Safe from any thread while the object lives: the running perform() looks at `interrupted`.
+  void wakeup();
+
+private:
+  std::function<bool()> m_interrupted;
+  int m_pollMs;
+  std::unique_ptr<CURLM, CurlMultiDeleter> m_multi;
+};
 
 class HTTPTOOLS_HIDDEN HttpConnection::HttpConnectionPrivate {
 public:
@@ -133,6 +161,28 @@ public:
   CURLcode lastCurlCode = CURLE_OK;
   int64_t lastHttpReturnCode = 0;
   bool inTransfer = false;
+  InterruptibleTransfer* interruptible = nullptr; // when set, runs the transfers
+};
+
+// The library's own access to a connection's internals.
+class HTTPTOOLS_HIDDEN HttpConnectionAccess {
+public:
+  static HttpConnection::HttpConnectionPrivate& Of(HttpConnection& c) { return *c.d; }
+};
+
+// For its lifetime, `connection`'s requests run through `transfer`.
+class HTTPTOOLS_HIDDEN ScopedInterruptibleTransfer {
+public:
+  ScopedInterruptibleTransfer(HttpConnection& connection, InterruptibleTransfer& transfer)
+      : m_connection(HttpConnectionAccess::Of(connection)) {
+    m_connection.interruptible = &transfer;
+  }
+  ~ScopedInterruptibleTransfer() { m_connection.interruptible = nullptr; }
+  ScopedInterruptibleTransfer(const ScopedInterruptibleTransfer&) = delete;
+  ScopedInterruptibleTransfer& operator=(const ScopedInterruptibleTransfer&) = delete;
+
+private:
+  HttpConnection::HttpConnectionPrivate& m_connection;
 };
 
 } // namespace qz::http

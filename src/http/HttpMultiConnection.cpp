@@ -38,9 +38,6 @@ const char* const kOctetContentType = "Content-Type: application/octet-stream";
 // While perform() waits, a caller's cancel flag is looked at this often.
 const long kCancelPollMs = 20;
 
-struct CurlMultiDeleter {
-  void operator()(CURLM* m) const { curl_multi_cleanup(m); }
-};
 struct CurlShareDeleter {
   void operator()(CURLSH* s) const { curl_share_cleanup(s); }
 };

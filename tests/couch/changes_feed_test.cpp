@@ -2,6 +2,7 @@
 
 #include <HttpTools/couch/ChangesFeedParser_p.h>
 #include <HttpTools/couch/CouchDocuments.h>
+#include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
@@ -122,6 +123,25 @@ TEST(ChangesFeedParser, RefusedChangeStopsAndResetStartsOver) {
   EXPECT_EQ(calls, 3);
 }
 
+TEST(ChangesFeedRetryAfter, SecondsAndDatesAreRead) {
+  const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
+  const std::vector<std::pair<std::string, int64_t>> cases = {
+      {"1", 1000},
+      {" 120 \r\n", 120000},
+      {"0", 0},
+      {"00000000000000000003", 3000},
+      {"99999999999999999999", int64_t(999999999) * 1000},
+      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
+      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
+      {"soon", -1},
+      {"-5", -1},
+      {"1.5", -1},
+      {"", -1},
+  };
+  for (const auto& [value, ms] : cases)
+    EXPECT_EQ(qz::couch::detail::RetryAfterMs(value, now), ms) << value;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Behaviours pouchdb-server cannot show, on the in-process server.
 
@@ -197,18 +217,7 @@ TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckp
   EXPECT_EQ(srv.lastRequest().header("Accept"), "application/json");
 }
 
-TEST_F(ChangesFeedOnTestServer, TransientStatusesAreRetriedAndClientErrorsEndTheRun) {
-  srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
-    const int n = ++attempt;
-    if (n == 1)
-      res.status = 429, res.set_content(R"({"error":"too_many_requests","reason":"slow down"})", "application/json");
-    else if (n == 2)
-      res.status = 503, res.set_content("busy", "text/plain");
-    else
-      res.set_content("{\"results\":[\r\n" + Line("7-x", "a").substr(0, Line("7-x", "a").size() - 1) +
-                          "\r\n],\r\n\"last_seq\":\"7-x\",\"pending\":0}\n",
-                      "application/json");
-  });
+TEST_F(ChangesFeedOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
   srv.route("GET", "/gone/_changes", [](const httplib::Request&, httplib::Response& res) {
     res.status = 404;
     res.set_content(R"({"error":"not_found","reason":"Database does not exist."})", "application/json");
@@ -216,17 +225,11 @@ TEST_F(ChangesFeedOnTestServer, TransientStatusesAreRetriedAndClientErrorsEndThe
   startServer();
   ChangesOptions o;
   o.backoffInitialMs = 10;
-  ChangesFeedListener feed(pool, server(), "db", o);
-  std::vector<std::string> seqs;
   std::string error;
-  EXPECT_TRUE(feed.run([&](const Change& c) { return seqs.push_back(c.seq), true; }, &error)) << error;
-  EXPECT_EQ(seqs, (std::vector<std::string>{"7-x"}));
-  EXPECT_EQ(attempt.load(), 3);
-  EXPECT_EQ(feed.lastSeq(), "7-x");
-
   ChangesFeedListener gone(pool, server(), "gone", o);
   EXPECT_FALSE(gone.run([](const Change&) { return true; }, &error));
   EXPECT_NE(error.find("not_found: Database does not exist."), std::string::npos) << error;
+  EXPECT_EQ(srv.requestCount(), 1u);
 
   o.maxRetries = 2;
   srv.stop(); // nothing listens any more
@@ -235,32 +238,104 @@ TEST_F(ChangesFeedOnTestServer, TransientStatusesAreRetriedAndClientErrorsEndThe
   EXPECT_NE(error.find("giving up after 3"), std::string::npos) << error;
 }
 
-TEST_F(ChangesFeedOnTestServer, StopEndsAQuietFollowPromptly) {
+TEST_F(ChangesFeedOnTestServer, StopAndCancelEndAQuietFollowPromptly) {
+  // One change, then nothing at all: libcurl's own loop would look at the flags only once a second.
   srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
     res.set_chunked_content_provider("application/json", [this](size_t, httplib::DataSink& sink) {
       const std::string first = Line("1-q", "a");
       sink.write(first.data(), first.size());
-      while (srv.sleepUnlessStopping(50))
-        sink.write("\n", 1);
+      while (srv.sleepUnlessStopping(50)) {
+      }
       return false;
     });
   });
   startServer();
   ChangesOptions o;
   o.continuous = true;
+  using Clock = std::chrono::steady_clock;
+  auto waitFor = [](const std::atomic<int>& seen) {
+    for (int i = 0; i < 500 && seen.load() == 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(seen.load(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(350)); // the transfer is idle again
+  };
+  const auto bound = std::chrono::milliseconds(300);
+
   ChangesFeedListener feed(pool, server(), "db", o);
   std::atomic<int> seen{0};
   ASSERT_TRUE(feed.start([&](const Change&) { return ++seen, true; }));
   EXPECT_FALSE(feed.start([](const Change&) { return true; }));
-  for (int i = 0; i < 200 && seen.load() == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  const auto t0 = std::chrono::steady_clock::now();
+  waitFor(seen);
+  auto t0 = Clock::now();
   feed.stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(2500));
+  const auto stopMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0);
+  EXPECT_LT(stopMs, bound);
   EXPECT_FALSE(feed.isRunning());
   EXPECT_TRUE(feed.lastRunOk()) << feed.lastError();
-  EXPECT_EQ(seen.load(), 1);
   EXPECT_EQ(feed.lastSeq(), "1-q");
+
+  bool cancel = false;
+  std::atomic<int> seenByRun{0};
+  std::atomic<bool> runOk{false};
+  ChangesFeedListener run(pool, server(), "db", o);
+  std::thread runner([&] { runOk = run.run([&](const Change&) { return ++seenByRun, true; }, nullptr, &cancel); });
+  waitFor(seenByRun);
+  t0 = Clock::now();
+  std::atomic_ref<bool>(cancel).store(true);
+  runner.join();
+  const auto cancelMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0);
+  EXPECT_LT(cancelMs, bound);
+  EXPECT_TRUE(runOk.load());
+}
+
+TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
+  using Clock = std::chrono::steady_clock;
+  std::mutex mutex;
+  std::vector<Clock::time_point> at;
+  srv.route("GET", "/db/_changes", [&](const httplib::Request&, httplib::Response& res) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      at.push_back(Clock::now());
+    }
+    const int n = ++attempt;
+    if (n <= 2) {
+      res.status = n == 1 ? 429 : 503;
+      res.set_header("Retry-After", n == 1 ? "1" : "86400");
+      res.set_content(R"({"error":"too_many_requests","reason":"later"})", "application/json");
+    } else {
+      res.set_content(R"({"results":[)" + Line("5-r", "a") + R"(],"last_seq":"5-r"})", "application/json");
+    }
+  });
+  std::atomic<int> slowAsked{0};
+  srv.route("GET", "/slow/_changes", [&](const httplib::Request&, httplib::Response& res) {
+    ++slowAsked;
+    res.status = 429;
+    res.set_header("Retry-After", "3600");
+  });
+  startServer();
+  ChangesOptions o;
+  o.backoffInitialMs = 10; // the computed delays would be a few ms
+  o.backoffMaxMs = 1500;
+  ChangesFeedListener feed(pool, server(), "db", o);
+  std::string error;
+  EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;
+  EXPECT_EQ(feed.lastSeq(), "5-r");
+  ASSERT_EQ(at.size(), 3u);
+  EXPECT_GE(at[1] - at[0], std::chrono::milliseconds(950));
+  EXPECT_GE(at[2] - at[1], std::chrono::milliseconds(1450)); // a day, capped at backoffMaxMs
+  EXPECT_LT(at[2] - at[1], std::chrono::milliseconds(4000));
+
+  // stop() ends a long wait at once.
+  o.backoffMaxMs = 600000;
+  ChangesFeedListener slow(pool, server(), "slow", o);
+  ASSERT_TRUE(slow.start([](const Change&) { return true; }));
+  for (int i = 0; i < 500 && slowAsked.load() == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto t0 = Clock::now();
+  slow.stop();
+  EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(300));
+  EXPECT_EQ(slowAsked.load(), 1);
 }
 
 } // namespace

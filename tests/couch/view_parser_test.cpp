@@ -191,15 +191,3 @@ TEST(ViewResultStreamParser, BadRowStopsWithItsLogLines) {
     }
   }
 }
-
-TEST(ViewResultStreamParser, CurlCallbacksAbortOnCancel) {
-  std::string chunk = layout({kRowTexts[0]}, true); // libcurl hands a mutable buffer
-  bool cancel = false;
-  Collector c;
-  ViewResultStreamParser parser(&Collector::Take, &c, &cancel);
-  EXPECT_EQ(ViewResultStreamParser::WriteFunction(chunk.data(), 1, 10, &parser), 10u);
-  EXPECT_EQ(ViewResultStreamParser::TransferInfoFunction(&parser, 0, 0, 0, 0), 0);
-  cancel = true;
-  EXPECT_EQ(ViewResultStreamParser::WriteFunction(chunk.data() + 10, 1, 5, &parser), 6u);
-  EXPECT_EQ(ViewResultStreamParser::TransferInfoFunction(&parser, 0, 0, 0, 0), 1);
-}
