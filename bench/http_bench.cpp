@@ -227,8 +227,8 @@ BENCHMARK(BM_PoolHttpGet)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
   bench::Args args(argc, argv);
-  gRequests = args.takeInt("--requests=", gRequests, 1, gRequests);
-  gRounds = args.takeInt("--rounds=", gRounds, 1, gRounds);
+  gRequests = args.takeInt("--requests=", gRequests, 1, 200);
+  gRounds = args.takeInt("--rounds=", gRounds, 1, 3);
   if (const char* only = args.take("--only="))
     gOnly = only;
   gThreads = args.takeInt("--threads=", gThreads, 1, gThreads);
