@@ -5,6 +5,8 @@
 // `exitCode`: 0 success, 1 failure, 2 usage, and curl's codes where curl has one for the cause.
 #pragma once
 
+#include <HttpTools/http/HttpConnection.h>
+
 #include <CLI/CLI.hpp>
 
 #include <list>
@@ -25,6 +27,7 @@ enum ExitCode : int {
   kExitHttpStatus = 22,
   kExitTimeout = 28,
   kExitCertificate = 60,
+  kExitFileSize = 63,
 };
 
 void AddVersionCommands(CLI::App& app);     // version
@@ -50,13 +53,13 @@ bool ReadDataArgument(const std::string& argument, std::string& data, std::strin
 // A whole file; false when it cannot be read.
 bool ReadFile(const std::string& path, std::string& content);
 
-// A connection's error text (HttpConnection::getLastErrorMsg) as curl's exit code: 6, 7, 28, 60
-// for their causes, 1 for any other.
+// A connection's error text (HttpConnection::getLastErrorMsg) as curl's exit code: 6, 7, 28, 60,
+// 63 for their causes, 1 for any other.
 int ExitCodeOfTransferError(const std::string& error);
 
 struct ParallelGetOptions {
-  std::list<std::string> headers; // extra header lines for every request
-  bool insecure = false;          // no certificate checks
+  std::list<std::string> headers;                            // extra header lines for every request
+  qz::http::HttpConnection::ConnectionParameters parameters; // time-outs, certificates, body limit
 };
 // Fetches `urls` with up to `parallel` transfers at once; the i-th body goes to outputs[i] when
 // there is one, otherwise to standard output, in the order of `urls`. A failed request (or a
@@ -64,8 +67,5 @@ struct ParallelGetOptions {
 // otherwise, 2 for bad arguments or an invalid URL.
 int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::string>& outputs, unsigned parallel,
                    const ParallelGetOptions& options);
-
-// es search, es get, es bulk
-void AddElasticCommands(CLI::App& app);
 
 } // namespace httptools

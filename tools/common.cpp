@@ -45,6 +45,9 @@ bool ReadDataArgument(const std::string& argument, std::string& data, std::strin
 }
 
 int ExitCodeOfTransferError(const std::string& error) {
+  // The body limit is also counted on the decoded body, where libcurl's own check does not see it.
+  if (error.find("Response body larger than the limit of ") != std::string::npos)
+    return kExitFileSize;
   static const std::string kCurl = "Curl error : ";
   const size_t at = error.find(kCurl);
   if (at == std::string::npos)
@@ -58,6 +61,8 @@ int ExitCodeOfTransferError(const std::string& error) {
     return kExitTimeout;
   case 60:
     return kExitCertificate;
+  case 63:
+    return kExitFileSize;
   default:
     return kExitFailure;
   }

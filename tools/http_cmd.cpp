@@ -30,6 +30,7 @@ struct HttpOptions {
   int expect = 0;
   double connectTimeout = 0;
   double maxTime = 0;
+  long long maxFilesize = 0;
   bool verbose = false;
   bool silent = false;
   bool showError = false;
@@ -167,6 +168,21 @@ void PrintDebugLines(const std::string& text) {
   }
 }
 
+// The transfer options shared by a single request and a parallel get.
+void ApplyTransferOptions(const HttpOptions& o, qz::http::HttpConnection::ConnectionParameters& params) {
+  if (o.insecure)
+    params.sslValidatePolicy = qz::http::SVP_NoVerify;
+  if (o.connectTimeout > 0)
+    params.connectTimeoutSec = std::max(1, int(std::ceil(o.connectTimeout)));
+  if (o.maxTime > 0)
+    params.totalTimeoutMs = std::max(1L, long(std::ceil(o.maxTime * 1000)));
+  if (o.maxFilesize > 0)
+    params.maxBodyBytes = o.maxFilesize;
+  params.caFile = o.caFile;
+  if (o.verbose)
+    params.verbose = 1;
+}
+
 int RunHttp(const HttpOptions& o) {
   namespace hh = qz::http::HttpHelpers;
   const std::string name = "httptools " + o.method;
@@ -206,16 +222,7 @@ int RunHttp(const HttpOptions& o) {
   BodyDevice device(out, !o.silent && isatty(2) != 0, responseHeaders);
 
   qz::http::HttpConnection conn;
-  auto& params = conn.editConnectionParameters();
-  if (o.insecure)
-    params.sslValidatePolicy = qz::http::SVP_NoVerify;
-  if (o.connectTimeout > 0)
-    params.connectTimeoutSec = std::max(1, int(std::ceil(o.connectTimeout)));
-  if (o.maxTime > 0)
-    params.totalTimeoutMs = std::max(1L, long(std::ceil(o.maxTime * 1000)));
-  params.caFile = o.caFile;
-  if (o.verbose)
-    params.verbose = 1;
+  ApplyTransferOptions(o, conn.editConnectionParameters());
 
   hh::HttpResult result;
   result.errorMessage = &error;
@@ -338,13 +345,15 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
   cmd->add_option("--connect-timeout", o->connectTimeout, "Give up connecting after SECONDS")
       ->check(CLI::PositiveNumber);
   cmd->add_option("--max-time", o->maxTime, "Give up the whole transfer after SECONDS")->check(CLI::PositiveNumber);
+  cmd->add_option("--max-filesize", o->maxFilesize, "Fail (exit 63) when a response body is larger than BYTES")
+      ->check(CLI::PositiveNumber);
   cmd->add_option("--cacert", o->caFile, "Verify the server against the CA certificates in FILE (PEM)")
       ->check(CLI::ExistingFile);
   cmd->callback([o] {
     if (o->method == "get" && (o->parallel > 0 || o->parallelDefault || o->urls.size() > 1)) {
       httptools::ParallelGetOptions options;
       options.headers.assign(o->headers.begin(), o->headers.end());
-      options.insecure = o->insecure;
+      ApplyTransferOptions(*o, options.parameters);
       httptools::exitCode = httptools::RunParallelGet(o->urls, o->outputs, o->parallel > 0 ? o->parallel : 50, options);
       return;
     }

@@ -30,8 +30,7 @@ int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::
   }
 
   qz::http::HttpMultiConnection multi(parallel);
-  if (options.insecure)
-    multi.editConnectionParameters().sslValidatePolicy = qz::http::SVP_NoVerify;
+  multi.editConnectionParameters() = options.parameters;
 
   // Bodies for standard output wait until every earlier one is out; files are written at once.
   std::vector<std::optional<std::string>> stdoutBodies(urls.size());

@@ -99,6 +99,12 @@ TEST_F(ParallelGet, OutputFilesFailuresAndUsage) {
   EXPECT_EQ(r.out, "ab");
   EXPECT_THAT(r.err, HasSubstr("Curl error : 7 "));
 
+  // The single get's transfer options hold for every URL.
+  const Outcome limited = RunGet({"-Z", "--max-filesize", "2", srv.url("/bytes?n=2"), srv.url("/bytes?n=3")});
+  EXPECT_EQ(limited.code, 1);
+  EXPECT_EQ(limited.out, "ab");
+  EXPECT_THAT(limited.err, HasSubstr("Response body larger than the limit of 2 bytes"));
+
   for (const std::vector<std::string>& bad : {std::vector<std::string>{"--parallel", "0", srv.url("/echo")},
                                               {"-Z"},
                                               {"-Z", "--bogus", srv.url("/echo")},
