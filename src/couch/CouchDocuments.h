@@ -74,8 +74,8 @@ private:
 
 // Uploads documents with _bulk_docs in batches of `batchDocs` documents or `batchBytes` bytes,
 // whichever fills first, on `threads` background threads. A request answered 429 or 5xx, or cut
-// off, is sent again after a backoff delay; per-document errors (409 conflict, 403 forbidden)
-// are kept with the document's id.
+// off, is sent again after a backoff delay (or the Retry-After of a 429 or 503, up to 5 s);
+// per-document errors (409 conflict, 403 forbidden) are kept with the document's id.
 //
 //   qz::couch::DocumentUploader up(pool, server, "orders", 4);
 //   for (auto& doc : docs)

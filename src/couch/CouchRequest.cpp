@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <map>
 #include <random>
 #include <thread>
 
@@ -32,8 +33,10 @@ bool Request(http::HttpConnectionPool& pool, const qz::Url& url, const char* met
   static const std::list<std::string> headers = {"Accept: application/json"};
   out = Reply();
   http::HttpConnectionLocker conn(pool, url);
+  std::map<std::string, std::string> answerHeaders;
   http::HttpHelpers::HttpResult result;
   result.body = &out.body;
+  result.headers = &answerHeaders;
   const std::string m(method);
   if (m == "GET")
     http::HttpHelpers::HttpGetJson(*conn, url, out.body, &result, nullptr, &headers, cancel);
@@ -46,6 +49,8 @@ bool Request(http::HttpConnectionPool& pool, const qz::Url& url, const char* met
   else
     http::HttpHelpers::HttpDelete(*conn, url, &result, nullptr, &headers, cancel);
   out.code = result.httpCode;
+  if (auto retry = answerHeaders.find("retry-after"); retry != answerHeaders.end())
+    out.retryAfter = retry->second;
   if (out.code == 0)
     out.transportError = conn->getLastErrorMsg();
   return out.code != 0;
@@ -57,7 +62,11 @@ bool RequestWithRetry(http::HttpConnectionPool& pool, const qz::Url& url, const 
     Request(pool, url, method, body, out, cancel);
     if (!out.transient())
       return true;
-    if (attempt >= attempts || IsCancelled(cancel) || !SleepUnlessCancelled(BackoffMs(attempt, 100, 5000), cancel))
+    unsigned delay = BackoffMs(attempt, 100, unsigned(kRetryAfterCapMs));
+    if (out.code == 429 || out.code == 503)
+      if (const int64_t asked = RetryAfterMs(out.retryAfter, std::time(nullptr)); asked >= 0)
+        delay = unsigned(std::min(asked, kRetryAfterCapMs));
+    if (attempt >= attempts || IsCancelled(cancel) || !SleepUnlessCancelled(delay, cancel))
       return false;
   }
 }

@@ -19,6 +19,7 @@ struct Reply {
   long code = 0; // 0: no HTTP answer (transport failure or cancel)
   std::string body;
   std::string transportError;
+  std::string retryAfter; // the answer's Retry-After header, if any
 
   // Connection lost, 408, 429 or 5xx: worth repeating.
   bool transient() const { return code == 0 || code == 408 || code == 429 || code >= 500; }
@@ -31,8 +32,10 @@ struct Reply {
 bool Request(qz::http::HttpConnectionPool& pool, const qz::Url& url, const char* method, const std::string* body,
              Reply& out, const bool* cancel);
 
-// Request repeated while the answer is transient, after backoff delays (up to `attempts` in all).
-// True when a non-transient answer came back.
+// Request repeated while the answer is transient, after backoff delays (up to `attempts` in all);
+// a 429 or 503 with Retry-After waits what it asks instead, up to kRetryAfterCapMs. True when a
+// non-transient answer came back.
+constexpr int64_t kRetryAfterCapMs = 5000;
 bool RequestWithRetry(qz::http::HttpConnectionPool& pool, const qz::Url& url, const char* method,
                       const std::string* body, Reply& out, const bool* cancel, unsigned attempts = 6);
 

@@ -345,18 +345,22 @@ namespace {
 using BulkOnTestServer = ChangesFeedOnTestServer;
 
 TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
-  // Batches close at 3 documents or 100 bytes; the first answer is 429, the second 503, then
-  // each batch is answered per item, "locked" documents with 403.
+  // Batches close at 3 documents or 100 bytes; the first answer is 429 asking for a 1 s pause,
+  // the second 503, then each batch is answered per item, "locked" documents with 403.
   std::mutex mutex;
   std::vector<std::string> bodies;
+  std::vector<std::chrono::steady_clock::time_point> arrivals;
   srv.route("POST", "/db/_bulk_docs", [&](const httplib::Request& req, httplib::Response& res) {
     const int n = ++attempt;
     {
       std::lock_guard<std::mutex> lock(mutex);
       bodies.push_back(req.body);
+      arrivals.push_back(std::chrono::steady_clock::now());
     }
     if (n <= 2) {
       res.status = n == 1 ? 429 : 503;
+      if (n == 1)
+        res.set_header("Retry-After", "1");
       return;
     }
     qz::qzVariantMapImpl body;
@@ -387,6 +391,8 @@ TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
   }
   // The first batch three times (429, 503, stored), then {c, d} (the big one did not fit), then big alone.
   ASSERT_EQ(bodies.size(), 5u);
+  EXPECT_GE(arrivals[1] - arrivals[0], std::chrono::milliseconds(950)); // as Retry-After asked
+  EXPECT_LT(arrivals[2] - arrivals[1], std::chrono::milliseconds(900)); // the backoff's own delay
   EXPECT_EQ(bodies[0], bodies[1]);
   EXPECT_EQ(bodies[1], bodies[2]);
   EXPECT_EQ(bodies[0], R"({"docs":[{"_id":"a","n":1},{"_id":"b","n":1},{"_id":"locked-1","n":1}]})");
