@@ -103,8 +103,8 @@ void writeKey(Writer& w, const char* k) { w.Key(k); }
 std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index = "") {
   StringBuffer sb;
   Writer w(sb);
-  auto cause = [&] {
-    w.StartObject();
+  // The error object repeats its own fields as its only root cause.
+  auto fields = [&] {
     w.Key("type");
     writeString(w, type);
     w.Key("reason");
@@ -113,23 +113,17 @@ std::string errorBody(int status, const std::string& type, const std::string& re
       w.Key("index");
       writeString(w, index);
     }
-    w.EndObject();
   };
   w.StartObject();
   w.Key("error");
   w.StartObject();
   w.Key("root_cause");
   w.StartArray();
-  cause();
+  w.StartObject();
+  fields();
+  w.EndObject();
   w.EndArray();
-  w.Key("type");
-  writeString(w, type);
-  w.Key("reason");
-  writeString(w, reason);
-  if (!index.empty()) {
-    w.Key("index");
-    writeString(w, index);
-  }
+  fields();
   w.EndObject();
   w.Key("status");
   w.Int(status);
