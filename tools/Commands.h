@@ -53,6 +53,11 @@ bool ReadDataArgument(const std::string& argument, std::string& data, std::strin
 // A whole file; false when it cannot be read.
 bool ReadFile(const std::string& path, std::string& content);
 
+// SIGINT or SIGTERM as the cancel flag of the library's long calls; the first call installs the
+// handlers. The handler and other threads reach the flag only through atomic operations.
+const bool* InterruptFlag();
+bool Interrupted();
+
 // A connection's error text (HttpConnection::getLastErrorMsg) as curl's exit code: 6, 7, 28, 60,
 // 63 for their causes, 1 for any other.
 int ExitCodeOfTransferError(const std::string& error);

@@ -2,6 +2,8 @@
 
 #include "Commands.h"
 
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -67,5 +69,22 @@ int ExitCodeOfTransferError(const std::string& error) {
     return kExitFailure;
   }
 }
+
+namespace {
+bool g_interrupted = false;
+void OnInterrupt(int) { std::atomic_ref<bool>(g_interrupted).store(true); }
+} // namespace
+
+const bool* InterruptFlag() {
+  static const bool installed = [] {
+    std::signal(SIGINT, &OnInterrupt);
+    std::signal(SIGTERM, &OnInterrupt);
+    return true;
+  }();
+  (void)installed;
+  return &g_interrupted;
+}
+
+bool Interrupted() { return std::atomic_ref<bool>(g_interrupted).load(); }
 
 } // namespace httptools

@@ -5,7 +5,6 @@
 #include <HttpTools/HttpTools.h>
 
 #include <algorithm>
-#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -13,10 +12,6 @@
 namespace httptools {
 
 namespace {
-
-bool g_interrupted = false;
-
-void OnInterrupt(int) { g_interrupted = true; }
 
 // "http://host:port/db" to server and database; false (usage) with a message otherwise.
 bool SplitDbUrl(const std::string& dbUrl, qz::couch::CouchConnectionParameters& server, std::string& db) {
@@ -55,8 +50,7 @@ void RunChanges(const ChangesArgs& a) {
   o.heartbeatMs = a.heartbeatMs;
   qz::http::HttpConnectionPool pool;
   qz::couch::ChangesFeedListener feed(pool, server, db, o);
-  std::signal(SIGINT, &OnInterrupt);
-  std::signal(SIGTERM, &OnInterrupt);
+  const bool* interrupted = InterruptFlag();
   std::string error;
   const bool ok = feed.run(
       [](const qz::couch::Change& c) {
@@ -64,7 +58,7 @@ void RunChanges(const ChangesArgs& a) {
         std::cout.flush();
         return bool(std::cout);
       },
-      &error, &g_interrupted);
+      &error, interrupted);
   if (!ok)
     std::cerr << "httptools couch changes: " << error << "\n";
   exitCode = ok ? 0 : 1;

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -15,10 +14,6 @@
 namespace httptools {
 
 namespace {
-
-bool g_riverInterrupted = false;
-
-void OnRiverInterrupt(int) { g_riverInterrupted = true; }
 
 struct RiverArgs {
   std::string couchUrl, elasticUrl, mappingFile, name;
@@ -78,8 +73,7 @@ void RunRiver(const RiverArgs& a) {
     exitCode = 2;
     return;
   }
-  std::signal(SIGINT, &OnRiverInterrupt);
-  std::signal(SIGTERM, &OnRiverInterrupt);
+  const bool* interrupted = InterruptFlag();
   auto print = [&] {
     for (const auto& s : rivers.status())
       std::cout << StatusLine(s) << std::endl;
@@ -89,7 +83,7 @@ void RunRiver(const RiverArgs& a) {
     std::atomic<bool> done{false};
     bool ok = false;
     std::thread worker([&] {
-      ok = rivers.runOnce(&error, &g_riverInterrupted);
+      ok = rivers.runOnce(&error, interrupted);
       done = true;
     });
     auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(a.statusMs);
@@ -109,8 +103,8 @@ void RunRiver(const RiverArgs& a) {
   }
 
   rivers.start();
-  while (!g_riverInterrupted) {
-    for (unsigned waited = 0; waited < a.statusMs && !g_riverInterrupted; waited += 20)
+  while (!Interrupted()) {
+    for (unsigned waited = 0; waited < a.statusMs && !Interrupted(); waited += 20)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     print();
   }

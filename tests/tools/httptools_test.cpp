@@ -7,12 +7,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 using testing::AllOf;
@@ -250,6 +255,50 @@ TEST_F(Tool, FailuresExitWithCurlsCodes) {
     EXPECT_THAT(o.err, c.err) << Joined(c.args);
     EXPECT_EQ(o.out, c.out) << Joined(c.args);
   }
+}
+
+// Ctrl-C ends a follow at once, with what it printed so far and exit 0, also while the feed is
+// silent (libcurl alone would notice only about once a second).
+TEST_F(Tool, InterruptEndsAQuietFollow) {
+  qztest::TestHttpServer own;
+  own.route("GET", "/db/_changes", [&own](const httplib::Request&, httplib::Response& res) {
+    res.set_chunked_content_provider("application/json", [&own](size_t, httplib::DataSink& sink) {
+      const std::string line = R"({"seq":"1-q","id":"a","changes":[{"rev":"1-x"}]})"
+                               "\n";
+      sink.write(line.data(), line.size());
+      while (own.sleepUnlessStopping(50)) {
+      }
+      return false;
+    });
+  });
+  ASSERT_TRUE(own.start()) << own.lastError();
+  const std::string out = file("feed.jsonl");
+  const std::string url = own.url("/db");
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ::dup2(fd, 1);
+    ::execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "couch", "changes", url.c_str(), "--follow", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ASSERT_GT(pid, 0);
+  for (int i = 0; i < 500 && read(out).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the transfer is idle again
+  const auto t0 = std::chrono::steady_clock::now();
+  ::kill(pid, SIGINT);
+  int status = 0;
+  while (::waitpid(pid, &status, WNOHANG) == 0 && std::chrono::steady_clock::now() - t0 < std::chrono::seconds(5))
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  const auto took = std::chrono::steady_clock::now() - t0;
+  if (took >= std::chrono::seconds(5)) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+  }
+  EXPECT_LT(took, std::chrono::milliseconds(300));
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_THAT(read(out), HasSubstr(R"("id":"a")"));
 }
 
 // jwt: a token signed by one command is checked by the next; refusals say why and exit 1.
