@@ -18,6 +18,7 @@
 #include "support/Process.h"
 
 #include "BenchSupport.h"
+#include "DomReference.h"
 
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
@@ -212,36 +213,6 @@ SearchSample streamedSearch(const std::string& index, unsigned page) {
   return s;
 }
 
-qzVariant toVariant(const rapidjson::Value& v) {
-  switch (v.GetType()) {
-  case rapidjson::kNullType:
-    return {};
-  case rapidjson::kFalseType:
-    return false;
-  case rapidjson::kTrueType:
-    return true;
-  case rapidjson::kStringType:
-    return std::string(v.GetString(), v.GetStringLength());
-  case rapidjson::kNumberType:
-    if (v.IsInt64())
-      return qzVariant(static_cast<long long>(v.GetInt64()));
-    return v.GetDouble();
-  case rapidjson::kArrayType: {
-    qz::qzVariantListImpl list;
-    for (const auto& e : v.GetArray())
-      list.push_back(toVariant(e));
-    return list;
-  }
-  case rapidjson::kObjectType: {
-    qzVariantMapImpl map;
-    for (const auto& m : v.GetObject())
-      map[std::string(m.name.GetString(), m.name.GetStringLength())] = toVariant(m.value);
-    return map;
-  }
-  }
-  return {};
-}
-
 // Reference: the same point-in-time pages, each read whole, parsed into a DOM, then walked.
 SearchSample domSearch(const std::string& index, unsigned page) {
   SearchSample s;
@@ -269,7 +240,7 @@ SearchSample domSearch(const std::string& index, unsigned page) {
     s.peak = std::max(s.peak, heapInUse() - std::min(base, heapInUse()));
     for (const auto& h : hits.GetArray()) {
       const std::string id = h["_id"].GetString();
-      qzVariant source = toVariant(h["_source"]);
+      qzVariant source = bench::ToVariant(h["_source"]);
       ++s.hits;
       s.weight += int64_t(id.size() + source.toMap().size());
     }

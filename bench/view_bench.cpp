@@ -2,6 +2,8 @@
 // and walking its rows into variants, on the same synthetic response in 16 KiB chunks.
 #include <HttpTools/couch/ViewResultStreamParser_p.h>
 
+#include "DomReference.h"
+
 #include <benchmark/benchmark.h>
 #include <rapidjson/document.h>
 
@@ -81,37 +83,6 @@ void BM_StreamingRows(benchmark::State& state) {
   report(state, rows, peak);
 }
 
-qzVariant toVariant(const rapidjson::Value& v) {
-  switch (v.GetType()) {
-  case rapidjson::kNullType:
-    return {};
-  case rapidjson::kFalseType:
-    return false;
-  case rapidjson::kTrueType:
-    return true;
-  case rapidjson::kStringType:
-    return std::string(v.GetString(), v.GetStringLength());
-  case rapidjson::kNumberType:
-    if (v.IsInt64())
-      return qzVariant(static_cast<long long>(v.GetInt64()));
-    return v.GetDouble();
-  case rapidjson::kArrayType: {
-    qz::qzVariantListImpl list;
-    list.reserve(v.Size());
-    for (const auto& e : v.GetArray())
-      list.push_back(toVariant(e));
-    return list;
-  }
-  case rapidjson::kObjectType: {
-    qz::qzVariantMapImpl map;
-    for (const auto& m : v.GetObject())
-      map[std::string(m.name.GetString(), m.name.GetStringLength())] = toVariant(m.value);
-    return map;
-  }
-  }
-  return {};
-}
-
 // Reference: collect the whole body as a write function would, parse it, then walk the rows.
 void BM_WholeBodyDom(benchmark::State& state) {
   const std::string& text = response();
@@ -129,9 +100,9 @@ void BM_WholeBodyDom(benchmark::State& state) {
     }
     Sink sink;
     for (const auto& row : doc["rows"].GetArray()) {
-      qzVariant key = toVariant(row["key"]);
-      qzVariant value = toVariant(row["value"]);
-      countRow(toVariant(row["id"]).toString(), key, value, &sink);
+      qzVariant key = bench::ToVariant(row["key"]);
+      qzVariant value = bench::ToVariant(row["value"]);
+      countRow(bench::ToVariant(row["id"]).toString(), key, value, &sink);
     }
     peak = std::max(peak, body.capacity() + doc.GetAllocator().Capacity());
     benchmark::DoNotOptimize(sink.weight);
