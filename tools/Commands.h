@@ -16,6 +16,8 @@
 namespace httptools {
 
 extern int exitCode;
+// The exit status of a command-line error: kExitUsage unless the command uses its own (ping: 3).
+extern int usageExitCode;
 
 // Exit codes shared with curl for the same causes.
 enum ExitCode : int {

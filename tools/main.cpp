@@ -7,6 +7,7 @@
 #include <iostream>
 
 int httptools::exitCode = 0;
+int httptools::usageExitCode = httptools::kExitUsage;
 
 namespace {
 
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     rc = app.exit(e);
     if (rc != 0)
-      rc = httptools::kExitUsage;
+      rc = httptools::usageExitCode;
   }
   qz::terminateHttpTools();
   return rc;

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/icmp6.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -21,6 +22,7 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <queue>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -101,7 +103,7 @@ struct Channel {
                                                    : impl::ReplyLayout::IPv4Datagram;
   }
 
-  void open(bool v6) {
+  void open(bool v6, unsigned ttl) {
     ipv6 = v6;
     const int family = v6 ? AF_INET6 : AF_INET;
     const int protocol = v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_ICMP};
@@ -120,6 +122,14 @@ struct Channel {
     }
     const int one = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_TIMESTAMPNS, &one, sizeof one);
+    const int hops = static_cast<int>(ttl);
+    if (hops > 0 && setsockopt(fd.get(), v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_UNICAST_HOPS : IP_TTL, &hops,
+                               sizeof hops) != 0) {
+      error = std::string("Cannot set the TTL: ") + std::strerror(errno);
+      kind = HostStatisticsRetriever::SK_None;
+      fd = Fd();
+      return;
+    }
     // Replies to a burst for many hosts arrive together; a small queue drops some of them.
     const int buffer = 4 * 1024 * 1024;
     setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
@@ -137,11 +147,54 @@ struct Channel {
   }
 };
 
+// The host's address: a literal as it is, a name by the resolver, of `family` alone when set.
+bool Resolve(const std::string& host, qz::IpAddress::Type family, qz::IpAddress& out, std::string& error) {
+  out.fromStringAddress(host, qz::IpAddress::IPT_None);
+  if (out.isValid() && family != qz::IpAddress::IPT_None && out.getType() != family) {
+    out = qz::IpAddress();
+    error = gai_strerror(EAI_ADDRFAMILY);
+    return false;
+  }
+  if (out.isValid())
+    return true;
+  addrinfo hints{};
+  hints.ai_family = family == qz::IpAddress::IPT_IPv4   ? AF_INET
+                    : family == qz::IpAddress::IPT_IPv6 ? AF_INET6
+                                                        : AF_UNSPEC;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* list = nullptr;
+  const int rc = host.empty() ? EAI_NONAME : ::getaddrinfo(host.c_str(), nullptr, &hints, &list);
+  if (rc != 0) {
+    error = rc == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(rc);
+    return false;
+  }
+  for (const addrinfo* a = list; a && !out.isValid(); a = a->ai_next)
+    if (a->ai_family == AF_INET)
+      out.fromIPv4(reinterpret_cast<const sockaddr_in*>(a->ai_addr));
+    else if (a->ai_family == AF_INET6)
+      out.fromIPv6(reinterpret_cast<const sockaddr_in6*>(a->ai_addr));
+  ::freeaddrinfo(list);
+  if (!out.isValid())
+    error = gai_strerror(EAI_NONAME);
+  return out.isValid();
+}
+
+std::string OptionsError(const ProbeOptions& o) {
+  if (o.payloadSize > ProbeOptions::kMaxPayloadSize)
+    return "Payload size " + std::to_string(o.payloadSize) + " above the largest, " +
+           std::to_string(ProbeOptions::kMaxPayloadSize);
+  if (o.ttl > 255)
+    return "TTL " + std::to_string(o.ttl) + " outside 1 to 255";
+  if (o.family != qz::IpAddress::IPT_None && o.family != qz::IpAddress::IPT_IPv4 && o.family != qz::IpAddress::IPT_IPv6)
+    return "Unknown address family";
+  return {};
+}
+
 } // namespace
 
 struct HostStatisticsRetriever::Impl {
   std::vector<std::string> hosts;
-  unsigned count, intervalMs, timeoutMs;
+  ProbeOptions options;
   std::atomic<int> kind4{SK_None}, kind6{SK_None};
 
   std::mutex mutex;
@@ -155,28 +208,29 @@ struct HostStatisticsRetriever::Impl {
 };
 
 bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, const std::function<bool()>& cancelled) {
+  const ProbeOptions& o = options;
   const size_t n = hosts.size();
   out.assign(n, HostStatistics{});
+  const std::string refused = OptionsError(o);
   bool need[2] = {false, false};
   for (size_t i = 0; i < n; ++i) {
     HostStatistics& h = out[i];
     h.host = hosts[i];
-    h.address.fromStringAddress(h.host, qz::IpAddress::IPT_None);
-    if (!h.address.isValid() && !h.host.empty()) {
-      std::vector<qz::IpAddress> found;
-      if (qz::ResolveHostName(h.host, 0, found))
-        h.address = found.front();
-    }
-    if (!h.address.isValid())
-      h.error = "Cannot resolve host name";
-    else
+    if (!refused.empty()) {
+      h.error = refused;
+      h.errorKind = HostStatistics::EK_Options;
+    } else if (std::string why; !Resolve(h.host, o.family, h.address, why)) {
+      h.error = "Cannot resolve host name: " + why;
+      h.errorKind = HostStatistics::EK_Resolve;
+    } else {
       need[h.address.getType() == qz::IpAddress::IPT_IPv6] = true;
+    }
   }
 
   Channel channels[2];
   for (int v6 = 0; v6 < 2; ++v6)
     if (need[v6])
-      channels[v6].open(v6 == 1);
+      channels[v6].open(v6 == 1, o.ttl);
   kind4 = channels[0].kind;
   kind6 = channels[1].kind;
 
@@ -185,10 +239,12 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
     if (!out[i].error.empty())
       continue;
     const Channel& ch = channels[out[i].address.getType() == qz::IpAddress::IPT_IPv6];
-    if (ch.kind == SK_None)
+    if (ch.kind == SK_None) {
       out[i].error = ch.error;
-    else
+      out[i].errorKind = HostStatistics::EK_Socket;
+    } else {
       probed.push_back(i);
+    }
   }
   if (probed.empty())
     return false;
@@ -196,28 +252,49 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
   std::random_device random;
   const uint64_t token = uint64_t{random()} << 32 | random();
   const auto identifier = static_cast<uint16_t>(random());
+  // Payloads too small for a tag are told apart by sequence number: who owns each one.
+  const bool tagged = o.payloadSize >= impl::kTagSize;
+  std::vector<impl::ProbeTag> owners[2];
+  if (!tagged)
+    for (std::vector<impl::ProbeTag>& v : owners)
+      v.resize(65536);
 
-  ProbeBook book(n, count);
-  unsigned char packet[impl::kHeaderSize + impl::kPayloadSize];
-  unsigned char payload[impl::kPayloadSize];
-  auto send = [&](size_t host, unsigned probe) {
-    const qz::IpAddress& to = out[host].address;
-    Channel& ch = channels[to.getType() == qz::IpAddress::IPT_IPv6];
-    impl::WritePayload({token, static_cast<uint32_t>(host), probe}, payload);
-    const uint16_t sequence = ch.nextSequence++;
-    impl::BuildEchoRequest(ch.ipv6, identifier, sequence, payload, sizeof payload, packet);
-    const int64_t sentNs = WallNs();
-    // A probe the kernel refuses (a blackhole or unreachable route) is lost like an unanswered one.
-    (void)::sendto(ch.fd.get(), packet, sizeof packet, 0, to.getSockaddr(), to.getSockaddrLen());
-    book.markSent(host, probe, sequence, sentNs, MonoMs() + timeoutMs);
+  auto report = [&](size_t host, unsigned probe, std::optional<double> rttMs) {
+    if (!o.onProbe)
+      return;
+    try {
+      o.onProbe(host, probe, rttMs);
+    } catch (...) {
+      // the caller's exception stays on the caller's side
+    }
   };
 
+  ProbeBook book(n, o.count);
+  std::vector<unsigned char> packet(impl::kHeaderSize + o.payloadSize), payload(o.payloadSize);
+  auto send = [&](size_t host, unsigned probe) {
+    const qz::IpAddress& to = out[host].address;
+    const bool v6 = to.getType() == qz::IpAddress::IPT_IPv6;
+    Channel& ch = channels[v6];
+    const impl::ProbeTag tag{token, static_cast<uint32_t>(host), probe};
+    impl::WritePayload(tag, payload.data(), payload.size());
+    const uint16_t sequence = ch.nextSequence++;
+    if (!tagged)
+      owners[v6][sequence] = tag;
+    impl::BuildEchoRequest(ch.ipv6, identifier, sequence, payload.data(), payload.size(), packet.data());
+    const int64_t sentNs = WallNs();
+    // A probe the kernel refuses (a blackhole or unreachable route) is lost at once.
+    const bool sent = ::sendto(ch.fd.get(), packet.data(), packet.size(), 0, to.getSockaddr(), to.getSockaddrLen()) ==
+                      static_cast<ssize_t>(packet.size());
+    book.markSent(host, probe, sequence, sentNs, MonoMs() + o.timeoutMs, !sent);
+  };
+
+  // Room for the largest reply with an IPv4 header and its options; larger ones are not ours.
+  std::vector<unsigned char> buffer(60 + impl::kHeaderSize + o.payloadSize + 1);
   auto drain = [&](Channel& ch) {
-    unsigned char buffer[2048];
     alignas(cmsghdr) unsigned char control[256];
     for (int budget = 0; budget < 1024; ++budget) {
       sockaddr_storage from{};
-      iovec iov{buffer, sizeof buffer};
+      iovec iov{buffer.data(), buffer.size()};
       msghdr msg{};
       msg.msg_name = &from;
       msg.msg_namelen = sizeof from;
@@ -233,6 +310,8 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
           return;
         continue; // an ICMP error reported on the socket: read on
       }
+      if (msg.msg_flags & MSG_TRUNC)
+        continue;
       int64_t receivedNs = 0;
       for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c))
         if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS &&
@@ -245,9 +324,13 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
         receivedNs = WallNs();
       impl::EchoReply reply;
       impl::ProbeTag tag;
-      if (!impl::ParseEchoReply(buffer, static_cast<size_t>(got), ch.layout(), reply) ||
+      if (!impl::ParseEchoReply(buffer.data(), static_cast<size_t>(got), ch.layout(), reply) ||
           (ch.kind == SK_Raw && reply.identifier != identifier) ||
-          !impl::ReadPayload(reply.payload, reply.payloadSize, tag) || tag.token != token || tag.host >= n)
+          !impl::ReadPayload(reply.payload, reply.payloadSize, tag, o.payloadSize))
+        continue;
+      if (!tagged)
+        tag = owners[ch.ipv6][reply.sequence];
+      if (tag.token != token || tag.host >= n)
         continue;
       qz::IpAddress source;
       if (ch.ipv6)
@@ -258,12 +341,30 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
         continue;
       // Late or not by the kernel's arrival stamp: a slow reader does not turn replies into losses.
       const int64_t arrivedMs = MonoMs() - std::max<int64_t>(0, WallNs() - receivedNs) / 1000000;
-      book.record(tag.host, tag.probe, reply.sequence, receivedNs, arrivedMs);
+      long long rttUs = 0;
+      const ProbeBook::Outcome outcome =
+          book.record(tag.host, tag.probe, reply.sequence, receivedNs, arrivedMs, &rttUs);
+      if (outcome == ProbeBook::Matched)
+        report(tag.host, tag.probe, static_cast<double>(rttUs) / 1000);
+      else if (outcome == ProbeBook::TimedOut)
+        report(tag.host, tag.probe, std::nullopt);
     }
   };
 
+  // Each host's next probe is due a period after its last one; between any two sends at least
+  // the interval passes. Hosts start in list order, an interval apart.
+  struct Due {
+    int64_t atMs;
+    size_t order;
+    bool operator>(const Due& d) const { return atMs != d.atMs ? atMs > d.atMs : order > d.order; }
+  };
+  std::priority_queue<Due, std::vector<Due>, std::greater<>> queue;
+  std::vector<unsigned> nextProbe(probed.size(), 0);
   const int64_t begin = MonoMs();
-  unsigned nextProbe = 0;
+  if (o.count > 0)
+    for (size_t k = 0; k < probed.size(); ++k)
+      queue.push({begin, k});
+  int64_t nextSendMs = begin;
   bool wasCancelled = false;
   pollfd fds[2];
   nfds_t fdCount = 0;
@@ -273,35 +374,40 @@ bool HostStatisticsRetriever::Impl::round(std::vector<HostStatistics>& out, cons
       fds[fdCount] = pollfd{ch.fd.get(), POLLIN, 0};
       polled[fdCount++] = &ch;
     }
+  auto drainAll = [&] {
+    for (nfds_t k = 0; k < fdCount; ++k)
+      drain(*polled[k]);
+  };
+  auto lost = [&](size_t host, unsigned probe) { report(host, probe, std::nullopt); };
   for (;;) {
     if (cancelled && cancelled()) {
       wasCancelled = true;
       break;
     }
     int64_t now = MonoMs();
-    while (nextProbe < count && now >= begin + int64_t{nextProbe} * intervalMs) {
-      // Loopback answers during the send: read between sends, or a long burst (or bursts caught
-      // up after a stall) fills the socket's queue and the kernel drops replies.
-      size_t sent = 0;
-      for (size_t host : probed) {
-        send(host, nextProbe);
-        if (++sent % 32 == 0)
-          for (nfds_t k = 0; k < fdCount; ++k)
-            drain(*polled[k]);
+    // Loopback answers during the send: read between sends, or a long burst (or bursts caught
+    // up after a stall) fills the socket's queue and the kernel drops replies.
+    for (size_t sent = 0; !queue.empty() && queue.top().atMs <= now && nextSendMs <= now;) {
+      const size_t k = queue.top().order;
+      queue.pop();
+      send(probed[k], nextProbe[k]);
+      if (++nextProbe[k] < o.count)
+        queue.push({now + o.periodMs, k});
+      if (o.intervalMs) {
+        nextSendMs = now + o.intervalMs;
+        break;
       }
-      for (nfds_t k = 0; k < fdCount; ++k)
-        drain(*polled[k]);
-      ++nextProbe;
-      now = MonoMs();
+      if (++sent % 32 == 0)
+        drainAll();
     }
-    for (nfds_t k = 0; k < fdCount; ++k)
-      drain(*polled[k]); // what came in time is counted before the deadlines are applied
-    book.expire(now);
-    if (nextProbe >= count && !book.hasPending())
+    drainAll(); // what came in time is counted before the deadlines are applied
+    now = MonoMs();
+    book.expire(now, lost);
+    if (queue.empty() && !book.hasPending())
       break;
     int64_t wakeAt = book.nextDeadline();
-    if (nextProbe < count)
-      wakeAt = std::min(wakeAt, begin + int64_t{nextProbe} * intervalMs);
+    if (!queue.empty())
+      wakeAt = std::min(wakeAt, std::max(queue.top().atMs, nextSendMs));
     // Short waits keep a cancel request answered quickly.
     const int waitMs = static_cast<int>(std::clamp<int64_t>(wakeAt - now, 0, 20));
     if (::poll(fds, fdCount, waitMs) > 0)
@@ -336,11 +442,18 @@ void HostStatisticsRetriever::Impl::run(const std::function<void(const std::vect
 
 HostStatisticsRetriever::HostStatisticsRetriever(std::vector<std::string> hosts, unsigned count, unsigned intervalMs,
                                                  unsigned timeoutMs)
+    : HostStatisticsRetriever(std::move(hosts), [&] {
+        ProbeOptions o;
+        o.count = count;
+        o.periodMs = intervalMs;
+        o.timeoutMs = timeoutMs;
+        return o;
+      }()) {}
+
+HostStatisticsRetriever::HostStatisticsRetriever(std::vector<std::string> hosts, ProbeOptions options)
     : m_d(std::make_unique<Impl>()) {
   m_d->hosts = std::move(hosts);
-  m_d->count = count;
-  m_d->intervalMs = intervalMs;
-  m_d->timeoutMs = timeoutMs;
+  m_d->options = std::move(options);
 }
 
 HostStatisticsRetriever::~HostStatisticsRetriever() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 
 namespace qz::icmp::impl {
@@ -10,7 +11,6 @@ namespace {
 
 constexpr unsigned char kEchoReplyV4 = 0, kEchoRequestV4 = 8;
 constexpr unsigned char kEchoReplyV6 = 129, kEchoRequestV6 = 128;
-constexpr size_t kTagSize = 16;
 
 uint16_t Get16(const unsigned char* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 void Put16(unsigned char* p, uint16_t v) {
@@ -79,24 +79,30 @@ void BuildEchoRequest(bool ipv6, uint16_t identifier, uint16_t sequence, const u
     Put16(out + 2, InternetChecksum(out, kHeaderSize + payloadSize));
 }
 
-void WritePayload(const ProbeTag& tag, unsigned char* out) {
-  Put32(out, static_cast<uint32_t>(tag.token >> 32));
-  Put32(out + 4, static_cast<uint32_t>(tag.token));
-  Put32(out + 8, tag.host);
-  Put32(out + 12, tag.probe);
-  for (size_t i = kTagSize; i < kPayloadSize; ++i)
+void WritePayload(const ProbeTag& tag, unsigned char* out, size_t size) {
+  const size_t fillFrom = size >= kTagSize ? kTagSize : 0;
+  if (fillFrom) {
+    Put32(out, static_cast<uint32_t>(tag.token >> 32));
+    Put32(out + 4, static_cast<uint32_t>(tag.token));
+    Put32(out + 8, tag.host);
+    Put32(out + 12, tag.probe);
+  }
+  for (size_t i = fillFrom; i < size; ++i)
     out[i] = Filler(i);
 }
 
-bool ReadPayload(const unsigned char* payload, size_t size, ProbeTag& tag) {
-  if (!payload || size != kPayloadSize)
+bool ReadPayload(const unsigned char* payload, size_t size, ProbeTag& tag, size_t expected) {
+  if ((!payload && size) || size != expected)
     return false;
-  for (size_t i = kTagSize; i < kPayloadSize; ++i)
+  const size_t fillFrom = size >= kTagSize ? kTagSize : 0;
+  for (size_t i = fillFrom; i < size; ++i)
     if (payload[i] != Filler(i))
       return false;
-  tag.token = uint64_t{Get32(payload)} << 32 | Get32(payload + 4);
-  tag.host = Get32(payload + 8);
-  tag.probe = Get32(payload + 12);
+  if (fillFrom) {
+    tag.token = uint64_t{Get32(payload)} << 32 | Get32(payload + 4);
+    tag.host = Get32(payload + 8);
+    tag.probe = Get32(payload + 12);
+  }
   return true;
 }
 
@@ -139,24 +145,60 @@ void ComputeStatistics(const std::vector<long long>& rttUs, unsigned sent, unsig
   out.mdevMs = static_cast<double>(IntegerSqrt(variance)) / 1000;
 }
 
+void ComputeProbeFigures(const std::vector<std::optional<long long>>& probeUs, HostStatistics& out) {
+  out.probeMs.clear();
+  std::vector<double> answered;
+  double jitterSum = 0;
+  for (const std::optional<long long>& us : probeUs) {
+    out.probeMs.push_back(us ? std::optional<double>(static_cast<double>(*us) / 1000) : std::nullopt);
+    if (!us)
+      continue;
+    if (!answered.empty())
+      jitterSum += std::abs(*out.probeMs.back() - answered.back());
+    answered.push_back(*out.probeMs.back());
+  }
+  out.stddevMs = out.p50Ms = out.p90Ms = out.p99Ms = out.jitterMs = 0;
+  const size_t n = answered.size();
+  if (n == 0)
+    return;
+  if (n > 1)
+    out.jitterMs = jitterSum / static_cast<double>(n - 1);
+  double mean = 0;
+  for (double t : answered)
+    mean += t;
+  mean /= static_cast<double>(n);
+  double squares = 0;
+  for (double t : answered)
+    squares += (t - mean) * (t - mean);
+  out.stddevMs = std::sqrt(squares / static_cast<double>(n));
+  std::sort(answered.begin(), answered.end());
+  // Nearest rank: the smallest time with at least p% of the times at or below it.
+  auto rank = [&](unsigned p) { return answered[std::max<size_t>(1, (n * p + 99) / 100) - 1]; };
+  out.p50Ms = rank(50);
+  out.p90Ms = rank(90);
+  out.p99Ms = rank(99);
+}
+
 ProbeBook::ProbeBook(size_t hosts, unsigned count) : m_hosts(hosts) {
   for (Host& h : m_hosts)
     h.probes.resize(count);
 }
 
-void ProbeBook::markSent(size_t host, unsigned probe, uint16_t sequence, int64_t sentNs, int64_t deadlineMs) {
+void ProbeBook::markSent(size_t host, unsigned probe, uint16_t sequence, int64_t sentNs, int64_t deadlineMs,
+                         bool refused) {
   if (host >= m_hosts.size() || probe >= m_hosts[host].probes.size())
     return;
   Probe& p = m_hosts[host].probes[probe];
   if (p.state != Unsent)
     return;
-  p = Probe{sequence, Pending, sentNs, deadlineMs};
+  p = Probe{sequence, refused ? Expired : Pending, sentNs, deadlineMs, 0};
   ++m_hosts[host].sent;
-  ++m_pending;
+  if (!refused)
+    ++m_pending;
 }
 
-ProbeBook::Outcome ProbeBook::record(size_t host, unsigned probe, uint16_t sequence, int64_t receivedNs,
-                                     int64_t nowMs) {
+ProbeBook::Outcome ProbeBook::record(size_t host, unsigned probe, uint16_t sequence, int64_t receivedNs, int64_t nowMs,
+                                     long long* rttUs) {
   if (host >= m_hosts.size() || probe >= m_hosts[host].probes.size())
     return Unknown;
   Host& h = m_hosts[host];
@@ -166,23 +208,29 @@ ProbeBook::Outcome ProbeBook::record(size_t host, unsigned probe, uint16_t seque
   if (p.state == Pending && nowMs >= p.deadlineMs) {
     p.state = Expired;
     --m_pending;
+    return TimedOut;
   }
   if (p.state == Expired)
     return Late;
   // Whole microseconds, rounded down, as ping takes them; a wall clock step back gives 0.
-  h.rttUs.push_back(std::max<int64_t>(0, (receivedNs - p.sentNs) / 1000));
+  const long long rtt = std::max<int64_t>(0, (receivedNs - p.sentNs) / 1000);
+  h.rttUs.push_back(rtt);
+  if (rttUs)
+    *rttUs = rtt;
   if (p.state == Answered) {
     ++h.duplicates;
     return Duplicate;
   }
   p.state = Answered;
+  p.rttUs = rtt;
   ++h.received;
   --m_pending;
   return Matched;
 }
 
-void ProbeBook::expire(int64_t nowMs) {
-  for (Host& h : m_hosts) {
+void ProbeBook::expire(int64_t nowMs, const std::function<void(size_t host, unsigned probe)>& onLost) {
+  for (size_t i = 0; i < m_hosts.size(); ++i) {
+    Host& h = m_hosts[i];
     for (size_t k = h.open; k < h.probes.size() && h.probes[k].state != Unsent; ++k) {
       Probe& p = h.probes[k];
       if (p.state != Pending)
@@ -191,6 +239,8 @@ void ProbeBook::expire(int64_t nowMs) {
         break; // the later probes of this host expire later still
       p.state = Expired;
       --m_pending;
+      if (onLost)
+        onLost(i, static_cast<unsigned>(k));
     }
     while (h.open < h.probes.size() && (h.probes[h.open].state == Answered || h.probes[h.open].state == Expired))
       ++h.open;
@@ -213,6 +263,11 @@ void ProbeBook::fill(size_t host, HostStatistics& out) const {
     return;
   const Host& h = m_hosts[host];
   ComputeStatistics(h.rttUs, h.sent, h.received, h.duplicates, out);
+  std::vector<std::optional<long long>> probeUs;
+  for (const Probe& p : h.probes)
+    if (p.state != Unsent)
+      probeUs.push_back(p.state == Answered ? std::optional<long long>(p.rttUs) : std::nullopt);
+  ComputeProbeFigures(probeUs, out);
 }
 
 } // namespace qz::icmp::impl

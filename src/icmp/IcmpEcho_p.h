@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <vector>
 
 namespace qz::icmp::impl {
@@ -24,6 +26,7 @@ struct EchoReply {
 
 constexpr size_t kHeaderSize = 8;   // type, code, checksum, identifier, sequence
 constexpr size_t kPayloadSize = 56; // what ping and fping send by default
+constexpr size_t kTagSize = 16;     // a ProbeTag; smaller payloads carry the filler alone
 
 // True for a well-formed echo reply (IPv4 checksums are verified; the kernel checks ICMPv6's).
 bool ParseEchoReply(const unsigned char* data, size_t size, ReplyLayout layout, EchoReply& out);
@@ -42,8 +45,10 @@ struct ProbeTag {
   uint32_t host = 0;
   uint32_t probe = 0;
 };
-void WritePayload(const ProbeTag& tag, unsigned char* out); // kPayloadSize bytes
-bool ReadPayload(const unsigned char* payload, size_t size, ProbeTag& tag);
+// `size` bytes: the tag when there is room for it, a fixed filler after it.
+void WritePayload(const ProbeTag& tag, unsigned char* out, size_t size = kPayloadSize);
+// True when `size` is `expected` and the filler is intact; the tag is read when there is one.
+bool ReadPayload(const unsigned char* payload, size_t size, ProbeTag& tag, size_t expected = kPayloadSize);
 
 // Integer square root by Newton's method, as iputils ping takes it (sqrt(a + 1) when a + 1 is a square).
 long long IntegerSqrt(long long a);
@@ -52,22 +57,30 @@ long long IntegerSqrt(long long a);
 // microseconds (replies and duplicates alike), the way iputils ping computes them.
 void ComputeStatistics(const std::vector<long long>& rttUs, unsigned sent, unsigned received, unsigned duplicates,
                        HostStatistics& out);
+// Fills probeMs, stddev, the percentiles and jitter from each sent probe's time in whole
+// microseconds (nothing for a lost one).
+void ComputeProbeFigures(const std::vector<std::optional<long long>>& probeUs, HostStatistics& out);
 
 // The probes of one round and what came back for them.
 class ProbeBook {
 public:
-  enum Outcome { Matched, Duplicate, Late, Unknown };
+  // TimedOut: the reply came past the deadline of a probe not yet given up, which is lost now;
+  // Late: it came for a probe given up before.
+  enum Outcome { Matched, Duplicate, TimedOut, Late, Unknown };
 
   ProbeBook(size_t hosts, unsigned count);
 
-  // A probe left (or failed to: it is lost all the same) at `sentNs` on the wall clock and
-  // expires at `deadlineMs` on the monotonic clock. A host's probes leave in order, their
+  // A probe left at `sentNs` on the wall clock and expires at `deadlineMs` on the monotonic
+  // clock; one the system `refused` is lost at once. A host's probes leave in order, their
   // deadlines never decreasing.
-  void markSent(size_t host, unsigned probe, uint16_t sequence, int64_t sentNs, int64_t deadlineMs);
-  // A reply for (host, probe) with this sequence number came in at `receivedNs` (wall clock).
-  Outcome record(size_t host, unsigned probe, uint16_t sequence, int64_t receivedNs, int64_t nowMs);
-  // Marks probes unanswered at `nowMs` past their deadline as lost.
-  void expire(int64_t nowMs);
+  void markSent(size_t host, unsigned probe, uint16_t sequence, int64_t sentNs, int64_t deadlineMs,
+                bool refused = false);
+  // A reply for (host, probe) with this sequence number came in at `receivedNs` (wall clock);
+  // a match or duplicate leaves its time in `*rttUs`.
+  Outcome record(size_t host, unsigned probe, uint16_t sequence, int64_t receivedNs, int64_t nowMs,
+                 long long* rttUs = nullptr);
+  // Marks probes unanswered at `nowMs` past their deadline as lost, telling `onLost` of each.
+  void expire(int64_t nowMs, const std::function<void(size_t host, unsigned probe)>& onLost = {});
   bool hasPending() const { return m_pending > 0; }
   // The earliest deadline of a pending probe; INT64_MAX when none is pending.
   int64_t nextDeadline() const;
@@ -81,6 +94,7 @@ private:
     State state = Unsent;
     int64_t sentNs = 0;
     int64_t deadlineMs = 0;
+    long long rttUs = 0; // of the first reply
   };
   struct Host {
     std::vector<Probe> probes;

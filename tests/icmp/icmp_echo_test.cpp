@@ -126,12 +126,22 @@ TEST(IcmpEcho, ParserRejectsWhatIsNotAnIntactEchoReply) {
 }
 
 TEST(IcmpEcho, PayloadTagOnlyFromAnUnchangedPayload) {
-  unsigned char p[kPayloadSize];
-  WritePayload(kTag, p);
-  ProbeTag tag;
-  EXPECT_FALSE(ReadPayload(p, kPayloadSize - 1, tag)) << "truncated";
-  p[kPayloadSize - 1] ^= 0x80;
-  EXPECT_FALSE(ReadPayload(p, kPayloadSize, tag)) << "filler changed";
+  // Sizes below the tag carry the filler alone; the tag comes back from any size that holds it.
+  for (size_t size : {size_t{0}, size_t{8}, kTagSize - 1, kTagSize, kPayloadSize, size_t{1400}}) {
+    SCOPED_TRACE(size);
+    std::vector<unsigned char> p(size + 1, 0);
+    WritePayload(kTag, p.data(), size);
+    ProbeTag tag;
+    ASSERT_TRUE(ReadPayload(p.data(), size, tag, size));
+    EXPECT_EQ(tag.token, size >= kTagSize ? kTag.token : 0);
+    EXPECT_EQ(tag.probe, size >= kTagSize ? kTag.probe : 0);
+    EXPECT_FALSE(ReadPayload(p.data(), size + 1, tag, size)) << "longer than sent";
+    if (size == 0)
+      continue;
+    EXPECT_FALSE(ReadPayload(p.data(), size - 1, tag, size)) << "truncated";
+    p[size - 1] ^= 0x80;
+    EXPECT_EQ(ReadPayload(p.data(), size, tag, size), size == kTagSize) << "last byte changed: filler, or tag alone";
+  }
 }
 
 TEST(IcmpStatistics, IntegerSqrtAsPingTakesIt) {
@@ -191,7 +201,7 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
   EXPECT_EQ(book.record(0, 2, 99, t0 + 1, 500), ProbeBook::Unknown) << "sequence of another probe";
   EXPECT_EQ(book.record(1, 0, 0, t0 + 1, 500), ProbeBook::Unknown) << "never sent";
   EXPECT_EQ(book.record(5, 0, 10, t0 + 1, 500), ProbeBook::Unknown) << "no such host";
-  EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::Late) << "at its deadline";
+  EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::TimedOut) << "at its deadline";
   EXPECT_FALSE(book.hasPending());
   EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::Late) << "stays lost";
 
@@ -203,20 +213,62 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
   EXPECT_DOUBLE_EQ(s.minMs, 0.1);
   EXPECT_DOUBLE_EQ(s.maxMs, 0.3);
   EXPECT_DOUBLE_EQ(s.mdevMs, 0.081);
+  // The probes in order, the duplicate left out: 0.1, 0.2, and the third lost.
+  ASSERT_EQ(s.probeMs.size(), 3u);
+  EXPECT_DOUBLE_EQ(s.probeMs[0].value_or(-1), 0.1);
+  EXPECT_DOUBLE_EQ(s.probeMs[1].value_or(-1), 0.2);
+  EXPECT_FALSE(s.probeMs[2]);
 }
 
 TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
-  ProbeBook book(1, 2);
+  ProbeBook book(1, 4);
   book.markSent(0, 0, 1, 0, 100);
   book.markSent(0, 1, 2, 0, 200);
-  book.expire(150);
+  book.markSent(0, 2, 3, 0, 300, true);
+  std::vector<unsigned> lost;
+  auto onLost = [&lost](size_t host, unsigned probe) { lost.push_back(static_cast<unsigned>(host * 10 + probe)); };
+  book.expire(150, onLost);
   EXPECT_EQ(book.nextDeadline(), 200) << "the first probe is given up, the second still waits";
-  book.expire(200);
-  EXPECT_FALSE(book.hasPending());
+  book.expire(200, onLost);
+  EXPECT_EQ(lost, (std::vector<unsigned>{0, 1})) << "each once; the refused one is not a time-out";
+  EXPECT_FALSE(book.hasPending()) << "a refused probe waits for nothing";
   EXPECT_EQ(book.nextDeadline(), INT64_MAX);
   HostStatistics s;
   book.fill(0, s);
-  EXPECT_EQ(s.sent, 2u);
+  EXPECT_EQ(s.sent, 3u) << "the refused probe counts as sent";
   EXPECT_EQ(s.received, 0u);
   EXPECT_DOUBLE_EQ(s.lossPercent, 100);
+  EXPECT_EQ(s.probeMs.size(), 3u) << "the unsent fourth has no place";
+}
+
+TEST(IcmpStatistics, ProbeFiguresComputedByHand) {
+  using Us = std::optional<long long>;
+  const Us lost;
+  const struct {
+    const char* name;
+    std::vector<Us> probes;
+    double stddev, p50, p90, p99, jitter;
+  } cases[] = {
+      // mean 0.25, squares 0.0225 + 0.0025 + 0.0025 + 0.0225 over 4: sqrt(0.0125)
+      {"four", {100, 200, 300, 400}, 0.11180339887498948, 0.2, 0.4, 0.4, 0.1},
+      // jitter over the answered neighbours: |0.3 - 0.1| and |0.2 - 0.3|; ranks of 0.1 0.2 0.3
+      {"lost ones skipped", {lost, 100, lost, 300, 200}, 0.081649658092772609, 0.2, 0.3, 0.3, 0.15},
+      {"one reply", {lost, 500}, 0, 0.5, 0.5, 0.5, 0},
+      {"none", {lost, lost}, 0, 0, 0, 0, 0},
+      // ten times 1..10 ms: p50 the 5th, p90 the 9th, p99 the 10th
+      {"ten", {1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000}, 2.8722813232690143, 5, 9, 10, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HostStatistics s;
+    ComputeProbeFigures(c.probes, s);
+    ASSERT_EQ(s.probeMs.size(), c.probes.size());
+    for (size_t i = 0; i < c.probes.size(); ++i)
+      EXPECT_EQ(s.probeMs[i].has_value(), c.probes[i].has_value()) << i;
+    EXPECT_DOUBLE_EQ(s.stddevMs, c.stddev);
+    EXPECT_DOUBLE_EQ(s.p50Ms, c.p50);
+    EXPECT_DOUBLE_EQ(s.p90Ms, c.p90);
+    EXPECT_DOUBLE_EQ(s.p99Ms, c.p99);
+    EXPECT_DOUBLE_EQ(s.jitterMs, c.jitter);
+  }
 }
