@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <stdexcept>
@@ -34,30 +35,26 @@ TEST(RiverPipeline, EachChangeBecomesTheOperationItAsksFor) {
     doc["seen"] = 1;
     return !doc.count("drop");
   };
-  const std::string del = R"({"delete":{"_index":"i-1","_id":)";
+  // An operation's action line and source line (if any), written here with ' for ".
+  auto lines = [](const char* action, const char* id, int version, std::string source = {}) {
+    std::string out = std::string("{'") + action + "':{'_index':'i-1','_id':'" + id +
+                      "','version':" + std::to_string(version) + ",'version_type':'external'}}\n" + source +
+                      (source.empty() ? "" : "\n");
+    std::replace(out.begin(), out.end(), '\'', '"');
+    return out;
+  };
   struct Case {
     qz::couch::Change change;
     bool needsOp, skipped;
     std::string line;
   } cases[] = {
       {MakeChange("a", "3-x", R"({"_id":"a","_rev":"3-x","_conflicts":["2-y"],"n":1})"), true, false,
-       R"({"index":{"_index":"i-1","_id":"a","version":3,"version_type":"external"}})"
-       "\n"
-       R"({"n":1,"seen":1})"
-       "\n"},
-      {MakeChange("q\"", "4-x", "null", true), true, false,
-       del + R"("q\"","version":4,"version_type":"external"}})"
-             "\n"},
-      {MakeChange("_design/v", "1-x", R"({"views":{}})"), true, false,
-       del + R"("_design/v","version":1,"version_type":"external"}})"
-             "\n"},
-      {MakeChange("d", "2-x", R"({"drop":true})"), true, true,
-       del + R"("d","version":2,"version_type":"external"}})"
-             "\n"},
-      {MakeChange("t", "12-x", R"({"boom":1})"), true, true,
-       del + R"("t","version":12,"version_type":"external"}})"
-             "\n"},
-      {MakeChange("r", "", R"({"n":2})"), false, false, ""},
+       lines("index", "a", 3, "{'n':1,'seen':1}")},
+      {MakeChange("q\\", "4-x", "null", true), true, false, lines("delete", "q\\\\", 4)},
+      {MakeChange("_design/v", "1-x", R"({"views":{}})"), true, false, lines("delete", "_design/v", 1)},
+      {MakeChange("d", "2-x", R"({"drop":true})"), true, true, lines("delete", "d", 2)}, // left out
+      {MakeChange("t", "12-x", R"({"boom":1})"), true, true, lines("delete", "t", 12)},  // transform threw
+      {MakeChange("r", "", R"({"n":2})"), false, false, ""},                             // no revision
   };
   for (const auto& c : cases) {
     BulkOp op;
