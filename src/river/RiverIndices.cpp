@@ -8,8 +8,6 @@
 
 namespace qz::river::detail {
 
-using qz::elasticsearch::AppendJsonString;
-
 namespace {
 constexpr const char* kMetaKey = "httptools_river";
 
@@ -93,13 +91,10 @@ RiverOutcome IndexManager::compare(const std::string& index, Match& match, const
 RiverOutcome IndexManager::create(const std::string& index, bool withAlias, bool& existed, const bool* cancel) {
   qzVariant mapping = m_wanted;
   mapping.asMap()["_meta"].asMap()[kMetaKey] = qzVariantMapImpl{{"mapping", m_wantedPacked}};
-  std::string body = "{\"mappings\":" + JsonText(mapping);
-  if (withAlias) {
-    body += ",\"aliases\":{";
-    AppendJsonString(body, m_alias);
-    body += ":{}}";
-  }
-  body += "}";
+  qzVariantMapImpl request{{"mappings", std::move(mapping)}};
+  if (withAlias)
+    request["aliases"] = qzVariantMapImpl{{m_alias, qzVariantMapImpl{}}};
+  const std::string body = JsonText(std::move(request));
   const auto resp = CallElastic(m_pool, "PUT", m_elastic.toIndexUrl(index, {}), &body, cancel);
   existed = resp.status == 400 && ElasticErrorType(resp) == "resource_already_exists_exception";
   if (resp.status == 200 || existed)
@@ -187,15 +182,11 @@ RiverOutcome IndexManager::startBuild(RiverState& state, const std::string& live
 RiverOutcome IndexManager::swap(RiverState& state, const bool* cancel) {
   const std::string& fresh = state.building;
   CallElastic(m_pool, "POST", m_elastic.toApiUrl({fresh, "_refresh"}, {}), nullptr, cancel);
-  std::string body = "{\"actions\":[{\"remove\":{\"index\":";
-  AppendJsonString(body, state.index);
-  body += ",\"alias\":";
-  AppendJsonString(body, m_alias);
-  body += "}},{\"add\":{\"index\":";
-  AppendJsonString(body, fresh);
-  body += ",\"alias\":";
-  AppendJsonString(body, m_alias);
-  body += "}}]}";
+  auto action = [&](const char* name, const std::string& index) {
+    return qzVariantMapImpl{{name, qzVariantMapImpl{{"index", index}, {"alias", m_alias}}}};
+  };
+  const std::string body =
+      JsonText(qzVariantMapImpl{{"actions", qzVariantListImpl{action("remove", state.index), action("add", fresh)}}});
   const auto resp = CallElastic(m_pool, "POST", m_elastic.toApiUrl({"_aliases"}, {}), &body, cancel);
   if (resp.status != 200)
     return ElasticFailure("moving the alias " + m_alias + " to " + fresh, resp);
