@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <stdexcept>
 #include <thread>
@@ -177,6 +178,23 @@ TEST(RiverPipeline, FeedFailureIsPermanentUnlessTheFeedUsedUpItsRetries) {
   EXPECT_TRUE(RiverRunner::FeedFailure("404 after a reconnection", 2, 3).permanent);
   EXPECT_FALSE(RiverRunner::FeedFailure("unreachable", 3, 3).permanent);
   EXPECT_EQ(RiverRunner::FeedFailure("x", 3, 3).side, Side::Couch);
+}
+
+TEST(RiverPipeline, PausesEndAtOnceOnStopOrCancel) {
+  for (const bool viaCancel : {false, true}) {
+    StopSignal stop;
+    bool cancel = false;
+    std::atomic<bool> ended{false};
+    const auto started = std::chrono::steady_clock::now();
+    std::thread sleeper([&] { ended = !stop.pause(60000, &cancel); });
+    if (viaCancel)
+      std::atomic_ref<bool>(cancel).store(true);
+    else
+      stop.stop();
+    sleeper.join();
+    EXPECT_TRUE(ended);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5)); // not the minute asked
+  }
 }
 
 } // namespace
