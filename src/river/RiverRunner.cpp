@@ -1,0 +1,184 @@
+#include <HttpTools/river/RiverRunner_p.h>
+
+#include <HttpTools/platform/qzLog.h>
+
+namespace qz::river::detail {
+
+RiverRunner::RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definition, const std::string& owner,
+                         StopSignal& stop)
+    : m_pool(pool), m_def(std::move(definition)), m_stop(stop),
+      m_store(pool, {m_def.elastic, m_def.stateIndex, m_def.name, m_def.index, m_def.database}),
+      m_lease(m_store, owner, m_def.leaseMs), m_indices(pool, m_def.elastic, m_def.index, m_def.mappingJson) {
+  m_sender = MakeBulkSender(pool, m_def.elastic, m_def.name, stop, [this](const BulkProgress& p) {
+    updateStatus([&](RiverStatus& s) {
+      s.indexed += p.indexed;
+      s.deleted += p.deleted;
+      s.failed += p.failed;
+      s.retries += p.retried;
+      s.error = p.retrying;
+    });
+  });
+  m_status.name = m_def.name;
+}
+
+RiverOutcome RiverRunner::step(const bool* cancel) {
+  auto run = [&] {
+    if (!m_lease.held()) {
+      auto lease = m_lease.acquire(m_state, cancel);
+      updateStatus([&](RiverStatus& s) {
+        s.waitingForLease = lease.idle();
+        if (lease.idle())
+          s.error = lease.message;
+      });
+      if (!lease.ok())
+        return lease;
+      m_prepared = false;
+      qzLogObject(qzLog::Info, "river") << "River " << m_def.name << " runs here (" << m_lease.owner() << ") from seq "
+                                        << m_state.seq;
+    }
+    if (!m_prepared) {
+      if (auto prepared = prepare(cancel); !prepared.ok())
+        return prepared;
+      m_prepared = true;
+    }
+    for (;;) {
+      if (auto caughtUp = catchUp(cancel); !caughtUp.ok())
+        return caughtUp;
+      if (m_state.building.empty())
+        break;
+      if (auto swapped = swap(cancel); !swapped.ok())
+        return swapped;
+    }
+    return m_lease.renewDue() ? save(cancel) : RiverOutcome::Done();
+  };
+  RiverOutcome outcome = run();
+  // A request cut short by stop or cancel is no failure.
+  return outcome.failed() && m_stop.stopped(cancel) ? RiverOutcome::Idle() : outcome;
+}
+
+RiverOutcome RiverRunner::prepare(const bool* cancel) {
+  const std::string building = m_state.building;
+  if (auto prepared = m_indices.prepare(m_state, cancel); !prepared.ok())
+    return prepared;
+  if (!m_state.building.empty() && m_state.building != building)
+    qzLogObject(qzLog::Info, "river") << "River " << m_def.name << ": the mapping changed, filling "
+                                      << m_state.building;
+  return save(cancel);
+}
+
+RiverOutcome RiverRunner::swap(const bool* cancel) {
+  const std::string old = m_state.index;
+  if (auto swapped = m_indices.swap(m_state, cancel); !swapped.ok())
+    return swapped;
+  if (auto saved = save(cancel); !saved.ok())
+    return saved;
+  qzLogObject(qzLog::Info, "river") << "River " << m_def.name << ": " << m_def.index << " now points to "
+                                    << m_state.index;
+  m_indices.drop(old, cancel); // a leftover is dropped by the next build anyway
+  return RiverOutcome::Done();
+}
+
+RiverOutcome RiverRunner::FeedFailure(const std::string& error, uint64_t reconnectsSinceDelivery, unsigned maxRetries) {
+  return RiverOutcome::Failure(Side::Couch, reconnectsSinceDelivery < maxRetries, "CouchDB: " + error);
+}
+
+RiverOutcome RiverRunner::catchUp(const bool* cancel) {
+  const std::string index = m_state.target();
+  qz::couch::ChangesOptions options;
+  options.since = m_state.targetSeq();
+  options.includeDocs = true;
+  options.batchLimit = unsigned(m_def.batchDocs);
+  options.backoffInitialMs = 200;
+  options.backoffMaxMs = 1000;
+  options.maxRetries = 3;
+  qz::couch::ChangesFeedListener feed(m_pool, m_def.couch, m_def.database, options);
+  BulkPipeline pipeline(
+      *m_sender, m_def.batchDocs,
+      [&](const std::string& seq) {
+        m_state.targetSeq() = seq;
+        return save(cancel);
+      },
+      cancel);
+  bool interrupted = false;
+  uint64_t reconnectsAtDelivery = 0;
+  std::string feedError;
+  const bool read = feed.run(
+      [&](const qz::couch::Change& change) {
+        reconnectsAtDelivery = feed.reconnectCount();
+        BulkOp op;
+        bool skipped = false;
+        const bool needsOp = ChangeToOp(change, index, m_def.transform, op, skipped);
+        if (skipped)
+          updateStatus([](RiverStatus& s) { ++s.skipped; });
+        interrupted = m_stop.stopped(cancel) || !pipeline.add(needsOp ? &op : nullptr, change.seq);
+        return !interrupted;
+      },
+      &feedError, cancel);
+  if (auto sent = pipeline.wait(); !sent.ok())
+    return sent;
+  if (interrupted || m_stop.stopped(cancel))
+    return RiverOutcome::Idle();
+  // Whatever was read is written even when the feed failed: the checkpoint only gets closer.
+  if (auto rest = pipeline.flush(); !rest.ok())
+    return rest;
+  if (!read)
+    return FeedFailure(feedError, feed.reconnectCount() - reconnectsAtDelivery, options.maxRetries);
+  const std::string end = feed.lastSeq();
+  if (end.empty() || end == m_state.targetSeq())
+    return RiverOutcome::Done();
+  m_state.targetSeq() = end;
+  return save(cancel);
+}
+
+RiverOutcome RiverRunner::save(const bool* cancel) {
+  for (unsigned attempt = 0;; ++attempt) {
+    RiverOutcome saved = m_lease.renew(m_state, cancel);
+    if (saved.ok()) {
+      updateStatus([&](RiverStatus& s) {
+        s.lastSeq = m_state.targetSeq();
+        s.liveIndex = m_state.index;
+        s.buildingIndex = m_state.building;
+      });
+      return saved;
+    }
+    if (saved.idle())
+      m_prepared = false;
+    setError(saved.message);
+    if (saved.idle() || saved.permanent || !m_stop.pause(StopSignal::BackoffMs(attempt), cancel))
+      return saved;
+  }
+}
+
+void RiverRunner::record(const RiverOutcome& outcome) {
+  if (outcome.ok())
+    m_lastCaughtUpMs = SteadyMs();
+  if (outcome.failed()) {
+    setError(outcome.message);
+    m_prepared = m_prepared && outcome.side == Side::Couch;
+  }
+  updateStatus([&](RiverStatus& s) {
+    s.caughtUp = outcome.ok();
+    s.lagMs = outcome.ok() || !m_lastCaughtUpMs ? 0 : SteadyMs() - m_lastCaughtUpMs;
+    if (outcome.ok()) {
+      s.waitingForLease = false;
+      s.error.clear();
+    }
+  });
+}
+
+RiverStatus RiverRunner::status() const {
+  std::lock_guard<std::mutex> lock(m_statusMutex);
+  return m_status;
+}
+
+void RiverRunner::setRunning(bool running) {
+  updateStatus([&](RiverStatus& s) { s.running = running; });
+}
+
+void RiverRunner::setError(const std::string& error) {
+  updateStatus([&](RiverStatus& s) { s.error = error; });
+  if (!error.empty())
+    qzLogObject(qzLog::Warning, "river") << "River " << m_def.name << ": " << error;
+}
+
+} // namespace qz::river::detail
