@@ -16,6 +16,7 @@ RiverRunner::RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definit
       s.failed += p.failed;
       s.retries += p.retried;
       s.error = p.retrying;
+      s.caughtUp = s.caughtUp && p.retrying.empty();
     });
   });
   m_status.name = m_def.name;
@@ -153,10 +154,13 @@ void RiverRunner::record(const RiverOutcome& outcome) {
   if (outcome.ok())
     m_lastCaughtUpMs = SteadyMs();
   if (outcome.failed()) {
-    setError(outcome.message);
     m_prepared = m_prepared && outcome.side == Side::Couch;
+    qzLogObject(qzLog::Warning, "river") << "River " << m_def.name << ": " << outcome.message;
   }
+  // One update, so that a reader never sees the error beside a caught-up state.
   updateStatus([&](RiverStatus& s) {
+    if (outcome.failed())
+      s.error = outcome.message;
     s.caughtUp = outcome.ok();
     s.lagMs = outcome.ok() || !m_lastCaughtUpMs ? 0 : SteadyMs() - m_lastCaughtUpMs;
     if (outcome.ok()) {
@@ -176,7 +180,10 @@ void RiverRunner::setRunning(bool running) {
 }
 
 void RiverRunner::setError(const std::string& error) {
-  updateStatus([&](RiverStatus& s) { s.error = error; });
+  updateStatus([&](RiverStatus& s) {
+    s.error = error;
+    s.caughtUp = s.caughtUp && error.empty();
+  });
   if (!error.empty())
     qzLogObject(qzLog::Warning, "river") << "River " << m_def.name << ": " << error;
 }
