@@ -38,6 +38,18 @@ const char* const kOctetContentType = "Content-Type: application/octet-stream";
 // While perform() waits, a caller's cancel flag is looked at this often.
 const long kCancelPollMs = 20;
 
+// A finished job's buffers up to this size are kept for the next request; larger ones are
+// released, so that the engine's memory follows what is in flight, not what went through it.
+const size_t kKeptBufferBytes = 16 * 1024;
+const size_t kKeptHeaderNodes = 32;
+
+void releaseIfLarge(std::string& s) {
+  if (s.capacity() > kKeptBufferBytes)
+    std::string().swap(s);
+  else
+    s.clear();
+}
+
 struct CurlShareDeleter {
   void operator()(CURLSH* s) const { curl_share_cleanup(s); }
 };
@@ -64,12 +76,15 @@ public:
     std::vector<HeaderNode> spareHeaders;
     void keepHeaderNodes() {
       auto& headers = response.headers;
-      while (!headers.empty() && spareHeaders.size() < 64)
-        spareHeaders.push_back(headers.extract(headers.begin()));
+      while (!headers.empty() && spareHeaders.size() < kKeptHeaderNodes) {
+        HeaderNode node = headers.extract(headers.begin());
+        if (node.key().capacity() + node.mapped().capacity() <= kKeptBufferBytes)
+          spareHeaders.push_back(std::move(node));
+      }
       headers.clear();
     }
     int64_t startMs = 0;
-    bool retried = false;
+    bool anyFamily = false; // retried after the preferred address family failed
   };
 
   // One easy handle, kept between requests. The header list is declared before the handle so
@@ -222,6 +237,8 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
   const Request& r = job.request;
   int rc = 0;
   ResolveConnectionParameters(parameters, r.url, proxyFinder, h.resolving);
+  if (job.anyFamily)
+    h.resolving.ipResolve = CURL_IPRESOLVE_WHATEVER;
   if (!(h.appliedValid && h.resolving == h.applied)) {
     h.appliedValid = false;
     rc |= ApplyResolvedParameters(e, h.resolving);
@@ -463,13 +480,13 @@ void HttpMultiConnection::Private::collectDone() {
     h->errorBuffer[CURL_ERROR_SIZE - 1] = 0;
     if (code != CURLE_OK) {
       const HostNameResolutionPolicy own = parameters.hostNameResolutionPolicy;
-      if (!job->retried && !job->request.url.ipAddress.isValid() &&
+      if (!job->anyFamily && !job->request.url.ipAddress.isValid() &&
           (own == HNRP_PreferIpv6 || own == HNRP_PreferIpv4) &&
           (code == CURLE_COULDNT_RESOLVE_HOST || code == CURLE_PEER_FAILED_VERIFICATION ||
            code == CURLE_SSL_CERTPROBLEM)) {
-        // As HttpConnection does: the preferred family failed for this name, take any from now on.
-        parameters.hostNameResolutionPolicy = HNRP_Whatever;
-        job->retried = true;
+        // The preferred family failed for this name: this request tries again with any. The
+        // caller's parameters stay as they are.
+        job->anyFamily = true;
         resp = Response{};
         resp.id = job->id;
         queue.push_front(std::move(job));
@@ -507,17 +524,17 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
       qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw";
     }
   }
-  // Kept for the next request: a run of a thousand requests would otherwise grow and shrink the
-  // heap each time.
+  // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
+  // requests would otherwise grow and shrink the heap each time.
   job->request.onFinished = nullptr;
   job->request.headers.clear();
-  job->request.body.clear();
-  job->response.body.clear();
+  releaseIfLarge(job->request.body);
+  releaseIfLarge(job->response.body);
   job->keepHeaderNodes();
-  job->response.errorMessage.clear();
+  releaseIfLarge(job->response.errorMessage);
   job->origin.clear();
   std::lock_guard<std::mutex> lock(mutex);
-  if (spareJobs.size() < 4096)
+  if (spareJobs.size() < maxInFlight)
     spareJobs.push_back(std::move(job));
 }
 
@@ -618,7 +635,7 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
   job->encodedUrl = r.url.toEncodedUrl();
   job->request = std::move(r);
   job->startMs = 0;
-  job->retried = false;
+  job->anyFamily = false;
   Response& resp = job->response;
   resp.success = resp.timedOut = resp.cancelled = false;
   resp.httpCode = 0;
