@@ -18,7 +18,7 @@
 #endif
 #endif
 #ifdef QZ_SANITIZED_HEAP
-#include <sanitizer/allocator_interface.h>
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); // not every compiler ships its header
 #endif
 
 #include <atomic>
