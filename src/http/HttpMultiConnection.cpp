@@ -232,7 +232,7 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
   job->request.headers.clear();
   releaseIfLarge(job->request.body);
   releaseIfLarge(job->response.body);
-  job->keepHeaderNodes();
+  keepHeaderNodes(job->response.headers);
   releaseIfLarge(job->response.errorMessage);
   job->origin.clear();
   std::lock_guard<std::mutex> lock(mutex);

@@ -27,7 +27,7 @@ struct CurlShareDeleter {
 // A finished job's buffers up to this size are kept for the next request; larger ones are
 // released, so that the engine's memory follows what is in flight, not what went through it.
 inline constexpr size_t kKeptBufferBytes = 16 * 1024;
-inline constexpr size_t kKeptHeaderNodes = 32;
+inline constexpr size_t kKeptHeaderNodesPerSlot = 16; // per request in flight
 
 class HttpMultiConnection::Private {
 public:
@@ -38,17 +38,6 @@ public:
     Response response;
     std::string encodedUrl;
     std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
-    // Header map nodes of earlier responses, reused with their strings' buffers.
-    std::vector<HeaderNode> spareHeaders;
-    void keepHeaderNodes() {
-      auto& headers = response.headers;
-      while (!headers.empty() && spareHeaders.size() < kKeptHeaderNodes) {
-        HeaderNode node = headers.extract(headers.begin());
-        if (node.key().capacity() + node.mapped().capacity() <= kKeptBufferBytes)
-          spareHeaders.push_back(std::move(node));
-      }
-      headers.clear();
-    }
     int64_t startMs = 0;
     bool anyFamily = false; // retried after the preferred address family failed
   };
@@ -65,6 +54,7 @@ public:
     bool plainGet = false;  // the last request was a GET without body: nothing to undo
     std::string appliedUrl; // what CURLOPT_URL holds
     std::unique_ptr<Job> job;
+    Private* engine = nullptr;
     std::string callbackError; // set when a data callback had to abort the transfer
     size_t maxBodyBytes = 0;
     char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -92,6 +82,15 @@ public:
   void cancelRunning(uint64_t id);
   void cancelEverything();
   bool runCancelled(const bool* cancel) const;
+  // Moves a response's header nodes to the spares, as many as the requests in flight may need.
+  void keepHeaderNodes(std::map<std::string, std::string>& headers) {
+    while (!headers.empty() && spareHeaders.size() < maxInFlight * kKeptHeaderNodesPerSlot) {
+      HeaderNode node = headers.extract(headers.begin());
+      if (node.key().capacity() + node.mapped().capacity() <= kKeptBufferBytes)
+        spareHeaders.push_back(std::move(node));
+    }
+    headers.clear();
+  }
 
   static size_t onWrite(char* data, size_t size, size_t count, void* user);
   static size_t onHeader(char* data, size_t size, size_t count, void* user);
@@ -109,6 +108,8 @@ public:
   std::vector<Handle*> idle;
   std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
   std::deque<std::unique_ptr<Job>> queue;
+  // Header map nodes of earlier responses, reused with their strings' buffers.
+  std::vector<HeaderNode> spareHeaders;
   std::unordered_map<std::string, unsigned> perOrigin;
   uint64_t connections = 0;
   size_t finishedInPass = 0;

@@ -41,6 +41,7 @@ HttpMultiConnection::Private::Handle* HttpMultiConnection::Private::takeHandle()
     return h;
   }
   auto h = std::make_unique<Handle>();
+  h->engine = this;
   h->easy.reset(curl_easy_init());
   if (!h->easy)
     return nullptr;
@@ -196,13 +197,14 @@ size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t co
   try {
     Job& job = *h->job;
     if (n >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-      job.keepHeaderNodes();
+      h->engine->keepHeaderNodes(job.response.headers);
       return n;
     }
     // Parsed straight into a node kept from an earlier response when there is one.
-    HeaderNode node = job.spareHeaders.empty() ? HeaderNode() : std::move(job.spareHeaders.back());
-    if (!job.spareHeaders.empty())
-      job.spareHeaders.pop_back();
+    std::vector<HeaderNode>& spares = h->engine->spareHeaders;
+    HeaderNode node = spares.empty() ? HeaderNode() : std::move(spares.back());
+    if (!spares.empty())
+      spares.pop_back();
     if (node.empty()) {
       std::string name, value;
       ParseHttpHeader(data, static_cast<unsigned long>(n), name, value);
@@ -212,12 +214,12 @@ size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t co
     }
     ParseHttpHeader(data, static_cast<unsigned long>(n), node.key(), node.mapped());
     if (node.key().empty()) {
-      job.spareHeaders.push_back(std::move(node));
+      spares.push_back(std::move(node));
       return n;
     }
     auto inserted = job.response.headers.insert(std::move(node));
     if (!inserted.inserted) // a repeated name: the first one stays
-      job.spareHeaders.push_back(std::move(inserted.node));
+      spares.push_back(std::move(inserted.node));
   } catch (const std::exception& e) {
     h->callbackError = std::string("cannot keep the headers: ") + e.what();
     return 0;
