@@ -5,10 +5,12 @@
 //      (a) the serial pooled HttpGet loop, (b) a raw libcurl multi loop with 16 handles in flight,
 //      (c) HttpMultiConnection with 16 in flight; rates c/a (the limit is 16x) and c/b;
 //   2. nginx answering at once over HTTP/1.1 keep-alive: client CPU per request, c/b;
-//   3. nginx over TLS: HttpMultiConnection multiplexing HTTP/2 on one connection vs HTTP/1.1 on 16.
+//   3. nginx over TLS: HttpMultiConnection multiplexing HTTP/2 on one connection vs HTTP/1.1 on 16;
+//   4. memory: 2,000 downloads of 1 MiB from nginx, 16 in flight, (b) and (c) each in a child process
+//      of its own, peak RSS (VmHWM) of each.
 // The Google Benchmark cases after the tables time 100-request batches of (b) and (c) on nginx.
 //
-//   multi_bench [--requests=N] [--serial=N] [--rounds=R] [--no-delayed] [benchmark flags]
+//   multi_bench [--requests=N] [--serial=N] [--rounds=R] [--downloads=N] [--no-delayed] [benchmark flags]
 // With --benchmark_min_time (the CI's single short run) the tables use one small round.
 
 #include <HttpTools/HttpTools.h>
@@ -25,9 +27,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -35,6 +40,7 @@ namespace {
 int gRequests = 1000; // per round, for the concurrent paths
 int gSerial = 200;    // per round, for the serial loop (20 ms each)
 int gRounds = 5;
+int gDownloads = 2000;     // of 1 MiB each, for the memory case
 bool gSkipDelayed = false; // --no-delayed: only the nginx tables (for profiling)
 const unsigned kInFlight = 16;
 
@@ -108,6 +114,7 @@ public:
       curl_easy_setopt(h, CURLOPT_URL, url.c_str());
       curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, sinkBody);
       curl_easy_setopt(h, CURLOPT_WRITEDATA, &m_bodies[i]);
+      curl_easy_setopt(h, CURLOPT_PRIVATE, &m_bodies[i]);
       curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
       curl_easy_setopt(h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
       curl_easy_setopt(h, CURLOPT_COOKIEFILE, "");
@@ -150,6 +157,11 @@ public:
         curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code);
         failed += msg->data.result != CURLE_OK || code != 200;
         curl_multi_remove_handle(m_multi, h);
+        // The body is dropped as the engine's callers would, its buffer kept for the next one.
+        std::string* body = nullptr;
+        curl_easy_getinfo(h, CURLINFO_PRIVATE, reinterpret_cast<char**>(&body));
+        m_bytes += body->size();
+        body->clear();
         ++done;
         any = true;
         if (started < n) {
@@ -160,12 +172,12 @@ public:
       if (!any)
         curl_multi_poll(m_multi, nullptr, 0, 1000, nullptr);
     }
-    for (std::string& b : m_bodies)
-      b.clear();
     return failed == 0;
   }
+  size_t bytes() const { return m_bytes; }
 
 private:
+  size_t m_bytes = 0;
   CURLM* m_multi;
   std::vector<CURL*> m_handles;
   std::vector<std::string> m_bodies;
@@ -182,13 +194,18 @@ public:
     for (int i = 0; i < n; ++i) {
       qz::http::HttpMultiConnection::Request r;
       r.url = m_url;
-      r.onFinished = [&failed](qz::http::HttpMultiConnection::Response& resp) { failed += !resp.success; };
+      r.onFinished = [this, &failed](qz::http::HttpMultiConnection::Response& resp) {
+        failed += !resp.success;
+        m_bytes += resp.body.size();
+      };
       m_multi.addRequest(std::move(r));
     }
     return m_multi.perform() && failed == 0;
   }
+  size_t bytes() const { return m_bytes; }
 
 private:
+  size_t m_bytes = 0;
   qz::Url m_url;
   qz::http::HttpMultiConnection m_multi;
 };
@@ -267,6 +284,82 @@ void cpuComparison(const char* title, const char* nameB, const char* nameC, cons
   std::printf("  second/first: rate %.3f, CPU per request %.3f%s\n", bench::Median(rate), bench::Median(cpu), target);
 }
 
+// The memory case's child: `which` ("raw" or "engine") downloads `n` times `url`, then prints its
+// resident size before the run and its peak, in KiB. 1 when a download failed or came short.
+long statusKb(const char* field) {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind(field, 0) == 0)
+      return std::atol(line.c_str() + std::strlen(field));
+  return -1;
+}
+
+int memoryChild(const std::string& which, const std::string& url, int n) {
+  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+  bool ok = false;
+  size_t bytes = 0;
+  const long before = statusKb("VmRSS:");
+  if (which == "raw") {
+    RawMulti raw(url, kInFlight, false);
+    ok = raw.run(n);
+    bytes = raw.bytes();
+  } else {
+    Engine engine(url, kInFlight, false);
+    ok = engine.run(n);
+    bytes = engine.bytes();
+  }
+  const long peak = statusKb("VmHWM:");
+  qz::terminateHttpTools();
+  std::printf("%ld %ld\n", before, peak);
+  return ok && bytes == size_t(n) << 20 ? 0 : 1;
+}
+
+// Runs the child for `which`; false when it failed. Peak and growth in MB.
+bool memoryRun(const char* which, const std::string& url, int n, double& peakMb, double& growthMb) {
+  char self[4096] = {};
+  int out[2];
+  if (::readlink("/proc/self/exe", self, sizeof self - 1) <= 0 || ::pipe(out) != 0)
+    return false;
+  const std::string count = "--rss-count=" + std::to_string(n), target = "--rss-url=" + url,
+                    mode = std::string("--rss-child=") + which;
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(out[1], 1);
+    ::close(out[0]);
+    ::execl(self, self, mode.c_str(), target.c_str(), count.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  std::string text;
+  char buf[256];
+  for (ssize_t got; (got = ::read(out[0], buf, sizeof buf)) > 0;)
+    text.append(buf, size_t(got));
+  ::close(out[0]);
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    return false;
+  long before = 0, peak = 0;
+  if (std::sscanf(text.c_str(), "%ld %ld", &before, &peak) != 2)
+    return false;
+  peakMb = double(peak) / 1024;
+  growthMb = double(peak - before) / 1024;
+  return true;
+}
+
+bool memoryComparison(const qztest::NginxFixture& nginx) {
+  std::ofstream(nginx.filesDir() + "/1m", std::ios::binary) << std::string(1 << 20, 'm');
+  const std::string url = nginx.httpUrl("/files/1m");
+  double rawPeak = 0, rawGrowth = 0, peak = 0, growth = 0;
+  if (!memoryRun("raw", url, gDownloads, rawPeak, rawGrowth) || !memoryRun("engine", url, gDownloads, peak, growth)) {
+    std::fprintf(stderr, "the memory case's downloads failed\n");
+    return false;
+  }
+  std::printf("%d downloads of 1 MiB from nginx, 16 in flight, each path in a child process (peak RSS)\n", gDownloads);
+  std::printf("  %-46s %8.1f MB (%.1f MB over its start)\n", "(b) raw libcurl multi loop", rawPeak, rawGrowth);
+  std::printf("  %-46s %8.1f MB (%.1f MB over its start), target < 100 MB\n", "(c) HttpMultiConnection", peak, growth);
+  return true;
+}
+
 std::string gNginxUrl;
 
 void BM_RawMulti100(benchmark::State& state) {
@@ -290,10 +383,15 @@ BENCHMARK(BM_HttpMultiConnection100)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
   bench::Args args(argc, argv);
+  if (const char* which = args.take("--rss-child=")) {
+    const char* url = args.take("--rss-url=");
+    return url ? memoryChild(which, url, args.takeInt("--rss-count=", 1, 1, 1)) : 2;
+  }
   gRequests = args.takeInt("--requests=", gRequests, 16, 64);
   gSerial = args.takeInt("--serial=", gSerial, 1, 8);
   gSkipDelayed = args.takeSwitch("--no-delayed");
   gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  gDownloads = args.takeInt("--downloads=", gDownloads, 16, 64);
   args.initializeBenchmark();
 
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
@@ -320,6 +418,9 @@ int main(int argc, char** argv) {
       cpuComparison(
           "nginx over TLS, HttpMultiConnection, 16 in flight", "HTTP/1.1, 16 connections",
           "HTTP/2 multiplexed, one connection", [&](int n) { return h1.run(n); }, [&](int n) { return h2.run(n); }, "");
+      std::fflush(stdout); // before the children's output
+      if (!memoryComparison(nginx))
+        rc = 1;
       std::fflush(stdout);
       benchmark::RunSpecifiedBenchmarks();
       benchmark::Shutdown();

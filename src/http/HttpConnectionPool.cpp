@@ -85,6 +85,19 @@ void HttpConnectionPool::ensureAtLeastMaxConcurrentConnection(unsigned int n) {
   m_maxIdle = std::max<uint64_t>(m_maxIdle, n);
 }
 
+HttpConnectionPool::ParallelUse::ParallelUse(HttpConnectionPool& pool, unsigned int n) : m_pool(pool), m_n(n) {
+  qzMutexLocker lock(m_pool.m_mutex);
+  m_pool.m_parallelUse += n;
+}
+
+HttpConnectionPool::ParallelUse::~ParallelUse() {
+  std::list<tConnection> dropped;
+  qzMutexLocker lock(m_pool.m_mutex);
+  m_pool.m_parallelUse -= m_n;
+  m_pool.updateConnectionPoolImpl(dropped, qzSystemUtils::GetTimeBaseMs());
+  lock.native().unlock();
+}
+
 uint64_t HttpConnectionPool::getMaxConcurrentConnection() const {
   qzMutexLocker lock(m_mutex);
   return m_maxIdle;
@@ -118,7 +131,7 @@ void HttpConnectionPool::updateConnectionPoolImpl(std::list<tConnection>& droppe
       }
     }
   }
-  while (m_count > m_maxIdle) {
+  while (m_count > std::max(m_maxIdle, m_parallelUse)) {
     dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
     --m_count;
   }

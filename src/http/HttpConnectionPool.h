@@ -14,7 +14,8 @@ namespace qz::http {
 // Idle connections keyed by the host and port each last talked to, so that a later request to
 // the same server reuses the open handle and its kept-alive TCP/TLS connection. Idle entries
 // older than the keep-open duration are closed by the library's periodic updater; at most
-// getMaxConcurrentConnection() idle entries are kept. Lending is never limited. Thread-safe.
+// getMaxConcurrentConnection() idle entries are kept, more while calls hold a ParallelUse that
+// asks for more. Lending is never limited. Thread-safe.
 // Build it after qz::initializeHttpTools and destroy it before qz::terminateHttpTools.
 class HTTPTOOLS_API HttpConnectionPool {
 public:
@@ -48,8 +49,27 @@ public:
 
   void setKeepOpenDurationSec(unsigned int seconds);
   void setMaxPendingConnection(unsigned int n); // 0 counts as 1
+  // Raises the cap to n for good when it is lower; trims nothing.
   void ensureAtLeastMaxConcurrentConnection(unsigned int n);
   uint64_t getMaxConcurrentConnection() const;
+
+  // Held by a call that borrows up to n connections at once, for its duration. While calls hold
+  // them, the pool keeps as many idle connections as they borrow together, when that is more than
+  // the cap, so that their workers find their connections again between requests. When one ends,
+  // the idle connections past what is still needed are closed; the cap itself never changes.
+  //
+  //   qz::http::HttpConnectionPool::ParallelUse use(pool, threads);
+  class HTTPTOOLS_API ParallelUse {
+  public:
+    ParallelUse(HttpConnectionPool& pool, unsigned int n);
+    ~ParallelUse();
+    ParallelUse(const ParallelUse&) = delete;
+    ParallelUse& operator=(const ParallelUse&) = delete;
+
+  private:
+    HttpConnectionPool& m_pool;
+    unsigned int m_n;
+  };
 
   // Periodic callback: closes connections idle longer than the keep-open duration.
   static void UpdatePool(void* pool);
@@ -68,6 +88,7 @@ private:
   size_t m_count = 0;
   int64_t m_keepOpenMs = 10000;
   uint64_t m_maxIdle = 1;
+  uint64_t m_parallelUse = 0; // the sum of the live ParallelUse counts
 };
 
 // Borrows a connection from a pool for one scope and gives it back at scope exit:

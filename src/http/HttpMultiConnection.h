@@ -24,8 +24,11 @@ namespace qz::http {
 // At most maxInFlight transfers run; the others wait in the engine's own queue, and their
 // time-outs start only when their transfer starts. Easy handles and the connections behind them
 // are kept between requests and between perform() calls. Parameters, policies, proxy choice,
-// certificate rules and failure texts are those of HttpConnection. Cookies are kept in memory
-// for the engine's lifetime (keepCookies), shared by all its requests.
+// certificate rules and failure texts are those of HttpConnection, with one difference: when a
+// name fails under a policy that prefers one address family, that request tries again with any
+// family, and the parameters stay as they were set. Cookies are kept in memory for the engine's
+// lifetime (keepCookies), shared by all its requests. A finished request's body and headers are
+// its callback's to move out; what is left of them is released after the callback.
 class HTTPTOOLS_API HttpMultiConnection {
 public:
   struct Response {

@@ -8,6 +8,18 @@
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QZ_SANITIZED_HEAP 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QZ_SANITIZED_HEAP 1
+#endif
+#endif
+#ifdef QZ_SANITIZED_HEAP
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); // not every compiler ships its header
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -78,6 +90,16 @@ std::string expectedBytes(size_t n) {
   return s;
 }
 
+// Bytes the process holds on the heap now.
+size_t heapInUse() {
+#ifdef QZ_SANITIZED_HEAP
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  const struct mallinfo2 m = mallinfo2();
+  return m.uordblks + m.hblkhd;
+#endif
+}
+
 // Waits until `done()` or the time is up.
 template <typename F> bool waitFor(F done, int ms) {
   const auto end = Clock::now() + std::chrono::milliseconds(ms);
@@ -86,13 +108,17 @@ template <typename F> bool waitFor(F done, int ms) {
   return done();
 }
 
+// Each test has a server of its own: requests it leaves stalled end with it, instead of holding
+// workers of a shared server that later tests need.
 class MultiConnection : public testing::Test {
 protected:
   // cpp-httplib (not built with ThreadSanitizer) builds static regexes on first use; one request
   // of each kind first keeps their publication out of the concurrent tests, where TSan would see
   // a race inside the library.
   static void SetUpTestSuite() {
-    qztest::TestHttpServer& s = qztest::TestHttpServer::Shared();
+    qztest::TestHttpServer s;
+    s.installStandardRoutes();
+    ASSERT_TRUE(s.start()) << s.lastError();
     for (int method : {1, 2, 3, 4, 5})
       for (const char* path : {"/echo", "/headers", "/status/404", "/bytes?n=3", "/stall?ms=1"}) {
         Multi multi(1);
@@ -104,10 +130,10 @@ protected:
       }
   }
   void SetUp() override {
-    ASSERT_TRUE(srv.isRunning());
-    srv.resetCounters();
+    srv.installStandardRoutes();
+    ASSERT_TRUE(srv.start()) << srv.lastError();
   }
-  qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
+  qztest::TestHttpServer srv;
 };
 
 TEST_F(MultiConnection, ManyRequestsKeepAtMostMaxInFlightConnectionsAcrossRuns) {
@@ -138,6 +164,32 @@ TEST_F(MultiConnection, ManyRequestsKeepAtMostMaxInFlightConnectionsAcrossRuns) 
   ASSERT_TRUE(multi.perform());
   EXPECT_EQ(c.count(), 1100u);
   EXPECT_EQ(srv.connectionCount(), before);
+}
+
+// Only what is in flight stays on the heap: a finished request's buffers go with its callback,
+// whether it moves them out or not.
+TEST_F(MultiConnection, FinishedRequestsLeaveNoBuffersBehind) {
+  const size_t kMiB = 1 << 20;
+  const int kDownloads = 48;
+  Multi multi(4);
+  multi.addRequest(get(srv.url("/bytes?n=10"), nullptr)); // handles and connections made
+  ASSERT_TRUE(multi.perform());
+  size_t received = 0;
+  std::string moved;
+  const auto before = int64_t(heapInUse());
+  for (int i = 0; i < kDownloads; ++i)
+    multi.addRequest(get(srv.url("/bytes?n=" + std::to_string(kMiB)), [&, i](Multi::Response& r) {
+      EXPECT_TRUE(r.success) << r.errorMessage;
+      received += r.body.size();
+      if (i == 0)
+        moved = std::move(r.body);
+    }));
+  ASSERT_TRUE(multi.perform());
+  const int64_t grown = int64_t(heapInUse()) - before - int64_t(moved.capacity());
+  EXPECT_EQ(received, kDownloads * kMiB);
+  EXPECT_EQ(moved, expectedBytes(kMiB));
+  // The server's last answers may still be on their way out of its threads: a few MiB of slack.
+  EXPECT_LT(grown, int64_t(8 * kMiB));
 }
 
 TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
@@ -414,6 +466,32 @@ TEST_F(MultiConnectionNginx, Http11KeepAliveThousandRequests) {
     ASSERT_EQ(r.body, id % 2 ? "hello\n" : "ok") << r.errorMessage; // ids start at 1
   EXPECT_GT(nginx.connectionCount(), 0);
   EXPECT_LE(nginx.connectionCount(), 16);
+}
+
+// A name that fails under a preferred address family is tried again with any family, for that
+// request only: the engine's parameters stay as the caller set them.
+TEST_F(MultiConnectionNginx, FamilyFallbackLeavesTheParametersAsSet) {
+  qztest::NginxFixture nginx;
+  ASSERT_TRUE(nginx.start()) << nginx.lastError();
+  struct Case {
+    HostNameResolutionPolicy policy;
+    long connections;
+  };
+  for (const Case& k : {Case{HNRP_PreferIpv4, 2}, Case{HNRP_Whatever, 1}}) {
+    SCOPED_TRACE(k.policy);
+    const long before = nginx.connectionCount();
+    Multi multi(2);
+    multi.editConnectionParameters().hostNameResolutionPolicy = k.policy;
+    Collector c;
+    // The self-signed certificate fails verification, one of the failures that allow the retry.
+    const uint64_t id =
+        multi.addRequest(get("https://localhost:" + std::to_string(nginx.httpsPort()) + "/small", c.sink()));
+    ASSERT_TRUE(multi.perform());
+    EXPECT_THAT(c.byId[id].errorMessage,
+                HasSubstr("Curl error : " + std::to_string(CURLE_PEER_FAILED_VERIFICATION) + " "));
+    EXPECT_EQ(nginx.connectionCount() - before, k.connections);
+    EXPECT_EQ(multi.editConnectionParameters().hostNameResolutionPolicy, k.policy);
+  }
 }
 
 TEST_F(MultiConnectionNginx, Http2MultiplexesOneConnection) {

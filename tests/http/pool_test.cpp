@@ -98,7 +98,9 @@ TEST_F(Pool, AgeingIsStrictlyLongerThanKeepOpen) {
   clock.advance(1000); // old idle exactly 2000 ms: stays
   HttpConnectionPool::UpdatePool(&pool);
   EXPECT_EQ(pool.idleCount(), 2u);
-  clock.advance(1); // 2001 ms: goes; young (1001 ms) stays
+  clock.advance(1);                             // 2001 ms: goes; young (1001 ms) stays
+  pool.ensureAtLeastMaxConcurrentConnection(1); // runs no pass
+  EXPECT_EQ(pool.idleCount(), 2u);
   HttpConnectionPool::UpdatePool(&pool);
   EXPECT_EQ(pool.idleCount(), 1u);
   EXPECT_EQ(take(pool), young);
@@ -108,6 +110,36 @@ TEST_F(Pool, AgeingIsStrictlyLongerThanKeepOpen) {
   EXPECT_EQ(pool.idleCount(), 1u);
   pool.setKeepOpenDurationSec(2);
   EXPECT_EQ(pool.idleCount(), 0u);
+}
+
+// Calls' parallel needs keep their connections idle while they run and leave the cap as set.
+TEST_F(Pool, ParallelUseKeepsConnectionsForItsCallOnly) {
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(2);
+  auto borrowAndRelease = [&](int n) {
+    std::vector<HttpConnection*> lent;
+    for (int i = 0; i < n; ++i)
+      lent.push_back(used(pool));
+    for (HttpConnection* c : lent)
+      pool.releaseHttpConnection(c);
+  };
+  {
+    HttpConnectionPool::ParallelUse outer(pool, 3);
+    {
+      HttpConnectionPool::ParallelUse inner(pool, 2); // two calls at once: five borrowed
+      borrowAndRelease(6);
+      EXPECT_EQ(pool.idleCount(), 5u);
+    }
+    EXPECT_EQ(pool.idleCount(), 3u); // what the call still running needs
+    EXPECT_EQ(pool.getMaxConcurrentConnection(), 2u);
+  }
+  EXPECT_EQ(pool.idleCount(), 2u);
+  {
+    HttpConnectionPool::ParallelUse below(pool, 1); // under the cap: the cap rules
+    borrowAndRelease(3);
+    EXPECT_EQ(pool.idleCount(), 2u);
+  }
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), 2u);
 }
 
 TEST_F(Pool, PeriodicUpdaterAgesIdleConnections) {

@@ -1,0 +1,152 @@
+#pragma once
+
+// The multi engine's state, shared by its scheduling (HttpMultiConnection.cpp) and its easy
+// handles (HttpMultiHandles.cpp).
+
+#include <HttpTools/http/HttpConnection_p.h>
+#include <HttpTools/http/HttpMultiConnection.h>
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace qz::http {
+
+struct CurlShareDeleter {
+  void operator()(CURLSH* s) const { curl_share_cleanup(s); }
+};
+
+// A finished job's buffers up to this size are kept for the next request; larger ones are
+// released, so that the engine's memory follows what is in flight, not what went through it.
+inline constexpr size_t kKeptBufferBytes = 16 * 1024;
+inline constexpr size_t kKeptHeaderNodesPerSlot = 16; // per request in flight
+
+class HttpMultiConnection::Private {
+public:
+  using HeaderNode = std::map<std::string, std::string>::node_type;
+  struct Job {
+    uint64_t id = 0;
+    Request request;
+    Response response;
+    std::string encodedUrl;
+    std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
+    int64_t startMs = 0;
+    bool anyFamily = false; // retried after the preferred address family failed
+  };
+
+  // One easy handle, kept between requests. The header list is declared before the handle so
+  // that it is destroyed after it.
+  struct Handle {
+    std::unique_ptr<curl_slist, CurlSlistDeleter> headerList;
+    std::unique_ptr<CURL, CurlEasyDeleter> easy;
+    std::vector<std::string> headerLines;  // behind headerList
+    ResolvedParameters applied, resolving; // what the handle holds, what the next request wants
+    bool appliedValid = false;
+    int multiplexApplied = -1;
+    bool plainGet = false;  // the last request was a GET without body: nothing to undo
+    std::string appliedUrl; // what CURLOPT_URL holds
+    std::unique_ptr<Job> job;
+    Private* engine = nullptr;
+    std::string callbackError; // set when a data callback had to abort the transfer
+    size_t maxBodyBytes = 0;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+  };
+
+  explicit Private(unsigned maxInFlight) : maxInFlight(std::max(1u, maxInFlight)) {}
+  ~Private() {
+    for (Handle* h : running)
+      curl_multi_remove_handle(multi.get(), h->easy.get());
+    running.clear();
+    // Easy handles go before the multi handle and the share they point at.
+    owned.clear();
+    idle.clear();
+    multi.reset();
+    share.reset();
+  }
+
+  bool initMulti();
+  Handle* takeHandle();
+  bool prepare(Handle& h, Job& job);
+  void admit();
+  void drainInbox();
+  void collectDone();
+  void finish(std::unique_ptr<Job> job);
+  void cancelRunning(uint64_t id);
+  void cancelEverything();
+  bool runCancelled(const bool* cancel) const;
+  // Moves a response's header nodes to the spares, as many as the requests in flight may need.
+  void keepHeaderNodes(std::map<std::string, std::string>& headers) {
+    while (!headers.empty() && spareHeaders.size() < maxInFlight * kKeptHeaderNodesPerSlot) {
+      HeaderNode node = headers.extract(headers.begin());
+      if (node.key().capacity() + node.mapped().capacity() <= kKeptBufferBytes)
+        spareHeaders.push_back(std::move(node));
+    }
+    headers.clear();
+  }
+
+  static size_t onWrite(char* data, size_t size, size_t count, void* user);
+  static size_t onHeader(char* data, size_t size, size_t count, void* user);
+  static int onDebug(CURL*, curl_infotype type, char* data, size_t size, void*);
+
+  // perform()'s thread only.
+  HttpConnection::ConnectionParameters parameters;
+  HttpProxyFinder proxyFinder;
+  unsigned maxInFlight;
+  unsigned maxPerHost = 0;
+  bool multiplexing = false;
+  std::unique_ptr<CURLSH, CurlShareDeleter> share;
+  std::unique_ptr<CURLM, CurlMultiDeleter> multi;
+  std::vector<std::unique_ptr<Handle>> owned; // every handle ever made and not dropped
+  std::vector<Handle*> idle;
+  std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
+  std::deque<std::unique_ptr<Job>> queue;
+  // Header map nodes of earlier responses, reused with their strings' buffers.
+  std::vector<HeaderNode> spareHeaders;
+  std::unordered_map<std::string, unsigned> perOrigin;
+  uint64_t connections = 0;
+  size_t finishedInPass = 0;
+
+  // Shared with other threads.
+  mutable std::mutex mutex;
+  std::vector<std::unique_ptr<Job>> inbox;
+  std::vector<uint64_t> cancels;
+  // Which ids are added and not yet called back: ids are handed out in order, so a window of
+  // flags from the oldest live id on, instead of a node per request.
+  std::deque<bool> liveWindow;
+  uint64_t liveBase = 1;
+  size_t liveCount = 0;
+  std::vector<std::unique_ptr<Job>> spareJobs; // finished jobs kept for their memory
+
+  bool isLive(uint64_t id) const {
+    return id >= liveBase && id - liveBase < liveWindow.size() && liveWindow[id - liveBase];
+  }
+  void retire(uint64_t id) {
+    liveWindow[id - liveBase] = false;
+    --liveCount;
+    while (!liveWindow.empty() && !liveWindow.front()) {
+      liveWindow.pop_front();
+      ++liveBase;
+    }
+  }
+  std::vector<Handle*>::iterator runningHandle(uint64_t id) {
+    return std::find_if(running.begin(), running.end(), [id](Handle* h) { return h->job->id == id; });
+  }
+  void forgetRunning(std::vector<Handle*>::iterator it) {
+    *it = running.back();
+    running.pop_back();
+  }
+  std::atomic<bool> performing{false};
+  std::atomic<bool> cancelRun{false};
+  std::atomic<CURLM*> wakeTarget{nullptr};
+  std::atomic<std::thread::id> performThread{};
+};
+
+} // namespace qz::http
