@@ -6,6 +6,14 @@ namespace qztest::emu {
 
 namespace {
 
+const std::set<std::string> kIgnoredMeta = {"retry_on_conflict",      "pipeline",          "require_alias",
+                                            "require_data_stream",    "dynamic_templates", "_source",
+                                            "list_executed_pipelines"};
+const char* const kUpdateVersioning =
+    "Update requests do not support versioning. Please use `if_seq_no` and `if_primary_term` instead";
+
+bool knownVersionType(const std::string& t) { return t == "internal" || t == "external" || t == "external_gte"; }
+
 // The write options of a document request's parameters.
 WriteOptions optionsOf(const Req& req) {
   WriteOptions o;
@@ -16,6 +24,18 @@ WriteOptions optionsOf(const Req& req) {
     o.versionType = req.get_param_value("version_type");
   o.routing = req.get_param_value("routing");
   return o;
+}
+
+// A document write's answer: its result, or its error with the error's status.
+void answerWrite(State& st, Res& res, const std::string& index, const std::string& id, const WriteResult& r) {
+  if (!r.errorType.empty())
+    return st.reply(res, r.status, errorBody(r.status, r.errorType, r.errorReason, index));
+  StringBuffer sb;
+  Writer w(sb);
+  w.StartObject();
+  writeWriteResult(w, index, id, r, false);
+  w.EndObject();
+  st.reply(res, r.status, sb.GetString());
 }
 
 void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
@@ -49,7 +69,8 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
   };
   const char* p;
   size_t n;
-  while (nextLine(p, n)) {
+  std::vector<std::string> invalid;
+  for (int line = 1; nextLine(p, n); ++line) {
     Document action;
     action.Parse(p, n);
     if (action.HasParseError() || !action.IsObject() || action.MemberCount() != 1 ||
@@ -64,22 +85,44 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
                                 "Malformed action/metadata line, expected one of [create, delete, index, update] but "
                                 "found [" +
                                     item.action + "]"));
-    item.index = meta.HasMember("_index") && meta["_index"].IsString() ? meta["_index"].GetString() : defaultIndex;
-    if (meta.HasMember("_id") && meta["_id"].IsString())
-      item.id = meta["_id"].GetString();
-    if (meta.HasMember("if_seq_no") && meta["if_seq_no"].IsInt64())
-      item.opts.ifSeqNo = meta["if_seq_no"].GetInt64();
-    if (meta.HasMember("if_primary_term") && meta["if_primary_term"].IsInt64())
-      item.opts.ifPrimaryTerm = meta["if_primary_term"].GetInt64();
-    if (meta.HasMember("version") && meta["version"].IsInt64())
-      item.opts.version = meta["version"].GetInt64();
-    if (meta.HasMember("version_type") && meta["version_type"].IsString())
-      item.opts.versionType = meta["version_type"].GetString();
-    if (item.index.empty())
+    std::string badParameter;
+    for (const auto& f : meta.GetObject()) {
+      const std::string k = f.name.GetString();
+      const Value& v = f.value;
+      if (k == "_index" && v.IsString())
+        item.index = v.GetString();
+      else if (k == "_id" && v.IsString())
+        item.id = v.GetString();
+      else if (k == "routing" && v.IsString())
+        item.opts.routing = v.GetString();
+      else if (k == "version" && v.IsInt64())
+        item.opts.version = v.GetInt64();
+      else if (k == "version_type" && v.IsString())
+        item.opts.versionType = v.GetString();
+      else if (k == "if_seq_no" && v.IsInt64())
+        item.opts.ifSeqNo = v.GetInt64();
+      else if (k == "if_primary_term" && v.IsInt64())
+        item.opts.ifPrimaryTerm = v.GetInt64();
+      else if (!kIgnoredMeta.count(k) && badParameter.empty())
+        badParameter = k;
+    }
+    if (!badParameter.empty())
       return st.reply(res, 400,
-                      errorBody(400, "action_request_validation_exception", "Validation Failed: 1: index is missing;"));
+                      errorBody(400, "illegal_argument_exception",
+                                "Action/metadata line [" + std::to_string(line) + "] contains an unknown parameter [" +
+                                    badParameter + "]"));
+    if (!knownVersionType(item.opts.versionType))
+      return st.reply(
+          res, 400,
+          errorBody(400, "illegal_argument_exception", "No version type match [" + item.opts.versionType + "]"));
+    if (item.action == "update" && (item.opts.version != kAnyVersion || item.opts.versionType != "internal"))
+      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", kUpdateVersioning));
+    if (item.index.empty())
+      item.index = defaultIndex;
+    for (auto& e : validateWrite(item.action, item.opts, !item.id.empty()))
+      invalid.push_back(std::move(e));
     if (item.action != "delete") {
-      if (!nextLine(p, n))
+      if (!nextLine(p, n) || !++line)
         return st.reply(
             res, 400,
             errorBody(400, "illegal_argument_exception", "The bulk request must be terminated by a newline [\\n]"));
@@ -102,15 +145,16 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
         item.source = p;
         item.sourceLength = n;
       }
-    } else if (item.id.empty()) {
-      return st.reply(res, 400,
-                      errorBody(400, "action_request_validation_exception", "Validation Failed: 1: id is missing;"));
     }
+    if (item.index.empty())
+      invalid.push_back("index is missing");
     items.push_back(std::move(item));
   }
   if (items.empty())
-    return st.reply(res, 400,
-                    errorBody(400, "action_request_validation_exception", "Validation Failed: 1: no requests added;"));
+    invalid.insert(invalid.begin(), "no requests added");
+  // Elasticsearch validates every item before running any: one invalid item refuses the request.
+  if (!invalid.empty())
+    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
 
   StringBuffer sb;
   Writer w(sb);
@@ -181,13 +225,19 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
 void writeDocument(State& st, const Req& req, Res& res, const std::string& indexName, std::string id,
                    const std::string& action) {
   const WriteOptions o = optionsOf(req);
-  if (o.versionType != "internal" && o.version < 0)
+  if (!knownVersionType(o.versionType))
     return st.reply(res, 400,
-                    errorBody(400, "action_request_validation_exception",
-                              "Validation Failed: 1: an external version is required;"));
+                    errorBody(400, "illegal_argument_exception", "No version type match [" + o.versionType + "]"));
   std::string op = action;
   if (op == "index" && req.get_param_value("op_type") == "create")
     op = "create";
+  std::vector<std::string> invalid =
+      op == "update" && (req.has_param("version") || req.has_param("version_type"))
+          ? std::vector<std::string>{"internal versioning can not be used for optimistic concurrency control. Please "
+                                     "use `if_seq_no` and `if_primary_term` instead"}
+          : validateWrite(op, o, !id.empty());
+  if (!invalid.empty())
+    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
   Document parsed;
   parsed.Parse(req.body.data(), req.body.size());
   if (parsed.HasParseError() || !parsed.IsObject())
@@ -216,14 +266,7 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
   const WriteResult r = st.write(*ix, op, id, docText, source, o, upsert);
   const std::string name = ix->name;
   lock.unlock();
-  if (!r.errorType.empty())
-    return st.reply(res, r.status, errorBody(r.status, r.errorType, r.errorReason, name));
-  StringBuffer sb;
-  Writer w(sb);
-  w.StartObject();
-  writeWriteResult(w, name, id, r, false);
-  w.EndObject();
-  st.reply(res, r.status, sb.GetString());
+  answerWrite(st, res, name, id, r);
 }
 
 void deleteDocument(State& st, const Req& req, Res& res, const std::string& indexName, const std::string& id) {
@@ -236,14 +279,7 @@ void deleteDocument(State& st, const Req& req, Res& res, const std::string& inde
   const WriteResult r = st.write(*found[0], "delete", id, "", nullptr, o, false);
   const std::string name = found[0]->name;
   lock.unlock();
-  if (!r.errorType.empty())
-    return st.reply(res, r.status, errorBody(r.status, r.errorType, r.errorReason, name));
-  StringBuffer sb;
-  Writer w(sb);
-  w.StartObject();
-  writeWriteResult(w, name, id, r, false);
-  w.EndObject();
-  st.reply(res, r.status == 404 ? 404 : 200, sb.GetString());
+  answerWrite(st, res, name, id, r);
 }
 
 void getDocument(State& st, const Req&, Res& res, const std::string& indexName, const std::string& id) {

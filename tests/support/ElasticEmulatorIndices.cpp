@@ -53,6 +53,8 @@ bool applyMappings(Index& ix, const Value& mappings, std::string& err) {
     }
   }
   ix.mappings = toJson(merged);
+  const Value* routing = fieldOf(merged, "_routing.required");
+  ix.routingRequired = routing && routing->IsBool() && routing->GetBool();
   ix.fieldTypes.clear();
   if (merged.HasMember("properties"))
     collectFieldTypes(merged["properties"], "", ix.fieldTypes);

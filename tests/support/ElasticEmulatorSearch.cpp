@@ -106,6 +106,10 @@ void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t
       w.Null();
     else
       w.Double(1.0);
+    if (!e.doc->routing.empty()) {
+      w.Key("_routing");
+      writeString(w, e.doc->routing);
+    }
     w.Key("_source");
     w.RawValue(e.doc->source.data(), e.doc->source.size(), rapidjson::kObjectType);
     if (sorted) {
