@@ -26,6 +26,15 @@ WriteOptions optionsOf(const Req& req) {
   return o;
 }
 
+void writeMissingDoc(Writer& w, const std::string& index, const std::string& id) {
+  w.Key("_index");
+  writeString(w, index);
+  w.Key("_id");
+  writeString(w, id);
+  w.Key("found");
+  w.Bool(false);
+}
+
 // A document write's answer: its result, or its error with the error's status.
 void answerWrite(State& st, Res& res, const std::string& index, const std::string& id, const WriteResult& r) {
   if (!r.errorType.empty())
@@ -295,12 +304,7 @@ void getDocument(State& st, const Req&, Res& res, const std::string& indexName, 
   if (d) {
     writeFoundDoc(w, found[0]->name, *d);
   } else {
-    w.Key("_index");
-    writeString(w, found.empty() ? indexName : found[0]->name);
-    w.Key("_id");
-    writeString(w, id);
-    w.Key("found");
-    w.Bool(false);
+    writeMissingDoc(w, found.empty() ? indexName : found[0]->name, id);
   }
   w.EndObject();
   lock.unlock();
@@ -349,31 +353,14 @@ void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
       std::vector<Index*> found;
       std::string err;
       if (!st.resolve(index, found, err) || found.size() != 1) {
-        w.Key("_index");
-        writeString(w, index);
-        w.Key("_id");
-        writeString(w, id);
-        w.Key("error");
-        w.StartObject();
-        w.Key("root_cause");
-        w.StartArray();
-        w.EndArray();
-        w.Key("type");
-        w.String("index_not_found_exception");
-        w.Key("reason");
-        writeString(w, "no such index [" + index + "]");
-        w.Key("index");
-        writeString(w, index);
-        w.EndObject();
+        WriteResult missing; // as an item error, without root causes
+        missing.errorType = "index_not_found_exception";
+        missing.errorReason = "no such index [" + index + "]";
+        writeWriteResult(w, index, id, missing, false);
       } else if (const Doc* d = st.current(*found[0], id)) {
         writeFoundDoc(w, found[0]->name, *d);
       } else {
-        w.Key("_index");
-        writeString(w, found[0]->name);
-        w.Key("_id");
-        writeString(w, id);
-        w.Key("found");
-        w.Bool(false);
+        writeMissingDoc(w, found[0]->name, id);
       }
       w.EndObject();
     }
