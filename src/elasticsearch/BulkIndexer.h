@@ -4,7 +4,9 @@
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/platform/qzVariant.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,6 +19,34 @@ namespace qz::elasticsearch {
 
 struct HTTPTOOLS_API BulkStats {
   size_t indexed = 0, deleted = 0, failed = 0, retried = 0;
+  size_t cancelled = 0; // reported cancelled by stop() or the destructor (not counted in `failed`)
+};
+
+enum class BulkOp { Index, Create, Update, Delete };
+enum class BulkVersionType { Internal, External, ExternalGte };
+
+// One operation of a _bulk request with Elasticsearch's per-item options. Elasticsearch refuses a
+// whole request for one invalid item, so BulkIndexer::add() refuses such an item alone: an external
+// version on create, any version on update, a version without an external type, half a
+// compare-and-set pair, or compare-and-set beside an external version.
+struct HTTPTOOLS_API BulkItem {
+  BulkOp op = BulkOp::Index;
+  std::string index, id; // both required: a retried item never duplicates a document
+  std::string routing;   // "": none
+  int64_t version = -1;  // with an external version type, >= 0
+  BulkVersionType versionType = BulkVersionType::Internal;
+  int64_t ifSeqNo = -1, ifPrimaryTerm = -1; // compare-and-set on the stored document: both or neither
+  std::string json;         // index, create: the document; update: the partial document (one object, no line break)
+  bool docAsUpsert = false; // update: create the document from `json` when it is missing
+};
+
+// What became of one item. Success is a 2xx status, or a delete that found nothing (404 not_found).
+struct HTTPTOOLS_API BulkOutcome {
+  int status = 0;                     // the item's status; 0 when no answer came (see errorType)
+  std::string result;                 // created, updated, deleted, not_found or noop; "" on error
+  std::string errorType, errorReason; // Elasticsearch's; "cancelled" for an item stop() reported unsent
+  int64_t version = -1, seqNo = -1, primaryTerm = -1;
+  bool ok() const { return errorType.empty(); }
 };
 
 // Collects index and delete operations into NDJSON _bulk requests sent by `threads` worker
@@ -26,7 +56,7 @@ struct HTTPTOOLS_API BulkStats {
 // 503, 504 or not answered at all) are sent again, alone, after an exponential backoff; every
 // other failure, and a retried item that runs out of attempts, goes to the item-failure callback
 // with its status and reason. Ids are always given, so a retry never duplicates a document.
-// Thread-safe; the destructor flushes.
+// Thread-safe. The destructor stops (see stop()): call flush() first to send what is queued.
 //
 //   qz::elasticsearch::BulkIndexer indexer(pool, server);
 //   indexer.onItemFailure([](auto& index, auto& id, int status, auto& reason) { ... });
@@ -47,14 +77,30 @@ public:
   // As index(), with the document already as JSON text (one object, no line break).
   bool indexJson(const std::string& index, const std::string& id, const std::string& json);
   bool remove(const std::string& index, const std::string& id);
+  // Queues one item with its options; false (nothing queued, `error` says why) when Elasticsearch
+  // would refuse it, or after stop().
+  bool add(const BulkItem& item, std::string* error = nullptr);
+  // As add(), with the document (or partial document) as a variant instead of item.json.
+  bool add(const BulkItem& item, const qzVariantMapImpl& document, std::string* error = nullptr);
+
+  // Stops within 100 ms whatever the retry state (an answer already on its way is still read):
+  // nothing more is sent, and every item not yet acknowledged is reported cancelled through the
+  // outcome and failure callbacks. Later add() calls return false.
+  void stop();
 
   // Sends what is queued and waits for every request; true when every item since the last flush
   // succeeded, else false with `error` saying how many failed and the first reason.
   bool flush(std::string* error);
+  // As flush(), returning false ("interrupted") soon after `cancel` becomes true, or after stop()
+  // from another thread; the items not yet acknowledged stay queued.
+  bool flush(std::string* error, const std::atomic<bool>* cancel);
   BulkStats stats() const;
 
   void onItemFailure(
       std::function<void(const std::string& index, const std::string& id, int status, const std::string& reason)>);
+  // Called once for every item when its fate is known: acknowledged, failed for good, or cancelled;
+  // `item` is the item as sent. Setting it makes every item's answer read (not only failures).
+  void onItemOutcome(std::function<void(const BulkItem& item, const BulkOutcome& outcome)>);
   void setFlushIntervalMs(unsigned ms); // 0 (the default): no timed flush
   // Attempts per item beyond the first (default 5) and the first backoff (default 100 ms,
   // doubled each time, at most 5 s).

@@ -4,12 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <mutex>
 #include <thread>
 
 using qz::elasticsearch::BulkIndexer;
+using qz::elasticsearch::BulkItem;
+using qz::elasticsearch::BulkOp;
+using qz::elasticsearch::BulkOutcome;
+using qz::elasticsearch::BulkVersionType;
 
 namespace {
 
@@ -145,14 +150,17 @@ TEST_F(BulkTest, WholeRequestAnswered503IsSentAgain) {
 }
 
 TEST_F(BulkTest, BatchesLeaveByCountBytesAndInterval) {
+  size_t cancelled = 0;
   {
     BulkIndexer byCount(pool, server, 1, 10, 1 << 30);
+    byCount.onItemOutcome([&](const BulkItem&, const BulkOutcome& o) { cancelled += o.errorType == "cancelled"; });
     for (int i = 0; i < 35; ++i)
       byCount.index("c", std::to_string(i), doc(i));
     EXPECT_TRUE(eventually([&] { return emulator.docCount("c") == 30; })) << emulator.docCount("c");
     EXPECT_EQ(emulator.stats().bulkRequests, 3u);
   }
-  EXPECT_EQ(emulator.docCount("c"), 35u); // the destructor flushed the rest
+  EXPECT_EQ(emulator.docCount("c"), 30u); // the destructor sent nothing more: the rest was cancelled
+  EXPECT_EQ(cancelled, 5u);
   emulator.reset();
   {
     BulkIndexer byBytes(pool, server, 1, 100000, 2000);
@@ -183,6 +191,177 @@ TEST_F(BulkTest, UnreachableServerFailsEveryItemAfterRetries) {
   ASSERT_EQ(failures.size(), 2u);
   EXPECT_EQ(failures[0].status, 0);
   EXPECT_NE(failures[0].reason.find("no answer"), std::string::npos) << failures[0].reason;
+}
+
+BulkItem item(BulkOp op, const std::string& id, const std::string& json = "") {
+  BulkItem it;
+  it.op = op;
+  it.index = "o";
+  it.id = id;
+  it.json = json;
+  return it;
+}
+
+// Each op type and option reaches Elasticsearch in one request, applied in order, and each item's
+// outcome comes back with the item as sent.
+TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
+  struct Case {
+    BulkItem item;
+    int status;
+    const char* result; // or the error type
+    int64_t version;
+  };
+  auto with = [](BulkItem it, auto&& change) {
+    change(it);
+    return it;
+  };
+  const Case cases[] = {
+      {item(BulkOp::Index, "a", R"({"n":1})"), 201, "created", 1},
+      {item(BulkOp::Create, "a", R"({"n":2})"), 409, "version_conflict_engine_exception", -1},
+      {item(BulkOp::Update, "a", R"({"m":2})"), 200, "updated", 2},
+      {item(BulkOp::Update, "a", R"({"m":2})"), 200, "noop", 2},
+      {item(BulkOp::Update, "b", R"({"m":3})"), 404, "document_missing_exception", -1},
+      {with(item(BulkOp::Update, "b", R"({"m":3})"), [](auto& i) { i.docAsUpsert = true; }), 201, "created", 1},
+      {with(item(BulkOp::Index, "a", "{}"), [](auto& i) { i.ifSeqNo = 1, i.ifPrimaryTerm = 1; }), 200, "updated", 3},
+      {with(item(BulkOp::Index, "a", "{}"), [](auto& i) { i.ifSeqNo = 1, i.ifPrimaryTerm = 1; }), 409,
+       "version_conflict_engine_exception", -1},
+      {with(item(BulkOp::Index, "x", R"({"v":7})"),
+            [](auto& i) { i.version = 7, i.versionType = BulkVersionType::External, i.routing = "r1"; }),
+       201, "created", 7},
+      {with(item(BulkOp::Index, "x", "{}"), [](auto& i) { i.version = 7, i.versionType = BulkVersionType::External; }),
+       409, "version_conflict_engine_exception", -1},
+      {with(item(BulkOp::Index, "x", R"({"v":"gte"})"),
+            [](auto& i) { i.version = 7, i.versionType = BulkVersionType::ExternalGte, i.routing = "r2"; }),
+       200, "updated", 7},
+      {item(BulkOp::Delete, "b"), 200, "deleted", 2},
+      {item(BulkOp::Delete, "never"), 404, "not_found", 1},
+  };
+  BulkIndexer indexer(pool, server, 1, 1000);
+  std::vector<std::pair<BulkItem, BulkOutcome>> got;
+  indexer.onItemOutcome([&](const BulkItem& i, const BulkOutcome& o) { got.emplace_back(i, o); });
+  for (const auto& c : cases)
+    ASSERT_TRUE(indexer.add(c.item));
+  std::string error;
+  EXPECT_FALSE(indexer.flush(&error)); // the expected conflicts
+  EXPECT_NE(error.find("4 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception"), std::string::npos)
+      << error;
+  EXPECT_EQ(emulator.stats().bulkRequests, 1u);
+  ASSERT_EQ(got.size(), std::size(cases));
+  for (size_t i = 0; i < got.size(); ++i) {
+    const auto& [sent, o] = got[i];
+    const Case& c = cases[i];
+    SCOPED_TRACE("case " + std::to_string(i) + " " + c.item.id);
+    EXPECT_EQ(sent.op, c.item.op);
+    EXPECT_EQ(sent.id, c.item.id);
+    EXPECT_EQ(sent.json, c.item.json);
+    EXPECT_EQ(sent.routing, c.item.routing);
+    EXPECT_EQ(o.status, c.status);
+    EXPECT_EQ(o.ok() ? o.result : o.errorType, c.result) << o.errorReason;
+    EXPECT_EQ(o.version, c.version);
+    EXPECT_EQ(o.ok(), o.seqNo >= 0);
+  }
+  std::string back;
+  ASSERT_EQ(call("GET", "/o/_doc/x", "", &back), 200);
+  EXPECT_NE(back.find(R"("_version":7,"_seq_no":)"), std::string::npos) << back;
+  EXPECT_NE(back.find(R"("_routing":"r2","found":true,"_source":{"v":"gte"})"), std::string::npos) << back;
+  const auto stats = indexer.stats();
+  EXPECT_EQ(stats.indexed, 7u);
+  EXPECT_EQ(stats.deleted, 2u);
+  EXPECT_EQ(stats.failed, 4u);
+}
+
+// What Elasticsearch would refuse for the whole request is refused alone, before sending.
+TEST_F(BulkTest, ItemsElasticsearchRefusesNeverLeave) {
+  auto with = [](BulkItem it, auto&& change) {
+    change(it);
+    return it;
+  };
+  const struct {
+    BulkItem item;
+    const char* why;
+  } refused[] = {
+      {with(item(BulkOp::Create, "c", "{}"), [](auto& i) { i.version = 2, i.versionType = BulkVersionType::External; }),
+       "create operations only support internal versioning"},
+      {with(item(BulkOp::Update, "u", "{}"), [](auto& i) { i.version = 2, i.versionType = BulkVersionType::External; }),
+       "update requests do not support versioning"},
+      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.version = 2; }), "a version needs an external version"},
+      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.versionType = BulkVersionType::External; }),
+       "needs a version >= 0"},
+      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.ifSeqNo = 3; }), "go together"},
+      {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
+      {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
+      {item(BulkOp::Create, "c"), "one JSON object on one line"},
+  };
+  BulkIndexer indexer(pool, server, 1, 1000);
+  for (const auto& r : refused) {
+    std::string why;
+    EXPECT_FALSE(indexer.add(r.item, &why)) << r.why;
+    EXPECT_NE(why.find(r.why), std::string::npos) << why;
+  }
+  std::string error;
+  EXPECT_TRUE(indexer.flush(&error)) << error;
+  EXPECT_EQ(emulator.stats().bulkRequests, 0u);
+}
+
+// stop() and the destructor end a retry backoff at once; what was not acknowledged, in backoff or
+// never sent, is reported cancelled. The bounds leave room for sanitizers on a loaded machine.
+TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
+  using Clock = std::chrono::steady_clock;
+  for (const bool byDestructor : {false, true}) {
+    SCOPED_TRACE(byDestructor ? "destructor" : "stop()");
+    emulator.reset();
+    auto f = emulator.faults();
+    f.rejectItems = 1000; // every attempt is refused: the first batch waits in a 10 s backoff
+    emulator.setFaults(f);
+    std::atomic<size_t> cancelled{0}, others{0};
+    auto indexer = std::make_unique<BulkIndexer>(pool, server, 1, 4);
+    indexer->setRetries(3, 10000);
+    indexer->onItemOutcome(
+        [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : others); });
+    for (int i = 0; i < 10; ++i) // a batch of 4 in backoff, one queued, 2 not yet full
+      ASSERT_TRUE(indexer->index("s", std::to_string(i), doc(i)));
+    ASSERT_TRUE(eventually([&] { return indexer->stats().retried == 4; }));
+    const auto t0 = Clock::now();
+    if (byDestructor)
+      indexer.reset();
+    else
+      indexer->stop();
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+    std::printf("[ measured ] %s returned in %lld ms during a backoff\n", byDestructor ? "~BulkIndexer" : "stop()",
+                static_cast<long long>(ms));
+    EXPECT_LT(ms, 1000);
+    EXPECT_TRUE(eventually([&] { return cancelled == 10; })) << cancelled;
+    EXPECT_EQ(others, 0u);
+    if (indexer) {
+      EXPECT_FALSE(indexer->index("s", "late", doc(1)));
+      std::string error;
+      EXPECT_FALSE(indexer->flush(&error));
+      EXPECT_NE(error.find("10 bulk item(s) failed"), std::string::npos) << error;
+      EXPECT_EQ(indexer->stats().cancelled, 10u);
+    }
+    EXPECT_EQ(emulator.stats().bulkRequests, 1u);
+  }
+}
+
+// flush() waits through retries, and returns when its cancel flag is set from another thread.
+TEST_F(BulkTest, FlushIsInterruptedByItsFlag) {
+  auto f = emulator.faults();
+  f.rejectItems = 1000;
+  emulator.setFaults(f);
+  BulkIndexer indexer(pool, server, 1, 100);
+  indexer.setRetries(3, 10000);
+  for (int i = 0; i < 3; ++i)
+    indexer.index("i", std::to_string(i), doc(i));
+  std::atomic<bool> cancel{false};
+  std::thread canceller([&] {
+    eventually([&] { return indexer.stats().retried == 3; });
+    cancel = true;
+  });
+  std::string error;
+  EXPECT_FALSE(indexer.flush(&error, &cancel));
+  canceller.join();
+  EXPECT_EQ(error, "interrupted with 3 bulk item(s) not yet acknowledged");
+  EXPECT_EQ(indexer.stats().failed + indexer.stats().cancelled, 0u); // still in their backoff
 }
 
 } // namespace

@@ -30,6 +30,31 @@ TEST_F(EmulatorTest, ConcurrencyControlAndExternalVersions) {
       {"GET", "/r/_doc/x", "", 200, R"("_source":{"v":7,"w":1})"},
       {"POST", "/_bulk", "{\"index\":{\"_index\":\"r\",\"_id\":\"a\",\"if_seq_no\":9,\"if_primary_term\":1}}\n{}\n",
        200, R"("status":409)"},
+      // Elasticsearch refuses external versions on create and any version on update, for the
+      // whole _bulk request, before running any item.
+      {"PUT", "/r/_create/n?version=3&version_type=external", "{}", 400,
+       "Validation Failed: 1: create operations only support internal versioning. use index instead;"},
+      {"POST", "/_bulk",
+       "{\"index\":{\"_index\":\"r\",\"_id\":\"ok\"}}\n{}\n"
+       "{\"create\":{\"_index\":\"r\",\"_id\":\"n\",\"version\":3,\"version_type\":\"external_gte\"}}\n{}\n",
+       400, R"("type":"action_request_validation_exception")"},
+      {"POST", "/r/_update/x?version=9&version_type=external", R"({"doc":{}})", 400,
+       "1: internal versioning can not be used for optimistic concurrency control"},
+      {"POST", "/_bulk", "{\"update\":{\"_index\":\"r\",\"_id\":\"x\",\"version\":9}}\n{\"doc\":{}}\n", 400,
+       "Update requests do not support versioning."},
+      {"POST", "/_bulk", "{\"index\":{\"_index\":\"r\",\"_id\":\"x\",\"_version\":9}}\n{}\n", 400,
+       "Action/metadata line [1] contains an unknown parameter [_version]"},
+      {"GET", "/r/_doc/ok", "", 404, R"("found":false)"}, // the refused request ran nothing
+      // A partial update that changes nothing, deletes that keep their version, routing.
+      {"POST", "/r/_update/x", R"({"doc":{"w":1}})", 200, R"("_version":6,"result":"noop")"},
+      {"DELETE", "/r/_doc/x?version=8&version_type=external", "", 200, R"("_version":8,"result":"deleted")"},
+      {"PUT", "/r/_doc/x?version=8&version_type=external", "{}", 409, "current version [8] is higher or equal"},
+      {"DELETE", "/r/_doc/gone", "", 404, R"("_version":1,"result":"not_found")"},
+      {"PUT", "/r/_doc/gone?routing=u7", "{}", 201, R"("_version":2,"result":"created")"},
+      {"GET", "/r/_doc/gone", "", 200, R"("_routing":"u7","found":true)"},
+      {"PUT", "/routed", R"({"mappings":{"_routing":{"required":true}}})", 200, "acknowledged"},
+      {"POST", "/_bulk", "{\"index\":{\"_index\":\"routed\",\"_id\":\"1\"}}\n{}\n", 200,
+       R"("status":400,"error":{"type":"routing_missing_exception","reason":"routing is required for [routed]/[1]")"},
   };
   for (const auto& step : steps) {
     SCOPED_TRACE(std::string(step.method) + " " + step.path);

@@ -12,7 +12,10 @@
 //   PUT|POST /IDX/_doc/ID, PUT|POST /IDX/_create/ID, POST /IDX/_doc, GET|HEAD|DELETE /IDX/_doc/ID,
 //   POST /IDX/_update/ID            with if_seq_no/if_primary_term and version_type=external(_gte),
 //                                   409 version_conflict_engine_exception on a mismatch
-//   POST [/IDX]/_bulk               index/create/delete/update items, per-item status and error
+//   POST [/IDX]/_bulk               index/create/delete/update items with routing, versions and
+//                                   if_seq_no/if_primary_term, per-item status and error; an item
+//                                   Elasticsearch refuses (external version on create, version on
+//                                   update) refuses the whole request, as it does there
 //   POST [/IDX]/_mget               docs[] or ids[]
 //   POST /IDX/_search[?scroll=]     match_all, term(s), match, ids, range, exists, bool; sort by
 //                                   fields, _id, _doc, _shard_doc; from/size; search_after; pit

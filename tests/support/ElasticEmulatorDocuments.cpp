@@ -1,0 +1,416 @@
+#include "support/ElasticEmulatorState.h"
+
+#include <chrono>
+
+namespace qztest::emu {
+
+namespace {
+
+const std::set<std::string> kIgnoredMeta = {"retry_on_conflict",      "pipeline",          "require_alias",
+                                            "require_data_stream",    "dynamic_templates", "_source",
+                                            "list_executed_pipelines"};
+const char* const kUpdateVersioning =
+    "Update requests do not support versioning. Please use `if_seq_no` and `if_primary_term` instead";
+
+bool knownVersionType(const std::string& t) { return t == "internal" || t == "external" || t == "external_gte"; }
+
+// The write options of a document request's parameters.
+WriteOptions optionsOf(const Req& req) {
+  WriteOptions o;
+  o.ifSeqNo = numberParam(req, "if_seq_no", kNoSeqNo);
+  o.ifPrimaryTerm = numberParam(req, "if_primary_term", kNoTerm);
+  o.version = numberParam(req, "version", kAnyVersion);
+  if (req.has_param("version_type"))
+    o.versionType = req.get_param_value("version_type");
+  o.routing = req.get_param_value("routing");
+  return o;
+}
+
+void writeMissingDoc(Writer& w, const std::string& index, const std::string& id) {
+  w.Key("_index");
+  writeString(w, index);
+  w.Key("_id");
+  writeString(w, id);
+  w.Key("found");
+  w.Bool(false);
+}
+
+// A document write's answer: its result, or its error with the error's status.
+void answerWrite(State& st, Res& res, const std::string& index, const std::string& id, const WriteResult& r) {
+  if (!r.errorType.empty())
+    return st.reply(res, r.status, errorBody(r.status, r.errorType, r.errorReason, index));
+  StringBuffer sb;
+  Writer w(sb);
+  w.StartObject();
+  writeWriteResult(w, index, id, r, false);
+  w.EndObject();
+  st.reply(res, r.status, sb.GetString());
+}
+
+void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
+  const auto t0 = std::chrono::steady_clock::now();
+  struct Item {
+    std::string action, index, id;
+    WriteOptions opts;
+    const char* source = nullptr;
+    size_t sourceLength = 0;
+    std::unique_ptr<Document> parsed;
+    bool upsert = false;
+    std::string parseError;
+  };
+  std::vector<Item> items;
+  const std::string& text = req.body;
+  size_t at = 0;
+  auto nextLine = [&](const char*& p, size_t& n) {
+    while (at < text.size() && (text[at] == '\n' || text[at] == '\r'))
+      ++at;
+    if (at >= text.size())
+      return false;
+    size_t end = text.find('\n', at);
+    if (end == std::string::npos)
+      end = text.size();
+    p = text.data() + at;
+    n = end - at;
+    if (n && p[n - 1] == '\r')
+      --n;
+    at = end + 1;
+    return true;
+  };
+  const char* p;
+  size_t n;
+  std::vector<std::string> invalid;
+  for (int line = 1; nextLine(p, n); ++line) {
+    Document action;
+    action.Parse(p, n);
+    if (action.HasParseError() || !action.IsObject() || action.MemberCount() != 1 ||
+        !action.MemberBegin()->value.IsObject())
+      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", "Malformed action/metadata line"));
+    Item item;
+    item.action = action.MemberBegin()->name.GetString();
+    const Value& meta = action.MemberBegin()->value;
+    if (item.action != "index" && item.action != "create" && item.action != "delete" && item.action != "update")
+      return st.reply(res, 400,
+                      errorBody(400, "illegal_argument_exception",
+                                "Malformed action/metadata line, expected one of [create, delete, index, update] but "
+                                "found [" +
+                                    item.action + "]"));
+    std::string badParameter;
+    for (const auto& f : meta.GetObject()) {
+      const std::string k = f.name.GetString();
+      const Value& v = f.value;
+      if (k == "_index" && v.IsString())
+        item.index = v.GetString();
+      else if (k == "_id" && v.IsString())
+        item.id = v.GetString();
+      else if (k == "routing" && v.IsString())
+        item.opts.routing = v.GetString();
+      else if (k == "version" && v.IsInt64())
+        item.opts.version = v.GetInt64();
+      else if (k == "version_type" && v.IsString())
+        item.opts.versionType = v.GetString();
+      else if (k == "if_seq_no" && v.IsInt64())
+        item.opts.ifSeqNo = v.GetInt64();
+      else if (k == "if_primary_term" && v.IsInt64())
+        item.opts.ifPrimaryTerm = v.GetInt64();
+      else if (!kIgnoredMeta.count(k) && badParameter.empty())
+        badParameter = k;
+    }
+    if (!badParameter.empty())
+      return st.reply(res, 400,
+                      errorBody(400, "illegal_argument_exception",
+                                "Action/metadata line [" + std::to_string(line) + "] contains an unknown parameter [" +
+                                    badParameter + "]"));
+    if (!knownVersionType(item.opts.versionType))
+      return st.reply(
+          res, 400,
+          errorBody(400, "illegal_argument_exception", "No version type match [" + item.opts.versionType + "]"));
+    if (item.action == "update" && (item.opts.version != kAnyVersion || item.opts.versionType != "internal"))
+      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", kUpdateVersioning));
+    if (item.index.empty())
+      item.index = defaultIndex;
+    for (auto& e : validateWrite(item.action, item.opts, !item.id.empty()))
+      invalid.push_back(std::move(e));
+    if (item.action != "delete") {
+      if (!nextLine(p, n) || !++line)
+        return st.reply(
+            res, 400,
+            errorBody(400, "illegal_argument_exception", "The bulk request must be terminated by a newline [\\n]"));
+      item.parsed = std::make_unique<Document>();
+      item.parsed->Parse(p, n);
+      if (item.parsed->HasParseError() || !item.parsed->IsObject()) {
+        item.parseError = "failed to parse";
+      } else if (item.action == "update") {
+        Document& d = *item.parsed;
+        item.upsert = d.HasMember("doc_as_upsert") && d["doc_as_upsert"].IsBool() && d["doc_as_upsert"].GetBool();
+        if (!d.HasMember("doc") || !d["doc"].IsObject()) {
+          item.parseError = "[update] requires [doc]";
+        } else {
+          std::string docText = toJson(d["doc"]);
+          auto parsedDoc = std::make_unique<Document>();
+          parsedDoc->Parse(docText.data(), docText.size());
+          item.parsed = std::move(parsedDoc);
+        }
+      } else {
+        item.source = p;
+        item.sourceLength = n;
+      }
+    }
+    if (item.index.empty())
+      invalid.push_back("index is missing");
+    items.push_back(std::move(item));
+  }
+  if (items.empty())
+    invalid.insert(invalid.begin(), "no requests added");
+  // Elasticsearch validates every item before running any: one invalid item refuses the request.
+  if (!invalid.empty())
+    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
+
+  StringBuffer sb;
+  Writer w(sb);
+  bool errors = false;
+  std::vector<WriteResult> results(items.size());
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    ++st.stats.bulkRequests;
+    st.stats.bulkItems += items.size();
+    st.stats.lastBulkContentType = req.get_header_value("Content-Type");
+    for (size_t i = 0; i < items.size(); ++i) {
+      Item& item = items[i];
+      WriteResult& r = results[i];
+      if (st.faults.rejectItems > 0) {
+        --st.faults.rejectItems;
+        r.status = 429;
+        r.errorType = "es_rejected_execution_exception";
+        r.errorReason = "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, "
+                        "replica_bytes=0, all_bytes=0, coordinating_operation_bytes=1024, "
+                        "max_coordinating_and_primary_bytes=0]";
+        continue;
+      }
+      if (!item.parseError.empty()) {
+        r.status = 400;
+        r.errorType = "mapper_parsing_exception";
+        r.errorReason = item.parseError;
+        continue;
+      }
+      int status = 400;
+      std::string err;
+      Index* ix = st.writeIndex(item.index, status, err);
+      if (!ix) {
+        r.status = status;
+        r.errorType = "illegal_argument_exception";
+        r.errorReason = err;
+        continue;
+      }
+      item.index = ix->name;
+      if (item.id.empty())
+        item.id = randomId(20, ++st.counter).substr(0, 20);
+      const std::string source = item.source ? std::string(item.source, item.sourceLength) : std::string();
+      r = st.write(*ix, item.action, item.id, source, item.parsed.get(), item.opts, item.upsert);
+    }
+  }
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
+  for (const auto& r : results)
+    errors = errors || !r.errorType.empty();
+  w.StartObject();
+  w.Key("took");
+  w.Int64(took.count());
+  w.Key("errors");
+  w.Bool(errors);
+  w.Key("items");
+  w.StartArray();
+  for (size_t i = 0; i < items.size(); ++i) {
+    w.StartObject();
+    writeString(w, items[i].action);
+    w.StartObject();
+    writeWriteResult(w, items[i].index, items[i].id, results[i], true);
+    w.EndObject();
+    w.EndObject();
+  }
+  w.EndArray();
+  w.EndObject();
+  st.reply(res, 200, std::string(sb.GetString(), sb.GetSize()));
+}
+
+void writeDocument(State& st, const Req& req, Res& res, const std::string& indexName, std::string id,
+                   const std::string& action) {
+  const WriteOptions o = optionsOf(req);
+  if (!knownVersionType(o.versionType))
+    return st.reply(res, 400,
+                    errorBody(400, "illegal_argument_exception", "No version type match [" + o.versionType + "]"));
+  std::string op = action;
+  if (op == "index" && req.get_param_value("op_type") == "create")
+    op = "create";
+  std::vector<std::string> invalid =
+      op == "update" && (req.has_param("version") || req.has_param("version_type"))
+          ? std::vector<std::string>{"internal versioning can not be used for optimistic concurrency control. Please "
+                                     "use `if_seq_no` and `if_primary_term` instead"}
+          : validateWrite(op, o, !id.empty());
+  if (!invalid.empty())
+    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
+  Document parsed;
+  parsed.Parse(req.body.data(), req.body.size());
+  if (parsed.HasParseError() || !parsed.IsObject())
+    return st.reply(res, 400, errorBody(400, "mapper_parsing_exception", "failed to parse"));
+  const Value* source = &parsed;
+  bool upsert = false;
+  std::string docText = req.body;
+  if (op == "update") {
+    if (!parsed.HasMember("doc") || !parsed["doc"].IsObject())
+      return st.reply(res, 400,
+                      errorBody(400, "action_request_validation_exception",
+                                "Validation Failed: 1: script or doc is "
+                                "missing;"));
+    source = &parsed["doc"];
+    upsert = parsed.HasMember("doc_as_upsert") && parsed["doc_as_upsert"].IsBool() && parsed["doc_as_upsert"].GetBool();
+    docText = toJson(*source);
+  }
+  std::unique_lock<std::mutex> lock(st.mu);
+  int status = 400;
+  std::string err;
+  Index* ix = st.writeIndex(indexName, status, err);
+  if (!ix)
+    return st.reply(res, status, errorBody(status, "illegal_argument_exception", err));
+  if (id.empty())
+    id = randomId(20, ++st.counter).substr(0, 20);
+  const WriteResult r = st.write(*ix, op, id, docText, source, o, upsert);
+  const std::string name = ix->name;
+  lock.unlock();
+  answerWrite(st, res, name, id, r);
+}
+
+void deleteDocument(State& st, const Req& req, Res& res, const std::string& indexName, const std::string& id) {
+  const WriteOptions o = optionsOf(req);
+  std::unique_lock<std::mutex> lock(st.mu);
+  std::vector<Index*> found;
+  std::string err;
+  if (!st.resolve(indexName, found, err) || found.size() != 1)
+    return st.reply(res, 404, err.empty() ? errorBody(404, "index_not_found_exception", indexName) : err);
+  const WriteResult r = st.write(*found[0], "delete", id, "", nullptr, o, false);
+  const std::string name = found[0]->name;
+  lock.unlock();
+  answerWrite(st, res, name, id, r);
+}
+
+void getDocument(State& st, const Req&, Res& res, const std::string& indexName, const std::string& id) {
+  std::unique_lock<std::mutex> lock(st.mu);
+  std::vector<Index*> found;
+  std::string err;
+  if (!st.resolve(indexName, found, err))
+    return st.reply(res, 404, err);
+  StringBuffer sb;
+  Writer w(sb);
+  w.StartObject();
+  const Doc* d = found.size() == 1 ? st.current(*found[0], id) : nullptr;
+  if (d) {
+    writeFoundDoc(w, found[0]->name, *d);
+  } else {
+    writeMissingDoc(w, found.empty() ? indexName : found[0]->name, id);
+  }
+  w.EndObject();
+  lock.unlock();
+  st.reply(res, d ? 200 : 404, sb.GetString());
+}
+
+void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
+  Document body;
+  body.Parse(req.body.data(), req.body.size());
+  if (body.HasParseError() || !body.IsObject())
+    return st.reply(res, 400, errorBody(400, "parsing_exception", "request body is required"));
+  std::vector<std::pair<std::string, std::string>> wanted;
+  if (body.HasMember("ids") && body["ids"].IsArray()) {
+    if (defaultIndex.empty())
+      return st.reply(res, 400,
+                      errorBody(400, "action_request_validation_exception",
+                                "Validation Failed: 1: index is missing "
+                                "for doc 0;"));
+    for (const auto& v : body["ids"].GetArray())
+      wanted.emplace_back(defaultIndex, v.IsString() ? v.GetString() : toJson(v));
+  } else if (body.HasMember("docs") && body["docs"].IsArray()) {
+    for (const auto& v : body["docs"].GetArray()) {
+      if (!v.IsObject() || !v.HasMember("_id"))
+        return st.reply(res, 400,
+                        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: id is missing;"));
+      const std::string index =
+          v.HasMember("_index") && v["_index"].IsString() ? v["_index"].GetString() : defaultIndex;
+      wanted.emplace_back(index, v["_id"].IsString() ? v["_id"].GetString() : toJson(v["_id"]));
+    }
+  } else {
+    return st.reply(res, 400,
+                    errorBody(400, "action_request_validation_exception",
+                              "Validation Failed: 1: no documents to "
+                              "get;"));
+  }
+  StringBuffer sb;
+  Writer w(sb);
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    ++st.stats.mgetRequests;
+    w.StartObject();
+    w.Key("docs");
+    w.StartArray();
+    for (const auto& [index, id] : wanted) {
+      w.StartObject();
+      std::vector<Index*> found;
+      std::string err;
+      if (!st.resolve(index, found, err) || found.size() != 1) {
+        WriteResult missing; // as an item error, without root causes
+        missing.errorType = "index_not_found_exception";
+        missing.errorReason = "no such index [" + index + "]";
+        writeWriteResult(w, index, id, missing, false);
+      } else if (const Doc* d = st.current(*found[0], id)) {
+        writeFoundDoc(w, found[0]->name, *d);
+      } else {
+        writeMissingDoc(w, found[0]->name, id);
+      }
+      w.EndObject();
+    }
+    w.EndArray();
+    w.EndObject();
+  }
+  st.reply(res, 200, std::string(sb.GetString(), sb.GetSize()));
+}
+
+} // namespace
+
+bool serveDocuments(State& st, const Req& req, Res& res, const Path& s) {
+  const std::string& m = req.method;
+  const bool get = m == "GET" || m == "HEAD";
+  const std::string& first = s[0];
+  if (first == "_bulk" || (s.size() == 2 && s[1] == "_bulk")) {
+    m == "POST" || m == "PUT" ? bulk(st, req, res, s.size() == 2 ? first : "") : st.badMethod(req, res);
+    return true;
+  }
+  if (first == "_mget" || (s.size() == 2 && s[1] == "_mget")) {
+    mget(st, req, res, s.size() == 2 ? first : "");
+    return true;
+  }
+  if (first[0] == '_' || s.size() < 2)
+    return false;
+  const std::string& op = s[1];
+  const std::string id = s.size() > 2 ? s[2] : "";
+  if (op == "_doc") {
+    if (s.size() == 2)
+      m == "POST" ? writeDocument(st, req, res, first, "", "index") : st.badMethod(req, res);
+    else if (m == "PUT" || m == "POST")
+      writeDocument(st, req, res, first, id, "index");
+    else if (m == "DELETE")
+      deleteDocument(st, req, res, first, id);
+    else
+      getDocument(st, req, res, first, id);
+  } else if (op == "_create" && s.size() == 3) {
+    m == "PUT" || m == "POST" ? writeDocument(st, req, res, first, id, "create") : st.badMethod(req, res);
+  } else if (op == "_update" && s.size() == 3) {
+    m == "POST" ? writeDocument(st, req, res, first, id, "update") : st.badMethod(req, res);
+  } else if (op == "_source" && s.size() == 3 && get) {
+    std::lock_guard<std::mutex> lock(st.mu);
+    auto it = st.indices.find(first);
+    const Doc* d = it == st.indices.end() ? nullptr : st.current(it->second, id);
+    d ? st.reply(res, 200, d->source)
+      : st.reply(res, 404, errorBody(404, "resource_not_found_exception", "Document not found"));
+  } else {
+    return false;
+  }
+  return true;
+}
+
+} // namespace qztest::emu

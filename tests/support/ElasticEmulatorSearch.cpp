@@ -1,0 +1,401 @@
+#include "support/ElasticEmulatorQuery.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+namespace qztest::emu {
+
+using Docs = std::vector<std::pair<std::string, DocPtr>>;
+
+struct Pit {
+  Docs docs;
+  std::string cacheKey; // query and sort of the cached order
+  std::vector<Entry> sorted;
+};
+
+struct Scroll {
+  std::vector<Entry> entries;
+  std::vector<SortKey> keys;
+  size_t position = 0;
+  size_t size = 10;
+};
+
+namespace {
+
+Docs liveDocs(const std::vector<Index*>& found) {
+  Docs docs;
+  for (const Index* ix : found)
+    for (const auto& d : ix->slots)
+      if (d)
+        docs.emplace_back(ix->name, d);
+  return docs;
+}
+
+void answerSearch(State& st, Res& res, int status, std::string body) {
+  size_t cut = 0;
+  int stall = 0;
+  bool fail = false;
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    if (status == 200 && st.faults.failSearchPages > 0) {
+      --st.faults.failSearchPages;
+      fail = true;
+    }
+    if (status == 200 && st.faults.cutSearchAfter) {
+      cut = st.faults.cutSearchAfter;
+      st.faults.cutSearchAfter = 0;
+    }
+    if (status == 200 && st.faults.stallSearchMs) {
+      stall = st.faults.stallSearchMs;
+      st.faults.stallSearchMs = 0;
+    }
+  }
+  if (fail)
+    return st.reply(res, 500, errorBody(500, "search_phase_execution_exception", "all shards failed (injected fault)"));
+  if (!cut && !stall)
+    return st.reply(res, status, body);
+  st.reply(res, status, "");
+  auto text = std::make_shared<std::string>(std::move(body));
+  res.set_chunked_content_provider(
+      "application/json; charset=UTF-8", [text, cut, stall, &st](size_t, httplib::DataSink& sink) {
+        const size_t first = cut ? std::min(cut, text->size()) : std::min<size_t>(text->size(), 64);
+        sink.write(text->data(), first);
+        if (cut)
+          return false; // closes the connection mid-body
+        for (int waited = 0; waited < stall && !st.stopping; waited += 10)
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        sink.write(text->data() + first, text->size() - first);
+        sink.done();
+        return true;
+      });
+}
+
+void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t size, bool sorted,
+               const Value* trackTotal, size_t total) {
+  w.Key("timed_out");
+  w.Bool(false);
+  writeShards(w);
+  w.Key("hits");
+  w.StartObject();
+  if (!(trackTotal && trackTotal->IsBool() && !trackTotal->GetBool())) {
+    w.Key("total");
+    w.StartObject();
+    w.Key("value");
+    w.Uint64(total);
+    w.Key("relation");
+    w.String("eq");
+    w.EndObject();
+  }
+  w.Key("max_score");
+  if (sorted || total == 0)
+    w.Null();
+  else
+    w.Double(1.0);
+  w.Key("hits");
+  w.StartArray();
+  for (size_t i = from; i < entries.size() && i < from + size; ++i) {
+    const Entry& e = entries[i];
+    w.StartObject();
+    w.Key("_index");
+    writeString(w, e.index);
+    w.Key("_id");
+    writeString(w, e.doc->id);
+    w.Key("_score");
+    if (sorted)
+      w.Null();
+    else
+      w.Double(1.0);
+    if (!e.doc->routing.empty()) {
+      w.Key("_routing");
+      writeString(w, e.doc->routing);
+    }
+    w.Key("_source");
+    w.RawValue(e.doc->source.data(), e.doc->source.size(), rapidjson::kObjectType);
+    if (sorted) {
+      w.Key("sort");
+      w.StartArray();
+      for (const auto& v : e.sort)
+        writeSortValue(w, v);
+      w.EndArray();
+    }
+    w.EndObject();
+  }
+  w.EndArray();
+  w.EndObject();
+}
+
+void search(State& st, const Req& req, Res& res, const std::string& expr) {
+  Document body;
+  if (!req.body.empty()) {
+    body.Parse(req.body.data(), req.body.size());
+    if (body.HasParseError() || !body.IsObject())
+      return st.reply(res, 400, errorBody(400, "parsing_exception", "request body is not a JSON object"));
+  } else {
+    body.SetObject();
+  }
+  auto member = [&](const char* name) -> const Value* {
+    auto m = body.FindMember(name);
+    return m == body.MemberEnd() ? nullptr : &m->value;
+  };
+  const int64_t size =
+      member("size") && member("size")->IsInt64() ? member("size")->GetInt64() : numberParam(req, "size", 10);
+  const int64_t from =
+      member("from") && member("from")->IsInt64() ? member("from")->GetInt64() : numberParam(req, "from", 0);
+  const Value* query = member("query");
+  const Value* pitMember = member("pit");
+  const Value* after = member("search_after");
+  std::vector<SortKey> keys = parseSort(member("sort"));
+  const bool scroll = req.has_param("scroll");
+
+  std::unique_lock<std::mutex> lock(st.mu);
+  ++st.stats.searchRequests;
+  st.stats.lastSearchBody = req.body;
+  std::vector<Entry> own;
+  const std::vector<Entry>* view = &own;
+  std::shared_ptr<Pit> pitHold;
+  std::string pitId;
+  try {
+    if (pitMember) {
+      if (!expr.empty())
+        return st.reply(res, 400,
+                        errorBody(400, "action_request_validation_exception",
+                                  "Validation Failed: 1: [indices] cannot be used with point in time. Do not specify "
+                                  "any index with point in time.;"));
+      if (scroll)
+        return st.reply(res, 400,
+                        errorBody(400, "action_request_validation_exception",
+                                  "Validation Failed: 1: using [point in time] is not allowed in a "
+                                  "scroll context;"));
+      pitId = pitMember->IsObject() && pitMember->HasMember("id") && (*pitMember)["id"].IsString()
+                  ? (*pitMember)["id"].GetString()
+                  : "";
+      auto it = st.pits.find(pitId);
+      if (it == st.pits.end())
+        return st.reply(
+            res, 404,
+            errorBody(404, "search_context_missing_exception", "No search context found for id [" + pitId + "]"));
+      bool hasTiebreak = false;
+      for (const auto& k : keys)
+        hasTiebreak = hasTiebreak || k.field == "_shard_doc";
+      if (!hasTiebreak)
+        keys.push_back(SortKey{"_shard_doc", false});
+      pitHold = it->second;
+      Pit& pit = *pitHold;
+      // Pages of one pit repeat the query and sort: the ordered hits are kept with the pit.
+      const std::string cacheKey =
+          (query ? toJson(*query) : "") + "|" + (member("sort") ? toJson(*member("sort")) : std::string());
+      if (pit.cacheKey != cacheKey) {
+        pit.sorted.clear();
+        runQuery(pit.sorted, pit.docs, query, keys);
+        pit.cacheKey = cacheKey;
+      }
+      view = &pit.sorted;
+    } else {
+      std::vector<Index*> found;
+      if (!st.resolveOrReply(expr, found, res))
+        return;
+      runQuery(own, liveDocs(found), query, keys);
+    }
+  } catch (const QueryError& e) {
+    return st.reply(res, 400, errorBody(400, "parsing_exception", e.reason));
+  }
+  const std::vector<Entry>& entries = *view;
+  const size_t total = entries.size();
+  size_t start = size_t(std::max<int64_t>(0, from));
+  if (after && after->IsArray()) {
+    if (after->Size() != keys.size())
+      return st.reply(res, 400,
+                      errorBody(400, "illegal_argument_exception",
+                                "search_after has " + std::to_string(after->Size()) + " value(s) but sort has " +
+                                    std::to_string(keys.size()) + "."));
+    Entry probe{{}, nullptr, 0, {}};
+    for (const auto& v : after->GetArray())
+      probe.sort.push_back(toSortValue(&v));
+    start = size_t(std::upper_bound(entries.begin(), entries.end(), probe,
+                                    [&](const Entry& a, const Entry& b) { return compareEntries(a, b, keys) < 0; }) -
+                   entries.begin());
+  }
+  const bool sorted = !keys.empty();
+  StringBuffer sb;
+  Writer w(sb);
+  w.StartObject();
+  std::string scrollId;
+  if (scroll) {
+    auto sc = std::make_shared<Scroll>();
+    sc->entries.assign(entries.begin() + long(std::min(start, entries.size())), entries.end());
+    sc->keys = keys;
+    sc->size = size_t(size);
+    sc->position = size_t(size);
+    scrollId = randomId(96, ++st.counter);
+    st.scrolls[scrollId] = sc;
+    ++st.stats.scrollsOpened;
+    w.Key("_scroll_id");
+    writeString(w, scrollId);
+  }
+  if (!pitId.empty()) {
+    w.Key("pit_id");
+    writeString(w, pitId);
+  }
+  w.Key("took");
+  w.Int(1);
+  writeHits(w, entries, start, size_t(std::max<int64_t>(0, size)), sorted, member("track_total_hits"), total);
+  w.EndObject();
+  lock.unlock();
+  answerSearch(st, res, 200, std::string(sb.GetString(), sb.GetSize()));
+}
+
+void scrollNext(State& st, const Req& req, Res& res) {
+  std::string id = req.has_param("scroll_id") ? req.get_param_value("scroll_id") : "";
+  if (!req.body.empty()) {
+    Document body;
+    body.Parse(req.body.data(), req.body.size());
+    if (body.IsObject() && body.HasMember("scroll_id") && body["scroll_id"].IsString())
+      id = body["scroll_id"].GetString();
+  }
+  std::unique_lock<std::mutex> lock(st.mu);
+  ++st.stats.searchRequests;
+  auto it = st.scrolls.find(id);
+  if (it == st.scrolls.end())
+    return st.reply(res, 404,
+                    errorBody(404, "search_context_missing_exception", "No search context found for id [" + id + "]"));
+  Scroll& sc = *it->second;
+  StringBuffer sb;
+  Writer w(sb);
+  w.StartObject();
+  w.Key("_scroll_id");
+  writeString(w, id);
+  w.Key("took");
+  w.Int(1);
+  writeHits(w, sc.entries, sc.position, sc.size, !sc.keys.empty(), nullptr, sc.entries.size());
+  w.EndObject();
+  sc.position += sc.size;
+  lock.unlock();
+  answerSearch(st, res, 200, std::string(sb.GetString(), sb.GetSize()));
+}
+
+void clearScroll(State& st, const Req& req, Res& res, bool all) {
+  std::vector<std::string> ids;
+  if (req.has_param("scroll_id"))
+    ids.push_back(req.get_param_value("scroll_id"));
+  Document body;
+  if (!req.body.empty()) {
+    body.Parse(req.body.data(), req.body.size());
+    if (body.IsObject() && body.HasMember("scroll_id")) {
+      const Value& v = body["scroll_id"];
+      if (v.IsString())
+        ids.push_back(v.GetString());
+      else if (v.IsArray())
+        for (const auto& e : v.GetArray())
+          if (e.IsString())
+            ids.push_back(e.GetString());
+    }
+  }
+  size_t freed = 0;
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    if (all) {
+      freed = st.scrolls.size();
+      st.scrolls.clear();
+    }
+    for (const auto& id : ids)
+      freed += st.scrolls.erase(id);
+  }
+  st.reply(res, freed || all ? 200 : 404, "{\"succeeded\":true,\"num_freed\":" + std::to_string(freed) + "}");
+}
+
+void openPit(State& st, const Req& req, Res& res, const std::string& expr) {
+  std::unique_lock<std::mutex> lock(st.mu);
+  if (st.faults.noPit)
+    return st.reply(res, 400,
+                    errorBody(400, "illegal_argument_exception",
+                              "request [/" + expr +
+                                  "/_pit] contains unrecognized parameter: "
+                                  "[keep_alive]"));
+  if (!req.has_param("keep_alive"))
+    return st.reply(
+        res, 400,
+        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: [keep_alive] is not specified;"));
+  std::vector<Index*> found;
+  if (!st.resolveOrReply(expr, found, res))
+    return;
+  auto pit = std::make_shared<Pit>();
+  pit->docs = liveDocs(found);
+  const std::string id = randomId(160, ++st.counter);
+  st.pits[id] = pit;
+  ++st.stats.pitsOpened;
+  lock.unlock();
+  st.reply(res, 200, "{\"id\":\"" + id + "\",\"_shards\":{\"total\":1,\"successful\":1,\"skipped\":0,\"failed\":0}}");
+}
+
+void closePit(State& st, const Req& req, Res& res) {
+  Document body;
+  body.Parse(req.body.data(), req.body.size());
+  if (body.HasParseError() || !body.IsObject() || !body.HasMember("id") || !body["id"].IsString())
+    return st.reply(res, 400,
+                    errorBody(400, "action_request_validation_exception", "Validation Failed: 1: [id] is missing;"));
+  size_t freed;
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    freed = st.pits.erase(body["id"].GetString());
+  }
+  st.reply(res, freed ? 200 : 404, "{\"succeeded\":true,\"num_freed\":" + std::to_string(freed) + "}");
+}
+
+void count(State& st, const Req& req, Res& res, const std::string& expr) {
+  Document body;
+  if (!req.body.empty())
+    body.Parse(req.body.data(), req.body.size());
+  const Value* query = body.IsObject() && body.HasMember("query") ? &body["query"] : nullptr;
+  std::unique_lock<std::mutex> lock(st.mu);
+  std::vector<Index*> found;
+  if (!st.resolveOrReply(expr, found, res))
+    return;
+  size_t n = 0;
+  try {
+    for (Index* ix : found)
+      for (const auto& d : ix->slots)
+        if (d) {
+          Matcher m(*d);
+          n += !query || m.match(*query);
+        }
+  } catch (const QueryError& e) {
+    return st.reply(res, 400, errorBody(400, "parsing_exception", e.reason));
+  }
+  lock.unlock();
+  st.reply(res, 200,
+           "{\"count\":" + std::to_string(n) +
+               ",\"_shards\":{\"total\":1,\"successful\":1,\"skipped\":0,\"failed\":0}}");
+}
+
+} // namespace
+
+bool serveSearch(State& st, const Req& req, Res& res, const Path& s) {
+  const std::string& m = req.method;
+  const bool get = m == "GET" || m == "HEAD";
+  const std::string& first = s[0];
+  const std::string op = first[0] == '_' ? first : s.size() > 1 ? s[1] : "";
+  const std::string expr = first[0] == '_' ? "" : first;
+  if (first == "_search" && s.size() > 1) {
+    if (s[1] != "scroll")
+      return false;
+    if (m == "DELETE")
+      clearScroll(st, req, res, s.size() > 2 && s[2] == "_all");
+    else
+      scrollNext(st, req, res);
+  } else if (op == "_search") {
+    m == "POST" || get ? search(st, req, res, expr) : st.badMethod(req, res);
+  } else if (op == "_pit") {
+    if (expr.empty())
+      m == "DELETE" ? closePit(st, req, res) : st.badMethod(req, res);
+    else
+      m == "POST" ? openPit(st, req, res, expr) : st.badMethod(req, res);
+  } else if (op == "_count") {
+    count(st, req, res, expr);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+} // namespace qztest::emu
