@@ -8,9 +8,11 @@
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
+#include "support/FaultProxy.h"
 #include "support/PouchDbFixture.h"
 #include "support/Process.h"
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -64,6 +66,91 @@ protected:
 };
 qztest::PouchDbServer* CouchToolsOnPouchDb::s_server = nullptr;
 qz::http::HttpConnectionPool* CouchToolsOnPouchDb::s_pool = nullptr;
+
+// One libcurl handle: requests after the first reuse its connection.
+class RawClient {
+public:
+  RawClient() : m_curl(curl_easy_init(), &curl_easy_cleanup) {
+    curl_easy_setopt(m_curl.get(), CURLOPT_HTTPHEADER, m_headers.get());
+  }
+  // The status (0: no answer) and the answer's head and body.
+  long request(const std::string& method, const std::string& url, const std::string& body = {}) {
+    head.clear();
+    this->body.clear();
+    CURL* c = m_curl.get();
+    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.empty() ? nullptr : body.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, long(body.size()));
+    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, &Append);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &head);
+    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &Append);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &this->body);
+    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, 20000L);
+    long status = 0;
+    if (curl_easy_perform(c) == CURLE_OK)
+      curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+    return status;
+  }
+  std::string head, body;
+
+private:
+  static size_t Append(char* data, size_t size, size_t n, void* out) {
+    static_cast<std::string*>(out)->append(data, size * n);
+    return size * n;
+  }
+  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> m_curl;
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> m_headers{
+      curl_slist_append(nullptr, "Content-Type: application/json"), &curl_slist_free_all};
+};
+
+TEST_F(CouchToolsOnPouchDb, FaultProxyForwardsFaithfullyAndInjectsEachFault) {
+  using P = qztest::FaultProxy;
+  P proxy(s_server->port());
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  const std::string base = proxy.baseUrl() + "/" + db;
+  struct Case {
+    const char* name;
+    P::Rule rule;
+    std::string method, path, body;
+    long status;               // what the client gets
+    int stored;                // the document's status on the server afterwards (0: not looked at)
+    size_t forwarded;          // requests the rule let through
+    int atLeastMs = 0;         // the delay the client sees
+    std::string inAnswer = {}; // a text of the answer the client gets
+  };
+  const std::vector<Case> cases = {
+      {"forward", P::Match("PUT", "/a"), "PUT", "/a", R"({"x":"\\u00e9"})", 201, 200, 1},
+      {"answer lost after the write", P::Match("PUT", "/b", P::DropAnswer), "PUT", "/b", "{}", 0, 200, 1},
+      {"reset before forwarding", P::Match("", "/c", P::Reset), "PUT", "/c", "{}", 0, 404, 0},
+      {"refused", P::Match("", "/d", P::Refuse).answer(429, "7"), "PUT", "/d", "{}", 429, 404, 0, 0, "Retry-After: 7"},
+      {"delayed", P::Match("", "/e", P::Delay).wait(300), "PUT", "/e", "{}", 201, 200, 1, 300},
+      {"only from the nth", P::Match("GET", "/a", P::Refuse).from(2), "GET", "/a", "", 200, 0, 1, 0, "\\u00e9"},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.name);
+    proxy.clearRules();
+    const size_t rule = proxy.addRule(k.rule);
+    RawClient client;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.request(k.method, base + k.path, k.body), k.status);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(k.atLeastMs));
+    EXPECT_EQ(proxy.forwarded(rule), k.forwarded);
+    if (k.stored) {
+      EXPECT_EQ(s_server->request("GET", "/" + db + k.path), k.stored);
+    }
+    EXPECT_NE((client.head + client.body).find(k.inAnswer), std::string::npos) << client.head << client.body;
+  }
+  // The nth rule acts on the second matching request; both go over one kept-alive connection, and
+  // a streamed (chunked) change feed comes through whole.
+  RawClient client;
+  const size_t before = proxy.connectionCount();
+  EXPECT_EQ(client.request("GET", base + "/a"), 503);
+  EXPECT_EQ(client.request("GET", base + "/_changes?feed=longpoll&since=0"), 200);
+  EXPECT_NE(client.head.find("chunked"), std::string::npos) << client.head;
+  EXPECT_EQ(proxy.connectionCount(), before + 1);
+  EXPECT_NE(client.body.find("\"last_seq\":3"), std::string::npos) << client.head << client.body;
+}
 
 TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   for (int i = 0; i < 5; ++i)
