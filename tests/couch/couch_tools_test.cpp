@@ -11,6 +11,7 @@
 #include "support/FaultProxy.h"
 #include "support/PouchDbFixture.h"
 #include "support/Process.h"
+#include "support/TestHttpServer.h"
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include <chrono>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 using qz::qzVariant;
@@ -48,6 +50,12 @@ protected:
   }
 
   CouchConnectionParameters server() const { return CouchConnectionParameters(qz::Url(s_server->baseUrl())); }
+  // A proxy in front of the server, with one rule.
+  CouchConnectionParameters through(qztest::FaultProxy& proxy, const qztest::FaultProxy::Rule& rule) const {
+    EXPECT_TRUE(proxy.start()) << proxy.error();
+    proxy.addRule(rule);
+    return CouchConnectionParameters(qz::Url(proxy.baseUrl()));
+  }
   int put(const std::string& id, const std::string& body) const {
     return s_server->request("PUT", "/" + db + "/" + id, body);
   }
@@ -289,6 +297,79 @@ TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedByDefaultOrByMergingAndStaySolved)
   EXPECT_EQ(doc("c4", "?conflicts=true").count("_conflicts"), 1u);
 }
 
+TEST_F(CouchToolsOnPouchDb, ConflictSolverKeepsEveryLeafUntilTheWinnerIsStored) {
+  using P = qztest::FaultProxy;
+  struct Case {
+    const char* id;
+    P::Rule rule;
+    bool ok;
+    const char* error;
+  };
+  const std::vector<Case> cases = {
+      {"lost-winner", P::Match("POST", "/_bulk_docs", P::DropAnswer), true, ""},
+      {"lost-tombstones", P::Match("POST", "/_bulk_docs", P::DropAnswer).from(2), true, ""},
+      {"raced", P::Match("", ""), false, "changed by another writer meanwhile"},
+      {"throws", P::Match("", ""), false, "the resolver failed: boom"},
+  };
+  P proxy(s_server->port());
+  ConflictSolver solver(*s_pool, through(proxy, P::Match("", "")), db);
+  solver.setResolver([&](const std::string& id, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& winner) {
+    if (id == "throws")
+      throw std::runtime_error("boom");
+    if (id == "raced") { // another writer updates the winner first
+      EXPECT_EQ(put(id, R"({"other":true,"_rev":")" + winner["_rev"].toString() + "\"}"), 201);
+    }
+    for (const auto& leaf : leaves)
+      for (const auto& [k, v] : leaf)
+        if (k[0] != '_')
+          winner[k] = v;
+    return true;
+  });
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.id);
+    MakeConflict(*s_server, db, k.id);
+    proxy.clearRules();
+    proxy.addRule(k.rule);
+    bool solved = false;
+    std::string error;
+    EXPECT_EQ(solver.solve(k.id, &error, &solved), k.ok);
+    EXPECT_EQ(solved, k.ok);
+    EXPECT_NE(error.find(k.error), std::string::npos) << error;
+    EXPECT_EQ(proxy.acted(0), k.rule.action == P::DropAnswer ? 1u : 0u);
+    qzVariantMapImpl after = doc(k.id, "?conflicts=true");
+    if (k.ok) {
+      EXPECT_EQ(after.count("_conflicts"), 0u);
+      EXPECT_EQ(after["a"].toInt64() + after["b"].toInt64(), 3);
+    } else { // nothing lost: both leaves are there
+      EXPECT_EQ(after["_conflicts"].toList().size(), 1u);
+      EXPECT_EQ(doc(k.id, "?rev=1-ffff")["b"].toInt64(), 2);
+    }
+  }
+  size_t count = 9;
+  std::string error;
+  EXPECT_FALSE(solver.solveAll(&count, &error, nullptr));
+  EXPECT_EQ(count, 0u);
+  EXPECT_NE(error.find("(and 1 more document(s) not solved)"), std::string::npos) << error;
+}
+
+TEST_F(CouchToolsOnPouchDb, GetterAccountsForEveryIdAsked) {
+  qztest::TestHttpServer srv;
+  srv.route("POST", "/db/_all_docs", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(R"({"rows":[{"key":"a","id":"a","value":{"rev":"1-x"},"doc":{"_id":"a"}},)"
+                    R"({"key":"b","error":"not_found"},{"key":"c","error":"internal_error","reason":"boom"}]})",
+                    "application/json");
+  });
+  ASSERT_TRUE(srv.start()) << srv.lastError();
+  DocumentGetter getter(*s_pool, CouchConnectionParameters(qz::Url(srv.baseUrl())), "db", 1);
+  std::vector<std::string> got, missing;
+  std::string error;
+  EXPECT_FALSE(getter.get(
+      {"a", "b", "c", "d"}, [&](const std::string& id, qzVariant&) { got.push_back(id); }, &missing, &error, nullptr));
+  EXPECT_EQ(got, (std::vector<std::string>{"a"}));
+  EXPECT_EQ(missing, (std::vector<std::string>{"b"}));
+  EXPECT_NE(error.find("c: internal_error: boom (and 1 more id(s) not read)"), std::string::npos) << error;
+}
+
 TEST_F(CouchToolsOnPouchDb, GetterReportsMissingAndDeletedIdsInOrder) {
   std::vector<std::string> ids;
   for (int i = 0; i < 25; ++i) {
@@ -328,7 +409,10 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
   }
   ids.push_back("absent");
   std::set<std::string> raced;
-  DocumentUpdater updater(*s_pool, server(), db, 4);
+  // The first write is applied but its answer lost: the retry must not change those documents again.
+  qztest::FaultProxy proxy(s_server->port());
+  DocumentUpdater updater(
+      *s_pool, through(proxy, qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer)), db, 4);
   updater.setBatchSize(7);
   size_t written = 0;
   std::string error;
@@ -351,19 +435,28 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
     EXPECT_EQ(d["n"].toInt64(), 11) << id;
     EXPECT_TRUE(d["other"].toBool()) << id;
   }
-  EXPECT_EQ(doc("u1")["n"].toInt64(), 1);
+  for (const char* id : {"u1", "u3", "u5", "u7", "u9"})
+    EXPECT_EQ(doc(id)["n"].toInt64(), 1) << id;
+  EXPECT_EQ(proxy.acted(0), 1u);
 }
 
 TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerItemFailures) {
   ASSERT_EQ(put("doc-00077", "{}"), 201);
+  ASSERT_EQ(put("doc-00100", "{}"), 201); // not in the way: that document gets an id of its own
   ASSERT_EQ(put("doc-12345", "{}"), 201);
   const size_t total = 20000;
-  DocumentUploader up(*s_pool, server(), db, 4, 500, 64 << 10); // ~220 B each: bytes fill first
+  // Answers of applied batches are lost: their retries store nothing twice, fail nothing.
+  qztest::FaultProxy proxy(s_server->port());
+  const auto lost = qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer).from(2).repeat(3);
+  DocumentUploader up(*s_pool, through(proxy, lost), db, 4, 500, 64 << 10); // ~220 B each: bytes fill first
   const std::string pad(180, 'x');
   for (size_t i = 0; i < total; ++i) {
     char id[16];
     std::snprintf(id, sizeof id, "doc-%05zu", i);
-    ASSERT_TRUE(up.add(qzVariantMapImpl{{"_id", id}, {"i", int64_t(i)}, {"pad", pad}}));
+    qzVariantMapImpl d{{"i", int64_t(i)}, {"pad", pad}};
+    if (i % 100 != 0) // every hundredth has no id
+      d["_id"] = id;
+    ASSERT_TRUE(up.add(std::move(d)));
   }
   std::string error;
   EXPECT_FALSE(up.flush(&error));
@@ -375,13 +468,14 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   EXPECT_EQ(failures[1].first, "doc-12345");
   EXPECT_NE(failures[0].second.find("conflict"), std::string::npos) << failures[0].second;
   EXPECT_EQ(up.uploaded(), total - 2);
+  EXPECT_EQ(proxy.acted(0), 3u);
 
   std::string info;
   ASSERT_EQ(s_server->request("GET", "/" + db, {}, &info), 200);
   qzVariantMapImpl m;
   ASSERT_TRUE(qz::json::Json2Variant::Convert(info, m));
-  EXPECT_EQ(m["doc_count"].toInt64(), int64_t(total));
-  EXPECT_EQ(m["update_seq"].toInt64(), int64_t(total)); // nothing written twice
+  EXPECT_EQ(m["doc_count"].toInt64(), int64_t(total + 1));
+  EXPECT_EQ(m["update_seq"].toInt64(), int64_t(total + 1)); // nothing written twice
 }
 
 } // namespace
@@ -453,7 +547,7 @@ namespace {
 TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
   const std::string url = s_server->baseUrl() + "/" + db;
   std::string out, err;
-  ASSERT_EQ(put("taken", "{}"), 201);
+  ASSERT_EQ(put("taken", R"({"mine":false})"), 201);
   EXPECT_EQ(qztest::RunProgram(
                 {HTTPTOOLS_CLI, "couch", "upload", url, "-", "--threads", "2"},
                 "{\"_id\":\"a\",\"n\":1}\n\n{\"_id\":\"taken\"}\n[1]\n{\"_id\":\"b\",\"s\":\"\\u00e9\"}\n", out, err),
