@@ -335,7 +335,7 @@ TEST_F(CouchToolsOnPouchDb, ConflictSolverKeepsEveryLeafUntilTheWinnerIsStored) 
     EXPECT_EQ(solver.solve(k.id, &error, &solved), k.ok);
     EXPECT_EQ(solved, k.ok);
     EXPECT_NE(error.find(k.error), std::string::npos) << error;
-    EXPECT_EQ(proxy.acted(0), k.rule.action == P::DropAnswer ? 1u : 0u);
+    EXPECT_EQ(proxy.acted(0), 1u); // the fault did happen
     qzVariantMapImpl after = doc(k.id, "?conflicts=true");
     if (k.ok) {
       EXPECT_EQ(after.count("_conflicts"), 0u);
@@ -430,13 +430,13 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
       << error;
   EXPECT_EQ(written, 29u);
   EXPECT_EQ(raced.size(), 15u);
-  for (const std::string& id : raced) {
+  for (const std::string& id : ids) {
+    if (id == "absent")
+      continue;
     qzVariantMapImpl d = doc(id);
-    EXPECT_EQ(d["n"].toInt64(), 11) << id;
-    EXPECT_TRUE(d["other"].toBool()) << id;
+    EXPECT_EQ(d["n"].toInt64(), raced.count(id) ? 11 : id == "u29" ? 0 : 1) << id;
+    EXPECT_EQ(d["other"].toBool(), raced.count(id) != 0) << id;
   }
-  for (const char* id : {"u1", "u3", "u5", "u7", "u9"})
-    EXPECT_EQ(doc(id)["n"].toInt64(), 1) << id;
   EXPECT_EQ(proxy.acted(0), 1u);
 }
 
