@@ -344,10 +344,12 @@ TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
   std::string error;
   EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;
   EXPECT_EQ(feed.lastSeq(), "5-r");
+  std::unique_lock<std::mutex> lock(mutex); // the handler's writes, seen by ThreadSanitizer too
   ASSERT_EQ(at.size(), 3u);
   EXPECT_GE(at[1] - at[0], std::chrono::milliseconds(950));
   EXPECT_GE(at[2] - at[1], std::chrono::milliseconds(1450)); // a day, capped at backoffMaxMs
   EXPECT_LT(at[2] - at[1], std::chrono::milliseconds(4000));
+  lock.unlock();
 
   // stop() ends a long wait at once.
   o.backoffMaxMs = 600000;
@@ -414,6 +416,7 @@ TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
     EXPECT_FALSE(up.add(nan));
   }
   // The first batch three times (429, 503, stored), then {c, d} (the big one did not fit), then big alone.
+  std::lock_guard<std::mutex> lock(mutex);
   ASSERT_EQ(bodies.size(), 5u);
   EXPECT_GE(arrivals[1] - arrivals[0], std::chrono::milliseconds(950)); // as Retry-After asked
   EXPECT_LT(arrivals[2] - arrivals[1], std::chrono::milliseconds(900)); // the backoff's own delay
