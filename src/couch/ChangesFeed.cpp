@@ -222,7 +222,8 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
         [&](Change& change) {
           if (!onChange(change))
             return false;
-          setCheckpoint(change.seq);
+          if (!change.seq.empty()) // null under seq_interval: not a checkpoint
+            setCheckpoint(change.seq);
           ++changes;
           ++delivered;
           return !t.stopped();

@@ -2,12 +2,67 @@
 
 #include <HttpTools/platform/qzJson.h>
 
+#include <rapidjson/reader.h>
+
+#include <cstring>
+
 namespace qz::couch {
 
 namespace {
 
 // A single change larger than this is taken for a runaway stream.
 constexpr size_t kMaxObjectBytes = size_t(256) << 20;
+
+// Reads one member of a JSON object as the server wrote it: a number's own text (exact beyond
+// 2^53, no exponent added), a string's value. Stops at that member.
+struct MemberText : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, MemberText> {
+  enum Kind { kAbsent, kNull, kText, kOther };
+  explicit MemberText(const char* name) : key(name) {}
+
+  bool take(Kind k, const char* s = nullptr, size_t n = 0) {
+    if (!wanted)
+      return true;
+    kind = k;
+    if (s)
+      text.assign(s, n);
+    return false;
+  }
+  bool Key(const char* s, rapidjson::SizeType n, bool) {
+    wanted = depth == 1 && n == std::strlen(key) && std::memcmp(s, key, n) == 0;
+    return true;
+  }
+  bool Null() { return take(kNull); }
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool) { return take(kText, s, n); }
+  bool String(const char* s, rapidjson::SizeType n, bool) { return depth != 1 || take(kText, s, n); }
+  bool Default() { return take(kOther); }
+  bool StartObject() { return depth++ != 1 || take(kOther); }
+  bool StartArray() { return depth++ != 1 || take(kOther); }
+  bool EndObject(rapidjson::SizeType) { return --depth, true; }
+  bool EndArray(rapidjson::SizeType) { return --depth, true; }
+
+  static MemberText Read(const std::string& json, const char* name) {
+    MemberText handler(name);
+    rapidjson::Reader reader;
+    rapidjson::StringStream in(json.c_str());
+    reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(in, handler);
+    return handler;
+  }
+
+  const char* key;
+  int depth = 0;
+  bool wanted = false;
+  Kind kind = kAbsent;
+  std::string text;
+};
+
+// The seq member of an object as opaque text: strings and numbers as sent, arrays as compact JSON.
+// Null (a row under seq_interval) gives "".
+std::string SeqOf(const std::string& json, const char* name, const qzVariant& parsed) {
+  const MemberText m = MemberText::Read(json, name);
+  if (m.kind == MemberText::kText)
+    return m.text;
+  return m.kind == MemberText::kNull ? std::string() : ChangesFeedParser::SeqText(parsed);
+}
 
 } // namespace
 
@@ -60,14 +115,16 @@ bool ChangesFeedParser::deliverRow() {
   qzVariantMapImpl entry;
   if (!json::Json2Variant::Convert(m_row, entry))
     return fail("invalid json in change feed: " + m_row.substr(0, 200));
+  const bool ok = deliver(entry, m_row);
   m_row.clear();
-  return deliver(entry);
+  return ok;
 }
 
-bool ChangesFeedParser::deliver(const qzVariantMapImpl& entry) {
+bool ChangesFeedParser::deliver(const qzVariantMapImpl& entry, const std::string& text) {
   Change change;
   if (!ToChange(entry, change))
     return fail("change without id or seq in change feed");
+  change.seq = SeqOf(text, "seq", entry.at("seq"));
   ++m_changes;
   if (!m_onChange(change)) {
     m_refused = true;
@@ -82,17 +139,21 @@ bool ChangesFeedParser::finishTop() {
   qzVariantMapImpl top;
   if (!json::Json2Variant::Convert(m_top, top))
     return fail("invalid json in change feed: " + m_top.substr(0, 200));
+  const std::string text = std::move(m_top);
   m_top.clear();
   if (auto err = top.find("error"); err != top.end()) {
     auto reason = top.find("reason");
     return fail(err->second.toString() + (reason != top.end() ? ": " + reason->second.toString() : std::string()));
   }
   if (top.count("results") == 0 && top.count("id") != 0)
-    return deliver(top);
+    return deliver(top, text);
   if (auto last = top.find("last_seq"); last != top.end()) {
+    // A checkpoint must say where to resume: null would restart the feed from its beginning.
+    if (last->second.isNull())
+      return fail("null last_seq in change feed");
     m_sawLastSeq = true;
     if (m_onLastSeq)
-      m_onLastSeq(SeqText(last->second));
+      m_onLastSeq(SeqOf(text, "last_seq", last->second));
   }
   return true;
 }

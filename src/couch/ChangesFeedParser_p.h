@@ -16,7 +16,9 @@ namespace qz::couch {
 class ChangesFeedParser {
 public:
   // onChange: false stops the feed. onLastSeq: the feed's own last_seq (end of a normal feed,
-  // or a continuous feed closed by the server).
+  // or a continuous feed closed by the server). Seqs are the text the server sent (numbers
+  // exactly as written); a change whose seq is null (seq_interval) has an empty seq, and a null
+  // last_seq is an error.
   ChangesFeedParser(std::function<bool(Change&)> onChange, std::function<void(const std::string&)> onLastSeq);
 
   // False on malformed text, an error object from the server, or a change refused by onChange;
@@ -40,7 +42,7 @@ public:
 private:
   bool fail(const std::string& why);
   bool deliverRow();
-  bool deliver(const qzVariantMapImpl& entry); // one change to the callback
+  bool deliver(const qzVariantMapImpl& entry, const std::string& text); // one change to the callback
   bool finishTop();
 
   std::function<bool(Change&)> m_onChange;

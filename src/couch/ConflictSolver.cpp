@@ -1,8 +1,12 @@
 #include <HttpTools/couch/ConflictSolver.h>
 
 #include <HttpTools/couch/CouchRequest_p.h>
+#include <HttpTools/couch/StoredDocuments_p.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
+
+#include <exception>
+#include <set>
 
 namespace qz::couch {
 
@@ -61,42 +65,78 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
   }
 
   qzVariantMapImpl chosen = winner;
-  if (d->resolver && !d->resolver(docId, leaves, chosen))
-    return true;
-
-  // The chosen body goes on the winning revision; every other leaf is deleted.
-  std::string body = "{\"docs\":[";
-  size_t docs = 0;
+  try {
+    if (d->resolver && !d->resolver(docId, leaves, chosen))
+      return true;
+  } catch (const std::exception& e) {
+    return fail(std::string("the resolver failed: ") + e.what());
+  } catch (...) {
+    return fail("the resolver failed");
+  }
   chosen["_id"] = docId;
   chosen["_rev"] = winningRev;
   chosen.erase("_conflicts");
+
+  // The chosen body goes on the winning revision first; the other leaves are deleted only once it
+  // is stored, so that a refused write loses nothing.
+  const qz::Url bulk = d->server.toDatabaseUrl(d->db, {}).toUrl(std::vector<std::string>{"_bulk_docs"}, {});
+  auto write = [&](const std::vector<qzVariantMapImpl>& docs, std::set<std::string>& refused) {
+    std::string body = "{\"docs\":[";
+    for (size_t i = 0; i < docs.size(); ++i)
+      body += (i ? "," : "") + detail::ToJson(docs[i]);
+    body += "]}";
+    if (!detail::RequestWithRetry(d->pool, bulk, "POST", &body, reply, nullptr) || reply.code != 201)
+      return fail(reply.reason());
+    qzVariantListImpl results;
+    if (!json::Json2Variant::Convert(reply.body, results))
+      return fail("invalid json answer to _bulk_docs");
+    for (size_t i = 0; i < results.size(); ++i) {
+      const qzVariantMapImpl& r = results[i].toMap();
+      auto e = r.find("error");
+      if (e != r.end() && e->second.toString() == "conflict" && i < docs.size())
+        refused.insert(docs[i].at("_rev").toString());
+      else if (e != r.end())
+        return fail(e->second.toString() + (r.count("reason") ? ": " + r.at("reason").toString() : std::string()));
+    }
+    return true;
+  };
+  std::set<std::string> refused;
+  bool wrote = false;
   if (chosen != winner) {
-    body += detail::ToJson(chosen);
-    ++docs;
+    if (!write({chosen}, refused))
+      return false;
+    std::set<std::string> stored;
+    std::string why;
+    // A conflict is another writer, unless this write was applied by an attempt whose answer was lost.
+    if (!refused.empty() &&
+        !detail::AlreadyStored(d->pool, d->server, d->db, {{docId, chosen}}, stored, why, nullptr))
+      return fail(why);
+    if (!refused.empty() && stored.empty())
+      return fail("changed by another writer meanwhile; every leaf is kept");
+    wrote = true;
   }
+  std::vector<qzVariantMapImpl> tombstones;
   for (const qzVariantMapImpl& leaf : leaves) {
     auto rev = leaf.find("_rev");
-    if (rev == leaf.end() || rev->second.toString() == winningRev)
-      continue;
-    qzVariantMapImpl tombstone{{"_id", docId}, {"_rev", rev->second}, {"_deleted", true}};
-    body += (docs++ ? "," : "") + detail::ToJson(tombstone);
+    if (rev != leaf.end() && rev->second.toString() != winningRev)
+      tombstones.push_back({{"_id", docId}, {"_rev", rev->second}, {"_deleted", true}});
   }
-  body += "]}";
-  if (docs == 0)
-    return true;
-  const qz::Url bulk = d->server.toDatabaseUrl(d->db, {}).toUrl(std::vector<std::string>{"_bulk_docs"}, {});
-  if (!detail::RequestWithRetry(d->pool, bulk, "POST", &body, reply, nullptr) || reply.code != 201)
-    return fail(reply.reason());
-  qzVariantListImpl results;
-  if (!json::Json2Variant::Convert(reply.body, results))
-    return fail("invalid json answer to _bulk_docs");
-  for (const qzVariant& r : results)
-    if (auto e = r.toMap().find("error"); e != r.toMap().end()) {
-      auto why = r.toMap().find("reason");
-      return fail(e->second.toString() + (why != r.toMap().end() ? ": " + why->second.toString() : std::string()));
-    }
+  refused.clear();
+  if (!tombstones.empty() && !write(tombstones, refused))
+    return false;
+  if (!refused.empty()) {
+    // Leaves deleted by an attempt whose answer was lost, or by another solver, are done too.
+    const qz::Url now = d->server.toDocumentUrl(d->db, docId, {{"conflicts", "true"}});
+    qzVariantMapImpl doc;
+    if (!detail::RequestWithRetry(d->pool, now, "GET", nullptr, reply, nullptr) || reply.code != 200 ||
+        !json::Json2Variant::Convert(reply.body, doc))
+      return fail(reply.reason());
+    for (const qzVariant& rev : doc["_conflicts"].toList())
+      if (refused.count(rev.toString()))
+        return fail("leaf " + rev.toString() + " could not be deleted");
+  }
   if (solved)
-    *solved = true;
+    *solved = wrote || !tombstones.empty();
   return true;
 }
 
@@ -149,6 +189,9 @@ bool ConflictSolver::solveAll(size_t* solved, std::string* error, const bool* ca
   std::vector<std::string> ids;
   if (!findConflicts(ids, error, cancel))
     return false;
+  // One document that cannot be solved does not hold the others back.
+  size_t failed = 0;
+  std::string first;
   for (const std::string& id : ids) {
     if (detail::IsCancelled(cancel)) {
       if (error)
@@ -156,12 +199,15 @@ bool ConflictSolver::solveAll(size_t* solved, std::string* error, const bool* ca
       return false;
     }
     bool wrote = false;
-    if (!solve(id, error, &wrote))
-      return false;
+    std::string why;
+    if (!solve(id, &why, &wrote) && failed++ == 0)
+      first = why;
     if (wrote && solved)
       ++*solved;
   }
-  return true;
+  if (failed && error)
+    *error = first + (failed > 1 ? " (and " + std::to_string(failed - 1) + " more document(s) not solved)" : "");
+  return failed == 0;
 }
 
 } // namespace qz::couch

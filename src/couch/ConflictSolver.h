@@ -17,8 +17,9 @@ class HttpConnectionPool;
 namespace qz::couch {
 
 // Solves conflicted documents: reads every leaf revision (open_revs=all), lets a resolver choose
-// the body to keep, writes it on the current winning revision and deletes every other leaf, all
-// in one _bulk_docs. Running it twice changes nothing the second time.
+// the body to keep, writes it on the current winning revision and, once it is stored, deletes
+// every other leaf. A document another writer changed meanwhile keeps all its leaves and is
+// reported. Running it twice changes nothing the second time.
 class HTTPTOOLS_API ConflictSolver {
 public:
   using Resolver =
@@ -37,7 +38,8 @@ public:
   // One document; true when it has no conflict left or the resolver declined. `solved` (may be
   // null) is set when a write was made.
   bool solve(const std::string& docId, std::string* error, bool* solved = nullptr);
-  // Every conflicted document of the database.
+  // Every conflicted document of the database; one that fails (the first error is reported) does
+  // not stop the others. A resolver that throws is an error for its document.
   bool solveAll(size_t* solved, std::string* error, const bool* cancel);
   // Ids of the conflicted documents.
   bool findConflicts(std::vector<std::string>& ids, std::string* error, const bool* cancel);

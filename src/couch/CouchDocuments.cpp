@@ -1,6 +1,7 @@
 #include <HttpTools/couch/CouchDocuments.h>
 
 #include <HttpTools/couch/CouchRequest_p.h>
+#include <HttpTools/couch/StoredDocuments_p.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
@@ -8,7 +9,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace qz::couch {
@@ -35,48 +38,7 @@ bool RunBatches(unsigned threads, size_t count, const std::function<bool(size_t)
   return !failed.load();
 }
 
-std::string KeysBody(const std::vector<std::string>& ids, size_t begin, size_t end) {
-  std::string body = "{\"keys\":[";
-  for (size_t i = begin; i < end; ++i)
-    body += (i > begin ? "," : "") + detail::JsonString(ids[i]);
-  body += "]}";
-  return body;
-}
-
-// One batch of _all_docs?include_docs=true by keys; each row's document or its absence.
-struct FetchedRow {
-  std::string id;
-  qzVariant doc; // null when missing or deleted
-};
-
-bool FetchBatch(http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
-                const std::vector<std::string>& ids, size_t begin, size_t end, std::vector<FetchedRow>& rows,
-                std::string& error, const bool* cancel) {
-  const qz::Url url =
-      server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_all_docs"}, {{"include_docs", "true"}});
-  const std::string body = KeysBody(ids, begin, end);
-  detail::Reply reply;
-  if (!detail::RequestWithRetry(pool, url, "POST", &body, reply, cancel) || reply.code != 200) {
-    error = "reading documents of " + db + ": " + reply.reason();
-    return false;
-  }
-  qzVariantMapImpl answer;
-  if (!json::Json2Variant::Convert(reply.body, answer)) {
-    error = "reading documents of " + db + ": invalid json answer";
-    return false;
-  }
-  rows.clear();
-  for (qzVariant& row : answer["rows"].asList()) {
-    qzVariantMapImpl& r = row.asMap();
-    FetchedRow out;
-    out.id = r["key"].toString();
-    const qzVariant& value = r["value"];
-    if (r.count("error") == 0 && !value.toMap().count("deleted") && r["doc"].isMap())
-      out.doc = std::move(r["doc"]);
-    rows.push_back(std::move(out));
-  }
-  return true;
-}
+using detail::FetchedRow;
 
 } // namespace
 
@@ -106,13 +68,15 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
   std::vector<std::vector<std::string>> missingPerBatch(batches);
   std::mutex mutex;
   std::string firstError;
+  size_t unread = 0; // ids answered with an error, or not answered at all
   const bool ok = RunBatches(d->threads, batches, [&](size_t b) {
     if (detail::IsCancelled(cancel))
       return false;
     std::vector<FetchedRow> rows;
     std::string err;
     const size_t begin = b * d->batch;
-    if (!FetchBatch(d->pool, d->server, d->db, ids, begin, std::min(ids.size(), begin + d->batch), rows, err, cancel)) {
+    if (!detail::FetchDocuments(d->pool, d->server, d->db, ids, begin, std::min(ids.size(), begin + d->batch), rows,
+                                err, cancel)) {
       std::lock_guard<std::mutex> lock(mutex);
       if (firstError.empty())
         firstError = err;
@@ -120,13 +84,19 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
     }
     std::lock_guard<std::mutex> lock(mutex);
     for (FetchedRow& row : rows) {
-      if (row.doc.isNull())
+      if (!row.error.empty()) {
+        if (unread++ == 0)
+          firstError = "reading documents of " + d->db + ": " + row.id + ": " + row.error;
+      } else if (row.doc.isNull()) {
         missingPerBatch[b].push_back(row.id);
-      else if (onDoc)
+      } else if (onDoc) {
         onDoc(row.id, row.doc);
+      }
     }
     return true;
   });
+  if (ok && unread > 0 && error)
+    *error = firstError + (unread > 1 ? " (and " + std::to_string(unread - 1) + " more id(s) not read)" : "");
   if (missing) {
     missing->clear();
     for (auto& m : missingPerBatch)
@@ -134,7 +104,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
   }
   if (!ok && error)
     *error = detail::IsCancelled(cancel) && firstError.empty() ? "cancelled" : firstError;
-  return ok && !detail::IsCancelled(cancel);
+  return ok && unread == 0 && !detail::IsCancelled(cancel);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -184,10 +154,13 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
                         " attempts");
       std::vector<FetchedRow> rows;
       std::string err;
-      if (!FetchBatch(d->pool, d->server, d->db, pending, 0, pending.size(), rows, err, cancel))
+      if (!detail::FetchDocuments(d->pool, d->server, d->db, pending, 0, pending.size(), rows, err, cancel))
         return failWith(err);
       std::string body = "{\"docs\":[";
-      size_t docs = 0;
+      std::map<std::string, qzVariantMapImpl> sent; // each written document, on the _rev it read
+      for (const FetchedRow& row : rows)
+        if (!row.error.empty())
+          return failWith("document " + row.id + ": " + row.error);
       {
         std::lock_guard<std::mutex> lock(mutex);
         for (FetchedRow& row : rows) {
@@ -196,12 +169,13 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
           std::string text;
           if (!json::Json2Variant::Convert(row.doc.toMap(), text, false))
             continue;
-          body += (docs++ ? "," : "") + text;
+          body += (sent.empty() ? "" : ",") + text;
+          sent.emplace(row.id, std::move(row.doc.asMap()));
         }
       }
       body += "]}";
       pending.clear();
-      if (docs == 0)
+      if (sent.empty())
         break;
       detail::Reply reply;
       if (!detail::RequestWithRetry(d->pool, bulk, "POST", &body, reply, cancel) || reply.code != 201) {
@@ -210,20 +184,31 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
       qzVariantListImpl results;
       if (!json::Json2Variant::Convert(reply.body, results))
         return failWith("writing documents of " + d->db + ": invalid json answer");
+      std::map<std::string, qzVariantMapImpl> conflicted;
       for (const qzVariant& r : results) {
         const qzVariantMapImpl& m = r.toMap();
         auto e = m.find("error");
         auto id = m.find("id");
         if (e == m.end()) {
           ++count;
-        } else if (e->second.toString() == "conflict" && id != m.end()) {
-          pending.push_back(id->second.toString());
+        } else if (e->second.toString() == "conflict" && id != m.end() && sent.count(id->second.toString())) {
+          conflicted.emplace(id->second.toString(), std::move(sent[id->second.toString()]));
         } else {
           auto why = m.find("reason");
           failWith("document " + (id != m.end() ? id->second.toString() : std::string()) + ": " + e->second.toString() +
                    (why != m.end() ? ": " + why->second.toString() : std::string()));
         }
       }
+      // A conflict is either another writer (change it again on what it wrote) or this write,
+      // applied by an attempt whose answer was lost (done: changing it again would apply the
+      // change twice).
+      std::set<std::string> ours;
+      if (!conflicted.empty() && !detail::AlreadyStored(d->pool, d->server, d->db, conflicted, ours, err, cancel))
+        return failWith(err);
+      count += ours.size();
+      for (const auto& entry : conflicted)
+        if (!ours.count(entry.first))
+          pending.push_back(entry.first);
     }
     return true;
   });
@@ -253,6 +238,10 @@ public:
   void closeCurrent(); // with mutex held
   void worker();
   void send(Batch& batch);
+  // Of the documents refused as conflicts, those an earlier attempt stored (its answer lost):
+  // taken out of `failed` and counted.
+  size_t storedEarlier(const Batch& batch, const std::set<std::string>& conflicts,
+                       std::vector<std::pair<std::string, std::string>>& failed);
   void waitIdle();
   void finish();
 
@@ -339,6 +328,7 @@ void DocumentUploader::Private::send(Batch& batch) {
       for (const std::string& id : batch.ids)
         failed.emplace_back(id, "invalid json answer");
     } else {
+      std::set<std::string> conflicts;
       for (const qzVariant& r : results) {
         const qzVariantMapImpl& m = r.toMap();
         auto e = m.find("error");
@@ -350,7 +340,10 @@ void DocumentUploader::Private::send(Batch& batch) {
         auto why = m.find("reason");
         failed.emplace_back(id != m.end() ? id->second.toString() : std::string(),
                             e->second.toString() + (why != m.end() ? ": " + why->second.toString() : std::string()));
+        if (newEdits && e->second.toString() == "conflict")
+          conflicts.insert(failed.back().first);
       }
+      stored += storedEarlier(batch, conflicts, failed);
       // new_edits=false answers only the failures.
       if (!newEdits)
         stored = batch.ids.size() - failed.size();
@@ -361,6 +354,24 @@ void DocumentUploader::Private::send(Batch& batch) {
     std::lock_guard<std::mutex> lock(mutex);
     failures.insert(failures.end(), failed.begin(), failed.end());
   }
+}
+
+size_t DocumentUploader::Private::storedEarlier(const Batch& batch, const std::set<std::string>& conflicts,
+                                                std::vector<std::pair<std::string, std::string>>& failed) {
+  if (conflicts.empty())
+    return 0;
+  qzVariantMapImpl sentBatch;
+  json::Json2Variant::Convert(batch.body, sentBatch);
+  std::map<std::string, qzVariantMapImpl> sent;
+  for (const qzVariant& doc : sentBatch["docs"].toList())
+    if (auto id = doc.toMap().find("_id"); id != doc.toMap().end() && conflicts.count(id->second.toString()))
+      sent.emplace(id->second.toString(), doc.toMap());
+  std::set<std::string> ours;
+  std::string error;
+  if (!detail::AlreadyStored(pool, server, db, sent, ours, error, nullptr))
+    return 0; // they stay reported as conflicts
+  std::erase_if(failed, [&](const auto& f) { return ours.count(f.first) != 0; });
+  return ours.size();
 }
 
 void DocumentUploader::Private::waitIdle() {
@@ -391,15 +402,21 @@ DocumentUploader::~DocumentUploader() = default;
 void DocumentUploader::setNewEdits(bool newEdits) { d->newEdits = newEdits; }
 
 bool DocumentUploader::add(qzVariantMapImpl doc) {
+  // An id given now, not by the server, so that a retry cannot store the document twice.
+  auto id = doc.find("_id");
+  if (id == doc.end())
+    id = doc.emplace("_id", detail::NewDocumentId()).first;
   std::string text;
   if (!json::Json2Variant::Convert(doc, text, false))
     return false;
-  auto id = doc.find("_id");
-  d->push(std::move(text), id != doc.end() ? id->second.toString() : std::string());
+  d->push(std::move(text), id->second.toString());
   return true;
 }
 
 bool DocumentUploader::addJson(std::string json, const std::string& id) {
+  qzVariantMapImpl doc;
+  if (id.empty() && json::Json2Variant::Convert(json, doc))
+    return add(std::move(doc));
   d->push(std::move(json), id);
   return true;
 }

@@ -35,7 +35,8 @@ public:
 
   // onDoc runs on the worker threads, one call at a time. Ids that do not exist or whose document
   // is deleted go to `missing` (in the order given), not to onDoc; they are not an error. False
-  // on a failed request (after retries of 429, 5xx and lost connections) or a cancel.
+  // on a failed request (after retries of 429, 5xx and lost connections), a cancel, or an id the
+  // server answered with an error or left out of its answer (named in `error`).
   bool get(const std::vector<std::string>& ids, const std::function<void(const std::string& id, qzVariant& doc)>& onDoc,
            std::vector<std::string>* missing, std::string* error, const bool* cancel);
 
@@ -46,8 +47,9 @@ private:
 };
 
 // Edits documents in place: reads them in batches, lets `change` edit each one, writes the edited
-// ones back with _bulk_docs. A document another writer changed meanwhile (409) is read again and
-// changed again.
+// ones back with _bulk_docs on the _rev read. A document another writer changed meanwhile (409)
+// is read again and changed again; one whose new revision is this write (applied by an attempt
+// whose answer was lost) is not changed twice.
 class HTTPTOOLS_API DocumentUpdater {
 public:
   DocumentUpdater(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
@@ -75,7 +77,10 @@ private:
 // Uploads documents with _bulk_docs in batches of `batchDocs` documents or `batchBytes` bytes,
 // whichever fills first, on `threads` background threads. A request answered 429 or 5xx, or cut
 // off, is sent again after a backoff delay (or the Retry-After of a 429 or 503, up to 5 s);
-// per-document errors (409 conflict, 403 forbidden) are kept with the document's id.
+// per-document errors (409 conflict, 403 forbidden) are kept with the document's id. Retries
+// never store a document twice: one without _id gets a random UUID when added, and a 409 whose
+// stored winning revision already holds what was sent (an attempt whose answer was lost, or the
+// same upload run again) counts as stored.
 //
 //   qz::couch::DocumentUploader up(pool, server, "orders", 4);
 //   for (auto& doc : docs)

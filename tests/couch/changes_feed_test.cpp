@@ -84,13 +84,35 @@ TEST(ChangesFeedParser, EveryLayoutGivesTheSameChangesAtEveryChunking) {
     }
 }
 
-TEST(ChangesFeedParser, SeqsAreOpaqueText) {
-  const Parsed p = ParseInPieces(R"({"results":[{"seq":"12-g1AAAA\"x","id":"a","changes":[]},)"
-                                 R"({"seq":[4,"abc"],"id":"b","changes":[]}],"last_seq":"13-g1AAAB"})",
-                                 5);
-  EXPECT_EQ(p.error, "");
-  EXPECT_EQ(p.entries, (std::vector<std::string>{"12-g1AAAA\"x a", R"([4,"abc"] b)"}));
-  EXPECT_EQ(p.lastSeq, "13-g1AAAB");
+TEST(ChangesFeedParser, SeqsAreTheTextTheServerSent) {
+  struct Case {
+    std::string text;
+    std::vector<std::string> entries;
+    std::string lastSeq;
+  };
+  const std::vector<Case> cases = {
+      {R"({"results":[{"seq":"12-g1AAAA\"x","id":"a","changes":[]},)"
+       R"({"seq":[4,"abc"],"id":"b","changes":[]}],"last_seq":"13-g1AAAB"})",
+       {"12-g1AAAA\"x a", R"([4,"abc"] b)"},
+       "13-g1AAAB"},
+      {R"({"results":[{"id":"a","seq":12345678901234567890},{"seq":1.0e3,"id":"b"}],)"
+       R"("last_seq":123456789012345678901234567890})",
+       {"12345678901234567890 a", "1.0e3 b"},
+       "123456789012345678901234567890"},
+      {R"({"seq":9007199254740993,"id":"a","doc":{"seq":1}})"
+       "\n"
+       R"({"last_seq":9007199254740993})",
+       {R"(9007199254740993 a {"seq":1})"},
+       "9007199254740993"},
+      // Under seq_interval most rows have no seq: they are changes, not checkpoints.
+      {R"({"results":[{"seq":null,"id":"a"},{"seq":"7-x","id":"b"}],"last_seq":"7-x"})", {" a", "7-x b"}, "7-x"},
+  };
+  for (const Case& k : cases) {
+    const Parsed p = ParseInPieces(k.text, 5);
+    EXPECT_EQ(p.error, "") << k.text;
+    EXPECT_EQ(p.entries, k.entries) << k.text;
+    EXPECT_EQ(p.lastSeq, k.lastSeq) << k.text;
+  }
 }
 
 TEST(ChangesFeedParser, MalformedFeedsAndServerErrorsStopIt) {
@@ -100,6 +122,7 @@ TEST(ChangesFeedParser, MalformedFeedsAndServerErrorsStopIt) {
       {R"({"results":[{"seq":1,"changes":[]}],"last_seq":1})", "without id"},
       {R"({"results":[{"seq":1,"id":"a",}],"last_seq":1})", "invalid json"},
       {R"({"results":]})", "unbalanced"},
+      {R"({"results":[],"last_seq":null})", "null last_seq"},
   };
   for (const auto& [text, why] : cases) {
     const Parsed p = ParseInPieces(text, 3);
@@ -180,7 +203,8 @@ TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckp
     res.set_chunked_content_provider("application/json", [this, n](size_t, httplib::DataSink& sink) {
       std::string out;
       if (n == 1) {
-        out = Line("1-g1", "a") + Line("2-g1", "b") + R"({"seq":"3-g1","id":"c","cha)";
+        // b's seq is null (seq_interval): the checkpoint stays at a's.
+        out = Line("1-g1", "a") + R"({"seq":null,"id":"b"})" + "\n" + R"({"seq":"3-g1","id":"c","cha)";
         sink.write(out.data(), out.size());
         return false;
       }
@@ -211,7 +235,7 @@ TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckp
       << error;
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
   EXPECT_EQ(ids, (std::vector<std::string>{"a", "b", "c", "d"}));
-  EXPECT_EQ(sinceOfRequests(), (std::vector<std::string>{"0", "2-g1", "3-g1"}));
+  EXPECT_EQ(sinceOfRequests(), (std::vector<std::string>{"0", "1-g1", "3-g1"}));
   EXPECT_EQ(feed.lastSeq(), "3-g1"); // d was refused: not a checkpoint
   EXPECT_EQ(feed.reconnectCount(), 2u);
   EXPECT_EQ(srv.lastRequest().header("Accept"), "application/json");
@@ -320,10 +344,12 @@ TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
   std::string error;
   EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;
   EXPECT_EQ(feed.lastSeq(), "5-r");
+  std::unique_lock<std::mutex> lock(mutex); // the handler's writes, seen by ThreadSanitizer too
   ASSERT_EQ(at.size(), 3u);
   EXPECT_GE(at[1] - at[0], std::chrono::milliseconds(950));
   EXPECT_GE(at[2] - at[1], std::chrono::milliseconds(1450)); // a day, capped at backoffMaxMs
   EXPECT_LT(at[2] - at[1], std::chrono::milliseconds(4000));
+  lock.unlock();
 
   // stop() ends a long wait at once.
   o.backoffMaxMs = 600000;
@@ -390,6 +416,7 @@ TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
     EXPECT_FALSE(up.add(nan));
   }
   // The first batch three times (429, 503, stored), then {c, d} (the big one did not fit), then big alone.
+  std::lock_guard<std::mutex> lock(mutex);
   ASSERT_EQ(bodies.size(), 5u);
   EXPECT_GE(arrivals[1] - arrivals[0], std::chrono::milliseconds(950)); // as Retry-After asked
   EXPECT_LT(arrivals[2] - arrivals[1], std::chrono::milliseconds(900)); // the backoff's own delay

@@ -8,9 +8,12 @@
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
+#include "support/FaultProxy.h"
 #include "support/PouchDbFixture.h"
 #include "support/Process.h"
+#include "support/TestHttpServer.h"
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,6 +21,7 @@
 #include <chrono>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 using qz::qzVariant;
@@ -46,6 +50,12 @@ protected:
   }
 
   CouchConnectionParameters server() const { return CouchConnectionParameters(qz::Url(s_server->baseUrl())); }
+  // A proxy in front of the server, with one rule.
+  CouchConnectionParameters through(qztest::FaultProxy& proxy, const qztest::FaultProxy::Rule& rule) const {
+    EXPECT_TRUE(proxy.start()) << proxy.error();
+    proxy.addRule(rule);
+    return CouchConnectionParameters(qz::Url(proxy.baseUrl()));
+  }
   int put(const std::string& id, const std::string& body) const {
     return s_server->request("PUT", "/" + db + "/" + id, body);
   }
@@ -64,6 +74,91 @@ protected:
 };
 qztest::PouchDbServer* CouchToolsOnPouchDb::s_server = nullptr;
 qz::http::HttpConnectionPool* CouchToolsOnPouchDb::s_pool = nullptr;
+
+// One libcurl handle: requests after the first reuse its connection.
+class RawClient {
+public:
+  RawClient() : m_curl(curl_easy_init(), &curl_easy_cleanup) {
+    curl_easy_setopt(m_curl.get(), CURLOPT_HTTPHEADER, m_headers.get());
+  }
+  // The status (0: no answer) and the answer's head and body.
+  long request(const std::string& method, const std::string& url, const std::string& body = {}) {
+    head.clear();
+    this->body.clear();
+    CURL* c = m_curl.get();
+    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.empty() ? nullptr : body.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, long(body.size()));
+    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, &Append);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &head);
+    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &Append);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &this->body);
+    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, 20000L);
+    long status = 0;
+    if (curl_easy_perform(c) == CURLE_OK)
+      curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+    return status;
+  }
+  std::string head, body;
+
+private:
+  static size_t Append(char* data, size_t size, size_t n, void* out) {
+    static_cast<std::string*>(out)->append(data, size * n);
+    return size * n;
+  }
+  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> m_curl;
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> m_headers{
+      curl_slist_append(nullptr, "Content-Type: application/json"), &curl_slist_free_all};
+};
+
+TEST_F(CouchToolsOnPouchDb, FaultProxyForwardsFaithfullyAndInjectsEachFault) {
+  using P = qztest::FaultProxy;
+  P proxy(s_server->port());
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  const std::string base = proxy.baseUrl() + "/" + db;
+  struct Case {
+    const char* name;
+    P::Rule rule;
+    std::string method, path, body;
+    long status;               // what the client gets
+    int stored;                // the document's status on the server afterwards (0: not looked at)
+    size_t forwarded;          // requests the rule let through
+    int atLeastMs = 0;         // the delay the client sees
+    std::string inAnswer = {}; // a text of the answer the client gets
+  };
+  const std::vector<Case> cases = {
+      {"forward", P::Match("PUT", "/a"), "PUT", "/a", R"({"x":"\\u00e9"})", 201, 200, 1},
+      {"answer lost after the write", P::Match("PUT", "/b", P::DropAnswer), "PUT", "/b", "{}", 0, 200, 1},
+      {"reset before forwarding", P::Match("", "/c", P::Reset), "PUT", "/c", "{}", 0, 404, 0},
+      {"refused", P::Match("", "/d", P::Refuse).answer(429, "7"), "PUT", "/d", "{}", 429, 404, 0, 0, "Retry-After: 7"},
+      {"delayed", P::Match("", "/e", P::Delay).wait(300), "PUT", "/e", "{}", 201, 200, 1, 300},
+      {"only from the nth", P::Match("GET", "/a", P::Refuse).from(2), "GET", "/a", "", 200, 0, 1, 0, "\\u00e9"},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.name);
+    proxy.clearRules();
+    const size_t rule = proxy.addRule(k.rule);
+    RawClient client;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.request(k.method, base + k.path, k.body), k.status);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(k.atLeastMs));
+    EXPECT_EQ(proxy.forwarded(rule), k.forwarded);
+    if (k.stored) {
+      EXPECT_EQ(s_server->request("GET", "/" + db + k.path), k.stored);
+    }
+    EXPECT_NE((client.head + client.body).find(k.inAnswer), std::string::npos) << client.head << client.body;
+  }
+  // The nth rule acts on the second matching request; both go over one kept-alive connection, and
+  // a streamed (chunked) change feed comes through whole.
+  RawClient client;
+  const size_t before = proxy.connectionCount();
+  EXPECT_EQ(client.request("GET", base + "/a"), 503);
+  EXPECT_EQ(client.request("GET", base + "/_changes?feed=longpoll&since=0"), 200);
+  EXPECT_NE(client.head.find("chunked"), std::string::npos) << client.head;
+  EXPECT_EQ(proxy.connectionCount(), before + 1);
+  EXPECT_NE(client.body.find("\"last_seq\":3"), std::string::npos) << client.head << client.body;
+}
 
 TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   for (int i = 0; i < 5; ++i)
@@ -202,6 +297,79 @@ TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedByDefaultOrByMergingAndStaySolved)
   EXPECT_EQ(doc("c4", "?conflicts=true").count("_conflicts"), 1u);
 }
 
+TEST_F(CouchToolsOnPouchDb, ConflictSolverKeepsEveryLeafUntilTheWinnerIsStored) {
+  using P = qztest::FaultProxy;
+  struct Case {
+    const char* id;
+    P::Rule rule;
+    bool ok;
+    const char* error;
+  };
+  const std::vector<Case> cases = {
+      {"lost-winner", P::Match("POST", "/_bulk_docs", P::DropAnswer), true, ""},
+      {"lost-tombstones", P::Match("POST", "/_bulk_docs", P::DropAnswer).from(2), true, ""},
+      {"raced", P::Match("", ""), false, "changed by another writer meanwhile"},
+      {"throws", P::Match("", ""), false, "the resolver failed: boom"},
+  };
+  P proxy(s_server->port());
+  ConflictSolver solver(*s_pool, through(proxy, P::Match("", "")), db);
+  solver.setResolver([&](const std::string& id, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& winner) {
+    if (id == "throws")
+      throw std::runtime_error("boom");
+    if (id == "raced") { // another writer updates the winner first
+      EXPECT_EQ(put(id, R"({"other":true,"_rev":")" + winner["_rev"].toString() + "\"}"), 201);
+    }
+    for (const auto& leaf : leaves)
+      for (const auto& [k, v] : leaf)
+        if (k[0] != '_')
+          winner[k] = v;
+    return true;
+  });
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.id);
+    MakeConflict(*s_server, db, k.id);
+    proxy.clearRules();
+    proxy.addRule(k.rule);
+    bool solved = false;
+    std::string error;
+    EXPECT_EQ(solver.solve(k.id, &error, &solved), k.ok);
+    EXPECT_EQ(solved, k.ok);
+    EXPECT_NE(error.find(k.error), std::string::npos) << error;
+    EXPECT_EQ(proxy.acted(0), 1u); // the fault did happen
+    qzVariantMapImpl after = doc(k.id, "?conflicts=true");
+    if (k.ok) {
+      EXPECT_EQ(after.count("_conflicts"), 0u);
+      EXPECT_EQ(after["a"].toInt64() + after["b"].toInt64(), 3);
+    } else { // nothing lost: both leaves are there
+      EXPECT_EQ(after["_conflicts"].toList().size(), 1u);
+      EXPECT_EQ(doc(k.id, "?rev=1-ffff")["b"].toInt64(), 2);
+    }
+  }
+  size_t count = 9;
+  std::string error;
+  EXPECT_FALSE(solver.solveAll(&count, &error, nullptr));
+  EXPECT_EQ(count, 0u);
+  EXPECT_NE(error.find("(and 1 more document(s) not solved)"), std::string::npos) << error;
+}
+
+TEST_F(CouchToolsOnPouchDb, GetterAccountsForEveryIdAsked) {
+  qztest::TestHttpServer srv;
+  srv.route("POST", "/db/_all_docs", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(R"({"rows":[{"key":"a","id":"a","value":{"rev":"1-x"},"doc":{"_id":"a"}},)"
+                    R"({"key":"b","error":"not_found"},{"key":"c","error":"internal_error","reason":"boom"}]})",
+                    "application/json");
+  });
+  ASSERT_TRUE(srv.start()) << srv.lastError();
+  DocumentGetter getter(*s_pool, CouchConnectionParameters(qz::Url(srv.baseUrl())), "db", 1);
+  std::vector<std::string> got, missing;
+  std::string error;
+  EXPECT_FALSE(getter.get(
+      {"a", "b", "c", "d"}, [&](const std::string& id, qzVariant&) { got.push_back(id); }, &missing, &error, nullptr));
+  EXPECT_EQ(got, (std::vector<std::string>{"a"}));
+  EXPECT_EQ(missing, (std::vector<std::string>{"b"}));
+  EXPECT_NE(error.find("c: internal_error: boom (and 1 more id(s) not read)"), std::string::npos) << error;
+}
+
 TEST_F(CouchToolsOnPouchDb, GetterReportsMissingAndDeletedIdsInOrder) {
   std::vector<std::string> ids;
   for (int i = 0; i < 25; ++i) {
@@ -241,7 +409,10 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
   }
   ids.push_back("absent");
   std::set<std::string> raced;
-  DocumentUpdater updater(*s_pool, server(), db, 4);
+  // The first write is applied but its answer lost: the retry must not change those documents again.
+  qztest::FaultProxy proxy(s_server->port());
+  DocumentUpdater updater(
+      *s_pool, through(proxy, qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer)), db, 4);
   updater.setBatchSize(7);
   size_t written = 0;
   std::string error;
@@ -259,24 +430,33 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
       << error;
   EXPECT_EQ(written, 29u);
   EXPECT_EQ(raced.size(), 15u);
-  for (const std::string& id : raced) {
+  for (const std::string& id : ids) {
+    if (id == "absent")
+      continue;
     qzVariantMapImpl d = doc(id);
-    EXPECT_EQ(d["n"].toInt64(), 11) << id;
-    EXPECT_TRUE(d["other"].toBool()) << id;
+    EXPECT_EQ(d["n"].toInt64(), raced.count(id) ? 11 : id == "u29" ? 0 : 1) << id;
+    EXPECT_EQ(d["other"].toBool(), raced.count(id) != 0) << id;
   }
-  EXPECT_EQ(doc("u1")["n"].toInt64(), 1);
+  EXPECT_EQ(proxy.acted(0), 1u);
 }
 
 TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerItemFailures) {
   ASSERT_EQ(put("doc-00077", "{}"), 201);
+  ASSERT_EQ(put("doc-00100", "{}"), 201); // not in the way: that document gets an id of its own
   ASSERT_EQ(put("doc-12345", "{}"), 201);
   const size_t total = 20000;
-  DocumentUploader up(*s_pool, server(), db, 4, 500, 64 << 10); // ~220 B each: bytes fill first
+  // Answers of applied batches are lost: their retries store nothing twice, fail nothing.
+  qztest::FaultProxy proxy(s_server->port());
+  const auto lost = qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer).from(2).repeat(3);
+  DocumentUploader up(*s_pool, through(proxy, lost), db, 4, 500, 64 << 10); // ~220 B each: bytes fill first
   const std::string pad(180, 'x');
   for (size_t i = 0; i < total; ++i) {
     char id[16];
     std::snprintf(id, sizeof id, "doc-%05zu", i);
-    ASSERT_TRUE(up.add(qzVariantMapImpl{{"_id", id}, {"i", int64_t(i)}, {"pad", pad}}));
+    qzVariantMapImpl d{{"i", int64_t(i)}, {"pad", pad}};
+    if (i % 100 != 0) // every hundredth has no id
+      d["_id"] = id;
+    ASSERT_TRUE(up.add(std::move(d)));
   }
   std::string error;
   EXPECT_FALSE(up.flush(&error));
@@ -288,13 +468,14 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   EXPECT_EQ(failures[1].first, "doc-12345");
   EXPECT_NE(failures[0].second.find("conflict"), std::string::npos) << failures[0].second;
   EXPECT_EQ(up.uploaded(), total - 2);
+  EXPECT_EQ(proxy.acted(0), 3u);
 
   std::string info;
   ASSERT_EQ(s_server->request("GET", "/" + db, {}, &info), 200);
   qzVariantMapImpl m;
   ASSERT_TRUE(qz::json::Json2Variant::Convert(info, m));
-  EXPECT_EQ(m["doc_count"].toInt64(), int64_t(total));
-  EXPECT_EQ(m["update_seq"].toInt64(), int64_t(total)); // nothing written twice
+  EXPECT_EQ(m["doc_count"].toInt64(), int64_t(total + 1));
+  EXPECT_EQ(m["update_seq"].toInt64(), int64_t(total + 1)); // nothing written twice
 }
 
 } // namespace
@@ -366,7 +547,7 @@ namespace {
 TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
   const std::string url = s_server->baseUrl() + "/" + db;
   std::string out, err;
-  ASSERT_EQ(put("taken", "{}"), 201);
+  ASSERT_EQ(put("taken", R"({"mine":false})"), 201);
   EXPECT_EQ(qztest::RunProgram(
                 {HTTPTOOLS_CLI, "couch", "upload", url, "-", "--threads", "2"},
                 "{\"_id\":\"a\",\"n\":1}\n\n{\"_id\":\"taken\"}\n[1]\n{\"_id\":\"b\",\"s\":\"\\u00e9\"}\n", out, err),

@@ -1,0 +1,111 @@
+#include <HttpTools/couch/StoredDocuments_p.h>
+
+#include <HttpTools/couch/CouchRequest_p.h>
+#include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzSystemUtils.h>
+
+#include <cstdlib>
+#include <unordered_map>
+
+namespace qz::couch::detail {
+
+bool FetchDocuments(http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                    const std::vector<std::string>& ids, size_t begin, size_t end, std::vector<FetchedRow>& rows,
+                    std::string& error, const bool* cancel) {
+  const qz::Url url =
+      server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_all_docs"}, {{"include_docs", "true"}});
+  std::string body = "{\"keys\":[";
+  for (size_t i = begin; i < end; ++i)
+    body += (i > begin ? "," : "") + JsonString(ids[i]);
+  body += "]}";
+  Reply reply;
+  if (!RequestWithRetry(pool, url, "POST", &body, reply, cancel) || reply.code != 200) {
+    error = "reading documents of " + db + ": " + reply.reason();
+    return false;
+  }
+  qzVariantMapImpl answer;
+  if (!json::Json2Variant::Convert(reply.body, answer)) {
+    error = "reading documents of " + db + ": invalid json answer";
+    return false;
+  }
+  // Rows by key: an id asked twice is answered twice, in order.
+  std::unordered_map<std::string, std::vector<qzVariantMapImpl*>> byKey;
+  for (qzVariant& row : answer["rows"].asList())
+    if (row.isMap())
+      byKey[row.toMap().count("key") ? row.toMap().at("key").toString() : std::string()].push_back(&row.asMap());
+  std::unordered_map<std::string, size_t> used;
+  rows.clear();
+  for (size_t i = begin; i < end; ++i) {
+    FetchedRow out;
+    out.id = ids[i];
+    auto found = byKey.find(ids[i]);
+    const size_t n = used[ids[i]]++;
+    if (found == byKey.end() || n >= found->second.size()) {
+      out.error = "not answered";
+    } else {
+      qzVariantMapImpl& r = *found->second[n];
+      auto e = r.find("error");
+      if (e != r.end() && e->second.toString() != "not_found")
+        out.error = e->second.toString() + (r.count("reason") ? ": " + r["reason"].toString() : std::string());
+      else if (e == r.end() && !r["value"].toMap().count("deleted") && r["doc"].isMap())
+        out.doc = std::move(r["doc"]);
+    }
+    rows.push_back(std::move(out));
+  }
+  return true;
+}
+
+namespace {
+
+int64_t Generation(const qzVariantMapImpl& doc) {
+  auto rev = doc.find("_rev");
+  return rev == doc.end() ? 0 : std::strtoll(rev->second.toString().c_str(), nullptr, 10);
+}
+
+qzVariantMapImpl Content(qzVariantMapImpl doc) {
+  for (const char* meta : {"_rev", "_revisions", "_conflicts", "_deleted_conflicts", "_revs_info", "_local_seq"})
+    doc.erase(meta);
+  return doc;
+}
+
+} // namespace
+
+bool HoldsWhatWasSent(const qzVariantMapImpl& stored, const qzVariantMapImpl& sent) {
+  if (sent.count("_rev") && Generation(stored) != Generation(sent) + 1)
+    return false;
+  return Content(stored) == Content(sent);
+}
+
+bool AlreadyStored(http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                   const std::map<std::string, qzVariantMapImpl>& sent, std::set<std::string>& stored,
+                   std::string& error, const bool* cancel) {
+  std::vector<std::string> ids;
+  for (const auto& entry : sent)
+    ids.push_back(entry.first);
+  std::vector<FetchedRow> rows;
+  constexpr size_t kBatch = 200;
+  for (size_t begin = 0; begin < ids.size(); begin += kBatch) {
+    if (!FetchDocuments(pool, server, db, ids, begin, std::min(ids.size(), begin + kBatch), rows, error, cancel))
+      return false;
+    for (const FetchedRow& row : rows)
+      if (row.doc.isMap() && HoldsWhatWasSent(row.doc.toMap(), sent.at(row.id)))
+        stored.insert(row.id);
+  }
+  return true;
+}
+
+std::string NewDocumentId() {
+  unsigned char bytes[16];
+  qzSystemUtils::Rand(reinterpret_cast<char*>(bytes), sizeof bytes);
+  bytes[6] = (bytes[6] & 0x0f) | 0x40; // version 4
+  bytes[8] = (bytes[8] & 0x3f) | 0x80; // RFC 4122 variant
+  static const char digits[] = "0123456789abcdef";
+  std::string id;
+  for (unsigned char b : bytes) {
+    id.push_back(digits[b >> 4]);
+    id.push_back(digits[b & 15]);
+  }
+  return id;
+}
+
+} // namespace qz::couch::detail

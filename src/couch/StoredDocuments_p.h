@@ -1,0 +1,44 @@
+#pragma once
+
+#include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/platform/qzVariant.h>
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qz::http {
+class HttpConnectionPool;
+}
+
+namespace qz::couch::detail {
+
+// One row of _all_docs?include_docs=true by keys: the document, or why there is none.
+struct FetchedRow {
+  std::string id;
+  qzVariant doc;     // null when missing, deleted or in error
+  std::string error; // the row's error other than not_found ("" when none)
+};
+
+// Reads ids[begin, end) in one request. Every id asked gets a row, in the order asked; an id the
+// answer left out gets the error "not answered".
+bool FetchDocuments(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                    const std::vector<std::string>& ids, size_t begin, size_t end, std::vector<FetchedRow>& rows,
+                    std::string& error, const bool* cancel);
+
+// Whether the winning revision `stored` is what writing `sent` made: the same fields (_rev and
+// the server's meta fields aside) and, when `sent` named the revision it replaced, one generation
+// above it. A write whose answer was lost and whose retry got 409 is then done, not failed.
+bool HoldsWhatWasSent(const qzVariantMapImpl& stored, const qzVariantMapImpl& sent);
+
+// The ids of `sent` (id to the document written) whose winning revision holds what was sent.
+bool AlreadyStored(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                   const std::map<std::string, qzVariantMapImpl>& sent, std::set<std::string>& stored,
+                   std::string& error, const bool* cancel);
+
+// A random (version 4) UUID as 32 hex digits, the form of CouchDB's own ids.
+std::string NewDocumentId();
+
+} // namespace qz::couch::detail
