@@ -4,6 +4,7 @@
 // values, and the request-body reader shared by the library's set-up callbacks.
 
 #include <HttpTools/frame/HttpProxyFinder.h>
+#include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/platform/Export.h>
 
@@ -72,8 +73,12 @@ struct BodyReader {
   static int Seek(void* reader, curl_off_t offset, int origin);
 };
 
+// The options of the connection itself, the same on every handle of the library (the connection's
+// and the multi engine's): reuse, TLS floor, signals, content encodings, paths as given.
+int ApplyConnectionOptions(CURL* handle);
+
 // Failure texts, shared with the multi-request engine so that both word a failure alike.
-// ComposeErrorMessage is what getLastErrorMsg gives for these values.
+// ComposeErrorMessage is what getLastErrorMsg gives for these values (TransferError::message).
 std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
                                 const char* curlErrorBuffer);
 // A failed transfer; a reached total time-out and an exceeded body limit say so.
@@ -100,6 +105,7 @@ struct CurlMultiDeleter {
 class HTTPTOOLS_HIDDEN InterruptibleTransfer {
 public:
   InterruptibleTransfer(std::function<bool()> interrupted, int pollMs);
+  void setPollMs(int pollMs) { m_pollMs = pollMs < 1 ? 1 : pollMs; }
   InterruptibleTransfer(const InterruptibleTransfer&) = delete;
   InterruptibleTransfer& operator=(const InterruptibleTransfer&) = delete;
 
@@ -160,8 +166,24 @@ public:
   std::string lastDebugInformations;
   CURLcode lastCurlCode = CURLE_OK;
   int64_t lastHttpReturnCode = 0;
+  ErrorKind lastErrorKind = ErrorKind::None;
   bool inTransfer = false;
   InterruptibleTransfer* interruptible = nullptr; // when set, runs the transfers
+
+  // Set by the transfer layer for one call: the token ends a waiting transfer, afterPerform reads
+  // the handle's outcome before a failure drops the handle.
+  struct TransferHooks {
+    const CancelToken* token = nullptr;
+    void (*afterPerform)(CURL* handle, void* data) = nullptr;
+    void* data = nullptr;
+  };
+  TransferHooks hooks;
+  std::unique_ptr<InterruptibleTransfer> tokenTransfer; // made on the first call with a token
+
+  void fail(ErrorKind kind, std::string message) {
+    lastErrorKind = kind;
+    internalErrorMsg = std::move(message);
+  }
 };
 
 // The library's own access to a connection's internals.
