@@ -56,7 +56,7 @@ bool FetchBatch(http::HttpConnectionPool& pool, const CouchConnectionParameters&
       server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_all_docs"}, {{"include_docs", "true"}});
   const std::string body = KeysBody(ids, begin, end);
   detail::Reply reply;
-  if (!detail::RequestWithRetry(pool, url, "POST", &body, reply, cancel) || reply.code != 200) {
+  if (!detail::RequestWithRetry(pool, url, http::Method::Post, &body, reply, cancel) || reply.code != 200) {
     error = "reading documents of " + db + ": " + reply.reason();
     return false;
   }
@@ -107,7 +107,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
   std::mutex mutex;
   std::string firstError;
   const bool ok = RunBatches(d->threads, batches, [&](size_t b) {
-    if (detail::IsCancelled(cancel))
+    if (http::CancelToken::IsSet(cancel))
       return false;
     std::vector<FetchedRow> rows;
     std::string err;
@@ -133,8 +133,8 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       missing->insert(missing->end(), m.begin(), m.end());
   }
   if (!ok && error)
-    *error = detail::IsCancelled(cancel) && firstError.empty() ? "cancelled" : firstError;
-  return ok && !detail::IsCancelled(cancel);
+    *error = http::CancelToken::IsSet(cancel) && firstError.empty() ? "cancelled" : firstError;
+  return ok && !http::CancelToken::IsSet(cancel);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -177,7 +177,7 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
     std::vector<std::string> pending(ids.begin() + long(begin),
                                      ids.begin() + long(std::min(ids.size(), begin + d->batch)));
     for (unsigned round = 0; !pending.empty(); ++round) {
-      if (detail::IsCancelled(cancel))
+      if (http::CancelToken::IsSet(cancel))
         return failWith("cancelled");
       if (round > d->maxRetries)
         return failWith("document " + pending.front() + " still in conflict after " + std::to_string(round) +
@@ -204,7 +204,7 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
       if (docs == 0)
         break;
       detail::Reply reply;
-      if (!detail::RequestWithRetry(d->pool, bulk, "POST", &body, reply, cancel) || reply.code != 201) {
+      if (!detail::RequestWithRetry(d->pool, bulk, http::Method::Post, &body, reply, cancel) || reply.code != 201) {
         return failWith("writing documents of " + d->db + ": " + reply.reason());
       }
       qzVariantListImpl results;
@@ -330,7 +330,7 @@ void DocumentUploader::Private::send(Batch& batch) {
   std::vector<std::pair<std::string, std::string>> failed;
   size_t stored = 0;
   // Transient answers are retried for a while; a batch that still fails is reported whole.
-  if (!detail::RequestWithRetry(pool, url, "POST", &batch.body, reply, nullptr, 10) || reply.code != 201) {
+  if (!detail::RequestWithRetry(pool, url, http::Method::Post, &batch.body, reply, nullptr, 10) || reply.code != 201) {
     for (const std::string& id : batch.ids)
       failed.emplace_back(id, reply.reason());
   } else {

@@ -105,17 +105,20 @@ bool isHttpScheme(const std::string& scheme) {
 // Under a cancel token the transfer runs where cancel() can wake it; the connection keeps that
 // multi handle (and the connections it holds) for its next calls with a token.
 CURLcode performTransfer(HttpConnection::HttpConnectionPrivate& d, CURL* h) {
-  if (d.interruptible)
-    return d.interruptible->perform(h);
   const CancelToken* token = d.hooks.token;
-  if (!token)
+  if (!token && !d.hooks.stopNow)
     return curl_easy_perform(h);
   if (!d.tokenTransfer)
     d.tokenTransfer = std::make_unique<InterruptibleTransfer>(
-        [&d] { return d.hooks.token && d.hooks.token->isCancelled(); }, CancelToken::PollMs);
+        [&d] {
+          return (d.hooks.token && d.hooks.token->isCancelled()) || (d.hooks.stopNow && d.hooks.stopNow(d.hooks.data));
+        },
+        CancelToken::PollMs);
   InterruptibleTransfer& t = *d.tokenTransfer;
   // A caller's plain flag is only seen by polling; a token's cancel() wakes the wait itself.
-  t.setPollMs(token->watchesFlag() ? CancelToken::PollMs : 1000);
+  t.setPollMs(d.hooks.stopNow || (token && token->watchesFlag()) ? CancelToken::PollMs : 1000);
+  if (!token)
+    return t.perform(h);
   CancelRegistration wake(*token, [&t] { t.wakeup(); });
   return t.perform(h);
 }

@@ -4,6 +4,7 @@
 // values, and the request-body reader shared by the library's set-up callbacks.
 
 #include <HttpTools/frame/HttpProxyFinder.h>
+#include <HttpTools/http/BodyReader_p.h>
 #include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/platform/Export.h>
@@ -55,23 +56,6 @@ int ApplyResolvedParameters(CURL* handle, const ResolvedParameters& r);
 // The libcurl values of two policies, after the process-wide defaults are applied.
 bool ResolveVerifyPeer(SSLValidatePolicy policy);
 long ResolveIpResolve(HostNameResolutionPolicy policy);
-
-// Text of a failed body-size limit, shared by every writer that enforces maxBodyBytes.
-std::string BodyLimitMessage(long long maxBodyBytes);
-
-// A request body sent from memory. install() makes it the handle's read and seek source; the
-// same reader serves every set-up callback of the library, so a rewind always reaches the body
-// of the current request.
-struct BodyReader {
-  const char* data = nullptr;
-  size_t size = 0;
-  size_t offset = 0;
-  const bool* cancel = nullptr;
-
-  int install(CURL* handle);
-  static size_t Read(char* buffer, size_t size, size_t count, void* reader);
-  static int Seek(void* reader, curl_off_t offset, int origin);
-};
 
 // The options of the connection itself, the same on every handle of the library (the connection's
 // and the multi engine's): reuse, TLS floor, signals, content encodings, paths as given.
@@ -168,12 +152,12 @@ public:
   int64_t lastHttpReturnCode = 0;
   ErrorKind lastErrorKind = ErrorKind::None;
   bool inTransfer = false;
-  InterruptibleTransfer* interruptible = nullptr; // when set, runs the transfers
 
   // Set by the transfer layer for one call: the token ends a waiting transfer, afterPerform reads
   // the handle's outcome before a failure drops the handle.
   struct TransferHooks {
     const CancelToken* token = nullptr;
+    bool (*stopNow)(void* data) = nullptr; // looked at every CancelToken::PollMs at most
     void (*afterPerform)(CURL* handle, void* data) = nullptr;
     void* data = nullptr;
   };
@@ -190,21 +174,6 @@ public:
 class HTTPTOOLS_HIDDEN HttpConnectionAccess {
 public:
   static HttpConnection::HttpConnectionPrivate& Of(HttpConnection& c) { return *c.d; }
-};
-
-// For its lifetime, `connection`'s requests run through `transfer`.
-class HTTPTOOLS_HIDDEN ScopedInterruptibleTransfer {
-public:
-  ScopedInterruptibleTransfer(HttpConnection& connection, InterruptibleTransfer& transfer)
-      : m_connection(HttpConnectionAccess::Of(connection)) {
-    m_connection.interruptible = &transfer;
-  }
-  ~ScopedInterruptibleTransfer() { m_connection.interruptible = nullptr; }
-  ScopedInterruptibleTransfer(const ScopedInterruptibleTransfer&) = delete;
-  ScopedInterruptibleTransfer& operator=(const ScopedInterruptibleTransfer&) = delete;
-
-private:
-  HttpConnection::HttpConnectionPrivate& m_connection;
 };
 
 } // namespace qz::http

@@ -61,6 +61,12 @@ struct HTTPTOOLS_API TransferRequest {
   std::string customMethod;          // sent instead of the method's name when not empty
   std::vector<long> successStatuses; // empty: any status is an answer
   long timeoutMs = 0;                // whole transfer; 0: the connection parameters' totalTimeoutMs
+  // An open-ended answer that may go quiet (a followed feed): no low-speed abort and no total
+  // time-out but timeoutMs; idleTimeoutMs watches it instead.
+  bool streaming = false;
+  // Fails the call (Timeout) once no byte arrived for this long; before the answer's first byte
+  // the wait is at least 10 s. 0: not watched.
+  long idleTimeoutMs = 0;
 
   void setBody(std::string bytes);
   void setBodyView(std::string_view bytes);

@@ -4,6 +4,7 @@
 
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnection_p.h>
+#include <HttpTools/platform/qzSystemUtils.h>
 
 #include <curl/curl.h>
 
@@ -26,11 +27,18 @@ struct Context {
   uint64_t maxBodyBytes = 0;
   long defaultTimeoutMs = 0;
   size_t readOffset = 0;
-  enum class Stop { None, Cancelled, Sink, Limit, Exception } stop = Stop::None;
+  int64_t lastDataMs = 0;
+  bool gotData = false;
+  enum class Stop { None, Cancelled, Sink, Limit, Exception, Idle } stop = Stop::None;
   std::string stopText;
   ErrorKind stopKind = ErrorKind::None;
 
   bool cancelled() const { return token && token->isCancelled(); }
+  void arrived() {
+    if (request.idleTimeoutMs > 0)
+      lastDataMs = qzSystemUtils::GetTimeBaseMs();
+    gotData = true;
+  }
   void caught(const char* where) {
     stop = Stop::Exception;
     stopKind = ErrorKind::LocalIo;
@@ -53,6 +61,7 @@ std::string_view withoutLineEnd(std::string_view line) {
 size_t onBody(char* data, size_t size, size_t count, void* userData) {
   auto* c = static_cast<Context*>(userData);
   const size_t n = size * count;
+  c->arrived();
   try {
     c->out.bytesDown += n;
     if (c->maxBodyBytes && c->out.bytesDown > c->maxBodyBytes) {
@@ -80,6 +89,7 @@ size_t onBody(char* data, size_t size, size_t count, void* userData) {
 size_t onHeader(char* data, size_t size, size_t count, void* userData) {
   auto* c = static_cast<Context*>(userData);
   const size_t n = size * count;
+  c->arrived();
   try {
     const std::string_view line(data, n);
     if (line.starts_with("HTTP/")) {
@@ -145,11 +155,21 @@ int onSeek(void* userData, curl_off_t offset, int origin) {
   return CURL_SEEKFUNC_OK;
 }
 
+// The idle watch, looked at while the transfer waits.
+bool idleTooLong(void* userData) {
+  auto* c = static_cast<Context*>(userData);
+  const long limit = c->gotData ? c->request.idleTimeoutMs : std::max(c->request.idleTimeoutMs, 10000L);
+  if (qzSystemUtils::GetTimeBaseMs() - c->lastDataMs <= limit)
+    return false;
+  c->stop = Context::Stop::Idle;
+  return true;
+}
+
 // Options a call installs beyond the connection's differ by this value: the connection resets
 // its handle when it changes, so nothing of an earlier request's kind survives.
 unsigned long shapeOf(const TransferRequest& r) {
   return 0x1000u | unsigned(r.method) | (unsigned(r.body.kind) << 4) | (r.customMethod.empty() ? 0u : 0x100u) |
-         (r.body.kind == RequestBody::Kind::Reader && r.body.size < 0 ? 0x200u : 0u);
+         (r.body.kind == RequestBody::Kind::Reader && r.body.size < 0 ? 0x200u : 0u) | (r.streaming ? 0x400u : 0u);
 }
 
 int install(void* curl, void* userData, std::list<std::string>& headers) {
@@ -168,7 +188,11 @@ int install(void* curl, void* userData, std::list<std::string>& headers) {
   rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &onHeader);
   rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
   rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L); // cancellation: data callbacks and the token's wake-up
-  rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, r.timeoutMs > 0 ? r.timeoutMs : c->defaultTimeoutMs);
+  rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, r.timeoutMs > 0 || r.streaming ? r.timeoutMs : c->defaultTimeoutMs);
+  if (r.streaming) { // the shape tells, so the connection's values return with the next other request
+    rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 0L);
+    rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, 0L);
+  }
   const curl_off_t size = r.body.kind == RequestBody::Kind::Reader && r.body.size < 0 ? -1 : r.body.knownSize();
   if (sendsBody) {
     rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, &onRead);
@@ -233,7 +257,8 @@ bool Perform(HttpConnection& connection, const qz::Url& url, const TransferReque
 
   // The resolution fallback of getHttpData lasts for the designed calls only.
   const HostNameResolutionPolicy keptPolicy = d.parameters.hostNameResolutionPolicy;
-  d.hooks = {cancel, &collect, &c};
+  c.lastDataMs = qzSystemUtils::GetTimeBaseMs();
+  d.hooks = {cancel, request.idleTimeoutMs > 0 ? &idleTooLong : nullptr, &collect, &c};
   bool ok = false;
   try {
     ok = connection.getHttpData(url, std::string(), wanted.size() == 1 ? wanted.front() : 0, &install, &c,
@@ -250,6 +275,10 @@ bool Perform(HttpConnection& connection, const qz::Url& url, const TransferReque
     switch (c.stop) {
     case Context::Stop::Cancelled:
       d.lastErrorKind = ErrorKind::Cancelled;
+      break;
+    case Context::Stop::Idle:
+      d.lastErrorKind = ErrorKind::Timeout;
+      connection.addErrorDetail("No data for " + std::to_string(request.idleTimeoutMs) + " ms");
       break;
     case Context::Stop::Limit:
       d.lastErrorKind = ErrorKind::BodyTooLarge;

@@ -236,15 +236,22 @@ TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
 }
 
 TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
-  const std::time_t now = 1700000000;
-  struct After {
-    std::string value;
-    int64_t ms;
-  } afters[] = {
-      {"3", 3000},  {" 0 ", 0}, {"Tue, 14 Nov 2023 22:13:30 GMT", 10000},     {"Tue, 14 Nov 2023 22:13:00 GMT", 0},
-      {"soon", -1}, {"", -1},   {"99999999999999", int64_t(999999999) * 1000}};
-  for (const After& a : afters)
-    EXPECT_EQ(RetryPolicy::RetryAfterMs(a.value, now), a.ms) << a.value;
+  const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
+  const std::vector<std::pair<std::string, int64_t>> afters = {
+      {"1", 1000},
+      {" 120 \r\n", 120000},
+      {"0", 0},
+      {"00000000000000000003", 3000},
+      {"99999999999999999999", int64_t(999999999) * 1000},
+      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
+      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
+      {"soon", -1},
+      {"-5", -1},
+      {"1.5", -1},
+      {"", -1},
+  };
+  for (const auto& [value, ms] : afters)
+    EXPECT_EQ(RetryPolicy::RetryAfterMs(value, now), ms) << value;
 
   RetryPolicy p{.attempts = 5, .initialBackoffMs = 100, .maxBackoffMs = 400, .jitter = 0};
   for (auto [failures, ms] : {std::pair{1u, 100u}, {2u, 200u}, {3u, 400u}, {9u, 400u}})
