@@ -7,8 +7,6 @@
 #include <HttpTools/platform/qzIoDevice.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cstring>
 #include <strings.h>

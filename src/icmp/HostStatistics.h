@@ -19,6 +19,7 @@ struct HostStatistics {
   std::string error; // empty when probes ran; otherwise why not (the counts then stay 0)
 };
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Sends ICMP echo requests to a list of hosts, all at once from one socket per address family,
 // and gathers each host's loss and round-trip times. Unprivileged datagram sockets are tried
 // first, raw sockets (root or CAP_NET_RAW) next.

@@ -3,6 +3,7 @@
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/http/HttpHelpers.h>
+#include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/NginxFixture.h"
 #include "support/TestHttpServer.h"
@@ -75,6 +76,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     std::vector<std::string> headers = {};
     const CancelToken* token = nullptr;
     size_t maxBody = 0;
+    long idleMs = 0;
   } cases[] = {
       {refused, ErrorKind::Connect, true},
       {"http://no-such-host.invalid/", ErrorKind::Resolve, true},
@@ -86,7 +88,9 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       {"/truncated", ErrorKind::Protocol, true},
       {"/redirect/9", ErrorKind::Protocol, false},
       {"/stall?ms=5000", ErrorKind::Cancelled, false, 0, {}, &cancelled},
-      {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},
+      {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},                  // announced length
+      {"/slow?blocks=9&size=50&delay=0", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100}, // counted
+      {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
       {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-B: 2"}},
       {"ftp://127.0.0.1/x", ErrorKind::BadRequest, false},
       {"/echo", ErrorKind::None, false},
@@ -98,6 +102,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     r.successStatuses = {200};
     r.timeoutMs = c.timeoutMs;
     r.headers = c.headers;
+    r.idleTimeoutMs = c.idleMs;
     StringSink sink;
     TransferOutcome out;
     const bool ok = PerformTransfer(conn, r, sink, out, c.token);
@@ -109,6 +114,19 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     EXPECT_EQ(conn.getLastError().kind, out.error.kind);
     EXPECT_EQ(conn.getLastErrorMsg(), out.error.message());
   }
+}
+
+TEST_F(Transfer, FailingDeviceStopsTheTransfer) {
+  struct Full : qz::qzIoDevice {
+    int64_t writeBytes(const char*, unsigned long n) override { return int64_t(n); }
+    bool hasError() const override { return true; }
+  } full;
+  HttpConnection conn;
+  DeviceSink sink(full);
+  TransferOutcome out;
+  EXPECT_FALSE(PerformTransfer(conn, request("/bytes?n=100"), sink, out));
+  EXPECT_EQ(out.error.kind, ErrorKind::LocalIo);
+  EXPECT_THAT(out.error.message(), HasSubstr("Output device failed after 100 bytes"));
 }
 
 TEST_F(Transfer, OutcomeCarriesRawLinesEffectiveUrlAndTimings) {
