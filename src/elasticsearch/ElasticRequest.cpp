@@ -92,7 +92,8 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
   std::optional<http::CancelToken> token;
   if (cancel)
     token = http::CancelToken::Watching(cancel);
-  const bool ok = http::transfer_impl::Perform(connection, url, request, sink, outcome, token ? &*token : nullptr);
+  const bool ok = http::transfer_impl::Perform(connection, url, request, sink, outcome, token ? &*token : nullptr,
+                                               http::transfer_impl::HeaderLines);
   out.status = outcome.status;
   if (!ok) {
     if (outcome.error.kind == http::ErrorKind::Cancelled)

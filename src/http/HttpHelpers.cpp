@@ -168,7 +168,8 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
     kept = conn.getConnectionParameters();
     conn.setConnectionParameters(*params);
   }
-  const bool ok = known ? transfer_impl::Perform(conn, url, req, sink, outcome, token ? &*token : nullptr)
+  const unsigned parts = result.headers ? unsigned(transfer_impl::HeaderLines) : 0u;
+  const bool ok = known ? transfer_impl::Perform(conn, url, req, sink, outcome, token ? &*token : nullptr, parts)
                         : conn.getHttpData(url, std::string(), expectedHttpCode, &refuseMethod, nullptr);
   if (kept)
     conn.setConnectionParameters(*kept);

@@ -29,6 +29,8 @@ struct Context {
   size_t readOffset = 0;
   int64_t lastDataMs = 0;
   bool gotData = false;
+  bool details = true;
+  bool headers = true;
   enum class Stop { None, Cancelled, Sink, Limit, Exception, Idle } stop = Stop::None;
   std::string stopText;
   ErrorKind stopKind = ErrorKind::None;
@@ -98,11 +100,13 @@ size_t onHeader(char* data, size_t size, size_t count, void* userData) {
       size_t at = line.find(' ');
       while (at != std::string_view::npos && ++at < line.size() && line[at] >= '0' && line[at] <= '9')
         status = status * 10 + (line[at] - '0');
-      c->out.statusLine.assign(withoutLineEnd(line));
-      c->out.headerLines.clear();
+      if (c->details) {
+        c->out.statusLine.assign(withoutLineEnd(line));
+        c->out.headerLines.clear();
+      }
       c->sink.onStatus(status, line);
     } else {
-      if (const std::string_view text = withoutLineEnd(line); !text.empty())
+      if (const std::string_view text = withoutLineEnd(line); c->details && !text.empty())
         c->out.headerLines.emplace_back(text);
       c->sink.onHeader(line);
     }
@@ -167,8 +171,9 @@ bool idleTooLong(void* userData) {
 
 // Options a call installs beyond the connection's differ by this value: the connection resets
 // its handle when it changes, so nothing of an earlier request's kind survives.
-unsigned long shapeOf(const TransferRequest& r) {
-  return 0x1000u | unsigned(r.method) | (unsigned(r.body.kind) << 4) | (r.customMethod.empty() ? 0u : 0x100u) |
+unsigned long shapeOf(const TransferRequest& r, bool headers) {
+  return (headers ? 0x1800u : 0x1000u) | unsigned(r.method) | (unsigned(r.body.kind) << 4) |
+         (r.customMethod.empty() ? 0u : 0x100u) |
          (r.body.kind == RequestBody::Kind::Reader && r.body.size < 0 ? 0x200u : 0u) | (r.streaming ? 0x400u : 0u);
 }
 
@@ -185,8 +190,10 @@ int install(void* curl, void* userData, std::list<std::string>& headers) {
 
   int rc = 0;
   rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &onBody);
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &onHeader);
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
+  if (c->details || c->headers) {
+    rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &onHeader);
+    rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
+  }
   rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L); // cancellation: data callbacks and the token's wake-up
   rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, r.timeoutMs > 0 || r.streaming ? r.timeoutMs : c->defaultTimeoutMs);
   if (r.streaming) { // the shape tells, so the connection's values return with the next other request
@@ -222,6 +229,8 @@ int install(void* curl, void* userData, std::list<std::string>& headers) {
 void collect(CURL* h, void* userData) {
   TransferOutcome& out = static_cast<Context*>(userData)->out;
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &out.status);
+  if (!static_cast<Context*>(userData)->details)
+    return;
   char* text = nullptr;
   if (curl_easy_getinfo(h, CURLINFO_EFFECTIVE_URL, &text) == CURLE_OK && text)
     out.effectiveUrl = text;
@@ -247,7 +256,7 @@ void collect(CURL* h, void* userData) {
 } // namespace
 
 bool Perform(HttpConnection& connection, const qz::Url& url, const TransferRequest& request, ResponseSink& sink,
-             TransferOutcome& outcome, const CancelToken* cancel) {
+             TransferOutcome& outcome, const CancelToken* cancel, unsigned parts) {
   outcome = TransferOutcome();
   HttpConnection::HttpConnectionPrivate& d = HttpConnectionAccess::Of(connection);
   Context c(request, sink, outcome, cancel);
@@ -257,12 +266,15 @@ bool Perform(HttpConnection& connection, const qz::Url& url, const TransferReque
 
   // The resolution fallback of getHttpData lasts for the designed calls only.
   const HostNameResolutionPolicy keptPolicy = d.parameters.hostNameResolutionPolicy;
-  c.lastDataMs = qzSystemUtils::GetTimeBaseMs();
+  c.details = parts & Details;
+  c.headers = parts & HeaderLines;
+  if (request.idleTimeoutMs > 0)
+    c.lastDataMs = qzSystemUtils::GetTimeBaseMs();
   d.hooks = {cancel, request.idleTimeoutMs > 0 ? &idleTooLong : nullptr, &collect, &c};
   bool ok = false;
   try {
     ok = connection.getHttpData(url, std::string(), wanted.size() == 1 ? wanted.front() : 0, &install, &c,
-                                shapeOf(request));
+                                shapeOf(request, c.details || c.headers));
   } catch (...) {
     d.hooks = {};
     d.parameters.hostNameResolutionPolicy = keptPolicy;
