@@ -77,7 +77,7 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
   out = ElasticResponse();
   if (cutter)
     cutter->reset();
-  http::TransferRequest request;
+  http::RequestSpec request;
   bool known = false;
   request.method = methodOf(method, known);
   if (!known)

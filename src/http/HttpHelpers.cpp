@@ -77,8 +77,9 @@ private:
 
 int refuseMethod(void*, void*, std::list<std::string>&) { return 2; }
 
-bool fillRequest(const RequestContext& ctx, const std::list<std::string>* headers, TransferRequest& req) {
+bool fillRequest(const RequestContext& ctx, const std::list<std::string>* headers, RequestSpec& req) {
   bool callerContentType = false;
+  req.headers.reserve((headers ? headers->size() : 0) + 1);
   if (headers) {
     req.headers.assign(headers->begin(), headers->end());
     for (const std::string& line : *headers)
@@ -144,7 +145,7 @@ void HttpResult::setResults(const HttpConnection& conn) {
   httpCode = int32_t(conn.getLastHttpReturnCode());
   error = conn.getLastError();
   if (errorMessage)
-    *errorMessage = conn.getLastErrorMsg();
+    *errorMessage = error.message();
 }
 
 bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, const ConnectionParameters* params,
@@ -152,7 +153,7 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
                  const bool* cancel) {
   const auto* ctx = static_cast<const RequestContext*>(requestContext);
   result.clearResultAttributes();
-  TransferRequest req;
+  RequestSpec req;
   const bool known = fillRequest(*ctx, headers, req);
   if (expectedHttpCode > 0)
     req.successStatuses.push_back(expectedHttpCode);

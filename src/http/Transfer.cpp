@@ -46,20 +46,19 @@ size_t RequestBody::knownSize() const {
   }
 }
 
-void TransferRequest::setBody(std::string bytes) {
+void RequestSpec::setBody(std::string bytes) {
   body = RequestBody();
   body.kind = RequestBody::Kind::Bytes;
   body.bytes = std::move(bytes);
 }
 
-void TransferRequest::setBodyView(std::string_view bytes) {
+void RequestSpec::setBodyView(std::string_view bytes) {
   body = RequestBody();
   body.kind = RequestBody::Kind::View;
   body.view = bytes;
 }
 
-void TransferRequest::setBodyReader(std::function<size_t(char*, size_t)> read, int64_t size,
-                                    std::function<bool()> rewind) {
+void RequestSpec::setBodyReader(std::function<size_t(char*, size_t)> read, int64_t size, std::function<bool()> rewind) {
   body = RequestBody();
   body.kind = RequestBody::Kind::Reader;
   body.read = std::move(read);

@@ -6,7 +6,8 @@
 // would send it (a POST body without a content type is labelled a form, as curl -d does).
 //
 //   qz::http::HttpConnection conn;
-//   qz::http::TransferRequest req{.method = qz::http::Method::Get, .url = qz::Url("http://127.0.0.1:8080/")};
+//   qz::http::TransferRequest req;
+//   req.url = qz::Url("http://127.0.0.1:8080/");
 //   qz::http::StringSink body;
 //   qz::http::TransferOutcome outcome;
 //   if (!qz::http::PerformTransfer(conn, req, body, outcome))
@@ -52,9 +53,9 @@ struct HTTPTOOLS_API RequestBody {
   size_t knownSize() const;
 };
 
-struct HTTPTOOLS_API TransferRequest {
+// A request but its URL: what callers that keep the URL elsewhere hand to the engine.
+struct HTTPTOOLS_API RequestSpec {
   Method method = Method::Get;
-  qz::Url url;
   std::vector<std::string> headers;  // whole lines "Name: value"
   RequestBody body;                  // a Post or Put without body sends Content-Length: 0
   std::string contentType;           // sent as Content-Type when not empty
@@ -73,6 +74,10 @@ struct HTTPTOOLS_API TransferRequest {
   void setBodyReader(std::function<size_t(char*, size_t)> read, int64_t size = -1,
                      std::function<bool()> rewind = nullptr);
   bool hasBody() const { return body.kind != RequestBody::Kind::None; }
+};
+
+struct HTTPTOOLS_API TransferRequest : RequestSpec {
+  qz::Url url;
 };
 
 // Receives the answer while it arrives. A status line (every one: interim answers and redirects

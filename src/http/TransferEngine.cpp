@@ -18,9 +18,9 @@ namespace {
 
 // One call's state, on the caller's stack; libcurl's callbacks get it as their data.
 struct Context {
-  Context(const TransferRequest& r, ResponseSink& s, TransferOutcome& o, const CancelToken* t)
+  Context(const RequestSpec& r, ResponseSink& s, TransferOutcome& o, const CancelToken* t)
       : request(r), sink(s), out(o), token(t) {}
-  const TransferRequest& request;
+  const RequestSpec& request;
   ResponseSink& sink;
   TransferOutcome& out;
   const CancelToken* token;
@@ -171,7 +171,7 @@ bool idleTooLong(void* userData) {
 
 // Options a call installs beyond the connection's differ by this value: the connection resets
 // its handle when it changes, so nothing of an earlier request's kind survives.
-unsigned long shapeOf(const TransferRequest& r, bool headers) {
+unsigned long shapeOf(const RequestSpec& r, bool headers) {
   return (headers ? 0x1800u : 0x1000u) | unsigned(r.method) | (unsigned(r.body.kind) << 4) |
          (r.customMethod.empty() ? 0u : 0x100u) |
          (r.body.kind == RequestBody::Kind::Reader && r.body.size < 0 ? 0x200u : 0u) | (r.streaming ? 0x400u : 0u);
@@ -180,7 +180,7 @@ unsigned long shapeOf(const TransferRequest& r, bool headers) {
 int install(void* curl, void* userData, std::list<std::string>& headers) {
   CURL* h = static_cast<CURL*>(curl);
   auto* c = static_cast<Context*>(userData);
-  const TransferRequest& r = c->request;
+  const RequestSpec& r = c->request;
   headers.insert(headers.end(), r.headers.begin(), r.headers.end());
   if (!r.contentType.empty())
     headers.push_back("Content-Type: " + r.contentType);
@@ -255,7 +255,7 @@ void collect(CURL* h, void* userData) {
 
 } // namespace
 
-bool Perform(HttpConnection& connection, const qz::Url& url, const TransferRequest& request, ResponseSink& sink,
+bool Perform(HttpConnection& connection, const qz::Url& url, const RequestSpec& request, ResponseSink& sink,
              TransferOutcome& outcome, const CancelToken* cancel, unsigned parts) {
   outcome = TransferOutcome();
   HttpConnection::HttpConnectionPrivate& d = HttpConnectionAccess::Of(connection);
@@ -317,7 +317,8 @@ bool Perform(HttpConnection& connection, const qz::Url& url, const TransferReque
   }
   if (outcome.status == 0)
     outcome.status = connection.getLastHttpReturnCode();
-  outcome.error = connection.getLastError();
+  if (!ok)
+    outcome.error = connection.getLastError();
   return ok;
 }
 

@@ -14,7 +14,7 @@ enum PerformParts : unsigned {
   Details = 2,     // the outcome's status line, header lines, effective URL, type, timings
   AllParts = HeaderLines | Details,
 };
-bool Perform(HttpConnection& connection, const qz::Url& url, const TransferRequest& request, ResponseSink& sink,
+bool Perform(HttpConnection& connection, const qz::Url& url, const RequestSpec& request, ResponseSink& sink,
              TransferOutcome& outcome, const CancelToken* cancel, unsigned parts = AllParts);
 
 } // namespace qz::http::transfer_impl
