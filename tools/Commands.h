@@ -60,9 +60,8 @@ bool ReadFile(const std::string& path, std::string& content);
 const bool* InterruptFlag();
 bool Interrupted();
 
-// A connection's error text (HttpConnection::getLastErrorMsg) as curl's exit code: 6, 7, 28, 60,
-// 63 for their causes, 1 for any other.
-int ExitCodeOfTransferError(const std::string& error);
+// A failed call's error as curl's exit code: 6, 7, 28, 60, 63 for their causes, 1 for any other.
+int ExitCodeOfTransferError(const qz::http::TransferError& error);
 
 struct ParallelGetOptions {
   std::list<std::string> headers;                            // extra header lines for every request

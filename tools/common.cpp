@@ -46,24 +46,18 @@ bool ReadDataArgument(const std::string& argument, std::string& data, std::strin
   return true;
 }
 
-int ExitCodeOfTransferError(const std::string& error) {
-  // The body limit is also counted on the decoded body, where libcurl's own check does not see it.
-  if (error.find("Response body larger than the limit of ") != std::string::npos)
-    return kExitFileSize;
-  static const std::string kCurl = "Curl error : ";
-  const size_t at = error.find(kCurl);
-  if (at == std::string::npos)
-    return kExitFailure;
-  switch (std::atoi(error.c_str() + at + kCurl.size())) {
-  case 6:
+int ExitCodeOfTransferError(const qz::http::TransferError& error) {
+  using qz::http::ErrorKind;
+  switch (error.kind) {
+  case ErrorKind::Resolve:
     return kExitResolve;
-  case 7:
+  case ErrorKind::Connect:
     return kExitConnect;
-  case 28:
+  case ErrorKind::Timeout:
     return kExitTimeout;
-  case 60:
-    return kExitCertificate;
-  case 63:
+  case ErrorKind::Tls:
+    return error.curlCode == kExitCertificate ? kExitCertificate : kExitFailure; // curl's code for the certificate
+  case ErrorKind::BodyTooLarge:
     return kExitFileSize;
   default:
     return kExitFailure;

@@ -48,8 +48,8 @@ int RunView(CLI::App* cmd, ViewOptions& o) {
   const std::string error = connection.getLastErrorMsg();
   std::cerr << "httptools couch view: " << (error.empty() ? "the view could not be read" : error) << "\n";
   const long status = connection.getLastHttpReturnCode();
-  if (httptools::ExitCodeOfTransferError(error) != httptools::kExitFailure)
-    return httptools::ExitCodeOfTransferError(error);
+  if (const int rc = httptools::ExitCodeOfTransferError(connection.getLastError()); rc != httptools::kExitFailure)
+    return rc;
   return status >= 400 ? httptools::kExitHttpStatus : httptools::kExitFailure;
 }
 

@@ -252,14 +252,14 @@ int RunHttp(const HttpOptions& o) {
 
   // A response arrived when there is a status and libcurl reported no error of its own; the
   // library's own status check is redone below against what the tool accepts.
-  const bool answered = result.httpCode > 0 && error.find("Curl error : ") == std::string::npos;
-  if (!ok && answered && error.find("bad html response code, got ") != std::string::npos)
+  const bool answered = result.httpCode > 0 && result.error.curlCode == 0;
+  if (!ok && answered && result.error.kind == qz::http::ErrorKind::HttpStatus)
     ok = true;
   int rc = httptools::kExitOk;
   if (!ok && !answered) {
     if (o.errorsShown())
       std::cerr << name << ": " << error << "\n";
-    rc = httptools::ExitCodeOfTransferError(error);
+    rc = httptools::ExitCodeOfTransferError(result.error);
   } else {
     // get, head and delete want 200, put and post any status below 400, unless --expect says.
     const int status = result.httpCode;

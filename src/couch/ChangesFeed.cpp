@@ -2,25 +2,16 @@
 
 #include <HttpTools/couch/ChangesFeedParser_p.h>
 #include <HttpTools/couch/CouchRequest_p.h>
-#include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
-#include <HttpTools/http/HttpConnection_p.h>
+#include <HttpTools/http/Transfer.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
-#include <curl/curl.h>
-
-#include <ctime>
+#include <climits>
 #include <mutex>
-#include <string_view>
-#include <strings.h>
+#include <thread>
 
 namespace qz::couch {
-
-namespace {
-// How often a waiting transfer looks at the caller's cancel flag; stop() wakes it at once.
-constexpr int kCancelPollMs = 50;
-} // namespace
 
 class ChangesFeedListener::Private {
 public:
@@ -53,121 +44,40 @@ public:
   std::atomic<uint64_t> changes{0};
   std::atomic<uint64_t> reconnects{0};
   std::thread thread;
-  const bool* runCancel = nullptr; // the running run()'s flag; read on its thread only
-  // Lives as long as the listener, so that stop() may wake it from any thread.
-  http::InterruptibleTransfer transfer{[this] { return stopRequested.load() || detail::IsCancelled(runCancel); },
-                                       kCancelPollMs};
+  // The running run()'s token: it watches the caller's flag, and stop() cancels it from any thread.
+  std::mutex tokenMutex;
+  http::CancelToken token;
+
+  http::CancelToken newRun(const bool* cancel) {
+    std::lock_guard<std::mutex> lock(tokenMutex);
+    token = http::CancelToken::Watching(cancel);
+    return token;
+  }
 };
 
 namespace {
 
-// One request of the feed: the curl callbacks' state.
-struct FeedTransfer {
-  ChangesFeedListener::Private* d = nullptr;
-  const bool* cancel = nullptr;
-  CURL* curl = nullptr;
-  ChangesFeedParser* parser = nullptr;
-  const std::string* body = nullptr;
-  long status = 0;
-  std::string errorBody;
-  std::string retryAfter; // the last answer's Retry-After value
-  int64_t lastDataMs = 0;
-  int64_t silenceLimitMs = 0; // 0: not watched
-  bool quietAllowed = false;  // the server may say nothing for long (continuous, longpoll)
-  bool silent = false;
-  bool gotData = false;
-  bool failed = false; // an exception was caught in a callback
-
-  bool stopped() const { return d->stopRequested.load() || detail::IsCancelled(cancel); }
-};
-
-size_t WriteFeed(char* data, size_t size, size_t nmemb, void* userData) {
-  auto* t = static_cast<FeedTransfer*>(userData);
-  const size_t length = size * nmemb;
-  try {
-    t->lastDataMs = qzSystemUtils::GetTimeBaseMs();
-    t->gotData = true;
-    if (t->status == 0)
-      curl_easy_getinfo(t->curl, CURLINFO_RESPONSE_CODE, &t->status);
-    if (t->status != 200) {
-      if (t->errorBody.size() < 65536)
-        t->errorBody.append(data, std::min<size_t>(length, 65536));
-      return length;
+// The answer of one request of the feed: a 200 body goes to the parser, any other is kept (the
+// first 64 KiB) for its error text.
+class FeedSink : public http::ResponseSink {
+public:
+  FeedSink(ChangesFeedParser& parser, const http::CancelToken& token) : m_parser(parser), m_token(token) {}
+  void onStatus(long status, std::string_view) override { m_status = status; }
+  bool onBody(const char* data, size_t size) override {
+    if (m_status != 200) {
+      if (errorBody.size() < 65536)
+        errorBody.append(data, std::min<size_t>(size, 65536));
+      return true;
     }
-    if (t->stopped() || !t->parser->feed(data, length))
-      return 0;
-    return length;
-  } catch (...) {
-    t->failed = true;
-    return 0;
+    return !m_token.isCancelled() && m_parser.feed(data, size);
   }
-}
+  std::string errorBody;
 
-size_t FeedHeader(char* data, size_t size, size_t nmemb, void* userData) {
-  auto* t = static_cast<FeedTransfer*>(userData);
-  const size_t length = size * nmemb;
-  try {
-    const std::string_view line(data, length);
-    static constexpr std::string_view name = "retry-after:";
-    if (line.size() >= 5 && line.compare(0, 5, "HTTP/") == 0)
-      t->retryAfter.clear(); // a new answer (after a redirect or an interim one)
-    else if (line.size() > name.size() && strncasecmp(data, name.data(), name.size()) == 0)
-      t->retryAfter.assign(line.substr(name.size()));
-    return length;
-  } catch (...) {
-    t->failed = true;
-    return 0;
-  }
-}
-
-int FeedProgress(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  auto* t = static_cast<FeedTransfer*>(userData);
-  if (t->stopped())
-    return 1;
-  // Until the first byte the connection and the server's first answer get more time.
-  const int64_t limit = t->gotData ? t->silenceLimitMs : std::max<int64_t>(t->silenceLimitMs, 10000);
-  if (t->silenceLimitMs > 0 && qzSystemUtils::GetTimeBaseMs() - t->lastDataMs > limit) {
-    t->silent = true;
-    return 1;
-  }
-  return 0;
-}
-
-int SetupFeed(void* curlHandle, void* userData, std::list<std::string>& headers) {
-  auto* t = static_cast<FeedTransfer*>(userData);
-  CURL* h = static_cast<CURL*>(curlHandle);
-  t->curl = h;
-  headers.emplace_back("Accept: application/json");
-  curl_write_callback write = &WriteFeed;
-  curl_xferinfo_callback progress = &FeedProgress;
-  curl_write_callback header = &FeedHeader;
-  int rc = 0;
-  rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, write);
-  rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progress);
-  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
-  // A compressing server holds changes back until its buffer fills.
-  rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, static_cast<char*>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_NOBODY, 0L);
-  rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 0L);
-  rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, static_cast<curl_read_callback>(nullptr));
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, header);
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, userData);
-  if (t->body) {
-    headers.emplace_back("Content-Type: application/json");
-    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, long(t->body->size()));
-    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDS, t->body->c_str());
-  } else {
-    rc |= curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
-  }
-  if (t->quietAllowed) {
-    // Heartbeats are a byte now and then: the low-speed guard would cut a quiet feed.
-    rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, 0L); // a followed feed has no end
-  }
-  return rc;
-}
+private:
+  ChangesFeedParser& m_parser;
+  const http::CancelToken& m_token;
+  long m_status = 0;
+};
 
 bool IsFatalStatus(long code) { return code >= 400 && code < 500 && code != 408 && code != 429; }
 
@@ -195,27 +105,40 @@ qz::Url ChangesFeedListener::Private::feedUrl(const std::string& from) const {
 
 bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change&)>& onChange, std::string* error,
                                            const bool* cancel) {
-  runCancel = cancel;
+  const http::CancelToken run = newRun(cancel);
+  auto stopped = [&] { return stopRequested.load() || run.isCancelled(); };
   auto fail = [&](const std::string& why) {
     if (error)
       *error = why;
     return false;
   };
-  std::string body;
+  http::TransferRequest request;
+  request.headers = {"Accept: application/json",
+                     // A compressing server holds changes back until its buffer fills.
+                     "Accept-Encoding: identity"};
   if (!options.docIds.empty()) {
-    body = "{\"doc_ids\":[";
+    std::string body = "{\"doc_ids\":[";
     for (size_t i = 0; i < options.docIds.size(); ++i)
       body += (i ? "," : "") + detail::JsonString(options.docIds[i]);
-    body += "]}";
+    request.method = http::Method::Post;
+    request.setBody(body + "]}");
+    request.contentType = "application/json";
   }
+  // Heartbeats are a byte now and then: the silence watch replaces the low-speed guard and the
+  // total time-out of a followed feed.
+  request.streaming = options.continuous || options.longpoll;
+  if (options.continuous)
+    request.idleTimeoutMs = 2 * long(std::max(1u, options.heartbeatMs));
+  // The policy gives the delays; every failure of a feed is worth another try (maxRetries 0: no end).
+  const http::RetryPolicy retry{.attempts = options.maxRetries > 0 ? options.maxRetries + 1 : UINT_MAX,
+                                .initialBackoffMs = options.backoffInitialMs,
+                                .maxBackoffMs = options.backoffMaxMs,
+                                .retryAfterCapMs = std::max(1u, options.backoffMaxMs)};
 
   unsigned failures = 0;
   std::string lastReason;
   for (;;) {
-    FeedTransfer t;
-    t.d = this;
-    t.cancel = cancel;
-    if (t.stopped())
+    if (stopped())
       return true;
     size_t delivered = 0;
     ChangesFeedParser parser(
@@ -226,54 +149,40 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
             setCheckpoint(change.seq);
           ++changes;
           ++delivered;
-          return !t.stopped();
+          return !stopped();
         },
         [&](const std::string& lastSeq) { setCheckpoint(lastSeq); });
-    t.parser = &parser;
-    t.body = body.empty() ? nullptr : &body;
-    t.lastDataMs = qzSystemUtils::GetTimeBaseMs();
-    if (options.continuous)
-      t.silenceLimitMs = 2 * int64_t(std::max(1u, options.heartbeatMs));
-    t.quietAllowed = options.continuous || options.longpoll;
-
-    const qz::Url url = feedUrl(checkpoint());
+    request.url = feedUrl(checkpoint());
+    FeedSink sink(parser, run);
+    http::TransferOutcome outcome;
     const int64_t started = qzSystemUtils::GetTimeBaseMs();
     bool ok = false;
-    std::string transportError;
     {
-      http::HttpConnectionLocker conn(pool, url);
-      http::ScopedInterruptibleTransfer interruptible(*conn, transfer);
-      ok = conn->getHttpData(url, std::string(), 0, &SetupFeed, &t);
-      if (t.status == 0)
-        t.status = conn->getLastHttpReturnCode();
-      if (!ok)
-        transportError = conn->getLastErrorMsg();
-      // The handle carries this feed's callbacks and body: nobody else should inherit them.
-      conn->clearConnection();
+      http::HttpConnectionLocker conn(pool, request.url);
+      ok = http::PerformTransfer(*conn, request, sink, outcome, &run);
     }
-    if (t.failed)
-      return fail("change feed callback failed");
-    if (parser.refused() || t.stopped())
+    const long status = outcome.status;
+    if (parser.refused() || stopped())
       return true;
-
-    if (t.status == 200 && !parser.error().empty())
+    if (status == 200 && !parser.error().empty())
       return fail("change feed of " + db + ": " + parser.error());
-    if (IsFatalStatus(t.status)) {
-      detail::Reply reply;
-      reply.code = t.status;
-      reply.body = t.errorBody;
+    if (!ok && outcome.error.kind == http::ErrorKind::LocalIo)
+      return fail("change feed callback failed");
+    detail::Reply reply;
+    reply.code = status;
+    reply.body = sink.errorBody;
+    if (IsFatalStatus(status))
       return fail("change feed of " + db + ": " + reply.reason());
-    }
     if (delivered > 0)
       failures = 0;
-    if (ok && t.status == 200) {
+    if (ok && status == 200) {
       if (!options.continuous) {
         if (options.batchLimit > 0 && parser.changeCount() >= options.batchLimit)
           continue; // the next batch
         if (options.longpoll && parser.changeCount() == 0 && parser.sawLastSeq()) {
           // The server's wait ended without a change: wait again (a pause if it did not wait).
           if (qzSystemUtils::GetTimeBaseMs() - started < 100 &&
-              !detail::SleepUnlessCancelled(100, cancel, &stopRequested))
+              (!run.waitFor(std::chrono::milliseconds(100)) || stopped()))
             return true;
           continue;
         }
@@ -286,15 +195,12 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       } else {
         lastReason = "continuous feed closed at once";
       }
-    } else if (t.silent) {
-      lastReason = "no heartbeat for " + std::to_string(t.silenceLimitMs) + " ms";
-    } else if (t.status != 200 && t.status != 0) {
-      detail::Reply reply;
-      reply.code = t.status;
-      reply.body = t.errorBody;
+    } else if (!ok && outcome.error.kind == http::ErrorKind::Timeout && request.idleTimeoutMs > 0) {
+      lastReason = "no heartbeat for " + std::to_string(request.idleTimeoutMs) + " ms";
+    } else if (status != 200 && status != 0) {
       lastReason = reply.reason();
     } else {
-      lastReason = transportError;
+      lastReason = outcome.error.message();
     }
 
     ++failures;
@@ -305,13 +211,11 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       qzLogObject(qzLog::Warning, "couchdb")
           << "Change feed of " << db << " reconnects from " << checkpoint() << ": " << lastReason;
     ++reconnects;
-    unsigned delayMs = detail::BackoffMs(failures, options.backoffInitialMs, options.backoffMaxMs);
-    if (t.status == 429 || t.status == 503) {
-      const int64_t asked = detail::RetryAfterMs(t.retryAfter, std::time(nullptr));
-      if (asked >= 0)
-        delayMs = unsigned(std::min<int64_t>(asked, std::max(1u, options.backoffMaxMs)));
-    }
-    if (!detail::SleepUnlessCancelled(delayMs, cancel, &stopRequested))
+    http::TransferError why{.kind = http::ErrorKind::Timeout, .httpStatus = status};
+    if (status == 429 || status == 503)
+      why.kind = http::ErrorKind::HttpStatus;
+    const int64_t delayMs = retry.nextDelayMs(why, outcome.header("retry-after"), failures, 0);
+    if (!run.waitFor(std::chrono::milliseconds(std::max<int64_t>(0, delayMs))) || stopped())
       return true;
   }
 }
@@ -354,7 +258,10 @@ bool ChangesFeedListener::start(std::function<bool(const Change&)> onChange) {
 
 void ChangesFeedListener::stop() {
   d->stopRequested = true;
-  d->transfer.wakeup();
+  {
+    std::lock_guard<std::mutex> lock(d->tokenMutex);
+    d->token.cancel();
+  }
   if (d->thread.joinable() && d->thread.get_id() != std::this_thread::get_id())
     d->thread.join();
 }

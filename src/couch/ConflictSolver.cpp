@@ -36,7 +36,7 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
   };
   detail::Reply reply;
   const qz::Url current = d->server.toDocumentUrl(d->db, docId, {{"conflicts", "true"}});
-  if (!detail::RequestWithRetry(d->pool, current, "GET", nullptr, reply, nullptr) || reply.code != 200)
+  if (!detail::RequestWithRetry(d->pool, current, http::Method::Get, nullptr, reply, nullptr) || reply.code != 200)
     return fail(reply.reason());
   qzVariantMapImpl winner;
   if (!json::Json2Variant::Convert(reply.body, winner))
@@ -48,7 +48,7 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
   const std::string winningRev = winner["_rev"].toString();
 
   const qz::Url all = d->server.toDocumentUrl(d->db, docId, {{"open_revs", "all"}});
-  if (!detail::RequestWithRetry(d->pool, all, "GET", nullptr, reply, nullptr) || reply.code != 200)
+  if (!detail::RequestWithRetry(d->pool, all, http::Method::Get, nullptr, reply, nullptr) || reply.code != 200)
     return fail(reply.reason());
   qzVariantListImpl answer;
   if (!json::Json2Variant::Convert(reply.body, answer))
@@ -85,7 +85,7 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
     for (size_t i = 0; i < docs.size(); ++i)
       body += (i ? "," : "") + detail::ToJson(docs[i]);
     body += "]}";
-    if (!detail::RequestWithRetry(d->pool, bulk, "POST", &body, reply, nullptr) || reply.code != 201)
+    if (!detail::RequestWithRetry(d->pool, bulk, http::Method::Post, &body, reply, nullptr) || reply.code != 201)
       return fail(reply.reason());
     qzVariantListImpl results;
     if (!json::Json2Variant::Convert(reply.body, results))
@@ -128,7 +128,7 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
     // Leaves deleted by an attempt whose answer was lost, or by another solver, are done too.
     const qz::Url now = d->server.toDocumentUrl(d->db, docId, {{"conflicts", "true"}});
     qzVariantMapImpl doc;
-    if (!detail::RequestWithRetry(d->pool, now, "GET", nullptr, reply, nullptr) || reply.code != 200 ||
+    if (!detail::RequestWithRetry(d->pool, now, http::Method::Get, nullptr, reply, nullptr) || reply.code != 200 ||
         !json::Json2Variant::Convert(reply.body, doc))
       return fail(reply.reason());
     for (const qzVariant& rev : doc["_conflicts"].toList())
@@ -145,7 +145,7 @@ bool ConflictSolver::findConflicts(std::vector<std::string>& ids, std::string* e
   const size_t page = 500;
   std::string startKey;
   for (;;) {
-    if (detail::IsCancelled(cancel)) {
+    if (http::CancelToken::IsSet(cancel)) {
       if (error)
         *error = "cancelled";
       return false;
@@ -158,7 +158,7 @@ bool ConflictSolver::findConflicts(std::vector<std::string>& ids, std::string* e
     }
     const qz::Url url = d->server.toDatabaseUrl(d->db, {}).toUrl(std::vector<std::string>{"_all_docs"}, query);
     detail::Reply reply;
-    if (!detail::RequestWithRetry(d->pool, url, "GET", nullptr, reply, cancel) || reply.code != 200) {
+    if (!detail::RequestWithRetry(d->pool, url, http::Method::Get, nullptr, reply, cancel) || reply.code != 200) {
       if (error)
         *error = "listing conflicts of " + d->db + ": " + reply.reason();
       return false;
@@ -193,7 +193,7 @@ bool ConflictSolver::solveAll(size_t* solved, std::string* error, const bool* ca
   size_t failed = 0;
   std::string first;
   for (const std::string& id : ids) {
-    if (detail::IsCancelled(cancel)) {
+    if (http::CancelToken::IsSet(cancel)) {
       if (error)
         *error = "cancelled";
       return false;

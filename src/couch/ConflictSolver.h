@@ -16,6 +16,7 @@ class HttpConnectionPool;
 
 namespace qz::couch {
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Solves conflicted documents: reads every leaf revision (open_revs=all), lets a resolver choose
 // the body to keep, writes it on the current winning revision and, once it is stored, deletes
 // every other leaf. A document another writer changed meanwhile keeps all its leaves and is

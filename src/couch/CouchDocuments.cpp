@@ -70,7 +70,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
   std::string firstError;
   size_t unread = 0; // ids answered with an error, or not answered at all
   const bool ok = RunBatches(d->threads, batches, [&](size_t b) {
-    if (detail::IsCancelled(cancel))
+    if (http::CancelToken::IsSet(cancel))
       return false;
     std::vector<FetchedRow> rows;
     std::string err;
@@ -103,8 +103,8 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       missing->insert(missing->end(), m.begin(), m.end());
   }
   if (!ok && error)
-    *error = detail::IsCancelled(cancel) && firstError.empty() ? "cancelled" : firstError;
-  return ok && unread == 0 && !detail::IsCancelled(cancel);
+    *error = http::CancelToken::IsSet(cancel) && firstError.empty() ? "cancelled" : firstError;
+  return ok && unread == 0 && !http::CancelToken::IsSet(cancel);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -147,7 +147,7 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
     std::vector<std::string> pending(ids.begin() + long(begin),
                                      ids.begin() + long(std::min(ids.size(), begin + d->batch)));
     for (unsigned round = 0; !pending.empty(); ++round) {
-      if (detail::IsCancelled(cancel))
+      if (http::CancelToken::IsSet(cancel))
         return failWith("cancelled");
       if (round > d->maxRetries)
         return failWith("document " + pending.front() + " still in conflict after " + std::to_string(round) +
@@ -178,7 +178,7 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
       if (sent.empty())
         break;
       detail::Reply reply;
-      if (!detail::RequestWithRetry(d->pool, bulk, "POST", &body, reply, cancel) || reply.code != 201) {
+      if (!detail::RequestWithRetry(d->pool, bulk, http::Method::Post, &body, reply, cancel) || reply.code != 201) {
         return failWith("writing documents of " + d->db + ": " + reply.reason());
       }
       qzVariantListImpl results;
@@ -319,7 +319,7 @@ void DocumentUploader::Private::send(Batch& batch) {
   std::vector<std::pair<std::string, std::string>> failed;
   size_t stored = 0;
   // Transient answers are retried for a while; a batch that still fails is reported whole.
-  if (!detail::RequestWithRetry(pool, url, "POST", &batch.body, reply, nullptr, 10) || reply.code != 201) {
+  if (!detail::RequestWithRetry(pool, url, http::Method::Post, &batch.body, reply, nullptr, 10) || reply.code != 201) {
     for (const std::string& id : batch.ids)
       failed.emplace_back(id, reply.reason());
   } else {

@@ -17,6 +17,7 @@ class HttpConnectionPool;
 
 namespace qz::couch {
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Reads documents by id: _all_docs?include_docs=true with the ids as keys, in batches spread over
 // `threads` threads, every request through `pool`.
 //

@@ -81,7 +81,7 @@ bool FetchCouchDbView(http::HttpConnection& connection, const CouchConnectionPar
       break;
     if (!parser.failure().empty())
       connection.addErrorDetail(parser.failure());
-    if (*cancel)
+    if (http::CancelToken::IsSet(cancel))
       return false;
     if (!connection.isLastCallTimedOut()) {
       qzLogObject(qzLog::Error, "couchdb") << "Error while fetching view " << viewName << " of document "

@@ -13,6 +13,7 @@ class HttpConnection;
 
 namespace qz::couch {
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Runs one view query over `connection` and hands every row to `rowFunction` while the response
 // arrives, so a view of any size is read in bounded memory.
 //

@@ -105,7 +105,7 @@ bool FetchCouchDbView(http::HttpConnection& connection, const CouchConnectionPar
       parser.setRequestBody(&body);
     if (connection.getHttpData(url, std::string(), 200, &InstallViewOptions, &parser, ViewRequestShape(parser)))
       return true;
-    if (*cancel)
+    if (http::CancelToken::IsSet(cancel))
       return fail("cancelled");
     if (ctx.refused)
       return fail("row refused");

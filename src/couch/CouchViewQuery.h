@@ -37,6 +37,7 @@ struct HTTPTOOLS_API ViewRow {
   std::string error; // e.g. "not_found" for a key of _all_docs that names no document
 };
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Runs one view query (empty names: _all_docs) and hands every row to `onRow` while the response
 // arrives. False on a transport or HTTP error, a malformed row, a row refused by `onRow`, or a
 // cancel; `error` (may be null) says which.

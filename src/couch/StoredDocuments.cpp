@@ -19,7 +19,7 @@ bool FetchDocuments(http::HttpConnectionPool& pool, const CouchConnectionParamet
     body += (i > begin ? "," : "") + JsonString(ids[i]);
   body += "]}";
   Reply reply;
-  if (!RequestWithRetry(pool, url, "POST", &body, reply, cancel) || reply.code != 200) {
+  if (!RequestWithRetry(pool, url, http::Method::Post, &body, reply, cancel) || reply.code != 200) {
     error = "reading documents of " + db + ": " + reply.reason();
     return false;
   }

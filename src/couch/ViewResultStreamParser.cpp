@@ -144,7 +144,8 @@ bool ViewResultStreamParser::deliverRow(const char* text, size_t length) {
   const auto missing = m_row.end();
   if (id == missing || key == missing || value == missing) {
     qzLogObject(qzLog::Error, "couchdb") << "On error BracketCounter " << m_braceCounter << ", SquareBracketCounter "
-                                         << m_squareBracketCounter << ", cancelflag " << *m_cancelFlag;
+                                         << m_squareBracketCounter << ", cancelflag "
+                                         << http::CancelToken::IsSet(m_cancelFlag);
     const std::string_view row(text, length);
     if (id == missing)
       qzLogObject(qzLog::Error, "couchdb") << "Error while parsing result, missing 'id' entry in json " << row;
@@ -192,7 +193,7 @@ size_t ViewResultStreamParser::WriteFunction(char* data, size_t size, size_t nme
       parser->m_failure = qz::http::BodyLimitMessage(static_cast<long long>(parser->m_maxBodyBytes));
       return length + 1;
     }
-    if (!parser->feed(data, length) || *parser->m_cancelFlag)
+    if (!parser->feed(data, length) || http::CancelToken::IsSet(parser->m_cancelFlag))
       return length + 1; // any other count than the one given aborts the transfer
   } catch (const std::exception& e) {
     parser->m_failure = std::string("Exception while reading view rows: ") + e.what();
@@ -205,7 +206,7 @@ size_t ViewResultStreamParser::WriteFunction(char* data, size_t size, size_t nme
 }
 
 int ViewResultStreamParser::TransferInfoFunction(void* userData, int64_t, int64_t, int64_t, int64_t) {
-  return *static_cast<ViewResultStreamParser*>(userData)->m_cancelFlag ? 1 : 0;
+  return http::CancelToken::IsSet(static_cast<ViewResultStreamParser*>(userData)->m_cancelFlag) ? 1 : 0;
 }
 
 } // namespace qz::couch

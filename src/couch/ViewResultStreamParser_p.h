@@ -1,6 +1,7 @@
 #pragma once
 
-#include <HttpTools/http/HttpConnection_p.h>
+#include <HttpTools/http/BodyReader_p.h>
+#include <HttpTools/http/CancelToken.h>
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/platform/qzVariant.h>
 

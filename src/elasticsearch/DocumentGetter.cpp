@@ -2,6 +2,7 @@
 
 #include <HttpTools/elasticsearch/ElasticRequest_p.h>
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+#include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
@@ -71,7 +72,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
     http::HttpConnectionLocker connection(m_pool, url);
     for (;;) {
       const size_t b = next++;
-      if (b >= batches || failed || *userCancel)
+      if (b >= batches || failed || http::CancelToken::IsSet(userCancel))
         break;
       batchMissing = &missingPerBatch[b];
       body = "{\"ids\":[";
@@ -85,7 +86,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       ElasticResponse r;
       const bool answered = ElasticCall(*connection, "POST", url, &body, "application/json", r, &cutter, userCancel);
       if (!answered) {
-        fail(*userCancel ? "cancelled" : (problem.empty() ? ErrorText(r) : problem));
+        fail(http::CancelToken::IsSet(userCancel) ? "cancelled" : (problem.empty() ? ErrorText(r) : problem));
         break;
       }
       if (r.status != 200) {
@@ -105,7 +106,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
     for (auto& t : pool)
       t.join();
   }
-  if (*userCancel && !failed) {
+  if (http::CancelToken::IsSet(userCancel) && !failed) {
     failed = true;
     firstError = "cancelled";
   }

@@ -14,6 +14,7 @@ class HttpConnectionPool;
 
 namespace qz::elasticsearch {
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Fetches documents by id from one index with _mget requests of `batchSize` ids, spread over
 // `threads` threads that borrow connections from the pool. Answers are cut document by document
 // while they arrive.

@@ -1,17 +1,17 @@
 #include <HttpTools/elasticsearch/ElasticRequest_p.h>
 
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
-#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/Transfer_p.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
-
-#include <curl/curl.h>
 
 #include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <optional>
+#include <string_view>
 #include <strings.h>
 
 namespace qz::elasticsearch {
@@ -20,148 +20,93 @@ namespace {
 
 constexpr size_t kMaxErrorBody = 64 * 1024;
 
-struct CallContext {
-  CURL* handle = nullptr;
-  const char* method = "GET";
-  const std::string* body = nullptr;
-  size_t bodyOffset = 0;
-  const char* contentType = nullptr;
-  ElasticResponse* out = nullptr;
-  ResponseItemCutter* cutter = nullptr;
-  const bool* cancel = nullptr;
-  long status = -1;
+// A 2xx body goes to the cutter when there is one; any other body is kept (an error body up to
+// kMaxErrorBody) for its text.
+class ElasticSink : public http::ResponseSink {
+public:
+  ElasticSink(ElasticResponse& out, ResponseItemCutter* cutter) : m_out(out), m_cutter(cutter) {}
+  void onStatus(long status, std::string_view) override {
+    m_status = status;
+    m_out.product = false; // a new answer (after 100 Continue or a redirect)
+  }
+  void onHeader(std::string_view line) override {
+    static constexpr std::string_view kName = "x-elastic-product:";
+    if (line.size() <= kName.size() || strncasecmp(line.data(), kName.data(), kName.size()) != 0)
+      return;
+    std::string_view value = line.substr(kName.size());
+    value.remove_prefix(std::min(value.size(), value.find_first_not_of(" \t")));
+    value = value.substr(0, value.find_last_not_of(" \t\r\n") + 1);
+    m_out.product = value == "Elasticsearch";
+  }
+  bool onBody(const char* data, size_t size) override {
+    if (m_cutter && m_status >= 200 && m_status < 300) {
+      cutterFailed = !m_cutter->feed(data, size);
+      return !cutterFailed;
+    }
+    if (m_out.body.size() < kMaxErrorBody || m_status < 300)
+      m_out.body.append(data, size);
+    return true;
+  }
   bool cutterFailed = false;
+
+private:
+  ElasticResponse& m_out;
+  ResponseItemCutter* m_cutter;
+  long m_status = 0;
 };
 
-size_t writeCallback(char* data, size_t size, size_t nmemb, void* userData) {
-  auto* c = static_cast<CallContext*>(userData);
-  const size_t length = size * nmemb;
-  try {
-    if (*c->cancel)
-      return length + 1;
-    if (c->status < 0)
-      curl_easy_getinfo(c->handle, CURLINFO_RESPONSE_CODE, &c->status);
-    if (c->cutter && c->status >= 200 && c->status < 300) {
-      if (!c->cutter->feed(data, length)) {
-        c->cutterFailed = true;
-        return length + 1;
-      }
-    } else if (c->out->body.size() < kMaxErrorBody || c->status < 300) {
-      c->out->body.append(data, length);
+http::Method methodOf(const char* name, bool& known) {
+  static const std::pair<const char*, http::Method> methods[] = {
+      {"GET", http::Method::Get},        {"HEAD", http::Method::Head},     {"PUT", http::Method::Put},
+      {"POST", http::Method::Post},      {"DELETE", http::Method::Delete}, {"PATCH", http::Method::Patch},
+      {"OPTIONS", http::Method::Options}};
+  for (const auto& [text, m] : methods)
+    if (std::strcmp(name, text) == 0) {
+      known = true;
+      return m;
     }
-    return length;
-  } catch (...) {
-    return length + 1; // no exception crosses libcurl
-  }
-}
-
-size_t readCallback(char* buffer, size_t size, size_t nitems, void* userData) {
-  auto* c = static_cast<CallContext*>(userData);
-  if (!c->body || *c->cancel)
-    return CURL_READFUNC_ABORT;
-  const size_t n = std::min(size * nitems, c->body->size() - c->bodyOffset);
-  if (n)
-    std::memcpy(buffer, c->body->data() + c->bodyOffset, n);
-  c->bodyOffset += n;
-  return n;
-}
-
-int seekCallback(void* userData, curl_off_t offset, int origin) {
-  auto* c = static_cast<CallContext*>(userData);
-  if (origin != SEEK_SET || !c->body || offset < 0 || size_t(offset) > c->body->size())
-    return CURL_SEEKFUNC_CANTSEEK;
-  c->bodyOffset = size_t(offset);
-  return CURL_SEEKFUNC_OK;
-}
-
-size_t headerCallback(char* data, size_t size, size_t nitems, void* userData) {
-  auto* c = static_cast<CallContext*>(userData);
-  const size_t length = size * nitems;
-  static const char kName[] = "x-elastic-product:";
-  if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-    c->out->product = false; // a new status line (after 100 Continue or a redirect)
-    c->status = -1;
-  } else if (length > sizeof kName - 1 && strncasecmp(data, kName, sizeof kName - 1) == 0) {
-    std::string value(data + sizeof kName - 1, length - (sizeof kName - 1));
-    value.erase(0, value.find_first_not_of(" \t"));
-    value.erase(value.find_last_not_of(" \t\r\n") + 1);
-    c->out->product = value == "Elasticsearch";
-  }
-  return length;
-}
-
-int transferInfo(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return *static_cast<CallContext*>(userData)->cancel ? 1 : 0;
-}
-
-int installOptions(void* curlHandle, void* userData, std::list<std::string>& headers) {
-  CURL* h = static_cast<CURL*>(curlHandle);
-  auto* c = static_cast<CallContext*>(userData);
-  c->handle = h;
-  int rc = 0;
-  rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &writeCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, &transferInfo);
-  rc |= curl_easy_setopt(h, CURLOPT_XFERINFODATA, c);
-  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L); // the cancel flag is also read while waiting
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &headerCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
-  rc |= curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, &seekCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_SEEKDATA, c);
-  rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 0L);
-  const bool head = std::strcmp(c->method, "HEAD") == 0;
-  rc |= curl_easy_setopt(h, CURLOPT_NOBODY, head ? 1L : 0L);
-  if (c->body) {
-    rc |= curl_easy_setopt(h, CURLOPT_POST, 1L);
-    rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, &readCallback);
-    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(c->body->size()));
-    headers.push_back(std::string("Content-Type: ") + (c->contentType ? c->contentType : "application/json"));
-    // A large body goes at once rather than after a 1 s wait for "100 Continue".
-    headers.push_back("Expect:");
-  } else {
-    rc |= curl_easy_setopt(h, CURLOPT_POST, 0L);
-    rc |= curl_easy_setopt(h, CURLOPT_READFUNCTION, static_cast<curl_read_callback>(nullptr));
-    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE, 0L);
-    if (!head)
-      rc |= curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
-  }
-  const bool plain = head || std::strcmp(c->method, c->body ? "POST" : "GET") == 0;
-  rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, plain ? static_cast<const char*>(nullptr) : c->method);
-  return rc;
+  known = false;
+  return http::Method::Post;
 }
 
 } // namespace
 
 bool ElasticCall(http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
                  const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter, const bool* cancel) {
-  static const bool notCancelled = false;
   static std::atomic<bool> productWarned{false};
   out = ElasticResponse();
-  CallContext c;
-  static const std::string empty;
-  c.method = method;
-  // A POST or PUT without body still says so (Content-Length: 0): servers wait for one otherwise.
-  c.body =
-      body || std::strcmp(method, "POST") == 0 || std::strcmp(method, "PUT") == 0 ? (body ? body : &empty) : nullptr;
-  c.contentType = contentType;
-  c.out = &out;
-  c.cutter = cutter;
-  c.cancel = cancel ? cancel : &notCancelled;
   if (cutter)
     cutter->reset();
-  const bool ok = connection.getHttpData(url, std::string(), 0, &installOptions, &c);
-  out.status = connection.getLastHttpReturnCode();
+  http::RequestSpec request;
+  bool known = false;
+  request.method = methodOf(method, known);
+  if (!known)
+    request.customMethod = method;
+  if (body)
+    request.setBodyView(*body);
+  // A POST or PUT without body still says so (Content-Length: 0): servers wait for one otherwise.
+  if (request.hasBody() || request.method == http::Method::Post || request.method == http::Method::Put)
+    request.contentType = contentType ? contentType : "application/json";
+  ElasticSink sink(out, cutter);
+  http::TransferOutcome outcome;
+  std::optional<http::CancelToken> token;
+  if (cancel)
+    token = http::CancelToken::Watching(cancel);
+  const bool ok = http::transfer_impl::Perform(connection, url, request, sink, outcome, token ? &*token : nullptr,
+                                               http::transfer_impl::HeaderLines);
+  out.status = outcome.status;
   if (!ok) {
-    if (*c.cancel)
+    if (outcome.error.kind == http::ErrorKind::Cancelled)
       out.transportError = "cancelled";
-    else if (c.cutterFailed && cutter && !cutter->stoppedByItem())
+    else if (sink.cutterFailed && !cutter->stoppedByItem())
       out.transportError = "malformed answer from " + url.toDisplayableUrl();
-    else if (c.cutterFailed)
+    else if (sink.cutterFailed)
       out.transportError = "stopped";
     else
-      out.transportError = connection.getLastErrorMsg();
+      out.transportError = outcome.error.message();
     return false;
   }
-  if (cutter && out.status >= 200 && out.status < 300 && !cutter->complete() && std::strcmp(method, "HEAD") != 0) {
+  if (cutter && out.status >= 200 && out.status < 300 && !cutter->complete() && request.method != http::Method::Head) {
     out.transportError = "incomplete answer from " + url.toDisplayableUrl();
     return false;
   }

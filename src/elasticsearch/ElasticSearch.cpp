@@ -2,6 +2,7 @@
 
 #include <HttpTools/elasticsearch/ElasticRequest_p.h>
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+#include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
@@ -102,7 +103,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
 
   // Why a page failed, in the caller's words.
   auto pageError = [&]() {
-    if (*stop)
+    if (http::CancelToken::IsSet(stop))
       return std::string("cancelled");
     if (sink.stopped)
       return std::string("stopped by the hit function");
@@ -114,7 +115,8 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   // A point in time when the server has one.
   if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr, nullptr,
                    r, nullptr, stop)) {
-    err = *stop ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
+    err = http::CancelToken::IsSet(stop) ? "cancelled"
+                                         : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
     return false;
   }
   std::string pitId;

@@ -22,6 +22,7 @@ struct HTTPTOOLS_API SearchHit {
   qzVariant sort;
 };
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Streams every hit of `queryJson` (a JSON object with "query" and optional "sort", "_source"...;
 // empty means match_all) from `index` to `onHit`, `pageSize` hits per request (0: 1000). Pages are
 // read with a point in time and search_after; a server without point in time is read with a

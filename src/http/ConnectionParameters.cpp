@@ -178,7 +178,7 @@ int BodyReader::install(CURL* h) {
 
 size_t BodyReader::Read(char* buffer, size_t size, size_t count, void* reader) {
   auto* r = static_cast<BodyReader*>(reader);
-  if (r->cancel && *r->cancel)
+  if (CancelToken::IsSet(r->cancel))
     return CURL_READFUNC_ABORT;
   const size_t n = std::min(size * count, r->size - std::min(r->offset, r->size));
   if (n)

@@ -67,22 +67,31 @@ bool signalsNeeded() {
   return needed;
 }
 
-// Options of the connection itself, set on a fresh or reset handle before the parameters.
-int applyConnectionOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
-  int rc = 0;
+// The connection's own options, set on a fresh or reset handle before the parameters.
+int applyHandleOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
+  int rc = ApplyConnectionOptions(h);
   rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+  rc |= curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, debugCallback);
+  rc |= curl_easy_setopt(h, CURLOPT_DEBUGDATA, d);
+  rc |= curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d->errorBuffer);
+  return rc;
+}
+
+} // namespace
+
+int ApplyConnectionOptions(CURL* h) {
+  int rc = 0;
   rc |= curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 0L);
   rc |= curl_easy_setopt(h, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
   rc |= curl_easy_setopt(h, CURLOPT_NOSIGNAL, signalsNeeded() ? 0L : 1L);
-  rc |= curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, debugCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_DEBUGDATA, d);
-  rc |= curl_easy_setopt(h, CURLOPT_ERRORBUFFER, d->errorBuffer);
   rc |= curl_easy_setopt(h, CURLOPT_ACCEPT_ENCODING, "");
   // Paths go out as rendered; "." and ".." segments are already escaped.
   rc |= curl_easy_setopt(h, CURLOPT_PATH_AS_IS, 1L);
   return rc;
 }
+
+namespace {
 
 bool isHttpScheme(const std::string& scheme) {
   auto same = [&](const char* s) {
@@ -91,6 +100,27 @@ bool isHttpScheme(const std::string& scheme) {
            });
   };
   return same("http") || same("https");
+}
+
+// Under a cancel token the transfer runs where cancel() can wake it; the connection keeps that
+// multi handle (and the connections it holds) for its next calls with a token.
+CURLcode performTransfer(HttpConnection::HttpConnectionPrivate& d, CURL* h) {
+  const CancelToken* token = d.hooks.token;
+  if (!token && !d.hooks.stopNow)
+    return curl_easy_perform(h);
+  if (!d.tokenTransfer)
+    d.tokenTransfer = std::make_unique<InterruptibleTransfer>(
+        [&d] {
+          return (d.hooks.token && d.hooks.token->isCancelled()) || (d.hooks.stopNow && d.hooks.stopNow(d.hooks.data));
+        },
+        CancelToken::PollMs);
+  InterruptibleTransfer& t = *d.tokenTransfer;
+  // A caller's plain flag is only seen by polling; a token's cancel() wakes the wait itself.
+  t.setPollMs(d.hooks.stopNow || (token && token->watchesFlag()) ? CancelToken::PollMs : 1000);
+  if (!token)
+    return t.perform(h);
+  CancelRegistration wake(*token, [&t] { t.wakeup(); });
+  return t.perform(h);
 }
 
 } // namespace
@@ -113,7 +143,7 @@ bool HttpConnection::prepareHandle(const qz::Url& url, SetupCallback setup, unsi
   if (!d->easy) {
     if (!qz::IsHttpToolsInitialized()) {
       qzLogObject(qzLog::Error, "http") << "HttpTools library not initialized.";
-      d->internalErrorMsg = "HttpTools library not initialized.";
+      d->fail(ErrorKind::LocalIo, "HttpTools library not initialized.");
       return false;
     }
     d->easy.reset(curl_easy_init());
@@ -131,7 +161,7 @@ bool HttpConnection::prepareHandle(const qz::Url& url, SetupCallback setup, unsi
   d->forgetHandleState();
   CURL* h = d->easy.get();
   curl_easy_reset(h);
-  if ((applyConnectionOptions(h, d.get()) | ApplyResolvedParameters(h, d->resolving)) != 0) {
+  if ((applyHandleOptions(h, d.get()) | ApplyResolvedParameters(h, d->resolving)) != 0) {
     clearConnection();
     return false;
   }
@@ -166,15 +196,16 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   d->lastHttpReturnCode = 0;
   d->lastReceivedType.clear();
   d->lastDebugInformations.clear();
+  d->lastErrorKind = ErrorKind::None;
 
   if (!isHttpScheme(url.scheme)) {
-    d->internalErrorMsg = url.scheme.empty() ? "Invalid URL without a scheme, nothing sent"
-                                             : "Unsupported scheme '" + qz::qzLog::EscapeControls(url.scheme) +
-                                                   "', only http and https are requested";
+    d->fail(ErrorKind::BadRequest, url.scheme.empty() ? "Invalid URL without a scheme, nothing sent"
+                                                      : "Unsupported scheme '" + qz::qzLog::EscapeControls(url.scheme) +
+                                                            "', only http and https are requested");
     return false;
   }
   if (!prepareHandle(url, setup, shape)) {
-    d->internalErrorMsg = "Fail to setupconnection";
+    d->fail(ErrorKind::LocalIo, "Fail to setupconnection");
     clearConnection();
     return false;
   }
@@ -195,9 +226,8 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
                                      void* userData) {
   retry = false;
   CURL* h = d->easy.get();
-  auto failWithReset = [&](const std::string& message) {
-    if (!message.empty())
-      d->internalErrorMsg = message;
+  auto failWithReset = [&](const std::string& message, ErrorKind kind = ErrorKind::LocalIo) {
+    d->fail(kind, message);
     clearConnection();
     return false;
   };
@@ -220,14 +250,15 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     return failWithReset("Set-up callback failed");
   }
   if (setupResult != 0)
-    return failWithReset("User callback return and error");
+    return failWithReset("User callback return and error", ErrorKind::BadRequest);
 
   for (const std::list<std::string>* lines : {&d->commonHeaders, &extraHeaders})
     for (const std::string& line : *lines)
       if (line.find_first_of("\r\n") != std::string::npos) {
         // Nothing was sent; the callback's options are set again by the next call.
         d->forgetHandleState();
-        d->internalErrorMsg = "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(line);
+        d->fail(ErrorKind::BadRequest,
+                "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(line));
         return false;
       }
 
@@ -263,14 +294,14 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
   if (encodedUrl != d->state.url) {
     d->state.url.clear();
     if (curl_easy_setopt(h, CURLOPT_URL, encodedUrl.c_str()) != CURLE_OK)
-      return failWithReset("Error while setting url");
+      return failWithReset("Error while setting url", ErrorKind::BadRequest);
     d->state.url = encodedUrl;
   }
 
   const int64_t start = qzSystemUtils::GetTimeBaseMs();
   d->inTransfer = true;
   try {
-    d->lastCurlCode = d->interruptible ? d->interruptible->perform(h) : curl_easy_perform(h);
+    d->lastCurlCode = performTransfer(*d, h);
   } catch (...) {
     // Only a caller's own libcurl callback can get here; the handle is in no state to reuse.
     d->inTransfer = false;
@@ -296,6 +327,8 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
   long httpCode = 0;
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &httpCode);
   d->lastHttpReturnCode = httpCode;
+  if (d->hooks.afterPerform)
+    d->hooks.afterPerform(h, d->hooks.data);
 
   if (d->lastCurlCode != CURLE_OK) {
     const HostNameResolutionPolicy own = d->parameters.hostNameResolutionPolicy;
@@ -305,7 +338,8 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
       retry = true;
     const ResolvedParameters& applied = d->state.parameters;
     return failWithReset(TransferFailedText(c, qzSystemUtils::GetTimeBaseMs() - start, applied.totalTimeoutMs,
-                                            applied.maxBodyBytes, d->lastUrl));
+                                            applied.maxBodyBytes, d->lastUrl),
+                         TransferError::KindOfCurlCode(c));
   }
 
   char* type = nullptr;
@@ -313,12 +347,12 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
     d->lastReceivedType = type;
 
   if (expectedHttpCode > 0 && httpCode != expectedHttpCode) {
-    d->internalErrorMsg = UnexpectedStatusText(httpCode, expectedHttpCode, d->lastUrl);
+    d->fail(ErrorKind::HttpStatus, UnexpectedStatusText(httpCode, expectedHttpCode, d->lastUrl));
     return false;
   }
   if (!expectedContentType.empty() && expectedContentType != d->lastReceivedType) {
-    d->internalErrorMsg = "bad content type, got " + d->lastReceivedType + ", expect " + expectedContentType + " " +
-                          d->lastUrl.toDisplayableUrl();
+    d->fail(ErrorKind::Protocol, "bad content type, got " + d->lastReceivedType + ", expect " + expectedContentType +
+                                     " " + d->lastUrl.toDisplayableUrl());
     return false;
   }
   if (m_countConnections) {
@@ -376,23 +410,28 @@ void InterruptibleTransfer::wakeup() {
     curl_multi_wakeup(m_multi.get());
 }
 
-std::string HttpConnection::getLastErrorMsg() const {
+std::string HttpConnection::getLastErrorMsg() const { return getLastError().message(); }
+
+TransferError HttpConnection::getLastError() const {
   d->errorBuffer[CURL_ERROR_SIZE - 1] = 0;
-  return ComposeErrorMessage(d->internalErrorMsg, long(d->lastHttpReturnCode), d->lastCurlCode, d->errorBuffer);
+  TransferError e;
+  e.kind = d->lastErrorKind;
+  e.curlCode = int(d->lastCurlCode);
+  e.httpStatus = long(d->lastHttpReturnCode);
+  e.context = d->internalErrorMsg;
+  e.curlText = d->errorBuffer;
+  return e;
 }
 
 std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
                                 const char* curlErrorBuffer) {
-  std::string out;
-  if (!internalError.empty())
-    out += "HttpConnection error : " + internalError + " ";
-  if (httpCode != 0)
-    out += "Http return code " + std::to_string(httpCode) + " ";
-  if (code != CURLE_OK)
-    out += "Curl error : " + std::to_string(int(code)) + " (" + curl_easy_strerror(code) + ") ";
-  if (curlErrorBuffer && curlErrorBuffer[0] != 0)
-    out += std::string("Curl internal error : ") + curlErrorBuffer;
-  return out;
+  TransferError e;
+  e.context = internalError;
+  e.httpStatus = httpCode;
+  e.curlCode = int(code);
+  if (curlErrorBuffer)
+    e.curlText = curlErrorBuffer;
+  return e.message();
 }
 
 void HttpConnection::addErrorDetail(const std::string& reason) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <HttpTools/frame/Policies.h>
+#include <HttpTools/http/TransferError.h>
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/url/Url.h>
 
@@ -79,6 +80,8 @@ public:
                    SetupCallback setup, void* userData, unsigned long shape);
 
   std::string getLastErrorMsg() const;
+  // The last call's failure as values; getLastErrorMsg() is its message(). Kind None on success.
+  TransferError getLastError() const;
   // Puts the reason a caller's transfer callback stopped the last call in front of its error
   // message (libcurl itself only says that a callback aborted).
   void addErrorDetail(const std::string& reason);

@@ -4,6 +4,8 @@
 // values, and the request-body reader shared by the library's set-up callbacks.
 
 #include <HttpTools/frame/HttpProxyFinder.h>
+#include <HttpTools/http/BodyReader_p.h>
+#include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/platform/Export.h>
 
@@ -55,25 +57,12 @@ int ApplyResolvedParameters(CURL* handle, const ResolvedParameters& r);
 bool ResolveVerifyPeer(SSLValidatePolicy policy);
 long ResolveIpResolve(HostNameResolutionPolicy policy);
 
-// Text of a failed body-size limit, shared by every writer that enforces maxBodyBytes.
-std::string BodyLimitMessage(long long maxBodyBytes);
-
-// A request body sent from memory. install() makes it the handle's read and seek source; the
-// same reader serves every set-up callback of the library, so a rewind always reaches the body
-// of the current request.
-struct BodyReader {
-  const char* data = nullptr;
-  size_t size = 0;
-  size_t offset = 0;
-  const bool* cancel = nullptr;
-
-  int install(CURL* handle);
-  static size_t Read(char* buffer, size_t size, size_t count, void* reader);
-  static int Seek(void* reader, curl_off_t offset, int origin);
-};
+// The options of the connection itself, the same on every handle of the library (the connection's
+// and the multi engine's): reuse, TLS floor, signals, content encodings, paths as given.
+int ApplyConnectionOptions(CURL* handle);
 
 // Failure texts, shared with the multi-request engine so that both word a failure alike.
-// ComposeErrorMessage is what getLastErrorMsg gives for these values.
+// ComposeErrorMessage is what getLastErrorMsg gives for these values (TransferError::message).
 std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
                                 const char* curlErrorBuffer);
 // A failed transfer; a reached total time-out and an exceeded body limit say so.
@@ -100,6 +89,7 @@ struct CurlMultiDeleter {
 class HTTPTOOLS_HIDDEN InterruptibleTransfer {
 public:
   InterruptibleTransfer(std::function<bool()> interrupted, int pollMs);
+  void setPollMs(int pollMs) { m_pollMs = pollMs < 1 ? 1 : pollMs; }
   InterruptibleTransfer(const InterruptibleTransfer&) = delete;
   InterruptibleTransfer& operator=(const InterruptibleTransfer&) = delete;
 
@@ -160,29 +150,30 @@ public:
   std::string lastDebugInformations;
   CURLcode lastCurlCode = CURLE_OK;
   int64_t lastHttpReturnCode = 0;
+  ErrorKind lastErrorKind = ErrorKind::None;
   bool inTransfer = false;
-  InterruptibleTransfer* interruptible = nullptr; // when set, runs the transfers
+
+  // Set by the transfer layer for one call: the token ends a waiting transfer, afterPerform reads
+  // the handle's outcome before a failure drops the handle.
+  struct TransferHooks {
+    const CancelToken* token = nullptr;
+    bool (*stopNow)(void* data) = nullptr; // looked at every CancelToken::PollMs at most
+    void (*afterPerform)(CURL* handle, void* data) = nullptr;
+    void* data = nullptr;
+  };
+  TransferHooks hooks;
+  std::unique_ptr<InterruptibleTransfer> tokenTransfer; // made on the first call with a token
+
+  void fail(ErrorKind kind, std::string message) {
+    lastErrorKind = kind;
+    internalErrorMsg = std::move(message);
+  }
 };
 
 // The library's own access to a connection's internals.
 class HTTPTOOLS_HIDDEN HttpConnectionAccess {
 public:
   static HttpConnection::HttpConnectionPrivate& Of(HttpConnection& c) { return *c.d; }
-};
-
-// For its lifetime, `connection`'s requests run through `transfer`.
-class HTTPTOOLS_HIDDEN ScopedInterruptibleTransfer {
-public:
-  ScopedInterruptibleTransfer(HttpConnection& connection, InterruptibleTransfer& transfer)
-      : m_connection(HttpConnectionAccess::Of(connection)) {
-    m_connection.interruptible = &transfer;
-  }
-  ~ScopedInterruptibleTransfer() { m_connection.interruptible = nullptr; }
-  ScopedInterruptibleTransfer(const ScopedInterruptibleTransfer&) = delete;
-  ScopedInterruptibleTransfer& operator=(const ScopedInterruptibleTransfer&) = delete;
-
-private:
-  HttpConnection::HttpConnectionPrivate& m_connection;
 };
 
 } // namespace qz::http

@@ -1,12 +1,10 @@
 #include <HttpTools/http/HttpHelpers.h>
 
-#include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/http/HttpMultiConnection.h>
+#include <HttpTools/http/Transfer_p.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
-
-#include <curl/curl.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -14,33 +12,21 @@
 #include <cstring>
 #include <cxxabi.h>
 #include <memory>
+#include <optional>
 #include <typeinfo>
 
 namespace qz::http::HttpHelpers {
 
 namespace {
 
-enum Method : int32_t { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDelete = 4, MethodHead = 5 };
+enum MethodCode : int32_t { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDelete = 4, MethodHead = 5 };
 
-// One request's state, on the caller's stack for the duration of the call.
+// What a helper asks for; GenericCall turns it into a transfer request.
 struct RequestContext {
-  std::map<std::string, std::string>* headersMap = nullptr;
-  const std::list<std::string>* extraHeaders = nullptr;
-  BodyReader body;
-  uint64_t receivedBytes = 0;
-  std::string* bodyTarget = nullptr;
-  qz::qzIoDevice* outputDevice = nullptr;
   int32_t method = 0;
+  const char* body = nullptr;
+  size_t bodySize = 0;
   bool jsonBody = false;
-  const bool* cancel = nullptr;
-  uint64_t maxBodyBytes = 0; // 0: no limit
-  std::string failure;       // why a callback stopped the transfer
-
-  bool cancelled() const { return cancel && *cancel; }
-  // The set of options setupCallback installs: the connection resets its handle when it changes.
-  unsigned long shape() const {
-    return unsigned(method) | (body.data ? 0x10u : 0u) | (body.size ? 0x20u : 0u) | (headersMap ? 0x40u : 0u);
-  }
 };
 
 const char* const kJsonContentType = "Content-Type:application/json";
@@ -54,118 +40,79 @@ std::string deviceName(const qz::qzIoDevice& device) {
   return status == 0 && readable ? readable.get() : mangled;
 }
 
-void failWithException(RequestContext* c, const char* where) {
-  try {
-    throw;
-  } catch (const std::exception& e) {
-    c->failure = std::string("Exception while ") + where + ": " + e.what();
-  } catch (...) {
-    c->failure = std::string("Exception while ") + where;
-  }
-}
-
-// Any count other than n aborts the transfer; libcurl's own frames never see an exception.
-size_t writeCallback(char* data, size_t size, size_t count, void* userData) {
-  const size_t n = size * count;
-  auto* c = static_cast<RequestContext*>(userData);
-  try {
-    c->receivedBytes += n;
-    if (c->maxBodyBytes && c->receivedBytes > c->maxBodyBytes) {
-      c->failure = BodyLimitMessage(static_cast<long long>(c->maxBodyBytes));
-      return 0;
-    }
-    if (c->bodyTarget)
-      c->bodyTarget->append(data, n);
-    if (c->outputDevice) {
-      c->outputDevice->write(data, static_cast<unsigned long>(n));
-      if (c->outputDevice->hasError()) {
-        c->failure = "Output device " + deviceName(*c->outputDevice) + " failed after " +
-                     std::to_string(c->receivedBytes) + " bytes";
-        return 0;
-      }
-    }
-  } catch (...) {
-    failWithException(c, "receiving the body");
-    return 0;
-  }
-  return c->cancelled() ? 0 : n;
-}
-
-int progressCallback(void* userData, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<RequestContext*>(userData)->cancelled() ? 1 : 0;
-}
-
-size_t headerCallback(char* line, size_t size, size_t count, void* userData) {
-  const size_t n = size * count;
-  auto* c = static_cast<RequestContext*>(userData);
-  try {
+// The answer into the caller's HttpResult targets: body, device, header map.
+class ResultSink : public ResponseSink {
+public:
+  explicit ResultSink(HttpResult& r) : m_result(r) {}
+  void onHeader(std::string_view line) override {
+    if (!m_result.headers)
+      return;
     std::string name, value;
-    HttpMultiConnection::ParseHttpHeader(line, static_cast<unsigned long>(n), name, value);
+    HttpMultiConnection::ParseHttpHeader(line.data(), static_cast<unsigned long>(line.size()), name, value);
     if (!name.empty())
-      c->headersMap->emplace(std::move(name), std::move(value)); // keeps the first occurrence
-  } catch (...) {
-    failWithException(c, "reading the response headers");
-    return 0;
+      m_result.headers->emplace(std::move(name), std::move(value)); // keeps the first occurrence
   }
-  return n;
-}
+  bool onBody(const char* data, size_t size) override {
+    m_received += size;
+    if (m_result.body)
+      m_result.body->append(data, size);
+    if (m_result.outputDevice) {
+      m_result.outputDevice->write(data, static_cast<unsigned long>(size));
+      return !m_result.outputDevice->hasError();
+    }
+    return true;
+  }
+  TransferError failure() const override {
+    TransferError e;
+    e.kind = ErrorKind::LocalIo;
+    e.context = "Output device " + deviceName(*m_result.outputDevice) + " failed after " + std::to_string(m_received) +
+                " bytes";
+    return e;
+  }
 
-// Installs the options of the context's shape on a handle that holds nothing else of an
-// earlier request (the connection resets it when the shape changes).
-int setupCallback(void* curl, void* userData, std::list<std::string>& extraHeaders) {
-  CURL* h = static_cast<CURL*>(curl);
-  auto* c = static_cast<RequestContext*>(userData);
+private:
+  HttpResult& m_result;
+  uint64_t m_received = 0;
+};
+
+int refuseMethod(void*, void*, std::list<std::string>&) { return 2; }
+
+bool fillRequest(const RequestContext& ctx, const std::list<std::string>* headers, RequestSpec& req) {
   bool callerContentType = false;
-  if (c->extraHeaders) {
-    for (const std::string& line : *c->extraHeaders) {
-      extraHeaders.push_back(line);
+  req.headers.reserve((headers ? headers->size() : 0) + 1);
+  if (headers) {
+    req.headers.assign(headers->begin(), headers->end());
+    for (const std::string& line : *headers)
       callerContentType = callerContentType || qzStringUtils::Contains(line, "Content-Type:");
-    }
   }
-  if (c->jsonBody)
-    extraHeaders.push_back(kJsonContentType);
+  if (ctx.jsonBody)
+    req.headers.emplace_back(kJsonContentType);
   else if (!callerContentType)
-    extraHeaders.push_back(kOctetContentType);
-
-  int rc = 0;
-  rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, writeCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, progressCallback);
-  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L); // cancellation works through the data callbacks
-  if (c->headersMap) {
-    rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
-    rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, headerCallback);
-  }
-  const curl_off_t size = curl_off_t(c->body.size);
-  switch (c->method) {
+    req.headers.emplace_back(kOctetContentType);
+  const std::string_view body(ctx.body ? ctx.body : "", ctx.body ? ctx.bodySize : 0);
+  switch (ctx.method) {
   case MethodGet:
-    if (c->body.data && c->body.size > 0) {
-      rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
-      rc |= c->body.install(h);
-      rc |= curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, size);
-      rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "GET");
-    }
-    break;
+    req.method = qz::http::Method::Get;
+    if (!body.empty())
+      req.setBodyView(body);
+    return true;
   case MethodPut:
-    rc |= curl_easy_setopt(h, CURLOPT_UPLOAD, 1L);
-    rc |= c->body.install(h);
-    rc |= curl_easy_setopt(h, CURLOPT_INFILESIZE_LARGE, size);
-    break;
+    req.method = qz::http::Method::Put;
+    req.setBodyView(body);
+    return true;
   case MethodPost:
-    rc |= curl_easy_setopt(h, CURLOPT_POST, 1L);
-    rc |= c->body.install(h);
-    rc |= curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, size);
-    break;
+    req.method = qz::http::Method::Post;
+    req.setBodyView(body);
+    return true;
   case MethodDelete:
-    rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "DELETE");
-    break;
+    req.method = qz::http::Method::Delete;
+    return true;
   case MethodHead:
-    rc |= curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
-    rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "HEAD");
-    break;
+    req.method = qz::http::Method::Head;
+    return true;
   default:
-    return 2;
+    return false;
   }
-  return rc;
 }
 
 // Shared tail of every helper: run the call, log a failure nobody else will see.
@@ -176,7 +123,7 @@ bool run(HttpConnection& conn, const qz::Url& url, HttpResult* result, const Con
   HttpResult& r = result ? *result : own;
   if (GenericCall(conn, url, r, params, headers, &ctx, expectedHttpCode, cancel))
     return true;
-  if (result || r.httpCode == 404 || (cancel && *cancel))
+  if (result || r.httpCode == 404 || CancelToken::IsSet(cancel))
     return false;
   qzLogObject(qzLog::Error, "http") << failureText << conn.getLastErrorMsg();
   return false;
@@ -196,45 +143,40 @@ void HttpResult::clearResultAttributes() {
 
 void HttpResult::setResults(const HttpConnection& conn) {
   httpCode = int32_t(conn.getLastHttpReturnCode());
+  error = conn.getLastError();
   if (errorMessage)
-    *errorMessage = conn.getLastErrorMsg();
+    *errorMessage = error.message();
 }
 
 bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, const ConnectionParameters* params,
                  const std::list<std::string>* headers, void* requestContext, unsigned char expectedHttpCode,
                  const bool* cancel) {
-  auto* ctx = static_cast<RequestContext*>(requestContext);
+  const auto* ctx = static_cast<const RequestContext*>(requestContext);
   result.clearResultAttributes();
-  ctx->headersMap = result.headers;
-  ctx->bodyTarget = result.body;
-  ctx->outputDevice = result.outputDevice;
-  ctx->extraHeaders = headers;
-  ctx->cancel = cancel;
-  ctx->body.cancel = cancel;
-  ctx->body.offset = 0;
-  ctx->receivedBytes = 0;
-  ctx->failure.clear();
-  ctx->maxBodyBytes = (params ? *params : conn.getConnectionParameters()).maxBodyBytes;
+  RequestSpec req;
+  const bool known = fillRequest(*ctx, headers, req);
+  if (expectedHttpCode > 0)
+    req.successStatuses.push_back(expectedHttpCode);
+  ResultSink sink(result);
+  TransferOutcome outcome;
+  std::optional<CancelToken> token;
+  if (cancel)
+    token = CancelToken::Watching(cancel);
 
-  // The call may change the connection's parameters (explicit ones, the resolution fallback):
-  // none of that outlives it. Without explicit parameters the fallback's policy is the only
-  // field a call can change, so only that one is kept.
-  bool ok = false;
+  // Explicit parameters apply to this call only.
+  std::optional<ConnectionParameters> kept;
   if (params) {
-    const ConnectionParameters kept = conn.getConnectionParameters();
+    kept = conn.getConnectionParameters();
     conn.setConnectionParameters(*params);
-    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx, ctx->shape());
-    conn.setConnectionParameters(kept);
-  } else {
-    const HostNameResolutionPolicy keptPolicy = conn.getConnectionParameters().hostNameResolutionPolicy;
-    ok = conn.getHttpData(url, std::string(), expectedHttpCode, setupCallback, ctx, ctx->shape());
-    conn.editConnectionParameters().hostNameResolutionPolicy = keptPolicy;
   }
+  const unsigned parts = result.headers ? unsigned(transfer_impl::HeaderLines) : 0u;
+  const bool ok = known ? transfer_impl::Perform(conn, url, req, sink, outcome, token ? &*token : nullptr, parts)
+                        : conn.getHttpData(url, std::string(), expectedHttpCode, &refuseMethod, nullptr);
+  if (kept)
+    conn.setConnectionParameters(*kept);
 
-  if (!ok && !ctx->failure.empty())
-    conn.addErrorDetail(ctx->failure);
   result.setResults(conn);
-  result.receivedBytes = ctx->receivedBytes;
+  result.receivedBytes = outcome.bytesDown;
   return ok;
 }
 
@@ -264,8 +206,8 @@ bool HttpGetJson(HttpConnection& conn, const qz::Url& url, std::string& out, Htt
                  const char* body, unsigned long bodySize, bool bodyIsJson) {
   RequestContext ctx;
   ctx.method = MethodGet;
-  ctx.body.data = body;
-  ctx.body.size = body ? bodySize : 0;
+  ctx.body = body;
+  ctx.bodySize = body ? bodySize : 0;
   ctx.jsonBody = bodyIsJson;
   HttpResult own;
   HttpResult& r = result ? *result : own;
@@ -277,7 +219,7 @@ bool HttpGetJson(HttpConnection& conn, const qz::Url& url, std::string& out, Htt
     *callerBody = out;
   if (ok)
     return true;
-  if (result || r.httpCode == 404 || (cancel && *cancel))
+  if (result || r.httpCode == 404 || CancelToken::IsSet(cancel))
     return false;
   qzLogObject(qzLog::Error, "http") << "Http GET error " << conn.getLastErrorMsg();
   return false;
@@ -295,8 +237,8 @@ bool HttpPut(HttpConnection& conn, const qz::Url& url, const std::string& body, 
              const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPut;
-  ctx.body.data = body.data();
-  ctx.body.size = static_cast<unsigned long>(body.size());
+  ctx.body = body.data();
+  ctx.bodySize = body.size();
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http PUT error ");
 }
 
@@ -305,8 +247,8 @@ bool HttpPutJson(HttpConnection& conn, const qz::Url& url, const char* json, uns
                  const std::list<std::string>* headers, const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPut;
-  ctx.body.data = json;
-  ctx.body.size = json ? size : 0;
+  ctx.body = json;
+  ctx.bodySize = json ? size : 0;
   ctx.jsonBody = true;
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http PUT error ");
 }
@@ -328,8 +270,8 @@ bool HttpPost(const char* data, unsigned long size, HttpConnection& conn, const 
               const std::list<std::string>* headers, const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPost;
-  ctx.body.data = data;
-  ctx.body.size = data ? size : 0;
+  ctx.body = data;
+  ctx.bodySize = data ? size : 0;
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http POST error ");
 }
 
@@ -345,8 +287,8 @@ bool HttpPostJson(HttpConnection& conn, const qz::Url& url, const char* json, un
                   const std::list<std::string>* headers, const bool* cancel) {
   RequestContext ctx;
   ctx.method = MethodPost;
-  ctx.body.data = json;
-  ctx.body.size = json ? size : 0;
+  ctx.body = json;
+  ctx.bodySize = json ? size : 0;
   ctx.jsonBody = true;
   return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http POST error ");
 }

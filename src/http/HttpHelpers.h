@@ -20,6 +20,7 @@ struct HTTPTOOLS_API HttpResult {
   std::map<std::string, std::string>* headers = nullptr; // lower-case name -> value, first one wins
   int32_t httpCode = 0;
   uint64_t receivedBytes = 0;
+  TransferError error; // the failure as values (HttpConnection::getLastError), kind None on success
 
   HttpResult() = default;
   // Empties *body, *errorMessage and *headers, zeroes httpCode; keeps the device and byte count.
@@ -32,7 +33,8 @@ using ConnectionParameters = HttpConnection::ConnectionParameters;
 // The common trailing arguments: `result` null uses a private record and logs failures (a 404 or
 // a cancelled call is never logged); `params` null uses the connection's own parameters (given
 // ones apply for this call only); `headers` are extra header lines; `cancel` aborts the transfer
-// at the next data block once *cancel is true.
+// once *cancel is true, within 50 ms even while no data arrives. Code setting the flag from
+// another thread must store it atomically too (std::atomic_ref<bool>).
 //
 //   qz::http::HttpConnection conn;
 //   std::string json;

@@ -49,6 +49,7 @@ struct ProbeOptions {
   static constexpr unsigned kMaxPayloadSize = 65507; // the largest an IPv4 datagram carries
 };
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Sends ICMP echo requests to a list of hosts from one socket per address family and gathers
 // each host's loss and round-trip times. Unprivileged datagram sockets are tried first, raw
 // sockets (root or CAP_NET_RAW) next.

@@ -47,6 +47,7 @@ struct HTTPTOOLS_API RiverStatus {
   int64_t lagMs = 0;  // time since the river was last caught up (0 when it is)
 };
 
+// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
 // Runs rivers: reads each database's change feed (documents included) in batches of `batchDocs`,
 // writes each batch with one _bulk request and, once every item is acknowledged, stores the seq
 // it reached as the checkpoint. Writes carry the revision's generation as an external version, so

@@ -2,7 +2,6 @@
 
 #include <HttpTools/couch/ChangesFeedParser_p.h>
 #include <HttpTools/couch/CouchDocuments.h>
-#include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
@@ -144,25 +143,6 @@ TEST(ChangesFeedParser, RefusedChangeStopsAndResetStartsOver) {
   parser.reset(); // the connection was cut: the partial change is dropped
   EXPECT_TRUE(parser.feed(feed.data() + 18, 18));
   EXPECT_EQ(calls, 3);
-}
-
-TEST(ChangesFeedRetryAfter, SecondsAndDatesAreRead) {
-  const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
-  const std::vector<std::pair<std::string, int64_t>> cases = {
-      {"1", 1000},
-      {" 120 \r\n", 120000},
-      {"0", 0},
-      {"00000000000000000003", 3000},
-      {"99999999999999999999", int64_t(999999999) * 1000},
-      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
-      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
-      {"soon", -1},
-      {"-5", -1},
-      {"1.5", -1},
-      {"", -1},
-  };
-  for (const auto& [value, ms] : cases)
-    EXPECT_EQ(qz::couch::detail::RetryAfterMs(value, now), ms) << value;
 }
 
 // ---------------------------------------------------------------------------------------------

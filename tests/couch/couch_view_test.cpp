@@ -199,7 +199,7 @@ TEST_F(CouchViewOnTestServer, CancelFromAnotherThreadStopsQuietly) {
   std::thread canceller([&] {
     while (got.seen < 10)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    cancel = true;
+    std::atomic_ref<bool>(cancel).store(true);
   });
   qztest::LogCapture cap;
   EXPECT_FALSE(fetch(got, "db", "slow", "rows", nullptr, -1, 5000, &cancel));

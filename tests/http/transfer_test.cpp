@@ -1,0 +1,327 @@
+#include <HttpTools/http/Transfer.h>
+
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/http/HttpHelpers.h>
+#include <HttpTools/platform/qzIoDevice.h>
+
+#include "support/NginxFixture.h"
+#include "support/TestHttpServer.h"
+
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace qz::http;
+using testing::HasSubstr;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+int64_t msSince(Clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
+}
+
+// A loopback listener that accepts connections in the kernel and never answers them.
+class SilentListener {
+public:
+  SilentListener() : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(m_fd, 8) != 0 ||
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+      ADD_FAILURE() << "cannot listen on 127.0.0.1";
+    m_port = ntohs(a.sin_port);
+  }
+  ~SilentListener() { close(m_fd); }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/"; }
+
+private:
+  int m_fd;
+  int m_port = 0;
+};
+
+class Transfer : public testing::Test {
+protected:
+  void SetUp() override { ASSERT_TRUE(srv.isRunning()); }
+  TransferRequest request(const std::string& target, Method m = Method::Get) {
+    TransferRequest r;
+    r.method = m;
+    r.url = qz::Url(target[0] == '/' ? srv.url(target) : target);
+    return r;
+  }
+  qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
+};
+
+TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
+  SilentListener silent;
+  const std::string refused = "http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/";
+  CancelToken cancelled;
+  cancelled.cancel();
+  struct Case {
+    std::string url;
+    ErrorKind kind;
+    bool transient;
+    long timeoutMs = 0;
+    std::vector<std::string> headers = {};
+    const CancelToken* token = nullptr;
+    size_t maxBody = 0;
+    long idleMs = 0;
+  } cases[] = {
+      {refused, ErrorKind::Connect, true},
+      {"http://no-such-host.invalid/", ErrorKind::Resolve, true},
+      {silent.url(), ErrorKind::Timeout, true, 300},
+      {"https://127.0.0.1:" + std::to_string(srv.port()) + "/echo", ErrorKind::Tls, false},
+      {"/status/404", ErrorKind::HttpStatus, false},
+      {"/status/503", ErrorKind::HttpStatus, true},
+      {"/status/501", ErrorKind::HttpStatus, false},
+      {"/truncated", ErrorKind::Protocol, true},
+      {"/redirect/9", ErrorKind::Protocol, false},
+      {"/stall?ms=5000", ErrorKind::Cancelled, false, 0, {}, &cancelled},
+      {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},                  // announced length
+      {"/slow?blocks=9&size=50&delay=0", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100}, // counted
+      {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
+      {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-B: 2"}},
+      {"ftp://127.0.0.1/x", ErrorKind::BadRequest, false},
+      {"/echo", ErrorKind::None, false},
+  };
+  for (const Case& c : cases) {
+    HttpConnection conn;
+    conn.editConnectionParameters().maxBodyBytes = c.maxBody;
+    TransferRequest r = request(c.url);
+    r.successStatuses = {200};
+    r.timeoutMs = c.timeoutMs;
+    r.headers = c.headers;
+    r.idleTimeoutMs = c.idleMs;
+    StringSink sink;
+    TransferOutcome out;
+    const bool ok = PerformTransfer(conn, r, sink, out, c.token);
+    SCOPED_TRACE(c.url + " -> " + out.error.message());
+    EXPECT_EQ(ok, c.kind == ErrorKind::None);
+    EXPECT_STREQ(ErrorKindName(out.error.kind), ErrorKindName(c.kind));
+    EXPECT_EQ(out.error.transient(), c.transient);
+    // The connection reports what the outcome says, in the designed words.
+    EXPECT_EQ(conn.getLastError().kind, out.error.kind);
+    if (!ok) {
+      EXPECT_EQ(conn.getLastErrorMsg(), out.error.message());
+    }
+  }
+}
+
+TEST_F(Transfer, FailingDeviceStopsTheTransfer) {
+  struct Full : qz::qzIoDevice {
+    int64_t writeBytes(const char*, unsigned long n) override { return int64_t(n); }
+    bool hasError() const override { return true; }
+  } full;
+  HttpConnection conn;
+  DeviceSink sink(full);
+  TransferOutcome out;
+  EXPECT_FALSE(PerformTransfer(conn, request("/bytes?n=100"), sink, out));
+  EXPECT_EQ(out.error.kind, ErrorKind::LocalIo);
+  EXPECT_THAT(out.error.message(), HasSubstr("Output device failed after 100 bytes"));
+}
+
+TEST_F(Transfer, OutcomeCarriesRawLinesEffectiveUrlAndTimings) {
+  HttpConnection conn;
+  StringSink sink;
+  TransferOutcome out;
+  ASSERT_TRUE(PerformTransfer(conn, request("/redirect/2"), sink, out)) << out.error.message();
+  EXPECT_EQ(sink.body, "landed");
+  EXPECT_EQ(out.status, 200);
+  EXPECT_EQ(out.statusLine, "HTTP/1.1 200 OK");
+  EXPECT_EQ(out.redirectCount, 2);
+  EXPECT_EQ(out.effectiveUrl, srv.url("/redirect/0"));
+  EXPECT_EQ(out.header("CONTENT-TYPE"), "text/plain");
+  EXPECT_EQ(out.contentType, "text/plain");
+  EXPECT_EQ(out.bytesDown, 6u); // decoded
+  EXPECT_GT(out.timings.totalUs, 0);
+  EXPECT_LE(out.timings.firstByteUs, out.timings.totalUs);
+
+  ASSERT_TRUE(PerformTransfer(conn, request("/headers"), sink, out));
+  EXPECT_EQ(out.header("x-dup"), "first");
+  EXPECT_THAT(out.headerLines, testing::Contains("X-Dup: second"));
+}
+
+// Requests go out as built: none of the helpers' header rules, no Expect, any method, any body source.
+TEST_F(Transfer, RequestsCarryNoImplicitHeaders) {
+  HttpConnection conn;
+  StringSink sink;
+  TransferOutcome out;
+  TransferRequest post = request("/echo", Method::Post);
+  post.setBody("abc");
+  ASSERT_TRUE(PerformTransfer(conn, post, sink, out)) << out.error.message();
+  qztest::RecordedRequest seen = srv.lastRequest();
+  EXPECT_EQ(seen.method, "POST");
+  EXPECT_EQ(seen.header("Content-Type"), "application/x-www-form-urlencoded"); // libcurl's, as curl -d
+  EXPECT_EQ(seen.body, "abc");
+  EXPECT_EQ(out.bytesUp, 3u);
+
+  std::string text = "streamed body";
+  size_t sent = 0;
+  TransferRequest patch = request("/echo", Method::Patch);
+  patch.contentType = "text/plain";
+  patch.setBodyReader([&](char* buf, size_t n) {
+    const size_t k = std::min(n, text.size() - sent);
+    std::copy_n(text.data() + sent, k, buf);
+    sent += k;
+    return k;
+  });
+  ASSERT_TRUE(PerformTransfer(conn, patch, sink, out)) << out.error.message();
+  seen = srv.lastRequest();
+  EXPECT_EQ(seen.method, "PATCH");
+  EXPECT_EQ(seen.header("Content-Type"), "text/plain");
+  EXPECT_EQ(seen.header("Transfer-Encoding"), "chunked");
+  EXPECT_EQ(seen.headerCount("Expect"), 0u); // libcurl's own rule would ask for 100 Continue here
+  EXPECT_EQ(seen.body, text);
+
+  TransferRequest custom = request("/echo", Method::Delete);
+  custom.customMethod = "OPTIONS";
+  ASSERT_TRUE(PerformTransfer(conn, custom, sink, out));
+  EXPECT_EQ(srv.lastRequest().method, "OPTIONS");
+
+  // An empty POST still says its length; a HEAD after it inherits nothing.
+  ASSERT_TRUE(PerformTransfer(conn, request("/echo", Method::Post), sink, out));
+  EXPECT_EQ(srv.lastRequest().header("Content-Length"), "0");
+  ASSERT_TRUE(PerformTransfer(conn, request("/echo", Method::Head), sink, out));
+  EXPECT_EQ(srv.lastRequest().method, "HEAD");
+}
+
+// cancel() from another thread ends a transfer that waits for data, a helper's flag is polled,
+// and a backoff wait ends too; all well before the stalled answer or the wait would.
+TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
+  constexpr int64_t kBoundMs = 600; // 100 ms plus room for a loaded machine under sanitizers
+  auto waitForStall = [&](size_t before) {
+    while (srv.requestCount() == before)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  };
+  {
+    HttpConnection conn;
+    CancelToken token;
+    const size_t before = srv.requestCount();
+    Clock::time_point cancelledAt;
+    std::thread canceller([&] {
+      waitForStall(before);
+      cancelledAt = Clock::now();
+      token.cancel();
+    });
+    StringSink sink;
+    TransferOutcome out;
+    EXPECT_FALSE(PerformTransfer(conn, request("/stall?ms=20000"), sink, out, &token));
+    canceller.join();
+    EXPECT_LT(msSince(cancelledAt), kBoundMs);
+    EXPECT_EQ(out.error.kind, ErrorKind::Cancelled);
+  }
+  {
+    HttpConnection conn;
+    bool flag = false;
+    const size_t before = srv.requestCount();
+    Clock::time_point cancelledAt;
+    std::thread canceller([&] {
+      waitForStall(before);
+      cancelledAt = Clock::now();
+      std::atomic_ref<bool>(flag).store(true);
+    });
+    HttpHelpers::HttpResult result;
+    EXPECT_FALSE(HttpHelpers::HttpGet(conn, qz::Url(srv.url("/stall?ms=20000")), &result, nullptr, nullptr, &flag));
+    canceller.join();
+    EXPECT_LT(msSince(cancelledAt), kBoundMs);
+    EXPECT_EQ(result.error.kind, ErrorKind::Cancelled);
+  }
+  for (bool viaFlag : {false, true}) {
+    bool flag = false;
+    CancelToken token = viaFlag ? CancelToken::Watching(&flag) : CancelToken();
+    std::atomic<bool> waiting{false};
+    Clock::time_point cancelledAt;
+    std::thread canceller([&] {
+      while (!waiting.load())
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      cancelledAt = Clock::now();
+      viaFlag ? std::atomic_ref<bool>(flag).store(true) : token.cancel();
+    });
+    waiting = true;
+    EXPECT_FALSE(token.waitFor(std::chrono::seconds(20)));
+    canceller.join();
+    EXPECT_LT(msSince(cancelledAt), kBoundMs) << "flag " << viaFlag;
+  }
+}
+
+TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
+  const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
+  const std::vector<std::pair<std::string, int64_t>> afters = {
+      {"1", 1000},
+      {" 120 \r\n", 120000},
+      {"0", 0},
+      {"00000000000000000003", 3000},
+      {"99999999999999999999", int64_t(999999999) * 1000},
+      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
+      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
+      {"soon", -1},
+      {"-5", -1},
+      {"1.5", -1},
+      {"", -1},
+  };
+  for (const auto& [value, ms] : afters)
+    EXPECT_EQ(RetryPolicy::RetryAfterMs(value, now), ms) << value;
+
+  RetryPolicy p{.attempts = 5, .initialBackoffMs = 100, .maxBackoffMs = 400, .jitter = 0};
+  for (auto [failures, ms] : {std::pair{1u, 100u}, {2u, 200u}, {3u, 400u}, {9u, 400u}})
+    EXPECT_EQ(p.backoffMs(failures), ms) << failures;
+  p.jitter = 0.5;
+  for (int i = 0; i < 50; ++i) {
+    const unsigned ms = p.backoffMs(2);
+    EXPECT_GE(ms, 100u);
+    EXPECT_LE(ms, 200u);
+  }
+
+  TransferError busy{.kind = ErrorKind::HttpStatus, .httpStatus = 503};
+  TransferError gone{.kind = ErrorKind::HttpStatus, .httpStatus = 404};
+  p.jitter = 0;
+  p.retryAfterCapMs = 1500;
+  EXPECT_EQ(p.nextDelayMs(busy, "1", 1, 0), 1000);  // asked for
+  EXPECT_EQ(p.nextDelayMs(busy, "60", 1, 0), 1500); // capped
+  EXPECT_EQ(p.nextDelayMs(busy, "", 2, 0), 200);    // backoff
+  EXPECT_EQ(p.nextDelayMs(gone, "1", 1, 0), -1);    // permanent
+  EXPECT_EQ(p.nextDelayMs(busy, "1", 5, 0), -1);    // attempts used up
+  p.totalTimeMs = 1000;
+  EXPECT_EQ(p.nextDelayMs(busy, "", 1, 950), -1); // past the total time
+  EXPECT_EQ(RetryPolicy::None().nextDelayMs(busy, "", 1, 0), -1);
+}
+
+TEST_F(Transfer, PoolCallRepeatsTransientAnswersOnly) {
+  qztest::TestHttpServer own;
+  std::atomic<int> calls{0};
+  own.route("GET", "/flaky", [&](const httplib::Request&, httplib::Response& res) {
+    if (++calls < 3) {
+      res.status = 503;
+      res.set_header("Retry-After", "0");
+    } else {
+      res.set_content("ok", "text/plain");
+    }
+  });
+  ASSERT_TRUE(own.start()) << own.lastError();
+  HttpConnectionPool pool;
+  StringSink sink;
+  TransferOutcome out;
+  TransferRequest r;
+  r.url = qz::Url(own.url("/flaky"));
+  ASSERT_TRUE(PerformTransfer(pool, r, sink, out, RetryPolicy{.initialBackoffMs = 1}));
+  EXPECT_EQ(out.attempts, 3u);
+  EXPECT_EQ(sink.body, "ok"); // the sink was reset before each repetition
+
+  r.url = qz::Url(own.url("/missing"));
+  EXPECT_TRUE(PerformTransfer(pool, r, sink, out, RetryPolicy{.initialBackoffMs = 1})); // any status answers
+  EXPECT_EQ(out.status, 404);
+  EXPECT_EQ(out.attempts, 1u);
+}
+
+} // namespace
