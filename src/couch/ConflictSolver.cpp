@@ -108,8 +108,7 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
     std::set<std::string> stored;
     std::string why;
     // A conflict is another writer, unless this write was applied by an attempt whose answer was lost.
-    if (!refused.empty() &&
-        !detail::AlreadyStored(d->pool, d->server, d->db, {{docId, chosen}}, stored, why, nullptr))
+    if (!refused.empty() && !detail::AlreadyStored(d->pool, d->server, d->db, {{docId, chosen}}, stored, why, nullptr))
       return fail(why);
     if (!refused.empty() && stored.empty())
       return fail("changed by another writer meanwhile; every leaf is kept");
