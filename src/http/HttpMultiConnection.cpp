@@ -62,6 +62,7 @@ void HttpMultiConnection::Private::admit() {
     std::unique_ptr<Job> owner = std::move(*it);
     it = queue.erase(it);
     if (const std::string* bad = lineWithBreak(owner->request.headers)) {
+      owner->badRequest = true;
       owner->response.errorMessage = ComposeErrorMessage(
           "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad), 0, CURLE_OK, "");
       finish(std::move(owner));
@@ -200,7 +201,12 @@ void HttpMultiConnection::Private::collectDone() {
         internal += ", " + h->callbackError;
       resp.errorMessage = ComposeErrorMessage(internal, httpCode, code, h->errorBuffer);
       resp.timedOut = code == CURLE_OPERATION_TIMEDOUT;
+      resp.error.kind = code == CURLE_FILESIZE_EXCEEDED ? ErrorKind::BodyTooLarge : TransferError::KindOfCurlCode(code);
+      resp.error.curlCode = int(code);
+      resp.error.context = std::move(internal);
+      resp.error.curlText = h->errorBuffer;
     } else if (job->request.expectedHttpCode > 0 && httpCode != job->request.expectedHttpCode) {
+      resp.error.kind = ErrorKind::HttpStatus;
       resp.errorMessage =
           ComposeErrorMessage(UnexpectedStatusText(httpCode, job->request.expectedHttpCode, job->request.url), httpCode,
                               code, h->errorBuffer);
@@ -213,6 +219,14 @@ void HttpMultiConnection::Private::collectDone() {
 
 void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
   ++finishedInPass;
+  Response& r = job->response;
+  if (!r.success) {
+    r.error.httpStatus = r.httpCode;
+    if (r.cancelled)
+      r.error.kind = ErrorKind::Cancelled;
+    else if (r.error.ok()) // refused before it started: a bad header line, no handle, no library
+      r.error.kind = job->badRequest ? ErrorKind::BadRequest : ErrorKind::LocalIo;
+  }
   {
     std::lock_guard<std::mutex> lock(mutex);
     retire(job->id);
@@ -273,10 +287,11 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
   job->encodedUrl = r.url.toEncodedUrl();
   job->request = std::move(r);
   job->startMs = 0;
-  job->anyFamily = false;
+  job->anyFamily = job->badRequest = false;
   Response& resp = job->response;
   resp.success = resp.timedOut = resp.cancelled = false;
   resp.httpCode = 0;
+  resp.error = TransferError();
   uint64_t id = 0;
   {
     std::lock_guard<std::mutex> lock(d->mutex);

@@ -40,7 +40,7 @@ public:
     std::string errorMessage;                   // composed as HttpConnection::getLastErrorMsg composes it
     bool timedOut = false;
     bool cancelled = false;
-    TransferError error; // the failure as values; errorMessage is its message()
+    TransferError error; // the failure as values (kind, libcurl code, status); errorMessage says it
   };
   struct Request {
     int method = 1; // the helpers' codes: 1 GET, 2 PUT, 3 POST, 4 DELETE, 5 HEAD

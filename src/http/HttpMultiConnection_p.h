@@ -39,7 +39,8 @@ public:
     std::string encodedUrl;
     std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
     int64_t startMs = 0;
-    bool anyFamily = false; // retried after the preferred address family failed
+    bool anyFamily = false;  // retried after the preferred address family failed
+    bool badRequest = false; // refused before sending
   };
 
   // One easy handle, kept between requests. The header list is declared before the handle so

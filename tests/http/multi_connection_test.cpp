@@ -295,8 +295,17 @@ TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
             "HttpConnection error : Header line with CR or LF refused, nothing sent: X-A: 1\\r\\nX-Injected: yes ");
   const auto seen = srv.requests();
   EXPECT_TRUE(std::none_of(seen.begin(), seen.end(), [](const auto& r) { return r.headerCount("X-Injected") > 0; }));
-  for (uint64_t id : {notFound, refused, timedOut, badTls, badHeader})
-    EXPECT_FALSE(c.byId[id].cancelled || c.byId[id].success) << id;
+  const std::pair<uint64_t, qz::http::ErrorKind> kinds[] = {
+      {notFound, qz::http::ErrorKind::HttpStatus},  {refused, qz::http::ErrorKind::Connect},
+      {timedOut, qz::http::ErrorKind::Timeout},     {badTls, qz::http::ErrorKind::Tls},
+      {badHeader, qz::http::ErrorKind::BadRequest}, {fine, qz::http::ErrorKind::None}};
+  for (auto [id, kind] : kinds) {
+    EXPECT_EQ(c.byId[id].error.kind, kind) << id << " " << c.byId[id].errorMessage;
+    EXPECT_EQ(c.byId[id].success, kind == qz::http::ErrorKind::None) << id;
+    EXPECT_FALSE(c.byId[id].cancelled) << id;
+  }
+  EXPECT_EQ(c.byId[notFound].error.httpStatus, 404);
+  EXPECT_EQ(c.byId[refused].error.curlCode, CURLE_COULDNT_CONNECT);
   EXPECT_TRUE(c.byId[fine].success) << c.byId[fine].errorMessage;
 }
 
@@ -371,6 +380,7 @@ TEST_F(MultiConnection, ThreadedCancelOneRequestAndTheRunPromptly) {
   EXPECT_TRUE(c.byId[stalled[0]].cancelled);
   EXPECT_FALSE(c.byId[stalled[0]].success);
   EXPECT_THAT(c.byId[stalled[0]].errorMessage, HasSubstr("Request cancelled"));
+  EXPECT_EQ(c.byId[stalled[0]].error.kind, qz::http::ErrorKind::Cancelled);
   EXPECT_FALSE(multi.cancelRequest(stalled[0])); // already called back
   EXPECT_FALSE(multi.cancelRequest(first));
   EXPECT_FALSE(returned.load());
