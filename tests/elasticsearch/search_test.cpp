@@ -139,7 +139,7 @@ TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
   bool cancel = false;
   std::thread canceller([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    cancel = true;
+    std::atomic_ref<bool>(cancel).store(true);
   });
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetch(
