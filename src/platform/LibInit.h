@@ -35,9 +35,10 @@ private:
   int m_count = 0;
 };
 
-/// Process-wide registry of the third-party libraries in use and their versions.
-HTTPTOOLS_API void RegisterThirdPartyLibVersionInfo(const std::string& name, const std::string& version);
+/// Process-wide registry of the third-party libraries in use and their versions: register (or
+/// replace) a name's version, remove it, and a copy of the whole registry. Thread-safe.
 ///@{
+HTTPTOOLS_API void RegisterThirdPartyLibVersionInfo(const std::string& name, const std::string& version);
 HTTPTOOLS_API void UnRegisterThirdPartyLibVersionInfo(const std::string& name);
 HTTPTOOLS_API std::map<std::string, std::string> GetThirdPartyLibVersionInfo();
 ///@}

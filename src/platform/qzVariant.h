@@ -96,7 +96,10 @@ private:
   std::variant<std::monostate, bool, int64_t, double, std::string, qzVariantMapImpl, qzVariantListImpl> m_v;
 };
 
+/// qzVariant's map and list types, at namespace level.
+///@{
 using qzVariantMapImpl = qzVariant::qzVariantMapImpl;
 using qzVariantListImpl = qzVariant::qzVariantListImpl;
+///@}
 
 } // namespace qz
