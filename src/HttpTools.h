@@ -1,6 +1,7 @@
 #pragma once
 
-// The whole public API of HttpTools.
+/// @file
+/// The whole public API of HttpTools.
 
 #include <HttpTools/couch/ChangesFeed.h>
 #include <HttpTools/couch/ConflictSolver.h>

@@ -17,79 +17,87 @@ class HttpConnectionPool;
 
 namespace qz::couch {
 
-// One entry of a database's change feed.
+/// One entry of a database's change feed.
 struct HTTPTOOLS_API Change {
-  std::string seq; // opaque: CouchDB 2+ sends strings, older servers and PouchDB numbers
-  std::string id;
-  std::vector<std::string> revs;
-  bool deleted = false;
-  qzVariant doc; // null unless ChangesOptions::includeDocs
+  std::string seq;               ///< opaque: CouchDB 2+ sends strings, older servers and PouchDB numbers
+  std::string id;                ///< the document's id
+  std::vector<std::string> revs; ///< the changed leaf revisions (the winner unless allLeafRevs)
+  bool deleted = false;          ///< the document was deleted
+  qzVariant doc;                 ///< null unless ChangesOptions::includeDocs
 };
 
+/// How a ChangesFeedListener reads the feed.
 struct HTTPTOOLS_API ChangesOptions {
-  std::string since = "0"; // "now" starts at the current end of the feed
-  bool includeDocs = false;
-  bool continuous = false; // follow the feed until stopped; otherwise read until caught up
-  bool longpoll = false;   // not continuous: when caught up, wait for the next change(s) and end
-  unsigned heartbeatMs = 10000;
-  std::vector<std::string> docIds; // only these documents (filter _doc_ids)
-  std::string filter;              // "design/name"
-  unsigned batchLimit = 0;         // normal feed: changes per request (0: all at once)
-  bool allLeafRevs = false;        // style=all_docs: every leaf revision, not just the winner
-  // Transient failures (connection lost, 5xx, 429, heartbeat silence) reconnect after a delay
-  // drawn at random between half and all of min(backoffMaxMs, backoffInitialMs * 2^(n-1)) for
-  // the n-th failure in a row. A 429 or 503 answer's Retry-After (seconds or an HTTP date)
-  // replaces that delay, capped at backoffMaxMs. More than maxRetries failures in a row end the
-  // run (0: never give up).
+  std::string since = "0";         ///< "now" starts at the current end of the feed
+  bool includeDocs = false;        ///< include_docs=true: each change carries its document
+  bool continuous = false;         ///< follow the feed until stopped; otherwise read until caught up
+  bool longpoll = false;           ///< not continuous: when caught up, wait for the next change(s) and end
+  unsigned heartbeatMs = 10000;    ///< heartbeat asked of the server on continuous and longpoll feeds
+  std::vector<std::string> docIds; ///< only these documents (filter _doc_ids)
+  std::string filter;              ///< "design/name"
+  unsigned batchLimit = 0;         ///< normal feed: changes per request (0: all at once)
+  bool allLeafRevs = false;        ///< style=all_docs: every leaf revision, not just the winner
+  /// Transient failures (connection lost, 5xx, 429, heartbeat silence) reconnect after a delay
+  /// drawn at random between half and all of min(backoffMaxMs, backoffInitialMs * 2^(n-1)) for
+  /// the n-th failure in a row. A 429 or 503 answer's Retry-After (seconds or an HTTP date)
+  /// replaces that delay, capped at backoffMaxMs. More than maxRetries failures in a row end the
+  /// run (0: never give up).
+  ///@{
   unsigned backoffInitialMs = 250;
   unsigned backoffMaxMs = 30000;
   unsigned maxRetries = 10;
+  ///@}
 };
 
-// Reads a database's change feed and hands each change to a callback, reconnecting from the last
-// checkpoint after a transient failure. Delivery is at least once: after a reconnect the server
-// may send changes again that were handed over before the failure; the checkpoint lastSeq()
-// advances only after onChange returned true.
-//
-//   qz::couch::ChangesOptions o;
-//   o.continuous = true;
-//   qz::couch::ChangesFeedListener feed(pool, server, "orders", o);
-//   feed.start([](const qz::couch::Change& c) { std::cout << c.id << '\n'; return true; });
-//   ...
-//   feed.stop(); // feed.lastSeq() resumes it later
+/// Reads a database's change feed and hands each change to a callback, reconnecting from the last
+/// checkpoint after a transient failure. Delivery is at least once: after a reconnect the server
+/// may send changes again that were handed over before the failure; the checkpoint lastSeq()
+/// advances only after onChange returned true.
+///
+/// @code
+/// qz::couch::ChangesOptions o;
+/// o.continuous = true;
+/// qz::couch::ChangesFeedListener feed(pool, server, "orders", o);
+/// feed.start([](const qz::couch::Change& c) { std::cout << c.id << '\n'; return true; });
+/// ...
+/// feed.stop(); // feed.lastSeq() resumes it later
+/// @endcode
 class HTTPTOOLS_API ChangesFeedListener {
 public:
+  /// Reads `db` of `server` through `pool`, which must outlive the listener. Nothing is sent before run() or start().
   ChangesFeedListener(qz::http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
                       const std::string& db, ChangesOptions options);
-  ~ChangesFeedListener(); // stops and joins
+  ~ChangesFeedListener(); ///< stops and joins
   ChangesFeedListener(const ChangesFeedListener&) = delete;
   ChangesFeedListener& operator=(const ChangesFeedListener&) = delete;
 
-  // On the caller's thread: reads changes until caught up (normal feed), or until stopped or
-  // cancelled (continuous). onChange returning false stops. True when it ended without error
-  // (caught up, stopped, cancelled or refused by onChange); false with the reason otherwise
-  // (400/401/403/404 with the server's words, malformed feed, retries used up). A quiet feed
-  // looks at *cancel every 50 ms; another thread sets it through std::atomic_ref<bool>.
+  /// On the caller's thread: reads changes until caught up (normal feed), or until stopped or
+  /// cancelled (continuous). onChange returning false stops. True when it ended without error
+  /// (caught up, stopped, cancelled or refused by onChange); false with the reason otherwise
+  /// (400/401/403/404 with the server's words, malformed feed, retries used up). A quiet feed
+  /// looks at *cancel every 50 ms; another thread sets it through std::atomic_ref<bool>.
   bool run(const std::function<bool(const Change&)>& onChange, std::string* error = nullptr,
            const bool* cancel = nullptr);
-  // The same on a thread of its own; false when one is already running.
+  /// The same on a thread of its own; false when one is already running.
   bool start(std::function<bool(const Change&)> onChange);
-  // Ends run() or the thread at once, even on a quiet feed or during a reconnect delay (the
-  // transfer is woken, not polled), and joins the thread.
+  /// Ends run() or the thread at once, even on a quiet feed or during a reconnect delay (the
+  /// transfer is woken, not polled), and joins the thread.
   void stop();
-  bool isRunning() const;
-  // Outcome of the last run on the listener's own thread.
+  bool isRunning() const; ///< true while the listener's own thread runs
+  /// Outcome of the last run on the listener's own thread.
   bool lastRunOk() const;
-  std::string lastError() const;
+  std::string lastError() const; ///< why the last run on the listener's own thread failed; empty after success
 
-  // Seq of the last change handed over (or the feed's last_seq once caught up): the checkpoint to
-  // resume from. Starts at options.since.
+  /// Seq of the last change handed over (or the feed's last_seq once caught up): the checkpoint to
+  /// resume from. Starts at options.since.
   std::string lastSeq() const;
-  // Moves the checkpoint (before run() or start()).
+  /// Moves the checkpoint (before run() or start()).
   void setSince(const std::string& seq);
-  // Changes handed over, and reconnections made, since construction.
+  /// Changes handed over, and reconnections made, since construction.
+  ///@{
   uint64_t changeCount() const;
   uint64_t reconnectCount() const;
+  ///@}
 
   class Private;
 

@@ -13,29 +13,35 @@ class HttpConnection;
 
 namespace qz::elasticsearch {
 
-// One hit of a search: where it lives, its score (0 when the answer gives none, as for sorted
-// searches), its source and its sort values. The variants may be moved out by the callback.
+/// One hit of a search: where it lives, its score (0 when the answer gives none, as for sorted
+/// searches), its source and its sort values. The variants may be moved out by the callback.
 struct HTTPTOOLS_API SearchHit {
+  /// The index holding the hit and the document's id.
+  ///@{
   std::string index, id;
-  double score = 0;
-  qzVariant source;
-  qzVariant sort;
+  ///@}
+  double score = 0; ///< 0 when the answer gives none
+  qzVariant source; ///< _source, null when the query excluded it
+  qzVariant sort;   ///< the hit's sort values, null for an unsorted search
 };
 
-// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
-// Streams every hit of `queryJson` (a JSON object with "query" and optional "sort", "_source"...;
-// empty means match_all) from `index` to `onHit`, `pageSize` hits per request (0: 1000). Pages are
-// read with a point in time and search_after; a server without point in time is read with a
-// scroll instead. Hits are cut from each answer while it arrives, so memory stays at one hit plus
-// one network chunk whatever the page size. The point in time or scroll is closed at the end,
-// also after an error, a cancel or a stop.
-// Returns true when every hit was delivered. False with `error` set on a bad query, an error
-// answer, a cut or malformed answer, a cancel (`*cancel` set: "cancelled") or when `onHit`
-// returned false ("stopped by the hit function").
-//
-//   qz::elasticsearch::FetchSearchResults(conn, server, "orders", R"({"query":{"term":{"status":"paid"}}})",
-//       [](qz::elasticsearch::SearchHit& hit) { std::cout << hit.id << '\n'; return true; },
-//       1000, &error, nullptr);
+/// Streams every hit of `queryJson` (a JSON object with "query" and optional "sort", "_source"...;
+/// empty means match_all) from `index` to `onHit`, `pageSize` hits per request (0: 1000). Pages are
+/// read with a point in time and search_after; a server without point in time is read with a
+/// scroll instead. Hits are cut from each answer while it arrives, so memory stays at one hit plus
+/// one network chunk whatever the page size. The point in time or scroll is closed at the end,
+/// also after an error, a cancel or a stop.
+/// Returns true when every hit was delivered. False with `error` set on a bad query, an error
+/// answer, a cut or malformed answer, a cancel (`*cancel` set: "cancelled") or when `onHit`
+/// returned false ("stopped by the hit function").
+/// Another thread that sets a cancel flag must store it atomically:
+/// std::atomic_ref<bool>(flag).store(true).
+///
+/// @code
+/// qz::elasticsearch::FetchSearchResults(conn, server, "orders", R"({"query":{"term":{"status":"paid"}}})",
+///     [](qz::elasticsearch::SearchHit& hit) { std::cout << hit.id << '\n'; return true; },
+///     1000, &error, nullptr);
+/// @endcode
 HTTPTOOLS_API bool FetchSearchResults(qz::http::HttpConnection& connection, const ElasticConnectionParameters& server,
                                       const std::string& index, const std::string& queryJson,
                                       const std::function<bool(SearchHit&)>& onHit, unsigned pageSize,

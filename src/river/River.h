@@ -18,71 +18,83 @@ class HttpConnectionPool;
 
 namespace qz::river {
 
-// One CouchDB database kept in step with one Elasticsearch alias.
+/// One CouchDB database kept in step with one Elasticsearch alias.
 struct HTTPTOOLS_API RiverDefinition {
-  std::string name; // unique among the rivers sharing `stateIndex`
-  qz::couch::CouchConnectionParameters couch;
-  std::string database;
-  qz::elasticsearch::ElasticConnectionParameters elastic;
-  std::string index;                                    // an alias name; the river writes into `<index>-<n>` behind it
-  std::string mappingJson;                              // the wanted mapping ("{}" = dynamic)
-  std::function<bool(qzVariantMapImpl& doc)> transform; // edit the document; false skips it
-  size_t batchDocs = 1000;
-  unsigned flushIntervalMs = 1000; // following: how often the feed is polled once caught up
+  std::string name;                                       ///< unique among the rivers sharing `stateIndex`
+  qz::couch::CouchConnectionParameters couch;             ///< the CouchDB server
+  std::string database;                                   ///< the database read
+  qz::elasticsearch::ElasticConnectionParameters elastic; ///< the Elasticsearch server
+  std::string index;       ///< an alias name; the river writes into `<index>-<n>` behind it
+  std::string mappingJson; ///< the wanted mapping ("{}" = dynamic)
+  std::function<bool(qzVariantMapImpl& doc)> transform; ///< edit the document; false skips it
+  size_t batchDocs = 1000;                              ///< changes per batch, each written with one _bulk request
+  unsigned flushIntervalMs = 1000;                      ///< following: how often the feed is polled once caught up
 
-  // Where the river keeps its checkpoint and lease (one document named after the river).
+  /// Where the river keeps its checkpoint and lease (one document named after the river).
   std::string stateIndex = "httptools-river";
-  // A lease not renewed for this long may be taken over by another process.
+  /// A lease not renewed for this long may be taken over by another process.
   unsigned leaseMs = 30000;
 };
 
+/// A river's progress, as RiverManager::status() reports it.
 struct HTTPTOOLS_API RiverStatus {
-  std::string name, lastSeq, error;
+  std::string name;    ///< the definition's name
+  std::string lastSeq; ///< the checkpoint last stored
+  std::string error;   ///< the last error; empty while all is well
+  /// Documents indexed, deleted from the index, skipped by the transform, and failed, since start.
+  ///@{
   size_t indexed = 0, deleted = 0, skipped = 0, failed = 0;
-  bool caughtUp = false, running = false;
-  std::string liveIndex;     // the index behind the alias
-  std::string buildingIndex; // the index being filled for a new mapping, if any
-  bool waitingForLease = false;
-  size_t retries = 0; // bulk requests or items sent again after 429/503 or a lost connection
-  int64_t lagMs = 0;  // time since the river was last caught up (0 when it is)
+  ///@}
+  bool caughtUp = false;        ///< the feed's end was reached and everything before it acknowledged
+  bool running = false;         ///< the river is being run
+  std::string liveIndex;        ///< the index behind the alias
+  std::string buildingIndex;    ///< the index being filled for a new mapping, if any
+  bool waitingForLease = false; ///< another process holds the lease
+  size_t retries = 0;           ///< bulk requests or items sent again after 429/503 or a lost connection
+  int64_t lagMs = 0;            ///< time since the river was last caught up (0 when it is)
 };
 
-// Another thread that sets a cancel flag must store it atomically: std::atomic_ref<bool>(flag).store(true).
-// Runs rivers: reads each database's change feed (documents included) in batches of `batchDocs`,
-// writes each batch with one _bulk request and, once every item is acknowledged, stores the seq
-// it reached as the checkpoint. Writes carry the revision's generation as an external version, so
-// a change delivered again never replaces a newer revision. Deleted documents, design documents
-// and documents the transform skips are deleted from the index.
-//
-// The checkpoint and a lease live in one document of `stateIndex`, written with if_seq_no /
-// if_primary_term: a process that loses the lease stops that river, and a river whose lease is
-// held elsewhere waits until it expires. When the wanted mapping differs from the one that built
-// the live index, a new index `<alias>-<n+1>` is filled from seq 0 and the alias moves to it in
-// one _aliases request; the old index is deleted.
-//
-//   qz::river::RiverManager rivers(pool, 2);
-//   rivers.addRiver(definition, &error);
-//   rivers.start();   // follow; rivers.status() reports progress
-//   ...
-//   rivers.stop();
+/// Runs rivers: reads each database's change feed (documents included) in batches of `batchDocs`,
+/// writes each batch with one _bulk request and, once every item is acknowledged, stores the seq
+/// it reached as the checkpoint. Writes carry the revision's generation as an external version, so
+/// a change delivered again never replaces a newer revision. Deleted documents, design documents
+/// and documents the transform skips are deleted from the index.
+///
+/// The checkpoint and a lease live in one document of `stateIndex`, written with if_seq_no /
+/// if_primary_term: a process that loses the lease stops that river, and a river whose lease is
+/// held elsewhere waits until it expires. When the wanted mapping differs from the one that built
+/// the live index, a new index `<alias>-<n+1>` is filled from seq 0 and the alias moves to it in
+/// one _aliases request; the old index is deleted.
+/// Another thread that sets a cancel flag must store it atomically:
+/// std::atomic_ref<bool>(flag).store(true).
+///
+/// @code
+/// qz::river::RiverManager rivers(pool, 2);
+/// rivers.addRiver(definition, &error);
+/// rivers.start();   // follow; rivers.status() reports progress
+/// ...
+/// rivers.stop();
+/// @endcode
 class HTTPTOOLS_API RiverManager {
 public:
+  /// Talks to both servers through `pool` (which must outlive the manager); start() runs the rivers on `workerThreads`
+  /// threads.
   RiverManager(qz::http::HttpConnectionPool& pool, unsigned workerThreads);
-  ~RiverManager(); // stops
+  ~RiverManager(); ///< stops
   RiverManager(const RiverManager&) = delete;
   RiverManager& operator=(const RiverManager&) = delete;
 
-  // False (nothing added) on a missing name, database or alias, a duplicate name, an invalid
-  // mapping or while the rivers run.
+  /// False (nothing added) on a missing name, database or alias, a duplicate name, an invalid
+  /// mapping or while the rivers run.
   bool addRiver(RiverDefinition definition, std::string* error);
-  // Every river catches up (waiting for its lease if need be), then returns. Lost connections,
-  // 429 and 503 are retried until `*cancel` or stop(); false with the first river's error
-  // otherwise.
+  /// Every river catches up (waiting for its lease if need be), then returns. Lost connections,
+  /// 429 and 503 are retried until `*cancel` or stop(); false with the first river's error
+  /// otherwise.
   bool runOnce(std::string* error, const bool* cancel);
-  // Follows every river on the worker threads until stop(); false when already running.
+  /// Follows every river on the worker threads until stop(); false when already running.
   bool start();
-  void stop(); // prompt; releases the leases held
-  std::vector<RiverStatus> status() const;
+  void stop();                             ///< prompt; releases the leases held
+  std::vector<RiverStatus> status() const; ///< one per river, in the order added; any thread
 
   class Private;
 
