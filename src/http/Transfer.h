@@ -86,7 +86,7 @@ struct HTTPTOOLS_API RequestSpec {
   ///@}
 };
 
-/// A whole request: the spec and the URL it goes to.
+/// A whole request: what to send and the URL it goes to.
 struct HTTPTOOLS_API TransferRequest : RequestSpec {
   qz::Url url; ///< http or https
 };
