@@ -27,13 +27,13 @@ protected:
     qz::json::Json2Variant::Convert(text, m);
     return m;
   }
+  qztest::TestHttpServer srv; // stops after the pool closed its connections
   qz::http::HttpConnectionPool pool;
 };
 
 // CouchDB 3's layout of a normal feed: one change per line, ",\r\n" between rows; with
 // seq_interval=2 every other row's seq is null.
 TEST_F(CouchQuery, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointedByLastSeq) {
-  qztest::TestHttpServer srv;
   srv.route("POST", "/db/_changes", [](const httplib::Request& req, httplib::Response& res) {
     auto row = [](const std::string& seq, const std::string& id) {
       return R"({"seq":)" + seq + R"(,"id":")" + id + R"(","changes":[{"rev":"1-a"}]})";
@@ -93,7 +93,6 @@ TEST_F(CouchQuery, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointedByLastS
 }
 
 TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
-  qztest::TestHttpServer srv;
   srv.route("POST", "/db/_find", [](const httplib::Request& req, httplib::Response& res) {
     const qzVariantMapImpl q = Json(req.body);
     if (q.at("selector").toMap().count("bad")) {
