@@ -331,7 +331,7 @@ private:
   void handle(const httplib::Request& req, httplib::Response& res) {
     thread_local httplib::Client client("127.0.0.1", m_upstream);
     client.set_keep_alive(true);
-    client.set_read_timeout(600);
+    client.set_read_timeout(60); // pouchdb-server never answers some of couchbackup's requests
     httplib::Request up;
     up.method = req.method;
     up.path = req.target;
@@ -467,6 +467,7 @@ bool BackupComparison() {
           bench::Median(ours.rDps) / bench::Median(ref->rDps), bench::Median(ours.rCpu) / bench::Median(ref->rCpu));
   std::printf("httptools backup peak RSS: %.1f MB for %d docs, %.1f MB for %d docs\n", small.rssMb,
               std::max(1, gDocs / 10), bench::Median(ours.bRss), gDocs);
+  std::fflush(stdout);
   return small.ok;
 }
 
