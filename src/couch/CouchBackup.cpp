@@ -7,7 +7,10 @@
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
+#include <rapidjson/reader.h>
+
 #include <condition_variable>
+#include <cstring>
 #include <istream>
 #include <map>
 #include <mutex>
@@ -64,6 +67,41 @@ bool LinesOfAnswer(const std::string& answer, bool attachments, Batch& batch, st
     }
   }
   return true;
+}
+
+// The _id of a line that is one JSON object, read without building the document; false when the
+// line is not a JSON object with a string _id.
+bool IdOfLine(const std::string& line, std::string& id) {
+  struct Handler : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> {
+    int depth = 0;
+    bool object = false, wanted = false, found = false;
+    std::string* id = nullptr;
+    bool StartObject() {
+      object = object || depth == 0;
+      wanted = false;
+      return ++depth, true;
+    }
+    bool StartArray() {
+      wanted = false;
+      return depth++ > 0;
+    }
+    bool EndObject(rapidjson::SizeType) { return --depth, true; }
+    bool EndArray(rapidjson::SizeType) { return --depth, true; }
+    bool Key(const char* s, rapidjson::SizeType n, bool) {
+      wanted = depth == 1 && n == 3 && std::memcmp(s, "_id", 3) == 0;
+      return true;
+    }
+    bool String(const char* s, rapidjson::SizeType n, bool) {
+      if (wanted)
+        id->assign(s, n), found = true;
+      return wanted = false, true;
+    }
+    bool Default() { return wanted = false, true; }
+  } handler;
+  handler.id = &id;
+  rapidjson::Reader reader;
+  rapidjson::StringStream in(line.c_str());
+  return !reader.Parse(in, handler).IsError() && handler.object && handler.found;
 }
 
 } // namespace
@@ -223,13 +261,12 @@ bool RestoreDatabase(http::HttpConnectionPool& pool, const CouchConnectionParame
       if (line.find_first_not_of(" \t\r") == std::string::npos)
         continue;
       ++counts.lines;
-      qzVariantMapImpl doc;
-      auto id = doc.end();
-      if (!json::Json2Variant::Convert(line, doc) || (id = doc.find("_id")) == doc.end() || !id->second.isString()) {
+      std::string id;
+      if (!IdOfLine(line, id)) {
         ++counts.invalid;
         continue;
       }
-      up.addJson(std::move(line), *id->second.stringPtr());
+      up.addJson(std::move(line), id);
     }
     std::string flushError;
     if (!up.flush(&flushError) && ok && error)

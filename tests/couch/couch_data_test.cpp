@@ -148,6 +148,14 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
     get("/" + target + "/_local/mine", &status);
     EXPECT_EQ(status, 404);
   }
+  // Lines that are not documents with an id are counted and skipped, the others stored.
+  std::stringstream odd("[1]\n{\"_id\":5}\n\n{\"a\":{\"_id\":\"x\"}}\n{\"_id\":\"x\",\"_rev\":\"1-ab\"} \n");
+  RestoreStats restored;
+  std::string error;
+  EXPECT_FALSE(RestoreDatabase(*s_pool, server(), db, odd, 1, 10, &restored, &error, nullptr));
+  EXPECT_EQ(error, "3 line(s) are not documents");
+  EXPECT_EQ(restored.stored, 1u);
+  EXPECT_EQ(get("/" + db + "/x").toMap().at("_rev").toString(), "1-ab");
 }
 
 #ifdef HTTPTOOLS_CLI
