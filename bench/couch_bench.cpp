@@ -338,7 +338,8 @@ private:
     up.body = req.body;
     for (const auto& [name, value] : req.headers)
       if (name != "Host" && name != "Content-Length" && name != "Content-Encoding" && name != "Accept-Encoding" &&
-          name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" && name != "LOCAL_PORT")
+          name != "Transfer-Encoding" && name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" &&
+          name != "LOCAL_PORT")
         up.headers.emplace(name, value);
     const httplib::Result r = client.send(up);
     if (!r) {
