@@ -8,7 +8,13 @@
 // Then our client's CPU per uploaded document against a server (a child process) that answers
 // every _bulk_docs with a canned result. The Google Benchmark cases time the feed parser.
 //
+// --backup instead compares backup and restore of a database of N documents: `httptools couch
+// backup|restore`, couchbackup|couchrestore (npm @cloudant/couchbackup, with its defaults) and a
+// nano loop (bench/nano/couch_nano.js), each a child process timed with its CPU and peak RSS
+// (wait4), tools in alternating order, each restore into a fresh database checked for N documents.
+//
 //   couch_bench [--docs=N] [--rounds=R] [benchmark flags]   (a short --benchmark_min_time: a quick run)
+//   couch_bench --backup [--docs=N] [--rounds=R]
 
 #include <HttpTools/HttpTools.h>
 
@@ -26,9 +32,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -240,6 +250,228 @@ void CannedUpload(int port) {
               cpu * 1e6 / docs, stored / t);
 }
 
+// A child process's outcome: wall and CPU seconds, peak RSS.
+struct Run {
+  double sec = 0, cpuSec = 0, rssMb = 0;
+  bool ok = false;
+};
+
+// Runs argv with standard input from `in`, standard output to `out` ("" for /dev/null) and
+// standard error to `err`.
+Run Measure(const std::vector<std::string>& argv, const std::string& in, const std::string& out,
+            const std::string& err) {
+  const double t0 = bench::Now();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int i = open(in.empty() ? "/dev/null" : in.c_str(), O_RDONLY);
+    const int o = open(out.empty() ? "/dev/null" : out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (i < 0 || o < 0 || e < 0 || dup2(i, 0) < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0)
+      _exit(126);
+    std::vector<char*> args;
+    for (const std::string& a : argv)
+      args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  rusage ru{};
+  Run r;
+  // A tool that stalls is stopped (by its PID) after a generous time.
+  const double deadline = t0 + 120 + gDocs / 100.0;
+  pid_t ended = 0;
+  while (pid > 0 && (ended = wait4(pid, &status, WNOHANG, &ru)) == 0) {
+    if (bench::Now() > deadline)
+      kill(pid, SIGKILL);
+    usleep(20000);
+  }
+  if (ended != pid)
+    return r;
+  r.sec = bench::Now() - t0;
+  r.cpuSec = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+  r.rssMb = double(ru.ru_maxrss) / 1024;
+  r.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return r;
+}
+
+int64_t DocCount(const qztest::PouchDbServer& server, const std::string& db) {
+  std::string info;
+  qz::qzVariantMapImpl m;
+  server.request("GET", "/" + db, {}, &info);
+  qz::json::Json2Variant::Convert(info, m);
+  return m["doc_count"].toInt64();
+}
+
+// couchbackup's change follower reads a one-off feed until an answer says "pending":0, which
+// pouchdb-server never sends: this proxy forwards every request and adds it to _changes answers
+// (0 when the page is shorter than its limit). All three tools go through it. Bodies go
+// uncompressed both ways, as a CouchDB sends them by default (couchbackup gzips its requests).
+class PendingProxy {
+public:
+  explicit PendingProxy(uint16_t upstream) : m_upstream(upstream) {
+    m_server.set_keep_alive_max_count(100000);
+    // A thread per kept-alive connection: the default pool of 8 starves couchbackup's.
+    m_server.new_task_queue = [] { return new httplib::ThreadPool(64); };
+    auto forward = [this](const httplib::Request& req, httplib::Response& res) { handle(req, res); };
+    m_server.Get(".*", forward);
+    m_server.Post(".*", forward);
+    m_server.Put(".*", forward);
+    m_server.Delete(".*", forward);
+    m_port = m_server.bind_to_any_port("127.0.0.1");
+    m_thread = std::thread([this] { m_server.listen_after_bind(); });
+  }
+  ~PendingProxy() {
+    m_server.stop();
+    m_thread.join();
+  }
+  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+
+private:
+  void handle(const httplib::Request& req, httplib::Response& res) {
+    thread_local httplib::Client client("127.0.0.1", m_upstream);
+    client.set_keep_alive(true);
+    client.set_read_timeout(60); // pouchdb-server never answers some of couchbackup's requests
+    httplib::Request up;
+    up.method = req.method;
+    up.path = req.target;
+    up.body = req.body;
+    for (const auto& [name, value] : req.headers)
+      if (name != "Host" && name != "Content-Length" && name != "Content-Encoding" && name != "Accept-Encoding" &&
+          name != "Transfer-Encoding" && name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" &&
+          name != "LOCAL_PORT")
+        up.headers.emplace(name, value);
+    const httplib::Result r = client.send(up);
+    if (!r) {
+      res.status = 502;
+      return;
+    }
+    res.status = r->status;
+    std::string body = r->body;
+    if (req.path.ends_with("/_changes") && r->status == 200 && body.find("\"pending\"") == std::string::npos) {
+      qz::qzVariantMapImpl feed;
+      if (qz::json::Json2Variant::Convert(body, feed)) {
+        qz::qzVariantMapImpl q;
+        qz::json::Json2Variant::Convert(req.body, q);
+        long limit = req.has_param("limit") ? std::stol(req.get_param_value("limit")) : q["limit"].toInt64();
+        const size_t rows = feed["results"].toList().size();
+        const size_t close = body.rfind('}');
+        if (close != std::string::npos)
+          body.insert(close, std::string(",\"pending\":") + (limit > 0 && rows >= size_t(limit) ? "1" : "0"));
+      }
+    }
+    // JSON with a charset is a type the proxy does not compress: no tool gets gzip.
+    res.set_content(std::move(body), "application/json; charset=utf-8");
+  }
+
+  httplib::Server m_server;
+  uint16_t m_upstream;
+  int m_port = 0;
+  std::thread m_thread;
+};
+
+bool BackupComparison() {
+  qztest::PouchDbServer server;
+  if (!server.ok()) {
+    std::fprintf(stderr, "%s\n", server.error().c_str());
+    return false;
+  }
+  const std::string nodeBin = HTTPTOOLS_SOURCE_DIR "/bench/nano/node_modules/@cloudant/couchbackup/app.js";
+  if (access(nodeBin.c_str(), R_OK) != 0) {
+    std::fprintf(stderr, "couch_bench: @cloudant/couchbackup is not installed (scripts/install-deps)\n");
+    return false;
+  }
+  const std::string bin = HTTPTOOLS_SOURCE_DIR "/bench/nano/node_modules/@cloudant/couchbackup/bin/";
+  const std::string nanoJs = HTTPTOOLS_SOURCE_DIR "/bench/nano/couch_nano.js";
+  PendingProxy proxy(server.port());
+  const std::string url = proxy.baseUrl(), dir = HTTPTOOLS_BINARY_DIR;
+  // The source: gDocs documents of ~1 KB, and a tenth of it to show that memory stays flat.
+  qz::http::HttpConnectionPool pool;
+  for (const auto& [db, n] : {std::pair<std::string, int>{"source", gDocs}, {"small", std::max(1, gDocs / 10)}}) {
+    server.request("PUT", "/" + db);
+    qz::couch::DocumentUploader up(pool, qz::couch::CouchConnectionParameters(qz::Url(url)), db, kThreads, kBatch);
+    for (int i = 0; i < n; ++i)
+      up.add(MakeDoc(i, std::string(kPad, 'x')));
+    if (!up.flush(nullptr))
+      return false;
+  }
+  struct Tool {
+    const char* name;
+    std::function<std::vector<std::string>(const std::string&db)> backup, restore;
+    std::vector<double> bDps = {}, bCpu = {}, bRss = {}, rDps = {}, rCpu = {}, rRss = {}, bSrv = {}, rSrv = {};
+  };
+  std::vector<Tool> tools = {
+      {"httptools",
+       [&](const std::string& db) {
+         return std::vector<std::string>{HTTPTOOLS_CLI, "couch", "backup", url + "/" + db};
+       },
+       [&](const std::string& db) {
+         return std::vector<std::string>{HTTPTOOLS_CLI, "couch", "restore", url + "/" + db};
+       }},
+      {"couchbackup",
+       [&](const std::string& db) {
+         return std::vector<std::string>{"node", bin + "couchbackup.bin.js", "--url", url, "--db", db};
+       },
+       [&](const std::string& db) {
+         return std::vector<std::string>{"node", bin + "couchrestore.bin.js", "--url", url, "--db", db};
+       }},
+      {"nano loop",
+       [&](const std::string& db) {
+         return std::vector<std::string>{
+             "node", nanoJs, "backup", url, db, "0", std::to_string(kThreads), std::to_string(kBatch), "0"};
+       },
+       [&](const std::string& db) {
+         return std::vector<std::string>{
+             "node", nanoJs, "restore", url, db, "0", std::to_string(kThreads), std::to_string(kBatch), "0"};
+       }},
+  };
+  const std::string errFile = dir + "/couch_bench_backup.err";
+  const Run small = Measure(tools[0].backup("small"), "", dir + "/couch_bench_small.ndjson", errFile);
+  for (int round = 0; round < gRounds; ++round)
+    for (size_t k = 0; k < tools.size(); ++k) {
+      Tool& t = tools[(k + size_t(round)) % tools.size()];
+      const std::string file = dir + "/couch_bench_backup.out", target = "restored-" + std::to_string(round);
+      double srv0 = processCpuSec(server.pid());
+      const Run b = Measure(t.backup("source"), "", file, errFile);
+      const double bSrv = processCpuSec(server.pid()) - srv0;
+      server.request("PUT", "/" + target);
+      srv0 = processCpuSec(server.pid());
+      const Run r = b.ok ? Measure(t.restore(target), file, "", errFile) : Run();
+      const double rSrv = processCpuSec(server.pid()) - srv0;
+      const int64_t restored = DocCount(server, target);
+      server.request("DELETE", "/" + target);
+      if (!b.ok || !r.ok || restored != gDocs) {
+        std::fprintf(stderr, "%s: backup %d, restore %d, %lld documents restored of %d (its errors: %s)\n", t.name,
+                     b.ok, r.ok, (long long)restored, gDocs, errFile.c_str());
+        std::rename(errFile.c_str(), (errFile + "." + std::to_string(k)).c_str());
+        continue;
+      }
+      t.bDps.push_back(gDocs / b.sec), t.bCpu.push_back(b.cpuSec), t.bRss.push_back(b.rssMb);
+      t.rDps.push_back(gDocs / r.sec), t.rCpu.push_back(r.cpuSec), t.rRss.push_back(r.rssMb);
+      t.bSrv.push_back(bSrv), t.rSrv.push_back(rSrv);
+    }
+  std::printf("backup and restore of %d docs of ~1 KB against one pouchdb-server, %d round(s) (medians)\n", gDocs,
+              gRounds);
+  std::printf("tool          backup d/s  CPU s  RSS MB  server CPU s | restore d/s  CPU s  RSS MB  server CPU s\n");
+  for (const Tool& t : tools)
+    std::printf("%-12s %11.0f %6.2f %7.1f %13.2f | %11.0f %6.2f %7.1f %13.2f\n", t.name, bench::Median(t.bDps),
+                bench::Median(t.bCpu), bench::Median(t.bRss), bench::Median(t.bSrv), bench::Median(t.rDps),
+                bench::Median(t.rCpu), bench::Median(t.rRss), bench::Median(t.rSrv));
+  const Tool& ours = tools[0];
+  if (ours.bDps.empty())
+    return false;
+  for (const Tool* ref : {&tools[1], &tools[2]}) // a tool that failed shows zeros above and no ratio
+    if (!ref->bDps.empty())
+      std::printf(
+          "httptools / %s: backup speed %.2fx, CPU %.2fx; restore speed %.2fx, CPU %.2fx\n", ref->name,
+          bench::Median(ours.bDps) / bench::Median(ref->bDps), bench::Median(ours.bCpu) / bench::Median(ref->bCpu),
+          bench::Median(ours.rDps) / bench::Median(ref->rDps), bench::Median(ours.rCpu) / bench::Median(ref->rCpu));
+  std::printf("httptools backup peak RSS: %.1f MB for %d docs, %.1f MB for %d docs\n", small.rssMb,
+              std::max(1, gDocs / 10), bench::Median(ours.bRss), gDocs);
+  std::fflush(stdout);
+  return small.ok;
+}
+
 void BM_ChangesFeedParser(benchmark::State& state) {
   std::string feed = "{\"results\":[\n";
   for (int i = 0; i < 1000; ++i)
@@ -263,9 +495,16 @@ BENCHMARK(BM_ChangesFeedParser);
 
 int main(int argc, char** argv) {
   bench::Args args(argc, argv);
+  const bool backup = args.takeSwitch("--backup");
   gDocs = args.takeInt("--docs=", gDocs, 1, 1000);
   gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
   args.initializeBenchmark();
+  if (backup) {
+    qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+    const bool ok = BackupComparison();
+    qz::terminateHttpTools();
+    return ok ? 0 : 1;
+  }
 
   pid_t child = -1;
   const int cannedPort = StartCannedServer(child); // before any thread starts

@@ -5,10 +5,14 @@
 
 #include <HttpTools/couch/ChangesFeed.h>
 #include <HttpTools/couch/ConflictSolver.h>
+#include <HttpTools/couch/CouchBackup.h>
 #include <HttpTools/couch/CouchConnectionParameters.h>
 #include <HttpTools/couch/CouchDocuments.h>
+#include <HttpTools/couch/CouchFind.h>
 #include <HttpTools/couch/CouchView.h>
 #include <HttpTools/couch/CouchViewQuery.h>
+#include <HttpTools/couch/FeedCheckpoint.h>
+#include <HttpTools/couch/MangoSelector.h>
 #include <HttpTools/elasticsearch/BulkIndexer.h>
 #include <HttpTools/elasticsearch/DocumentGetter.h>
 #include <HttpTools/elasticsearch/ElasticConnectionParameters.h>

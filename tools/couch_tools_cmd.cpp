@@ -11,6 +11,8 @@
 
 namespace httptools {
 
+void AddCouchDataCommands(CLI::App& couch); // couch_data_cmd.cpp: backup, restore, find
+
 namespace {
 
 // "http://host:port/db" to server and database; false (usage) with a message otherwise.
@@ -24,7 +26,11 @@ bool SplitDbUrl(const std::string& dbUrl, qz::couch::CouchConnectionParameters& 
 
 std::string ChangeLine(const qz::couch::Change& c) {
   qz::qzVariantListImpl revs(c.revs.begin(), c.revs.end());
-  qz::qzVariantMapImpl line{{"seq", c.seq}, {"id", c.id}, {"revs", revs}, {"deleted", c.deleted}, {"doc", c.doc}};
+  qz::qzVariantMapImpl line{{"seq", c.seq.empty() ? qz::qzVariant() : qz::qzVariant(c.seq)},
+                            {"id", c.id},
+                            {"revs", revs},
+                            {"deleted", c.deleted},
+                            {"doc", c.doc}};
   std::string text;
   qz::json::Json2Variant::Convert(line, text, false);
   return text;
@@ -36,6 +42,9 @@ struct ChangesArgs {
   bool includeDocs = false;
   bool follow = false;
   unsigned heartbeatMs = 10000;
+  std::string selector, checkpoint;
+  std::vector<std::string> docIds;
+  unsigned seqInterval = 0;
 };
 
 void RunChanges(const ChangesArgs& a) {
@@ -48,17 +57,38 @@ void RunChanges(const ChangesArgs& a) {
   o.includeDocs = a.includeDocs;
   o.continuous = a.follow;
   o.heartbeatMs = a.heartbeatMs;
+  o.selector = a.selector;
+  o.docIds = a.docIds;
+  o.seqInterval = a.seqInterval;
   qz::http::HttpConnectionPool pool;
   qz::couch::ChangesFeedListener feed(pool, server, db, o);
   const bool* interrupted = InterruptFlag();
   std::string error;
-  const bool ok = feed.run(
-      [](const qz::couch::Change& c) {
-        std::cout << ChangeLine(c) << '\n';
-        std::cout.flush();
-        return bool(std::cout);
-      },
-      &error, interrupted);
+  auto print = [](const qz::couch::Change& c) {
+    std::cout << ChangeLine(c) << '\n';
+    return bool(std::cout);
+  };
+  bool ok;
+  if (!a.checkpoint.empty()) {
+    qz::couch::FeedCheckpoint checkpoint(pool, server, db, a.checkpoint);
+    ok = checkpoint.follow(
+        feed,
+        [&](std::vector<qz::couch::Change>& batch) {
+          for (const auto& c : batch)
+            print(c);
+          std::cout.flush();
+          return bool(std::cout);
+        },
+        &error, interrupted);
+  } else {
+    ok = feed.run(
+        [&](const qz::couch::Change& c) {
+          print(c);
+          std::cout.flush();
+          return bool(std::cout);
+        },
+        &error, interrupted);
+  }
   if (!ok)
     std::cerr << "httptools couch changes: " << error << "\n";
   exitCode = ok ? 0 : 1;
@@ -170,6 +200,15 @@ void AddCouchToolCommands(CLI::App& couch) {
   changes->add_flag("--include-docs", changesArgs->includeDocs, "include each changed document");
   changes->add_flag("--follow", changesArgs->follow, "keep following the feed until interrupted");
   changes->add_option("--heartbeat", changesArgs->heartbeatMs, "heartbeat in ms when following");
+  changes->add_option("--selector", changesArgs->selector,
+                      "only changes of documents matching this Mango selector (JSON); an edit that makes a document "
+                      "stop matching is not sent");
+  changes->add_option("--doc-ids", changesArgs->docIds, "only these documents, comma-separated")->delimiter(',');
+  changes->add_option("--seq-interval", changesArgs->seqInterval,
+                      "let the server compute a seq every N changes only (others print null)");
+  changes->add_option("--checkpoint", changesArgs->checkpoint,
+                      "resume from the seq stored in _local/NAME of the database and store it after each batch "
+                      "(overrides --since once stored)");
   changes->callback([changesArgs] { RunChanges(*changesArgs); });
 
   auto getUrl = std::make_shared<std::string>();
@@ -203,6 +242,7 @@ void AddCouchToolCommands(CLI::App& couch) {
 
   for (CLI::App* sub : {changes, get, upload, conflicts})
     sub->set_help_flag("-h,--help", "print this help and exit");
+  AddCouchDataCommands(couch);
 }
 
 } // namespace httptools

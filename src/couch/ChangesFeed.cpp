@@ -18,7 +18,10 @@ public:
   Private(http::HttpConnectionPool& p, const CouchConnectionParameters& s, const std::string& name, ChangesOptions o)
       : pool(p), server(s), db(name), options(std::move(o)), since(options.since) {}
 
-  bool runFeed(const std::function<bool(const Change&)>& onChange, std::string* error, const bool* cancel);
+  // One of onChange and onBatch is set.
+  bool runFeed(const std::function<bool(const Change&)>& onChange,
+               const std::function<bool(std::vector<Change>&, const std::string&)>& onBatch, std::string* error,
+               const bool* cancel);
   qz::Url feedUrl(const std::string& from) const;
   std::string checkpoint() const {
     std::lock_guard<std::mutex> lock(mutex);
@@ -61,7 +64,8 @@ namespace {
 // first 64 KiB) for its error text.
 class FeedSink : public http::ResponseSink {
 public:
-  FeedSink(ChangesFeedParser& parser, const http::CancelToken& token) : m_parser(parser), m_token(token) {}
+  FeedSink(ChangesFeedParser& parser, const http::CancelToken& token, std::function<bool()> afterChunk)
+      : m_parser(parser), m_token(token), m_afterChunk(std::move(afterChunk)) {}
   void onStatus(long status, std::string_view) override { m_status = status; }
   bool onBody(const char* data, size_t size) override {
     if (m_status != 200) {
@@ -69,13 +73,14 @@ public:
         errorBody.append(data, std::min<size_t>(size, 65536));
       return true;
     }
-    return !m_token.isCancelled() && m_parser.feed(data, size);
+    return !m_token.isCancelled() && m_parser.feed(data, size) && (!m_afterChunk || m_afterChunk());
   }
   std::string errorBody;
 
 private:
   ChangesFeedParser& m_parser;
   const http::CancelToken& m_token;
+  std::function<bool()> m_afterChunk;
   long m_status = 0;
 };
 
@@ -96,15 +101,20 @@ qz::Url ChangesFeedListener::Private::feedUrl(const std::string& from) const {
     query.emplace_back("heartbeat", std::to_string(std::max(1u, options.heartbeatMs)));
   else if (options.batchLimit > 0)
     query.emplace_back("limit", std::to_string(options.batchLimit));
+  if (options.seqInterval > 0)
+    query.emplace_back("seq_interval", std::to_string(options.seqInterval));
   if (!options.docIds.empty())
     query.emplace_back("filter", "_doc_ids");
+  else if (!options.selector.empty())
+    query.emplace_back("filter", "_selector");
   else if (!options.filter.empty())
     query.emplace_back("filter", options.filter);
   return server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_changes"}, query);
 }
 
-bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change&)>& onChange, std::string* error,
-                                           const bool* cancel) {
+bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change&)>& onChange,
+                                           const std::function<bool(std::vector<Change>&, const std::string&)>& onBatch,
+                                           std::string* error, const bool* cancel) {
   const http::CancelToken run = newRun(cancel);
   auto stopped = [&] { return stopRequested.load() || run.isCancelled(); };
   auto fail = [&](const std::string& why) {
@@ -122,6 +132,10 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       body += (i ? "," : "") + detail::JsonString(options.docIds[i]);
     request.method = http::Method::Post;
     request.setBody(body + "]}");
+    request.contentType = "application/json";
+  } else if (!options.selector.empty()) {
+    request.method = http::Method::Post;
+    request.setBody("{\"selector\":" + options.selector + "}");
     request.contentType = "application/json";
   }
   // Heartbeats are a byte now and then: the silence watch replaces the low-speed guard and the
@@ -141,8 +155,37 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
     if (stopped())
       return true;
     size_t delivered = 0;
+    // Batch delivery: changes wait here until the answer's last_seq, the end of a read, or a
+    // full batch (a limited page stays whole, so that its last_seq comes with it).
+    std::vector<Change> pending;
+    bool batchRefused = false;
+    const size_t maxBatch = options.batchLimit > 0 ? size_t(options.batchLimit) + 1 : 1000;
+    auto flush = [&](const std::string& lastSeq) {
+      if (pending.empty() || batchRefused) {
+        if (!lastSeq.empty() && !batchRefused)
+          setCheckpoint(lastSeq);
+        return !batchRefused;
+      }
+      std::string next = lastSeq;
+      for (auto it = pending.rbegin(); next.empty() && it != pending.rend(); ++it)
+        next = it->seq; // null seqs (seq_interval) are empty
+      if (!onBatch(pending, next)) {
+        batchRefused = true;
+        return false;
+      }
+      changes += pending.size();
+      delivered += pending.size();
+      pending.clear();
+      if (!next.empty())
+        setCheckpoint(next);
+      return !stopped();
+    };
     ChangesFeedParser parser(
         [&](Change& change) {
+          if (onBatch) {
+            pending.push_back(std::move(change));
+            return pending.size() < maxBatch || flush({});
+          }
           if (!onChange(change))
             return false;
           if (!change.seq.empty()) // null under seq_interval: not a checkpoint
@@ -151,9 +194,17 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
           ++delivered;
           return !stopped();
         },
-        [&](const std::string& lastSeq) { setCheckpoint(lastSeq); });
+        [&](const std::string& lastSeq) {
+          if (onBatch)
+            flush(lastSeq);
+          else
+            setCheckpoint(lastSeq);
+        });
     request.url = feedUrl(checkpoint());
-    FeedSink sink(parser, run);
+    std::function<bool()> afterChunk;
+    if (onBatch && options.continuous)
+      afterChunk = [&] { return flush({}); };
+    FeedSink sink(parser, run, afterChunk);
     http::TransferOutcome outcome;
     const int64_t started = qzSystemUtils::GetTimeBaseMs();
     bool ok = false;
@@ -162,7 +213,7 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       ok = http::PerformTransfer(*conn, request, sink, outcome, &run);
     }
     const long status = outcome.status;
-    if (parser.refused() || stopped())
+    if (parser.refused() || batchRefused || stopped())
       return true;
     if (status == 200 && !parser.error().empty())
       return fail("change feed of " + db + ": " + parser.error());
@@ -231,7 +282,14 @@ ChangesFeedListener::~ChangesFeedListener() { stop(); }
 bool ChangesFeedListener::run(const std::function<bool(const Change&)>& onChange, std::string* error,
                               const bool* cancel) {
   d->stopRequested = false;
-  return d->runFeed(onChange, error, cancel);
+  return d->runFeed(onChange, nullptr, error, cancel);
+}
+
+bool ChangesFeedListener::runBatches(
+    const std::function<bool(std::vector<Change>& batch, const std::string& checkpoint)>& onBatch, std::string* error,
+    const bool* cancel) {
+  d->stopRequested = false;
+  return d->runFeed(nullptr, onBatch, error, cancel);
 }
 
 bool ChangesFeedListener::start(std::function<bool(const Change&)> onChange) {
@@ -243,7 +301,7 @@ bool ChangesFeedListener::start(std::function<bool(const Change&)> onChange) {
   d->running = true;
   d->thread = std::thread([this, f = std::move(onChange)] {
     std::string error;
-    const bool ok = d->runFeed(f, &error, nullptr);
+    const bool ok = d->runFeed(f, nullptr, &error, nullptr);
     {
       std::lock_guard<std::mutex> lock(d->mutex);
       d->runOk = ok;

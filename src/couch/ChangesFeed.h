@@ -35,8 +35,17 @@ struct HTTPTOOLS_API ChangesOptions {
   unsigned heartbeatMs = 10000;    ///< heartbeat asked of the server on continuous and longpoll feeds
   std::vector<std::string> docIds; ///< only these documents (filter _doc_ids)
   std::string filter;              ///< "design/name"
-  unsigned batchLimit = 0;         ///< normal feed: changes per request (0: all at once)
-  bool allLeafRevs = false;        ///< style=all_docs: every leaf revision, not just the winner
+  /// filter=_selector: only changes of documents whose winning revision matches this Mango
+  /// selector (JSON text). CouchDB never sends the edit that makes a document stop matching, so
+  /// a follower that keeps a copy never hears that it should drop it; MatchesSelector
+  /// (MangoSelector.h) is the same match on the client side, e.g. for an unfiltered feed.
+  /// docIds wins over a selector, a selector over filter.
+  std::string selector;
+  /// seq_interval: the server computes a row's seq only every N rows (cheaper on a cluster); the
+  /// others come as null, with an empty Change::seq. Only last_seq is a checkpoint then.
+  unsigned seqInterval = 0;
+  unsigned batchLimit = 0;  ///< normal feed: changes per request (0: all at once)
+  bool allLeafRevs = false; ///< style=all_docs: every leaf revision, not just the winner
   /// Transient failures (connection lost, 5xx, 429, heartbeat silence) reconnect after a delay
   /// drawn at random between half and all of min(backoffMaxMs, backoffInitialMs * 2^(n-1)) for
   /// the n-th failure in a row. A 429 or 503 answer's Retry-After (seconds or an HTTP date)
@@ -78,6 +87,13 @@ public:
   /// looks at *cancel every 50 ms; another thread sets it through std::atomic_ref<bool>.
   bool run(const std::function<bool(const Change&)>& onChange, std::string* error = nullptr,
            const bool* cancel = nullptr);
+  /// Batch delivery, for callers that write in bulk: onBatch gets the changes of one answer
+  /// (normal and longpoll feeds: one request, batchLimit of them at most; continuous feeds: what
+  /// arrived in one read, up to 1000) and the checkpoint that holds once they are processed (the
+  /// answer's last_seq, or the last non-null seq of the batch; empty when none). The checkpoint
+  /// moves after onBatch returned true; false stops, as in run().
+  bool runBatches(const std::function<bool(std::vector<Change>& batch, const std::string& checkpoint)>& onBatch,
+                  std::string* error = nullptr, const bool* cancel = nullptr);
   /// The same on a thread of its own; false when one is already running.
   bool start(std::function<bool(const Change&)> onChange);
   /// Ends run() or the thread at once, even on a quiet feed or during a reconnect delay (the

@@ -1,0 +1,285 @@
+#include <HttpTools/couch/CouchBackup.h>
+
+#include <HttpTools/couch/ChangesFeed.h>
+#include <HttpTools/couch/CouchDocuments.h>
+#include <HttpTools/couch/CouchRequest_p.h>
+#include <HttpTools/http/CancelToken.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
+
+#include <rapidjson/reader.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <istream>
+#include <map>
+#include <mutex>
+#include <ostream>
+#include <thread>
+
+namespace qz::couch {
+
+namespace {
+
+// One page of the feed: its leaves as a _bulk_get body, then the lines to write.
+struct Batch {
+  size_t index = 0;
+  std::string body;
+  std::string checkpoint;
+  std::string lines;
+  size_t revisions = 0;
+  std::string error; // not written: the backup stops before it
+};
+
+// The documents of a _bulk_get answer as JSON lines.
+bool LinesOfAnswer(const std::string& answer, bool attachments, Batch& batch, std::string& error) {
+  qzVariantMapImpl top;
+  if (!json::Json2Variant::Convert(answer, top)) {
+    error = "invalid json answer of _bulk_get";
+    return false;
+  }
+  for (const qzVariant& result : top["results"].toList()) {
+    auto docs = result.toMap().find("docs");
+    if (docs == result.toMap().end())
+      continue;
+    for (const qzVariant& entry : docs->second.toList()) {
+      const qzVariantMapImpl& m = entry.toMap();
+      auto ok = m.find("ok");
+      if (ok == m.end()) {
+        auto err = m.find("error");
+        if (err == m.end())
+          continue; // {"missing": rev}: replaced since the feed was read; its later change brings it
+        const qzVariantMapImpl& e = err->second.toMap();
+        auto what = e.find("error");
+        if (what != e.end() && what->second.toString() == "not_found")
+          continue;
+        error = "reading " + result.toMap().at("id").toString() + ": " + err->second.toString();
+        return false;
+      }
+      qzVariant doc = ok->second;
+      if (!attachments)
+        doc.asMap().erase("_attachments");
+      std::string text;
+      json::Json2Variant::Convert(doc, text, false);
+      batch.lines += text;
+      batch.lines += '\n';
+      ++batch.revisions;
+    }
+  }
+  return true;
+}
+
+// The _id of a line that is one JSON object, read without building the document; false when the
+// line is not a JSON object with a string _id.
+bool IdOfLine(const std::string& line, std::string& id) {
+  struct Handler : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Handler> {
+    int depth = 0;
+    bool object = false, wanted = false, found = false;
+    std::string* id = nullptr;
+    bool StartObject() {
+      object = object || depth == 0;
+      wanted = false;
+      return ++depth, true;
+    }
+    bool StartArray() {
+      wanted = false;
+      return depth++ > 0;
+    }
+    bool EndObject(rapidjson::SizeType) { return --depth, true; }
+    bool EndArray(rapidjson::SizeType) { return --depth, true; }
+    bool Key(const char* s, rapidjson::SizeType n, bool) {
+      wanted = depth == 1 && n == 3 && std::memcmp(s, "_id", 3) == 0;
+      return true;
+    }
+    bool String(const char* s, rapidjson::SizeType n, bool) {
+      if (wanted)
+        id->assign(s, n), found = true;
+      return wanted = false, true;
+    }
+    bool Default() { return wanted = false, true; }
+  } handler;
+  handler.id = &id;
+  rapidjson::Reader reader;
+  rapidjson::StringStream in(line.c_str());
+  return !reader.Parse(in, handler).IsError() && handler.object && handler.found;
+}
+
+} // namespace
+
+bool BackupDatabase(http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                    const BackupOptions& options, std::ostream& out,
+                    const std::function<void(const std::string& checkpoint, uint64_t written)>& onBatchWritten,
+                    BackupStats* stats, std::string* error, const bool* cancel) {
+  const unsigned threads = std::max(1u, options.threads);
+  pool.ensureAtLeastMaxConcurrentConnection(threads + 1);
+  qz::Url bulkGet =
+      server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_bulk_get"},
+                                         {{"revs", "true"}, {"attachments", options.attachments ? "true" : "false"}});
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::map<size_t, Batch> todo, done; // by index
+  size_t submitted = 0, written = 0, busy = 0;
+  uint64_t bytes = 0;
+  bool feedOver = false;
+  std::string failure;
+  BackupStats counts;
+  counts.lastSeq = options.since;
+
+  auto worker = [&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+      changed.wait(lock, [&] { return !todo.empty() || feedOver || !failure.empty(); });
+      if (todo.empty() || !failure.empty())
+        return;
+      Batch batch = std::move(todo.begin()->second);
+      todo.erase(todo.begin());
+      ++busy;
+      lock.unlock();
+      detail::Reply reply;
+      std::string why;
+      if (!detail::RequestWithRetry(pool, bulkGet, http::Method::Post, &batch.body, reply, cancel, 10) ||
+          reply.code != 200)
+        why = "_bulk_get of " + db + ": " + reply.reason();
+      else
+        LinesOfAnswer(reply.body, options.attachments, batch, why);
+      batch.body.clear();
+      lock.lock();
+      --busy;
+      batch.error = why;
+      if (!why.empty() && failure.empty())
+        failure = why;
+      done.emplace(batch.index, std::move(batch));
+      changed.notify_all();
+    }
+  };
+  // Writes finished batches in feed order, up to a failed one; on the feed's thread only.
+  bool writeFailed = false;
+  auto writeDone = [&](std::unique_lock<std::mutex>& lock) {
+    while (!writeFailed && !done.empty() && done.begin()->first == written && done.begin()->second.error.empty()) {
+      Batch batch = std::move(done.begin()->second);
+      done.erase(done.begin());
+      lock.unlock();
+      out.write(batch.lines.data(), std::streamsize(batch.lines.size()));
+      out.flush();
+      const bool good = bool(out);
+      bytes += batch.lines.size();
+      if (good && onBatchWritten && !batch.checkpoint.empty())
+        onBatchWritten(batch.checkpoint, bytes);
+      lock.lock();
+      if (!good) {
+        writeFailed = true;
+        failure = "writing the backup failed";
+        break;
+      }
+      ++written;
+      counts.revisions += batch.revisions;
+      if (!batch.checkpoint.empty())
+        counts.lastSeq = batch.checkpoint;
+    }
+  };
+
+  std::vector<std::thread> workers;
+  for (unsigned t = 0; t < threads; ++t)
+    workers.emplace_back(worker);
+
+  ChangesOptions feedOptions;
+  feedOptions.since = options.since;
+  feedOptions.allLeafRevs = true;
+  feedOptions.batchLimit = unsigned(std::max<size_t>(1, options.batchSize));
+  ChangesFeedListener feed(pool, server, db, feedOptions);
+  std::string feedError;
+  const bool feedOk = feed.runBatches(
+      [&](std::vector<Change>& changes, const std::string& checkpoint) {
+        Batch batch;
+        batch.checkpoint = checkpoint;
+        batch.body = "{\"docs\":[";
+        bool first = true;
+        for (const Change& c : changes)
+          for (const std::string& rev : c.revs) {
+            batch.body += first ? "{\"id\":" : ",{\"id\":";
+            batch.body += detail::JsonString(c.id) + ",\"rev\":" + detail::JsonString(rev) + "}";
+            first = false;
+          }
+        batch.body += "]}";
+        std::unique_lock<std::mutex> lock(mutex);
+        counts.documents += changes.size();
+        batch.index = submitted++;
+        todo.emplace(batch.index, std::move(batch));
+        changed.notify_all();
+        // A few batches ahead of the writer at most.
+        for (;;) {
+          writeDone(lock);
+          if (!failure.empty() || http::CancelToken::IsSet(cancel))
+            return false;
+          if (submitted - written <= size_t(threads) * 2)
+            return true;
+          changed.wait(lock);
+        }
+      },
+      &feedError, cancel);
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    feedOver = true;
+    changed.notify_all();
+    changed.wait(lock, [&] {
+      writeDone(lock);
+      return busy == 0 && (todo.empty() || !failure.empty());
+    });
+    writeDone(lock);
+  }
+  for (auto& t : workers)
+    t.join();
+  if (failure.empty() && !feedOk)
+    failure = feedError;
+  if (failure.empty() && http::CancelToken::IsSet(cancel))
+    failure = "cancelled";
+  if (failure.empty() && written != submitted)
+    failure = "backup of " + db + " ended with batches unwritten";
+  if (stats)
+    *stats = counts;
+  if (!failure.empty() && error)
+    *error = failure;
+  return failure.empty();
+}
+
+bool RestoreDatabase(http::HttpConnectionPool& pool, const CouchConnectionParameters& server, const std::string& db,
+                     std::istream& in, unsigned threads, size_t batchDocs, RestoreStats* stats, std::string* error,
+                     const bool* cancel) {
+  RestoreStats counts;
+  bool ok = true;
+  {
+    DocumentUploader up(pool, server, db, std::max(1u, threads), std::max<size_t>(1, batchDocs));
+    up.setNewEdits(false);
+    for (std::string line; std::getline(in, line);) {
+      if (http::CancelToken::IsSet(cancel)) {
+        ok = false;
+        if (error)
+          *error = "cancelled";
+        break;
+      }
+      if (line.find_first_not_of(" \t\r") == std::string::npos)
+        continue;
+      ++counts.lines;
+      std::string id;
+      if (!IdOfLine(line, id)) {
+        ++counts.invalid;
+        continue;
+      }
+      up.addJson(std::move(line), id);
+    }
+    std::string flushError;
+    if (!up.flush(&flushError) && ok && error)
+      *error = flushError;
+    counts.stored = up.uploaded();
+    counts.failures = up.failures();
+  }
+  if (ok && counts.invalid > 0 && counts.failures.empty() && error)
+    *error = std::to_string(counts.invalid) + " line(s) are not documents";
+  ok = ok && counts.failures.empty() && counts.invalid == 0;
+  if (stats)
+    *stats = std::move(counts);
+  return ok;
+}
+
+} // namespace qz::couch
