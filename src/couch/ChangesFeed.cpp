@@ -4,6 +4,7 @@
 #include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/http/Transfer.h>
+#include <HttpTools/platform/qzJson_p.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
@@ -115,6 +116,7 @@ qz::Url ChangesFeedListener::Private::feedUrl(const std::string& from) const {
 bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change&)>& onChange,
                                            const std::function<bool(std::vector<Change>&, const std::string&)>& onBatch,
                                            std::string* error, const bool* cancel) {
+  const http::HttpConnectionPool::ParallelUse use(pool, 1); // its connection stays between reconnects
   const http::CancelToken run = newRun(cancel);
   auto stopped = [&] { return stopRequested.load() || run.isCancelled(); };
   auto fail = [&](const std::string& why) {
@@ -127,11 +129,9 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
                      // A compressing server holds changes back until its buffer fills.
                      "Accept-Encoding: identity"};
   if (!options.docIds.empty()) {
-    std::string body = "{\"doc_ids\":[";
-    for (size_t i = 0; i < options.docIds.size(); ++i)
-      body += (i ? "," : "") + detail::JsonString(options.docIds[i]);
     request.method = http::Method::Post;
-    request.setBody(body + "]}");
+    request.setBody(
+        json::JsonStringArray("doc_ids", options.docIds.data(), options.docIds.data() + options.docIds.size()));
     request.contentType = "application/json";
   } else if (!options.selector.empty()) {
     request.method = http::Method::Post;
@@ -273,9 +273,7 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
 
 ChangesFeedListener::ChangesFeedListener(http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
                                          const std::string& db, ChangesOptions options)
-    : d(std::make_unique<Private>(pool, server, db, std::move(options))) {
-  pool.ensureAtLeastMaxConcurrentConnection(1);
-}
+    : d(std::make_unique<Private>(pool, server, db, std::move(options))) {}
 
 ChangesFeedListener::~ChangesFeedListener() { stop(); }
 

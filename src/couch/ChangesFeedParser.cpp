@@ -1,6 +1,7 @@
 #include <HttpTools/couch/ChangesFeedParser_p.h>
 
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <rapidjson/reader.h>
 
@@ -141,10 +142,8 @@ bool ChangesFeedParser::finishTop() {
     return fail("invalid json in change feed: " + m_top.substr(0, 200));
   const std::string text = std::move(m_top);
   m_top.clear();
-  if (auto err = top.find("error"); err != top.end()) {
-    auto reason = top.find("reason");
-    return fail(err->second.toString() + (reason != top.end() ? ": " + reason->second.toString() : std::string()));
-  }
+  if (top.count("error"))
+    return fail(json::ErrorReasonOf(top));
   if (top.count("results") == 0 && top.count("id") != 0)
     return deliver(top, text);
   if (auto last = top.find("last_seq"); last != top.end()) {

@@ -4,6 +4,7 @@
 #include <HttpTools/couch/StoredDocuments_p.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <exception>
 #include <set>
@@ -20,9 +21,7 @@ public:
 
 ConflictSolver::ConflictSolver(http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
                                const std::string& db)
-    : d(new Private{pool, server, db, {}}) {
-  pool.ensureAtLeastMaxConcurrentConnection(1);
-}
+    : d(new Private{pool, server, db, {}}) {}
 ConflictSolver::~ConflictSolver() = default;
 void ConflictSolver::setResolver(Resolver resolver) { d->resolver = std::move(resolver); }
 
@@ -82,8 +81,10 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
   const qz::Url bulk = d->server.toDatabaseUrl(d->db, {}).toUrl(std::vector<std::string>{"_bulk_docs"}, {});
   auto write = [&](const std::vector<qzVariantMapImpl>& docs, std::set<std::string>& refused) {
     std::string body = "{\"docs\":[";
-    for (size_t i = 0; i < docs.size(); ++i)
-      body += (i ? "," : "") + detail::ToJson(docs[i]);
+    for (size_t i = 0; i < docs.size(); ++i) {
+      body += i ? "," : "";
+      json::AppendJson(body, docs[i]);
+    }
     body += "]}";
     if (!detail::RequestWithRetry(d->pool, bulk, http::Method::Post, &body, reply, nullptr) || reply.code != 201)
       return fail(reply.reason());
@@ -96,7 +97,7 @@ bool ConflictSolver::solve(const std::string& docId, std::string* error, bool* s
       if (e != r.end() && e->second.toString() == "conflict" && i < docs.size())
         refused.insert(docs[i].at("_rev").toString());
       else if (e != r.end())
-        return fail(e->second.toString() + (r.count("reason") ? ": " + r.at("reason").toString() : std::string()));
+        return fail(json::ErrorReasonOf(r));
     }
     return true;
   };
@@ -152,7 +153,9 @@ bool ConflictSolver::findConflicts(std::vector<std::string>& ids, std::string* e
     CouchConnectionParameters::Query query = {
         {"include_docs", "true"}, {"conflicts", "true"}, {"limit", std::to_string(page)}};
     if (!startKey.empty()) {
-      query.emplace_back("startkey", detail::JsonString(startKey));
+      std::string key;
+      json::AppendJsonString(key, startKey);
+      query.emplace_back("startkey", std::move(key));
       query.emplace_back("skip", "1");
     }
     const qz::Url url = d->server.toDatabaseUrl(d->db, {}).toUrl(std::vector<std::string>{"_all_docs"}, query);
@@ -185,6 +188,7 @@ bool ConflictSolver::findConflicts(std::vector<std::string>& ids, std::string* e
 bool ConflictSolver::solveAll(size_t* solved, std::string* error, const bool* cancel) {
   if (solved)
     *solved = 0;
+  const http::HttpConnectionPool::ParallelUse use(d->pool, 1);
   std::vector<std::string> ids;
   if (!findConflicts(ids, error, cancel))
     return false;

@@ -1,4 +1,5 @@
 #include <HttpTools/couch/CouchBackup.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <HttpTools/couch/ChangesFeed.h>
 #include <HttpTools/couch/CouchDocuments.h>
@@ -198,7 +199,10 @@ bool BackupDatabase(http::HttpConnectionPool& pool, const CouchConnectionParamet
         for (const Change& c : changes)
           for (const std::string& rev : c.revs) {
             batch.body += first ? "{\"id\":" : ",{\"id\":";
-            batch.body += detail::JsonString(c.id) + ",\"rev\":" + detail::JsonString(rev) + "}";
+            json::AppendJsonString(batch.body, c.id);
+            batch.body += ",\"rev\":";
+            json::AppendJsonString(batch.body, rev);
+            batch.body += "}";
             first = false;
           }
         batch.body += "]}";

@@ -1,4 +1,5 @@
 #include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/url/Url_p.h>
 
 namespace qz::couch {
 
@@ -6,22 +7,7 @@ CouchConnectionParameters::~CouchConnectionParameters() = default;
 
 bool CouchConnectionParameters::BuildFromDbUrl(CouchConnectionParameters* params, std::string* dbName,
                                                const std::string& dbUrl) {
-  if (dbName)
-    dbName->clear();
-  if (!params)
-    return false;
-  std::string parseError; // a bad URL is reported by the result alone
-  if (!params->fromEncodedUtf8String(dbUrl, &parseError, false))
-    return false;
-  auto& segments = params->pathSegments;
-  if (segments.empty()) {
-    params->clearUrl(ClearAll);
-  } else {
-    if (dbName)
-      *dbName = segments.back();
-    segments.pop_back();
-  }
-  return params->isValid();
+  return url_impl::SplitLastSegment(params, dbName, dbUrl);
 }
 
 CouchConnectionParameters CouchConnectionParameters::toDatabaseUrl(const std::string& dbName,

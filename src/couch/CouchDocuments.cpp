@@ -4,6 +4,7 @@
 #include <HttpTools/couch/StoredDocuments_p.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <algorithm>
 #include <atomic>
@@ -55,15 +56,14 @@ public:
 
 DocumentGetter::DocumentGetter(http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
                                const std::string& db, unsigned threads)
-    : d(new Private{pool, server, db, std::max(1u, threads)}) {
-  pool.ensureAtLeastMaxConcurrentConnection(d->threads);
-}
+    : d(new Private{pool, server, db, std::max(1u, threads)}) {}
 DocumentGetter::~DocumentGetter() = default;
 void DocumentGetter::setBatchSize(size_t ids) { d->batch = std::max<size_t>(1, ids); }
 
 bool DocumentGetter::get(const std::vector<std::string>& ids,
                          const std::function<void(const std::string& id, qzVariant& doc)>& onDoc,
                          std::vector<std::string>* missing, std::string* error, const bool* cancel) {
+  const http::HttpConnectionPool::ParallelUse use(d->pool, d->threads);
   const size_t batches = (ids.size() + d->batch - 1) / d->batch;
   std::vector<std::vector<std::string>> missingPerBatch(batches);
   std::mutex mutex;
@@ -121,9 +121,7 @@ public:
 
 DocumentUpdater::DocumentUpdater(http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
                                  const std::string& db, unsigned threads)
-    : d(new Private{pool, server, db, std::max(1u, threads)}) {
-  pool.ensureAtLeastMaxConcurrentConnection(d->threads);
-}
+    : d(new Private{pool, server, db, std::max(1u, threads)}) {}
 DocumentUpdater::~DocumentUpdater() = default;
 void DocumentUpdater::setBatchSize(size_t ids) { d->batch = std::max<size_t>(1, ids); }
 void DocumentUpdater::setMaxConflictRetries(unsigned n) { d->maxRetries = n; }
@@ -142,6 +140,7 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
   };
   const qz::Url bulk = d->server.toDatabaseUrl(d->db, {}).toUrl(std::vector<std::string>{"_bulk_docs"}, {});
   const size_t batches = (ids.size() + d->batch - 1) / d->batch;
+  const http::HttpConnectionPool::ParallelUse use(d->pool, d->threads);
   const bool ok = RunBatches(d->threads, batches, [&](size_t b) {
     const size_t begin = b * d->batch;
     std::vector<std::string> pending(ids.begin() + long(begin),
@@ -194,9 +193,8 @@ bool DocumentUpdater::update(const std::vector<std::string>& ids,
         } else if (e->second.toString() == "conflict" && id != m.end() && sent.count(id->second.toString())) {
           conflicted.emplace(id->second.toString(), std::move(sent[id->second.toString()]));
         } else {
-          auto why = m.find("reason");
-          failWith("document " + (id != m.end() ? id->second.toString() : std::string()) + ": " + e->second.toString() +
-                   (why != m.end() ? ": " + why->second.toString() : std::string()));
+          failWith("document " + (id != m.end() ? id->second.toString() : std::string()) + ": " +
+                   json::ErrorReasonOf(m));
         }
       }
       // A conflict is either another writer (change it again on what it wrote) or this write,
@@ -231,7 +229,7 @@ public:
   Private(http::HttpConnectionPool& p, const CouchConnectionParameters& s, const std::string& name, unsigned t,
           size_t docs, size_t bytes)
       : pool(p), server(s), db(name), threads(std::max(1u, t)), batchDocs(std::max<size_t>(1, docs)),
-        batchBytes(std::max<size_t>(1, bytes)) {}
+        batchBytes(std::max<size_t>(1, bytes)), use(p, threads) {}
   ~Private() { finish(); }
 
   void push(std::string json, std::string id);
@@ -251,6 +249,7 @@ public:
   const unsigned threads;
   const size_t batchDocs;
   const size_t batchBytes;
+  const http::HttpConnectionPool::ParallelUse use; // the workers keep their connections
   bool newEdits = true;
 
   std::mutex mutex;
@@ -337,9 +336,7 @@ void DocumentUploader::Private::send(Batch& batch) {
           continue;
         }
         auto id = m.find("id");
-        auto why = m.find("reason");
-        failed.emplace_back(id != m.end() ? id->second.toString() : std::string(),
-                            e->second.toString() + (why != m.end() ? ": " + why->second.toString() : std::string()));
+        failed.emplace_back(id != m.end() ? id->second.toString() : std::string(), json::ErrorReasonOf(m));
         if (newEdits && e->second.toString() == "conflict")
           conflicts.insert(failed.back().first);
       }
@@ -394,9 +391,7 @@ void DocumentUploader::Private::finish() {
 
 DocumentUploader::DocumentUploader(http::HttpConnectionPool& pool, const CouchConnectionParameters& server,
                                    const std::string& db, unsigned threads, size_t batchDocs, size_t batchBytes)
-    : d(std::make_unique<Private>(pool, server, db, threads, batchDocs, batchBytes)) {
-  pool.ensureAtLeastMaxConcurrentConnection(d->threads);
-}
+    : d(std::make_unique<Private>(pool, server, db, threads, batchDocs, batchBytes)) {}
 DocumentUploader::~DocumentUploader() = default;
 
 void DocumentUploader::setNewEdits(bool newEdits) { d->newEdits = newEdits; }

@@ -1,4 +1,5 @@
 #include <HttpTools/couch/CouchFind.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/http/CancelToken.h>
@@ -47,7 +48,8 @@ bool FindDocuments(http::HttpConnectionPool& pool, const CouchConnectionParamete
       request["bookmark"] = bookmark;
     else if (skip > 0)
       request["skip"] = skip;
-    const std::string body = detail::ToJson(request);
+    std::string body;
+    json::AppendJson(body, request);
     detail::Reply reply;
     if (!detail::RequestWithRetry(pool, url, http::Method::Post, &body, reply, cancel) || reply.code != 200)
       return done(false, http::CancelToken::IsSet(cancel) ? "cancelled" : "_find in " + db + ": " + reply.reason());

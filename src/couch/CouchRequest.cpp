@@ -2,17 +2,14 @@
 
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 namespace qz::couch::detail {
 
 std::string Reply::reason() const {
   qzVariantMapImpl answer;
-  if (code != 0 && json::Json2Variant::Convert(body, answer)) {
-    auto error = answer.find("error");
-    auto why = answer.find("reason");
-    if (error != answer.end())
-      return error->second.toString() + (why != answer.end() ? ": " + why->second.toString() : std::string());
-  }
+  if (code != 0 && json::Json2Variant::Convert(body, answer) && answer.count("error"))
+    return json::ErrorReasonOf(answer);
   if (code != 0)
     return "HTTP " + std::to_string(code);
   return error.ok() ? std::string("no answer") : error.message();
@@ -45,18 +42,6 @@ bool RequestWithRetry(http::HttpConnectionPool& pool, const qz::Url& url, http::
     return false;
   http::TransferError status{.kind = http::ErrorKind::HttpStatus, .httpStatus = out.code};
   return !status.transient();
-}
-
-std::string ToJson(const qzVariantMapImpl& doc) {
-  std::string text;
-  json::Json2Variant::Convert(doc, text, false);
-  return text;
-}
-
-std::string JsonString(const std::string& s) {
-  std::string text;
-  json::Json2Variant::Convert(qzVariant(s), text, false);
-  return text;
 }
 
 } // namespace qz::couch::detail

@@ -33,7 +33,4 @@ bool RequestWithRetry(qz::http::HttpConnectionPool& pool, const qz::Url& url, ht
 // The policy of RequestWithRetry for `attempts` attempts.
 http::RetryPolicy CouchRetryPolicy(unsigned attempts);
 
-std::string ToJson(const qzVariantMapImpl& doc);
-std::string JsonString(const std::string& s); // quoted and escaped
-
 } // namespace qz::couch::detail

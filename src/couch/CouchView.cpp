@@ -5,29 +5,13 @@
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/platform/qzIoDevice.h>
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzThread.h>
 
 namespace qz::couch {
-
-namespace {
-
-// Writes into a string whose capacity was reserved beforehand.
-class StringDevice : public qzIoDevice {
-public:
-  explicit StringDevice(std::string& out) : m_out(out) {}
-  int64_t writeBytes(const char* data, unsigned long length) override {
-    m_out.append(data, length);
-    return int64_t(length);
-  }
-
-private:
-  std::string& m_out;
-};
-
-} // namespace
 
 qz::Url BuildViewUrl(const CouchConnectionParameters& server, const std::string& dbName,
                      const std::string& designDocName, const std::string& viewName, long limit) {
@@ -42,20 +26,6 @@ qz::Url BuildViewUrl(const CouchConnectionParameters& server, const std::string&
   return server.toDatabaseUrl(dbName, {}).toUrl(segments, query);
 }
 
-std::string BuildKeysBody(const std::vector<std::string>& keys) {
-  std::string body;
-  body.reserve(json::JsonStreamer::ConvertToJsonStringSize("keys", keys));
-  StringDevice device(body);
-  json::JsonStreamer writer(device);
-  writer.begin();
-  writer.arrayBegin("keys");
-  for (const auto& key : keys)
-    writer.arrayString(key);
-  writer.arrayEnd();
-  writer.end();
-  return body;
-}
-
 bool FetchCouchDbView(http::HttpConnection& connection, const CouchConnectionParameters& server,
                       const std::string& dbName, const std::string& designDocName, const std::string& viewName,
                       const std::vector<std::string>* keys,
@@ -68,7 +38,7 @@ bool FetchCouchDbView(http::HttpConnection& connection, const CouchConnectionPar
   const qz::Url url = BuildViewUrl(server, dbName, designDocName, viewName, limit);
   std::string body;
   if (keys)
-    body = BuildKeysBody(*keys);
+    body = json::JsonStringArray("keys", keys->data(), keys->data() + keys->size());
 
   ViewResultStreamParser parser(rowFunction, userData, cancel);
   for (;;) {

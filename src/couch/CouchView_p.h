@@ -13,7 +13,5 @@ namespace qz::couch {
 
 qz::Url BuildViewUrl(const CouchConnectionParameters& server, const std::string& dbName,
                      const std::string& designDocName, const std::string& viewName, long limit);
-// {"keys":[...]} built in a buffer sized beforehand.
-std::string BuildKeysBody(const std::vector<std::string>& keys);
 
 } // namespace qz::couch

@@ -1,4 +1,5 @@
 #include <HttpTools/couch/FeedCheckpoint.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/http/HttpConnectionPool.h>
@@ -45,7 +46,8 @@ bool FeedCheckpoint::save(const std::string& seq, std::string* error, const bool
     qzVariantMapImpl doc{{"seq", seq}};
     if (!d->rev.empty())
       doc["_rev"] = d->rev;
-    const std::string body = detail::ToJson(doc);
+    std::string body;
+    json::AppendJson(body, doc);
     detail::Reply reply;
     if (!detail::RequestWithRetry(d->pool, d->url, http::Method::Put, &body, reply, cancel))
       break;

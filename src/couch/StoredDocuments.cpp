@@ -2,6 +2,7 @@
 
 #include <HttpTools/couch/CouchRequest_p.h>
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
 #include <cstdlib>
@@ -14,10 +15,7 @@ bool FetchDocuments(http::HttpConnectionPool& pool, const CouchConnectionParamet
                     std::string& error, const bool* cancel) {
   const qz::Url url =
       server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_all_docs"}, {{"include_docs", "true"}});
-  std::string body = "{\"keys\":[";
-  for (size_t i = begin; i < end; ++i)
-    body += (i > begin ? "," : "") + JsonString(ids[i]);
-  body += "]}";
+  const std::string body = json::JsonStringArray("keys", ids.data() + begin, ids.data() + end);
   Reply reply;
   if (!RequestWithRetry(pool, url, http::Method::Post, &body, reply, cancel) || reply.code != 200) {
     error = "reading documents of " + db + ": " + reply.reason();
@@ -46,7 +44,7 @@ bool FetchDocuments(http::HttpConnectionPool& pool, const CouchConnectionParamet
       qzVariantMapImpl& r = *found->second[n];
       auto e = r.find("error");
       if (e != r.end() && e->second.toString() != "not_found")
-        out.error = e->second.toString() + (r.count("reason") ? ": " + r["reason"].toString() : std::string());
+        out.error = json::ErrorReasonOf(r);
       else if (e == r.end() && !r["value"].toMap().count("deleted") && r["doc"].isMap())
         out.doc = std::move(r["doc"]);
     }

@@ -2,7 +2,9 @@
 
 #include <HttpTools/elasticsearch/ElasticRequest_p.h>
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+#include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/http/RetryPolicy.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
 
@@ -12,7 +14,6 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <random>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -133,7 +134,7 @@ public:
   Private(http::HttpConnectionPool& pool, const ElasticConnectionParameters& server, unsigned threads, size_t maxDocs,
           size_t maxBytes)
       : m_pool(pool), m_url(server.toApiUrl({"_bulk"}, {})), m_threads(std::max(1u, threads)),
-        m_maxDocs(std::max<size_t>(1, maxDocs)), m_maxBytes(std::max<size_t>(1, maxBytes)) {
+        m_maxDocs(std::max<size_t>(1, maxDocs)), m_maxBytes(std::max<size_t>(1, maxBytes)), m_use(pool, m_threads) {
     for (unsigned i = 0; i < m_threads; ++i)
       m_workers.emplace_back([this] { work(); });
   }
@@ -214,7 +215,8 @@ public:
     return text.empty();
   }
 
-  // Takes every unsent batch and reports its items cancelled; wakes the workers' backoffs.
+  // Takes every unsent batch and reports its items cancelled; cuts the workers' requests and
+  // backoffs.
   void stop() {
     std::vector<Batch> unsent;
     {
@@ -228,6 +230,7 @@ public:
       m_current = Batch();
     }
     m_cv.notify_all();
+    m_stop.cancel();
     for (const Batch& b : unsent)
       for (const Op& op : b.ops)
         cancel(b, op);
@@ -259,8 +262,8 @@ public:
 
   void setRetries(unsigned retries, unsigned firstBackoffMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_retries = retries;
-    m_firstBackoffMs = firstBackoffMs;
+    m_retry.attempts = retries + 1;
+    m_retry.initialBackoffMs = firstBackoffMs;
   }
 
 private:
@@ -366,20 +369,6 @@ private:
     settle(b, op, r, false, true);
   }
 
-  unsigned backoffMs(unsigned attempt) {
-    unsigned first, ms;
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      first = m_firstBackoffMs;
-    }
-    ms = first;
-    for (unsigned i = 1; i < attempt && ms < 5000; ++i)
-      ms *= 2;
-    ms = std::min(ms, 5000u);
-    thread_local std::minstd_rand jitter(std::random_device{}());
-    return ms / 2 + (ms ? unsigned(jitter() % (ms / 2 + 1)) : 0);
-  }
-
   // Sends one batch and everything that must be sent again, until no item is left to retry.
   // Gives back the first body for reuse.
   std::string send(Batch batch) {
@@ -421,7 +410,9 @@ private:
       results.clear();
       ElasticResponse response;
       const bool answered =
-          ElasticCall(*connection, "POST", m_url, &batch.body, "application/x-ndjson", response, &cutter, nullptr);
+          ElasticCall(*connection, "POST", m_url, &batch.body, "application/x-ndjson", response, &cutter, &m_stop);
+      if (!answered && m_stop.isCancelled())
+        continue; // cut by stop(): the loop's first check cancels
       const int status = int(response.status);
       std::vector<size_t> again;
       std::vector<ItemResult> againWhy;
@@ -459,12 +450,12 @@ private:
       }
       if (again.empty())
         return keepBody();
-      unsigned retries;
+      http::RetryPolicy retry;
       {
         std::lock_guard<std::mutex> lock(m_mutex);
-        retries = m_retries;
+        retry = m_retry;
       }
-      if (batch.attempt >= retries) {
+      if (batch.attempt + 1 >= retry.attempts) {
         for (size_t k = 0; k < again.size(); ++k)
           settle(batch, batch.ops[again[k]], againWhy[k], false);
         return keepBody();
@@ -482,11 +473,12 @@ private:
       }
       keepBody();
       batch = std::move(next);
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stats.retried += batch.ops.size();
+      }
       // The backoff ends early when stop() is called; the loop's first check then cancels.
-      const auto backoff = std::chrono::milliseconds(backoffMs(batch.attempt));
-      std::unique_lock<std::mutex> lock(m_mutex);
-      m_stats.retried += batch.ops.size();
-      m_cv.wait_for(lock, backoff, [this] { return bool(m_stopping); });
+      m_stop.waitFor(std::chrono::milliseconds(retry.backoffMs(batch.attempt)));
     }
   }
 
@@ -494,6 +486,7 @@ private:
   const qz::Url m_url;
   const unsigned m_threads;
   const size_t m_maxDocs, m_maxBytes;
+  const http::HttpConnectionPool::ParallelUse m_use; // the workers keep their connections
 
   mutable std::mutex m_mutex; // guards everything below
   std::condition_variable m_cv;
@@ -510,8 +503,8 @@ private:
   std::string m_firstFailure;
   size_t m_lastBatchBytes = 0;
   unsigned m_intervalMs = 0;
-  unsigned m_retries = 5;
-  unsigned m_firstBackoffMs = 100;
+  http::RetryPolicy m_retry{.attempts = 6, .initialBackoffMs = 100, .maxBackoffMs = 5000, .jitter = 0.5};
+  const http::CancelToken m_stop; // cancelled by stop(): cuts requests on the wire and backoffs
   std::vector<std::thread> m_workers;
   std::thread m_timer;
 

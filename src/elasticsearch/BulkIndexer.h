@@ -107,9 +107,9 @@ public:
   /// As add(), with the document (or partial document) as a variant instead of item.json.
   bool add(const BulkItem& item, const qzVariantMapImpl& document, std::string* error = nullptr);
 
-  /// Stops within 100 ms whatever the retry state (an answer already on its way is still read):
-  /// nothing more is sent, and every item not yet acknowledged is reported cancelled through the
-  /// outcome and failure callbacks. Later add() calls return false.
+  /// Stops within 100 ms whatever the retry state (a request on the wire is cut): nothing more is
+  /// sent, and every item not yet acknowledged is reported cancelled through the outcome and
+  /// failure callbacks. Later add() calls return false.
   void stop();
 
   /// Sends what is queued and waits for every request; true when every item since the last flush

@@ -75,14 +75,8 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       if (b >= batches || failed || http::CancelToken::IsSet(userCancel))
         break;
       batchMissing = &missingPerBatch[b];
-      body = "{\"ids\":[";
       const size_t end = std::min(ids.size(), (b + 1) * m_batchSize);
-      for (size_t i = b * m_batchSize; i < end; ++i) {
-        if (i != b * m_batchSize)
-          body.push_back(',');
-        AppendJsonString(body, ids[i]);
-      }
-      body += "]}";
+      body = json::JsonStringArray("ids", ids.data() + b * m_batchSize, ids.data() + end);
       ElasticResponse r;
       const bool answered = ElasticCall(*connection, "POST", url, &body, "application/json", r, &cutter, userCancel);
       if (!answered) {
@@ -97,6 +91,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
   };
 
   const size_t threads = std::min<size_t>(m_threads, batches);
+  const http::HttpConnectionPool::ParallelUse use(m_pool, unsigned(threads));
   if (threads <= 1) {
     worker();
   } else {

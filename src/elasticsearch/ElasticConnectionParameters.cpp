@@ -1,4 +1,5 @@
 #include <HttpTools/elasticsearch/ElasticConnectionParameters.h>
+#include <HttpTools/url/Url_p.h>
 
 namespace qz::elasticsearch {
 
@@ -6,22 +7,7 @@ ElasticConnectionParameters::~ElasticConnectionParameters() = default;
 
 bool ElasticConnectionParameters::BuildFromIndexUrl(ElasticConnectionParameters* params, std::string* index,
                                                     const std::string& url) {
-  if (index)
-    index->clear();
-  if (!params)
-    return false;
-  std::string parseError; // a bad URL is reported by the result alone
-  if (!params->fromEncodedUtf8String(url, &parseError, false))
-    return false;
-  auto& segments = params->pathSegments;
-  if (segments.empty()) {
-    params->clearUrl(ClearAll);
-  } else {
-    if (index)
-      *index = segments.back();
-    segments.pop_back();
-  }
-  return params->isValid();
+  return url_impl::SplitLastSegment(params, index, url);
 }
 
 ElasticConnectionParameters ElasticConnectionParameters::toIndexUrl(const std::string& index,

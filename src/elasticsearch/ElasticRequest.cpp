@@ -7,10 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
-#include <cmath>
 #include <cstring>
-#include <optional>
 #include <string_view>
 #include <strings.h>
 
@@ -73,6 +70,15 @@ http::Method methodOf(const char* name, bool& known) {
 
 bool ElasticCall(http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
                  const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter, const bool* cancel) {
+  if (!cancel)
+    return ElasticCall(connection, method, url, body, contentType, out, cutter);
+  const http::CancelToken token = http::CancelToken::Watching(cancel);
+  return ElasticCall(connection, method, url, body, contentType, out, cutter, &token);
+}
+
+bool ElasticCall(http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
+                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter,
+                 const http::CancelToken* cancel) {
   static std::atomic<bool> productWarned{false};
   out = ElasticResponse();
   if (cutter)
@@ -89,11 +95,8 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
     request.contentType = contentType ? contentType : "application/json";
   ElasticSink sink(out, cutter);
   http::TransferOutcome outcome;
-  std::optional<http::CancelToken> token;
-  if (cancel)
-    token = http::CancelToken::Watching(cancel);
-  const bool ok = http::transfer_impl::Perform(connection, url, request, sink, outcome, token ? &*token : nullptr,
-                                               http::transfer_impl::HeaderLines);
+  const bool ok =
+      http::transfer_impl::Perform(connection, url, request, sink, outcome, cancel, http::transfer_impl::HeaderLines);
   out.status = outcome.status;
   if (!ok) {
     if (outcome.error.kind == http::ErrorKind::Cancelled)
@@ -121,119 +124,9 @@ std::string ErrorText(const ElasticResponse& response) {
   if (!response.transportError.empty())
     return response.transportError;
   qzVariantMapImpl doc;
-  if (json::Json2Variant::Convert(response.body, doc)) {
-    auto e = doc.find("error");
-    if (e != doc.end()) {
-      if (e->second.isMap()) {
-        const auto& m = e->second.toMap();
-        auto type = m.find("type");
-        auto reason = m.find("reason");
-        std::string text = type != m.end() ? type->second.toString() : std::string("error");
-        if (reason != m.end())
-          text += ": " + reason->second.toString();
-        return text + " (HTTP " + std::to_string(response.status) + ")";
-      }
-      return e->second.toString() + " (HTTP " + std::to_string(response.status) + ")";
-    }
-  }
+  if (json::Json2Variant::Convert(response.body, doc) && doc.count("error"))
+    return json::ErrorReasonOf(doc) + " (HTTP " + std::to_string(response.status) + ")";
   return "HTTP status " + std::to_string(response.status) + ": " + response.body.substr(0, 200);
-}
-
-void AppendJsonString(std::string& out, const std::string& s) {
-  static const char hex[] = "0123456789abcdef";
-  out.push_back('"');
-  size_t run = 0; // start of the bytes that go as they are
-  for (size_t i = 0; i < s.size(); ++i) {
-    const auto u = static_cast<unsigned char>(s[i]);
-    if (u >= 0x20 && u != '"' && u != '\\')
-      continue;
-    out.append(s, run, i - run);
-    run = i + 1;
-    switch (u) {
-    case '"':
-      out += "\\\"";
-      break;
-    case '\\':
-      out += "\\\\";
-      break;
-    case '\n':
-      out += "\\n";
-      break;
-    case '\r':
-      out += "\\r";
-      break;
-    case '\t':
-      out += "\\t";
-      break;
-    default:
-      out += "\\u00";
-      out.push_back(hex[u >> 4]);
-      out.push_back(hex[u & 15]);
-    }
-  }
-  out.append(s, run, std::string::npos);
-  out.push_back('"');
-}
-
-void AppendJson(std::string& out, const qzVariant& v) {
-  char number[32];
-  switch (v.type()) {
-  case qzVariant::Null:
-    out += "null";
-    break;
-  case qzVariant::Bool:
-    out += v.toBool() ? "true" : "false";
-    break;
-  case qzVariant::Int64: {
-    const auto r = std::to_chars(number, number + sizeof number, v.toInt64());
-    out.append(number, r.ptr);
-    break;
-  }
-  case qzVariant::Double: {
-    const double d = v.toDouble();
-    if (!std::isfinite(d)) {
-      out += "null"; // JSON has no NaN nor infinity
-      break;
-    }
-    const auto r = std::to_chars(number, number + sizeof number, d);
-    out.append(number, r.ptr);
-    if (std::find_if(number, r.ptr, [](char c) { return c == '.' || c == 'e'; }) == r.ptr)
-      out += ".0"; // stays a floating-point number for the server's type guess
-    break;
-  }
-  case qzVariant::String:
-    AppendJsonString(out, *v.stringPtr());
-    break;
-  case qzVariant::Map:
-    AppendJson(out, v.toMap());
-    break;
-  case qzVariant::List: {
-    out.push_back('[');
-    bool first = true;
-    for (const auto& e : v.toList()) {
-      if (!first)
-        out.push_back(',');
-      first = false;
-      AppendJson(out, e);
-    }
-    out.push_back(']');
-    break;
-  }
-  }
-}
-
-void AppendJson(std::string& out, const qzVariantMapImpl& map) {
-  out.push_back('{');
-  bool first = true;
-  for (const auto& [key, value] : map) {
-    if (!first)
-      out.push_back(',');
-    first = false;
-    AppendJsonString(out, key);
-    out.push_back(':');
-    AppendJson(out, value);
-  }
-  out.push_back('}');
 }
 
 } // namespace qz::elasticsearch

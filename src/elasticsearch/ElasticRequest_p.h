@@ -1,14 +1,16 @@
 #pragma once
 
 #include <HttpTools/platform/Export.h>
+#include <HttpTools/platform/qzJson_p.h>
 #include <HttpTools/platform/qzVariant.h>
 #include <HttpTools/url/Url.h>
 
 #include <string>
 
 namespace qz::http {
+class CancelToken;
 class HttpConnection;
-}
+} // namespace qz::http
 
 namespace qz::elasticsearch {
 
@@ -24,7 +26,12 @@ struct ElasticResponse {
 // One request over `connection`; any status is an answer. `body` (may be null) is sent with
 // `contentType`; a 2xx body goes to `cutter` when one is given. False only when no complete
 // answer arrived (transport error, cut body, cancel, cutter refused); `out.transportError` says
-// why. An answer without the product header is accepted and logged once per process.
+// why. An answer without the product header is accepted and logged once per process. `cancel`
+// cuts the request on the wire.
+bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
+                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter = nullptr,
+                 const qz::http::CancelToken* cancel = nullptr);
+// The same under a caller's flag (read atomically; may be null).
 bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
                  const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter, const bool* cancel);
 
@@ -32,10 +39,7 @@ bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const
 // start of the body when it is not one.
 std::string ErrorText(const ElasticResponse& response);
 
-// The JSON text of `s` as a string literal, quotes included.
-void AppendJsonString(std::string& out, const std::string& s);
-// Compact JSON of a variant, appended in place (no copy of the value; NaN and infinities as null).
-void AppendJson(std::string& out, const qzVariant& value);
-void AppendJson(std::string& out, const qzVariantMapImpl& map);
+using qz::json::AppendJson;
+using qz::json::AppendJsonString;
 
 } // namespace qz::elasticsearch

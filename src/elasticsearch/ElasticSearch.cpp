@@ -67,12 +67,6 @@ struct HitSink {
   }
 };
 
-std::string toJson(const qzVariantMapImpl& map) {
-  std::string text;
-  json::Json2Variant::Convert(map, text, false);
-  return text;
-}
-
 } // namespace
 
 bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
@@ -148,7 +142,8 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       request["pit"] = qzVariantMapImpl{{"id", pitId}, {"keep_alive", kKeepAlive}};
       if (sink.delivered)
         request["search_after"] = sink.lastSort;
-      const std::string body = toJson(request);
+      std::string body;
+      AppendJson(body, request);
       const size_t before = sink.delivered;
       const bool answered = ElasticCall(connection, "POST", searchUrl, &body, "application/json", r, &cutter, stop);
       if (!answered || r.status != 200) {
@@ -165,8 +160,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
     AppendJsonString(closeBody, pitId);
     closeBody += "}";
     ElasticResponse closed;
-    if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_pit"}, {}), &closeBody, "application/json", closed,
-                     nullptr, nullptr) ||
+    if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_pit"}, {}), &closeBody, "application/json", closed) ||
         closed.status != 200)
       qzLogObject(qzLog::Warning, "elasticsearch")
           << "Cannot close the point in time on " << index << ": " << ErrorText(closed);
@@ -176,7 +170,8 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       request["sort"] = qzVariantListImpl{qzVariant("_doc")};
     request["size"] = pageSize;
     std::string scrollId;
-    std::string body = toJson(request);
+    std::string body;
+    AppendJson(body, request);
     bool answered = ElasticCall(connection, "POST", server.toApiUrl({index, "_search"}, {{"scroll", kKeepAlive}}),
                                 &body, "application/json", r, &cutter, stop);
     for (;;) {
@@ -201,7 +196,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       closeBody += "]}";
       ElasticResponse closed;
       if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody, "application/json",
-                       closed, nullptr, nullptr) ||
+                       closed) ||
           closed.status != 200)
         qzLogObject(qzLog::Warning, "elasticsearch")
             << "Cannot clear the scroll on " << index << ": " << ErrorText(closed);

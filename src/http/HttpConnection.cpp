@@ -423,17 +423,6 @@ TransferError HttpConnection::getLastError() const {
   return e;
 }
 
-std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
-                                const char* curlErrorBuffer) {
-  TransferError e;
-  e.context = internalError;
-  e.httpStatus = httpCode;
-  e.curlCode = int(code);
-  if (curlErrorBuffer)
-    e.curlText = curlErrorBuffer;
-  return e.message();
-}
-
 void HttpConnection::addErrorDetail(const std::string& reason) {
   d->internalErrorMsg = d->internalErrorMsg.empty() ? reason : reason + ", " + d->internalErrorMsg;
 }

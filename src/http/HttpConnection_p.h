@@ -62,9 +62,6 @@ long ResolveIpResolve(HostNameResolutionPolicy policy);
 int ApplyConnectionOptions(CURL* handle);
 
 // Failure texts, shared with the multi-request engine so that both word a failure alike.
-// ComposeErrorMessage is what getLastErrorMsg gives for these values (TransferError::message).
-std::string ComposeErrorMessage(const std::string& internalError, long httpCode, CURLcode code,
-                                const char* curlErrorBuffer);
 // A failed transfer; a reached total time-out and an exceeded body limit say so.
 std::string TransferFailedText(CURLcode code, int64_t elapsedMs, long totalTimeoutMs, long long maxBodyBytes,
                                const qz::Url& url);

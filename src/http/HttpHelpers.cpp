@@ -115,17 +115,26 @@ bool fillRequest(const RequestContext& ctx, const std::list<std::string>* header
   }
 }
 
-// Shared tail of every helper: run the call, log a failure nobody else will see.
+// Shared tail of every helper: run the call (its body into `out` when given), log a failure
+// nobody else will see.
 bool run(HttpConnection& conn, const qz::Url& url, HttpResult* result, const ConnectionParameters* params,
-         const std::list<std::string>* headers, const bool* cancel, RequestContext& ctx, unsigned char expectedHttpCode,
-         const char* failureText) {
+         const std::list<std::string>* headers, const bool* cancel, RequestContext ctx, unsigned char expectedHttpCode,
+         std::string* out = nullptr) {
+  static const char* const names[] = {"", "GET", "PUT", "POST", "DELETE", "HEAD"};
   HttpResult own;
   HttpResult& r = result ? *result : own;
-  if (GenericCall(conn, url, r, params, headers, &ctx, expectedHttpCode, cancel))
-    return true;
-  if (result || r.httpCode == 404 || CancelToken::IsSet(cancel))
-    return false;
-  qzLogObject(qzLog::Error, "http") << failureText << conn.getLastErrorMsg();
+  std::string* callerBody = r.body;
+  if (out)
+    r.body = out;
+  const bool ok = GenericCall(conn, url, r, params, headers, &ctx, expectedHttpCode, cancel);
+  if (out) {
+    r.body = callerBody;
+    if (callerBody)
+      *callerBody = *out;
+  }
+  if (ok || result || r.httpCode == 404 || CancelToken::IsSet(cancel))
+    return ok;
+  qzLogObject(qzLog::Error, "http") << "Http " << names[ctx.method] << " error " << conn.getLastErrorMsg();
   return false;
 }
 
@@ -182,47 +191,23 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
 
 bool HttpHead(HttpConnection& conn, const qz::Url& url, HttpResult* result, const ConnectionParameters* params,
               const std::list<std::string>* headers, const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodHead;
-  return run(conn, url, result, params, headers, cancel, ctx, 200, "Http HEAD error ");
+  return run(conn, url, result, params, headers, cancel, {MethodHead}, 200);
 }
 
 bool HttpGet(HttpConnection& conn, const qz::Url& url, HttpResult* result, const ConnectionParameters* params,
              const std::list<std::string>* headers, const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodGet;
-  return run(conn, url, result, params, headers, cancel, ctx, 200, "Http GET error ");
+  return run(conn, url, result, params, headers, cancel, {MethodGet}, 200);
 }
 
 bool HttpDelete(HttpConnection& conn, const qz::Url& url, HttpResult* result, const ConnectionParameters* params,
                 const std::list<std::string>* headers, const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodDelete;
-  return run(conn, url, result, params, headers, cancel, ctx, 200, "Http DELETE error ");
+  return run(conn, url, result, params, headers, cancel, {MethodDelete}, 200);
 }
 
 bool HttpGetJson(HttpConnection& conn, const qz::Url& url, std::string& out, HttpResult* result,
                  const ConnectionParameters* params, const std::list<std::string>* headers, const bool* cancel,
                  const char* body, unsigned long bodySize, bool bodyIsJson) {
-  RequestContext ctx;
-  ctx.method = MethodGet;
-  ctx.body = body;
-  ctx.bodySize = body ? bodySize : 0;
-  ctx.jsonBody = bodyIsJson;
-  HttpResult own;
-  HttpResult& r = result ? *result : own;
-  std::string* callerBody = r.body;
-  r.body = &out;
-  bool ok = GenericCall(conn, url, r, params, headers, &ctx, 200, cancel);
-  r.body = callerBody;
-  if (callerBody)
-    *callerBody = out;
-  if (ok)
-    return true;
-  if (result || r.httpCode == 404 || CancelToken::IsSet(cancel))
-    return false;
-  qzLogObject(qzLog::Error, "http") << "Http GET error " << conn.getLastErrorMsg();
-  return false;
+  return run(conn, url, result, params, headers, cancel, {MethodGet, body, bodySize, bodyIsJson}, 200, &out);
 }
 
 bool HttpGetJson(HttpConnection& conn, const qz::Url& url, std::string& out, HttpResult* result,
@@ -235,22 +220,13 @@ bool HttpGetJson(HttpConnection& conn, const qz::Url& url, std::string& out, Htt
 bool HttpPut(HttpConnection& conn, const qz::Url& url, const std::string& body, unsigned char expectedHttpCode,
              HttpResult* result, const ConnectionParameters* params, const std::list<std::string>* headers,
              const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodPut;
-  ctx.body = body.data();
-  ctx.bodySize = body.size();
-  return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http PUT error ");
+  return run(conn, url, result, params, headers, cancel, {MethodPut, body.data(), body.size()}, expectedHttpCode);
 }
 
 bool HttpPutJson(HttpConnection& conn, const qz::Url& url, const char* json, unsigned long size,
                  unsigned char expectedHttpCode, HttpResult* result, const ConnectionParameters* params,
                  const std::list<std::string>* headers, const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodPut;
-  ctx.body = json;
-  ctx.bodySize = json ? size : 0;
-  ctx.jsonBody = true;
-  return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http PUT error ");
+  return run(conn, url, result, params, headers, cancel, {MethodPut, json, size, true}, expectedHttpCode);
 }
 
 template <>
@@ -268,11 +244,7 @@ bool HttpPutJson<qz::qzVariantMapImpl>(HttpConnection& conn, const qz::Url& url,
 bool HttpPost(const char* data, unsigned long size, HttpConnection& conn, const qz::Url& url,
               unsigned char expectedHttpCode, HttpResult* result, const ConnectionParameters* params,
               const std::list<std::string>* headers, const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodPost;
-  ctx.body = data;
-  ctx.bodySize = data ? size : 0;
-  return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http POST error ");
+  return run(conn, url, result, params, headers, cancel, {MethodPost, data, size}, expectedHttpCode);
 }
 
 bool HttpPost(HttpConnection& conn, const qz::Url& url, const std::string& body, unsigned char expectedHttpCode,
@@ -285,12 +257,7 @@ bool HttpPost(HttpConnection& conn, const qz::Url& url, const std::string& body,
 bool HttpPostJson(HttpConnection& conn, const qz::Url& url, const char* json, unsigned long size,
                   unsigned char expectedHttpCode, HttpResult* result, const ConnectionParameters* params,
                   const std::list<std::string>* headers, const bool* cancel) {
-  RequestContext ctx;
-  ctx.method = MethodPost;
-  ctx.body = json;
-  ctx.bodySize = json ? size : 0;
-  ctx.jsonBody = true;
-  return run(conn, url, result, params, headers, cancel, ctx, expectedHttpCode, "Http POST error ");
+  return run(conn, url, result, params, headers, cancel, {MethodPost, json, size, true}, expectedHttpCode);
 }
 
 } // namespace qz::http::HttpHelpers

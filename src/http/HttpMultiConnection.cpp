@@ -15,7 +15,10 @@ namespace {
 // While perform() waits, a caller's cancel flag is looked at this often.
 const long kCancelPollMs = 20;
 
-void releaseIfLarge(std::string& s) {
+// Overwrites a finished request's bytes (URLs, bodies and messages may hold credentials) and
+// keeps the buffer only when it is small.
+void wipe(std::string& s) {
+  std::fill(s.begin(), s.end(), '\0');
   if (s.capacity() > kKeptBufferBytes)
     std::string().swap(s);
   else
@@ -63,14 +66,14 @@ void HttpMultiConnection::Private::admit() {
     it = queue.erase(it);
     if (const std::string* bad = lineWithBreak(owner->request.headers)) {
       owner->badRequest = true;
-      owner->response.errorMessage = ComposeErrorMessage(
-          "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad), 0, CURLE_OK, "");
+      owner->response.error.context =
+          "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad);
       finish(std::move(owner));
       continue;
     }
     Handle* h = takeHandle();
     if (!h) {
-      owner->response.errorMessage = ComposeErrorMessage("Fail to setupconnection", 0, CURLE_OK, "");
+      owner->response.error.context = "Fail to setupconnection";
       finish(std::move(owner));
       continue;
     }
@@ -85,7 +88,7 @@ void HttpMultiConnection::Private::admit() {
     owner->startMs = qzSystemUtils::GetTimeBaseMs();
     h->job = std::move(owner);
     if (curl_multi_add_handle(multi.get(), h->easy.get()) != CURLM_OK) {
-      h->job->response.errorMessage = ComposeErrorMessage("Fail to setupconnection", 0, CURLE_OK, "");
+      h->job->response.error.context = "Fail to setupconnection";
       std::unique_ptr<Job> failed = std::move(h->job);
       idle.push_back(h);
       finish(std::move(failed));
@@ -118,8 +121,7 @@ void HttpMultiConnection::Private::drainInbox() {
     std::unique_ptr<Job> job = std::move(*it);
     queue.erase(it);
     job->response.cancelled = true;
-    job->response.errorMessage =
-        ComposeErrorMessage("Request cancelled, " + job->request.url.toDisplayableUrl(), 0, CURLE_OK, "");
+    job->response.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
     finish(std::move(job));
   }
 }
@@ -138,8 +140,7 @@ void HttpMultiConnection::Private::cancelRunning(uint64_t id) {
   curl_easy_getinfo(h->easy.get(), CURLINFO_RESPONSE_CODE, &code);
   job->response.httpCode = code;
   job->response.cancelled = true;
-  job->response.errorMessage =
-      ComposeErrorMessage("Request cancelled, " + job->request.url.toDisplayableUrl(), code, CURLE_OK, "");
+  job->response.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
   finish(std::move(job));
 }
 
@@ -199,7 +200,6 @@ void HttpMultiConnection::Private::collectDone() {
                                                 h->applied.totalTimeoutMs, h->applied.maxBodyBytes, job->request.url);
       if (!h->callbackError.empty())
         internal += ", " + h->callbackError;
-      resp.errorMessage = ComposeErrorMessage(internal, httpCode, code, h->errorBuffer);
       resp.timedOut = code == CURLE_OPERATION_TIMEDOUT;
       resp.error.kind = code == CURLE_FILESIZE_EXCEEDED ? ErrorKind::BodyTooLarge : TransferError::KindOfCurlCode(code);
       resp.error.curlCode = int(code);
@@ -207,9 +207,8 @@ void HttpMultiConnection::Private::collectDone() {
       resp.error.curlText = h->errorBuffer;
     } else if (job->request.expectedHttpCode > 0 && httpCode != job->request.expectedHttpCode) {
       resp.error.kind = ErrorKind::HttpStatus;
-      resp.errorMessage =
-          ComposeErrorMessage(UnexpectedStatusText(httpCode, job->request.expectedHttpCode, job->request.url), httpCode,
-                              code, h->errorBuffer);
+      resp.error.context = UnexpectedStatusText(httpCode, job->request.expectedHttpCode, job->request.url);
+      resp.error.curlText = h->errorBuffer;
     } else {
       resp.success = true;
     }
@@ -226,6 +225,7 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
       r.error.kind = ErrorKind::Cancelled;
     else if (r.error.ok()) // refused before it started: a bad header line, no handle, no library
       r.error.kind = job->badRequest ? ErrorKind::BadRequest : ErrorKind::LocalIo;
+    r.errorMessage = r.error.message();
   }
   {
     std::lock_guard<std::mutex> lock(mutex);
@@ -243,11 +243,16 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
   // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
   // requests would otherwise grow and shrink the heap each time.
   job->request.onFinished = nullptr;
+  for (std::string& line : job->request.headers)
+    wipe(line);
   job->request.headers.clear();
-  releaseIfLarge(job->request.body);
-  releaseIfLarge(job->response.body);
+  job->request.url = qz::Url();
+  wipe(job->encodedUrl);
+  wipe(job->request.body);
+  wipe(job->response.body);
   keepHeaderNodes(job->response.headers);
-  releaseIfLarge(job->response.errorMessage);
+  wipe(job->response.errorMessage);
+  job->response.error = TransferError();
   job->origin.clear();
   std::lock_guard<std::mutex> lock(mutex);
   if (spareJobs.size() < maxInFlight)
@@ -356,8 +361,7 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     while (!d->queue.empty()) {
       std::unique_ptr<Private::Job> job = std::move(d->queue.front());
       d->queue.pop_front();
-      job->response.errorMessage = ComposeErrorMessage(
-          d->multi ? "HttpTools library not initialized." : "Fail to setupconnection", 0, CURLE_OK, "");
+      job->response.error.context = d->multi ? "HttpTools library not initialized." : "Fail to setupconnection";
       d->finish(std::move(job));
     }
     return false;

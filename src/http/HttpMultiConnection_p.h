@@ -87,6 +87,7 @@ public:
   void keepHeaderNodes(std::map<std::string, std::string>& headers) {
     while (!headers.empty() && spareHeaders.size() < maxInFlight * kKeptHeaderNodesPerSlot) {
       HeaderNode node = headers.extract(headers.begin());
+      std::fill(node.mapped().begin(), node.mapped().end(), '\0'); // a cookie stays nowhere
       if (node.key().capacity() + node.mapped().capacity() <= kKeptBufferBytes)
         spareHeaders.push_back(std::move(node));
     }

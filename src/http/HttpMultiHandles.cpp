@@ -46,12 +46,10 @@ HttpMultiConnection::Private::Handle* HttpMultiConnection::Private::takeHandle()
   if (!h->easy)
     return nullptr;
   CURL* e = h->easy.get();
-  // The fixed options of HttpConnection's handle, except the progress machinery: a cancel here
-  // takes the handle out of the multi handle at once instead of waiting for a progress call.
-  int rc = 0;
+  // The options of HttpConnection's handle, except the progress machinery: a cancel here takes
+  // the handle out of the multi handle at once instead of waiting for a progress call.
+  int rc = ApplyConnectionOptions(e);
   rc |= curl_easy_setopt(e, CURLOPT_NOPROGRESS, 1L);
-  rc |= curl_easy_setopt(e, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
-  rc |= curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
   rc |= curl_easy_setopt(e, CURLOPT_DEBUGFUNCTION, onDebug);
   rc |= curl_easy_setopt(e, CURLOPT_ERRORBUFFER, h->errorBuffer);
   rc |= curl_easy_setopt(e, CURLOPT_COOKIEFILE, ""); // cookie engine on, no file read
@@ -123,7 +121,7 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
     sendBody = false;
     break;
   default:
-    job.response.errorMessage = ComposeErrorMessage("Unknown method " + std::to_string(r.method), 0, CURLE_OK, "");
+    job.response.error.context = "Unknown method " + std::to_string(r.method);
     return false;
   }
   if (sendBody) {
@@ -167,9 +165,10 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
     h.plainGet = false;
     h.appliedUrl.clear();
   }
-  if (rc != 0 && job.response.errorMessage.empty())
-    job.response.errorMessage =
-        ComposeErrorMessage("Error while setting connection parameters", 0, CURLE_OK, h.errorBuffer);
+  if (rc != 0 && job.response.error.context.empty()) {
+    job.response.error.context = "Error while setting connection parameters";
+    job.response.error.curlText = h.errorBuffer;
+  }
   return rc == 0;
 }
 

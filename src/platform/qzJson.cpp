@@ -1,4 +1,5 @@
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <rapidjson/error/en.h>
 #include <rapidjson/prettywriter.h>
@@ -124,7 +125,28 @@ bool parse(const char* text, size_t length, qzVariant& out) {
   return true;
 }
 
-template <typename W> bool writeValue(W& w, const qzVariant& v) {
+// Writes a value; NaN and infinities fail, or are written as null when `nanAsNull`.
+template <typename W> bool writeValue(W& w, const qzVariant& v, bool nanAsNull);
+
+template <typename W> bool writeMap(W& w, const qzVariantMapImpl& map, bool nanAsNull) {
+  if (!w.StartObject())
+    return false;
+  for (const auto& [k, val] : map)
+    if (!w.Key(k.data(), rapidjson::SizeType(k.size())) || !writeValue(w, val, nanAsNull))
+      return false;
+  return w.EndObject();
+}
+
+template <typename W> bool writeList(W& w, const qzVariantListImpl& list, bool nanAsNull) {
+  if (!w.StartArray())
+    return false;
+  for (const auto& val : list)
+    if (!writeValue(w, val, nanAsNull))
+      return false;
+  return w.EndArray();
+}
+
+template <typename W> bool writeValue(W& w, const qzVariant& v, bool nanAsNull) {
   switch (v.type()) {
   case qzVariant::Null:
     return w.Null();
@@ -133,45 +155,49 @@ template <typename W> bool writeValue(W& w, const qzVariant& v) {
   case qzVariant::Int64:
     return w.Int64(v.toInt64());
   case qzVariant::Double: {
-    double d = v.toDouble();
-    return std::isfinite(d) && w.Double(d);
+    const double d = v.toDouble();
+    if (!std::isfinite(d))
+      return nanAsNull && w.Null();
+    return w.Double(d);
   }
   case qzVariant::String: {
     const std::string& s = *v.stringPtr();
     return w.String(s.data(), rapidjson::SizeType(s.size()));
   }
   case qzVariant::Map:
-    if (!w.StartObject())
-      return false;
-    for (const auto& [k, val] : v.toMap())
-      if (!w.Key(k.data(), rapidjson::SizeType(k.size())) || !writeValue(w, val))
-        return false;
-    return w.EndObject();
+    return writeMap(w, v.toMap(), nanAsNull);
   case qzVariant::List:
-    if (!w.StartArray())
-      return false;
-    for (const auto& val : v.toList())
-      if (!writeValue(w, val))
-        return false;
-    return w.EndArray();
+    return writeList(w, v.toList(), nanAsNull);
   }
   return false;
 }
 
-template <typename T> bool write(const T& in, std::string& text, bool pretty) {
-  rapidjson::StringBuffer buf;
-  bool ok;
+// Writes with `write(writer)` into `text`, compact or indented; `append` keeps what `text` holds.
+// The compact writer and its buffer are kept per thread: no allocation once warm.
+template <typename F> bool writeText(std::string& text, bool pretty, bool append, F&& write) {
   if (pretty) {
+    rapidjson::StringBuffer buf;
     rapidjson::PrettyWriter<rapidjson::StringBuffer> w(buf);
     w.SetIndent(' ', 2);
-    ok = writeValue(w, in);
-  } else {
-    rapidjson::Writer<rapidjson::StringBuffer> w(buf);
-    ok = writeValue(w, in);
+    if (!write(w))
+      return false;
+    text.assign(buf.GetString(), buf.GetSize());
+    return true;
   }
-  if (!ok)
+  thread_local rapidjson::StringBuffer buf;
+  thread_local rapidjson::Writer<rapidjson::StringBuffer> w;
+  buf.Clear();
+  w.Reset(buf);
+  if (!write(w))
     return false;
-  text.assign(buf.GetString(), buf.GetSize());
+  if (append)
+    text.append(buf.GetString(), buf.GetSize());
+  else
+    text.assign(buf.GetString(), buf.GetSize());
+  if (buf.GetSize() > (1 << 20)) { // a large document's buffer is not kept
+    buf.Clear();
+    buf.ShrinkToFit();
+  }
   return true;
 }
 
@@ -204,12 +230,54 @@ bool Json2Variant::Convert(const std::string& text, qzVariantListImpl& out) {
 }
 
 bool Json2Variant::Convert(const qzVariantMapImpl& in, std::string& text, bool pretty) {
-  return write(qzVariant(in), text, pretty);
+  return writeText(text, pretty, false, [&](auto& w) { return writeMap(w, in, false); });
 }
 bool Json2Variant::Convert(const qzVariantListImpl& in, std::string& text, bool pretty) {
-  return write(qzVariant(in), text, pretty);
+  return writeText(text, pretty, false, [&](auto& w) { return writeList(w, in, false); });
 }
-bool Json2Variant::Convert(const qzVariant& in, std::string& text, bool pretty) { return write(in, text, pretty); }
+bool Json2Variant::Convert(const qzVariant& in, std::string& text, bool pretty) {
+  return writeText(text, pretty, false, [&](auto& w) { return writeValue(w, in, false); });
+}
+
+void AppendJson(std::string& out, const qzVariant& value) {
+  writeText(out, false, true, [&](auto& w) { return writeValue(w, value, true); });
+}
+void AppendJson(std::string& out, const qzVariantMapImpl& map) {
+  writeText(out, false, true, [&](auto& w) { return writeMap(w, map, true); });
+}
+void AppendJsonString(std::string& out, std::string_view s) {
+  writeText(out, false, true, [&](auto& w) { return w.String(s.data(), rapidjson::SizeType(s.size())); });
+}
+std::string ErrorReasonOf(const qzVariantMapImpl& answer) {
+  const auto error = answer.find("error");
+  if (error == answer.end())
+    return {};
+  const qzVariantMapImpl* holder = &answer;
+  std::string text;
+  if (error->second.isMap()) {
+    holder = &error->second.toMap();
+    const auto type = holder->find("type");
+    text = type != holder->end() ? type->second.toString() : "error";
+  } else {
+    text = error->second.toString();
+  }
+  const auto reason = holder->find("reason");
+  return reason == holder->end() ? text : text + ": " + reason->second.toString();
+}
+
+std::string JsonStringArray(std::string_view key, const std::string* first, const std::string* last) {
+  std::string text;
+  writeText(text, false, false, [&](auto& w) {
+    w.StartObject();
+    w.Key(key.data(), rapidjson::SizeType(key.size()));
+    w.StartArray();
+    for (const std::string* s = first; s != last; ++s)
+      w.String(s->data(), rapidjson::SizeType(s->size()));
+    w.EndArray();
+    return w.EndObject();
+  });
+  return text;
+}
 
 // ---- JsonStreamer ----
 

@@ -415,4 +415,20 @@ bool Url::operator==(const Url& other) const {
          port == other.port && scheme == other.scheme;
 }
 
+bool url_impl::SplitLastSegment(Url* url, std::string* last, const std::string& text) {
+  if (last)
+    last->clear();
+  std::string parseError; // a bad URL is reported by the result alone
+  if (!url || !url->fromEncodedUtf8String(text, &parseError, false))
+    return false;
+  if (url->pathSegments.empty()) {
+    url->clearUrl(Url::ClearAll);
+  } else {
+    if (last)
+      *last = url->pathSegments.back();
+    url->pathSegments.pop_back();
+  }
+  return url->isValid();
+}
+
 } // namespace qz

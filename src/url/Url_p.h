@@ -17,6 +17,10 @@ namespace qz::url_impl {
 // a copy of one would not change the other. Stricter than Url::operator==.
 bool IsSameUrlValue(const Url& a, const Url& b);
 
+// Parses `text` into `url` and takes its last path segment off into `last` (cleared first); a
+// URL without path is cleared. False on a null `url`, a parse failure or an invalid result.
+bool SplitLastSegment(Url* url, std::string* last, const std::string& text);
+
 inline const std::string kKeyValueSeparator = "=";
 inline const std::string kItemSeparator = "&";
 inline const std::string kSecretMask = "********";

@@ -6,15 +6,12 @@
 #include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/NginxFixture.h"
+#include "support/SilentListener.h"
 #include "support/TestHttpServer.h"
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -30,26 +27,7 @@ int64_t msSince(Clock::time_point t) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
 
-// A loopback listener that accepts connections in the kernel and never answers them.
-class SilentListener {
-public:
-  SilentListener() : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(m_fd, 8) != 0 ||
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-      ADD_FAILURE() << "cannot listen on 127.0.0.1";
-    m_port = ntohs(a.sin_port);
-  }
-  ~SilentListener() { close(m_fd); }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/"; }
-
-private:
-  int m_fd;
-  int m_port = 0;
-};
+using qztest::SilentListener;
 
 class Transfer : public testing::Test {
 protected:

@@ -1,7 +1,9 @@
 #include <HttpTools/platform/qzJson.h>
+#include <HttpTools/platform/qzJson_p.h>
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 
 using qz::qzVariant;
@@ -34,6 +36,9 @@ TEST(Json, RoundTripsKeepTextInKeyOrder) {
     ASSERT_TRUE(Json2Variant::Convert(std::string(c.in), m)) << c.in;
     EXPECT_TRUE(Json2Variant::Convert(m, out, false));
     EXPECT_EQ(out, c.out) << c.in;
+    out = "[";
+    qz::json::AppendJson(out, m); // the same text after what the buffer holds
+    EXPECT_EQ(out, "[" + std::string(c.out)) << c.in;
   }
   // Pretty output is multi-line and parses back equal.
   qzVariantMapImpl m{{"a", qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("x")})}, {"b", qzVariant(true)}}, back;
@@ -60,6 +65,24 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
   EXPECT_FALSE(
       Json2Variant::Convert(qzVariantMapImpl{{"x", qzVariant(std::numeric_limits<double>::infinity())}}, out, false));
   EXPECT_EQ(out, "prev");
+  qz::json::AppendJson(out, qzVariantMapImpl{{"x", qzVariant(std::nan(""))}}); // a request body writes null
+  EXPECT_EQ(out, R"(prev{"x":null})");
+}
+
+TEST(Json, ErrorReasonOfCouchDbAndElasticsearchAnswers) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"error":"conflict","reason":"Document update conflict."})", "conflict: Document update conflict."},
+      {R"({"error":{"type":"index_not_found_exception","reason":"no such index [x]"},"status":404})",
+       "index_not_found_exception: no such index [x]"},
+      {R"({"error":{"reason":"r"}})", "error: r"},
+      {R"({"error":"not_found"})", "not_found"},
+      {R"({"ok":true,"reason":"r"})", ""},
+  };
+  for (const auto& [text, reason] : cases) {
+    qzVariantMapImpl answer;
+    ASSERT_TRUE(Json2Variant::Convert(std::string(text), answer));
+    EXPECT_EQ(qz::json::ErrorReasonOf(answer), reason) << text;
+  }
 }
 
 TEST(Json, DeepNestingIsRefusedWithoutCrashing) {
@@ -82,6 +105,7 @@ TEST(JsonStreamer, WritesKeysObjectAndPredictsItsSize) {
   }
   EXPECT_EQ(dev.data(), "{\"keys\":[\"plain\",\"q\\\"uote\",\"back\\\\slash\",\"ctl\\u0001\\n\",\"\xc3\xa9\"]}");
   EXPECT_EQ(JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
+  EXPECT_EQ(qz::json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
   EXPECT_EQ(JsonStreamer::ConvertToJsonStringSize("keys", {}), std::string("{\"keys\":[]}").size());
   qzVariantMapImpl back;
   ASSERT_TRUE(Json2Variant::Convert(dev.data(), back));
