@@ -46,7 +46,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
     qzVariantMapImpl doc;
     std::string problem;
     std::vector<std::string>* batchMissing = nullptr;
-    size_t answered = 0; // documents in the current answer
+    size_t answeredDocs = 0; // documents in the current answer
     ResponseItemCutter cutter("docs", "", [&](const char* text, size_t length) {
       doc.clear();
       if (!json::Json2Variant::Convert(text, length, doc)) {
@@ -54,7 +54,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
         return false;
       }
       const std::string id = doc["_id"].toString();
-      ++answered;
+      ++answeredDocs;
       if (auto e = doc.find("error"); e != doc.end()) {
         std::string json;
         json::Json2Variant::Convert(e->second, json, false);
@@ -77,7 +77,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       if (b >= batches || failed || http::CancelToken::IsSet(userCancel))
         break;
       batchMissing = &missingPerBatch[b];
-      answered = 0;
+      answeredDocs = 0;
       body = "{\"ids\":[";
       const size_t end = std::min(ids.size(), (b + 1) * m_batchSize);
       for (size_t i = b * m_batchSize; i < end; ++i) {
@@ -96,8 +96,8 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
         fail("_mget on " + m_index + " failed: " + ErrorText(r));
         break;
       }
-      if (answered != end - b * m_batchSize) { // an id neither found, missing nor failed
-        fail("_mget on " + m_index + " answered " + std::to_string(answered) + " of " +
+      if (answeredDocs != end - b * m_batchSize) { // an id neither found, missing nor failed
+        fail("_mget on " + m_index + " answered " + std::to_string(answeredDocs) + " of " +
              std::to_string(end - b * m_batchSize) + " ids");
         break;
       }

@@ -72,6 +72,7 @@ TEST_F(GetterTest, MissingIndexErrorShortAnswerAndCancel) {
       {"k1"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, nullptr));
   EXPECT_NE(error.find("503"), std::string::npos) << error;
 
+  f.unavailable = 0;
   f.mgetDropLast = true; // an answer that leaves an id out
   emulator.setFaults(f);
   EXPECT_FALSE(getter.get(
