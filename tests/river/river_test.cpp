@@ -1,11 +1,7 @@
 #include "RiverFixture.h"
 
-#include <csignal>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace rivertest;
 
@@ -138,22 +134,13 @@ TEST_F(RiverTest, MappingChangeFillsANewIndexAndSwapsTheAlias) {
 }
 
 // A stand-in for CouchDB's address that forwards to pouchdb-server and can be shut down and
-// brought back on the same port, as a restarting server is, or stop answering the change feed.
+// brought back on the same port, as a restarting server is.
 class CouchFrontDoor {
 public:
   explicit CouchFrontDoor(int backendPort) : m_backend(backendPort) { m_port = start(0); }
-  ~CouchFrontDoor() {
-    release();
-    shutDown();
-  }
+  ~CouchFrontDoor() { shutDown(); }
   int port() const { return m_port; }
   std::string dbUrl() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/db"; }
-  // Feed requests after the first `n` wait for release().
-  void holdFeedsAfter(size_t n) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_feedLimit = n;
-  }
-  void release() { holdFeedsAfter(SIZE_MAX), m_released.notify_all(); }
   void shutDown() {
     if (m_server) {
       m_server->stop();
@@ -167,11 +154,6 @@ private:
   int start(int port) {
     m_server = std::make_unique<httplib::Server>();
     auto forward = [this](const httplib::Request& req, httplib::Response& res) {
-      if (req.path.find("/_changes") != std::string::npos) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const size_t n = ++m_feedRequests;
-        m_released.wait(lock, [&] { return n <= m_feedLimit; });
-      }
       httplib::Client client("127.0.0.1", m_backend);
       httplib::Headers headers;
       for (const auto& [name, value] : req.headers)
@@ -203,9 +185,6 @@ private:
   int m_backend, m_port = 0;
   std::unique_ptr<httplib::Server> m_server;
   std::thread m_thread;
-  std::mutex m_mutex;
-  std::condition_variable m_released;
-  size_t m_feedRequests = 0, m_feedLimit = SIZE_MAX;
 };
 
 TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {
@@ -266,51 +245,5 @@ TEST_F(RiverTest, TwoManagersOneRiverOnlyOneRuns) {
   second.stop();
   expectIndexEqualsDatabase();
 }
-
-#ifdef HTTPTOOLS_CLI
-// The river as a process of its own (httptools river), killed with SIGKILL during the load.
-TEST_F(RiverTest, KilledDuringTheLoadAndRestartedLosesNothing) {
-  load(0, 10000);
-  CouchFrontDoor door(couch.port());
-  ASSERT_GT(door.port(), 0);
-  door.holdFeedsAfter(20); // 20 batches of 100, then the feed stops answering: killed mid-load
-  const std::string couchUrl = door.dbUrl(), elasticUrl = elastic.baseUrl() + "/docs";
-  auto spawn = [&] {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      const int null = ::open("/dev/null", O_WRONLY);
-      ::dup2(null, 1);
-      ::dup2(null, 2);
-      ::execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", couchUrl.c_str(), elasticUrl.c_str(), "--once", "--name", "r",
-              "--batch", "100", "--lease-ms", "1000", static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    return pid;
-  };
-  const pid_t first = spawn();
-  ASSERT_GT(first, 0);
-  ASSERT_TRUE(waitFor([&] { return stateField("seq") >= 2000; }, 60));
-  ::kill(first, SIGKILL);
-  int status = 0;
-  ::waitpid(first, &status, 0);
-  EXPECT_EQ(stateField("seq"), 2000);
-  door.release();
-  // Meanwhile the database moves on: updates before and after the checkpoint, and deletes.
-  for (int i : {5, 1500, 9000}) {
-    auto doc = couchDoc("d" + std::to_string(i));
-    doc["n"] = -i;
-    put(doc);
-  }
-  remove("d7");
-  remove("d9500");
-
-  const pid_t second = spawn();
-  ASSERT_GT(second, 0);
-  ::waitpid(second, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  expectIndexEqualsDatabase();
-  EXPECT_EQ(stateField("seq"), std::stoll(couchSeq()));
-}
-#endif
 
 } // namespace
