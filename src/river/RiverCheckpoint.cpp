@@ -30,12 +30,14 @@ RiverOutcome CheckpointStore::read(RiverState& out, bool& found, const bool* can
   out.building = src["building"].toString();
   out.buildSeq = seqOf("buildSeq");
   out.marker = src["marker"].toString();
+  out.recreated = src["recreated"].toBool();
   return RiverOutcome::Done();
 }
 
 RiverOutcome CheckpointStore::createIndex(const bool* cancel) {
   auto keyword = [] { return qzVariant(qzVariantMapImpl{{"type", "keyword"}}); };
-  qzVariantMapImpl properties{{"expires", qzVariantMapImpl{{"type", "long"}}}};
+  qzVariantMapImpl properties{{"expires", qzVariantMapImpl{{"type", "long"}}},
+                              {"recreated", qzVariantMapImpl{{"type", "boolean"}}}};
   for (const char* field : {"owner", "alias", "database", "index", "seq", "building", "buildSeq", "marker"})
     properties[field] = keyword();
   const std::string body = JsonText(
@@ -52,7 +54,7 @@ RiverOutcome CheckpointStore::readBack(const RiverState& state, RiverOutcome fai
   bool found = false;
   if (read(stored, found, cancel).ok() && found && stored.owner == state.owner && stored.expires == state.expires &&
       stored.index == state.index && stored.seq == state.seq && stored.building == state.building &&
-      stored.buildSeq == state.buildSeq && stored.marker == state.marker)
+      stored.buildSeq == state.buildSeq && stored.marker == state.marker && stored.recreated == state.recreated)
     return RiverOutcome::Done(); // it went through: the version read is ours
   m_seqNo = seqNo;               // not ours: the next write must still name the version last known
   m_primaryTerm = primaryTerm;
@@ -73,7 +75,8 @@ RiverOutcome CheckpointStore::write(const RiverState& state, const bool* cancel)
                                                      {"seq", state.seq},
                                                      {"building", state.building},
                                                      {"buildSeq", state.buildSeq},
-                                                     {"marker", state.marker}});
+                                                     {"marker", state.marker},
+                                                     {"recreated", state.recreated}});
   const auto& es = m_where.elastic;
   const qz::Url url = knowsVersion() ? es.toDocumentUrl(m_where.stateIndex, m_where.river,
                                                         {{"if_seq_no", std::to_string(m_seqNo)},

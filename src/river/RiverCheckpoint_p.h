@@ -14,7 +14,8 @@ struct RiverState {
   int64_t expires = 0; // ms since the epoch
   std::string index, seq = "0";
   std::string building, buildSeq = "0";
-  std::string marker; // the token of the source database's marker document ("" while unknown)
+  std::string marker;     // the token of the source database's marker document ("" while unknown)
+  bool recreated = false; // `building` is filled because the database was created again
 
   const std::string& target() const { return building.empty() ? index : building; }
   std::string& targetSeq() { return building.empty() ? seq : buildSeq; }

@@ -136,6 +136,7 @@ RiverOutcome IndexManager::prepare(RiverState& state, const bool* cancel) {
     state.seq = state.buildSeq;
     state.building.clear();
     state.buildSeq = "0";
+    state.recreated = false;
     if (!old.empty() && old != live)
       drop(old, cancel); // a leftover is dropped by the next build anyway
   }
@@ -148,6 +149,12 @@ RiverOutcome IndexManager::prepare(RiverState& state, const bool* cancel) {
     return compared;
   if (match != Match::Same)
     return startBuild(state, live, cancel);
+  if (!state.building.empty() && state.recreated) { // a rebuild for a recreated database goes on
+    Match built;
+    if (auto compared = compare(state.building, built, cancel); !compared.ok())
+      return compared;
+    return built == Match::Same ? RiverOutcome::Done() : startBuild(state, live, cancel);
+  }
   if (!state.building.empty()) { // the mapping went back while a new index was built
     if (auto dropped = drop(state.building, cancel); !dropped.ok())
       return dropped;
@@ -168,6 +175,7 @@ RiverOutcome IndexManager::rebuild(RiverState& state, const bool* cancel) {
       return dropped;
   state.building.clear();
   state.index = live;
+  state.recreated = true;
   return startBuild(state, live, cancel);
 }
 
@@ -238,6 +246,7 @@ RiverOutcome IndexManager::swap(RiverState& state, const bool* cancel) {
   state.seq = state.buildSeq;
   state.building.clear();
   state.buildSeq = "0";
+  state.recreated = false;
   return RiverOutcome::Done();
 }
 

@@ -79,11 +79,17 @@ RiverOutcome RiverRunner::checkSource(const bool* cancel) {
     return m_state.marker == known ? RiverOutcome::Done() : save(cancel);
   qzLogObject(qzLog::Warning, "river") << "River " << m_def.name << ": " << m_def.database
                                        << " was deleted and created again, filling a new index";
+  // Until the rebuild is stored, the next check must still see a marker other than the state's.
+  auto forget = [&](RiverOutcome failed) {
+    m_state.marker = known;
+    return failed;
+  };
   if (auto marked = m_source.mark(m_state, cancel); !marked.ok())
-    return marked;
+    return forget(marked);
   if (auto rebuilt = m_indices.rebuild(m_state, cancel); !rebuilt.ok())
-    return rebuilt;
-  return save(cancel);
+    return forget(rebuilt);
+  auto saved = save(cancel);
+  return saved.ok() ? saved : forget(saved);
 }
 
 RiverOutcome RiverRunner::swap(const bool* cancel) {

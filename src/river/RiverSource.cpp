@@ -36,11 +36,15 @@ RiverOutcome SourceWatch::mark(RiverState& state, const bool* cancel) {
   std::random_device random;
   char token[33];
   std::snprintf(token, sizeof token, "%08x%08x%08x%08x", random(), random(), random(), random());
-  // _local documents take any _rev: no earlier one is needed to replace it.
-  const std::string body = JsonText(qzVariantMapImpl{{"token", std::string(token)}, {"river", m_markerId}});
+  const qz::Url url = m_couch.toUrl({m_database, "_local", m_markerId}, {});
+  qzVariantMapImpl marker{{"token", std::string(token)}, {"river", m_markerId}};
   Reply reply;
-  qz::couch::detail::RequestWithRetry(m_pool, m_couch.toUrl({m_database, "_local", m_markerId}, {}), http::Method::Put,
-                                      &body, reply, cancel);
+  qz::couch::detail::RequestWithRetry(m_pool, url, http::Method::Get, nullptr, reply, cancel);
+  qzVariantMapImpl earlier; // replaced by naming its _rev
+  if (reply.code == 200 && qz::json::Json2Variant::Convert(reply.body, earlier) && earlier.count("_rev"))
+    marker["_rev"] = earlier["_rev"];
+  const std::string body = JsonText(std::move(marker));
+  qz::couch::detail::RequestWithRetry(m_pool, url, http::Method::Put, &body, reply, cancel);
   if (reply.code == 401 || reply.code == 403) {
     if (!m_unwritable)
       qzLogObject(qzLog::Warning, "river") << "The river cannot write its marker in " << m_database << " ("

@@ -1,6 +1,7 @@
 // Random CouchDB histories (edits, replicated conflicts, deleted winners and losers, a database
 // created again) interleaved with river runs, killed runs and lost answers; after each history
-// the index holds exactly the winners. HTTPTOOLS_RIVER_SEEDS=N runs N histories (the soak).
+// the index holds exactly the winners. HTTPTOOLS_RIVER_SEEDS=N runs N histories (the soak),
+// from HTTPTOOLS_RIVER_FIRST_SEED on.
 #include "RiverFixture.h"
 
 #include "support/FaultProxy.h"
@@ -81,12 +82,14 @@ protected:
 TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
   const char* soak = std::getenv("HTTPTOOLS_RIVER_SEEDS");
   const unsigned seeds = soak ? unsigned(std::max(1, std::atoi(soak))) : 3;
+  const char* from = std::getenv("HTTPTOOLS_RIVER_FIRST_SEED"); // to replay a failed soak history
+  const unsigned first = from ? unsigned(std::max(1, std::atoi(from))) : 1;
   FaultProxy proxy(uint16_t(elastic.port()));
   ASSERT_TRUE(proxy.start()) << proxy.error();
   def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
   def.batchDocs = 3;
   unsigned failed = 0;
-  for (unsigned seed = 1; seed <= seeds; ++seed) {
+  for (unsigned seed = first; seed < first + seeds; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     elastic.reset();
