@@ -9,6 +9,8 @@
 #include <HttpTools/river/RiverPipeline_p.h>
 
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <unordered_map>
 
 namespace qz::river {
@@ -29,10 +31,21 @@ public:
       : m_pool(pool), m_def(def), m_repair(repair), m_drift(drift), m_cancel(cancel),
         m_sender(MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {})) {}
 
-  bool run(std::string& error) { return couchSide(error) && elasticSide(error); }
+  // The two sides are compared at once, each on a thread of its own.
+  bool run(std::string& error) {
+    std::string elasticError;
+    bool elasticOk = true;
+    std::thread other([&] { elasticOk = elasticSide(elasticError); });
+    const bool couchOk = couchSide(error);
+    other.join();
+    if (couchOk && !elasticOk)
+      error = elasticError;
+    return couchOk && elasticOk;
+  }
 
 private:
-  static void Note(size_t& count, std::vector<std::string>& shown, const std::string& id) {
+  void Note(size_t& count, std::vector<std::string>& shown, const std::string& id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (count++ < kShownIds)
       shown.push_back(id);
   }
@@ -124,7 +137,10 @@ private:
     }
     std::vector<std::string> rewrite, remove;
     for (const auto& [id, rev] : winners) {
-      m_drift.documents += !rev.empty();
+      if (!rev.empty()) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_drift.documents;
+      }
       const auto it = stored.find(id);
       if (rev.empty() && it != stored.end()) {
         Note(m_drift.extra, m_drift.extraIds, id);
@@ -229,6 +245,7 @@ private:
     const RiverOutcome sent = m_sender->send(ops, m_cancel);
     if (!sent.ok())
       return error = sent.idle() ? "cancelled" : sent.message, false;
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_drift.repaired += count;
     return true;
   }
@@ -237,6 +254,7 @@ private:
   const RiverDefinition& m_def;
   const bool m_repair;
   RiverDrift& m_drift;
+  std::mutex m_mutex; // guards m_drift: the sides run on two threads
   const bool* m_cancel;
   StopSignal m_stop;
   std::unique_ptr<BulkSender> m_sender;
@@ -247,6 +265,7 @@ private:
 bool VerifyRiver(http::HttpConnectionPool& pool, const RiverDefinition& definition, bool repair, RiverDrift& drift,
                  std::string* error, const bool* cancel) {
   drift = RiverDrift();
+  pool.ensureAtLeastMaxConcurrentConnection(6); // a scan, a lookup and a bulk on each side
   std::string why;
   Verifier verifier(pool, definition, repair, drift, cancel);
   const bool ok = verifier.run(why);
