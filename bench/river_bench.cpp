@@ -5,8 +5,10 @@
 // Rounds alternate the order of the three paths; the table shows medians of docs/s and of the
 // per-round ratio river / slower limit, and the river process's peak RSS, also for a database a
 // tenth the size (flat memory whatever the database size).
+// With --verify, `httptools river --verify` on the filled alias against reading both sides alone
+// (_all_docs pages, then a scan of the alias), and the verifying process's peak RSS.
 //
-//   river_bench [--docs=N] [--rounds=R] [benchmark flags]   (a short --benchmark_min_time: a quick run)
+//   river_bench [--docs=N] [--rounds=R] [--verify] [benchmark flags]   (a short --benchmark_min_time: a quick run)
 
 #include <HttpTools/HttpTools.h>
 
@@ -34,6 +36,7 @@ namespace {
 
 int gDocs = 100000;
 int gRounds = 3;
+bool gVerify = false;
 const size_t kPad = 1000;
 
 bool Load(const qztest::PouchDbServer& couch, const std::string& db, int docs) {
@@ -92,9 +95,9 @@ double Bulk(qz::http::HttpConnectionPool& pool, const qztest::ElasticEmulator& e
   return ok ? double(docs.size()) / (bench::Now() - t0) : 0;
 }
 
-// Runs `httptools river --once`; docs/s, and the process's peak RSS in MB.
+// Runs `httptools river --once` (or `mode`); docs/s, and the process's peak RSS in MB.
 double River(const qztest::PouchDbServer& couch, const std::string& db, const qztest::ElasticEmulator& elastic,
-             const std::string& alias, int docs, double* rssMb) {
+             const std::string& alias, int docs, double* rssMb, const char* mode = "--once") {
   const std::string from = couch.baseUrl() + "/" + db, to = elastic.baseUrl() + "/" + alias;
   const double t0 = bench::Now();
   const pid_t pid = fork();
@@ -102,8 +105,8 @@ double River(const qztest::PouchDbServer& couch, const std::string& db, const qz
     const int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     dup2(null, 2);
-    execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", from.c_str(), to.c_str(), "--once", "--name", alias.c_str(),
-          "--status-ms", "100000", static_cast<char*>(nullptr));
+    execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", from.c_str(), to.c_str(), mode, "--name", alias.c_str(), "--status-ms",
+          "100000", static_cast<char*>(nullptr));
     _exit(127);
   }
   // The child's own high-water mark (VmHWM of its address space after exec; ru_maxrss would also
@@ -131,6 +134,33 @@ double River(const qztest::PouchDbServer& couch, const std::string& db, const qz
   const double t = bench::Now() - t0;
   *rssMb = double(hwmKb) / 1024;
   return elastic.docCount(alias + "-1") == size_t(docs) ? docs / t : 0;
+}
+
+// Both sides read alone, as --verify reads them: _all_docs in pages of 1000, then the alias scanned
+// with its revisions; docs/s.
+double ReadBoth(qz::http::HttpConnectionPool& pool, const qztest::PouchDbServer& couch, const std::string& db,
+                const qztest::ElasticEmulator& elastic, const std::string& alias) {
+  const double t0 = bench::Now();
+  size_t rows = 0;
+  for (std::string last;;) {
+    std::string text;
+    const std::string from = last.empty() ? "" : "&skip=1&startkey=%22" + last + "%22";
+    if (couch.request("GET", "/" + db + "/_all_docs?limit=1000" + from, {}, &text) != 200)
+      return 0;
+    size_t page = 0;
+    for (size_t at = text.find("\"id\":\""); at != std::string::npos; at = text.find("\"id\":\"", at + 1), ++page)
+      last = text.substr(at + 6, text.find('"', at + 6) - at - 6);
+    rows += page;
+    if (page < 1000)
+      break;
+  }
+  const qz::elasticsearch::ElasticConnectionParameters server(qz::Url(elastic.baseUrl()));
+  qz::http::HttpConnectionLocker connection(pool, server);
+  size_t hits = 0;
+  const bool scanned = qz::elasticsearch::FetchSearchResults(
+      *connection, server, alias, R"({"_source":["httptools_rev"]})",
+      [&](qz::elasticsearch::SearchHit&) { return ++hits > 0; }, 1000, nullptr, nullptr);
+  return scanned && rows == hits ? double(rows) / (bench::Now() - t0) : 0;
 }
 
 bool Comparison() {
@@ -189,6 +219,26 @@ bool Comparison() {
               bench::Median(feed), bench::Median(bulk), bench::Median(river), bench::Median(ratio));
   std::printf("river peak RSS: %.1f MB with %d docs, %.1f MB with %d docs\n", bench::Median(rss), gDocs, smallRss,
               std::max(1, gDocs / 10));
+  if (!gVerify)
+    return true;
+  double filled = 0;
+  if (River(couch, "big", elastic, "verify", gDocs, &filled) <= 0) {
+    std::fprintf(stderr, "river_bench: filling the alias to verify failed\n");
+    return false;
+  }
+  std::vector<double> read, verify, verifyRatio, verifyRss;
+  for (int round = 0; round < gRounds; ++round) {
+    double mb = 0;
+    const double r = ReadBoth(pool, couch, "big", elastic, "verify");
+    const double v = River(couch, "big", elastic, "verify", gDocs, &mb, "--verify");
+    if (r <= 0 || v <= 0) {
+      std::fprintf(stderr, "river_bench: verify round %d failed (read %.0f, verify %.0f docs/s)\n", round, r, v);
+      return false;
+    }
+    read.push_back(r), verify.push_back(v), verifyRatio.push_back(v / r), verifyRss.push_back(mb);
+  }
+  std::printf("both sides read alone %8.0f docs/s   river --verify %8.0f docs/s   ratio %.2f   peak RSS %.1f MB\n",
+              bench::Median(read), bench::Median(verify), bench::Median(verifyRatio), bench::Median(verifyRss));
   return true;
 }
 
@@ -211,6 +261,7 @@ int main(int argc, char** argv) {
   bench::Args args(argc, argv);
   gDocs = args.takeInt("--docs=", gDocs, 10, 1000);
   gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  gVerify = args.takeSwitch("--verify");
   args.initializeBenchmark();
   qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
   int rc = Comparison() ? 0 : 1;

@@ -17,21 +17,60 @@ namespace {
 
 struct RiverArgs {
   std::string couchUrl, elasticUrl, mappingFile, name;
-  bool once = false, follow = false;
+  bool once = false, follow = false, verify = false, repair = false;
   size_t batchDocs = 1000;
   unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
+  double retryMaxTime = 120; // seconds
 };
 
 std::string StatusLine(const qz::river::RiverStatus& s) {
   std::ostringstream line;
   line << "river " << s.name << " seq=" << (s.lastSeq.empty() ? "-" : s.lastSeq) << " indexed=" << s.indexed
        << " deleted=" << s.deleted << " skipped=" << s.skipped << " failed=" << s.failed << " lag=" << s.lagMs << "ms"
-       << (s.caughtUp ? " caught-up" : "");
+       << " retries=" << s.retries << (s.caughtUp ? " caught-up" : "");
   if (!s.buildingIndex.empty())
     line << " building=" << s.buildingIndex;
+  if (s.failures)
+    line << " failing=" << s.failures;
   if (!s.error.empty())
     line << " (" << s.error << ")";
   return line.str();
+}
+
+void PrintDrift(const char* when, const qz::river::RiverDrift& d) {
+  std::cout << when << "documents=" << d.documents << " missing=" << d.missing << " stale=" << d.stale
+            << " extra=" << d.extra;
+  if (d.repaired)
+    std::cout << " repaired=" << d.repaired;
+  std::cout << "\n";
+  for (const auto& [name, ids] : {std::pair{"missing", &d.missingIds}, {"stale", &d.staleIds}, {"extra", &d.extraIds}})
+    if (!ids->empty()) {
+      std::cout << name << ":";
+      for (const auto& id : *ids)
+        std::cout << " " << id;
+      std::cout << "\n";
+    }
+}
+
+// --verify [--repair]: exit 0 when the two sides are equal at the end.
+void VerifyRiver(qz::http::HttpConnectionPool& pool, const qz::river::RiverDefinition& def, bool repair) {
+  qz::river::RiverDrift drift;
+  std::string error;
+  if (!qz::river::VerifyRiver(pool, def, repair, drift, &error, InterruptFlag())) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = 1;
+    return;
+  }
+  PrintDrift("", drift);
+  if (repair && !drift.none()) {
+    if (!qz::river::VerifyRiver(pool, def, false, drift, &error, InterruptFlag())) {
+      std::cerr << "httptools river: " << error << "\n";
+      exitCode = 1;
+      return;
+    }
+    PrintDrift("after repair: ", drift);
+  }
+  exitCode = drift.none() ? 0 : 1;
 }
 
 void RunRiver(const RiverArgs& a) {
@@ -64,8 +103,11 @@ void RunRiver(const RiverArgs& a) {
   def.batchDocs = a.batchDocs;
   def.flushIntervalMs = a.intervalMs;
   def.leaseMs = a.leaseMs;
+  def.retryMaxMs = unsigned(a.retryMaxTime * 1000);
 
   qz::http::HttpConnectionPool pool;
+  if (a.verify || a.repair)
+    return VerifyRiver(pool, def, a.repair);
   qz::river::RiverManager rivers(pool, 1);
   std::string error;
   if (!rivers.addRiver(def, &error)) {
@@ -122,11 +164,19 @@ void AddRiverCommand(CLI::App& app) {
   cmd->add_option("elastic", a->elasticUrl, "Elasticsearch alias URL (http://host:port/alias)")->required();
   cmd->add_option("--mapping", a->mappingFile, "File holding the wanted mapping (JSON); default dynamic");
   auto* once = cmd->add_flag("--once", a->once, "Catch up, then exit (the default)");
-  cmd->add_flag("--follow", a->follow, "Keep following the database until interrupted")->excludes(once);
+  auto* follow = cmd->add_flag("--follow", a->follow, "Keep following the database until interrupted")->excludes(once);
+  auto* verify = cmd->add_flag("--verify", a->verify, "Compare the database with the index, print the drift")
+                     ->excludes(once)
+                     ->excludes(follow);
+  cmd->add_flag("--repair", a->repair, "With --verify: index or delete exactly the documents that drifted")
+      ->needs(verify);
   cmd->add_option("--name", a->name, "River name (default: DB-to-ALIAS)");
   cmd->add_option("--batch", a->batchDocs, "Documents per bulk request")->check(CLI::PositiveNumber);
   cmd->add_option("--interval-ms", a->intervalMs, "Following: feed poll interval once caught up");
   cmd->add_option("--lease-ms", a->leaseMs, "Lease duration; another process may take over after it");
+  cmd->add_option("--retry-max-time", a->retryMaxTime,
+                  "Once: seconds of failures in a row retried before giving up (default 120)")
+      ->check(CLI::NonNegativeNumber);
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
   cmd->callback([a] { RunRiver(*a); });
 }

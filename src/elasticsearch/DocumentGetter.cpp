@@ -46,6 +46,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
     qzVariantMapImpl doc;
     std::string problem;
     std::vector<std::string>* batchMissing = nullptr;
+    size_t answeredDocs = 0; // documents in the current answer
     ResponseItemCutter cutter("docs", "", [&](const char* text, size_t length) {
       doc.clear();
       if (!json::Json2Variant::Convert(text, length, doc)) {
@@ -53,6 +54,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
         return false;
       }
       const std::string id = doc["_id"].toString();
+      ++answeredDocs;
       if (auto e = doc.find("error"); e != doc.end()) {
         std::string json;
         json::Json2Variant::Convert(e->second, json, false);
@@ -75,6 +77,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       if (b >= batches || failed || http::CancelToken::IsSet(userCancel))
         break;
       batchMissing = &missingPerBatch[b];
+      answeredDocs = 0;
       const size_t end = std::min(ids.size(), (b + 1) * m_batchSize);
       body = json::JsonStringArray("ids", ids.data() + b * m_batchSize, ids.data() + end);
       ElasticResponse r;
@@ -85,6 +88,11 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
       }
       if (r.status != 200) {
         fail("_mget on " + m_index + " failed: " + ErrorText(r));
+        break;
+      }
+      if (answeredDocs != end - b * m_batchSize) { // an id neither found, missing nor failed
+        fail("_mget on " + m_index + " answered " + std::to_string(answeredDocs) + " of " +
+             std::to_string(end - b * m_batchSize) + " ids");
         break;
       }
     }

@@ -145,9 +145,16 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       std::string body;
       AppendJson(body, request);
       const size_t before = sink.delivered;
+      const qzVariant lastSort = sink.lastSort;
       const bool answered = ElasticCall(connection, "POST", searchUrl, &body, "application/json", r, &cutter, stop);
       if (!answered || r.status != 200) {
         err = pageError();
+        ok = false;
+        break;
+      }
+      // A server that ignores search_after sends the same page again: it would never end.
+      if (before && sink.delivered > before && sink.lastSort == lastSort) {
+        err = "searching " + index + ": the sort values did not advance from one page to the next";
         ok = false;
         break;
       }

@@ -2,6 +2,8 @@
 
 #include <HttpTools/platform/qzJson.h>
 
+#include <atomic>
+
 namespace qz::river::detail {
 
 RiverOutcome CheckpointStore::read(RiverState& out, bool& found, const bool* cancel) {
@@ -27,10 +29,44 @@ RiverOutcome CheckpointStore::read(RiverState& out, bool& found, const bool* can
   out.seq = seqOf("seq");
   out.building = src["building"].toString();
   out.buildSeq = seqOf("buildSeq");
+  out.marker = src["marker"].toString();
+  out.recreated = src["recreated"].toBool();
   return RiverOutcome::Done();
 }
 
+RiverOutcome CheckpointStore::createIndex(const bool* cancel) {
+  auto keyword = [] { return qzVariant(qzVariantMapImpl{{"type", "keyword"}}); };
+  qzVariantMapImpl properties{{"expires", qzVariantMapImpl{{"type", "long"}}},
+                              {"recreated", qzVariantMapImpl{{"type", "boolean"}}}};
+  for (const char* field : {"owner", "alias", "database", "index", "seq", "building", "buildSeq", "marker"})
+    properties[field] = keyword();
+  const std::string body = JsonText(
+      qzVariantMapImpl{{"mappings", qzVariantMapImpl{{"dynamic", false}, {"properties", std::move(properties)}}}});
+  const auto resp = CallElastic(m_pool, "PUT", m_where.elastic.toIndexUrl(m_where.stateIndex, {}), &body, cancel);
+  if (resp.status == 200 || (resp.status == 400 && ElasticErrorType(resp) == "resource_already_exists_exception"))
+    return RiverOutcome::Done();
+  return ElasticFailure("creating the state index " + m_where.stateIndex, resp);
+}
+
+RiverOutcome CheckpointStore::readBack(const RiverState& state, RiverOutcome failure, const bool* cancel) {
+  const int64_t seqNo = m_seqNo, primaryTerm = m_primaryTerm;
+  RiverState stored;
+  bool found = false;
+  if (read(stored, found, cancel).ok() && found && stored.owner == state.owner && stored.expires == state.expires &&
+      stored.index == state.index && stored.seq == state.seq && stored.building == state.building &&
+      stored.buildSeq == state.buildSeq && stored.marker == state.marker && stored.recreated == state.recreated)
+    return RiverOutcome::Done(); // it went through: the version read is ours
+  m_seqNo = seqNo;               // not ours: the next write must still name the version last known
+  m_primaryTerm = primaryTerm;
+  return failure;
+}
+
 RiverOutcome CheckpointStore::write(const RiverState& state, const bool* cancel) {
+  if (!knowsVersion() && !m_indexCreated) {
+    if (auto created = createIndex(cancel); !created.ok())
+      return created;
+    m_indexCreated = true;
+  }
   const std::string body = JsonText(qzVariantMapImpl{{"owner", state.owner},
                                                      {"expires", state.expires},
                                                      {"alias", m_where.alias},
@@ -38,13 +74,17 @@ RiverOutcome CheckpointStore::write(const RiverState& state, const bool* cancel)
                                                      {"index", state.index},
                                                      {"seq", state.seq},
                                                      {"building", state.building},
-                                                     {"buildSeq", state.buildSeq}});
+                                                     {"buildSeq", state.buildSeq},
+                                                     {"marker", state.marker},
+                                                     {"recreated", state.recreated}});
   const auto& es = m_where.elastic;
   const qz::Url url = knowsVersion() ? es.toDocumentUrl(m_where.stateIndex, m_where.river,
                                                         {{"if_seq_no", std::to_string(m_seqNo)},
                                                          {"if_primary_term", std::to_string(m_primaryTerm)}})
                                      : es.toApiUrl({m_where.stateIndex, "_create", m_where.river}, {});
   const auto resp = CallElastic(m_pool, "PUT", url, &body, cancel);
+  if (resp.status == 0 && !(cancel && std::atomic_ref<bool>(const_cast<bool&>(*cancel)).load()))
+    return readBack(state, ElasticFailure("writing the river state", resp), cancel);
   if (resp.status == 409)
     return RiverOutcome::Idle("the river state was written by another process");
   if (resp.status != 200 && resp.status != 201)

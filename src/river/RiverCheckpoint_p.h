@@ -14,6 +14,8 @@ struct RiverState {
   int64_t expires = 0; // ms since the epoch
   std::string index, seq = "0";
   std::string building, buildSeq = "0";
+  std::string marker;     // the token of the source database's marker document ("" while unknown)
+  bool recreated = false; // `building` is filled because the database was created again
 
   const std::string& target() const { return building.empty() ? index : building; }
   std::string& targetSeq() { return building.empty() ? seq : buildSeq; }
@@ -41,8 +43,14 @@ public:
   bool knowsVersion() const { return m_seqNo >= 0; }
 
 private:
+  // The state index with its mapping, as no cluster has to create indices on first write.
+  RiverOutcome createIndex(const bool* cancel);
+  // After a write whose answer was lost: Done when the stored document is `state`, else `failure`.
+  RiverOutcome readBack(const RiverState& state, RiverOutcome failure, const bool* cancel);
+
   http::HttpConnectionPool& m_pool;
   StateLocation m_where;
+  bool m_indexCreated = false;
   int64_t m_seqNo = -1, m_primaryTerm = -1; // -1: not seen (the next write creates it)
 };
 

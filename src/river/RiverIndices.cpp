@@ -91,6 +91,9 @@ RiverOutcome IndexManager::compare(const std::string& index, Match& match, const
 RiverOutcome IndexManager::create(const std::string& index, bool withAlias, bool& existed, const bool* cancel) {
   qzVariant mapping = m_wanted;
   mapping.asMap()["_meta"].asMap()[kMetaKey] = qzVariantMapImpl{{"mapping", m_wantedPacked}};
+  auto& properties = mapping.asMap()["properties"].asMap();
+  if (!properties.count(kRevField)) // the revision, also under a strict mapping
+    properties[kRevField] = qzVariantMapImpl{{"type", "keyword"}};
   qzVariantMapImpl request{{"mappings", std::move(mapping)}};
   if (withAlias)
     request["aliases"] = qzVariantMapImpl{{m_alias, qzVariantMapImpl{}}};
@@ -103,6 +106,18 @@ RiverOutcome IndexManager::create(const std::string& index, bool withAlias, bool
 }
 
 RiverOutcome IndexManager::drop(const std::string& index, const bool* cancel) {
+  // An index that an alias points to is live (a swap whose answer was lost moved it there).
+  const auto aliases = CallElastic(m_pool, "GET", m_elastic.toApiUrl({index, "_alias"}, {}), nullptr, cancel);
+  if (aliases.status == 404)
+    return RiverOutcome::Done();
+  if (aliases.status != 200)
+    return ElasticFailure("reading the aliases of " + index, aliases);
+  qzVariantMapImpl all;
+  if (!qz::json::Json2Variant::Convert(aliases.body, all))
+    return RiverOutcome::Failure(Side::Elastic, false, "reading the aliases of " + index + ": malformed answer");
+  for (const auto& [name, info] : all)
+    if (info.isMap() && !mapAt(info.toMap(), "aliases").empty())
+      return RiverOutcome::Failure(Side::Elastic, true, "not deleting " + index + ": an alias points to it");
   const auto resp = CallElastic(m_pool, "DELETE", m_elastic.toIndexUrl(index, {}), nullptr, cancel);
   if (resp.status == 200 || resp.status == 404)
     return RiverOutcome::Done();
@@ -115,6 +130,16 @@ RiverOutcome IndexManager::prepare(RiverState& state, const bool* cancel) {
     return found;
   if (live.empty())
     return createLive(state, cancel);
+  if (!state.building.empty() && live == state.building) { // the swap went through, its answer was lost
+    const std::string old = state.index;
+    state.index = live;
+    state.seq = state.buildSeq;
+    state.building.clear();
+    state.buildSeq = "0";
+    state.recreated = false;
+    if (!old.empty() && old != live)
+      drop(old, cancel); // a leftover is dropped by the next build anyway
+  }
   if (state.index != live) { // the state is missing or stale: start the live index over
     state.index = live;
     state.seq = "0";
@@ -124,6 +149,12 @@ RiverOutcome IndexManager::prepare(RiverState& state, const bool* cancel) {
     return compared;
   if (match != Match::Same)
     return startBuild(state, live, cancel);
+  if (!state.building.empty() && state.recreated) { // a rebuild for a recreated database goes on
+    Match built;
+    if (auto compared = compare(state.building, built, cancel); !compared.ok())
+      return compared;
+    return built == Match::Same ? RiverOutcome::Done() : startBuild(state, live, cancel);
+  }
   if (!state.building.empty()) { // the mapping went back while a new index was built
     if (auto dropped = drop(state.building, cancel); !dropped.ok())
       return dropped;
@@ -131,6 +162,21 @@ RiverOutcome IndexManager::prepare(RiverState& state, const bool* cancel) {
     state.buildSeq = "0";
   }
   return RiverOutcome::Done();
+}
+
+RiverOutcome IndexManager::rebuild(RiverState& state, const bool* cancel) {
+  std::string live;
+  if (auto found = findLive(live, cancel); !found.ok())
+    return found;
+  if (live.empty())
+    return createLive(state, cancel);
+  if (!state.building.empty())
+    if (auto dropped = drop(state.building, cancel); !dropped.ok())
+      return dropped;
+  state.building.clear();
+  state.index = live;
+  state.recreated = true;
+  return startBuild(state, live, cancel);
 }
 
 RiverOutcome IndexManager::createLive(RiverState& state, const bool* cancel) {
@@ -188,12 +234,19 @@ RiverOutcome IndexManager::swap(RiverState& state, const bool* cancel) {
   const std::string body =
       JsonText(qzVariantMapImpl{{"actions", qzVariantListImpl{action("remove", state.index), action("add", fresh)}}});
   const auto resp = CallElastic(m_pool, "POST", m_elastic.toApiUrl({"_aliases"}, {}), &body, cancel);
-  if (resp.status != 200)
-    return ElasticFailure("moving the alias " + m_alias + " to " + fresh, resp);
+  if (resp.status != 200) {
+    // A lost answer may have been sent again and refused: the alias tells whether it moved.
+    std::string live;
+    if (auto found = findLive(live, cancel); !found.ok())
+      return found;
+    if (live != fresh)
+      return ElasticFailure("moving the alias " + m_alias + " to " + fresh, resp);
+  }
   state.index = fresh;
   state.seq = state.buildSeq;
   state.building.clear();
   state.buildSeq = "0";
+  state.recreated = false;
   return RiverOutcome::Done();
 }
 

@@ -26,7 +26,11 @@ public:
   // Moves the alias from the live index to the one being built in one _aliases request, and
   // makes it the live one in `state` (the caller stores it, then drops the old index).
   RiverOutcome swap(RiverState& state, const bool* cancel);
-  RiverOutcome drop(const std::string& index, const bool* cancel); // a missing index is no failure
+  // Fills a new index from seq 0 beside the live one whatever the mapping (the source database
+  // was created again); the alias moves once it has caught up.
+  RiverOutcome rebuild(RiverState& state, const bool* cancel);
+  // A missing index is no failure; one that an alias points to is never deleted.
+  RiverOutcome drop(const std::string& index, const bool* cancel);
 
   // The live index behind the alias ("" when there is none).
   RiverOutcome findLive(std::string& live, const bool* cancel);

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 namespace qz::river {
@@ -38,24 +41,41 @@ public:
     return r.holdsLease() ? heldMs : std::max(100u, r.definition().leaseMs / 4);
   }
 
-  // Runs `river` until it is caught up. A failure that retrying cannot fix ends it at once, a
-  // transient one after a few tries. False with the failure in `firstError` (if still empty).
+  // Runs `river` until it is caught up. A failure that retrying cannot fix ends it at once; a
+  // transient one after a few tries while nothing was written yet, else once failures in a row
+  // have lasted `retryMaxMs`. False with the failure in `firstError` (if still empty).
   bool runRiverOnce(RiverRunner& r, std::string& firstError, std::mutex& errorMutex, const bool* cancel) {
     r.setRunning(true);
+    const auto written = [&] {
+      const auto s = r.status();
+      return s.indexed + s.deleted + s.skipped + s.failed;
+    };
+    const size_t writtenBefore = written();
     unsigned failures = 0;
+    int64_t failingSince = 0;
     bool ok = true;
     while (!stop.stopped(cancel)) {
       const RiverOutcome outcome = r.step(cancel);
       r.record(outcome);
       if (outcome.ok())
         break;
-      if (outcome.failed() && (outcome.permanent || ++failures > 8)) {
+      if (outcome.failed() && !failures++)
+        failingSince = detail::SteadyMs();
+      const bool started = written() > writtenBefore;
+      const int64_t failingMs = detail::SteadyMs() - failingSince;
+      if (outcome.failed() && (outcome.permanent || (!started && failures > 8) ||
+                               (started && failingMs >= int64_t(r.definition().retryMaxMs)))) {
         std::lock_guard<std::mutex> lock(errorMutex);
         if (firstError.empty())
-          firstError = r.definition().name + ": " + outcome.message;
+          firstError = r.definition().name + ": " + outcome.message +
+                       (outcome.permanent ? ""
+                                          : " (gave up after " + std::to_string(failures) + " tries in " +
+                                                std::to_string(failingMs / 1000) + " s)");
         ok = false;
         break;
       }
+      if (!outcome.failed())
+        failures = 0;
       stop.pause(outcome.failed() ? detail::StopSignal::BackoffMs(failures + 3) : idlePause(r, 100), cancel);
     }
     r.release();
@@ -152,7 +172,28 @@ bool RiverManager::runOnce(std::string* error, const bool* cancel) {
     return false;
   }
   d->stop.reset();
+  // A cancel becomes a stop, which also ends the waits that poll an atomic flag.
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool finished = false;
+  std::thread watcher;
+  if (cancel)
+    watcher = std::thread([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      while (!cv.wait_for(lock, std::chrono::milliseconds(20), [&] { return finished; }))
+        if (std::atomic_ref<bool>(const_cast<bool&>(*cancel)).load()) {
+          d->stop.stop();
+          return;
+        }
+    });
   const bool ok = d->runAll(false, error, cancel);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    finished = true;
+  }
+  cv.notify_all();
+  if (watcher.joinable())
+    watcher.join();
   d->running = false;
   return ok;
 }

@@ -2,48 +2,45 @@
 
 #include <HttpTools/platform/qzJson.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace qz::river::detail {
 
-using qz::elasticsearch::AppendJsonString;
-
 bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const Transform& transform, BulkOp& op,
                 bool& skipped) {
   skipped = false;
-  const int64_t generation = change.revs.empty() ? 0 : std::atoll(change.revs.front().c_str()); // "3-abc" -> 3
-  if (generation <= 0)
+  op.version = 0;
+  for (const auto& rev : change.revs) // "3-abc" -> 3
+    op.version += std::max<int64_t>(0, std::atoll(rev.c_str()));
+  // The winner is the document's _rev; the feed lists the leaves in no set order.
+  const qzVariant* rev =
+      change.doc.isMap() && change.doc.toMap().count("_rev") ? &change.doc.toMap().at("_rev") : nullptr;
+  op.rev = rev ? rev->toString() : change.revs.empty() ? std::string() : change.revs.front();
+  if (op.version <= 0 || std::atoll(op.rev.c_str()) <= 0)
     return false;
+  op.index = index;
   op.id = change.id;
+  op.source.clear();
   op.remove = change.deleted || change.id.rfind("_design/", 0) == 0 || !change.doc.isMap();
-  qzVariantMapImpl doc;
-  if (!op.remove) {
-    doc = change.doc.toMap();
-    bool keep = true;
-    if (transform) {
-      try {
-        keep = transform(doc);
-      } catch (...) {
-        keep = false;
-      }
+  if (op.remove)
+    return true;
+  qzVariantMapImpl doc = change.doc.toMap();
+  bool keep = true;
+  if (transform) {
+    try {
+      keep = transform(doc);
+    } catch (...) {
+      keep = false;
     }
-    op.remove = skipped = !keep;
   }
-  op.line = op.remove ? "{\"delete\":{\"_index\":" : "{\"index\":{\"_index\":";
-  AppendJsonString(op.line, index);
-  op.line += ",\"_id\":";
-  AppendJsonString(op.line, change.id);
-  op.line += ",\"version\":" + std::to_string(generation) + ",\"version_type\":\"external\"}}\n";
+  op.remove = skipped = !keep;
   if (op.remove)
     return true;
   for (const char* meta : {"_id", "_rev", "_attachments", "_conflicts", "_deleted", "_revisions"})
     doc.erase(meta);
-  std::string source;
-  if (!qz::json::Json2Variant::Convert(doc, source, false))
-    return false;
-  op.line += source;
-  op.line += '\n';
-  return true;
+  doc[kRevField] = op.rev;
+  return qz::json::Json2Variant::Convert(doc, op.source, false);
 }
 
 BulkPipeline::BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel, size_t batchBytes)
@@ -93,7 +90,7 @@ bool BulkPipeline::waitIdle() {
 
 bool BulkPipeline::add(BulkOp* op, const std::string& seq) {
   if (op) {
-    m_bytes += op->line.size();
+    m_bytes += op->size();
     m_batch.push_back(std::move(*op));
   }
   m_seq = seq;

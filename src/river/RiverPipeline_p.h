@@ -13,42 +13,49 @@
 
 namespace qz::river::detail {
 
-// One bulk operation: its action line and, for an index, its source line (NDJSON).
+// One operation of a batch: the document (or its removal) at the winning revision `rev`.
+// `version` is the sum of the generations of all the document's leaf revisions: every edit,
+// replicated conflict and deletion raises it, and it stays flat only while the winner does, so
+// Elasticsearch (external versioning) never lets an older state replace a newer one.
 struct BulkOp {
-  std::string id;
-  std::string line;
+  std::string index, id, rev;
+  int64_t version = 0; // negative: written above whatever version is stored
   bool remove = false;
+  std::string source; // index: the document as JSON, `kRevField` included
+  size_t size() const { return index.size() + id.size() + source.size() + 96; }
 };
 
 using Transform = std::function<bool(qzVariantMapImpl& doc)>;
 
-// The bulk operation a change asks for in `index`: the document, transformed, at the revision's
-// generation as its external version, so that a change delivered again never replaces a newer
-// revision; or a delete, for deleted and design documents and those the transform leaves out
+// The operation a change (read with every leaf revision) asks for in `index`: the document,
+// transformed; or a delete, for deleted and design documents and those the transform leaves out
 // (`skipped`). False when the change carries no revision.
 bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const Transform& transform, BulkOp& op,
                 bool& skipped);
 
-// What a sender reports after each request.
+// What a sender reports after each batch.
 struct BulkProgress {
   size_t indexed = 0, deleted = 0, failed = 0, retried = 0;
-  std::string retrying; // why some went again; "" when all went through
+  std::string retrying; // why some items went again; "" when all went through
 };
 
 // Where batches go. The only part that knows how a bulk travels.
 class BulkSender {
 public:
   virtual ~BulkSender() = default;
-  // Sends `ops` until each one is acknowledged: written, a delete of a missing document, an older
-  // revision refused; items refused for good are counted as failed. 429, 503 and lost requests
-  // are sent again after a growing pause. Idle on stop or cancel; Failed when the server refuses
-  // the whole request.
+  // Sends `ops` until each one is acknowledged: written, a delete of a missing document, or a
+  // version conflict with the same revision stored; a conflict with another revision stored is
+  // written again above it. Items refused for good are counted as failed. Idle on stop or
+  // cancel; a transient failure when items are still rejected (429, 503, no answer) after the
+  // retries; Failed for good when the server refuses the whole request.
   virtual RiverOutcome send(std::vector<BulkOp>& ops, const bool* cancel) = 0;
 };
 
+// A sender onto the library's BulkIndexer; `retries` attempts per item beyond the first.
 std::unique_ptr<BulkSender> MakeBulkSender(http::HttpConnectionPool& pool,
                                            qz::elasticsearch::ElasticConnectionParameters elastic, std::string river,
-                                           StopSignal& stop, std::function<void(const BulkProgress&)> progress);
+                                           StopSignal& stop, std::function<void(const BulkProgress&)> progress,
+                                           unsigned retries = 5);
 
 // Gathers operations into batches of `batchDocs` (or `batchBytes`) and writes each full batch
 // on a thread of its own while the next one fills: one batch in flight at most, add() waits for

@@ -8,7 +8,8 @@ RiverRunner::RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definit
                          StopSignal& stop)
     : m_pool(pool), m_def(std::move(definition)), m_stop(stop),
       m_store(pool, {m_def.elastic, m_def.stateIndex, m_def.name, m_def.index, m_def.database}),
-      m_lease(m_store, owner, m_def.leaseMs), m_indices(pool, m_def.elastic, m_def.index, m_def.mappingJson) {
+      m_lease(m_store, owner, m_def.leaseMs), m_indices(pool, m_def.elastic, m_def.index, m_def.mappingJson),
+      m_source(pool, m_def.couch, m_def.database, m_def.name) {
   m_sender = MakeBulkSender(pool, m_def.elastic, m_def.name, stop, [this](const BulkProgress& p) {
     updateStatus([&](RiverStatus& s) {
       s.indexed += p.indexed;
@@ -42,6 +43,8 @@ RiverOutcome RiverRunner::step(const bool* cancel) {
         return prepared;
       m_prepared = true;
     }
+    if (auto checked = checkSource(cancel); !checked.ok())
+      return checked;
     for (;;) {
       if (auto caughtUp = catchUp(cancel); !caughtUp.ok())
         return caughtUp;
@@ -67,6 +70,28 @@ RiverOutcome RiverRunner::prepare(const bool* cancel) {
   return save(cancel);
 }
 
+RiverOutcome RiverRunner::checkSource(const bool* cancel) {
+  const std::string known = m_state.marker;
+  bool recreated = false;
+  if (auto checked = m_source.check(m_state, recreated, cancel); !checked.ok())
+    return checked;
+  if (!recreated)
+    return m_state.marker == known ? RiverOutcome::Done() : save(cancel);
+  qzLogObject(qzLog::Warning, "river") << "River " << m_def.name << ": " << m_def.database
+                                       << " was deleted and created again, filling a new index";
+  // Until the rebuild is stored, the next check must still see a marker other than the state's.
+  auto forget = [&](RiverOutcome failed) {
+    m_state.marker = known;
+    return failed;
+  };
+  if (auto marked = m_source.mark(m_state, cancel); !marked.ok())
+    return forget(marked);
+  if (auto rebuilt = m_indices.rebuild(m_state, cancel); !rebuilt.ok())
+    return forget(rebuilt);
+  auto saved = save(cancel);
+  return saved.ok() ? saved : forget(saved);
+}
+
 RiverOutcome RiverRunner::swap(const bool* cancel) {
   const std::string old = m_state.index;
   if (auto swapped = m_indices.swap(m_state, cancel); !swapped.ok())
@@ -88,6 +113,7 @@ RiverOutcome RiverRunner::catchUp(const bool* cancel) {
   qz::couch::ChangesOptions options;
   options.since = m_state.targetSeq();
   options.includeDocs = true;
+  options.allLeafRevs = true; // every leaf's generation goes into the version
   options.batchLimit = unsigned(m_def.batchDocs);
   options.backoffInitialMs = 200;
   options.backoffMaxMs = 1000;
@@ -162,6 +188,7 @@ void RiverRunner::record(const RiverOutcome& outcome) {
     if (outcome.failed())
       s.error = outcome.message;
     s.caughtUp = outcome.ok();
+    s.failures = outcome.failed() ? s.failures + 1 : outcome.ok() ? 0 : s.failures;
     s.lagMs = outcome.ok() || !m_lastCaughtUpMs ? 0 : SteadyMs() - m_lastCaughtUpMs;
     if (outcome.ok()) {
       s.waitingForLease = false;

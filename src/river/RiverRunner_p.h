@@ -4,6 +4,7 @@
 #include <HttpTools/river/RiverIndices_p.h>
 #include <HttpTools/river/RiverLease_p.h>
 #include <HttpTools/river/RiverPipeline_p.h>
+#include <HttpTools/river/RiverSource_p.h>
 
 #include <memory>
 #include <mutex>
@@ -43,6 +44,8 @@ private:
   RiverOutcome prepare(const bool* cancel);
   RiverOutcome catchUp(const bool* cancel);
   RiverOutcome swap(const bool* cancel);
+  // A source database created again since the checkpoint is filled into a new index.
+  RiverOutcome checkSource(const bool* cancel);
   // Stores the state (renewing the lease), trying again while the failure is transient.
   RiverOutcome save(const bool* cancel);
   template <typename F> void updateStatus(F f) {
@@ -56,6 +59,7 @@ private:
   CheckpointStore m_store;
   RiverLease m_lease;
   IndexManager m_indices;
+  SourceWatch m_source;
   std::unique_ptr<BulkSender> m_sender;
 
   RiverState m_state;

@@ -16,6 +16,9 @@ class HttpConnectionPool;
 
 namespace qz::river::detail {
 
+// The field of each indexed document that holds the CouchDB revision it was made from.
+inline constexpr const char* kRevField = "httptools_rev";
+
 // The server a failure came from.
 enum class Side : uint8_t { Couch, Elastic };
 
@@ -46,6 +49,8 @@ public:
   void stop();
   void reset() { m_stopping.store(false); }
   bool stopped(const bool* cancel) const;
+  // The flag stop() sets, for waits that poll one (the manager turns a cancel into a stop).
+  const std::atomic<bool>* flag() const { return &m_stopping; }
   // Sleeps up to `ms`; false when stopped meanwhile. stop() wakes it at once, the cancel flag
   // (not signalled) within 50 ms.
   bool pause(unsigned ms, const bool* cancel);

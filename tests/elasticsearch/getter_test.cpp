@@ -56,7 +56,7 @@ TEST_F(GetterTest, FindsDocumentsOverThreadsAndListsMissingInOrder) {
   EXPECT_EQ(emulator.stats().mgetRequests, 2u * 31u);
 }
 
-TEST_F(GetterTest, MissingIndexErrorAnswerAndCancel) {
+TEST_F(GetterTest, MissingIndexErrorShortAnswerAndCancel) {
   seed(10);
   std::string error;
   DocumentGetter nowhere(pool, server, "nope", 2);
@@ -71,6 +71,13 @@ TEST_F(GetterTest, MissingIndexErrorAnswerAndCancel) {
   EXPECT_FALSE(getter.get(
       {"k1"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, nullptr));
   EXPECT_NE(error.find("503"), std::string::npos) << error;
+
+  f.unavailable = 0;
+  f.mgetDropLast = true; // an answer that leaves an id out
+  emulator.setFaults(f);
+  EXPECT_FALSE(getter.get(
+      {"k1", "k2", "k3"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, nullptr));
+  EXPECT_NE(error.find("answered 2 of 3 ids"), std::string::npos) << error;
 
   bool cancel = true;
   EXPECT_FALSE(getter.get(

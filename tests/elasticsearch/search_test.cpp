@@ -150,7 +150,7 @@ TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
   expectClosed();
 }
 
-TEST_F(SearchTest, BadQueryMissingIndexAndForeignServer) {
+TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {
   seed("docs", 3);
   EXPECT_FALSE(fetch("[1,2]", 10, [](SearchHit&) { return true; }));
   EXPECT_NE(error.find("not a JSON object"), std::string::npos) << error;
@@ -174,6 +174,16 @@ TEST_F(SearchTest, BadQueryMissingIndexAndForeignServer) {
   for (const auto& line : log.lines())
     warnings += line.text.find("X-Elastic-Product") != std::string::npos;
   EXPECT_EQ(warnings, 1u) << log.dump();
+
+  // A server that ignores search_after sends the first page again and again.
+  f.noProductHeader = false;
+  f.ignoreSearchAfter = true;
+  emulator.setFaults(f);
+  hits = 0;
+  EXPECT_FALSE(fetch("", 2, [&](SearchHit&) { return ++hits > 0; }));
+  EXPECT_NE(error.find("did not advance"), std::string::npos) << error;
+  EXPECT_EQ(hits, 4u);
+  expectClosed();
 }
 
 } // namespace

@@ -60,6 +60,14 @@ TEST_F(RiverIndicesTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
   EXPECT_TRUE(state.building.empty());
   httplib::Client client("127.0.0.1", elastic.port());
   EXPECT_EQ(client.Get("/_alias/docs")->body, R"({"docs-2":{"aliases":{"docs":{}}}})");
+
+  // A rebuild for a recreated database is resumed, not taken for a mapping gone back.
+  ASSERT_TRUE(indices(v2).rebuild(state, nullptr).ok());
+  state.buildSeq = "4";
+  ASSERT_TRUE(indices(v2).prepare(state, nullptr).ok());
+  EXPECT_EQ(state.building, "docs-3");
+  EXPECT_EQ(state.buildSeq, "4");
+  EXPECT_TRUE(state.recreated);
 }
 
 TEST_F(RiverIndicesTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {

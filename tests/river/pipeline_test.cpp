@@ -19,11 +19,12 @@ using namespace qz::river::detail;
 
 namespace {
 
-qz::couch::Change MakeChange(const std::string& id, const std::string& rev, const std::string& doc,
+// A change read with every leaf revision (`revs`); the document carries the winner's _rev.
+qz::couch::Change MakeChange(const std::string& id, std::vector<std::string> revs, const std::string& doc,
                              bool deleted = false) {
   qz::couch::Change c;
   c.id = id;
-  c.revs = {rev};
+  c.revs = std::move(revs);
   c.deleted = deleted;
   qz::json::Json2Variant::Convert(doc.data(), doc.size(), c.doc);
   return c;
@@ -36,33 +37,37 @@ TEST(RiverPipeline, EachChangeBecomesTheOperationItAsksFor) {
     doc["seen"] = 1;
     return !doc.count("drop");
   };
-  // An operation's action line and source line (if any), written here with ' for ".
-  auto lines = [](const char* action, const char* id, int version, std::string source = {}) {
-    std::string out = std::string("{'") + action + "':{'_index':'i-1','_id':'" + id +
-                      "','version':" + std::to_string(version) + ",'version_type':'external'}}\n" + source +
-                      (source.empty() ? "" : "\n");
-    std::replace(out.begin(), out.end(), '\'', '"');
-    return out;
-  };
   struct Case {
     qz::couch::Change change;
-    bool needsOp, skipped;
-    std::string line;
+    bool needsOp, skipped, remove;
+    std::string rev;
+    int64_t version;
+    std::string source;
   } cases[] = {
-      {MakeChange("a", "3-x", R"({"_id":"a","_rev":"3-x","_conflicts":["2-y"],"n":1})"), true, false,
-       lines("index", "a", 3, "{'n':1,'seen':1}")},
-      {MakeChange("q\\", "4-x", "null", true), true, false, lines("delete", "q\\\\", 4)},
-      {MakeChange("_design/v", "1-x", R"({"views":{}})"), true, false, lines("delete", "_design/v", 1)},
-      {MakeChange("d", "2-x", R"({"drop":true})"), true, true, lines("delete", "d", 2)}, // left out
-      {MakeChange("t", "12-x", R"({"boom":1})"), true, true, lines("delete", "t", 12)},  // transform threw
-      {MakeChange("r", "", R"({"n":2})"), false, false, ""},                             // no revision
+      {MakeChange("a", {"3-x"}, R"({"_id":"a","_rev":"3-x","_revisions":{},"n":1})"), true, false, false, "3-x", 3,
+       R"({"httptools_rev":"3-x","n":1,"seen":1})"},
+      // A lower leaf won after the winner was deleted: the leaves in feed order, the sum rises.
+      {MakeChange("c", {"4-d", "3-b"}, R"({"_id":"c","_rev":"3-b","n":2})"), true, false, false, "3-b", 7,
+       R"({"httptools_rev":"3-b","n":2,"seen":1})"},
+      {MakeChange("q", {"4-x", "2-y"}, R"({"_id":"q","_rev":"4-x","_deleted":true})", true), true, false, true, "4-x",
+       6, ""},
+      {MakeChange("_design/v", {"1-x"}, R"({"_rev":"1-x","views":{}})"), true, false, true, "1-x", 1, ""},
+      {MakeChange("d", {"2-x"}, R"({"_rev":"2-x","drop":true})"), true, true, true, "2-x", 2, ""},  // left out
+      {MakeChange("t", {"12-x"}, R"({"_rev":"12-x","boom":1})"), true, true, true, "12-x", 12, ""}, // threw
+      {MakeChange("r", {}, R"({"n":2})"), false, false, false, "", 0, ""},                          // no revision
   };
   for (const auto& c : cases) {
     BulkOp op;
     bool skipped = true;
     EXPECT_EQ(ChangeToOp(c.change, "i-1", transform, op, skipped), c.needsOp) << c.change.id;
     EXPECT_EQ(skipped, c.skipped) << c.change.id;
-    EXPECT_EQ(op.line, c.line) << c.change.id;
+    if (!c.needsOp)
+      continue;
+    EXPECT_EQ(op.remove, c.remove) << c.change.id;
+    EXPECT_EQ(op.rev, c.rev) << c.change.id;
+    EXPECT_EQ(op.version, c.version) << c.change.id;
+    EXPECT_EQ(op.source, c.source) << c.change.id;
+    EXPECT_EQ(op.index, "i-1");
   }
 }
 
@@ -115,7 +120,7 @@ TEST(RiverPipeline, BatchesTravelOneAtATimeAndCommitInOrderUntilOneFails) {
         nullptr);
     bool accepted = true;
     for (size_t i = 0; i < 10 && accepted; ++i) {
-      BulkOp op{"d", std::string(10, 'x')};
+      BulkOp op{"i", "d", "1-x", 1, false, std::string(10, 'x')};
       sender.progress(sender.started);
       accepted = pipeline.add(c.noOpEvery && i % c.noOpEvery == 3 ? nullptr : &op, "s" + std::to_string(i));
       sender.progress(sender.returned);
@@ -135,25 +140,40 @@ TEST(RiverPipeline, BatchesTravelOneAtATimeAndCommitInOrderUntilOneFails) {
   }
 }
 
-TEST(RiverPipeline, SenderAcknowledgesEveryItemOnceThroughRejectionsAndRefusals) {
+TEST(RiverPipeline, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByTheStoredRevision) {
   qztest::ElasticEmulator elastic;
   ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
   httplib::Client es("127.0.0.1", elastic.port());
   ASSERT_EQ(es.Put("/i", R"({"mappings":{"properties":{"n":{"type":"long"}}}})", "application/json")->status, 200);
-  ASSERT_EQ(es.Put("/i/_doc/newer?version=9&version_type=external", R"({"n":9})", "application/json")->status, 201);
+  // What the index holds before the batch, each at external version 9.
+  for (const auto& [id, rev] : {std::pair{"same", "5-s"}, {"older", "5-o"}, {"stale", "5-o"}})
+    ASSERT_EQ(es.Put(std::string("/i/_doc/") + id + "?version=9&version_type=external",
+                     std::string(R"({"n":9,"httptools_rev":")") + rev + "\"}", "application/json")
+                  ->status,
+              201);
+  ASSERT_EQ(es.Put("/i/_doc/gone?version=9&version_type=external", R"({"n":9})", "application/json")->status, 201);
+  ASSERT_EQ(es.Delete("/i/_doc/gone?version=10&version_type=external")->status, 200);
   qztest::ElasticEmulator::Faults faults;
   faults.rejectItems = 2;
   faults.unavailable = 1;
   faults.unavailablePath = "_bulk";
   elastic.setFaults(faults);
 
-  auto op = [](const char* id, bool remove, const char* source) {
-    std::string line = std::string("{\"") + (remove ? "delete" : "index") + "\":{\"_index\":\"i\",\"_id\":\"" + id +
-                       "\",\"version\":1,\"version_type\":\"external\"}}\n";
-    return BulkOp{id, remove ? line : line + source + "\n", remove};
+  struct Case {
+    BulkOp op;
+    std::string after; // the stored revision afterwards; "-" when the document is absent
+  } cases[] = {
+      {{"i", "a", "1-a", 1, false, R"({"n":1,"httptools_rev":"1-a"})"}, "1-a"},
+      {{"i", "same", "5-s", 5, false, R"({"n":5,"httptools_rev":"5-s"})"}, "5-s"},  // sent again: done
+      {{"i", "older", "6-n", 8, false, R"({"n":8,"httptools_rev":"6-n"})"}, "6-n"}, // stored is not the winner
+      {{"i", "stale", "5-o", 3, true, ""}, "-"}, // deleted since: the deletion wins over the stored state
+      {{"i", "gone", "3-g", 4, false, R"({"n":4,"httptools_rev":"3-g"})"}, "3-g"}, // recreated below a deletion
+      {{"i", "nothing", "2-x", 2, true, ""}, "-"},                                 // nothing to delete
+      {{"i", "bad", "1-b", 1, false, R"({"n":"x","httptools_rev":"1-b"})"}, "-"},  // refused by the mapping
   };
-  std::vector<BulkOp> ops{op("a", false, R"({"n":1})"), op("b", false, R"({"n":2})"), op("newer", false, R"({"n":1})"),
-                          op("gone", true, ""), op("bad", false, R"({"n":"x"})")};
+  std::vector<BulkOp> ops;
+  for (const auto& c : cases)
+    ops.push_back(c.op);
   qz::http::HttpConnectionPool pool;
   StopSignal stop;
   BulkProgress total;
@@ -167,10 +187,17 @@ TEST(RiverPipeline, SenderAcknowledgesEveryItemOnceThroughRejectionsAndRefusals)
   const RiverOutcome sent = sender->send(ops, nullptr);
   ASSERT_TRUE(sent.ok()) << sent.message;
   EXPECT_TRUE(ops.empty());
-  EXPECT_EQ(total.indexed, 2u); // a, b: "newer" keeps its version 9, "gone" had nothing to delete
-  EXPECT_EQ(total.failed, 1u);  // "bad" does not fit the mapping
-  EXPECT_EQ(total.retried, 3u); // the whole request once, then a and b
-  EXPECT_NE(es.Get("/i/_doc/newer")->body.find("\"n\":9"), std::string::npos);
+  EXPECT_EQ(total.indexed, 3u); // a, then older and gone written again
+  EXPECT_EQ(total.deleted, 1u); // stale
+  EXPECT_EQ(total.failed, 1u);  // bad
+  EXPECT_GE(total.retried, 2u); // the rejected items at least
+  for (const auto& c : cases) {
+    auto got = es.Get("/i/_doc/" + c.op.id);
+    ASSERT_TRUE(got);
+    qz::qzVariantMapImpl doc;
+    qz::json::Json2Variant::Convert(got->body, doc);
+    EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", c.after) << c.op.id;
+  }
 }
 
 TEST(RiverPipeline, FeedFailureIsPermanentUnlessTheFeedUsedUpItsRetries) {

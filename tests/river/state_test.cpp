@@ -22,7 +22,7 @@ protected:
     return {qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), "state", "r", "docs", "db"};
   }
   static auto fields(const RiverState& s) {
-    return std::tie(s.owner, s.expires, s.index, s.seq, s.building, s.buildSeq);
+    return std::tie(s.owner, s.expires, s.index, s.seq, s.building, s.buildSeq, s.marker, s.recreated);
   }
 
   qztest::ElasticEmulator elastic;
@@ -36,9 +36,10 @@ TEST_F(RiverStateTest, CheckpointComesBackAsWrittenAndNeverOverwritesAnotherWrit
   ASSERT_TRUE(reader.read(read, found, nullptr).ok());
   EXPECT_FALSE(found);
   const RiverState states[] = {
-      {"me", 123, "docs-1", "0", "", "0"},
-      {"me", 456, "docs-1", "42", "docs-2", "7"},
-      {"", 0, "docs-3", "17-g1AAAAB7eJzLYWBg4MhgTmHgz8tPSTV0MDQy0TM0\"\\", "", "0"}, // CouchDB 2+: opaque
+      {"me", 123, "docs-1", "0", "", "0", "", false},
+      {"me", 456, "docs-1", "42", "docs-2", "7", "5f0c", true},
+      {"", 0, "docs-3", "17-g1AAAAB7eJzLYWBg4MhgTmHgz8tPSTV0MDQy0TM0\"\\", "", "0", "5f0c",
+       false}, // CouchDB 2+: opaque
   };
   for (const auto& state : states) {
     ASSERT_TRUE(writer.write(state, nullptr).ok());

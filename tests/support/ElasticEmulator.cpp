@@ -172,6 +172,9 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
       f.unavailablePath = body["unavailable_path"].GetString();
     boolean("no_pit", f.noPit);
     boolean("no_product_header", f.noProductHeader);
+    boolean("no_auto_create", f.noAutoCreate);
+    boolean("ignore_search_after", f.ignoreSearchAfter);
+    boolean("mget_drop_last", f.mgetDropLast);
     st.setFaults(f);
     return acknowledged("{\"acknowledged\":true}");
   }
@@ -316,6 +319,11 @@ Index* ElasticEmulator::State::writeIndex(const std::string& name, int& status, 
   if (name.empty() || name[0] == '_' || name != emu::lower(name)) {
     status = 400;
     err = "Invalid index name [" + name + "], must be lowercase and must not start with '_'";
+    return nullptr;
+  }
+  if (faults.noAutoCreate) {
+    status = 404;
+    err = "no such index [" + name + "] and [action.auto_create_index] is [false]";
     return nullptr;
   }
   return &createIndex(name);

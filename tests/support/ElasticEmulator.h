@@ -41,14 +41,17 @@ namespace qztest {
 class ElasticEmulator {
 public:
   struct Faults {
-    int rejectItems = 0;          // the next N bulk items answer 429 es_rejected_execution_exception
-    int unavailable = 0;          // the next N requests whose path contains unavailablePath answer 503
-    std::string unavailablePath;  // "" matches every path
-    int failSearchPages = 0;      // the next N search pages (search or scroll) answer 500
-    size_t cutSearchAfter = 0;    // the next search page stops after this many bytes (0: off)
-    int stallSearchMs = 0;        // the next search page waits this long after its first bytes
-    bool noPit = false;           // _pit answers 400 as a server without point in time does
-    bool noProductHeader = false; // answers lack X-Elastic-Product
+    int rejectItems = 0;            // the next N bulk items answer 429 es_rejected_execution_exception
+    int unavailable = 0;            // the next N requests whose path contains unavailablePath answer 503
+    std::string unavailablePath;    // "" matches every path
+    int failSearchPages = 0;        // the next N search pages (search or scroll) answer 500
+    size_t cutSearchAfter = 0;      // the next search page stops after this many bytes (0: off)
+    int stallSearchMs = 0;          // the next search page waits this long after its first bytes
+    bool noPit = false;             // _pit answers 400 as a server without point in time does
+    bool noProductHeader = false;   // answers lack X-Elastic-Product
+    bool noAutoCreate = false;      // action.auto_create_index: false: writes to a missing index answer 404
+    bool ignoreSearchAfter = false; // searches answer as if search_after were not there
+    bool mgetDropLast = false;      // the next _mget answer leaves out its last document
   };
 
   struct Stats {

@@ -197,7 +197,7 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
       Index* ix = st.writeIndex(item.index, status, err);
       if (!ix) {
         r.status = status;
-        r.errorType = "illegal_argument_exception";
+        r.errorType = status == 404 ? "index_not_found_exception" : "illegal_argument_exception";
         r.errorReason = err;
         continue;
       }
@@ -269,7 +269,8 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
   std::string err;
   Index* ix = st.writeIndex(indexName, status, err);
   if (!ix)
-    return st.reply(res, status, errorBody(status, "illegal_argument_exception", err));
+    return st.reply(res, status,
+                    errorBody(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err));
   if (id.empty())
     id = randomId(20, ++st.counter).substr(0, 20);
   const WriteResult r = st.write(*ix, op, id, docText, source, o, upsert);
@@ -345,6 +346,10 @@ void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
   {
     std::lock_guard<std::mutex> lock(st.mu);
     ++st.stats.mgetRequests;
+    if (st.faults.mgetDropLast && !wanted.empty()) {
+      wanted.pop_back();
+      st.faults.mgetDropLast = false;
+    }
     w.StartObject();
     w.Key("docs");
     w.StartArray();

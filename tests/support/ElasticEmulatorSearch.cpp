@@ -149,6 +149,8 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
   const bool scroll = req.has_param("scroll");
 
   std::unique_lock<std::mutex> lock(st.mu);
+  if (st.faults.ignoreSearchAfter)
+    after = nullptr;
   ++st.stats.searchRequests;
   st.stats.lastSearchBody = req.body;
   std::vector<Entry> own;

@@ -1,0 +1,277 @@
+// VerifyRiver: CouchDB's winners against what the index holds, and the index against CouchDB.
+#include <HttpTools/river/River.h>
+
+#include <HttpTools/couch/ChangesFeed.h>
+#include <HttpTools/couch/CouchRequest_p.h>
+#include <HttpTools/elasticsearch/ElasticSearch.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
+#include <HttpTools/river/RiverPipeline_p.h>
+
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+namespace qz::river {
+
+namespace {
+
+using namespace detail;
+using qz::couch::detail::Reply;
+using qz::couch::detail::RequestWithRetry;
+
+constexpr size_t kPage = 1000;
+constexpr size_t kShownIds = 10;
+
+class Verifier {
+public:
+  Verifier(http::HttpConnectionPool& pool, const RiverDefinition& def, bool repair, RiverDrift& drift,
+           const bool* cancel)
+      : m_pool(pool), m_def(def), m_repair(repair), m_drift(drift), m_cancel(cancel),
+        m_sender(MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {})) {}
+
+  // The two sides are compared at once, each on a thread of its own.
+  bool run(std::string& error) {
+    std::string elasticError;
+    bool elasticOk = true;
+    std::thread other([&] { elasticOk = elasticSide(elasticError); });
+    const bool couchOk = couchSide(error);
+    other.join();
+    if (couchOk && !elasticOk)
+      error = elasticError;
+    return couchOk && elasticOk;
+  }
+
+private:
+  void Note(size_t& count, std::vector<std::string>& shown, const std::string& id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (count++ < kShownIds)
+      shown.push_back(id);
+  }
+  bool cancelled(std::string& error) const {
+    if (!m_stop.stopped(m_cancel))
+      return false;
+    error = "cancelled";
+    return true;
+  }
+
+  bool couchCall(const qz::Url& url, const std::string* body, qzVariantMapImpl& answer, std::string& error) {
+    Reply reply;
+    RequestWithRetry(m_pool, url, body ? http::Method::Post : http::Method::Get, body, reply, m_cancel);
+    if (reply.code != 200 || !qz::json::Json2Variant::Convert(reply.body, answer)) {
+      error = cancelled(error) ? error : "CouchDB: reading " + m_def.database + ": " + reply.reason();
+      return false;
+    }
+    return true;
+  }
+
+  // Pages of _all_docs (documents included when a transform decides what is indexed).
+  bool couchSide(std::string& error) {
+    std::string last;
+    for (;;) {
+      qz::Url::QueryParameters query{{"limit", std::to_string(kPage)}};
+      if (m_def.transform)
+        query.emplace_back("include_docs", "true");
+      if (!last.empty()) {
+        query.emplace_back("startkey", JsonText(qzVariant(last)));
+        query.emplace_back("skip", "1");
+      }
+      qzVariantMapImpl answer;
+      if (!couchCall(m_def.couch.toUrl({m_def.database, "_all_docs"}, query), nullptr, answer, error))
+        return false;
+      const auto& rows = answer["rows"].toList();
+      std::vector<std::pair<std::string, std::string>> winners; // id, rev ("": left out of the index)
+      for (const auto& row : rows) {
+        const auto& r = row.toMap();
+        last = r.count("id") ? r.at("id").toString() : last;
+        if (last.rfind("_design/", 0) == 0)
+          continue;
+        std::string rev =
+            r.count("value")
+                ? r.at("value").toMap().count("rev") ? r.at("value").toMap().at("rev").toString() : std::string()
+                : std::string();
+        if (m_def.transform && r.count("doc") && r.at("doc").isMap()) {
+          qzVariantMapImpl doc = r.at("doc").toMap();
+          bool keep = false;
+          try {
+            keep = m_def.transform(doc);
+          } catch (...) {
+          }
+          if (!keep)
+            rev.clear();
+        }
+        winners.emplace_back(last, std::move(rev));
+      }
+      if (!winners.empty() && !checkWinners(winners, error))
+        return false;
+      if (rows.size() < kPage)
+        return true;
+    }
+  }
+
+  // One page of winners against _mget on the alias.
+  bool checkWinners(const std::vector<std::pair<std::string, std::string>>& winners, std::string& error) {
+    qzVariantListImpl ids;
+    for (const auto& w : winners)
+      ids.emplace_back(w.first);
+    const std::string body = JsonText(qzVariantMapImpl{{"ids", std::move(ids)}});
+    const auto resp =
+        CallElastic(m_pool, "POST", m_def.elastic.toApiUrl({m_def.index, "_mget"}, {{"_source_includes", kRevField}}),
+                    &body, m_cancel);
+    qzVariantMapImpl answer;
+    if (resp.status == 404) { // no index yet: everything is missing
+      answer["docs"] = qzVariantListImpl{};
+    } else if (resp.status != 200 || !qz::json::Json2Variant::Convert(resp.body, answer)) {
+      error = cancelled(error) ? error : ElasticFailure("reading " + m_def.index, resp).message;
+      return false;
+    }
+    std::unordered_map<std::string, std::string> stored; // id -> revision held ("" without one)
+    for (const auto& d : answer["docs"].toList()) {
+      const auto& doc = d.toMap();
+      if (doc.count("error"))
+        return error = "reading " + m_def.index + ": " + JsonText(doc.at("error")), false;
+      if (doc.count("found") && doc.at("found").toBool())
+        stored[doc.at("_id").toString()] =
+            doc.count("_source") ? qzVariant(doc.at("_source")).asMap()[kRevField].toString() : std::string();
+    }
+    std::vector<std::string> rewrite, remove;
+    for (const auto& [id, rev] : winners) {
+      if (!rev.empty()) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_drift.documents;
+      }
+      const auto it = stored.find(id);
+      if (rev.empty() && it != stored.end()) {
+        Note(m_drift.extra, m_drift.extraIds, id);
+        remove.push_back(id);
+      } else if (!rev.empty() && it == stored.end()) {
+        Note(m_drift.missing, m_drift.missingIds, id);
+        rewrite.push_back(id);
+      } else if (!rev.empty() && it->second != rev) {
+        Note(m_drift.stale, m_drift.staleIds, id);
+        rewrite.push_back(id);
+      }
+    }
+    return !m_repair || (write(rewrite, error) && removeExtra(remove, error));
+  }
+
+  // Every document of the alias against _all_docs by keys.
+  bool elasticSide(std::string& error) {
+    std::vector<std::string> page;
+    std::string problem;
+    auto flushPage = [&] {
+      const bool ok = page.empty() || checkHeld(page, problem);
+      page.clear();
+      return ok;
+    };
+    const qz::Url url = m_def.elastic.toIndexUrl(m_def.index, {});
+    http::HttpConnectionLocker connection(m_pool, url);
+    std::string scanError;
+    const bool scanned = qz::elasticsearch::FetchSearchResults(
+        *connection, m_def.elastic, m_def.index,
+        JsonText(qzVariantMapImpl{{"_source", qzVariantListImpl{qzVariant(std::string(kRevField))}}}),
+        [&](qz::elasticsearch::SearchHit& hit) {
+          page.push_back(hit.id);
+          return page.size() < kPage || flushPage();
+        },
+        kPage, &scanError, m_cancel);
+    if (!problem.empty())
+      return error = problem, false;
+    if (!scanned && scanError.find("index_not_found") == std::string::npos)
+      return error = "scanning " + m_def.index + ": " + scanError, false;
+    if (!flushPage())
+      return error = problem, false;
+    return true;
+  }
+
+  // Ids the index holds that the database has not (or has deleted, or are design documents).
+  bool checkHeld(const std::vector<std::string>& ids, std::string& error) {
+    qzVariantListImpl keys;
+    for (const auto& id : ids)
+      keys.emplace_back(id);
+    const std::string body = JsonText(qzVariantMapImpl{{"keys", std::move(keys)}});
+    qzVariantMapImpl answer;
+    if (!couchCall(m_def.couch.toUrl({m_def.database, "_all_docs"}, {}), &body, answer, error))
+      return false;
+    std::vector<std::string> remove;
+    for (const auto& row : answer["rows"].toList()) {
+      auto r = row.toMap();
+      const std::string id = r["key"].toString();
+      if (r.count("error") || r["value"].asMap()["deleted"].toBool() || id.rfind("_design/", 0) == 0) {
+        Note(m_drift.extra, m_drift.extraIds, id);
+        remove.push_back(id);
+      }
+    }
+    return !m_repair || removeExtra(remove, error);
+  }
+
+  // The current state of `ids` from the change feed, written as the river writes it.
+  bool write(const std::vector<std::string>& ids, std::string& error) {
+    if (ids.empty())
+      return true;
+    qz::couch::ChangesOptions options;
+    options.includeDocs = true;
+    options.allLeafRevs = true;
+    options.docIds = ids;
+    options.maxRetries = 3;
+    qz::couch::ChangesFeedListener feed(m_pool, m_def.couch, m_def.database, options);
+    std::vector<BulkOp> ops;
+    std::string feedError;
+    if (!feed.run(
+            [&](const qz::couch::Change& change) {
+              BulkOp op;
+              bool skipped = false;
+              if (ChangeToOp(change, m_def.index, m_def.transform, op, skipped))
+                ops.push_back(std::move(op));
+              return true;
+            },
+            &feedError, m_cancel))
+      return error = "CouchDB: " + feedError, false;
+    return send(ops, error);
+  }
+
+  bool removeExtra(const std::vector<std::string>& ids, std::string& error) {
+    std::vector<BulkOp> ops;
+    for (const auto& id : ids)
+      ops.push_back(BulkOp{m_def.index, id, "", -1, true, ""}); // above whatever version is stored
+    return send(ops, error);
+  }
+
+  bool send(std::vector<BulkOp>& ops, std::string& error) {
+    const size_t count = ops.size();
+    if (ops.empty())
+      return true;
+    const RiverOutcome sent = m_sender->send(ops, m_cancel);
+    if (!sent.ok())
+      return error = sent.idle() ? "cancelled" : sent.message, false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_drift.repaired += count;
+    return true;
+  }
+
+  http::HttpConnectionPool& m_pool;
+  const RiverDefinition& m_def;
+  const bool m_repair;
+  RiverDrift& m_drift;
+  std::mutex m_mutex; // guards m_drift: the sides run on two threads
+  const bool* m_cancel;
+  StopSignal m_stop;
+  std::unique_ptr<BulkSender> m_sender;
+};
+
+} // namespace
+
+bool VerifyRiver(http::HttpConnectionPool& pool, const RiverDefinition& definition, bool repair, RiverDrift& drift,
+                 std::string* error, const bool* cancel) {
+  drift = RiverDrift();
+  pool.ensureAtLeastMaxConcurrentConnection(6); // a scan, a lookup and a bulk on each side
+  std::string why;
+  Verifier verifier(pool, definition, repair, drift, cancel);
+  const bool ok = verifier.run(why);
+  if (error)
+    *error = why;
+  return ok;
+}
+
+} // namespace qz::river

@@ -1,0 +1,170 @@
+#pragma once
+
+// The river suites' fixture: pouchdb-server and the Elasticsearch emulator, a database "db" and a
+// river definition from one to the other.
+
+#include <HttpTools/river/River.h>
+
+#include <HttpTools/elasticsearch/ElasticSearch.h>
+#include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
+
+#include "support/ElasticEmulator.h"
+#include "support/PouchDbFixture.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <thread>
+
+namespace rivertest {
+
+using qz::qzVariant;
+using qz::qzVariantMapImpl;
+
+using Clock = std::chrono::steady_clock;
+
+class RiverTest : public testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(couch.ok()) << couch.error();
+    ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
+    ASSERT_EQ(couch.request("PUT", "/db"), 201);
+    def.name = "r";
+    ASSERT_TRUE(
+        qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, couch.baseUrl() + "/db"));
+    def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl()));
+    def.index = "docs";
+    def.mappingJson = "{}";
+    def.batchDocs = 500;
+    def.flushIntervalMs = 50;
+    def.leaseMs = 1000;
+  }
+
+  int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
+    httplib::Client client("127.0.0.1", elastic.port());
+    auto res = method == "GET"      ? client.Get(path)
+               : method == "DELETE" ? client.Delete(path)
+               : method == "PUT"    ? client.Put(path, body, "application/json")
+                                    : client.Post(path, body, "application/json");
+    if (!res)
+      return 0;
+    if (out)
+      *out = res->body;
+    return res->status;
+  }
+
+  // Writes documents {"_id": prefix+i, "n": i, "group": i % 7} for i in [from, to).
+  void load(int from, int to, const std::string& prefix = "d") {
+    for (int start = from; start < to; start += 2500) {
+      std::string body = "{\"docs\":[";
+      for (int i = start; i < std::min(to, start + 2500); ++i)
+        body += (i > start ? "," : "") + std::string("{\"_id\":\"") + prefix + std::to_string(i) +
+                "\",\"n\":" + std::to_string(i) + ",\"group\":" + std::to_string(i % 7) +
+                ",\"text\":\"caf\\u00e9 \\\"" + std::to_string(i) + "\\\"\"}";
+      body += "]}";
+      ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", body), 201);
+    }
+  }
+
+  qzVariantMapImpl couchDoc(const std::string& id) {
+    std::string text;
+    qzVariantMapImpl doc;
+    if (couch.request("GET", "/db/" + id, {}, &text) == 200)
+      qz::json::Json2Variant::Convert(text, doc);
+    return doc;
+  }
+  void put(qzVariantMapImpl doc) {
+    std::string text;
+    qz::json::Json2Variant::Convert(doc, text, false);
+    ASSERT_EQ(couch.request("PUT", "/db/" + doc["_id"].toString(), text), 201) << text;
+  }
+  void remove(const std::string& id) {
+    const std::string rev = couchDoc(id)["_rev"].toString();
+    ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + rev), 200);
+  }
+  std::string couchSeq() {
+    std::string text;
+    qzVariantMapImpl info;
+    couch.request("GET", "/db", {}, &text);
+    qz::json::Json2Variant::Convert(text, info);
+    return info["update_seq"].toString();
+  }
+
+  // Every document of the database (design documents aside) is in the index under the alias as
+  // `transform` makes it, at its winning revision, and nothing else is; compared document by document.
+  void expectIndexEqualsDatabase(const std::function<bool(qzVariantMapImpl&)>& transform = {}) {
+    std::string text;
+    ASSERT_EQ(couch.request("GET", "/db/_all_docs?include_docs=true", {}, &text), 200);
+    qzVariantMapImpl all;
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(text, all));
+    std::map<std::string, qzVariantMapImpl> expected;
+    for (const auto& row : all["rows"].toList()) {
+      qzVariantMapImpl doc = row.toMap().at("doc").toMap();
+      const std::string id = doc["_id"].toString();
+      if (id.rfind("_design/", 0) == 0 || (transform && !transform(doc)))
+        continue;
+      doc.erase("_id");
+      doc["httptools_rev"] = doc["_rev"]; // the winner the index holds
+      doc.erase("_rev");
+      expected.emplace(id, std::move(doc));
+    }
+    ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
+    std::map<std::string, qzVariantMapImpl> actual;
+    std::string error;
+    qz::http::HttpConnection connection;
+    ASSERT_TRUE(qz::elasticsearch::FetchSearchResults(
+        connection, def.elastic, "docs", "",
+        [&](qz::elasticsearch::SearchHit& hit) {
+          EXPECT_TRUE(actual.emplace(hit.id, hit.source.toMap()).second) << "twice: " << hit.id;
+          return true;
+        },
+        1000, &error, nullptr))
+        << error;
+    ASSERT_EQ(actual.size(), expected.size());
+    size_t differences = 0;
+    for (const auto& [id, doc] : expected) {
+      auto it = actual.find(id);
+      if (it == actual.end() || it->second != doc)
+        if (++differences <= 5)
+          ADD_FAILURE() << id << (it == actual.end() ? " is missing" : " differs");
+    }
+    EXPECT_EQ(differences, 0u);
+  }
+
+  // Polls until `done` holds, at most `seconds`.
+  static bool waitFor(const std::function<bool()>& done, int seconds = 20) {
+    const auto until = Clock::now() + std::chrono::seconds(seconds);
+    while (Clock::now() < until) {
+      if (done())
+        return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+  }
+  // A field of the river's state document (0 when it cannot be read).
+  int64_t stateField(const char* name) {
+    std::string text;
+    qzVariantMapImpl doc;
+    if (es("GET", "/httptools-river/_doc/r", {}, &text) == 200 && qz::json::Json2Variant::Convert(text, doc))
+      return doc["_source"].asMap()[name].toInt64();
+    return 0;
+  }
+  static bool caughtUpTo(qz::river::RiverManager& rivers, const std::string& seq) {
+    auto s = rivers.status();
+    return !s.empty() && s[0].caughtUp && s[0].lastSeq == seq;
+  }
+
+  qztest::PouchDbServer couch;
+  qztest::ElasticEmulator elastic;
+  qz::http::HttpConnectionPool pool;
+  qz::river::RiverDefinition def;
+};
+
+} // namespace rivertest

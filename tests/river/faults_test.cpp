@@ -1,0 +1,164 @@
+// The river under CouchDB's revision trees and lost answers from Elasticsearch.
+#include "RiverFixture.h"
+
+#include "support/FaultProxy.h"
+
+using namespace rivertest;
+using qztest::FaultProxy;
+
+namespace {
+
+class RiverFaultTest : public RiverTest {};
+
+TEST_F(RiverFaultTest, WinnersThatChangeWithoutARisingGenerationReachTheIndex) {
+  // Each step as replication writes it (new_edits=false) or as a client deletes a leaf.
+  auto replicated = [](const char* id, int generation, const char* hash, const char* parent, const char* value) {
+    return std::string(R"({"new_edits":false,"docs":[{"_id":")") + id + "\",\"_rev\":\"" + std::to_string(generation) +
+           "-" + hash + R"(","_revisions":{"start":)" + std::to_string(generation) + ",\"ids\":[\"" + hash + "\",\"" +
+           parent + "\"]},\"v\":\"" + value + "\"}]}";
+  };
+  struct Step {
+    std::string bulk, deleteRev; // one of them
+    const char* id;
+    const char* winner; // the winning revision afterwards
+  } steps[] = {
+      {replicated("c", 2, "aaa", "r", "a"), "", "c", "2-aaa"},
+      {replicated("c", 2, "fff", "r", "f"), "", "c", "2-fff"}, // a conflict of the same generation wins
+      {"", "2-fff", "c", "2-aaa"},                             // the winner deleted: the loser wins again
+      {replicated("x", 3, "ccc", "bbb", "c"), "", "x", "3-ccc"},
+      {replicated("x", 2, "zzz", "r", "z"), "", "x", "3-ccc"},
+      {"", "3-ccc", "x", "2-zzz"}, // a lower generation wins
+      {"", "2-zzz", "x", ""},      // every leaf deleted
+  };
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  for (const auto& s : steps) {
+    if (!s.bulk.empty())
+      ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", s.bulk), 201);
+    else
+      ASSERT_EQ(couch.request("DELETE", std::string("/db/") + s.id + "?rev=" + s.deleteRev), 200);
+    ASSERT_EQ(couchDoc(s.id)["_rev"].toString(), s.winner);
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    SCOPED_TRACE(std::string(s.id) + " won by " + s.winner);
+    expectIndexEqualsDatabase();
+  }
+  EXPECT_EQ(rivers.status().at(0).failed, 0u);
+}
+
+// A mapping change with one answer lost or refused: the alias, the documents and the state come
+// out right, and every index is created by the river on a cluster that creates none by itself.
+TEST_F(RiverFaultTest, LostAnswersNeverCostTheLiveIndex) {
+  FaultProxy proxy(uint16_t(elastic.port()));
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  struct Case {
+    const char* what;
+    std::vector<FaultProxy::Rule> rules;
+  } cases[] = {
+      {"the alias swap's answer", {FaultProxy::Match("POST", "/_aliases", FaultProxy::DropAnswer)}},
+      {"the alias swap's answer, then its read-back",
+       {FaultProxy::Match("POST", "/_aliases", FaultProxy::DropAnswer),
+        FaultProxy::Match("GET", "/_alias/docs", FaultProxy::Refuse).from(3)}}, // after two findings
+      {"a bulk answer", {FaultProxy::Match("POST", "/_bulk", FaultProxy::DropAnswer)}},
+      {"a state write's answer", {FaultProxy::Match("PUT", "/httptools-river/_doc/", FaultProxy::DropAnswer)}},
+      {"the state's creation", {FaultProxy::Match("PUT", "/httptools-river/_create/", FaultProxy::DropAnswer)}},
+  };
+  load(0, 300);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    elastic.reset();
+    qztest::ElasticEmulator::Faults faults;
+    faults.noAutoCreate = true;
+    elastic.setFaults(faults);
+    proxy.clearRules();
+    std::vector<size_t> rules;
+    for (const auto& rule : c.rules)
+      rules.push_back(proxy.addRule(rule));
+    std::string error;
+    qz::river::RiverDefinition d = def;
+    d.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
+    {
+      qz::river::RiverManager rivers(pool, 1);
+      ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
+      ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    }
+    d.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
+    qz::river::RiverManager rivers(pool, 1);
+    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    for (size_t rule : rules)
+      EXPECT_EQ(proxy.acted(rule), 1u) << proxy.matched(rule);
+    EXPECT_EQ(rivers.status().at(0).liveIndex, "docs-2");
+    EXPECT_EQ(es("GET", "/docs-1"), 404);
+    expectIndexEqualsDatabase();
+    std::string mapping;
+    ASSERT_EQ(es("GET", "/httptools-river/_mapping", {}, &mapping), 200);
+    EXPECT_NE(mapping.find(R"("seq":{"type":"keyword"})"), std::string::npos) << mapping;
+  }
+}
+
+TEST_F(RiverFaultTest, ADatabaseCreatedAgainIsFilledIntoANewIndex) {
+  FaultProxy proxy(uint16_t(couch.port()));
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  ASSERT_TRUE(qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, proxy.baseUrl() + "/db"));
+  struct Case {
+    const char* what;
+    bool markerRefused;
+  } cases[] = {{"told by the marker", false}, {"told by the seq, the marker refused", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    elastic.reset();
+    proxy.clearRules();
+    if (c.markerRefused)
+      proxy.addRule(FaultProxy::Match("PUT", "/_local/", FaultProxy::Refuse).answer(403).repeat(0));
+    for (int round = 0; round < 2; ++round) {
+      ASSERT_EQ(couch.request("DELETE", "/db"), 200);
+      ASSERT_EQ(couch.request("PUT", "/db"), 201);
+      load(0, round ? 10 : 50, round ? "again" : "d"); // the seqs start over below the checkpoint
+      qz::river::RiverManager rivers(pool, 1);
+      std::string error;
+      ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+      ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+      EXPECT_EQ(rivers.status().at(0).liveIndex, round ? "docs-2" : "docs-1");
+      expectIndexEqualsDatabase();
+    }
+  }
+}
+
+TEST_F(RiverFaultTest, OneShotRunsGiveUpOnEndlessRejectionsFollowingReportsThemAndCatchesUp) {
+  FaultProxy proxy(uint16_t(elastic.port()));
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  proxy.addRule(FaultProxy::Match("POST", "/_bulk", FaultProxy::Refuse).answer(429).from(2).repeat(0));
+  load(0, 300);
+  def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
+  def.batchDocs = 100;
+  def.retryMaxMs = 2000;
+  std::string error;
+  {
+    qz::river::RiverManager rivers(pool, 1);
+    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+    const auto started = Clock::now();
+    EXPECT_FALSE(rivers.runOnce(&error, nullptr));
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(60));
+    EXPECT_NE(error.find("429"), std::string::npos) << error;
+    EXPECT_NE(error.find("gave up"), std::string::npos) << error;
+    EXPECT_EQ(rivers.status().at(0).indexed, 100u);
+  }
+  qz::river::RiverManager rivers(pool, 1);
+  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  ASSERT_TRUE(rivers.start());
+  ASSERT_TRUE(waitFor(
+      [&] {
+        const auto s = rivers.status().at(0);
+        return s.failures >= 2 && s.retries > 0 && s.error.find("429") != std::string::npos;
+      },
+      60));
+  proxy.clearRules();
+  const std::string seq = couchSeq();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); }, 60));
+  rivers.stop();
+  EXPECT_EQ(rivers.status().at(0).failures, 0u);
+  expectIndexEqualsDatabase();
+}
+
+} // namespace

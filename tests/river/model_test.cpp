@@ -1,0 +1,133 @@
+// Random CouchDB histories (edits, replicated conflicts, deleted winners and losers, a database
+// created again) interleaved with river runs, killed runs and lost answers; after each history
+// the index holds exactly the winners. HTTPTOOLS_RIVER_SEEDS=N runs N histories (the soak),
+// from HTTPTOOLS_RIVER_FIRST_SEED on.
+#include "RiverFixture.h"
+
+#include "support/FaultProxy.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace rivertest;
+using qztest::FaultProxy;
+
+namespace {
+
+#ifdef HTTPTOOLS_CLI
+class RiverModelTest : public RiverTest {
+protected:
+  // One random write to document `id`.
+  void write(std::mt19937& rng, const std::string& id) {
+    std::string text;
+    qzVariantMapImpl doc;
+    const bool exists = couch.request("GET", "/db/" + id + "?conflicts=true", {}, &text) == 200 &&
+                        qz::json::Json2Variant::Convert(text, doc);
+    const int generation = exists ? std::atoi(doc["_rev"].toString().c_str()) : 0;
+    char hash[9];
+    std::snprintf(hash, sizeof hash, "%08x", unsigned(rng()));
+    switch (rng() % 4) {
+    case 0: // an edit of the winner, or a creation
+      doc["_id"] = id;
+      doc["v"] = int64_t(rng() % 1000);
+      doc.erase("_conflicts");
+      qz::json::Json2Variant::Convert(doc, text, false);
+      couch.request("PUT", "/db/" + id, text);
+      break;
+    case 1: { // a replicated branch of a generation near the winner's
+      const int g = 1 + int(rng() % unsigned(generation + 2));
+      couch.request("POST", "/db/_bulk_docs",
+                    R"({"new_edits":false,"docs":[{"_id":")" + id + "\",\"_rev\":\"" + std::to_string(g) + "-" + hash +
+                        R"(","_revisions":{"start":)" + std::to_string(g) + ",\"ids\":[\"" + hash + "\"]},\"v\":\"" +
+                        hash + "\"}]}");
+      break;
+    }
+    case 2: // the winner deleted
+      if (exists)
+        couch.request("DELETE", "/db/" + id + "?rev=" + doc["_rev"].toString());
+      break;
+    default: // a losing leaf deleted
+      if (exists && doc.count("_conflicts") && !doc["_conflicts"].toList().empty())
+        couch.request("DELETE", "/db/" + id + "?rev=" + doc["_conflicts"].toList().front().toString());
+      break;
+    }
+  }
+
+  // `httptools river --once` killed after `ms`; false when it could not start.
+  bool killedRun(const std::string& elasticUrl, int ms) {
+    const std::string from = couch.baseUrl() + "/db", to = elasticUrl + "/docs";
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 1);
+      ::dup2(null, 2);
+      ::execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", from.c_str(), to.c_str(), "--once", "--name", "r", "--batch", "3",
+              "--lease-ms", "1000", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    if (pid < 0)
+      return false;
+    ::usleep(useconds_t(ms) * 1000);
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return true;
+  }
+};
+
+TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
+  const char* soak = std::getenv("HTTPTOOLS_RIVER_SEEDS");
+  const unsigned seeds = soak ? unsigned(std::max(1, std::atoi(soak))) : 3;
+  const char* from = std::getenv("HTTPTOOLS_RIVER_FIRST_SEED"); // to replay a failed soak history
+  const unsigned first = from ? unsigned(std::max(1, std::atoi(from))) : 1;
+  FaultProxy proxy(uint16_t(elastic.port()));
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
+  def.batchDocs = 3;
+  unsigned failed = 0;
+  for (unsigned seed = first; seed < first + seeds; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    elastic.reset();
+    proxy.clearRules();
+    ASSERT_EQ(couch.request("DELETE", "/db"), 200);
+    ASSERT_EQ(couch.request("PUT", "/db"), 201);
+    std::string error;
+    for (int step = 0; step < 40; ++step) {
+      const unsigned what = rng() % 20;
+      if (what < 14) {
+        write(rng, "m" + std::to_string(rng() % 12));
+      } else if (what < 16) { // a run, one answer lost
+        const char* paths[] = {"/_bulk", "/_aliases", "/httptools-river/_doc/", "/_mget", "/_doc/m"};
+        proxy.addRule(FaultProxy::Match("", paths[rng() % 5], FaultProxy::DropAnswer).from(1 + rng() % 3));
+        qz::river::RiverManager rivers(pool, 1);
+        ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+        rivers.runOnce(&error, nullptr); // a lost answer may end it with an error: the next run resumes
+        proxy.clearRules();
+      } else if (what < 18) {
+        ASSERT_TRUE(killedRun(proxy.baseUrl(), int(rng() % 60)));
+      } else if (what == 18 && rng() % 3 == 0) { // the database deleted and created again
+        ASSERT_EQ(couch.request("DELETE", "/db"), 200);
+        ASSERT_EQ(couch.request("PUT", "/db"), 201);
+      }
+    }
+    qz::river::RiverManager rivers(pool, 1);
+    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
+    const int failuresBefore = result->total_part_count();
+    expectIndexEqualsDatabase(); // every winner at its revision, nothing else
+    qz::river::RiverDrift drift;
+    EXPECT_TRUE(qz::river::VerifyRiver(pool, def, false, drift, &error, nullptr)) << error;
+    EXPECT_TRUE(drift.none()) << drift.missing << " missing, " << drift.stale << " stale, " << drift.extra << " extra";
+    failed += result->total_part_count() > failuresBefore;
+  }
+  std::cout << "[ model    ] " << seeds << " histories, " << failed << " failed\n";
+}
+#endif
+
+} // namespace
