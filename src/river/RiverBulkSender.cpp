@@ -96,7 +96,7 @@ private:
   }
 
   http::HttpConnectionPool& m_pool;
-  const qz::Url m_url;
+  const qz::elasticsearch::ElasticConnectionParameters m_url;
   const std::string m_river;
   StopSignal& m_stop;
   const std::function<void(const BulkProgress&)> m_progress;

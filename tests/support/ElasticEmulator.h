@@ -49,13 +49,15 @@ public:
     int stallSearchMs = 0;        // the next search page waits this long after its first bytes
     bool noPit = false;           // _pit answers 400 as a server without point in time does
     bool noProductHeader = false; // answers lack X-Elastic-Product
+    std::string requireHeader;    // "Name: value" every request must carry, 401 otherwise ("" off)
+    int partialSearchPages = 0;   // the next N search pages time out on one of two shards
   };
 
   struct Stats {
     size_t openPits = 0, openScrolls = 0;
     size_t pitsOpened = 0, scrollsOpened = 0;
     size_t requests = 0, bulkRequests = 0, bulkItems = 0, searchRequests = 0, mgetRequests = 0;
-    std::string lastBulkContentType;
+    std::string lastBulkContentType, lastBulkContentEncoding, lastBulkQuery;
     std::string lastSearchBody;
   };
 
