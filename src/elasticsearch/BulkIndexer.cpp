@@ -1,6 +1,7 @@
 #include <HttpTools/elasticsearch/BulkIndexer.h>
 
 #include <HttpTools/elasticsearch/ElasticRequest_p.h>
+#include <HttpTools/elasticsearch/Gzip_p.h>
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
 #include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnectionPool.h>
@@ -260,6 +261,17 @@ public:
     m_cv.notify_all();
   }
 
+  void setRequestOptions(const BulkRequestOptions& o) {
+    m_url.queryParameters.clear();
+    if (!o.refresh.empty())
+      m_url.queryParameters.emplace_back("refresh", o.refresh);
+    if (!o.pipeline.empty())
+      m_url.queryParameters.emplace_back("pipeline", o.pipeline);
+    m_gzipUrl = m_url;
+    m_gzipUrl.extraHeaders.emplace_back("Content-Encoding: gzip");
+    m_gzipLevel = std::clamp(o.gzipLevel, 0, 9);
+  }
+
   void setRetries(unsigned retries, unsigned firstBackoffMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_retry.attempts = retries + 1;
@@ -409,8 +421,10 @@ private:
       }
       results.clear();
       ElasticResponse response;
-      const bool answered =
-          ElasticCall(*connection, "POST", m_url, &batch.body, "application/x-ndjson", response, &cutter, &m_stop);
+      std::string packed;
+      const bool gzip = m_gzipLevel > 0 && GzipCompress(batch.body, m_gzipLevel, packed);
+      const bool answered = ElasticCall(*connection, "POST", gzip ? m_gzipUrl : m_url, gzip ? &packed : &batch.body,
+                                        "application/x-ndjson", response, &cutter, &m_stop);
       if (!answered && m_stop.isCancelled())
         continue; // cut by stop(): the loop's first check cancels
       const int status = int(response.status);
@@ -483,7 +497,8 @@ private:
   }
 
   http::HttpConnectionPool& m_pool;
-  const qz::Url m_url;
+  ElasticConnectionParameters m_url, m_gzipUrl; // read by the workers once items arrive
+  int m_gzipLevel = 0;
   const unsigned m_threads;
   const size_t m_maxDocs, m_maxBytes;
   const http::HttpConnectionPool::ParallelUse m_use; // the workers keep their connections
@@ -575,5 +590,6 @@ void BulkIndexer::onItemOutcome(std::function<void(const BulkItem& item, const B
 void BulkIndexer::setFlushIntervalMs(unsigned ms) { d->setInterval(ms); }
 
 void BulkIndexer::setRetries(unsigned retries, unsigned firstBackoffMs) { d->setRetries(retries, firstBackoffMs); }
+void BulkIndexer::setRequestOptions(const BulkRequestOptions& options) { d->setRequestOptions(options); }
 
 } // namespace qz::elasticsearch

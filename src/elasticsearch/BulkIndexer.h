@@ -68,6 +68,13 @@ struct HTTPTOOLS_API BulkOutcome {
   bool ok() const { return errorType.empty(); } ///< true unless the item failed
 };
 
+/// Options of every _bulk request an indexer sends.
+struct HTTPTOOLS_API BulkRequestOptions {
+  std::string refresh;  ///< "true", "false" or "wait_for"; "": left to the server
+  std::string pipeline; ///< the ingest pipeline; "": the index's default
+  int gzipLevel = 0;    ///< gzip request bodies (Content-Encoding: gzip) at this zlib level, 1..9; 0: plain
+};
+
 /// Collects index and delete operations into NDJSON _bulk requests sent by `threads` worker
 /// threads. A batch goes out when it holds `maxDocs` operations or `maxBytes` bytes, when the flush
 /// interval has passed since its first operation, or on flush(). _bulk answers 200 even when items
@@ -127,7 +134,8 @@ public:
   /// Called once for every item when its fate is known: acknowledged, failed for good, or cancelled;
   /// `item` is the item as sent. Setting it makes every item's answer read (not only failures).
   void onItemOutcome(std::function<void(const BulkItem& item, const BulkOutcome& outcome)>);
-  void setFlushIntervalMs(unsigned ms); ///< 0 (the default): no timed flush
+  void setFlushIntervalMs(unsigned ms);                      ///< 0 (the default): no timed flush
+  void setRequestOptions(const BulkRequestOptions& options); ///< set it before adding items
   /// Attempts per item beyond the first (default 5) and the first backoff (default 100 ms,
   /// doubled each time, at most 5 s).
   void setRetries(unsigned retries, unsigned firstBackoffMs);

@@ -34,7 +34,7 @@ bool DocumentGetter::get(const std::vector<std::string>& ids,
   std::atomic<bool> failed{false};
   std::mutex mutex; // guards firstError and the calls of onDoc
   std::string firstError;
-  const qz::Url url = m_server.toApiUrl({m_index, "_mget"}, {});
+  const ElasticConnectionParameters url = m_server.toApiUrl({m_index, "_mget"}, {});
 
   auto fail = [&](const std::string& message) {
     std::lock_guard<std::mutex> lock(mutex);

@@ -36,6 +36,26 @@ public:
   ElasticConnectionParameters toDocumentUrl(const std::string& index, const std::string& id, const Query& query) const;
   /// server/segments... (an empty first segment is left out: "_bulk" at the server's root)
   ElasticConnectionParameters toApiUrl(const std::vector<std::string>& segments, const Query& query) const;
+
+  /// Authentication and transport, sent with every request made with these parameters (the URLs
+  /// built above carry them). Basic credentials come from the URL's user-info (decoded). When
+  /// several are set, the API key wins over the bearer token, and either over Basic. Secrets are wiped on
+  /// destruction and never logged.
+  ///@{
+  std::string apiKey;                    ///< "Authorization: ApiKey <apiKey>": base64 of "id:key"; a secret
+  std::string bearerToken;               ///< "Authorization: Bearer <token>"; a secret
+  std::vector<std::string> extraHeaders; ///< whole lines "Name: value"; may hold secrets
+  std::string caFile;                    ///< CA bundle for the server's certificate; empty: the connection's
+  std::string clientCertFile;            ///< PEM client certificate for mutual TLS
+  std::string clientKeyFile;             ///< its PEM private key (unencrypted); empty: in the certificate file
+  ///@}
+  /// Sets apiKey from an API key's id and secret (base64 of "id:key").
+  void setApiKey(const std::string& id, const std::string& key);
+  /// The Authorization and extra header lines for a request, in that order.
+  std::vector<std::string> headerLines() const;
+
+private:
+  ElasticConnectionParameters derived(const qz::Url& url) const;
 };
 
 } // namespace qz::elasticsearch

@@ -1,13 +1,17 @@
 #include <HttpTools/elasticsearch/ElasticRequest_p.h>
 
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+#include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/Transfer_p.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <strings.h>
 
@@ -66,18 +70,57 @@ http::Method methodOf(const char* name, bool& known) {
   return http::Method::Post;
 }
 
+// Puts the server's TLS files on the connection for one request, and its own back afterwards.
+class TlsFiles {
+public:
+  TlsFiles(http::HttpConnection& connection, const ElasticConnectionParameters& server) : m_connection(connection) {
+    m_set = !server.caFile.empty() || !server.clientCertFile.empty();
+    if (!m_set)
+      return;
+    m_saved = connection.getConnectionParameters();
+    auto& p = connection.editConnectionParameters();
+    if (!server.caFile.empty())
+      p.caFile = server.caFile;
+    if (!server.clientCertFile.empty()) {
+      p.clientCertFile = server.clientCertFile;
+      p.clientKeyFile = server.clientKeyFile;
+    }
+  }
+  ~TlsFiles() {
+    if (m_set)
+      m_connection.setConnectionParameters(m_saved);
+  }
+  TlsFiles(const TlsFiles&) = delete;
+  TlsFiles& operator=(const TlsFiles&) = delete;
+
+private:
+  http::HttpConnection& m_connection;
+  http::HttpConnection::ConnectionParameters m_saved;
+  bool m_set = false;
+};
+
+// Wipes the header lines (they may hold secrets) when the request is over.
+struct WipedLines {
+  std::vector<std::string>& lines;
+  ~WipedLines() {
+    for (auto& l : lines)
+      OPENSSL_cleanse(l.data(), l.size());
+  }
+};
+
 } // namespace
 
-bool ElasticCall(http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
-                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter, const bool* cancel) {
+bool ElasticCall(http::HttpConnection& connection, const char* method, const ElasticConnectionParameters& url,
+                 const std::string* body, const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter,
+                 const bool* cancel) {
   if (!cancel)
     return ElasticCall(connection, method, url, body, contentType, out, cutter);
   const http::CancelToken token = http::CancelToken::Watching(cancel);
   return ElasticCall(connection, method, url, body, contentType, out, cutter, &token);
 }
 
-bool ElasticCall(http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
-                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter,
+bool ElasticCall(http::HttpConnection& connection, const char* method, const ElasticConnectionParameters& url,
+                 const std::string* body, const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter,
                  const http::CancelToken* cancel) {
   static std::atomic<bool> productWarned{false};
   out = ElasticResponse();
@@ -93,10 +136,19 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const qz:
   // A POST or PUT without body still says so (Content-Length: 0): servers wait for one otherwise.
   if (request.hasBody() || request.method == http::Method::Post || request.method == http::Method::Put)
     request.contentType = contentType ? contentType : "application/json";
+  request.headers = url.headerLines();
+  const WipedLines wiped{request.headers};
+  const TlsFiles tls(connection, url);
   ElasticSink sink(out, cutter);
   http::TransferOutcome outcome;
-  const bool ok =
-      http::transfer_impl::Perform(connection, url, request, sink, outcome, cancel, http::transfer_impl::HeaderLines);
+  // Credentials go in the header above only: libcurl would add a second one from the user-info.
+  std::optional<qz::Url> bare;
+  if (!url.user.empty()) {
+    bare.emplace(url);
+    bare->clearCredentials();
+  }
+  const bool ok = http::transfer_impl::Perform(connection, bare ? *bare : static_cast<const qz::Url&>(url), request,
+                                               sink, outcome, cancel, http::transfer_impl::HeaderLines);
   out.status = outcome.status;
   if (!ok) {
     if (outcome.error.kind == http::ErrorKind::Cancelled)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <HttpTools/elasticsearch/ElasticConnectionParameters.h>
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/platform/qzJson_p.h>
 #include <HttpTools/platform/qzVariant.h>
@@ -26,14 +27,16 @@ struct ElasticResponse {
 // One request over `connection`; any status is an answer. `body` (may be null) is sent with
 // `contentType`; a 2xx body goes to `cutter` when one is given. False only when no complete
 // answer arrived (transport error, cut body, cancel, cutter refused); `out.transportError` says
-// why. An answer without the product header is accepted and logged once per process. `cancel`
-// cuts the request on the wire.
-bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
-                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter = nullptr,
-                 const qz::http::CancelToken* cancel = nullptr);
+// why. An answer without the product header is accepted and logged once per process. The
+// authentication, extra headers and TLS files that `url` carries go with the request; the
+// connection's own parameters are as before afterwards. `cancel` cuts the request on the wire.
+bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const ElasticConnectionParameters& url,
+                 const std::string* body, const char* contentType, ElasticResponse& out,
+                 ResponseItemCutter* cutter = nullptr, const qz::http::CancelToken* cancel = nullptr);
 // The same under a caller's flag (read atomically; may be null).
-bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const qz::Url& url, const std::string* body,
-                 const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter, const bool* cancel);
+bool ElasticCall(qz::http::HttpConnection& connection, const char* method, const ElasticConnectionParameters& url,
+                 const std::string* body, const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter,
+                 const bool* cancel);
 
 // "type: reason" of an error answer ({"error":{"type","reason"},"status"}), or the status and the
 // start of the body when it is not one.

@@ -26,6 +26,46 @@ std::string errorType(const ElasticResponse& r) {
   return t == e->second.toMap().end() ? std::string() : t->second.toString();
 }
 
+// Why an answer is partial ("" when it is whole): its time-out and its failed shards' reasons.
+std::string partialReason(const ResponseItemCutter& cutter) {
+  qzVariantMapImpl shards;
+  if (!cutter.shards().empty() && !json::Json2Variant::Convert(cutter.shards(), shards))
+    return "unreadable shard summary";
+  auto number = [&](const char* name) {
+    auto it = shards.find(name);
+    return it != shards.end() && it->second.isNumber() ? it->second.toInt64() : int64_t(0);
+  };
+  const int64_t failed = number("failed");
+  if (!cutter.timedOut() && failed <= 0)
+    return {};
+  std::string text = cutter.timedOut() ? "the search timed out" : "";
+  if (failed > 0) {
+    text += (text.empty() ? "" : "; ") + std::to_string(failed) + " of " + std::to_string(number("total")) +
+            " shard(s) failed";
+    auto failures = shards.find("failures");
+    if (failures != shards.end() && failures->second.isList())
+      for (const auto& f : failures->second.toList()) {
+        if (!f.isMap())
+          continue;
+        const auto& m = f.toMap();
+        auto field = [&m](const char* name) {
+          auto it = m.find(name);
+          return it == m.end() ? std::string() : it->second.toString();
+        };
+        text += " [shard " + field("shard") + " of " + field("index");
+        auto reason = m.find("reason");
+        if (reason != m.end() && reason->second.isMap()) {
+          const auto& r = reason->second.toMap();
+          for (const char* key : {"type", "reason"})
+            if (auto it = r.find(key); it != r.end())
+              text += (std::string(key) == "type" ? ": " : " ") + it->second.toString();
+        }
+        text += "]";
+      }
+  }
+  return text;
+}
+
 // Turns each cut hit into a SearchHit for the caller and remembers its sort values.
 struct HitSink {
   const std::function<bool(SearchHit&)>& onHit;
@@ -34,8 +74,21 @@ struct HitSink {
   bool malformed = false;
   bool stopped = false;
   qzVariantMapImpl map;
+  const ResponseItemCutter* cutter = nullptr; // set: a partial page is refused before its first hit
+  bool pageChecked = false;
+  std::string partial;
+
+  // False (and `partial` set) when the answer so far says it is partial.
+  bool whole() {
+    if (cutter && !pageChecked)
+      partial = partialReason(*cutter);
+    pageChecked = true;
+    return partial.empty();
+  }
 
   bool operator()(const char* text, size_t length) {
+    if (!whole())
+      return false;
     map.clear();
     if (!json::Json2Variant::Convert(text, length, map)) {
       malformed = true;
@@ -73,6 +126,16 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
                         const std::string& index, const std::string& queryJson,
                         const std::function<bool(SearchHit&)>& onHit, unsigned pageSize, std::string* error,
                         const bool* cancel) {
+  SearchOptions options;
+  options.pageSize = pageSize;
+  return FetchSearchResults(connection, server, index, queryJson, onHit, options, error, cancel);
+}
+
+bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
+                        const std::string& index, const std::string& queryJson,
+                        const std::function<bool(SearchHit&)>& onHit, const SearchOptions& options, std::string* error,
+                        const bool* cancel) {
+  unsigned pageSize = options.pageSize;
   static const bool notCancelled = false;
   const bool* stop = cancel ? cancel : &notCancelled;
   const int64_t start = qzSystemUtils::GetTimeBaseMs();
@@ -90,15 +153,30 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   for (const char* managed : {"size", "from", "search_after", "pit", "scroll"})
     request.erase(managed);
   const bool userSort = request.count("sort") != 0;
+  if (!options.sourceIncludes.empty() || !options.sourceExcludes.empty()) {
+    auto list = [](const std::vector<std::string>& names) { return qzVariantListImpl(names.begin(), names.end()); };
+    request["_source"] =
+        qzVariantMapImpl{{"includes", list(options.sourceIncludes)}, {"excludes", list(options.sourceExcludes)}};
+  }
 
-  HitSink sink{onHit, {}, 0, false, false, {}};
+  HitSink sink{onHit, {}, 0, false, false, {}, nullptr, false, {}};
   ResponseItemCutter cutter("hits", "hits", [&sink](const char* t, size_t n) { return sink(t, n); });
+  if (!options.allowPartialResults)
+    sink.cutter = &cutter;
   ElasticResponse r;
+  // One page's call; a partial answer fails it.
+  auto page = [&](const char* method, const ElasticConnectionParameters& url, const std::string& body) {
+    sink.pageChecked = false;
+    return ElasticCall(connection, method, url, &body, "application/json", r, &cutter, stop) &&
+           (r.status != 200 || sink.whole());
+  };
 
   // Why a page failed, in the caller's words.
   auto pageError = [&]() {
     if (http::CancelToken::IsSet(stop))
       return std::string("cancelled");
+    if (!sink.partial.empty())
+      return "partial results from " + index + ": " + sink.partial;
     if (sink.stopped)
       return std::string("stopped by the hit function");
     if (sink.malformed)
@@ -137,7 +215,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
     if (!request.count("track_total_hits"))
       request["track_total_hits"] = false;
     request["size"] = pageSize;
-    const qz::Url searchUrl = server.toApiUrl({"_search"}, {});
+    const ElasticConnectionParameters searchUrl = server.toApiUrl({"_search"}, {});
     for (;;) {
       request["pit"] = qzVariantMapImpl{{"id", pitId}, {"keep_alive", kKeepAlive}};
       if (sink.delivered)
@@ -146,7 +224,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       AppendJson(body, request);
       const size_t before = sink.delivered;
       const qzVariant lastSort = sink.lastSort;
-      const bool answered = ElasticCall(connection, "POST", searchUrl, &body, "application/json", r, &cutter, stop);
+      const bool answered = page("POST", searchUrl, body);
       if (!answered || r.status != 200) {
         err = pageError();
         ok = false;
@@ -179,8 +257,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
     std::string scrollId;
     std::string body;
     AppendJson(body, request);
-    bool answered = ElasticCall(connection, "POST", server.toApiUrl({index, "_search"}, {{"scroll", kKeepAlive}}),
-                                &body, "application/json", r, &cutter, stop);
+    bool answered = page("POST", server.toApiUrl({index, "_search"}, {{"scroll", kKeepAlive}}), body);
     for (;;) {
       if (!cutter.scrollId().empty())
         scrollId = cutter.scrollId();
@@ -194,8 +271,7 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       body = "{\"scroll\":\"" + std::string(kKeepAlive) + "\",\"scroll_id\":";
       AppendJsonString(body, scrollId);
       body += "}";
-      answered = ElasticCall(connection, "POST", server.toApiUrl({"_search", "scroll"}, {}), &body, "application/json",
-                             r, &cutter, stop);
+      answered = page("POST", server.toApiUrl({"_search", "scroll"}, {}), body);
     }
     if (!scrollId.empty()) {
       std::string closeBody = "{\"scroll_id\":[";

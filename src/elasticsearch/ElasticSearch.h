@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace qz::http {
 class HttpConnection;
@@ -45,6 +46,23 @@ struct HTTPTOOLS_API SearchHit {
 HTTPTOOLS_API bool FetchSearchResults(qz::http::HttpConnection& connection, const ElasticConnectionParameters& server,
                                       const std::string& index, const std::string& queryJson,
                                       const std::function<bool(SearchHit&)>& onHit, unsigned pageSize,
+                                      std::string* error, const bool* cancel);
+
+/// What a search takes beyond its query.
+struct HTTPTOOLS_API SearchOptions {
+  unsigned pageSize = 0; ///< hits per request; 0: 1000
+  /// Accept answers that timed out or lost shards; otherwise such an answer ends the search with
+  /// an error naming the failed shards and their reasons, before any hit of that page is given.
+  bool allowPartialResults = false;
+  std::vector<std::string> sourceIncludes; ///< _source fields kept (wildcards allowed); empty: all
+  std::vector<std::string> sourceExcludes; ///< _source fields left out
+};
+
+/// FetchSearchResults with options; the call above is this one with `pageSize` alone set. The
+/// source filters replace any "_source" of the query when one of them is given.
+HTTPTOOLS_API bool FetchSearchResults(qz::http::HttpConnection& connection, const ElasticConnectionParameters& server,
+                                      const std::string& index, const std::string& queryJson,
+                                      const std::function<bool(SearchHit&)>& onHit, const SearchOptions& options,
                                       std::string* error, const bool* cancel);
 
 } // namespace qz::elasticsearch

@@ -1,5 +1,6 @@
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace qz::elasticsearch {
@@ -21,11 +22,20 @@ void ResponseItemCutter::reset() {
   m_scrollId.clear();
   m_capture = nullptr;
   m_errors = -1;
+  m_timedOut = false;
+  m_shards.clear();
+  m_shardsFrom = std::string::npos;
   m_items = 0;
   m_failed = m_stoppedByItem = m_sawValue = false;
 }
 
 bool ResponseItemCutter::complete() const { return !m_failed && m_sawValue && m_depth == 0 && !m_inString; }
+
+void ResponseItemCutter::keepShards(const char* text, size_t length) {
+  // A long failure list is cut: the summary then fails to parse, which still tells a partial answer.
+  constexpr size_t kMaxShards = 64 * 1024;
+  m_shards.append(text, std::min(length, kMaxShards - std::min(kMaxShards, m_shards.size())));
+}
 
 void ResponseItemCutter::keyDone() {
   if (m_depth == 1) {
@@ -37,6 +47,10 @@ void ResponseItemCutter::keyDone() {
       m_top = Member::ScrollId;
     else if (m_key == "errors")
       m_top = Member::Errors;
+    else if (m_key == "timed_out")
+      m_top = Member::TimedOut;
+    else if (m_key == "_shards")
+      m_top = Member::Shards;
     else
       m_top = Member::Other;
   } else if (m_depth == 2 && m_top == Member::Outer) {
@@ -136,6 +150,8 @@ bool ResponseItemCutter::feed(const char* data, size_t length) {
         m_failed = true; // a second value after the first one closed
         return false;
       }
+      if (c == '{' && m_depth == 1 && m_top == Member::Shards)
+        m_shardsFrom = i;
       ++m_depth;
       m_sawValue = true;
       if (m_depth <= kTracked) {
@@ -157,6 +173,10 @@ bool ResponseItemCutter::feed(const char* data, size_t length) {
       --m_depth;
       if (m_depth == 1)
         m_innerMatch = false;
+      if (m_depth == 1 && m_shardsFrom != std::string::npos) {
+        keepShards(b + m_shardsFrom, i - m_shardsFrom + 1);
+        m_shardsFrom = std::string::npos;
+      }
       if (c == '}' && m_inItem && m_depth == m_itemsDepth) {
         m_inItem = false;
         ++m_items;
@@ -181,6 +201,9 @@ bool ResponseItemCutter::feed(const char* data, size_t length) {
       if (m_depth == 1 && m_top == Member::Errors) {
         m_errors = c == 't' ? 1 : 0;
         m_top = Member::Other;
+      } else if (m_depth == 1 && m_top == Member::TimedOut) {
+        m_timedOut = c == 't';
+        m_top = Member::Other;
       }
       break;
     default:
@@ -188,7 +211,11 @@ bool ResponseItemCutter::feed(const char* data, size_t length) {
     }
   }
   // Compact once per chunk: only a partial item is still needed.
-  if (m_inItem) {
+  if (m_shardsFrom != std::string::npos) {
+    keepShards(b + m_shardsFrom, size - m_shardsFrom);
+    m_shardsFrom = 0;
+    m_buffer.clear();
+  } else if (m_inItem) {
     if (m_itemStart)
       m_buffer.erase(0, m_itemStart);
     m_itemStart = 0;

@@ -13,7 +13,8 @@ namespace qz::elasticsearch {
 // `hits.hits` in a search answer, the `docs` of _mget, the `items` of _bulk. Each object's text
 // goes to the item function as soon as its closing brace is read; the buffer holds only the
 // unconsumed tail (one partial object plus the current chunk). On the way it keeps the top-level
-// string members `pit_id` and `_scroll_id` and the literal of `errors`.
+// string members `pit_id` and `_scroll_id`, the literals of `errors` and `timed_out`, and the
+// text of the `_shards` object.
 class ResponseItemCutter {
 public:
   // Returning false stops the cut (feed() then returns false).
@@ -34,14 +35,17 @@ public:
   const std::string& pitId() const { return m_pitId; }
   const std::string& scrollId() const { return m_scrollId; }
   int errors() const { return m_errors; } // -1 not seen, 0 false, 1 true
+  bool timedOut() const { return m_timedOut; }
+  const std::string& shards() const { return m_shards; } // "" when not seen
   size_t bufferCapacity() const { return m_buffer.capacity(); }
   bool stoppedByItem() const { return m_stoppedByItem; }
 
 private:
-  enum class Member : uint8_t { None, Outer, PitId, ScrollId, Errors, Other };
+  enum class Member : uint8_t { None, Outer, PitId, ScrollId, Errors, TimedOut, Shards, Other };
   static constexpr int kTracked = 8; // container kinds are remembered this deep
 
   void keyDone();
+  void keepShards(const char* text, size_t length);
 
   std::string m_outerKey, m_innerKey;
   ItemFunction m_onItem;
@@ -61,6 +65,9 @@ private:
   std::string m_pitId, m_scrollId;
   std::string* m_capture = nullptr;
   int m_errors = -1;
+  bool m_timedOut = false;
+  std::string m_shards;
+  size_t m_shardsFrom = std::string::npos; // where `_shards` starts in the buffer while it is open
   size_t m_items = 0;
   bool m_failed = false;
   bool m_stoppedByItem = false;

@@ -108,6 +108,8 @@ void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, 
   // Exact text on purpose: "localhost" and "[::1]" are still checked.
   r.loopbackExempt = r.verifyPeer && target.host == "127.0.0.1" && qz::IsLoopbackCertificateExemption();
   r.caFile = p.caFile;
+  r.clientCertFile = p.clientCertFile;
+  r.clientKeyFile = p.clientKeyFile;
   r.maxBodyBytes = static_cast<long long>(std::min<size_t>(p.maxBodyBytes, size_t(INT64_MAX)));
   r.totalTimeoutMs = nonNegative(p.totalTimeoutMs);
 
@@ -153,6 +155,9 @@ int ApplyResolvedParameters(CURL* h, const ResolvedParameters& r) {
   rc |= curl_easy_setopt(h, CURLOPT_SSL_CTX_FUNCTION,
                          r.loopbackExempt ? loopbackAwareTlsSetup : static_cast<curl_ssl_ctx_callback>(nullptr));
   rc |= curl_easy_setopt(h, CURLOPT_CAINFO, r.caFile.empty() ? defaultCaFile().c_str() : r.caFile.c_str());
+  auto orNull = [](const std::string& s) { return s.empty() ? static_cast<const char*>(nullptr) : s.c_str(); };
+  rc |= curl_easy_setopt(h, CURLOPT_SSLCERT, orNull(r.clientCertFile));
+  rc |= curl_easy_setopt(h, CURLOPT_SSLKEY, orNull(r.clientKeyFile));
   rc |= curl_easy_setopt(h, CURLOPT_PROXY, r.proxyNull ? static_cast<const char*>(nullptr) : r.proxy.c_str());
   rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, r.totalTimeoutMs);
   // Refuses an announced length at once; writers count the decoded bytes themselves.

@@ -41,6 +41,8 @@ public:
     bool followLocation = true; ///< follow redirects (http and https only)
     bool keepCookies = true;    ///< in-memory cookie store for the connection's lifetime
     std::string caFile;         ///< CA bundle for certificate checks; empty = libcurl's default
+    std::string clientCertFile; ///< PEM client certificate for mutual TLS; empty = none
+    std::string clientKeyFile;  ///< its PEM private key; empty = in the certificate file
     size_t maxBodyBytes = 0;    ///< largest response body, counted after decoding; 0 = no limit
     long totalTimeoutMs = 0;    ///< time allowed for a whole request; 0 = none
 

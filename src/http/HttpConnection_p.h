@@ -40,6 +40,7 @@ struct ResolvedParameters {
   bool proxyNull = false; // leave the proxy to libcurl (its environment variables)
   std::string proxy;      // "" = no proxy at all
   std::string caFile;     // "" = libcurl's default bundle
+  std::string clientCertFile, clientKeyFile;
   long long maxBodyBytes = 0;
   long totalTimeoutMs = 0;
 

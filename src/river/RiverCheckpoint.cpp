@@ -78,10 +78,11 @@ RiverOutcome CheckpointStore::write(const RiverState& state, const bool* cancel)
                                                      {"marker", state.marker},
                                                      {"recreated", state.recreated}});
   const auto& es = m_where.elastic;
-  const qz::Url url = knowsVersion() ? es.toDocumentUrl(m_where.stateIndex, m_where.river,
-                                                        {{"if_seq_no", std::to_string(m_seqNo)},
-                                                         {"if_primary_term", std::to_string(m_primaryTerm)}})
-                                     : es.toApiUrl({m_where.stateIndex, "_create", m_where.river}, {});
+  const qz::elasticsearch::ElasticConnectionParameters url =
+      knowsVersion() ? es.toDocumentUrl(
+                           m_where.stateIndex, m_where.river,
+                           {{"if_seq_no", std::to_string(m_seqNo)}, {"if_primary_term", std::to_string(m_primaryTerm)}})
+                     : es.toApiUrl({m_where.stateIndex, "_create", m_where.river}, {});
   const auto resp = CallElastic(m_pool, "PUT", url, &body, cancel);
   if (resp.status == 0 && !(cancel && std::atomic_ref<bool>(const_cast<bool&>(*cancel)).load()))
     return readBack(state, ElasticFailure("writing the river state", resp), cancel);

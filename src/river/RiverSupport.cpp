@@ -36,7 +36,8 @@ unsigned StopSignal::BackoffMs(unsigned failures) {
   return cap / 2 + unsigned(random() % (cap / 2 + 1));
 }
 
-qz::elasticsearch::ElasticResponse CallElastic(http::HttpConnectionPool& pool, const char* method, const qz::Url& url,
+qz::elasticsearch::ElasticResponse CallElastic(http::HttpConnectionPool& pool, const char* method,
+                                               const qz::elasticsearch::ElasticConnectionParameters& url,
                                                const std::string* body, const bool* cancel, const char* contentType) {
   qz::elasticsearch::ElasticResponse out;
   http::HttpConnectionLocker conn(pool, url);

@@ -64,7 +64,8 @@ private:
 };
 
 // One Elasticsearch request through the pool; any status is an answer (0: none arrived).
-qz::elasticsearch::ElasticResponse CallElastic(http::HttpConnectionPool& pool, const char* method, const qz::Url& url,
+qz::elasticsearch::ElasticResponse CallElastic(http::HttpConnectionPool& pool, const char* method,
+                                               const qz::elasticsearch::ElasticConnectionParameters& url,
                                                const std::string* body, const bool* cancel,
                                                const char* contentType = "application/json");
 // No answer, 429, 502, 503 and 504 go away by trying again; other statuses do not.

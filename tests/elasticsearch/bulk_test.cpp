@@ -69,10 +69,6 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjson) {
   EXPECT_TRUE(failures.empty());
   EXPECT_FALSE(indexer.index("", "x", doc(1)));
   EXPECT_FALSE(indexer.remove("things", ""));
-
-  std::string back;
-  ASSERT_EQ(call("GET", "/things/_doc/t77", "", &back), 200);
-  EXPECT_NE(back.find(R"("name":"item \"77\"\n")"), std::string::npos) << back;
 }
 
 TEST_F(BulkTest, RejectedItemsAreRetriedWithoutDuplicates) {
@@ -375,3 +371,30 @@ TEST_F(BulkTest, FlushIsInterruptedByItsFlag) {
 }
 
 } // namespace
+
+TEST_F(BulkTest, RequestOptionsAndGzipBodiesReachTheServer) {
+  const struct {
+    int gzipLevel;
+    const char *refresh, *pipeline, *query, *encoding;
+  } cases[] = {{0, "", "", "", ""},
+               {6, "wait_for", "", "refresh=wait_for", "gzip"},
+               {1, "true", "geo", "pipeline=geo&refresh=true", "gzip"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.query);
+    emulator.reset();
+    BulkIndexer indexer(pool, server, 2, 100);
+    indexer.setRequestOptions({c.refresh, c.pipeline, c.gzipLevel});
+    watch(indexer);
+    for (int i = 0; i < 250; ++i)
+      ASSERT_TRUE(indexer.index("things", "t" + std::to_string(i), doc(i)));
+    std::string error, stored;
+    ASSERT_TRUE(indexer.flush(&error)) << error;
+    EXPECT_EQ(emulator.docCount("things"), 250u);
+    const auto s = emulator.stats();
+    EXPECT_EQ(s.lastBulkQuery, c.query);
+    EXPECT_EQ(s.lastBulkContentEncoding, c.encoding);
+    EXPECT_EQ(call("GET", "/things/_doc/t249", "", &stored), 200);
+    EXPECT_NE(stored.find(R"("name":"item \"249\"\n")"), std::string::npos) << stored;
+  }
+  EXPECT_TRUE(failures.empty());
+}

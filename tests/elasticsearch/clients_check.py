@@ -1,7 +1,9 @@
 # The official Python client (7.17) against the emulator: helpers.bulk with retries of rejected
-# items, helpers.scan over a scroll, mget and the mapping's _meta. Usage: python3 clients_check.py URL
+# items, helpers.scan over a scroll, mget and the mapping's _meta; then gzip bodies with an API key
+# the emulator demands, and a scan that a partial answer stops. Usage: python3 clients_check.py URL
 import json
 import sys
+import urllib.request
 
 from elasticsearch import Elasticsearch, helpers
 
@@ -16,8 +18,23 @@ scanned = [h for h in helpers.scan(es, index="py", query={"query": {"match_all":
 ids = sorted(int(h["_id"]) for h in scanned)
 intact = all(h["_source"]["n"] == int(h["_id"]) and h["_source"]["text"] == 'doc "%s" {]' % h["_id"] for h in scanned)
 docs = es.mget(index="py", body={"ids": ["5", "1999", "nope"]})["docs"]
+
+
+def faults(**f):
+    urllib.request.urlopen(urllib.request.Request(sys.argv[1] + "/_emulator/faults", json.dumps(f).encode(), method="PUT"))
+
+
+faults(require_header="Authorization: ApiKey aWQ6a2V5")
+es = Elasticsearch(sys.argv[1], http_compress=True, api_key=("id", "key"))
+zipped, _ = helpers.bulk(es, ({"_index": "gz", "_id": str(i), "_source": {"n": i}} for i in range(300)))
+faults(partial_search_pages=1)
+try:
+    partial = "not seen: %d hits" % len(list(helpers.scan(es, index="gz", size=100)))
+except helpers.ScanError as e:
+    partial = str(e)
 print(json.dumps({
     "ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "scanned": len(ids),
     "distinct": len(set(ids)), "intact": intact, "found": [d["found"] for d in docs],
-    "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"],
+    "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"], "zipped": zipped,
+    "zipped_count": es.count(index="gz")["count"], "partial": partial,
 }))

@@ -48,9 +48,13 @@ TEST_F(ClientsTest, OfficialPythonClient) {
   EXPECT_TRUE(got["intact"].toBool());
   EXPECT_EQ(got["found"], qz::qzVariant(qz::qzVariantListImpl{true, true, false}));
   EXPECT_EQ(got["meta"].toMap().at("owner").toString(), "py");
+  EXPECT_EQ(got["zipped"].toInt64(), 300);
+  EXPECT_EQ(got["zipped_count"].toInt64(), 300);
+  EXPECT_NE(got["partial"].toString().find("succeeded on 1"), std::string::npos) << got["partial"].toString();
   const auto s = emulator.stats();
-  EXPECT_EQ(s.bulkItems, 2005u); // only the rejected items went twice
-  EXPECT_EQ(s.scrollsOpened, 1u);
+  EXPECT_EQ(s.lastBulkContentEncoding, "gzip");
+  EXPECT_EQ(s.bulkItems, 2305u); // only the rejected items went twice
+  EXPECT_EQ(s.scrollsOpened, 2u);
   EXPECT_EQ(s.openScrolls, 0u); // helpers.scan cleared its scroll
 }
 

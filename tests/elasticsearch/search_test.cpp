@@ -32,8 +32,8 @@ protected:
 
   bool fetch(const std::string& query, unsigned pageSize, const std::function<bool(SearchHit&)>& onHit,
              const bool* cancel = nullptr) {
-    error.clear();
-    return FetchSearchResults(connection, server, "docs", query, onHit, pageSize, &error, cancel);
+    options.pageSize = pageSize;
+    return FetchSearchResults(connection, server, "docs", query, onHit, options, &error, cancel);
   }
 
   void expectClosed() {
@@ -43,6 +43,7 @@ protected:
   }
 
   std::string error;
+  qz::elasticsearch::SearchOptions options;
 };
 
 TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScroll) {
@@ -73,8 +74,10 @@ TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScroll) {
   }
 }
 
-TEST_F(SearchTest, QueryAndSortOfTheCallerAreKept) {
+TEST_F(SearchTest, QuerySortAndSourceFiltersOfTheCallerAreKept) {
   seed("docs", 500);
+  options.sourceIncludes = {"n", "g*"};
+  options.sourceExcludes = {"group"};
   for (const bool withPit : {true, false}) {
     SCOPED_TRACE(withPit ? "point in time" : "scroll");
     auto faults = emulator.faults();
@@ -84,6 +87,7 @@ TEST_F(SearchTest, QueryAndSortOfTheCallerAreKept) {
     ASSERT_TRUE(fetch(R"({"query":{"term":{"group":3}},"sort":[{"n":"desc"}]})", 10, [&](SearchHit& hit) {
       ns.push_back(hit.source.toMap().at("n").toInt64());
       EXPECT_TRUE(hit.sort.isList());
+      EXPECT_EQ(hit.source.toMap().size(), 1u);
       return true;
     })) << error;
     std::vector<int64_t> expected;
@@ -95,18 +99,19 @@ TEST_F(SearchTest, QueryAndSortOfTheCallerAreKept) {
   }
 }
 
-// Every way a fetch can end early closes what it opened.
-TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelAndStop) {
+// Every way a fetch can end early closes what it opened; a partial page gives none of its hits.
+TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopAndPartialAnswer) {
   seed("docs", 300);
-  enum Ending { PageError, CutBody, Cancel, Stop };
+  enum Ending { PageError, CutBody, Cancel, Stop, Partial, PartialAllowed };
   for (const bool withPit : {true, false})
-    for (const Ending ending : {PageError, CutBody, Cancel, Stop}) {
+    for (const Ending ending : {PageError, CutBody, Cancel, Stop, Partial, PartialAllowed}) {
       SCOPED_TRACE(std::string(withPit ? "pit " : "scroll ") + std::to_string(int(ending)));
       auto faults = emulator.faults();
       faults.noPit = !withPit;
       emulator.setFaults(faults);
       bool cancel = false;
       size_t seen = 0;
+      options.allowPartialResults = ending == PartialAllowed;
       const bool ok = fetch(
           "", 50,
           [&](SearchHit&) {
@@ -116,6 +121,7 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelAndStop) {
                 f.failSearchPages = 1;
               if (ending == CutBody)
                 f.cutSearchAfter = 300;
+              f.partialSearchPages = ending >= Partial;
               emulator.setFaults(f);
             }
             if (seen == 75 && ending == Cancel)
@@ -123,10 +129,19 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelAndStop) {
             return !(seen == 75 && ending == Stop);
           },
           &cancel);
-      EXPECT_FALSE(ok);
-      const char* expected[] = {"all shards failed", "failed", "cancelled", "stopped by the hit function"};
+      EXPECT_EQ(ok, ending == PartialAllowed);
+      const char* expected[] = {"all shards failed",
+                                "failed",
+                                "cancelled",
+                                "stopped by the hit function",
+                                "partial results from docs: the search timed out; 1 of 2 shard(s) failed [shard 1 "
+                                "of emulated: node_disconnected_exception [emulator-2] disconnected (injected fault)]",
+                                ""};
       EXPECT_NE(error.find(expected[ending]), std::string::npos) << error;
-      EXPECT_LE(seen, 100u);
+      if (ending >= Partial)
+        EXPECT_EQ(seen, ending == Partial ? 100u : 300u);
+      else
+        EXPECT_LE(seen, 100u);
       expectClosed();
     }
 }

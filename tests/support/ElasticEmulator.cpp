@@ -168,8 +168,11 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
     integer("fail_search_pages", f.failSearchPages);
     integer("cut_search_after", f.cutSearchAfter);
     integer("stall_search_ms", f.stallSearchMs);
+    integer("partial_search_pages", f.partialSearchPages);
     if (body.HasMember("unavailable_path") && body["unavailable_path"].IsString())
       f.unavailablePath = body["unavailable_path"].GetString();
+    if (body.HasMember("require_header") && body["require_header"].IsString())
+      f.requireHeader = body["require_header"].GetString();
     boolean("no_pit", f.noPit);
     boolean("no_product_header", f.noProductHeader);
     boolean("no_auto_create", f.noAutoCreate);
@@ -211,12 +214,33 @@ bool unavailable(State& st, const Req& req, Res& res) {
   return true;
 }
 
+// True (and answered 401) when the request lacks the header the emulator requires.
+bool unauthorised(State& st, const Req& req, Res& res) {
+  std::string required;
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    required = st.faults.requireHeader;
+  }
+  const size_t colon = required.find(':');
+  if (colon == std::string::npos)
+    return false;
+  const std::string name = required.substr(0, colon);
+  const std::string value = required.substr(required.find_first_not_of(' ', colon + 1));
+  if (req.get_header_value_count(name) == 1 && req.get_header_value(name) == value)
+    return false;
+  res.set_header("WWW-Authenticate", "Basic realm=\"security\" charset=\"UTF-8\"");
+  st.reply(
+      res, 401,
+      errorBody(401, "security_exception", "missing authentication credentials for REST request [" + req.path + "]"));
+  return true;
+}
+
 void dispatch(State& st, const Req& req, Res& res) {
   const Path s = splitPath(req.path);
   const bool get = req.method == "GET" || req.method == "HEAD";
   if (!s.empty() && s[0] == "_emulator")
     return control(st, req, res, s.size() > 1 ? s[1] : "");
-  if (unavailable(st, req, res))
+  if (unauthorised(st, req, res) || unavailable(st, req, res))
     return;
   if (s.empty())
     return get ? st.reply(res, 200, kClusterInfo) : st.badMethod(req, res);

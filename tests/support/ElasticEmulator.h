@@ -52,13 +52,15 @@ public:
     bool noAutoCreate = false;      // action.auto_create_index: false: writes to a missing index answer 404
     bool ignoreSearchAfter = false; // searches answer as if search_after were not there
     bool mgetDropLast = false;      // the next _mget answer leaves out its last document
+    std::string requireHeader;      // "Name: value" every request must carry, 401 otherwise ("" off)
+    int partialSearchPages = 0;     // the next N search pages time out on one of two shards
   };
 
   struct Stats {
     size_t openPits = 0, openScrolls = 0;
     size_t pitsOpened = 0, scrollsOpened = 0;
     size_t requests = 0, bulkRequests = 0, bulkItems = 0, searchRequests = 0, mgetRequests = 0;
-    std::string lastBulkContentType;
+    std::string lastBulkContentType, lastBulkContentEncoding, lastBulkQuery;
     std::string lastSearchBody;
   };
 

@@ -174,6 +174,8 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     ++st.stats.bulkRequests;
     st.stats.bulkItems += items.size();
     st.stats.lastBulkContentType = req.get_header_value("Content-Type");
+    st.stats.lastBulkContentEncoding = req.get_header_value("Content-Encoding");
+    st.stats.lastBulkQuery = httplib::detail::params_to_query_str(req.params);
     for (size_t i = 0; i < items.size(); ++i) {
       Item& item = items[i];
       WriteResult& r = results[i];

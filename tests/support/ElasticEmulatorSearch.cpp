@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <fnmatch.h>
 
 namespace qztest::emu {
 
@@ -14,7 +15,65 @@ struct Pit {
   std::vector<Entry> sorted;
 };
 
+// _source: false, a pattern or a list of them, or {includes, excludes}; matched on dotted paths.
+struct SourceFilter {
+  bool none = false;
+  std::vector<std::string> includes, excludes;
+
+  explicit SourceFilter(const Value* v = nullptr) {
+    auto names = [](const Value* list, std::vector<std::string>& out) {
+      if (list && list->IsString())
+        out.emplace_back(list->GetString());
+      else if (list && list->IsArray())
+        for (const auto& n : list->GetArray())
+          if (n.IsString())
+            out.emplace_back(n.GetString());
+    };
+    if (v && v->IsBool())
+      none = !v->GetBool();
+    else if (v && v->IsObject()) {
+      names(v->HasMember("includes") ? &(*v)["includes"] : nullptr, includes);
+      names(v->HasMember("excludes") ? &(*v)["excludes"] : nullptr, excludes);
+    } else
+      names(v, includes);
+  }
+  bool active() const { return none || !includes.empty() || !excludes.empty(); }
+
+  static bool matches(const std::vector<std::string>& patterns, const std::string& path) {
+    for (const auto& p : patterns)
+      if (fnmatch(p.c_str(), path.c_str(), 0) == 0)
+        return true;
+    return false;
+  }
+  // Whether an include pattern may match below `path`.
+  bool includesBelow(const std::string& path) const {
+    for (const auto& p : includes)
+      if (p.compare(0, path.size() + 1, path + ".") == 0 || p.find('*') != std::string::npos)
+        return true;
+    return false;
+  }
+  // Writes the kept members of `object`; `all` once an include matched an enclosing object.
+  void write(Writer& w, const Value& object, const std::string& prefix, bool all) const {
+    w.StartObject();
+    for (const auto& m : object.GetObject()) {
+      const std::string path = prefix + std::string(m.name.GetString(), m.name.GetStringLength());
+      if (matches(excludes, path))
+        continue;
+      const bool kept = all || includes.empty() || matches(includes, path);
+      if (m.value.IsObject() && (kept || includesBelow(path))) {
+        w.Key(m.name.GetString(), m.name.GetStringLength());
+        write(w, m.value, path + ".", kept);
+      } else if (kept) {
+        w.Key(m.name.GetString(), m.name.GetStringLength());
+        m.value.Accept(w);
+      }
+    }
+    w.EndObject();
+  }
+};
+
 struct Scroll {
+  SourceFilter source;
   std::vector<Entry> entries;
   std::vector<SortKey> keys;
   size_t position = 0;
@@ -32,6 +91,19 @@ Docs liveDocs(const std::vector<Index*>& found) {
   return docs;
 }
 
+// Turns a whole answer into one that timed out with one of two shards failed, as Elasticsearch
+// answers when a shard is lost during the search.
+void partial(std::string& body) {
+  static const std::string whole = R"("timed_out":false,"_shards":{"total":1,"successful":1,"skipped":0,"failed":0})";
+  static const std::string broken =
+      R"("timed_out":true,"_shards":{"total":2,"successful":1,"skipped":0,"failed":1,"failures":[{"shard":1,)"
+      R"("index":"emulated","node":"emulator-2","reason":{"type":"node_disconnected_exception",)"
+      R"x("reason":"[emulator-2] disconnected (injected fault)"}}]})x";
+  const size_t at = body.find(whole);
+  if (at != std::string::npos)
+    body.replace(at, whole.size(), broken);
+}
+
 void answerSearch(State& st, Res& res, int status, std::string body) {
   size_t cut = 0;
   int stall = 0;
@@ -45,6 +117,10 @@ void answerSearch(State& st, Res& res, int status, std::string body) {
     if (status == 200 && st.faults.cutSearchAfter) {
       cut = st.faults.cutSearchAfter;
       st.faults.cutSearchAfter = 0;
+    }
+    if (status == 200 && st.faults.partialSearchPages > 0) {
+      --st.faults.partialSearchPages;
+      partial(body);
     }
     if (status == 200 && st.faults.stallSearchMs) {
       stall = st.faults.stallSearchMs;
@@ -72,7 +148,7 @@ void answerSearch(State& st, Res& res, int status, std::string body) {
 }
 
 void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t size, bool sorted,
-               const Value* trackTotal, size_t total) {
+               const Value* trackTotal, size_t total, const SourceFilter& filter) {
   w.Key("timed_out");
   w.Bool(false);
   writeShards(w);
@@ -110,8 +186,15 @@ void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t
       w.Key("_routing");
       writeString(w, e.doc->routing);
     }
-    w.Key("_source");
-    w.RawValue(e.doc->source.data(), e.doc->source.size(), rapidjson::kObjectType);
+    if (!filter.active()) {
+      w.Key("_source");
+      w.RawValue(e.doc->source.data(), e.doc->source.size(), rapidjson::kObjectType);
+    } else if (!filter.none) {
+      Document source;
+      source.Parse(e.doc->source.data(), e.doc->source.size());
+      w.Key("_source");
+      filter.write(w, source, "", false);
+    }
     if (sorted) {
       w.Key("sort");
       w.StartArray();
@@ -227,6 +310,7 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
     auto sc = std::make_shared<Scroll>();
     sc->entries.assign(entries.begin() + long(std::min(start, entries.size())), entries.end());
     sc->keys = keys;
+    sc->source = SourceFilter(member("_source"));
     sc->size = size_t(size);
     sc->position = size_t(size);
     scrollId = randomId(96, ++st.counter);
@@ -241,7 +325,8 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
   }
   w.Key("took");
   w.Int(1);
-  writeHits(w, entries, start, size_t(std::max<int64_t>(0, size)), sorted, member("track_total_hits"), total);
+  writeHits(w, entries, start, size_t(std::max<int64_t>(0, size)), sorted, member("track_total_hits"), total,
+            SourceFilter(member("_source")));
   w.EndObject();
   lock.unlock();
   answerSearch(st, res, 200, std::string(sb.GetString(), sb.GetSize()));
@@ -269,7 +354,7 @@ void scrollNext(State& st, const Req& req, Res& res) {
   writeString(w, id);
   w.Key("took");
   w.Int(1);
-  writeHits(w, sc.entries, sc.position, sc.size, !sc.keys.empty(), nullptr, sc.entries.size());
+  writeHits(w, sc.entries, sc.position, sc.size, !sc.keys.empty(), nullptr, sc.entries.size(), sc.source);
   w.EndObject();
   sc.position += sc.size;
   lock.unlock();

@@ -96,6 +96,16 @@ bool NginxFixture::start() {
                               "/openssl.log' 2>&1";
   if (std::system(openssl.c_str()) != 0)
     return fail("openssl could not make a certificate: " + readFile(m_prefix + "/openssl.log"));
+  if (m_options.mutualTlsBackend > 0) {
+    const std::string client = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+                               " -subj /CN=httptools-client -keyout '" +
+                               clientKeyPath() + "' -out '" + clientCertPath() + "' >'" + m_prefix +
+                               "/openssl.log' 2>&1";
+    if (std::system(client.c_str()) != 0)
+      return fail("openssl could not make a client certificate: " + readFile(m_prefix + "/openssl.log"));
+    if ((m_mtlsPort = FreeLoopbackPort()) == 0)
+      return fail("no free port on 127.0.0.1");
+  }
 
   m_httpPort = FreeLoopbackPort();
   m_httpsPort = FreeLoopbackPort();
@@ -129,7 +139,13 @@ bool NginxFixture::start() {
        << "    location = /to-localhost { return 302 https://localhost:$server_port/small; }\n"
        << "    location /files/ { alias " << p << "/files/; }\n"
        << "    location = /nginx_status { stub_status; }\n"
-       << "  }\n}\n";
+       << "  }\n";
+  if (m_options.mutualTlsBackend > 0)
+    conf << "  server {\n    listen 127.0.0.1:" << m_mtlsPort << " ssl;\n"
+         << "    ssl_certificate " << p << "/cert.pem;\n    ssl_certificate_key " << p << "/key.pem;\n"
+         << "    ssl_client_certificate " << clientCertPath() << ";\n    ssl_verify_client on;\n"
+         << "    location / { proxy_pass http://127.0.0.1:" << m_options.mutualTlsBackend << "; }\n  }\n";
+  conf << "}\n";
   {
     std::ofstream out(p + "/nginx.conf");
     out << conf.str();

@@ -27,6 +27,7 @@ public:
     bool accessLog = false;
     bool http2 = false;         // the https port also offers HTTP/2 (ALPN)
     bool connectionLog = false; // access log lines "<$connection> <$server_protocol> <$status> <uri>"
+    int mutualTlsBackend = 0;   // > 0: mutualTlsPort() requires clientCertPath() and proxies to this port
   };
 
   NginxFixture();
@@ -49,6 +50,9 @@ public:
   const std::string& prefix() const { return m_prefix; }
   std::string filesDir() const { return m_prefix + "/files"; }
   std::string certificatePath() const { return m_prefix + "/cert.pem"; }
+  int mutualTlsPort() const { return m_mtlsPort; }
+  std::string clientCertPath() const { return m_prefix + "/client.pem"; } // and its key:
+  std::string clientKeyPath() const { return m_prefix + "/client-key.pem"; }
   std::string accessLogPath() const { return m_prefix + "/access.log"; }
 
   // Connections accepted since start() returned, as stub_status counts them (-1 when
@@ -63,6 +67,7 @@ private:
   std::string m_error;
   int m_httpPort = 0;
   int m_httpsPort = 0;
+  int m_mtlsPort = 0;
   pid_t m_pid = -1;
   long m_baseline = 0;            // connections made by start() itself
   mutable long m_statusCalls = 0; // each status read opens a connection of its own
