@@ -20,6 +20,7 @@ struct RiverArgs {
   bool once = false, follow = false;
   size_t batchDocs = 1000;
   unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
+  ConnectionOptions conn;
 };
 
 std::string StatusLine(const qz::river::RiverStatus& s) {
@@ -36,18 +37,31 @@ std::string StatusLine(const qz::river::RiverStatus& s) {
 
 void RunRiver(const RiverArgs& a) {
   qz::river::RiverDefinition def;
-  if (!qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, a.couchUrl) ||
+  std::string couchUrl = a.couchUrl, elasticUrl = a.elasticUrl, urlError;
+  if (!CheckCommandLineUrl(couchUrl, urlError) || !CheckCommandLineUrl(elasticUrl, urlError)) {
+    std::cerr << "httptools river: " << urlError << "\n";
+    exitCode = kExitBadUrl;
+    return;
+  }
+  if (!qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, couchUrl) ||
       def.database.empty()) {
     std::cerr << "httptools river: '" << a.couchUrl << "' is not a database URL (http://host:port/db)\n";
-    exitCode = 2;
+    exitCode = kExitBadUrl;
     return;
   }
-  if (!qz::elasticsearch::ElasticConnectionParameters::BuildFromIndexUrl(&def.elastic, &def.index, a.elasticUrl) ||
+  if (!qz::elasticsearch::ElasticConnectionParameters::BuildFromIndexUrl(&def.elastic, &def.index, elasticUrl) ||
       def.index.empty()) {
     std::cerr << "httptools river: '" << a.elasticUrl << "' is not an index URL (http://host:port/alias)\n";
-    exitCode = 2;
+    exitCode = kExitBadUrl;
     return;
   }
+  if (!UseConnectionOptions("httptools river", a.conn)) {
+    exitCode = kExitUsage;
+    return;
+  }
+  for (const qz::Url& server : {qz::Url(def.couch), qz::Url(def.elastic)})
+    if (!a.follow && (exitCode = ProbeServer("httptools river", server)) != kExitOk)
+      return; // a one-shot run fails at once when a side cannot be reached
   def.mappingJson = "{}";
   if (!a.mappingFile.empty()) {
     std::ifstream in(a.mappingFile);
@@ -66,6 +80,7 @@ void RunRiver(const RiverArgs& a) {
   def.leaseMs = a.leaseMs;
 
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::river::RiverManager rivers(pool, 1);
   std::string error;
   if (!rivers.addRiver(def, &error)) {
@@ -128,6 +143,7 @@ void AddRiverCommand(CLI::App& app) {
   cmd->add_option("--interval-ms", a->intervalMs, "Following: feed poll interval once caught up");
   cmd->add_option("--lease-ms", a->leaseMs, "Lease duration; another process may take over after it");
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
+  AddConnectionOptions(cmd, a->conn, false);
   cmd->callback([a] { RunRiver(*a); });
 }
 
