@@ -231,7 +231,6 @@ void OnInterrupt(int) { std::atomic_ref<bool>(g_interrupted).store(true); }
 
 const bool* InterruptFlag() {
   static const bool installed = [] {
-    std::signal(SIGPIPE, SIG_IGN); // a closed pipe shows as a write error
     std::signal(SIGINT, &OnInterrupt);
     std::signal(SIGTERM, &OnInterrupt);
     return true;

@@ -80,6 +80,10 @@ void RunChanges(const ChangesArgs& a) {
         return bool(std::cout);
       },
       &error, interrupted);
+  if (!ok && !std::cout) {
+    exitCode = kExitWrite; // the reader went away: quietly
+    return;
+  }
   if (!ok)
     std::cerr << "httptools couch changes: " << error << "\n";
   exitCode = ok ? kExitOk : kExitHttpStatus;

@@ -4,6 +4,7 @@
 
 #include <HttpTools/HttpTools.h>
 
+#include <csignal>
 #include <iostream>
 
 int httptools::exitCode = 0;
@@ -42,7 +43,7 @@ int main(int argc, char** argv) {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
     // As curl does, the tool checks certificates of loopback servers too; -k turns checks off.
     qz::SetLoopbackCertificateExemption(false);
-    httptools::InterruptFlag(); // also ignores SIGPIPE
+    std::signal(SIGPIPE, SIG_IGN); // a closed pipe shows as a write error (exit 23)
   } catch (const std::exception& e) {
     std::cerr << "httptools: " << e.what() << "\n";
     return 1;
