@@ -83,7 +83,7 @@ private:
 bool AssembleBody(const HttpOptions& o, std::string& body, std::string& error);
 // The header lines of -H, -A, -u or the netrc entry for `url`, and the content type the body
 // implies when -H does not give one.
-bool AssembleHeaders(const HttpOptions& o, const qz::Url& url, qz::http::RequestSpec& spec, std::string& error);
+bool AssembleHeaders(const HttpOptions& o, const qz::Url& url, qz::http::RequestSpec& request, std::string& error);
 // -x, --noproxy and the proxy variables of the environment for `url`.
 void ApplyProxy(const HttpOptions& o, const qz::Url& url, qz::http::HttpConnection::ConnectionParameters& params);
 // -w: %{variable}, %header{name}, %% and \n \r \t; unknown variables are reported on `err`.

@@ -153,7 +153,7 @@ bool AssembleBody(const HttpOptions& o, std::string& body, std::string& error) {
   return true;
 }
 
-bool AssembleHeaders(const HttpOptions& o, const qz::Url& url, qz::http::RequestSpec& spec, std::string& error) {
+bool AssembleHeaders(const HttpOptions& o, const qz::Url& url, qz::http::RequestSpec& request, std::string& error) {
   std::vector<std::string> lines;
   if (!o.conn.headerLines(lines, error))
     return false;
@@ -173,8 +173,8 @@ bool AssembleHeaders(const HttpOptions& o, const qz::Url& url, qz::http::Request
   if (json && !HasHeader(lines, "Accept"))
     lines.push_back("Accept: application/json");
   if (!o.data.empty() && !HasHeader(lines, "Content-Type"))
-    spec.contentType = json ? "application/json" : "application/x-www-form-urlencoded";
-  spec.headers = std::move(lines);
+    request.contentType = json ? "application/json" : "application/x-www-form-urlencoded";
+  request.headers = std::move(lines);
   return true;
 }
 

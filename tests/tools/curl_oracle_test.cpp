@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -59,11 +60,10 @@ protected:
     server = nullptr;
   }
   void SetUp() override {
-    char dir[] = "/tmp/httptools-oracle-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    m_dir = dir;
+    m_dir = (std::filesystem::temp_directory_path() / "httptools-oracle-XXXXXX").string();
+    ASSERT_TRUE(mkdtemp(m_dir.data()));
   }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + m_dir + "'").c_str()), 0); }
+  void TearDown() override { std::filesystem::remove_all(m_dir); }
 
   std::string file(const std::string& name, const std::string& content) {
     std::ofstream(m_dir + "/" + name, std::ios::binary) << content;

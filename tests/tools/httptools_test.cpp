@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -54,9 +55,8 @@ protected:
   void SetUp() override {
     ASSERT_TRUE(srv.isRunning());
     srv.resetCounters();
-    char dir[] = "/tmp/httptools-cli-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    m_dir = dir;
+    m_dir = (std::filesystem::temp_directory_path() / "httptools-cli-XXXXXX").string();
+    ASSERT_TRUE(mkdtemp(m_dir.data()));
   }
   void TearDown() override {
     for (const std::string& f : m_files)

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -44,9 +45,8 @@ protected:
   void SetUp() override {
     ASSERT_TRUE(srv.isRunning());
     srv.resetCounters();
-    char dir[] = "/tmp/httptools-pget-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    m_dir = dir;
+    m_dir = (std::filesystem::temp_directory_path() / "httptools-pget-XXXXXX").string();
+    ASSERT_TRUE(mkdtemp(m_dir.data()));
   }
   void TearDown() override {
     for (const char* name : {"one", "two"})
