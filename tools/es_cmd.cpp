@@ -176,7 +176,7 @@ struct BulkOptions {
 void runBulk(const BulkOptions& o) {
   ElasticConnectionParameters server;
   std::string index;
-  if (!serverAndIndex(o.url, server, index, "bulk") || !ready("bulk", o.conn, server, true))
+  if (!serverAndIndex(o.url, server, index, "bulk"))
     return;
   std::ifstream file;
   if (o.file != "-") {
@@ -187,6 +187,8 @@ void runBulk(const BulkOptions& o) {
       return;
     }
   }
+  if (!ready("bulk", o.conn, server, true))
+    return;
   std::istream& in = o.file == "-" ? std::cin : file;
   qz::http::HttpConnectionPool pool;
   httptools::Prepare(pool);
