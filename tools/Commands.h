@@ -6,6 +6,8 @@
 #pragma once
 
 #include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/url/Url.h>
 
 #include <CLI/CLI.hpp>
 
@@ -24,13 +26,61 @@ enum ExitCode : int {
   kExitOk = 0,
   kExitFailure = 1,
   kExitUsage = 2,
+  kExitBadUrl = 3,
   kExitResolve = 6,
   kExitConnect = 7,
+  kExitPartial = 18,
   kExitHttpStatus = 22,
+  kExitWrite = 23,
   kExitTimeout = 28,
+  kExitTls = 35,
   kExitCertificate = 60,
   kExitFileSize = 63,
 };
+
+// -v of any command: the library's log lines and libcurl's debug lines reach standard error only
+// then. Set before the command runs.
+extern bool verbose;
+// Routes the library's log lines to standard error while `verbose` is set, drops them otherwise.
+void InstallLogSink();
+
+// A URL of the command line as curl takes it: "http://" put in front when no scheme is given, and
+// a port that is not plain decimal 1-65535 refused. False with a message in `error`.
+bool CheckCommandLineUrl(std::string& text, std::string& error);
+// The same, then parsed: false with a message on standard error, for exit kExitBadUrl.
+bool ParseCommandLineUrl(const std::string& command, std::string text, qz::Url& url);
+
+// The connection options every network command shares: -k, --cacert, -H, -u, -m,
+// --connect-timeout, -v.
+struct ConnectionOptions {
+  bool insecure = false;
+  std::string caFile;
+  std::vector<std::string> headers;
+  std::string user; // "user:password"
+  double maxTime = 0, connectTimeout = 0;
+  bool verboseFlag = false;
+
+  // Whole "Name: value" lines: -H (with @FILE read) and -u's Authorization; false with a message.
+  bool headerLines(std::vector<std::string>& lines, std::string& error) const;
+  void apply(qz::http::HttpConnection::ConnectionParameters& params) const;
+};
+// Adds the options above to `cmd`; `withHeaders` false leaves -H and -u out.
+void AddConnectionOptions(CLI::App* cmd, ConnectionOptions& o, bool withHeaders = true);
+// Keeps -k, --cacert, -H, -u and -m in ConnectionSetup() for Prepare(); -v sets `verbose`. False
+// with a message on standard error.
+bool UseConnectionOptions(const std::string& command, const ConnectionOptions& o);
+// -k, --cacert, -H, -u, -m of the running command, for every connection the tools open.
+struct ConnectionSetupValues {
+  qz::http::HttpConnection::ConnectionParameters parameters;
+  std::list<std::string> headers;
+};
+ConnectionSetupValues& ConnectionSetup();
+void Prepare(qz::http::HttpConnection& connection);
+void Prepare(qz::http::HttpConnectionPool& pool); // every connection the pool makes
+
+// One request to `url` without repetition, before a tool that would repeat its own requests
+// starts: an unreachable server fails at once. Returns the exit code (kExitOk when it answered).
+int ProbeServer(const std::string& command, const qz::Url& url);
 
 void AddVersionCommands(CLI::App& app);     // version
 void AddUrlCommands(CLI::App& app);         // url
@@ -60,18 +110,8 @@ bool ReadFile(const std::string& path, std::string& content);
 const bool* InterruptFlag();
 bool Interrupted();
 
-// A failed call's error as curl's exit code: 6, 7, 28, 60, 63 for their causes, 1 for any other.
+// A failed call's error as curl's exit code: 6, 7, 18, 22, 23, 28, 35, 60, 63 for their causes, 1
+// for any other.
 int ExitCodeOfTransferError(const qz::http::TransferError& error);
-
-struct ParallelGetOptions {
-  std::list<std::string> headers;                            // extra header lines for every request
-  qz::http::HttpConnection::ConnectionParameters parameters; // time-outs, certificates, body limit
-};
-// Fetches `urls` with up to `parallel` transfers at once; the i-th body goes to outputs[i] when
-// there is one, otherwise to standard output, in the order of `urls`. A failed request (or a
-// status >= 400) is reported on standard error and writes nothing. 0 when all succeeded, 1
-// otherwise, 2 for bad arguments or an invalid URL.
-int RunParallelGet(const std::vector<std::string>& urls, const std::vector<std::string>& outputs, unsigned parallel,
-                   const ParallelGetOptions& options);
 
 } // namespace httptools

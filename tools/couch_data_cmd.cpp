@@ -14,19 +14,11 @@
 
 namespace httptools {
 
-namespace {
+ConnectionOptions& Conn(); // couch_tools_cmd.cpp
+bool SplitDbUrl(const std::string& dbUrl, qz::couch::CouchConnectionParameters& server, std::string& db,
+                const char* command);
 
-bool SplitUrl(const std::string& command, const std::string& dbUrl, qz::couch::CouchConnectionParameters& server,
-              std::string& db) {
-  std::string url = dbUrl;
-  while (url.size() > 1 && url.back() == '/')
-    url.pop_back();
-  if (qz::couch::CouchConnectionParameters::BuildFromDbUrl(&server, &db, url) && !db.empty())
-    return true;
-  std::cerr << "httptools couch " << command << ": '" << dbUrl << "' is not a database URL (http://host:port/db)\n";
-  exitCode = kExitUsage;
-  return false;
-}
+namespace {
 
 struct BackupArgs {
   std::string dbUrl, log;
@@ -53,7 +45,7 @@ bool ReadLog(const std::string& path, unsigned long long& bytes, std::string& se
 void RunBackup(const BackupArgs& a) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitUrl("backup", a.dbUrl, server, db))
+  if (!SplitDbUrl(a.dbUrl, server, db, "backup"))
     return;
   qz::couch::BackupOptions o;
   o.attachments = a.attachments;
@@ -91,6 +83,7 @@ void RunBackup(const BackupArgs& a) {
     }
   }
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::BackupStats stats;
   std::string error;
   const bool ok = qz::couch::BackupDatabase(
@@ -119,7 +112,7 @@ struct RestoreArgs {
 void RunRestore(const RestoreArgs& a) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitUrl("restore", a.dbUrl, server, db))
+  if (!SplitDbUrl(a.dbUrl, server, db, "restore"))
     return;
   std::ifstream file;
   if (a.file != "-") {
@@ -131,6 +124,7 @@ void RunRestore(const RestoreArgs& a) {
     }
   }
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::RestoreStats stats;
   std::string error;
   const bool ok = qz::couch::RestoreDatabase(pool, server, db, a.file == "-" ? std::cin : file, a.threads, a.batch,
@@ -154,7 +148,7 @@ struct FindArgs {
 void RunFind(const FindArgs& a) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitUrl("find", a.dbUrl, server, db))
+  if (!SplitDbUrl(a.dbUrl, server, db, "find"))
     return;
   qz::couch::FindQuery q;
   q.selector = a.selector;
@@ -166,6 +160,7 @@ void RunFind(const FindArgs& a) {
     q.sort.emplace_back(desc || s.ends_with(":asc") ? s.substr(0, s.rfind(':')) : s, desc);
   }
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::FindStats stats;
   std::string error;
   const bool ok = qz::couch::FindDocuments(
@@ -221,8 +216,10 @@ void AddCouchDataCommands(CLI::App& couch) {
   find->add_option("--page", f->page, "documents per request (default 1000)")->check(CLI::Range(1, 100000));
   find->callback([f] { RunFind(*f); });
 
-  for (CLI::App* sub : {backup, restore, find})
+  for (CLI::App* sub : {backup, restore, find}) {
     sub->set_help_flag("-h,--help", "print this help and exit");
+    AddConnectionOptions(sub, Conn());
+  }
 }
 
 } // namespace httptools

@@ -13,16 +13,36 @@ namespace httptools {
 
 void AddCouchDataCommands(CLI::App& couch); // couch_data_cmd.cpp: backup, restore, find
 
-namespace {
-
-// "http://host:port/db" to server and database; false (usage) with a message otherwise.
-bool SplitDbUrl(const std::string& dbUrl, qz::couch::CouchConnectionParameters& server, std::string& db) {
-  if (qz::couch::CouchConnectionParameters::BuildFromDbUrl(&server, &db, dbUrl) && !db.empty())
-    return true;
-  std::cerr << "httptools couch: '" << dbUrl << "' is not a database URL (http://host:port/db)\n";
-  exitCode = 2;
-  return false;
+// The connection options of every couch tool, kept per command line.
+ConnectionOptions& Conn() {
+  static ConnectionOptions options;
+  return options;
 }
+
+// "http://host:port/db" to server and database (exit 3 otherwise), the connection options, and one
+// request to the server: the tools repeat failed requests, so an unreachable server is reported
+// here at once. False with exitCode set.
+bool SplitDbUrl(const std::string& dbUrl, qz::couch::CouchConnectionParameters& server, std::string& db,
+                const char* command) {
+  const std::string name = std::string("httptools couch ") + command;
+  std::string url = dbUrl, error;
+  while (url.size() > 1 && url.back() == '/')
+    url.pop_back();
+  if (!CheckCommandLineUrl(url, error) || !qz::couch::CouchConnectionParameters::BuildFromDbUrl(&server, &db, url) ||
+      db.empty()) {
+    std::cerr << name << ": '" << dbUrl << "' is not a database URL (http://host:port/db) " << error << "\n";
+    exitCode = kExitBadUrl;
+    return false;
+  }
+  if (!UseConnectionOptions(name, Conn())) {
+    exitCode = kExitUsage;
+    return false;
+  }
+  exitCode = ProbeServer(name, server);
+  return exitCode == kExitOk;
+}
+
+namespace {
 
 std::string ChangeLine(const qz::couch::Change& c) {
   qz::qzVariantListImpl revs(c.revs.begin(), c.revs.end());
@@ -50,7 +70,7 @@ struct ChangesArgs {
 void RunChanges(const ChangesArgs& a) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitDbUrl(a.dbUrl, server, db))
+  if (!SplitDbUrl(a.dbUrl, server, db, "changes"))
     return;
   qz::couch::ChangesOptions o;
   o.since = a.since;
@@ -61,6 +81,7 @@ void RunChanges(const ChangesArgs& a) {
   o.docIds = a.docIds;
   o.seqInterval = a.seqInterval;
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::ChangesFeedListener feed(pool, server, db, o);
   const bool* interrupted = InterruptFlag();
   std::string error;
@@ -89,17 +110,22 @@ void RunChanges(const ChangesArgs& a) {
         },
         &error, interrupted);
   }
+  if (!std::cout) {
+    exitCode = kExitWrite; // the reader went away: quietly
+    return;
+  }
   if (!ok)
     std::cerr << "httptools couch changes: " << error << "\n";
-  exitCode = ok ? 0 : 1;
+  exitCode = ok ? kExitOk : kExitHttpStatus;
 }
 
 void RunGet(const std::string& dbUrl, const std::vector<std::string>& ids, unsigned threads) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitDbUrl(dbUrl, server, db))
+  if (!SplitDbUrl(dbUrl, server, db, "get"))
     return;
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::DocumentGetter getter(pool, server, db, threads);
   std::vector<std::string> missing;
   std::string error;
@@ -115,13 +141,13 @@ void RunGet(const std::string& dbUrl, const std::vector<std::string>& ids, unsig
     std::cerr << "not found: " << id << "\n";
   if (!ok)
     std::cerr << "httptools couch get: " << error << "\n";
-  exitCode = ok && missing.empty() ? 0 : 1;
+  exitCode = !ok ? kExitHttpStatus : missing.empty() ? kExitOk : kExitFailure;
 }
 
 void RunUpload(const std::string& dbUrl, const std::string& file, unsigned threads, size_t batch) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitDbUrl(dbUrl, server, db))
+  if (!SplitDbUrl(dbUrl, server, db, "upload"))
     return;
   std::ifstream in;
   if (file != "-") {
@@ -134,6 +160,7 @@ void RunUpload(const std::string& dbUrl, const std::string& file, unsigned threa
   }
   std::istream& input = file == "-" ? std::cin : in;
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::DocumentUploader up(pool, server, db, threads, batch);
   size_t lineNo = 0, bad = 0;
   for (std::string line; std::getline(input, line);) {
@@ -159,15 +186,16 @@ void RunUpload(const std::string& dbUrl, const std::string& file, unsigned threa
 void RunConflicts(const std::string& dbUrl, bool resolve) {
   qz::couch::CouchConnectionParameters server;
   std::string db;
-  if (!SplitDbUrl(dbUrl, server, db))
+  if (!SplitDbUrl(dbUrl, server, db, "conflicts"))
     return;
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   qz::couch::ConflictSolver solver(pool, server, db);
   std::string error;
   std::vector<std::string> ids;
   if (!solver.findConflicts(ids, &error, nullptr)) {
     std::cerr << "httptools couch conflicts: " << error << "\n";
-    exitCode = 1;
+    exitCode = kExitHttpStatus;
     return;
   }
   for (const std::string& id : ids)
@@ -181,7 +209,7 @@ void RunConflicts(const std::string& dbUrl, bool resolve) {
     bool wrote = false;
     if (!solver.solve(id, &error, &wrote)) {
       std::cerr << "httptools couch conflicts: " << error << "\n";
-      exitCode = 1;
+      exitCode = kExitHttpStatus;
       return;
     }
     solved += wrote ? 1 : 0;
@@ -240,8 +268,10 @@ void AddCouchToolCommands(CLI::App& couch) {
   conflicts->add_flag("--resolve", *resolve, "keep each winning revision and delete the other leaves");
   conflicts->callback([conflictsUrl, resolve] { RunConflicts(*conflictsUrl, *resolve); });
 
-  for (CLI::App* sub : {changes, get, upload, conflicts})
+  for (CLI::App* sub : {changes, get, upload, conflicts}) {
     sub->set_help_flag("-h,--help", "print this help and exit");
+    AddConnectionOptions(sub, Conn());
+  }
   AddCouchDataCommands(couch);
 }
 

@@ -4,6 +4,8 @@
 
 #include <HttpTools/HttpTools.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -15,14 +17,35 @@ namespace {
 
 using qz::elasticsearch::ElasticConnectionParameters;
 
-// Splits URL/index; false (and a message) when it is not one.
-bool serverAndIndex(const std::string& url, ElasticConnectionParameters& server, std::string& index,
-                    const char* command) {
-  if (ElasticConnectionParameters::BuildFromIndexUrl(&server, &index, url) && !index.empty())
+// Splits URL/index (a query string goes to `query`); false (and a message, exit 3) when it is not one.
+bool serverAndIndex(const std::string& given, ElasticConnectionParameters& server, std::string& index,
+                    const char* command, std::string* query = nullptr) {
+  std::string url = given, error;
+  if (const size_t q = url.find('?'); q != std::string::npos && query) {
+    *query = url.substr(q + 1);
+    url.erase(q);
+  }
+  if (httptools::CheckCommandLineUrl(url, error) &&
+      ElasticConnectionParameters::BuildFromIndexUrl(&server, &index, url) && !index.empty())
     return true;
-  std::cerr << "httptools es " << command << ": '" << url << "' is not an index URL (http://host:port/index)\n";
-  httptools::exitCode = 2;
+  std::cerr << "httptools es " << command << ": '" << given << "' is not an index URL (http://host:port/index) "
+            << error << "\n";
+  httptools::exitCode = httptools::kExitBadUrl;
   return false;
+}
+
+// The connection options, then one request to the server: the pooled tools repeat failed
+// requests, so an unreachable server is reported here at once.
+bool ready(const char* command, const httptools::ConnectionOptions& conn, const ElasticConnectionParameters& server,
+           bool probe) {
+  const std::string name = std::string("httptools es ") + command;
+  if (!httptools::UseConnectionOptions(name, conn)) {
+    httptools::exitCode = httptools::kExitUsage;
+    return false;
+  }
+  if (probe)
+    httptools::exitCode = httptools::ProbeServer(name, server.toApiUrl({}, {}));
+  return httptools::exitCode == httptools::kExitOk;
 }
 
 // {"_id":...,"_source":...} on one line.
@@ -35,29 +58,77 @@ void printDoc(const std::string& id, qz::qzVariant& source) {
 
 struct SearchOptions {
   std::string url, query;
-  unsigned size = 0;
+  long size = -1, from = 0;
   unsigned page = 1000;
+  httptools::ConnectionOptions conn;
 };
+
+// "size" and "from" of the query body (they page the whole result, not one request), and
+// ?q=field:value of the URL as a query_string query.
+bool searchBody(const SearchOptions& o, const std::string& urlQuery, std::string& body, long& size, long& from) {
+  qz::qzVariantMapImpl query;
+  if (!o.query.empty() && !qz::json::Json2Variant::Convert(o.query, query))
+    return false;
+  for (const char* name : {"size", "from"}) {
+    if (auto it = query.find(name); it != query.end()) {
+      (std::string(name) == "size" ? size : from) = long(it->second.toInt64());
+      query.erase(it);
+    }
+  }
+  std::string params = urlQuery;
+  for (size_t at = 0; at < params.size();) {
+    const size_t end = std::min(params.find('&', at), params.size());
+    const std::string item = params.substr(at, end - at);
+    at = end + 1;
+    if (item.starts_with("q=") && !query.count("query")) {
+      std::string text = qz::Url::UrlDecodeToUtf8String(item.substr(2));
+      std::replace(text.begin(), text.end(), '+', ' ');
+      query["query"] = qz::qzVariantMapImpl{{"query_string", qz::qzVariantMapImpl{{"query", text}}}};
+    } else if (item.starts_with("size=")) {
+      size = std::atol(item.c_str() + 5);
+    } else if (item.starts_with("from=")) {
+      from = std::atol(item.c_str() + 5);
+    }
+  }
+  body.clear();
+  return query.empty() || qz::json::Json2Variant::Convert(query, body, false);
+}
 
 void runSearch(const SearchOptions& o) {
   ElasticConnectionParameters server;
-  std::string index;
-  if (!serverAndIndex(o.url, server, index, "search"))
+  std::string index, urlQuery, body;
+  if (!serverAndIndex(o.url, server, index, "search", &urlQuery))
+    return;
+  long size = o.size, from = o.from;
+  if (!searchBody(o, urlQuery, body, size, from)) {
+    std::cerr << "httptools es search: --query is not a JSON object\n";
+    httptools::exitCode = httptools::kExitUsage;
+    return;
+  }
+  if (!ready("search", o.conn, server, false))
     return;
   qz::http::HttpConnection connection;
-  size_t printed = 0;
+  httptools::Prepare(connection);
+  long seen = 0, printed = 0;
   std::string error;
-  const unsigned page = o.size && o.size < o.page ? o.size : o.page;
-  const bool ok = qz::elasticsearch::FetchSearchResults(
-      connection, server, index, o.query,
-      [&](qz::elasticsearch::SearchHit& hit) {
-        printDoc(hit.id, hit.source);
-        return !o.size || ++printed < o.size;
-      },
-      page, &error, nullptr);
-  if (!ok && !(o.size && printed >= o.size)) {
+  const unsigned page = size >= 0 && size + from < long(o.page) ? unsigned(std::max(1L, size + from)) : o.page;
+  const bool ok = size == 0 || qz::elasticsearch::FetchSearchResults(
+                                   connection, server, index, body,
+                                   [&](qz::elasticsearch::SearchHit& hit) {
+                                     if (seen++ >= from) {
+                                       printDoc(hit.id, hit.source);
+                                       ++printed;
+                                     }
+                                     return bool(std::cout) && (size < 0 || printed < size);
+                                   },
+                                   page, &error, nullptr);
+  std::cout.flush();
+  if (!std::cout) {
+    httptools::exitCode = httptools::kExitWrite;
+  } else if (!ok && !(size >= 0 && printed >= size)) {
     std::cerr << "httptools es search: " << error << "\n";
-    httptools::exitCode = 1;
+    const int rc = httptools::ExitCodeOfTransferError(connection.getLastError());
+    httptools::exitCode = rc == httptools::kExitOk || rc == httptools::kExitFailure ? httptools::kExitHttpStatus : rc;
   }
 }
 
@@ -65,14 +136,16 @@ struct GetOptions {
   std::string url;
   std::vector<std::string> ids;
   unsigned threads = 2;
+  httptools::ConnectionOptions conn;
 };
 
 void runGet(const GetOptions& o) {
   ElasticConnectionParameters server;
   std::string index;
-  if (!serverAndIndex(o.url, server, index, "get"))
+  if (!serverAndIndex(o.url, server, index, "get") || !ready("get", o.conn, server, true))
     return;
   qz::http::HttpConnectionPool pool;
+  httptools::Prepare(pool);
   qz::elasticsearch::DocumentGetter getter(pool, server, index, o.threads);
   std::map<std::string, qz::qzVariant> found;
   std::vector<std::string> missing;
@@ -81,7 +154,7 @@ void runGet(const GetOptions& o) {
           o.ids, [&](const std::string& id, qz::qzVariant& source) { found[id] = std::move(source); }, &missing, &error,
           nullptr)) {
     std::cerr << "httptools es get: " << error << "\n";
-    httptools::exitCode = 1;
+    httptools::exitCode = httptools::kExitHttpStatus;
     return;
   }
   for (const auto& id : o.ids)
@@ -97,6 +170,7 @@ struct BulkOptions {
   std::string url, file = "-";
   unsigned threads = 2;
   size_t batch = 1000;
+  httptools::ConnectionOptions conn;
 };
 
 void runBulk(const BulkOptions& o) {
@@ -113,8 +187,11 @@ void runBulk(const BulkOptions& o) {
       return;
     }
   }
+  if (!ready("bulk", o.conn, server, true))
+    return;
   std::istream& in = o.file == "-" ? std::cin : file;
   qz::http::HttpConnectionPool pool;
+  httptools::Prepare(pool);
   size_t badLines = 0;
   qz::elasticsearch::BulkStats stats;
   {
@@ -158,9 +235,13 @@ void httptools::AddElasticCommands(CLI::App& app) {
   auto search = std::make_shared<SearchOptions>();
   CLI::App* s = es->add_subcommand("search", "every hit of a query as JSON lines with _id and _source");
   s->add_option("URL", search->url, "server and index: http://host:9200/index")->required();
-  s->add_option("--query", search->query, "search body: a JSON object with \"query\" and optional \"sort\"");
+  s->add_option("--query", search->query,
+                "search body: a JSON object with \"query\" and optional \"sort\", \"size\", \"from\" (also ?q=, "
+                "?size=, ?from= in the URL)");
   s->add_option("--size", search->size, "at most N hits (default: all)");
+  s->add_option("--from", search->from, "skip the first N hits");
   s->add_option("--page", search->page, "hits per request (default 1000)");
+  httptools::AddConnectionOptions(s, search->conn);
   s->callback([search] { runSearch(*search); });
 
   auto get = std::make_shared<GetOptions>();
@@ -168,6 +249,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   g->add_option("URL", get->url, "server and index: http://host:9200/index")->required();
   g->add_option("ID", get->ids, "document ids")->required();
   g->add_option("--threads", get->threads, "parallel _mget requests (default 2)");
+  httptools::AddConnectionOptions(g, get->conn);
   g->callback([get] { runGet(*get); });
 
   auto bulk = std::make_shared<BulkOptions>();
@@ -177,5 +259,6 @@ void httptools::AddElasticCommands(CLI::App& app) {
   b->add_option("FILE", bulk->file, "JSON lines (default: standard input, -)");
   b->add_option("--threads", bulk->threads, "parallel _bulk requests (default 2)");
   b->add_option("--batch", bulk->batch, "documents per _bulk request (default 1000)");
+  httptools::AddConnectionOptions(b, bulk->conn);
   b->callback([bulk] { runBulk(*bulk); });
 }

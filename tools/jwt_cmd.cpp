@@ -3,10 +3,12 @@
 #include "Commands.h"
 
 #include <HttpTools/HttpTools.h>
+#include <HttpTools/http/Transfer.h>
 
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 namespace {
@@ -64,7 +66,7 @@ struct SignOptions {
   Credentials credentials;
   std::string alg, claims;
   int headerClaims = 0;
-  int64_t ttl = -1;
+  int64_t ttl = 3600;
 };
 
 int RunSign(const SignOptions& o) {
@@ -77,7 +79,7 @@ int RunSign(const SignOptions& o) {
     std::cerr << "httptools jwt sign: the claims are not a JSON object\n";
     return httptools::kExitUsage;
   }
-  if (o.ttl >= 0 && !claims.count("exp"))
+  if (!claims.count("exp"))
     claims["exp"] = qz::jwt::NowSec() + o.ttl;
   const qz::jwt::Alg alg = qz::jwt::StringToAlg(o.alg);
   std::string token, error;
@@ -95,8 +97,46 @@ struct VerifyOptions {
   Credentials credentials;
   std::string jwks, token;
   std::vector<std::string> algs;
-  bool insecure = false;
+  httptools::ConnectionOptions conn;
 };
+
+// Keeps the reason the store gave for a key it did not hand out.
+class RecordingProvider : public qz::jwt::KeyProvider {
+public:
+  explicit RecordingProvider(qz::jwt::KeyProvider& inner) : m_inner(inner) {}
+  std::shared_ptr<qz::jwt::AsymmetricKey> getKeyFromId(const std::string& kid, qz::jwt::Alg alg,
+                                                       std::string* error) override {
+    m_kid = kid;
+    auto key = m_inner.getKeyFromId(kid, alg, &m_error);
+    if (error)
+      *error = m_error;
+    return key;
+  }
+  const std::string& error() const { return m_error; }
+  const std::string& kid() const { return m_kid; }
+
+private:
+  qz::jwt::KeyProvider& m_inner;
+  std::string m_error, m_kid;
+};
+
+// The key set's URL answers 200, or the exit code of why not (with a message).
+int FetchKeySet(const qz::Url& url) {
+  qz::http::HttpConnection connection;
+  httptools::Prepare(connection);
+  qz::http::TransferRequest request;
+  request.url = url;
+  request.successStatuses = {200};
+  qz::http::StringSink sink;
+  qz::http::TransferOutcome outcome;
+  if (qz::http::PerformTransfer(connection, request, sink, outcome))
+    return httptools::kExitOk;
+  std::cerr << "httptools jwt verify: cannot fetch the key set " << url.toDisplayableUrl() << ": "
+            << (outcome.error.kind == qz::http::ErrorKind::HttpStatus ? "HTTP status " + std::to_string(outcome.status)
+                                                                      : outcome.error.message())
+            << "\n";
+  return httptools::ExitCodeOfTransferError(outcome.error);
+}
 
 int RunVerify(const VerifyOptions& o) {
   std::string secret;
@@ -120,23 +160,33 @@ int RunVerify(const VerifyOptions& o) {
   if (jwks) {
     std::string error;
     qz::Url url;
-    if (!url.fromEncodedUtf8String(o.jwks, &error, false) || !url.isValid()) {
-      std::cerr << "httptools jwt verify: --jwks: not a URL " << error << "\n";
+    if (!httptools::ParseCommandLineUrl("httptools jwt verify: --jwks", o.jwks, url))
+      return httptools::kExitBadUrl;
+    if (!httptools::UseConnectionOptions("httptools jwt verify", o.conn))
       return httptools::kExitUsage;
-    }
+    if (const int rc = FetchKeySet(url); rc != httptools::kExitOk)
+      return rc;
     pool = std::make_unique<qz::http::HttpConnectionPool>();
-    store = std::make_unique<qz::jwt::KeyStore>(*pool, url, !o.insecure, qz::http::PP_NoProxy, qz::Url());
+    httptools::Prepare(*pool);
+    store = std::make_unique<qz::jwt::KeyStore>(*pool, url, !o.conn.insecure, qz::http::PP_NoProxy, qz::Url());
   }
+  std::optional<RecordingProvider> recording;
+  if (store)
+    recording.emplace(*store);
   qz::jwt::Verifier verifier;
   verifier.setClientInfo(secret,
-                         store ? static_cast<qz::jwt::KeyProvider*>(store.get())
-                         : key ? &provider
-                               : nullptr,
+                         recording ? static_cast<qz::jwt::KeyProvider*>(&*recording)
+                         : key     ? &provider
+                                   : nullptr,
                          mask);
   qz::qzVariantMapImpl claims;
   qz::jwt::Verifier::RejectCause cause;
   if (!verifier.validateJwt(ArgOrStdin(o.token), claims, &cause)) {
-    std::cerr << qz::jwt::Verifier::RejectCauseToString(cause) << "\n";
+    if (cause == qz::jwt::Verifier::RC_InternalError && recording && !recording->error().empty())
+      std::cerr << "httptools jwt verify: no usable key for kid '" << recording->kid()
+                << "' in the key set: " << recording->error() << "\n";
+    else
+      std::cerr << qz::jwt::Verifier::RejectCauseToString(cause) << "\n";
     return httptools::kExitFailure;
   }
   std::string text;
@@ -180,7 +230,7 @@ void AddJwtCommands(CLI::App& app) {
   sign->add_option("--kid", s->credentials.kid, "Key id written to the header (with --key)");
   sign->add_option("--header-claims", s->headerClaims, "Copy claims into the header: iss 1, sub 2, aud 4 (a sum)")
       ->check(CLI::Range(0, 7));
-  sign->add_option("--ttl", s->ttl, "Set \"exp\" to now + SECONDS when the claims have none")
+  sign->add_option("--ttl", s->ttl, "Set \"exp\" to now + SECONDS when the claims have none (default 3600)")
       ->check(CLI::NonNegativeNumber);
   sign->callback([s] { exitCode = RunSign(*s); });
 
@@ -193,7 +243,7 @@ void AddJwtCommands(CLI::App& app) {
   verify->add_option("--algs", v->algs, "Accepted algorithms (default: those of the credential's family)")
       ->delimiter(',')
       ->check(algName);
-  verify->add_flag("-k,--insecure", v->insecure, "Do not check the certificate of the --jwks server");
+  httptools::AddConnectionOptions(verify, v->conn); // for the --jwks server
   verify->callback([v] { exitCode = RunVerify(*v); });
 
   auto token = std::make_shared<std::string>();

@@ -4,6 +4,7 @@
 
 #include <HttpTools/HttpTools.h>
 
+#include <csignal>
 #include <iostream>
 
 int httptools::exitCode = 0;
@@ -33,13 +34,16 @@ int main(int argc, char** argv) {
   CLI::App app{"HTTP requests, URLs, JSON Web Tokens and CouchDB views from the command line.", "httptools"};
   app.require_subcommand(1);
   app.fallthrough(false);
-  app.footer("Exit status: 0 success, 1 failure, 2 usage error; curl's codes for the same causes:\n"
-             "6 host not resolved, 7 no connection, 22 HTTP status not accepted, 28 time-out,\n"
-             "60 certificate not verified. See httptools(1).");
+  app.footer("Exit status (all commands but ping): 0 success, 1 failure, 2 usage error, and curl's codes:\n"
+             "3 bad URL, 6 host not resolved, 7 no connection, 18 body cut short, 22 HTTP status not\n"
+             "accepted, 23 output not writable, 28 time-out, 35 TLS failure, 60 certificate not verified.\n"
+             "See httptools(1).");
+  httptools::InstallLogSink();
   try {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
     // As curl does, the tool checks certificates of loopback servers too; -k turns checks off.
     qz::SetLoopbackCertificateExemption(false);
+    std::signal(SIGPIPE, SIG_IGN); // a closed pipe shows as a write error (exit 23)
   } catch (const std::exception& e) {
     std::cerr << "httptools: " << e.what() << "\n";
     return 1;

@@ -189,8 +189,7 @@ int ExitStatus(const std::vector<HostStatistics>& stats) {
 }
 
 void RunPing(const PingOptions& o) {
-  if (!o.verbose)
-    qz::qzLog::SetSink([](int, const std::string&, const std::string&) {});
+  httptools::verbose = o.verbose; // the library's log lines only with -v
   qz::icmp::ProbeOptions po;
   po.count = o.vcount ? o.vcount : o.count;
   po.periodMs = o.periodMs;

@@ -21,6 +21,7 @@ struct RiverArgs {
   size_t batchDocs = 1000;
   unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
   double retryMaxTime = 120; // seconds
+  ConnectionOptions conn;
 };
 
 std::string StatusLine(const qz::river::RiverStatus& s) {
@@ -58,35 +59,48 @@ void VerifyRiver(qz::http::HttpConnectionPool& pool, const qz::river::RiverDefin
   std::string error;
   if (!qz::river::VerifyRiver(pool, def, repair, drift, &error, InterruptFlag())) {
     std::cerr << "httptools river: " << error << "\n";
-    exitCode = 1;
+    exitCode = kExitFailure;
     return;
   }
   PrintDrift("", drift);
   if (repair && !drift.none()) {
     if (!qz::river::VerifyRiver(pool, def, false, drift, &error, InterruptFlag())) {
       std::cerr << "httptools river: " << error << "\n";
-      exitCode = 1;
+      exitCode = kExitFailure;
       return;
     }
     PrintDrift("after repair: ", drift);
   }
-  exitCode = drift.none() ? 0 : 1;
+  exitCode = drift.none() ? kExitOk : kExitFailure;
 }
 
 void RunRiver(const RiverArgs& a) {
   qz::river::RiverDefinition def;
-  if (!qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, a.couchUrl) ||
+  std::string couchUrl = a.couchUrl, elasticUrl = a.elasticUrl, urlError;
+  if (!CheckCommandLineUrl(couchUrl, urlError) || !CheckCommandLineUrl(elasticUrl, urlError)) {
+    std::cerr << "httptools river: " << urlError << "\n";
+    exitCode = kExitBadUrl;
+    return;
+  }
+  if (!qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, couchUrl) ||
       def.database.empty()) {
     std::cerr << "httptools river: '" << a.couchUrl << "' is not a database URL (http://host:port/db)\n";
-    exitCode = 2;
+    exitCode = kExitBadUrl;
     return;
   }
-  if (!qz::elasticsearch::ElasticConnectionParameters::BuildFromIndexUrl(&def.elastic, &def.index, a.elasticUrl) ||
+  if (!qz::elasticsearch::ElasticConnectionParameters::BuildFromIndexUrl(&def.elastic, &def.index, elasticUrl) ||
       def.index.empty()) {
     std::cerr << "httptools river: '" << a.elasticUrl << "' is not an index URL (http://host:port/alias)\n";
-    exitCode = 2;
+    exitCode = kExitBadUrl;
     return;
   }
+  if (!UseConnectionOptions("httptools river", a.conn)) {
+    exitCode = kExitUsage;
+    return;
+  }
+  for (const qz::Url& server : {qz::Url(def.couch), qz::Url(def.elastic)})
+    if (!a.follow && (exitCode = ProbeServer("httptools river", server)) != kExitOk)
+      return; // a one-shot run fails at once when a side cannot be reached
   def.mappingJson = "{}";
   if (!a.mappingFile.empty()) {
     std::ifstream in(a.mappingFile);
@@ -106,6 +120,7 @@ void RunRiver(const RiverArgs& a) {
   def.retryMaxMs = unsigned(a.retryMaxTime * 1000);
 
   qz::http::HttpConnectionPool pool;
+  Prepare(pool);
   if (a.verify || a.repair)
     return VerifyRiver(pool, def, a.repair);
   qz::river::RiverManager rivers(pool, 1);
@@ -178,6 +193,7 @@ void AddRiverCommand(CLI::App& app) {
                   "Once: seconds of failures in a row retried before giving up (default 120)")
       ->check(CLI::NonNegativeNumber);
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
+  AddConnectionOptions(cmd, a->conn, false);
   cmd->callback([a] { RunRiver(*a); });
 }
 

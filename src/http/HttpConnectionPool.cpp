@@ -37,8 +37,13 @@ HttpConnection* HttpConnectionPool::getHttpConnection(const std::string& host, u
       return c;
     }
   }
-  return new HttpConnection(true);
+  auto* c = new HttpConnection(true);
+  if (m_setup)
+    m_setup(*c, host, port);
+  return c;
 }
+
+void HttpConnectionPool::setConnectionSetup(ConnectionSetup setup) { m_setup = std::move(setup); }
 
 void HttpConnectionPool::releaseHttpConnection(HttpConnection* conn) {
   if (!conn)

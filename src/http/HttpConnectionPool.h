@@ -5,6 +5,7 @@
 #include <HttpTools/platform/qzThread.h>
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -55,6 +56,13 @@ public:
   /// made a call.
   void releaseHttpConnection(HttpConnection* conn);
 
+  /// The hook setConnectionSetup() installs.
+  using ConnectionSetup = std::function<void(HttpConnection&, const std::string& host, unsigned short port)>;
+  /// Runs `setup` on every connection the pool makes from now on, with the host and port it is
+  /// made for, before it is lent (parameters, common headers). Set it before the pool is shared
+  /// between threads.
+  void setConnectionSetup(ConnectionSetup setup);
+
   /// How long a connection may stay idle before the updater closes it (default 10 s).
   void setKeepOpenDurationSec(unsigned int seconds);
   void setMaxPendingConnection(unsigned int n); ///< 0 counts as 1
@@ -101,6 +109,7 @@ private:
   int64_t m_keepOpenMs = 10000;
   uint64_t m_maxIdle = 1;
   uint64_t m_parallelUse = 0; ///< the sum of the live ParallelUse counts
+  ConnectionSetup m_setup;
 };
 
 /// Borrows a connection from a pool for one scope and gives it back at scope exit:

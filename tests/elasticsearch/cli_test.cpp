@@ -55,9 +55,9 @@ TEST_F(EsCliTest, UsageAndServerErrors) {
     int code;
     const char* err;
   } table[] = {
-      {{"es", "search", "http://127.0.0.1:1"}, 2, "is not an index URL"},
+      {{"es", "search", "http://127.0.0.1:1"}, 3, "is not an index URL"},
       {{"es", "get", "http://127.0.0.1:1/i"}, 2, "ID is required"},
-      {{"es", "search", "http://127.0.0.1:1/i"}, 1, "httptools es search: cannot reach"},
+      {{"es", "search", "http://127.0.0.1:1/i"}, 7, "httptools es search: cannot reach"},
       {{"es", "bulk", "http://127.0.0.1:1/i", "/no/such/file"}, 1, "cannot read /no/such/file"},
   };
   for (const auto& row : table) {
@@ -65,7 +65,7 @@ TEST_F(EsCliTest, UsageAndServerErrors) {
     EXPECT_EQ(run(row.args), row.code) << err;
     EXPECT_NE(err.find(row.err), std::string::npos) << err;
   }
-  EXPECT_EQ(run({"es", "search", emulator.baseUrl() + "/missing"}), 1);
+  EXPECT_EQ(run({"es", "search", emulator.baseUrl() + "/missing"}), 22);
   EXPECT_NE(err.find("index_not_found_exception"), std::string::npos) << err;
 }
 

@@ -85,6 +85,24 @@ TEST_F(Pool, IdleListOrderKeyAndCap) {
   delete many[5];
 }
 
+// The set-up runs on new connections only, with their host and port: a pooled one keeps what
+// it was given.
+TEST_F(Pool, SetupRunsOnNewConnections) {
+  HttpConnectionPool pool;
+  int runs = 0;
+  pool.setConnectionSetup([&](HttpConnection& c, const std::string& host, unsigned short port) {
+    ++runs;
+    EXPECT_EQ(host + ":" + std::to_string(port), "127.0.0.1:" + std::to_string(srv.port()));
+    c.addCommonHeader("X-From-Pool: 1");
+  });
+  HttpConnection* c = used(pool);
+  EXPECT_EQ(srv.lastRequest().header("X-From-Pool"), "1");
+  pool.releaseHttpConnection(c);
+  EXPECT_EQ(take(pool), c);
+  EXPECT_EQ(runs, 1);
+  delete c;
+}
+
 TEST_F(Pool, AgeingIsStrictlyLongerThanKeepOpen) {
   FakeClock clock;
   HttpConnectionPool pool;

@@ -147,6 +147,14 @@ bool Matcher::match(const Value& q) {
     return true;
   if (kind == "match_none")
     return false;
+  if (kind == "query_string") { // the FIELD:WORDS form only
+    const std::string text = body.HasMember("query") && body["query"].IsString() ? body["query"].GetString() : "";
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0)
+      throw QueryError{"[query_string] supports FIELD:WORDS only"};
+    const std::string words = text.substr(colon + 1);
+    return matchText(field(text.substr(0, colon)), Value(rapidjson::StringRef(words.data(), words.size())));
+  }
   if (kind == "ids") {
     if (!body.HasMember("values") || !body["values"].IsArray())
       throw QueryError{"[ids] requires values"};

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -44,9 +45,8 @@ protected:
   void SetUp() override {
     ASSERT_TRUE(srv.isRunning());
     srv.resetCounters();
-    char dir[] = "/tmp/httptools-pget-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    m_dir = dir;
+    m_dir = (std::filesystem::temp_directory_path() / "httptools-pget-XXXXXX").string();
+    ASSERT_TRUE(mkdtemp(m_dir.data()));
   }
   void TearDown() override {
     for (const char* name : {"one", "two"})
@@ -70,11 +70,14 @@ TEST_F(ParallelGet, StdoutInUrlOrderWhileTransfersOverlap) {
   auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(RunGet({"-Z", srv.url("/bytes?n=1")}).code, 0);
   const int64_t baseMs = msSince(start);
-  for (const char* flag : {"-Z", "--parallel=3"}) {
-    SCOPED_TRACE(flag);
+  for (const std::vector<std::string>& flags :
+       {std::vector<std::string>{"-Z"}, {"--parallel", "--parallel-max", "3"}}) {
+    SCOPED_TRACE(flags.back());
     start = std::chrono::steady_clock::now();
-    const Outcome o = RunGet({flag, srv.url("/stall?ms=400"), srv.url("/bytes?n=5"), srv.url("/stall?ms=400"),
-                              srv.url("/status/200"), srv.url("/stall?ms=400")});
+    std::vector<std::string> args = flags;
+    args.insert(args.end(), {srv.url("/stall?ms=400"), srv.url("/bytes?n=5"), srv.url("/stall?ms=400"),
+                             srv.url("/status/200"), srv.url("/stall?ms=400")});
+    const Outcome o = RunGet(args);
     const int64_t ms = msSince(start);
     EXPECT_EQ(o.code, 0) << o.err;
     EXPECT_EQ(o.out, "lateabcdelatestatus 200late");
@@ -83,29 +86,26 @@ TEST_F(ParallelGet, StdoutInUrlOrderWhileTransfersOverlap) {
   }
 }
 
-TEST_F(ParallelGet, OutputFilesFailuresAndUsage) {
-  const Outcome o = RunGet({"--parallel", "2", "-o", path("one"), "-o", path("two"), srv.url("/bytes?n=3"),
-                            srv.url("/status/404"), srv.url("/echo")});
-  EXPECT_EQ(o.code, 1);
+// One -o per URL, -w and -f for each transfer, and the exit code of the first URL (in argument
+// order) that failed, whichever failed first in time.
+TEST_F(ParallelGet, OutputFilesWriteOutAndFirstFailure) {
+  const Outcome o =
+      RunGet({"-Z", "-f", "-w", "[%{http_code}]", "-o", path("one"), "-o", path("two"), srv.url("/bytes?n=3"),
+              srv.url("/status/404"), srv.url("/echo"), "http://127.0.0.1:1/", srv.url("/stall?ms=300")});
+  EXPECT_EQ(o.code, 22);
   EXPECT_EQ(readFile(path("one")), "abc");
-  EXPECT_EQ(readFile(path("two")), ""); // the failed URL writes nothing
-  EXPECT_THAT(o.out, testing::StartsWith("GET\n"));
-  EXPECT_THAT(o.err, HasSubstr("httptools: get failed: HTTP status 404 from " + srv.url("/status/404")));
+  EXPECT_FALSE(std::ifstream(path("two")).good()); // -f: the failed URL writes nothing
+  EXPECT_THAT(o.out, testing::MatchesRegex("\\[200\\]\\[404\\]GET\n(.|\n)*\\[200\\]\\[000\\]late\\[200\\]"));
+  EXPECT_THAT(o.err, HasSubstr("httptools get: HTTP status 404 from " + srv.url("/status/404")));
 
-  // A refused port fails with the library's text; the other URL still arrives.
-  const std::string refused = "http://127.0.0.1:1/x";
-  const Outcome r = RunGet({"-Z", refused, srv.url("/bytes?n=2")});
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, "ab");
-  EXPECT_THAT(r.err, HasSubstr("Curl error : 7 "));
+  // Without -f a 404 is an answer; the refused port is the first failure.
+  const Outcome r =
+      RunGet({"-Z", "-s", srv.url("/status/404"), "http://127.0.0.1:1/", srv.url("/stall?ms=3000"), "-m", "0.5"});
+  EXPECT_EQ(r.code, 7);
+  EXPECT_EQ(r.out, "status 404");
+  EXPECT_THAT(r.err, IsEmpty());
 
-  // The single get's transfer options hold for every URL.
-  const Outcome limited = RunGet({"-Z", "--max-filesize", "2", srv.url("/bytes?n=2"), srv.url("/bytes?n=3")});
-  EXPECT_EQ(limited.code, 1);
-  EXPECT_EQ(limited.out, "ab");
-  EXPECT_THAT(limited.err, HasSubstr("Response body larger than the limit of 2 bytes"));
-
-  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--parallel", "0", srv.url("/echo")},
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--parallel-max", "0", srv.url("/echo")},
                                               {"-Z"},
                                               {"-Z", "--bogus", srv.url("/echo")},
                                               {"-Z", "-o", path("one"), "-o", path("two"), srv.url("/echo")}}) {
