@@ -88,8 +88,8 @@ private:
 std::string request(const char* method, const std::string& path, const std::string& body = "") {
   qz::http::HttpConnection conn;
   qz::elasticsearch::ElasticResponse r;
-  qz::elasticsearch::ElasticCall(conn, method, qz::Url(gBase + path), body.empty() ? nullptr : &body,
-                                 "application/json", r);
+  qz::elasticsearch::ElasticCall(conn, method, qz::elasticsearch::ElasticConnectionParameters(qz::Url(gBase + path)),
+                                 body.empty() ? nullptr : &body, "application/json", r);
   return r.body;
 }
 
@@ -228,7 +228,9 @@ SearchSample domSearch(const std::string& index, unsigned page) {
                        R"("pit":{"id":")" + pit + R"(","keep_alive":"1m"})" +
                        (after.empty() ? "" : ",\"search_after\":" + after) + "}";
     qz::elasticsearch::ElasticResponse r;
-    qz::elasticsearch::ElasticCall(conn, "POST", qz::Url(gBase + "/_search"), &body, "application/json", r);
+    qz::elasticsearch::ElasticCall(conn, "POST",
+                                   qz::elasticsearch::ElasticConnectionParameters(qz::Url(gBase + "/_search")), &body,
+                                   "application/json", r);
     rapidjson::Document doc;
     doc.Parse(r.body.data(), r.body.size());
     if (doc.HasParseError() || !doc.IsObject()) {
