@@ -3,6 +3,7 @@
 // wrote.
 #include "EsFixture.h"
 #include "support/Process.h"
+#include "support/SourcePaths.h"
 
 #include <HttpTools/platform/qzJson.h>
 
@@ -35,7 +36,7 @@ TEST_F(ClientsTest, OfficialPythonClient) {
   f.rejectItems = 5;
   emulator.setFaults(f);
   std::string out, err;
-  const std::string script = readFile(std::string(HTTPTOOLS_SOURCE_DIR) + "/tests/elasticsearch/clients_check.py");
+  const std::string script = readFile(qztest::SourceDir() + "/tests/elasticsearch/clients_check.py");
   ASSERT_FALSE(script.empty());
   ASSERT_EQ(qztest::RunProgram({"/usr/bin/python3", "-c", script, emulator.baseUrl()}, "", out, err), 0)
       << "the Python client (Debian python3-elasticsearch) failed: " << err << out;
@@ -59,7 +60,7 @@ TEST_F(ClientsTest, OfficialPythonClient) {
 }
 
 TEST_F(ClientsTest, OfficialJsClient) {
-  const std::string dir = std::string(HTTPTOOLS_SOURCE_DIR) + "/tests/esclient";
+  const std::string dir = qztest::SourceDir() + "/tests/esclient";
   struct stat st {};
   ASSERT_EQ(stat((dir + "/node_modules/@elastic/elasticsearch").c_str(), &st), 0)
       << "the JS client is not installed: run scripts/install-deps (npm ci in tests/esclient)";

@@ -6,6 +6,7 @@
 
 #include "support/LogCapture.h"
 #include "support/NginxFixture.h"
+#include "support/SourcePaths.h"
 #include "support/TestHttpServer.h"
 
 #include <curl/curl.h>
@@ -172,7 +173,7 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
 
 // Other schemes fail before any I/O: no file is written, no connection is made.
 TEST_F(Connection, OnlyHttpAndHttpsAreRequested) {
-  const std::string file = HTTPTOOLS_BINARY_DIR "/scheme_probe.txt";
+  const std::string file = qztest::BinaryDir() + "/scheme_probe.txt";
   std::remove(file.c_str());
   const std::string port = std::to_string(srv.port());
   HttpConnection c;

@@ -1,4 +1,5 @@
 #include "support/PouchDbFixture.h"
+#include "support/SourcePaths.h"
 
 #include <curl/curl.h>
 
@@ -52,7 +53,7 @@ std::string readFile(const std::string& path) {
 } // namespace
 
 PouchDbServer::PouchDbServer() {
-  const std::string program = HTTPTOOLS_SOURCE_DIR "/tests/pouchdb/node_modules/.bin/pouchdb-server";
+  const std::string program = SourceDir() + "/tests/pouchdb/node_modules/.bin/pouchdb-server";
   if (::access(program.c_str(), X_OK) != 0) {
     m_error = "pouchdb-server is not installed (" + program + "); run scripts/install-deps";
     return;
