@@ -25,34 +25,8 @@ using namespace qz::couch;
 
 namespace {
 
-class CouchDataOnPouchDb : public ::testing::Test {
+class CouchDataOnPouchDb : public qztest::PouchDbTest {
 protected:
-  static void SetUpTestSuite() {
-    qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
-    s_server = new qztest::PouchDbServer;
-    s_pool = new qz::http::HttpConnectionPool;
-  }
-  static void TearDownTestSuite() {
-    delete s_pool;
-    delete s_server;
-    qz::terminateHttpTools();
-  }
-  void SetUp() override {
-    ASSERT_TRUE(s_server->ok()) << s_server->error();
-    db = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::transform(db.begin(), db.end(), db.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    ASSERT_EQ(s_server->request("PUT", "/" + db), 201);
-  }
-  CouchConnectionParameters server() const { return CouchConnectionParameters(qz::Url(s_server->baseUrl())); }
-  qzVariant get(const std::string& path, int* status = nullptr) const {
-    std::string text;
-    const int code = s_server->request("GET", path, {}, &text);
-    if (status)
-      *status = code;
-    qzVariant out;
-    qz::json::Json2Variant::Convert(text.data(), text.size(), out);
-    return out;
-  }
   // A database as the server shows it, read without the code under test: every leaf of every
   // document with its history, and each document's winner with its conflicts.
   std::map<std::string, std::string> contents(const std::string& name) const {
@@ -71,13 +45,7 @@ protected:
     }
     return out;
   }
-
-  static qztest::PouchDbServer* s_server;
-  static qz::http::HttpConnectionPool* s_pool;
-  std::string db;
 };
-qztest::PouchDbServer* CouchDataOnPouchDb::s_server = nullptr;
-qz::http::HttpConnectionPool* CouchDataOnPouchDb::s_pool = nullptr;
 
 // Revisions written as a replicator would: conflicts, a deleted leaf, a deleted document.
 const char* const kHistory = R"({"new_edits":false,"docs":[

@@ -160,7 +160,7 @@ TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
 }
 
 TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
-  qztest::PouchDbServer server;
+  qztest::PouchDbServer& server = qztest::SharedPouchDb();
   ASSERT_TRUE(server.ok()) << server.error();
   ASSERT_EQ(server.request("PUT", "/q"), 201);
   std::string docs = R"({"docs":[)";
@@ -209,7 +209,7 @@ TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
 }
 
 TEST_F(CouchQuery, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
-  qztest::PouchDbServer server;
+  qztest::PouchDbServer& server = qztest::SharedPouchDb();
   ASSERT_TRUE(server.ok()) << server.error();
   ASSERT_EQ(server.request("PUT", "/cp"), 201);
   auto put = [&](const std::string& id) { ASSERT_EQ(server.request("PUT", "/cp/" + id, "{}"), 201); };

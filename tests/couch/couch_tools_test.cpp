@@ -30,26 +30,8 @@ using namespace qz::couch;
 
 namespace {
 
-class CouchToolsOnPouchDb : public ::testing::Test {
+class CouchToolsOnPouchDb : public qztest::PouchDbTest {
 protected:
-  static void SetUpTestSuite() {
-    qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
-    s_server = new qztest::PouchDbServer;
-    s_pool = new qz::http::HttpConnectionPool;
-  }
-  static void TearDownTestSuite() {
-    delete s_pool;
-    delete s_server;
-    qz::terminateHttpTools();
-  }
-  void SetUp() override {
-    ASSERT_TRUE(s_server->ok()) << s_server->error();
-    db = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::transform(db.begin(), db.end(), db.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    ASSERT_EQ(s_server->request("PUT", "/" + db), 201);
-  }
-
-  CouchConnectionParameters server() const { return CouchConnectionParameters(qz::Url(s_server->baseUrl())); }
   // A proxy in front of the server, with one rule.
   CouchConnectionParameters through(qztest::FaultProxy& proxy, const qztest::FaultProxy::Rule& rule) const {
     EXPECT_TRUE(proxy.start()) << proxy.error();
@@ -67,13 +49,7 @@ protected:
     return out;
   }
   std::string rev(const std::string& id) const { return doc(id)["_rev"].toString(); }
-
-  static qztest::PouchDbServer* s_server;
-  static qz::http::HttpConnectionPool* s_pool;
-  std::string db;
 };
-qztest::PouchDbServer* CouchToolsOnPouchDb::s_server = nullptr;
-qz::http::HttpConnectionPool* CouchToolsOnPouchDb::s_pool = nullptr;
 
 // One libcurl handle: requests after the first reuse its connection.
 class RawClient {

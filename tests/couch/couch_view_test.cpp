@@ -64,7 +64,7 @@ class CouchViewOnPouchDb : public ::testing::Test, public ViewFetch {
 protected:
   static void SetUpTestSuite() {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
-    s_server = new qztest::PouchDbServer;
+    s_server = &qztest::SharedPouchDb();
     if (!s_server->ok())
       return;
     s_server->request("PUT", "/views");
@@ -73,11 +73,7 @@ protected:
     for (const auto& [id, body] : kDocs)
       s_server->request("PUT", "/views/" + id, body);
   }
-  static void TearDownTestSuite() {
-    delete s_server;
-    s_server = nullptr;
-    qz::terminateHttpTools();
-  }
+  static void TearDownTestSuite() { qz::terminateHttpTools(); }
   void SetUp() override {
     ASSERT_TRUE(s_server->ok()) << s_server->error();
     server = CouchConnectionParameters(qz::Url(s_server->baseUrl()));

@@ -81,7 +81,7 @@ qzVariant Parse(const std::string& text) {
 }
 
 TEST(MangoSelector, MatchesAsCouchDbAndAsPouchDbServerFinds) {
-  qztest::PouchDbServer server;
+  qztest::PouchDbServer& server = qztest::SharedPouchDb();
   ASSERT_TRUE(server.ok()) << server.error();
   ASSERT_EQ(server.request("PUT", "/sel"), 201);
   for (const char* doc : kDocs)
