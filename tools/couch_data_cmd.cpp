@@ -20,6 +20,11 @@ bool SplitDbUrl(const std::string& dbUrl, qz::couch::CouchConnectionParameters& 
 
 namespace {
 
+// A failed request gives curl's code for its kind; other failures (data, output) give 1.
+int ExitCodeOf(bool ok, const qz::http::TransferError& transfer) {
+  return ok ? kExitOk : transfer.ok() ? kExitFailure : ExitCodeOfTransferError(transfer);
+}
+
 struct BackupArgs {
   std::string dbUrl, log;
   bool attachments = false;
@@ -100,7 +105,7 @@ void RunBackup(const BackupArgs& a) {
   std::cerr << summary << "\n";
   if (!ok)
     std::cerr << "httptools couch backup: " << error << "\n";
-  exitCode = ok ? kExitOk : kExitFailure;
+  exitCode = ExitCodeOf(ok, stats.transfer);
 }
 
 struct RestoreArgs {
@@ -177,7 +182,7 @@ void RunFind(const FindArgs& a) {
     std::cerr << "httptools couch find: the server warns: " << stats.warning << "\n";
   if (!ok)
     std::cerr << "httptools couch find: " << error << "\n";
-  exitCode = ok ? kExitOk : kExitFailure;
+  exitCode = ExitCodeOf(ok, stats.transfer);
 }
 
 } // namespace

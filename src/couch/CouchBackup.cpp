@@ -139,17 +139,21 @@ bool BackupDatabase(http::HttpConnectionPool& pool, const CouchConnectionParamet
       lock.unlock();
       detail::Reply reply;
       std::string why;
+      http::TransferError transfer;
       if (!detail::RequestWithRetry(pool, bulkGet, http::Method::Post, &batch.body, reply, cancel, 10) ||
-          reply.code != 200)
+          reply.code != 200) {
         why = "_bulk_get of " + db + ": " + reply.reason();
-      else
+        transfer = reply.failure();
+      } else
         LinesOfAnswer(reply.body, options.attachments, batch, why);
       batch.body.clear();
       lock.lock();
       --busy;
       batch.error = why;
-      if (!why.empty() && failure.empty())
+      if (!why.empty() && failure.empty()) {
         failure = why;
+        counts.transfer = transfer;
+      }
       done.emplace(batch.index, std::move(batch));
       changed.notify_all();
     }

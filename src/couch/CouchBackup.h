@@ -1,6 +1,7 @@
 #pragma once
 
 #include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/http/TransferError.h>
 #include <HttpTools/platform/Export.h>
 
 #include <cstddef>
@@ -29,9 +30,10 @@ struct HTTPTOOLS_API BackupOptions {
 
 /// What BackupDatabase wrote.
 struct HTTPTOOLS_API BackupStats {
-  size_t documents = 0; ///< ids of the feed
-  size_t revisions = 0; ///< lines written: one per leaf revision
-  std::string lastSeq;  ///< checkpoint of the last batch written
+  size_t documents = 0;             ///< ids of the feed
+  size_t revisions = 0;             ///< lines written: one per leaf revision
+  std::string lastSeq;              ///< checkpoint of the last batch written
+  qz::http::TransferError transfer; ///< the failed request's error, if a request made the backup fail
 };
 
 /// Writes a database to `out` as JSON lines, one per leaf revision of every document: winners,

@@ -51,8 +51,10 @@ bool FindDocuments(http::HttpConnectionPool& pool, const CouchConnectionParamete
     std::string body;
     json::AppendJson(body, request);
     detail::Reply reply;
-    if (!detail::RequestWithRetry(pool, url, http::Method::Post, &body, reply, cancel) || reply.code != 200)
+    if (!detail::RequestWithRetry(pool, url, http::Method::Post, &body, reply, cancel) || reply.code != 200) {
+      counts.transfer = reply.failure();
       return done(false, http::CancelToken::IsSet(cancel) ? "cancelled" : "_find in " + db + ": " + reply.reason());
+    }
     qzVariantMapImpl answer;
     if (!json::Json2Variant::Convert(reply.body, answer))
       return done(false, "_find in " + db + ": invalid json answer");

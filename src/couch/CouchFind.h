@@ -1,6 +1,7 @@
 #pragma once
 
 #include <HttpTools/couch/CouchConnectionParameters.h>
+#include <HttpTools/http/TransferError.h>
 #include <HttpTools/platform/Export.h>
 #include <HttpTools/platform/qzVariant.h>
 
@@ -28,10 +29,11 @@ struct HTTPTOOLS_API FindQuery {
 
 /// What FindDocuments read.
 struct HTTPTOOLS_API FindStats {
-  size_t documents = 0;     ///< documents handed to the callback
-  size_t pages = 0;         ///< requests made
-  bool pagedBySkip = false; ///< the server sent no bookmark
-  std::string warning;      ///< the server's, e.g. that no index serves the query
+  size_t documents = 0;             ///< documents handed to the callback
+  size_t pages = 0;                 ///< requests made
+  bool pagedBySkip = false;         ///< the server sent no bookmark
+  std::string warning;              ///< the server's, e.g. that no index serves the query
+  qz::http::TransferError transfer; ///< the failed request's error, if a request made the query fail
 };
 
 /// Runs a Mango query (_find) page by page and hands every document to onDoc, so that a result

@@ -15,6 +15,16 @@ std::string Reply::reason() const {
   return error.ok() ? std::string("no answer") : error.message();
 }
 
+http::TransferError Reply::failure() const {
+  if (code == 0 || code == 200)
+    return error;
+  http::TransferError out;
+  out.kind = http::ErrorKind::HttpStatus;
+  out.httpStatus = code;
+  out.reason = reason();
+  return out;
+}
+
 http::RetryPolicy CouchRetryPolicy(unsigned attempts) {
   return http::RetryPolicy{
       .attempts = attempts, .initialBackoffMs = 100, .maxBackoffMs = 5000, .retryAfterCapMs = 5000};

@@ -21,6 +21,8 @@ struct Reply {
 
   // "error: reason" from CouchDB's error body, else the status or the transport's message.
   std::string reason() const;
+  // The failure as values: the transport's, or an answer with another status than 200.
+  http::TransferError failure() const;
 };
 
 // The one CouchDB service call: `method` to `url` with Accept: application/json, `body` (may be
