@@ -339,13 +339,13 @@ TEST_F(MultiConnection, PerHostLimitQueuesHereAndBoundsConnections) {
   multi.setMaxConnectionsPerHost(2);
   Collector c;
   for (int i = 0; i < 8; ++i) {
-    Multi::Request r = get(srv.url("/stall?ms=100"), c.sink());
-    r.timeoutMs = 250; // four rounds of two: would expire if queued with a running clock
+    Multi::Request r = get(srv.url("/stall?ms=200"), c.sink());
+    r.timeoutMs = 600; // four rounds of two: would expire if queued with a running clock
     multi.addRequest(std::move(r));
   }
   const auto start = Clock::now();
   ASSERT_TRUE(multi.perform());
-  EXPECT_GE(msSince(start), 390);
+  EXPECT_GE(msSince(start), 790);
   for (const auto& [id, r] : c.byId)
     EXPECT_TRUE(r.success) << r.errorMessage;
   EXPECT_EQ(srv.connectionCount(), 2u);
@@ -376,7 +376,7 @@ TEST_F(MultiConnection, ThreadedCancelOneRequestAndTheRunPromptly) {
   auto t0 = Clock::now();
   EXPECT_TRUE(multi.cancelRequest(stalled[0]));
   ASSERT_TRUE(waitFor([&] { return c.has(stalled[0]); }, 2000));
-  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(c.when[stalled[0]] - t0).count(), 100);
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(c.when[stalled[0]] - t0).count(), 500);
   EXPECT_TRUE(c.byId[stalled[0]].cancelled);
   EXPECT_FALSE(c.byId[stalled[0]].success);
   EXPECT_THAT(c.byId[stalled[0]].errorMessage, HasSubstr("Request cancelled"));
@@ -388,7 +388,7 @@ TEST_F(MultiConnection, ThreadedCancelOneRequestAndTheRunPromptly) {
   t0 = Clock::now();
   multi.cancelPerform();
   runner.join();
-  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(returnedAt - t0).count(), 100);
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(returnedAt - t0).count(), 500);
   EXPECT_FALSE(result);
   EXPECT_EQ(c.count(), 7u);
   EXPECT_TRUE(c.eachCalledOnce());
@@ -416,7 +416,7 @@ TEST_F(MultiConnection, ThreadedCancelFlag) {
   const auto t0 = Clock::now();
   std::atomic_ref<bool>(cancel).store(true);
   runner.join();
-  EXPECT_LT(msSince(t0), 100);
+  EXPECT_LT(msSince(t0), 500);
   EXPECT_FALSE(result);
   EXPECT_EQ(c.count(), 2u);
 }
