@@ -8,8 +8,11 @@
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/river/RiverPipeline_p.h>
 
+#include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 
@@ -24,6 +27,77 @@ using qz::couch::detail::RequestWithRetry;
 constexpr size_t kPage = 1000;
 constexpr size_t kShownIds = 10;
 
+// Checks pages on a thread of its own while the caller reads the next one, so that each side's
+// reading and its lookups on the other side overlap. One page waits at most: memory stays flat.
+template <typename Page> class PageChecker {
+public:
+  using Check = std::function<bool(Page&, std::string&)>;
+  explicit PageChecker(Check check) : m_check(std::move(check)), m_thread([this] { loop(); }) {}
+  ~PageChecker() {
+    std::string ignored;
+    finish(ignored);
+  }
+  PageChecker(const PageChecker&) = delete;
+  PageChecker& operator=(const PageChecker&) = delete;
+
+  // Hands a page over once the one before has been taken. False once a check failed.
+  bool submit(Page page) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cv.wait(lock, [&] { return !m_queued || m_failed; });
+    if (m_failed)
+      return false;
+    m_queued = std::move(page);
+    m_cv.notify_all();
+    return true;
+  }
+  // Waits for every page handed over; false with the first failure.
+  bool finish(std::string& error) {
+    {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_closed = true;
+      m_cv.notify_all();
+    }
+    if (m_thread.joinable())
+      m_thread.join();
+    error = m_error;
+    return !m_failed;
+  }
+
+private:
+  void loop() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+      m_cv.wait(lock, [&] { return m_queued || m_closed; });
+      if (!m_queued)
+        return;
+      Page page = std::move(*m_queued);
+      m_queued.reset();
+      m_cv.notify_all();
+      lock.unlock();
+      std::string error;
+      const bool ok = m_check(page, error);
+      lock.lock();
+      if (!ok && !m_failed) {
+        m_failed = true;
+        m_error = error;
+        m_cv.notify_all();
+      }
+      if (m_failed)
+        return;
+    }
+  }
+
+  const Check m_check;
+  std::mutex m_mutex;
+  std::condition_variable m_cv;
+  std::optional<Page> m_queued;
+  bool m_closed = false, m_failed = false;
+  std::string m_error;
+  std::thread m_thread;
+};
+
+using Winners = std::vector<std::pair<std::string, std::string>>; // id, rev ("": left out of the index)
+
 class Verifier {
 public:
   Verifier(http::HttpConnectionPool& pool, const RiverDefinition& def, bool repair, RiverDrift& drift,
@@ -31,16 +105,16 @@ public:
       : m_pool(pool), m_def(def), m_repair(repair), m_drift(drift), m_cancel(cancel),
         m_sender(MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {})) {}
 
-  // The two sides are compared at once, each on a thread of its own.
+  // CouchDB's winners are looked up in the index. The index can hold more only when it counts
+  // more documents than those lookups found: only then is it scanned for the extra ones. (A
+  // count taken before the lookups and equal to what they found leaves no room for an extra.)
   bool run(std::string& error) {
-    std::string elasticError;
-    bool elasticOk = true;
-    std::thread other([&] { elasticOk = elasticSide(elasticError); });
-    const bool couchOk = couchSide(error);
-    other.join();
-    if (couchOk && !elasticOk)
-      error = elasticError;
-    return couchOk && elasticOk;
+    const int64_t held = countHeld();
+    if (!couchSide(error))
+      return false;
+    if (held >= 0 && size_t(held) == m_found)
+      return true;
+    return elasticSide(error);
   }
 
 private:
@@ -66,8 +140,18 @@ private:
     return true;
   }
 
-  // Pages of _all_docs (documents included when a transform decides what is indexed).
+  // Pages of _all_docs (documents included when a transform decides what is indexed), each
+  // looked up in the index while the next one is read.
   bool couchSide(std::string& error) {
+    PageChecker<Winners> checker([this](Winners& winners, std::string& why) { return checkWinners(winners, why); });
+    std::string checkError;
+    const bool read = readCouch(checker, error);
+    if (!checker.finish(checkError) && (read || error.empty()))
+      error = checkError;
+    return read && checkError.empty();
+  }
+
+  bool readCouch(PageChecker<Winners>& checker, std::string& error) {
     std::string last;
     for (;;) {
       qz::Url::QueryParameters query{{"limit", std::to_string(kPage)}};
@@ -81,7 +165,7 @@ private:
       if (!couchCall(m_def.couch.toUrl({m_def.database, "_all_docs"}, query), nullptr, answer, error))
         return false;
       const auto& rows = answer["rows"].toList();
-      std::vector<std::pair<std::string, std::string>> winners; // id, rev ("": left out of the index)
+      Winners winners;
       for (const auto& row : rows) {
         const auto& r = row.toMap();
         last = r.count("id") ? r.at("id").toString() : last;
@@ -103,15 +187,27 @@ private:
         }
         winners.emplace_back(last, std::move(rev));
       }
-      if (!winners.empty() && !checkWinners(winners, error))
+      if (!winners.empty() && !checker.submit(std::move(winners)))
         return false;
       if (rows.size() < kPage)
         return true;
     }
   }
 
+  // The documents the alias holds; -1 when it cannot tell.
+  int64_t countHeld() {
+    const auto resp =
+        CallElastic(m_pool, "GET", m_def.elastic.toApiUrl({m_def.index, "_count"}, {}), nullptr, m_cancel);
+    qzVariantMapImpl answer;
+    if (resp.status == 404)
+      return 0;
+    if (resp.status != 200 || !qz::json::Json2Variant::Convert(resp.body, answer) || !answer.count("count"))
+      return -1;
+    return answer["count"].toInt64();
+  }
+
   // One page of winners against _mget on the alias.
-  bool checkWinners(const std::vector<std::pair<std::string, std::string>>& winners, std::string& error) {
+  bool checkWinners(const Winners& winners, std::string& error) {
     qzVariantListImpl ids;
     for (const auto& w : winners)
       ids.emplace_back(w.first);
@@ -142,6 +238,10 @@ private:
         ++m_drift.documents;
       }
       const auto it = stored.find(id);
+      if (it != stored.end()) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_found;
+      }
       if (rev.empty() && it != stored.end()) {
         Note(m_drift.extra, m_drift.extraIds, id);
         remove.push_back(id);
@@ -156,18 +256,19 @@ private:
     return !m_repair || (write(rewrite, error) && removeExtra(remove, error));
   }
 
-  // Every document of the alias against _all_docs by keys.
+  // Every document of the alias against _all_docs by keys, looked up while the scan goes on.
   bool elasticSide(std::string& error) {
-    std::vector<std::string> page;
-    std::string problem;
+    using Ids = std::vector<std::string>;
+    PageChecker<Ids> checker([this](Ids& ids, std::string& why) { return checkHeld(ids, why); });
+    Ids page;
     auto flushPage = [&] {
-      const bool ok = page.empty() || checkHeld(page, problem);
-      page.clear();
+      const bool ok = page.empty() || checker.submit(std::move(page));
+      page = Ids();
       return ok;
     };
     const qz::Url url = m_def.elastic.toIndexUrl(m_def.index, {});
     http::HttpConnectionLocker connection(m_pool, url);
-    std::string scanError;
+    std::string scanError, problem;
     const bool scanned = qz::elasticsearch::FetchSearchResults(
         *connection, m_def.elastic, m_def.index,
         JsonText(qzVariantMapImpl{{"_source", qzVariantListImpl{qzVariant(std::string(kRevField))}}}),
@@ -176,12 +277,12 @@ private:
           return page.size() < kPage || flushPage();
         },
         kPage, &scanError, m_cancel);
-    if (!problem.empty())
+    if (scanned)
+      flushPage();
+    if (!checker.finish(problem)) // a failed lookup also stops the scan: it is the cause
       return error = problem, false;
     if (!scanned && scanError.find("index_not_found") == std::string::npos)
       return error = "scanning " + m_def.index + ": " + scanError, false;
-    if (!flushPage())
-      return error = problem, false;
     return true;
   }
 
@@ -254,7 +355,8 @@ private:
   const RiverDefinition& m_def;
   const bool m_repair;
   RiverDrift& m_drift;
-  std::mutex m_mutex; // guards m_drift: the sides run on two threads
+  std::mutex m_mutex; // guards m_drift and m_found: pages are checked on threads of their own
+  size_t m_found = 0; // CouchDB's ids the index holds
   const bool* m_cancel;
   StopSignal m_stop;
   std::unique_ptr<BulkSender> m_sender;
