@@ -21,7 +21,7 @@
 
 namespace qz::elasticsearch {
 
-namespace {
+namespace bulk { // named: BulkIndexer::Private holds these
 
 struct Op {
   BulkItem item;             // as added, without its source (that is in the body)
@@ -128,7 +128,8 @@ bool readItem(const qzVariantMapImpl& answer, ItemResult& r) {
 
 bool retryable(int status) { return status == 429 || status == 503; }
 
-} // namespace
+} // namespace bulk
+using namespace bulk;
 
 class BulkIndexer::Private {
 public:

@@ -21,7 +21,7 @@ void assignTrimmed(std::string& out, const char* begin, const char* end) {
   out.assign(begin, end);
 }
 
-enum Method { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDelete = 4, MethodHead = 5 };
+enum MultiMethod { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDelete = 4, MethodHead = 5 };
 
 const char* const kOctetContentType = "Content-Type: application/octet-stream";
 

@@ -281,7 +281,7 @@ std::string JsonStringArray(std::string_view key, const std::string* first, cons
 
 // ---- JsonStreamer ----
 
-namespace {
+namespace streamer { // named: JsonStreamer::Impl holds these
 // RapidJSON output stream that writes through to a device in blocks.
 class DeviceStream {
 public:
@@ -305,7 +305,8 @@ private:
   size_t m_len = 0;
   bool m_failed = false;
 };
-} // namespace
+} // namespace streamer
+using streamer::DeviceStream;
 
 struct JsonStreamer::Impl {
   explicit Impl(qzIoDevice& d) : stream(d), writer(stream) {}
