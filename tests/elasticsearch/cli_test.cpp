@@ -76,8 +76,8 @@ TEST_F(EsCliTest, UsageAndServerErrors) {
 // out of what the program prints when the server refuses them.
 TEST_F(EsCliTest, AuthenticationOptionsAndGzip) {
   const std::string host = "127.0.0.1:" + std::to_string(emulator.port());
-  char tmpl[] = "/tmp/es-cli-XXXXXX";
-  const std::string dir = ::mkdtemp(tmpl);
+  std::string tmpl = ::testing::TempDir() + "es-cli-XXXXXX";
+  const std::string dir = ::mkdtemp(tmpl.data());
   const std::string keyFile = dir + "/key", tokenFile = dir + "/token";
   std::ofstream(keyFile) << "VuaCfGcBCdbkQm-e5aOx:ui2lp2axTNmsyakw9tvNnw\n";
   std::ofstream(tokenFile) << "eyJ.s3cr3t\n";
