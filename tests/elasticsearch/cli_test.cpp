@@ -1,5 +1,6 @@
 // httptools es search/get/bulk, run as a user runs them, against the emulator.
 #include "EsFixture.h"
+#include "support/NginxFixture.h"
 #include "support/Process.h"
 
 #include <gtest/gtest.h>
@@ -133,6 +134,25 @@ TEST_F(EsCliTest, AuthenticationOptionsAndGzip) {
   for (const std::string& f : {keyFile, tokenFile})
     ::unlink(f.c_str());
   ::rmdir(dir.c_str());
+}
+
+// nginx in front of the emulator demands a client certificate: --cert and --key reach the probe
+// and every request.
+TEST_F(EsCliTest, ClientCertificateForMutualTls) {
+  qztest::NginxFixture::Options options;
+  options.mutualTlsBackend = emulator.port();
+  qztest::NginxFixture nginx(options);
+  ASSERT_TRUE(nginx.start()) << nginx.lastError();
+  const std::string index = "https://localhost:" + std::to_string(nginx.mutualTlsPort()) + "/tls";
+  const std::string lines = "{\"_id\":\"a\",\"n\":1}\n";
+  EXPECT_EQ(run({"es", "bulk", index, "--cacert", nginx.certificatePath(), "--cert", nginx.clientCertPath(), "--key",
+                 nginx.clientKeyPath()},
+                lines),
+            0)
+      << err;
+  EXPECT_EQ(out, "indexed 1, failed 0, retried 0\n");
+  EXPECT_NE(run({"es", "bulk", index, "--cacert", nginx.certificatePath()}, lines), 0);
+  EXPECT_EQ(emulator.stats().bulkRequests, 1u);
 }
 
 } // namespace
