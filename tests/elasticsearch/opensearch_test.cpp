@@ -1,9 +1,5 @@
 // OpenSearch 1.x and 2.x as servers: the emulator's OpenSearch mode, checked by the official
-// OpenSearch JS client, and the library's bulk, search and get against it.
-#include <HttpTools/elasticsearch/BulkIndexer.h>
-#include <HttpTools/elasticsearch/DocumentGetter.h>
-#include <HttpTools/elasticsearch/ElasticSearch.h>
-
+// OpenSearch JS client (the river suite runs the library against it).
 #include "EsFixture.h"
 #include "support/Process.h"
 #include "support/SourcePaths.h"
@@ -12,10 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <sys/stat.h>
-
-using namespace qz::elasticsearch;
 
 namespace {
 
@@ -88,41 +81,6 @@ TEST_F(OpenSearchTest, ModeAnswersAsEachVersionDoes) {
       EXPECT_NE(closed->body.find("\"successful\":false"), std::string::npos) << closed->body;
       EXPECT_EQ(emulator.stats().openPits, 0u);
     }
-  }
-}
-
-// The library's writes, scans and gets work on every version; OpenSearch is scanned by scroll,
-// which needs no unique sort tiebreaker.
-TEST_F(OpenSearchTest, LibraryBulkScanAndGetOnEveryVersion) {
-  for (const char* version : {"", "1.3.14", "2.11.0"}) {
-    SCOPED_TRACE(version);
-    emulator.setOpenSearch(version);
-    emulator.reset();
-    std::string error;
-    {
-      BulkIndexer indexer(pool, server, 2, 100);
-      for (int i = 0; i < 1000; ++i)
-        indexer.indexJson("os", "d" + std::to_string(i), "{\"n\":" + std::to_string(i) + "}");
-      ASSERT_TRUE(indexer.flush(&error)) << error;
-    }
-    ASSERT_EQ(call("POST", "/os/_refresh"), 200);
-    std::set<std::string> ids;
-    ASSERT_TRUE(FetchSearchResults(
-        connection, server, "os", "", [&](SearchHit& hit) { return ids.insert(hit.id).second; }, 300, &error, nullptr))
-        << error;
-    EXPECT_EQ(ids.size(), 1000u);
-    const auto s = emulator.stats();
-    EXPECT_EQ(s.pitsOpened, *version ? 0u : 1u);
-    EXPECT_EQ(s.scrollsOpened, *version ? 1u : 0u);
-    EXPECT_EQ(s.openPits + s.openScrolls, 0u);
-    DocumentGetter getter(pool, server, "os", 1);
-    size_t found = 0;
-    std::vector<std::string> missing;
-    ASSERT_TRUE(getter.get(
-        {"d1", "d999", "nope"}, [&](const std::string&, qz::qzVariant&) { ++found; }, &missing, &error, nullptr))
-        << error;
-    EXPECT_EQ(found, 2u);
-    EXPECT_EQ(missing, std::vector<std::string>{"nope"});
   }
 }
 
