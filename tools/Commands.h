@@ -11,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -80,7 +81,9 @@ void Prepare(qz::http::HttpConnectionPool& pool); // every connection the pool m
 
 // One request to `url` without repetition, before a tool that would repeat its own requests
 // starts: an unreachable server fails at once. Returns the exit code (kExitOk when it answered).
-int ProbeServer(const std::string& command, const qz::Url& url);
+// `prepare`, when given, sets the connection up in place of Prepare().
+int ProbeServer(const std::string& command, const qz::Url& url,
+                const std::function<void(qz::http::HttpConnection&)>& prepare = {});
 
 void AddVersionCommands(CLI::App& app);     // version
 void AddUrlCommands(CLI::App& app);         // url

@@ -211,9 +211,13 @@ void Prepare(qz::http::HttpConnectionPool& pool) {
   pool.setConnectionSetup([](qz::http::HttpConnection& c, const std::string&, unsigned short) { Prepare(c); });
 }
 
-int ProbeServer(const std::string& command, const qz::Url& url) {
+int ProbeServer(const std::string& command, const qz::Url& url,
+                const std::function<void(qz::http::HttpConnection&)>& prepare) {
   qz::http::HttpConnection connection;
-  Prepare(connection);
+  if (prepare)
+    prepare(connection);
+  else
+    Prepare(connection);
   qz::http::TransferRequest request;
   request.url = url;
   qz::http::StringSink sink;

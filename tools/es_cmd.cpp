@@ -34,12 +34,74 @@ bool serverAndIndex(const std::string& given, ElasticConnectionParameters& serve
   return false;
 }
 
+// Elasticsearch's own authentication and TLS options, beside the common connection options.
+struct ElasticAuth {
+  std::string apiKey, bearer, cert, key;
+};
+
+void addElasticAuth(CLI::App* cmd, ElasticAuth& a) {
+  cmd->add_option("--api-key", a.apiKey,
+                  "API key: ID:KEY, or the encoded form Elasticsearch returns; @FILE reads it from FILE");
+  cmd->add_option("--bearer", a.bearer, "Bearer token (Authorization: Bearer); @FILE reads it from FILE");
+  auto* cert = cmd->add_option("--cert", a.cert, "Client certificate for mutual TLS (PEM)")->check(CLI::ExistingFile);
+  cmd->add_option("--key", a.key, "Its private key (PEM; default: in the certificate file)")
+      ->check(CLI::ExistingFile)
+      ->needs(cert);
+}
+
+// A secret given on the command line, or read from the file named after '@' (trailing line
+// breaks dropped). False with a message naming the file only.
+bool secretArgument(const std::string& given, std::string& secret, std::string& error) {
+  if (!httptools::ReadDataArgument(given, secret, error))
+    return false;
+  while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r'))
+    secret.pop_back();
+  return true;
+}
+
+// The credentials and TLS files on the server's parameters, which put them on every request:
+// the API key wins over the bearer token, either over -u or the URL's user-info (-u wins over
+// that, as with curl).
+bool applyAuth(const httptools::ConnectionOptions& conn, const ElasticAuth& auth, ElasticConnectionParameters& server,
+               std::string& error) {
+  if (!conn.user.empty()) {
+    const size_t colon = conn.user.find(':');
+    server.setCredentialsOnHttpHeaders(conn.user.substr(0, colon),
+                                       colon == std::string::npos ? "" : conn.user.substr(colon + 1));
+  }
+  std::string secret;
+  if (!auth.apiKey.empty()) {
+    if (!secretArgument(auth.apiKey, secret, error))
+      return false;
+    const size_t colon = secret.find(':');
+    if (colon == std::string::npos)
+      server.apiKey = secret;
+    else
+      server.setApiKey(secret.substr(0, colon), secret.substr(colon + 1));
+  }
+  if (!auth.bearer.empty() && !secretArgument(auth.bearer, server.bearerToken, error))
+    return false;
+  std::fill(secret.begin(), secret.end(), '\0');
+  server.caFile = conn.caFile;
+  server.clientCertFile = auth.cert;
+  server.clientKeyFile = auth.key;
+  auto& params = httptools::ConnectionSetup().parameters; // the probe's connection too
+  params.clientCertFile = auth.cert;
+  params.clientKeyFile = auth.key;
+  return true;
+}
+
 // The connection options, then one request to the server: the pooled tools repeat failed
 // requests, so an unreachable server is reported here at once.
-bool ready(const char* command, const httptools::ConnectionOptions& conn, const ElasticConnectionParameters& server,
-           bool probe) {
+bool ready(const char* command, const httptools::ConnectionOptions& conn, const ElasticAuth& auth,
+           ElasticConnectionParameters& server, bool probe) {
   const std::string name = std::string("httptools es ") + command;
-  if (!httptools::UseConnectionOptions(name, conn)) {
+  httptools::ConnectionOptions common = conn;
+  common.user.clear(); // on the server's parameters, below, so that one Authorization is sent
+  std::string error;
+  if (!httptools::UseConnectionOptions(name, common) || !applyAuth(conn, auth, server, error)) {
+    if (!error.empty())
+      std::cerr << name << ": " << error << "\n";
     httptools::exitCode = httptools::kExitUsage;
     return false;
   }
@@ -61,6 +123,7 @@ struct SearchOptions {
   long size = -1, from = 0;
   unsigned page = 1000;
   httptools::ConnectionOptions conn;
+  ElasticAuth auth;
 };
 
 // "size" and "from" of the query body (they page the whole result, not one request), and
@@ -105,7 +168,7 @@ void runSearch(const SearchOptions& o) {
     httptools::exitCode = httptools::kExitUsage;
     return;
   }
-  if (!ready("search", o.conn, server, false))
+  if (!ready("search", o.conn, o.auth, server, false))
     return;
   qz::http::HttpConnection connection;
   httptools::Prepare(connection);
@@ -137,12 +200,13 @@ struct GetOptions {
   std::vector<std::string> ids;
   unsigned threads = 2;
   httptools::ConnectionOptions conn;
+  ElasticAuth auth;
 };
 
 void runGet(const GetOptions& o) {
   ElasticConnectionParameters server;
   std::string index;
-  if (!serverAndIndex(o.url, server, index, "get") || !ready("get", o.conn, server, true))
+  if (!serverAndIndex(o.url, server, index, "get") || !ready("get", o.conn, o.auth, server, true))
     return;
   qz::http::HttpConnectionPool pool;
   httptools::Prepare(pool);
@@ -170,7 +234,9 @@ struct BulkOptions {
   std::string url, file = "-";
   unsigned threads = 2;
   size_t batch = 1000;
+  bool gzip = false;
   httptools::ConnectionOptions conn;
+  ElasticAuth auth;
 };
 
 void runBulk(const BulkOptions& o) {
@@ -187,7 +253,7 @@ void runBulk(const BulkOptions& o) {
       return;
     }
   }
-  if (!ready("bulk", o.conn, server, true))
+  if (!ready("bulk", o.conn, o.auth, server, true))
     return;
   std::istream& in = o.file == "-" ? std::cin : file;
   qz::http::HttpConnectionPool pool;
@@ -196,6 +262,11 @@ void runBulk(const BulkOptions& o) {
   qz::elasticsearch::BulkStats stats;
   {
     qz::elasticsearch::BulkIndexer indexer(pool, server, o.threads, o.batch);
+    if (o.gzip) {
+      qz::elasticsearch::BulkRequestOptions options;
+      options.gzipLevel = 6;
+      indexer.setRequestOptions(options);
+    }
     indexer.onItemFailure([](const std::string&, const std::string& id, int status, const std::string& reason) {
       std::cerr << "httptools es bulk: " << id << ": " << status << " " << reason << "\n";
     });
@@ -242,6 +313,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   s->add_option("--from", search->from, "skip the first N hits");
   s->add_option("--page", search->page, "hits per request (default 1000)");
   httptools::AddConnectionOptions(s, search->conn);
+  addElasticAuth(s, search->auth);
   s->callback([search] { runSearch(*search); });
 
   auto get = std::make_shared<GetOptions>();
@@ -250,6 +322,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   g->add_option("ID", get->ids, "document ids")->required();
   g->add_option("--threads", get->threads, "parallel _mget requests (default 2)");
   httptools::AddConnectionOptions(g, get->conn);
+  addElasticAuth(g, get->auth);
   g->callback([get] { runGet(*get); });
 
   auto bulk = std::make_shared<BulkOptions>();
@@ -260,5 +333,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   b->add_option("--threads", bulk->threads, "parallel _bulk requests (default 2)");
   b->add_option("--batch", bulk->batch, "documents per _bulk request (default 1000)");
   httptools::AddConnectionOptions(b, bulk->conn);
+  addElasticAuth(b, bulk->auth);
+  b->add_flag("--gzip", bulk->gzip, "Send the _bulk bodies gzip-compressed (Content-Encoding: gzip)");
   b->callback([bulk] { runBulk(*bulk); });
 }

@@ -4,10 +4,13 @@
 
 #include <HttpTools/HttpTools.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <iostream>
+#include <list>
 #include <sstream>
 #include <thread>
 
@@ -22,7 +25,88 @@ struct RiverArgs {
   unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
   double retryMaxTime = 120; // seconds
   ConnectionOptions conn;
+  // Per side: header lines ("Name: value", a value "@FILE" read from FILE, or "@FILE" of whole
+  // lines) and the CA file that checks its certificate.
+  std::vector<std::string> sourceHeaders, targetHeaders;
+  std::string sourceCacert, targetCacert;
 };
+
+// The header lines of one side. Errors name the option and the file, never a value.
+bool SideHeaderLines(const char* option, const std::vector<std::string>& given, std::vector<std::string>& lines,
+                     std::string& error) {
+  for (const std::string& item : given) {
+    std::string text;
+    if (item.starts_with("@")) {
+      if (!ReadDataArgument(item, text, error))
+        return false;
+      std::istringstream in(text);
+      for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r')
+          line.pop_back();
+        if (!line.empty())
+          lines.push_back(line);
+      }
+      continue;
+    }
+    const size_t colon = item.find(':');
+    const size_t start = colon == std::string::npos ? colon : item.find_first_not_of(' ', colon + 1);
+    if (colon == 0 || colon == std::string::npos) {
+      error = std::string(option) + " wants \"Name: value\", \"Name: @FILE\" or \"@FILE\"";
+      return false;
+    }
+    if (start != std::string::npos && item[start] == '@') {
+      if (!ReadDataArgument(item.substr(start), text, error))
+        return false;
+      while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+        text.pop_back();
+      if (text.find_first_of("\r\n") != std::string::npos) {
+        error = std::string(option) + ": " + item.substr(start + 1) + " holds more than one line";
+        return false;
+      }
+      lines.push_back(item.substr(0, colon) + ": " + text);
+      std::fill(text.begin(), text.end(), '\0');
+    } else {
+      lines.push_back(item);
+    }
+  }
+  return true;
+}
+
+// The per-side options on the definition (target) and on the pool's connections to the source.
+// The pool keys connections by host and port, so the source's own options need a host and port
+// the target does not share.
+bool ApplySideOptions(const RiverArgs& a, qz::river::RiverDefinition& def, std::vector<std::string>& sourceLines) {
+  std::string error;
+  if (!SideHeaderLines("--source-header", a.sourceHeaders, sourceLines, error) ||
+      !SideHeaderLines("--target-header", a.targetHeaders, def.elastic.extraHeaders, error)) {
+    std::cerr << "httptools river: " << error << "\n";
+    return false;
+  }
+  def.elastic.caFile = a.targetCacert;
+  if ((!sourceLines.empty() || !a.sourceCacert.empty()) && def.couch.host == def.elastic.host &&
+      def.couch.port == def.elastic.port) {
+    std::cerr << "httptools river: --source-header and --source-cacert need the source on another host or port than "
+                 "the target\n";
+    return false;
+  }
+  return true;
+}
+
+// Prepare() and, on a connection to the source, its own header lines and CA file.
+std::function<void(qz::http::HttpConnection&, const std::string&, unsigned short)>
+SidePreparer(const RiverArgs& a, const qz::river::RiverDefinition& def, const std::vector<std::string>& sourceLines) {
+  return [&a, host = def.couch.host, port = def.couch.port, sourceLines](qz::http::HttpConnection& c,
+                                                                         const std::string& h, unsigned short p) {
+    Prepare(c);
+    if (h != host || p != port)
+      return;
+    std::list<std::string> headers = c.getCommonHeaders();
+    headers.insert(headers.end(), sourceLines.begin(), sourceLines.end());
+    c.setCommonHeaders(headers);
+    if (!a.sourceCacert.empty())
+      c.editConnectionParameters().caFile = a.sourceCacert;
+  };
+}
 
 std::string StatusLine(const qz::river::RiverStatus& s) {
   std::ostringstream line;
@@ -94,12 +178,19 @@ void RunRiver(const RiverArgs& a) {
     exitCode = kExitBadUrl;
     return;
   }
-  if (!UseConnectionOptions("httptools river", a.conn)) {
+  std::vector<std::string> sourceLines;
+  if (!UseConnectionOptions("httptools river", a.conn) || !ApplySideOptions(a, def, sourceLines)) {
     exitCode = kExitUsage;
     return;
   }
+  const auto prepare = SidePreparer(a, def, sourceLines);
   for (const qz::Url& server : {qz::Url(def.couch), qz::Url(def.elastic)})
-    if (!a.follow && (exitCode = ProbeServer("httptools river", server)) != kExitOk)
+    if (!a.follow && (exitCode = ProbeServer("httptools river", server, [&](qz::http::HttpConnection& c) {
+                        prepare(c, server.host, server.port);
+                        if (!def.elastic.caFile.empty() && server.host == def.elastic.host &&
+                            server.port == def.elastic.port)
+                          c.editConnectionParameters().caFile = def.elastic.caFile;
+                      })) != kExitOk)
       return; // a one-shot run fails at once when a side cannot be reached
   def.mappingJson = "{}";
   if (!a.mappingFile.empty()) {
@@ -120,7 +211,7 @@ void RunRiver(const RiverArgs& a) {
   def.retryMaxMs = unsigned(a.retryMaxTime * 1000);
 
   qz::http::HttpConnectionPool pool;
-  Prepare(pool);
+  pool.setConnectionSetup(prepare);
   if (a.verify || a.repair)
     return VerifyRiver(pool, def, a.repair);
   qz::river::RiverManager rivers(pool, 1);
@@ -194,6 +285,16 @@ void AddRiverCommand(CLI::App& app) {
       ->check(CLI::NonNegativeNumber);
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
   AddConnectionOptions(cmd, a->conn, false);
+  cmd->add_option("--source-header", a->sourceHeaders,
+                  "Header line for CouchDB: \"Name: value\", \"Name: @FILE\" (value read from FILE) or @FILE of lines "
+                  "(repeatable)")
+      ->allow_extra_args(false);
+  cmd->add_option("--target-header", a->targetHeaders, "Header line for Elasticsearch, as --source-header (repeatable)")
+      ->allow_extra_args(false);
+  cmd->add_option("--source-cacert", a->sourceCacert, "Verify CouchDB against the CA certificates in FILE (PEM)")
+      ->check(CLI::ExistingFile);
+  cmd->add_option("--target-cacert", a->targetCacert, "Verify Elasticsearch against the CA certificates in FILE (PEM)")
+      ->check(CLI::ExistingFile);
   cmd->callback([a] { RunRiver(*a); });
 }
 

@@ -39,8 +39,7 @@ std::vector<std::string> ElasticConnectionParameters::headerLines() const {
   else if (!bearerToken.empty())
     lines.push_back("Authorization: Bearer " + bearerToken);
   else if (!user.empty()) {
-    // The parsed user-info is kept as written in the URL, percent-encoded.
-    std::string pair = UrlDecodeToUtf8String(user) + ":" + UrlDecodeToUtf8String(password), encoded;
+    std::string pair = user + ":" + password, encoded;
     qzOpenSSL::base64Encode(pair, encoded, qzOpenSSL::B64_Standard);
     lines.push_back("Authorization: Basic " + encoded);
     wipe(pair);

@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <strings.h>
 
@@ -99,6 +101,15 @@ private:
   bool m_set = false;
 };
 
+// True the first time a server (scheme, host, port) answers without the product header: the
+// warning is given once per server, so that a second server is not hidden behind the first.
+bool FirstWithoutProduct(const qz::Url& url) {
+  static std::mutex mutex;
+  static std::set<std::string> warned;
+  std::lock_guard<std::mutex> lock(mutex);
+  return warned.insert(url.scheme + "://" + url.host + ":" + std::to_string(url.port)).second;
+}
+
 // Wipes the header lines (they may hold secrets) when the request is over.
 struct WipedLines {
   std::vector<std::string>& lines;
@@ -122,7 +133,6 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const Ela
 bool ElasticCall(http::HttpConnection& connection, const char* method, const ElasticConnectionParameters& url,
                  const std::string* body, const char* contentType, ElasticResponse& out, ResponseItemCutter* cutter,
                  const http::CancelToken* cancel) {
-  static std::atomic<bool> productWarned{false};
   out = ElasticResponse();
   if (cutter)
     cutter->reset();
@@ -165,10 +175,11 @@ bool ElasticCall(http::HttpConnection& connection, const char* method, const Ela
     out.transportError = "incomplete answer from " + url.toDisplayableUrl();
     return false;
   }
-  if (out.status > 0 && !out.product && !productWarned.exchange(true))
+  if (out.status > 0 && !out.product && FirstWithoutProduct(url))
     qzLogObject(qzLog::Warning, "elasticsearch")
         << "The answer from " << url.toDisplayableUrl()
-        << " lacks the header X-Elastic-Product: Elasticsearch; the server may not be Elasticsearch";
+        << " lacks the header X-Elastic-Product: Elasticsearch; the server may not be Elasticsearch (OpenSearch "
+           "never sends it)";
   return true;
 }
 

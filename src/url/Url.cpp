@@ -311,9 +311,10 @@ std::string ParseInto(Url& url, const std::string& text, bool normalize, Url::Qu
       ++colon;
     if (colon == last)
       return "invalid url user info, ':' is missing";
-    // Both fields are empty after the clear: assign in place, no temporary copy of the secret.
-    url.user.assign(first, colon);
-    url.password.assign(colon + 1, last);
+    // Split before decoding (an encoded ':' belongs to its field). Both fields are empty after
+    // the clear: decode in place, no temporary copy of the secret.
+    url_impl::AppendDecoded(url.user, first, colon, false);
+    url_impl::AppendDecoded(url.password, colon + 1, last, false);
   }
 
   // The host buffer was emptied without being released: assigning in place costs no allocation.

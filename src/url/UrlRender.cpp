@@ -124,8 +124,9 @@ std::string Render(const Url& url, bool displayable) {
   out += url.scheme;
   out += "://";
   if (url.authDbName.empty() && !url.user.empty() && !url.password.empty()) {
+    // The user is stored decoded: both forms write it as it would be typed in a URL.
     if (displayable) {
-      out += url.user;
+      AppendEncoded(out, url.user);
       out += ":*******@";
     } else {
       AppendEncoded(out, url.user);

@@ -141,6 +141,25 @@ const char* const kClusterInfo =
     "\"lucene_version\":\"9.8.0\",\"minimum_wire_compatibility_version\":\"7.17.0\","
     "\"minimum_index_compatibility_version\":\"7.0.0\"},\"tagline\":\"You Know, for Search\"}";
 
+// GET /: Elasticsearch's, or in OpenSearch mode OpenSearch's with its distribution and version.
+std::string clusterInfo(State& st) {
+  std::string version;
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    version = st.openSearchVersion;
+  }
+  if (version.empty())
+    return kClusterInfo;
+  return "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":"
+         "\"q3cQ3CqUSSmtK3bEBjdTjg\",\"version\":{\"distribution\":\"opensearch\",\"number\":\"" +
+         version +
+         "\",\"build_type\":\"tar\",\"build_hash\":\"6adc0bf476e1624190564d7fbe4aba00ccf49ad8\","
+         "\"build_date\":\"2023-10-13T02:55:55.511945994Z\",\"build_snapshot\":false,"
+         "\"lucene_version\":\"9.7.0\",\"minimum_wire_compatibility_version\":\"7.10.0\","
+         "\"minimum_index_compatibility_version\":\"7.0.0\"},"
+         "\"tagline\":\"The OpenSearch Project: https://opensearch.org/\"}";
+}
+
 // PUT /_emulator/faults, GET /_emulator/stats, POST /_emulator/reset.
 void control(State& st, const Req& req, Res& res, const std::string& what) {
   auto acknowledged = [&res](const std::string& body) {
@@ -221,12 +240,20 @@ bool unauthorised(State& st, const Req& req, Res& res) {
     std::lock_guard<std::mutex> lock(st.mu);
     required = st.faults.requireHeader;
   }
-  const size_t colon = required.find(':');
-  if (colon == std::string::npos)
-    return false;
-  const std::string name = required.substr(0, colon);
-  const std::string value = required.substr(required.find_first_not_of(' ', colon + 1));
-  if (req.get_header_value_count(name) == 1 && req.get_header_value(name) == value)
+  bool carried = true;
+  for (size_t at = 0; at < required.size() && carried;) {
+    const size_t end = std::min(required.find('\n', at), required.size());
+    const std::string line = required.substr(at, end - at);
+    at = end + 1;
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos)
+      continue;
+    const std::string name = line.substr(0, colon);
+    const size_t start = line.find_first_not_of(' ', colon + 1);
+    const std::string value = start == std::string::npos ? "" : line.substr(start);
+    carried = req.get_header_value_count(name) == 1 && req.get_header_value(name) == value;
+  }
+  if (carried)
     return false;
   res.set_header("WWW-Authenticate", "Basic realm=\"security\" charset=\"UTF-8\"");
   st.reply(
@@ -243,12 +270,13 @@ void dispatch(State& st, const Req& req, Res& res) {
   if (unauthorised(st, req, res) || unavailable(st, req, res))
     return;
   if (s.empty())
-    return get ? st.reply(res, 200, kClusterInfo) : st.badMethod(req, res);
+    return get ? st.reply(res, 200, clusterInfo(st)) : st.badMethod(req, res);
   if (s[0] == "_cluster")
     return st.reply(res, 200,
                     "{\"cluster_name\":\"httptools-emulator\",\"status\":\"green\",\"timed_out\":false,"
                     "\"number_of_nodes\":1,\"number_of_data_nodes\":1}");
-  if (serveDocuments(st, req, res, s) || serveSearch(st, req, res, s) || serveIndices(st, req, res, s))
+  if (serveOpenSearch(st, req, res, s) || serveDocuments(st, req, res, s) || serveSearch(st, req, res, s) ||
+      serveIndices(st, req, res, s))
     return;
   st.reply(res, 400,
            errorBody(400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator"));
@@ -423,6 +451,12 @@ size_t ElasticEmulator::docCount(const std::string& index) const {
   std::lock_guard<std::mutex> lock(m_state->mu);
   auto it = m_state->indices.find(index);
   return it == m_state->indices.end() ? 0 : it->second.live;
+}
+
+void ElasticEmulator::setOpenSearch(const std::string& version) {
+  std::lock_guard<std::mutex> lock(m_state->mu);
+  m_state->openSearchVersion = version;
+  m_state->setFaults(m_state->faults);
 }
 
 void ElasticEmulator::reset() {

@@ -21,6 +21,7 @@
 //                                   fields, _id, _doc, _shard_doc; from/size; search_after; pit
 //   POST /IDX/_pit?keep_alive=, DELETE /_pit
 //   POST|GET /_search/scroll, DELETE /_search/scroll[/_all]
+//   OpenSearch mode (setOpenSearch): its cluster info and point in time routes instead
 //
 // Mapped field types long/integer/short/byte/double/float/boolean are enforced: a document whose
 // value does not fit answers 400 mapper_parsing_exception. Fault switches make the next answers
@@ -52,7 +53,7 @@ public:
     bool noAutoCreate = false;      // action.auto_create_index: false: writes to a missing index answer 404
     bool ignoreSearchAfter = false; // searches answer as if search_after were not there
     bool mgetDropLast = false;      // the next _mget answer leaves out its last document
-    std::string requireHeader;      // "Name: value" every request must carry, 401 otherwise ("" off)
+    std::string requireHeader;      // "Name: value" lines (joined by '\n') every request must carry, 401 otherwise
     int partialSearchPages = 0;     // the next N search pages time out on one of two shards
   };
 
@@ -84,6 +85,12 @@ public:
   Stats stats() const;
   size_t docCount(const std::string& index) const;
   void reset(); // drops every index, PIT, scroll, fault and counter
+
+  // OpenSearch mode, for `version` ("1.3.14", "2.11.0"...; "" back to Elasticsearch): no product
+  // header, version.distribution "opensearch" at GET /, no /IDX/_pit; from 2.4 on, point in time
+  // at POST /IDX/_search/point_in_time, GET /_search/point_in_time/_all and DELETE
+  // /_search/point_in_time[/_all]. Set it before requests arrive; reset() keeps it.
+  void setOpenSearch(const std::string& version);
 
   struct State;
 

@@ -392,6 +392,8 @@ void clearScroll(State& st, const Req& req, Res& res, bool all) {
 }
 
 void openPit(State& st, const Req& req, Res& res, const std::string& expr) {
+  if (!st.openSearchVersion.empty()) // OpenSearch has no such route: its own is _search/point_in_time
+    return st.reply(res, 400, noHandler(req));
   std::unique_lock<std::mutex> lock(st.mu);
   if (st.faults.noPit)
     return st.reply(res, 400,
@@ -406,11 +408,7 @@ void openPit(State& st, const Req& req, Res& res, const std::string& expr) {
   std::vector<Index*> found;
   if (!st.resolveOrReply(expr, found, res))
     return;
-  auto pit = std::make_shared<Pit>();
-  pit->docs = liveDocs(found);
-  const std::string id = randomId(160, ++st.counter);
-  st.pits[id] = pit;
-  ++st.stats.pitsOpened;
+  const std::string id = addPit(st, found);
   lock.unlock();
   st.reply(res, 200, "{\"id\":\"" + id + "\",\"_shards\":{\"total\":1,\"successful\":1,\"skipped\":0,\"failed\":0}}");
 }
@@ -457,6 +455,15 @@ void count(State& st, const Req& req, Res& res, const std::string& expr) {
 
 } // namespace
 
+std::string addPit(State& st, const std::vector<Index*>& found) {
+  auto pit = std::make_shared<Pit>();
+  pit->docs = liveDocs(found);
+  const std::string id = randomId(160, ++st.counter);
+  st.pits[id] = pit;
+  ++st.stats.pitsOpened;
+  return id;
+}
+
 bool serveSearch(State& st, const Req& req, Res& res, const Path& s) {
   const std::string& m = req.method;
   const bool get = m == "GET" || m == "HEAD";
@@ -470,6 +477,8 @@ bool serveSearch(State& st, const Req& req, Res& res, const Path& s) {
       clearScroll(st, req, res, s.size() > 2 && s[2] == "_all");
     else
       scrollNext(st, req, res);
+  } else if (op == "_search" && s.size() > 2) {
+    st.reply(res, 400, noHandler(req));
   } else if (op == "_search") {
     m == "POST" || get ? search(st, req, res, expr) : st.badMethod(req, res);
   } else if (op == "_pit") {

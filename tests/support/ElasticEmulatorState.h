@@ -108,10 +108,11 @@ struct ElasticEmulator::State {
   uint64_t counter = 0;
   std::atomic<bool> productHeader{true};
   std::atomic<bool> stopping{false};
+  std::string openSearchVersion; // "": Elasticsearch; set before serving, never cleared by reset
 
   void setFaults(const Faults& f) {
     faults = f;
-    productHeader = !f.noProductHeader;
+    productHeader = !f.noProductHeader && openSearchVersion.empty();
   }
   void clear() {
     indices.clear();
@@ -156,6 +157,12 @@ using State = ElasticEmulator::State;
 bool serveDocuments(State& st, const Req& req, Res& res, const Path& path);
 bool serveSearch(State& st, const Req& req, Res& res, const Path& path);
 bool serveIndices(State& st, const Req& req, Res& res, const Path& path);
+// OpenSearch mode's point in time routes (ElasticEmulatorOpenSearch.cpp).
+bool serveOpenSearch(State& st, const Req& req, Res& res, const Path& path);
+// A new point in time over `found`, counted; its id. Holds `mu`.
+std::string addPit(State& st, const std::vector<Index*>& found);
+// OpenSearch's answer to a route it does not have.
+std::string noHandler(const Req& req);
 
 } // namespace emu
 

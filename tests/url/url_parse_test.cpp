@@ -40,11 +40,12 @@ TEST(UrlParse, FillsEveryFieldAndReplacesTheOldValue) {
     Case{"HTTP://MyHost/A", false, "HTTP|||MyHost|0|0|[A]|"},
     Case{"HTTP://MyHost/A", true, "http|||myhost|0|0|[A]|"},
     Case{"couchdb+ssl://db.local:6984/", false, "couchdb+ssl|||db.local|0|6984|[]|"},
-    // credentials: the first ':' splits, nothing is decoded, normalising leaves them alone
+    // credentials: the first ':' splits, then each side is decoded; normalising leaves them alone
     Case{"http://user:@host/", false, "http|user||host|0|0|[]|"},
     Case{"http://:pw@host", false, "http||pw|host|0|0||"},
     Case{"http://a:b:c@h", false, "http|a|b:c|h|0|0||"},
-    Case{"http://us%40er:p%3Aw@h", false, "http|us%40er|p%3Aw|h|0|0||"},
+    Case{"http://us%40er:p%3Aw@h", false, "http|us@er|p:w|h|0|0||"},
+    Case{"http://u%3Ax:p%25%40+@h", false, "http|u:x|p%@+|h|0|0||"},
     Case{"HTTP://U:P@H", true, "http|U|P|h|0|0||"},
     // IP literals: IPv4 as written, IPv6 in canonical bracketed form, the rest plain host names
     Case{"http://10.0.0.1:8080/x", false, "http|||10.0.0.1|1|8080|[x]|"},

@@ -61,8 +61,8 @@ TEST(UrlRoundTrip, ParseOfEncodedFormGivesTheSameUrl) {
       u.host = text(1 + pick(20), "abcdefghijklmnopqrstuvwxyz0123456789-.") + ".example";
     }
     if (pick(3) == 0)
-      u.setCredentialsOnHttpHeaders(text(1 + pick(12), "ABCXYZabcxyz0189-._~"),
-                                    text(1 + pick(30), "ABCXYZabcxyz0189-._~"));
+      u.setCredentialsOnHttpHeaders(text(1 + pick(12), "ABCXYZabcxyz0189-._~@:%/+ "),
+                                    text(1 + pick(30), "ABCXYZabcxyz0189-._~@:%/+ "));
     u.port = pick(3) == 0 ? 0 : static_cast<uint16_t>(1 + pick(65535));
     for (size_t n = pick(5); n > 0; --n)
       u.pathSegments.push_back(pick(8) == 0 ? std::string(1 + pick(2), '.') : text(pick(4) == 0 ? 0 : 1 + pick(10)));

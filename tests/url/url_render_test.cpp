@@ -93,7 +93,7 @@ TEST(UrlRender, EncodedAndDisplayableForms) {
     {qz::Url(), "://", "://"},
     {Make("http://h", "u", "p"), "http://u:p@h", "http://u:*******@h"},
     {Make("http://h:8080/a%20b", "u ser", "p@ss:w"), "http://u%20ser:p%40ss%3Aw@h:8080/a%20b",
-     "http://u ser:*******@h:8080/a%20b"},
+     "http://u%20ser:*******@h:8080/a%20b"},
     {Make("http://h", "u", ""), "http://h", "http://h"},
     {Make("http://h", "", "p"), "http://h", "http://h"},
     {Make("https://db:443/x", "u", "p w", "admin"), "https://db:443/x?user=u&password=p%20w&authdbname=admin",

@@ -1,7 +1,7 @@
 // The Elasticsearch emulator as a program of its own, for the official clients' checks, the
 // benchmark and the demo:
 //
-//   es_emulator [--port N] [--watch-stdin]
+//   es_emulator [--port N] [--watch-stdin] [--opensearch VERSION]
 //
 // Prints "port N" on its first line once it listens on 127.0.0.1, then serves until SIGINT or
 // SIGTERM, or, with --watch-stdin, until its standard input closes (so that it never outlives
@@ -20,13 +20,16 @@
 int main(int argc, char** argv) {
   int port = 0;
   bool watchStdin = false;
+  std::string openSearch; // OpenSearch mode at this version
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
       port = std::atoi(argv[++i]);
     } else if (std::strcmp(argv[i], "--watch-stdin") == 0) {
       watchStdin = true;
+    } else if (std::strcmp(argv[i], "--opensearch") == 0 && i + 1 < argc) {
+      openSearch = argv[++i];
     } else {
-      std::cerr << "usage: es_emulator [--port N] [--watch-stdin]\n";
+      std::cerr << "usage: es_emulator [--port N] [--watch-stdin] [--opensearch VERSION]\n";
       return 2;
     }
   }
@@ -38,6 +41,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   qztest::ElasticEmulator emulator;
+  emulator.setOpenSearch(openSearch);
   std::thread signalWaiter([&] {
     int sig = 0;
     sigwait(&signals, &sig);
