@@ -68,6 +68,8 @@ private:
 
   mutable std::mutex m_statusMutex;
   RiverStatus m_status;
+
+  Throttle m_throttle{m_def.maxDocsPerSecond};
 };
 
 } // namespace qz::river::detail
