@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <sstream>
 
 using namespace rivertest;
 
@@ -161,18 +162,18 @@ TEST_F(RiverServiceTest, ConfigErrorsNameTheKey) {
 }
 
 TEST_F(RiverServiceTest, ThreeRiversOfOneConfigEachFillTheirAliasThrottledWhereAsked) {
-  // River 0 reads at most 20 changes a second: its 30 documents take more than a second.
-  const std::string path = config({30, 120, 7}, 5000, R"(,"maxDocsPerSecond":20)");
+  // River 0 reads at most 20 changes a second: its 60 documents take nearly 3 s.
+  const std::string path = config({60, 120, 7}, 5000, R"(,"maxDocsPerSecond":20)");
   const auto started = Clock::now();
   std::string out;
   ASSERT_EQ(run({"--config", path, "--once"}, &out), 0) << out;
-  EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(1200));
-  EXPECT_EQ(count("a0"), 30);
+  EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(2500));
+  EXPECT_EQ(count("a0"), 60);
   EXPECT_EQ(count("a1"), 120);
   EXPECT_EQ(count("a2"), 7);
   ASSERT_EQ(run({"--config", path, "--status"}, &out), 0) << out;
   for (const char* line :
-       {"river r0: db0 -> a0\n  index: a0-1 seq=30\n", "river r1: db1 -> a1\n  index: a1-1 seq=120\n",
+       {"river r0: db0 -> a0\n  index: a0-1 seq=60\n", "river r1: db1 -> a1\n  index: a1-1 seq=120\n",
         "river r2: db2 -> a2\n  index: a2-1 seq=7\n"})
     EXPECT_NE(out.find(line), std::string::npos) << line << " in\n" << out;
 }
@@ -180,8 +181,8 @@ TEST_F(RiverServiceTest, ThreeRiversOfOneConfigEachFillTheirAliasThrottledWhereA
 TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIsKilled) {
   const unsigned leaseMs = 2000;
   const std::string path = config({3, 3, 3, 3, 3, 3}, leaseMs);
-  const pid_t first = spawn({"--config", path, "--follow", "--status-ms", "500"}, "first.log");
-  const pid_t second = spawn({"--config", path, "--follow", "--status-ms", "500"}, "second.log");
+  const std::vector<std::string> args{"--config", path, "--follow", "--status-ms", "500", "--log-json"};
+  const pid_t first = spawn(args, "first.log"), second = spawn(args, "second.log");
   ASSERT_TRUE(waitFor(
       [&] {
         return holders(6) == std::map<pid_t, int>{{first, 3}, {second, 3}};
@@ -210,6 +211,19 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   }));
   EXPECT_EQ(end(second, SIGTERM), 0);
   EXPECT_EQ(holders(6), (std::map<pid_t, int>{{0, 6}})); // given back on the way out
+  // --log-json: every line one object; the last status of each river counts the late document.
+  std::map<std::string, int64_t> indexed;
+  std::istringstream lines(logOf("second.log"));
+  for (std::string line; std::getline(lines, line);) {
+    qzVariantMapImpl object;
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(line, object)) << line;
+    EXPECT_TRUE(object.count("time") && object.count("level")) << line;
+    if (object.count("river"))
+      indexed[object["river"].toString()] = object["indexed"].toInt64();
+  }
+  EXPECT_EQ(indexed.size(), 6u);
+  for (const auto& [river, n] : indexed)
+    EXPECT_GE(n, 1) << river;
 }
 
 TEST_F(RiverServiceTest, SigtermDuringABulkStopsAtOnceAndLosesNothing) {
