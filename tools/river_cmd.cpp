@@ -222,6 +222,21 @@ void RunRiver(const RiverArgs& a) {
   RunRivers({def}, 1, a);
 }
 
+// Whether a process holds the lease of one of `defs` (a run would wait for it).
+bool HeldElsewhere(const std::vector<qz::river::RiverDefinition>& defs) {
+  qz::http::HttpConnectionPool pool;
+  Prepare(pool);
+  for (const auto& def : defs) {
+    qz::river::RiverStoredState state;
+    std::string error;
+    if (qz::river::ReadRiverState(pool, def, state, &error) && state.leaseLive) {
+      std::cout << "river " << def.name << ": " << state.owner << " follows it and fills the new index\n";
+      return true;
+    }
+  }
+  return false;
+}
+
 void RunRivers(const std::vector<qz::river::RiverDefinition>& defs, unsigned workers, const RiverArgs& a) {
   if (a.logJson)
     InstallJsonLogSink();
@@ -233,6 +248,8 @@ void RunRivers(const std::vector<qz::river::RiverDefinition>& defs, unsigned wor
                   a.deleteIndex);
     if (!a.reset || exitCode != kExitOk)
       return; // a reset goes on with a run that fills the new index and moves the alias
+    if (!a.follow && HeldElsewhere(defs))
+      return; // the process following the river fills it
   }
   qz::http::HttpConnectionPool pool;
   Prepare(pool);

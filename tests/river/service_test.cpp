@@ -267,11 +267,16 @@ TEST_F(RiverServiceTest, StatusResetAndRemove) {
   expectIndexEqualsDatabase();
 
   // A live lease refuses removal; once it is given back, the state goes, the index stays.
-  const pid_t pid = spawn(with({"--follow"}), "follow.log");
+  const pid_t pid = spawn(with({"--follow", "--lease-ms", "3000"}), "follow.log");
   ASSERT_TRUE(waitFor([&] { return holder("r") == pid; }));
   EXPECT_EQ(run(with({"--remove"}), &out), 1);
   EXPECT_NE(out.find("stop it first"), std::string::npos) << out;
+  // A reset meanwhile is carried out by the process following the river.
+  ASSERT_EQ(run(with({"--reset"}), &out), 0) << out;
+  EXPECT_TRUE(waitFor([&] { return es("GET", "/docs-2") == 404 && count("docs") == 20; }));
   EXPECT_EQ(end(pid, SIGTERM), 0);
+  ASSERT_EQ(run(with({"--status"}), &out), 0);
+  EXPECT_NE(out.find("index: docs-3 seq=20\n"), std::string::npos) << out;
   ASSERT_EQ(run(with({"--remove"}), &out), 0) << out;
   EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
   EXPECT_EQ(count("docs"), 20);
