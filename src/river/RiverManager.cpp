@@ -180,17 +180,19 @@ public:
       leaseMs = std::min(leaseMs, r->definition().leaseMs);
     return leaseMs;
   }
-  void beatUntilStopped(detail::ProcessRegistry& registry) {
-    const unsigned leaseMs = shortestLeaseMs();
-    unsigned failures = 0;
-    do {
-      const RiverOutcome beaten = registry.beat(false, nullptr);
-      failures = beaten.failed() ? failures + 1 : 0;
-      if (beaten.ok())
-        share = detail::ProcessRegistry::Share(unsigned(rivers.size()), registry.processes(), registry.rank());
-      else if (!stop.stopped(nullptr))
-        qzLogObject(qzLog::Warning, "river") << "Heartbeat: " << beaten.message;
-    } while (stop.pause(failures ? detail::StopSignal::BackoffMs(failures + 3) : leaseMs / 4, nullptr));
+  // One heartbeat; the share follows the live processes. False when it failed.
+  bool beat(detail::ProcessRegistry& registry) {
+    const RiverOutcome beaten = registry.beat(false, nullptr);
+    if (beaten.ok())
+      share = detail::ProcessRegistry::Share(unsigned(rivers.size()), registry.processes(), registry.rank());
+    else if (!stop.stopped(nullptr))
+      qzLogObject(qzLog::Warning, "river") << "Heartbeat: " << beaten.message;
+    return beaten.ok();
+  }
+  // Beats every quarter of the shortest lease time until stopped, then removes the heartbeat.
+  void beatUntilStopped(detail::ProcessRegistry& registry, unsigned failures) {
+    while (stop.pause(failures ? detail::StopSignal::BackoffMs(failures + 3) : shortestLeaseMs() / 4, nullptr))
+      failures = beat(registry) ? 0 : failures + 1;
     registry.beat(true, nullptr);
   }
 
@@ -212,12 +214,14 @@ public:
   void startSharing() {
     const RiverDefinition& first = rivers.front()->definition();
     detail::StateLocation where{first.elastic, first.stateIndex, processesDocument(), {}, {}};
-    workers.emplace_back([this, where] {
-      detail::CheckpointStore store(pool, where);
-      detail::ProcessRegistry registry(store, pool, where, owner, shortestLeaseMs());
-      beatUntilStopped(registry);
-    });
+    registryStore = std::make_unique<detail::CheckpointStore>(pool, where);
+    registry = std::make_unique<detail::ProcessRegistry>(*registryStore, pool, where, owner, shortestLeaseMs());
+    // The first beat before the rivers start, so that they start with this process's share.
+    const unsigned failures = beat(*registry) ? 0 : 1;
+    workers.emplace_back([this, failures] { beatUntilStopped(*registry, failures); });
   }
+  std::unique_ptr<detail::CheckpointStore> registryStore;
+  std::unique_ptr<detail::ProcessRegistry> registry;
 };
 
 RiverManager::RiverManager(http::HttpConnectionPool& pool, unsigned workerThreads)
