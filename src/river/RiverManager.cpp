@@ -172,8 +172,7 @@ public:
     return outcome;
   }
 
-  // Beats this process's heartbeat every quarter of the shortest lease time until stopped, then
-  // removes it; the share follows the live processes.
+  // Heartbeats and their expiry follow the shortest lease of the rivers.
   unsigned shortestLeaseMs() const {
     unsigned leaseMs = 30000;
     for (const auto& r : rivers)
