@@ -13,6 +13,7 @@ RiverOutcome RiverLease::acquire(RiverState& state, const bool* cancel) {
     return read;
   if (found && !current.owner.empty() && current.owner != m_owner && current.expires > NowMs()) {
     m_holder = current.owner;
+    m_holderExpires = current.expires;
     return RiverOutcome::Idle("waiting for the lease held by " + current.owner);
   }
   state = found ? current : RiverState();

@@ -23,6 +23,8 @@ public:
   void release(RiverState& state);
 
   bool held() const { return m_held; }
+  // When the lease another process holds expires, as last read (ms since the epoch; 0: unknown).
+  int64_t holderExpiresMs() const { return m_holderExpires; }
   const std::string& holder() const { return m_holder; }
   const std::string& owner() const { return m_owner; }
   // A third of the lease time has passed since the last renewal.
@@ -34,6 +36,7 @@ private:
   unsigned m_leaseMs;
   bool m_held = false;
   int64_t m_renewedMs = 0;
+  int64_t m_holderExpires = 0;
 };
 
 } // namespace qz::river::detail

@@ -37,10 +37,11 @@ public:
   detail::StopSignal stop;
   std::atomic<bool> running{false};
 
-  // The pause before the next step of a river that did nothing: short while it holds its lease,
-  // a quarter of the lease time while another process does.
+  // The pause before the next step of a river that did nothing: short while it holds its lease;
+  // while another process does, until that lease expires, but at most a quarter of the lease time.
   unsigned idlePause(const RiverRunner& r, unsigned heldMs) const {
-    return r.holdsLease() ? heldMs : std::max(100u, r.definition().leaseMs / 4);
+    const int64_t quarter = std::max(100u, r.definition().leaseMs / 4);
+    return r.holdsLease() ? heldMs : unsigned(std::clamp<int64_t>(r.leaseFreeInMs() + 20, 100, quarter));
   }
 
   // Runs `river` until it is caught up. A failure that retrying cannot fix ends it at once; a
@@ -214,7 +215,8 @@ public:
     const RiverDefinition& first = rivers.front()->definition();
     detail::StateLocation where{first.elastic, first.stateIndex, processesDocument(), {}, {}};
     registryStore = std::make_unique<detail::CheckpointStore>(pool, where);
-    registry = std::make_unique<detail::ProcessRegistry>(*registryStore, pool, where, owner, shortestLeaseMs());
+    // A heartbeat lives half a lease (two beats): a process gone is seen before its leases expire.
+    registry = std::make_unique<detail::ProcessRegistry>(*registryStore, pool, where, owner, shortestLeaseMs() / 2);
     // The first beat before the rivers start, so that they start with this process's share.
     const unsigned failures = beat(*registry) ? 0 : 1;
     workers.emplace_back([this, failures] { beatUntilStopped(*registry, failures); });

@@ -198,9 +198,10 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
       30))
       << testing::PrintToString(holders(6));
   const auto takeover = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed).count();
-  // The lease expires at most leaseMs after the kill; a quarter of it to notice, and a margin.
+  // The leases expire at most leaseMs after the kill and are taken as they do (a margin for
+  // loaded machines).
   RecordProperty("takeover_ms", int(takeover));
-  EXPECT_LE(takeover, leaseMs * 3 / 2 + 1000) << "taken over after " << takeover << " ms";
+  EXPECT_LE(takeover, leaseMs + 1000) << "taken over after " << takeover << " ms";
   for (int i = 0; i < 6; ++i)
     ASSERT_EQ(couch.request("PUT", "/db" + std::to_string(i) + "/late", "{}"), 201);
   EXPECT_TRUE(waitFor([&] {
