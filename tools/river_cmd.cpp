@@ -163,6 +163,11 @@ void RunRiverConfig(const RiverArgs& a) {
 }
 
 void RunRiver(const RiverArgs& a) {
+  if (!a.configFile.empty() && !a.couchUrl.empty()) {
+    std::cerr << "httptools river: give either --config FILE or the two URLs\n";
+    exitCode = kExitUsage;
+    return;
+  }
   if (!a.configFile.empty())
     return RunRiverConfig(a);
   if (a.couchUrl.empty() || a.elasticUrl.empty()) {

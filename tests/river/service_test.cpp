@@ -159,6 +159,9 @@ TEST_F(RiverServiceTest, ConfigErrorsNameTheKey) {
     EXPECT_EQ(run({"--config", file("bad.json", c.text), "--once"}, &out), 2) << c.text;
     EXPECT_NE(out.find(c.error), std::string::npos) << c.text << "\n" << out;
   }
+  std::string out;
+  EXPECT_EQ(run({s, t, "--config", file("good.json", river(""))}, &out), 2);
+  EXPECT_NE(out.find("either --config FILE or the two URLs"), std::string::npos) << out;
 }
 
 TEST_F(RiverServiceTest, ThreeRiversOfOneConfigEachFillTheirAliasThrottledWhereAsked) {
