@@ -1,12 +1,15 @@
 // httptools river: keeps an Elasticsearch alias in step with a CouchDB database.
 
 #include "Commands.h"
+#include "RiverTools.h"
 
 #include <HttpTools/HttpTools.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -29,6 +32,11 @@ struct RiverArgs {
   // lines) and the CA file that checks its certificate.
   std::vector<std::string> sourceHeaders, targetHeaders;
   std::string sourceCacert, targetCacert;
+
+  // Many rivers, administration, running as a service.
+  std::string configFile;
+  bool status = false, reset = false, remove = false, deleteIndex = false, logJson = false;
+  unsigned maxDocsPerSecond = 0;
 };
 
 // The header lines of one side. Errors name the option and the file, never a value.
@@ -122,6 +130,52 @@ std::string StatusLine(const qz::river::RiverStatus& s) {
   return line.str();
 }
 
+std::string JsonString(const std::string& s) {
+  std::string out;
+  qz::json::Json2Variant::Convert(qz::qzVariant(s), out, false);
+  return out;
+}
+
+std::string NowText() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t t = std::chrono::system_clock::to_time_t(now);
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  char text[96];
+  std::tm utc{};
+  gmtime_r(&t, &utc);
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, int(ms));
+  return text;
+}
+
+// One JSON object per line: the status of a river, at info, warning when it is failing.
+std::string StatusJson(const qz::river::RiverStatus& s) {
+  std::ostringstream line;
+  line << "{\"time\":\"" << NowText() << "\",\"level\":\"" << (s.error.empty() ? "info" : "warning")
+       << "\",\"river\":" << JsonString(s.name) << ",\"seq\":" << JsonString(s.lastSeq) << ",\"indexed\":" << s.indexed
+       << ",\"deleted\":" << s.deleted << ",\"skipped\":" << s.skipped << ",\"failed\":" << s.failed
+       << ",\"retries\":" << s.retries << ",\"lag_ms\":" << s.lagMs
+       << ",\"caught_up\":" << (s.caughtUp ? "true" : "false") << ",\"running\":" << (s.running ? "true" : "false")
+       << ",\"waiting_for_lease\":" << (s.waitingForLease ? "true" : "false");
+  if (!s.buildingIndex.empty())
+    line << ",\"building\":" << JsonString(s.buildingIndex);
+  if (!s.error.empty())
+    line << ",\"error\":" << JsonString(s.error);
+  line << "}";
+  return line.str();
+}
+
+// --log-json: the library's lines at info and above as JSON objects on standard error.
+void InstallJsonLogSink() {
+  qz::qzLog::SetSink([](int type, const std::string& category, const std::string& text) {
+    if (type == qz::qzLog::Debug && !verbose)
+      return;
+    const std::string line = "{\"time\":\"" + NowText() + "\",\"level\":" + JsonString(qz::qzLog::TypeName(type)) +
+                             ",\"category\":" + JsonString(category) + ",\"message\":" + JsonString(text) + "}\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  });
+}
+
 void PrintDrift(const char* when, const qz::river::RiverDrift& d) {
   std::cout << when << "documents=" << d.documents << " missing=" << d.missing << " stale=" << d.stale
             << " extra=" << d.extra;
@@ -158,7 +212,55 @@ void VerifyRiver(qz::http::HttpConnectionPool& pool, const qz::river::RiverDefin
   exitCode = drift.none() ? kExitOk : kExitFailure;
 }
 
+// `setup` prepares each pooled connection (default: the shared connection options).
+void RunRivers(const std::vector<qz::river::RiverDefinition>& defs, unsigned workers, const RiverArgs& a,
+               qz::http::HttpConnectionPool::ConnectionSetup setup = {});
+
+// --config FILE: every river the file defines, on its worker threads.
+void RunRiverConfig(const RiverArgs& a) {
+  RiverConfig config;
+  std::string error;
+  if (!ReadRiverConfig(a.configFile, config, error)) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = kExitUsage;
+    return;
+  }
+  std::vector<qz::river::RiverDefinition> defs;
+  for (auto& entry : config.rivers) {
+    if (!ApplyRiverExtras(entry, error)) {
+      std::cerr << "httptools river: " << error << "\n";
+      exitCode = kExitUsage;
+      return;
+    }
+    if (a.maxDocsPerSecond)
+      entry.definition.maxDocsPerSecond = a.maxDocsPerSecond;
+    defs.push_back(entry.definition);
+  }
+  if (!UseConnectionOptions("httptools river", a.conn)) {
+    exitCode = kExitUsage;
+    return;
+  }
+  if (a.verify || a.repair) {
+    std::cerr << "httptools river: --verify takes one river, not --config\n";
+    exitCode = kExitUsage;
+    return;
+  }
+  RunRivers(defs, config.workers, a);
+}
+
 void RunRiver(const RiverArgs& a) {
+  if (!a.configFile.empty() && !a.couchUrl.empty()) {
+    std::cerr << "httptools river: give either --config FILE or the two URLs\n";
+    exitCode = kExitUsage;
+    return;
+  }
+  if (!a.configFile.empty())
+    return RunRiverConfig(a);
+  if (a.couchUrl.empty() || a.elasticUrl.empty()) {
+    std::cerr << "httptools river: give a database URL and an alias URL, or --config FILE\n";
+    exitCode = kExitUsage;
+    return;
+  }
   qz::river::RiverDefinition def;
   std::string couchUrl = a.couchUrl, elasticUrl = a.elasticUrl, urlError;
   if (!CheckCommandLineUrl(couchUrl, urlError) || !CheckCommandLineUrl(elasticUrl, urlError)) {
@@ -185,12 +287,12 @@ void RunRiver(const RiverArgs& a) {
   }
   const auto prepare = SidePreparer(a, def, sourceLines);
   for (const qz::Url& server : {qz::Url(def.couch), qz::Url(def.elastic)})
-    if (!a.follow && (exitCode = ProbeServer("httptools river", server, [&](qz::http::HttpConnection& c) {
-                        prepare(c, server.host, server.port);
-                        if (!def.elastic.caFile.empty() && server.host == def.elastic.host &&
-                            server.port == def.elastic.port)
-                          c.editConnectionParameters().caFile = def.elastic.caFile;
-                      })) != kExitOk)
+    if (!a.follow && !a.status && !a.remove &&
+        (exitCode = ProbeServer("httptools river", server, [&](qz::http::HttpConnection& c) {
+           prepare(c, server.host, server.port);
+           if (!def.elastic.caFile.empty() && server.host == def.elastic.host && server.port == def.elastic.port)
+             c.editConnectionParameters().caFile = def.elastic.caFile;
+         })) != kExitOk)
       return; // a one-shot run fails at once when a side cannot be reached
   def.mappingJson = "{}";
   if (!a.mappingFile.empty()) {
@@ -209,22 +311,64 @@ void RunRiver(const RiverArgs& a) {
   def.flushIntervalMs = a.intervalMs;
   def.leaseMs = a.leaseMs;
   def.retryMaxMs = unsigned(a.retryMaxTime * 1000);
+  def.maxDocsPerSecond = a.maxDocsPerSecond;
 
-  qz::http::HttpConnectionPool pool;
-  pool.setConnectionSetup(prepare);
-  if (a.verify || a.repair)
+  if (a.verify || a.repair) {
+    qz::http::HttpConnectionPool pool;
+    pool.setConnectionSetup(prepare);
     return VerifyRiver(pool, def, a.repair);
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  if (!rivers.addRiver(def, &error)) {
-    std::cerr << "httptools river: " << error << "\n";
-    exitCode = 2;
-    return;
   }
+  RunRivers({def}, 1, a, prepare);
+}
+
+// Whether a process holds the lease of one of `defs` (a run would wait for it).
+bool HeldElsewhere(const std::vector<qz::river::RiverDefinition>& defs) {
+  qz::http::HttpConnectionPool pool;
+  Prepare(pool);
+  for (const auto& def : defs) {
+    qz::river::RiverStoredState state;
+    std::string error;
+    if (qz::river::ReadRiverState(pool, def, state, &error) && state.leaseLive) {
+      std::cout << "river " << def.name << ": " << state.owner << " follows it and fills the new index\n";
+      return true;
+    }
+  }
+  return false;
+}
+
+void RunRivers(const std::vector<qz::river::RiverDefinition>& defs, unsigned workers, const RiverArgs& a,
+               qz::http::HttpConnectionPool::ConnectionSetup setup) {
+  if (a.logJson)
+    InstallJsonLogSink();
+  if (a.status || a.remove || a.reset) {
+    RunRiverAdmin(defs,
+                  a.status  ? RiverAdminAction::Status
+                  : a.reset ? RiverAdminAction::Reset
+                            : RiverAdminAction::Remove,
+                  a.deleteIndex);
+    if (!a.reset || exitCode != kExitOk)
+      return; // a reset goes on with a run that fills the new index and moves the alias
+    if (!a.follow && HeldElsewhere(defs))
+      return; // the process following the river fills it
+  }
+  qz::http::HttpConnectionPool pool;
+  if (setup)
+    pool.setConnectionSetup(std::move(setup));
+  else
+    Prepare(pool);
+  qz::river::RiverManager rivers(pool, workers);
+  std::string error;
+  for (const auto& def : defs)
+    if (!rivers.addRiver(def, &error)) {
+      std::cerr << "httptools river: " << error << "\n";
+      exitCode = 2;
+      return;
+    }
+  rivers.shareWithOtherProcesses(defs.size() > 1);
   const bool* interrupted = InterruptFlag();
   auto print = [&] {
     for (const auto& s : rivers.status())
-      std::cout << StatusLine(s) << std::endl;
+      std::cout << (a.logJson ? StatusJson(s) : StatusLine(s)) << std::endl;
   };
 
   if (!a.follow) {
@@ -266,8 +410,8 @@ void RunRiver(const RiverArgs& a) {
 void AddRiverCommand(CLI::App& app) {
   auto a = std::make_shared<RiverArgs>();
   auto* cmd = app.add_subcommand("river", "Keep an Elasticsearch alias in step with a CouchDB database");
-  cmd->add_option("couch", a->couchUrl, "CouchDB database URL (http://host:port/db)")->required();
-  cmd->add_option("elastic", a->elasticUrl, "Elasticsearch alias URL (http://host:port/alias)")->required();
+  cmd->add_option("couch", a->couchUrl, "CouchDB database URL (http://host:port/db)");
+  cmd->add_option("elastic", a->elasticUrl, "Elasticsearch alias URL (http://host:port/alias)");
   cmd->add_option("--mapping", a->mappingFile, "File holding the wanted mapping (JSON); default dynamic");
   auto* once = cmd->add_flag("--once", a->once, "Catch up, then exit (the default)");
   auto* follow = cmd->add_flag("--follow", a->follow, "Keep following the database until interrupted")->excludes(once);
@@ -295,6 +439,24 @@ void AddRiverCommand(CLI::App& app) {
       ->check(CLI::ExistingFile);
   cmd->add_option("--target-cacert", a->targetCacert, "Verify Elasticsearch against the CA certificates in FILE (PEM)")
       ->check(CLI::ExistingFile);
+
+  // Many rivers, administration, running as a service.
+  cmd->add_option("--config", a->configFile, "JSON file of rivers to run (processes on one file share them)");
+  auto* status = cmd->add_flag("--status", a->status, "Print the stored checkpoint, lease holder and indices")
+                     ->excludes(follow)
+                     ->excludes(verify);
+  auto* reset = cmd->add_flag("--reset", a->reset, "Fill a new index from seq 0, then move the alias to it")
+                    ->excludes(status)
+                    ->excludes(verify);
+  auto* remove = cmd->add_flag("--remove", a->remove, "Delete the river's stored state")
+                     ->excludes(status)
+                     ->excludes(reset)
+                     ->excludes(follow)
+                     ->excludes(verify);
+  cmd->add_flag("--delete-index", a->deleteIndex, "With --remove: delete the indices behind the alias too")
+      ->needs(remove);
+  cmd->add_option("--max-docs-per-second", a->maxDocsPerSecond, "Read at most this many changes a second per river");
+  cmd->add_flag("--log-json", a->logJson, "Status and log lines as one JSON object per line");
   cmd->callback([a] { RunRiver(*a); });
 }
 

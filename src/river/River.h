@@ -37,6 +37,9 @@ struct HTTPTOOLS_API RiverDefinition {
   /// runOnce(): how long failures in a row are retried once the river has written something
   /// (before that, a few quick tries); then it fails with the last cause. Following never gives up.
   unsigned retryMaxMs = 120000;
+
+  /// Documents read per second at most (0: no limit), to spare a busy cluster a first load.
+  unsigned maxDocsPerSecond = 0;
 };
 
 /// A river's progress, as RiverManager::status() reports it.
@@ -131,10 +134,43 @@ public:
   void stop();                             ///< prompt; releases the leases held
   std::vector<RiverStatus> status() const; ///< one per river, in the order added; any thread
 
+  /// Following: share the rivers with the other processes that run the same ones on the same
+  /// state index. Each process keeps a heartbeat there and holds ⌊N/P⌋ or ⌈N/P⌉ of the N rivers
+  /// among P live processes, giving back leases beyond its share; the rivers of a process that
+  /// stops beating are taken over once its heartbeat and leases have expired. Call before start().
+  void shareWithOtherProcesses(bool share);
+  /// The rivers whose lease this process holds now (following).
+  size_t heldRivers() const;
+
   class Private;
 
 private:
   std::unique_ptr<Private> d;
 };
+
+/// A river's state as stored in its state index.
+struct HTTPTOOLS_API RiverStoredState {
+  bool found = false;         ///< the river has a stored state
+  std::string owner;          ///< the process holding the lease ("" when free)
+  int64_t leaseExpiresMs = 0; ///< when the lease expires, ms since the epoch
+  bool leaseLive = false;     ///< the lease is held and has not expired
+  std::string liveIndex;      ///< the index behind the alias
+  std::string seq;            ///< the live index's checkpoint
+  std::string buildingIndex;  ///< the index being filled, if any
+  std::string buildSeq;       ///< its checkpoint
+};
+
+/// Reads `definition`'s stored state; false with `error` when the state index cannot be read.
+HTTPTOOLS_API bool ReadRiverState(qz::http::HttpConnectionPool& pool, const RiverDefinition& definition,
+                                  RiverStoredState& state, std::string* error);
+/// Makes the river fill a new index behind its alias from seq 0; the alias moves to it once it
+/// has caught up (the process holding the river does it, or the next run). False with `error`
+/// when the river has no stored state or a side fails.
+HTTPTOOLS_API bool ResetRiver(qz::http::HttpConnectionPool& pool, const RiverDefinition& definition,
+                              std::string* error);
+/// Deletes the river's stored state and, with `deleteIndices`, the indices behind its alias (the
+/// alias goes with them). Refused while a live lease is held by a process.
+HTTPTOOLS_API bool RemoveRiver(qz::http::HttpConnectionPool& pool, const RiverDefinition& definition,
+                               bool deleteIndices, std::string* error);
 
 } // namespace qz::river

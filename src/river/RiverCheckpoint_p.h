@@ -42,9 +42,10 @@ public:
   // Whether a version was seen; without one the next write creates the document.
   bool knowsVersion() const { return m_seqNo >= 0; }
 
-private:
   // The state index with its mapping, as no cluster has to create indices on first write.
   RiverOutcome createIndex(const bool* cancel);
+
+private:
   // After a write whose answer was lost: Done when the stored document is `state`, else `failure`.
   RiverOutcome readBack(const RiverState& state, RiverOutcome failure, const bool* cancel);
 

@@ -2,6 +2,7 @@
 #include <HttpTools/river/River.h>
 
 #include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzLog.h>
 #include <HttpTools/river/RiverRunner_p.h>
 
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <thread>
 
@@ -35,10 +37,11 @@ public:
   detail::StopSignal stop;
   std::atomic<bool> running{false};
 
-  // The pause before the next step of a river that did nothing: short while it holds its lease,
-  // a quarter of the lease time while another process does.
+  // The pause before the next step of a river that did nothing: short while it holds its lease;
+  // while another process does, until that lease expires, but at most a quarter of the lease time.
   unsigned idlePause(const RiverRunner& r, unsigned heldMs) const {
-    return r.holdsLease() ? heldMs : std::max(100u, r.definition().leaseMs / 4);
+    const int64_t quarter = std::max(100u, r.definition().leaseMs / 4);
+    return r.holdsLease() ? heldMs : unsigned(std::clamp<int64_t>(r.leaseFreeInMs() + 20, 100, quarter));
   }
 
   // Runs `river` until it is caught up. A failure that retrying cannot fix ends it at once; a
@@ -95,7 +98,7 @@ public:
       unsigned wait = 60000;
       for (size_t i = 0; i < mine.size() && !stop.stopped(nullptr); ++i) {
         RiverRunner& r = *mine[i];
-        const RiverOutcome outcome = r.step(nullptr);
+        const RiverOutcome outcome = stepShared(r);
         r.record(outcome);
         failures[i] = outcome.failed() ? failures[i] + 1 : 0;
         wait = std::min(wait, failures[i] ? detail::StopSignal::BackoffMs(failures[i] + 3)
@@ -132,6 +135,94 @@ public:
       *error = firstError.empty() ? std::string("cancelled") : firstError;
     return ok;
   }
+
+  // Sharing with other processes: this process's share of the rivers, the leases it holds, and
+  // which rivers hold one (by position in `rivers`).
+  bool sharing = false;
+  std::atomic<unsigned> share{0};
+  std::atomic<unsigned> held{0};
+  std::deque<std::atomic<bool>> holding;
+
+  // A following step within this process's share: a river beyond it is given back (or not
+  // taken); one taken counts from the step that took it.
+  RiverOutcome stepShared(RiverRunner& r) {
+    const size_t i =
+        size_t(std::find_if(rivers.begin(), rivers.end(), [&](auto& p) { return p.get() == &r; }) - rivers.begin());
+    std::atomic<bool>& holds = holding[i];
+    if (!sharing) {
+      RiverOutcome outcome = r.step(nullptr);
+      holds = r.holdsLease();
+      return outcome;
+    }
+    if (holds.load() && held.load() > share.load()) {
+      r.release();
+      holds = false;
+      --held;
+      qzLogObject(qzLog::Info, "river") << "River " << r.definition().name << " given back: " << share.load()
+                                        << " rivers are this process's share";
+      return RiverOutcome::Idle("given back to the other processes");
+    }
+    if (!holds.load() && held.fetch_add(1) >= share.load()) {
+      --held;
+      return RiverOutcome::Idle("this process holds its share");
+    }
+    RiverOutcome outcome = r.step(nullptr);
+    holds = r.holdsLease();
+    if (!holds.load())
+      --held;
+    return outcome;
+  }
+
+  // Heartbeats and their expiry follow the shortest lease of the rivers.
+  unsigned shortestLeaseMs() const {
+    unsigned leaseMs = 30000;
+    for (const auto& r : rivers)
+      leaseMs = std::min(leaseMs, r->definition().leaseMs);
+    return leaseMs;
+  }
+  // One heartbeat; the share follows the live processes. False when it failed.
+  bool beat(detail::ProcessRegistry& registry) {
+    const RiverOutcome beaten = registry.beat(false, nullptr);
+    if (beaten.ok())
+      share = detail::ProcessRegistry::Share(unsigned(rivers.size()), registry.processes(), registry.rank());
+    else if (!stop.stopped(nullptr))
+      qzLogObject(qzLog::Warning, "river") << "Heartbeat: " << beaten.message;
+    return beaten.ok();
+  }
+  // Beats every quarter of the shortest lease time until stopped, then removes the heartbeat.
+  void beatUntilStopped(detail::ProcessRegistry& registry, unsigned failures) {
+    while (stop.pause(failures ? detail::StopSignal::BackoffMs(failures + 3) : shortestLeaseMs() / 4, nullptr))
+      failures = beat(registry) ? 0 : failures + 1;
+    registry.beat(true, nullptr);
+  }
+
+  // The heartbeat document's name: one per set of rivers.
+  std::string processesDocument() const {
+    std::vector<std::string> names;
+    for (const auto& r : rivers)
+      names.push_back(r->definition().name);
+    std::sort(names.begin(), names.end());
+    uint64_t hash = 1469598103934665603ull; // FNV-1a
+    for (const auto& name : names)
+      for (const char c : name + '\n')
+        hash = (hash ^ uint8_t(c)) * 1099511628211ull;
+    char hex[17];
+    std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(hash));
+    return std::string("httptools-processes-") + hex;
+  }
+
+  void startSharing() {
+    const RiverDefinition& first = rivers.front()->definition();
+    detail::StateLocation where{first.elastic, first.stateIndex, processesDocument(), {}, {}};
+    registryStore = std::make_unique<detail::CheckpointStore>(pool, where);
+    // A heartbeat lives half a lease (two beats): a process gone is seen before its leases expire.
+    registry = std::make_unique<detail::ProcessRegistry>(*registryStore, pool, where, owner, shortestLeaseMs() / 2);
+    // The first beat before the rivers start, so that they start with this process's share.
+    const unsigned failures = beat(*registry) ? 0 : 1;
+    workers.emplace_back([this, failures] { beatUntilStopped(*registry, failures); });
+  }
+  std::unique_ptr<detail::CheckpointStore> registryStore;
+  std::unique_ptr<detail::ProcessRegistry> registry;
 };
 
 RiverManager::RiverManager(http::HttpConnectionPool& pool, unsigned workerThreads)
@@ -158,6 +249,10 @@ bool RiverManager::addRiver(RiverDefinition definition, std::string* error) {
       return fail("a river named " + definition.name + " exists already");
   definition.batchDocs = std::max<size_t>(1, definition.batchDocs);
   definition.leaseMs = std::max(1000u, definition.leaseMs);
+  if (definition.maxDocsPerSecond) // a checkpoint at least every second of a throttled load
+    definition.batchDocs = std::min<size_t>(definition.batchDocs, definition.maxDocsPerSecond);
+  if (definition.name.rfind("httptools-processes-", 0) == 0)
+    return fail("river names starting with httptools-processes- are kept for the processes' heartbeats");
   auto river = std::make_unique<RiverRunner>(d->pool, std::move(definition), d->owner, d->stop);
   if (!river->valid(error))
     return false;
@@ -202,6 +297,13 @@ bool RiverManager::start() {
   if (d->running.exchange(true))
     return false;
   d->stop.reset();
+  d->holding.clear();
+  for (size_t i = 0; i < d->rivers.size(); ++i)
+    d->holding.emplace_back(false);
+  d->held = 0;
+  d->share = 0;
+  if (d->sharing && !d->rivers.empty())
+    d->startSharing();
   d->workers.emplace_back([this] { d->runAll(true, nullptr, nullptr); });
   return true;
 }
@@ -211,6 +313,8 @@ void RiverManager::stop() {
   for (auto& t : d->workers)
     if (t.joinable())
       t.join();
+  for (auto& holds : d->holding)
+    holds = false; // released by the workers
   if (!d->workers.empty()) {
     d->workers.clear();
     d->running = false;
@@ -222,6 +326,15 @@ std::vector<RiverStatus> RiverManager::status() const {
   for (const auto& r : d->rivers)
     out.push_back(r->status());
   return out;
+}
+
+void RiverManager::shareWithOtherProcesses(bool share) { d->sharing = share; }
+
+size_t RiverManager::heldRivers() const {
+  size_t n = 0;
+  for (const auto& holds : d->holding)
+    n += holds.load() ? 1 : 0;
+  return n;
 }
 
 } // namespace qz::river

@@ -137,7 +137,8 @@ RiverOutcome RiverRunner::catchUp(const bool* cancel) {
         const bool needsOp = ChangeToOp(change, index, m_def.transform, op, skipped);
         if (skipped)
           updateStatus([](RiverStatus& s) { ++s.skipped; });
-        interrupted = m_stop.stopped(cancel) || !pipeline.add(needsOp ? &op : nullptr, change.seq);
+        interrupted = !m_throttle.take(m_stop, cancel) || m_stop.stopped(cancel) ||
+                      !pipeline.add(needsOp ? &op : nullptr, change.seq);
         return !interrupted;
       },
       &feedError, cancel);

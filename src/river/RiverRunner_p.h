@@ -29,6 +29,8 @@ public:
   void record(const RiverOutcome& outcome);
   void release() { m_lease.release(m_state); }
   bool holdsLease() const { return m_lease.held(); }
+  // Until the lease held elsewhere expires, as last read (negative: expired or unknown).
+  int64_t leaseFreeInMs() const { return m_lease.holderExpiresMs() - NowMs(); }
 
   RiverStatus status() const;
   void setRunning(bool running);
@@ -68,6 +70,8 @@ private:
 
   mutable std::mutex m_statusMutex;
   RiverStatus m_status;
+
+  Throttle m_throttle{m_def.maxDocsPerSecond};
 };
 
 } // namespace qz::river::detail

@@ -1,0 +1,309 @@
+// httptools river run as a service: rivers from a config file, processes sharing them through
+// their leases, signals, and the administration commands.
+#include "RiverFixture.h"
+
+#include <HttpTools/river/RiverLease_p.h>
+
+#include "support/FaultProxy.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+using namespace rivertest;
+
+namespace {
+
+#ifdef HTTPTOOLS_CLI
+class RiverServiceTest : public RiverTest {
+protected:
+  void SetUp() override {
+    RiverTest::SetUp();
+    m_dir = (std::filesystem::temp_directory_path() / "httptools-river-XXXXXX").string();
+    ASSERT_TRUE(mkdtemp(m_dir.data()));
+  }
+  void TearDown() override {
+    for (const pid_t pid : m_pids) // a test that failed early leaves its processes
+      if (::kill(pid, SIGKILL) == 0)
+        ::waitpid(pid, nullptr, 0);
+    std::filesystem::remove_all(m_dir);
+  }
+  std::string file(const std::string& name, const std::string& text) {
+    const std::string path = m_dir + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+  // `httptools river ARGS...` started in the background, its output in `log`.
+  pid_t spawn(std::vector<std::string> args, const std::string& log) {
+    args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
+    const std::string path = m_dir + "/" + log;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const int out = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      ::dup2(out, 1);
+      ::dup2(out, 2);
+      std::vector<char*> argv;
+      for (auto& a : args)
+        argv.push_back(a.data());
+      argv.push_back(nullptr);
+      ::execv(HTTPTOOLS_CLI, argv.data());
+      ::_exit(127);
+    }
+    m_pids.insert(pid);
+    return pid;
+  }
+  // Ends `pid` with `signal`; its exit status (-1 unless it exited).
+  int end(pid_t pid, int signal) {
+    ::kill(pid, signal);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    m_pids.erase(pid);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::string logOf(const std::string& log) {
+    std::ifstream in(m_dir + "/" + log);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  // `httptools river ARGS...` run to its end: exit status, output in `out`.
+  int run(const std::vector<std::string>& args, std::string* out = nullptr) {
+    const pid_t pid = spawn(args, "run.log");
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    m_pids.erase(pid);
+    if (out)
+      *out = logOf("run.log");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // A config of rivers r0.. from databases db0.. into aliases a0.. (the databases created with
+  // `docs[i]` documents each).
+  std::string config(const std::vector<int>& docs, unsigned leaseMs, const std::string& extra = "") {
+    std::string rivers;
+    for (size_t i = 0; i < docs.size(); ++i) {
+      const std::string n = std::to_string(i);
+      EXPECT_EQ(couch.request("PUT", "/db" + n), 201);
+      for (int d = 0; d < docs[i]; ++d)
+        couch.request("PUT", "/db" + n + "/d" + std::to_string(d), "{\"n\":" + std::to_string(d) + "}");
+      rivers += std::string(i ? "," : "") + R"({"name":"r)" + n + R"(","source":")" + couch.baseUrl() + "/db" + n +
+                R"(","target":")" + elastic.baseUrl() + R"(","alias":"a)" + n + R"(","options":{"leaseMs":)" +
+                std::to_string(leaseMs) + R"(,"intervalMs":50)" + (i == 0 ? extra : "") + "}}";
+    }
+    return file("rivers.json", R"({"workers":2,"rivers":[)" + rivers + "]}");
+  }
+  int64_t count(const std::string& alias) {
+    std::string text;
+    qzVariantMapImpl answer;
+    es("POST", "/" + alias + "/_refresh");
+    if (es("GET", "/" + alias + "/_count", {}, &text) != 200 || !qz::json::Json2Variant::Convert(text, answer))
+      return -1;
+    return answer["count"].toInt64();
+  }
+  // The process (pid) holding river `name`'s live lease; 0 when none does.
+  pid_t holder(const std::string& name) {
+    std::string text;
+    qzVariantMapImpl doc;
+    if (es("GET", "/httptools-river/_doc/" + name, {}, &text) != 200 || !qz::json::Json2Variant::Convert(text, doc))
+      return 0;
+    auto& src = doc["_source"].asMap();
+    const std::string owner = src["owner"].toString(); // host:pid:n
+    if (owner.empty() || src["expires"].toInt64() <= qz::river::detail::NowMs())
+      return 0;
+    const size_t a = owner.find(':'), b = owner.find(':', a + 1);
+    return pid_t(std::atoi(owner.substr(a + 1, b - a - 1).c_str()));
+  }
+  std::map<pid_t, int> holders(int rivers) {
+    std::map<pid_t, int> held;
+    for (int i = 0; i < rivers; ++i)
+      ++held[holder("r" + std::to_string(i))];
+    return held;
+  }
+
+  std::string m_dir;
+  std::set<pid_t> m_pids;
+};
+
+TEST_F(RiverServiceTest, ConfigErrorsNameTheKey) {
+  const std::string s = couch.baseUrl() + "/db", t = elastic.baseUrl() + "/docs";
+  auto river = [&](const std::string& fields) {
+    return R"({"rivers":[{"name":"a","source":")" + s + R"(","target":")" + t + "\"" + fields + "}]}";
+  };
+  const struct {
+    std::string text, error;
+  } cases[] = {
+      {"[1]", "not a JSON object"},
+      {R"({"worker":2,"rivers":[]})", "worker: unknown key"},
+      {R"({"rivers":[]})", "rivers: must be a non-empty list"},
+      {river(R"(,"colour":1)"), "rivers[0].colour: unknown key"},
+      {R"({"rivers":[{"name":"a","target":"http://127.0.0.1:1/x"}]})", "rivers[0].source: missing"},
+      {river(R"(,"options":{"batch":0})"), "rivers[0].options.batch: must be an integer from 1"},
+      {river(R"(,"options":{"leaseMs":"long"})"), "rivers[0].options.leaseMs: must be an integer"},
+      {river(R"(,"options":{"lease":1})"), "rivers[0].options.lease: unknown key"},
+      {river(R"(,"mapping":"absent.json")"), "rivers[0].mapping: cannot read"},
+      {river(R"(,"targetHeaders":"X: 1")"), "rivers[0].targetHeaders: must be a list of strings"},
+      {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":"http://127.0.0.1:1"}]})",
+       "rivers[0].alias: missing"},
+      {R"({"rivers":[{"name":"a","source":"http://127.0.0.1:99999/db","target":")" + t + "\"}]}",
+       "rivers[0].source: not a database URL"},
+      {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":")" + t + R"("},{"name":"a","source":")" + s +
+           R"(","target":")" + t + "\"}]}",
+       "rivers[1].name: a is defined twice"},
+  };
+  for (const auto& c : cases) {
+    std::string out;
+    EXPECT_EQ(run({"--config", file("bad.json", c.text), "--once"}, &out), 2) << c.text;
+    EXPECT_NE(out.find(c.error), std::string::npos) << c.text << "\n" << out;
+  }
+  std::string out;
+  EXPECT_EQ(run({s, t, "--config", file("good.json", river(""))}, &out), 2);
+  EXPECT_NE(out.find("either --config FILE or the two URLs"), std::string::npos) << out;
+}
+
+TEST_F(RiverServiceTest, ThreeRiversOfOneConfigEachFillTheirAliasThrottledWhereAsked) {
+  // River 0 reads at most 20 changes a second: its 60 documents take nearly 3 s.
+  const std::string path = config({60, 120, 7}, 5000, R"(,"maxDocsPerSecond":20)");
+  const auto started = Clock::now();
+  std::string out;
+  ASSERT_EQ(run({"--config", path, "--once"}, &out), 0) << out;
+  EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(2500));
+  EXPECT_EQ(count("a0"), 60);
+  EXPECT_EQ(count("a1"), 120);
+  EXPECT_EQ(count("a2"), 7);
+  ASSERT_EQ(run({"--config", path, "--status"}, &out), 0) << out;
+  for (const char* line :
+       {"river r0: db0 -> a0\n  index: a0-1 seq=60\n", "river r1: db1 -> a1\n  index: a1-1 seq=120\n",
+        "river r2: db2 -> a2\n  index: a2-1 seq=7\n"})
+    EXPECT_NE(out.find(line), std::string::npos) << line << " in\n" << out;
+}
+
+TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIsKilled) {
+  const unsigned leaseMs = 2000;
+  const std::string path = config({3, 3, 3, 3, 3, 3}, leaseMs);
+  const std::vector<std::string> args{"--config", path, "--follow", "--status-ms", "500", "--log-json"};
+  const pid_t first = spawn(args, "first.log"), second = spawn(args, "second.log");
+  ASSERT_TRUE(waitFor(
+      [&] {
+        return holders(6) == std::map<pid_t, int>{{first, 3}, {second, 3}};
+      },
+      30))
+      << "held by pid (0: nobody): " << testing::PrintToString(holders(6));
+  const auto killed = Clock::now();
+  end(first, SIGKILL);
+  ASSERT_TRUE(waitFor(
+      [&] {
+        return holders(6) == std::map<pid_t, int>{{second, 6}};
+      },
+      30))
+      << testing::PrintToString(holders(6));
+  const auto takeover = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed).count();
+  // The leases expire at most leaseMs after the kill and are taken as they do (a margin for
+  // loaded machines).
+  RecordProperty("takeover_ms", int(takeover));
+  EXPECT_LE(takeover, leaseMs + 1000) << "taken over after " << takeover << " ms";
+  for (int i = 0; i < 6; ++i)
+    ASSERT_EQ(couch.request("PUT", "/db" + std::to_string(i) + "/late", "{}"), 201);
+  EXPECT_TRUE(waitFor([&] {
+    for (int i = 0; i < 6; ++i)
+      if (count("a" + std::to_string(i)) != 4)
+        return false;
+    return true;
+  }));
+  EXPECT_EQ(end(second, SIGTERM), 0);
+  EXPECT_EQ(holders(6), (std::map<pid_t, int>{{0, 6}})); // given back on the way out
+  // --log-json: every line one object; the last status of each river counts the late document.
+  std::map<std::string, int64_t> indexed;
+  std::istringstream lines(logOf("second.log"));
+  for (std::string line; std::getline(lines, line);) {
+    qzVariantMapImpl object;
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(line, object)) << line;
+    EXPECT_TRUE(object.count("time") && object.count("level")) << line;
+    if (object.count("river"))
+      indexed[object["river"].toString()] = object["indexed"].toInt64();
+  }
+  EXPECT_EQ(indexed.size(), 6u);
+  for (const auto& [river, n] : indexed)
+    EXPECT_GE(n, 1) << river;
+}
+
+TEST_F(RiverServiceTest, SigtermDuringABulkStopsAtOnceAndLosesNothing) {
+  qztest::FaultProxy proxy(uint16_t(elastic.port()));
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  const size_t slow = proxy.addRule(qztest::FaultProxy::Match("POST", "/_bulk", qztest::FaultProxy::Delay).wait(5000));
+  load(0, 300);
+  const pid_t pid =
+      spawn({couch.baseUrl() + "/db", proxy.baseUrl() + "/docs", "--name", "r", "--follow", "--batch", "100"}, "f.log");
+  ASSERT_TRUE(waitFor([&] { return proxy.matched(slow) >= 1; })) << "no bulk request";
+  const auto signalled = Clock::now();
+  EXPECT_EQ(end(pid, SIGTERM), 0);
+  const auto stopMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - signalled).count();
+  RecordProperty("stop_ms", int(stopMs));
+  EXPECT_LT(stopMs, 1000);
+  std::string out;
+  ASSERT_EQ(run({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r", "--once"}, &out), 0) << out;
+  expectIndexEqualsDatabase(); // every document once
+}
+
+TEST_F(RiverServiceTest, StatusResetAndRemove) {
+  load(0, 20);
+  const std::vector<std::string> river{couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r"};
+  auto with = [&](std::vector<std::string> flags) {
+    flags.insert(flags.begin(), river.begin(), river.end());
+    return flags;
+  };
+  std::string out;
+  ASSERT_EQ(run(with({"--status"}), &out), 0);
+  EXPECT_NE(out.find("no stored state"), std::string::npos) << out;
+  EXPECT_EQ(run(with({"--remove"}), &out), 1) << out;
+  ASSERT_EQ(run(with({"--once"}), &out), 0) << out;
+  ASSERT_EQ(run(with({"--status"}), &out), 0);
+  EXPECT_NE(out.find("index: docs-1 seq=20\n  lease: free"), std::string::npos) << out;
+
+  // A reset fills docs-2 from seq 0, moves the alias and drops docs-1.
+  ASSERT_EQ(run(with({"--reset"}), &out), 0) << out;
+  ASSERT_EQ(run(with({"--status"}), &out), 0);
+  EXPECT_NE(out.find("index: docs-2 seq=20\n"), std::string::npos) << out;
+  EXPECT_EQ(es("GET", "/docs-1"), 404);
+  expectIndexEqualsDatabase();
+
+  // A live lease refuses removal; once it is given back, the state goes, the index stays.
+  const pid_t pid = spawn(with({"--follow", "--lease-ms", "3000"}), "follow.log");
+  ASSERT_TRUE(waitFor([&] { return holder("r") == pid; }));
+  EXPECT_EQ(run(with({"--remove"}), &out), 1);
+  EXPECT_NE(out.find("stop it first"), std::string::npos) << out;
+  // A reset meanwhile is carried out by the process following the river.
+  ASSERT_EQ(run(with({"--reset"}), &out), 0) << out;
+  EXPECT_TRUE(waitFor([&] { return es("GET", "/docs-2") == 404 && count("docs") == 20; }));
+  EXPECT_EQ(end(pid, SIGTERM), 0);
+  ASSERT_EQ(run(with({"--status"}), &out), 0);
+  EXPECT_NE(out.find("index: docs-3 seq=20\n"), std::string::npos) << out;
+  ASSERT_EQ(run(with({"--remove"}), &out), 0) << out;
+  EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
+  EXPECT_EQ(count("docs"), 20);
+  // Run again (into a new index), then removed with its indices.
+  ASSERT_EQ(run(with({"--once"}), &out), 0) << out;
+  ASSERT_EQ(run(with({"--remove", "--delete-index"}), &out), 0) << out;
+  EXPECT_EQ(es("GET", "/docs"), 404);
+  EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
+}
+#endif
+
+TEST(RiverShareTest, EveryProcessHoldsFloorOrCeilingAndTogetherAll) {
+  for (unsigned rivers = 0; rivers <= 13; ++rivers)
+    for (unsigned processes = 1; processes <= 5; ++processes) {
+      unsigned total = 0;
+      for (unsigned rank = 0; rank < processes; ++rank) {
+        const unsigned share = qz::river::detail::ProcessRegistry::Share(rivers, processes, rank);
+        EXPECT_GE(share, rivers / processes);
+        EXPECT_LE(share, (rivers + processes - 1) / processes);
+        total += share;
+      }
+      EXPECT_EQ(total, rivers) << rivers << " rivers, " << processes << " processes";
+    }
+}
+
+} // namespace
