@@ -3,7 +3,8 @@
 pkg_check_modules(BENCH_CPPHTTPLIB QUIET IMPORTED_TARGET cpp-httplib)
 if(BENCH_CPPHTTPLIB_FOUND)
   target_sources(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/support/PouchDbFixture.cpp
-                                 ${CMAKE_SOURCE_DIR}/tests/support/Process.cpp)
+                                 ${CMAKE_SOURCE_DIR}/tests/support/Process.cpp
+                                 ${CMAKE_SOURCE_DIR}/tests/support/SourcePaths.cpp)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE PkgConfig::BENCH_CPPHTTPLIB)
   target_compile_definitions(${name} PRIVATE HTTPTOOLS_SOURCE_DIR="${CMAKE_SOURCE_DIR}"

@@ -6,7 +6,7 @@
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
-#include "support/PouchDbFixture.h"
+#include "support/PouchDbTest.h"
 #include "support/TestHttpServer.h"
 
 #include <gtest/gtest.h>

@@ -9,7 +9,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/FaultProxy.h"
-#include "support/PouchDbFixture.h"
+#include "support/PouchDbTest.h"
 #include "support/Process.h"
 #include "support/TestHttpServer.h"
 

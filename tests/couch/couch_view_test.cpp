@@ -8,7 +8,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/LogCapture.h"
-#include "support/PouchDbFixture.h"
+#include "support/PouchDbTest.h"
 #include "support/TestHttpServer.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 
 #include <HttpTools/platform/qzJson.h>
 
-#include "support/PouchDbFixture.h"
+#include "support/PouchDbTest.h"
 
 #include <gtest/gtest.h>
 
