@@ -22,13 +22,14 @@ struct RiverArgs {
   unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
   double retryMaxTime = 120; // seconds
   ConnectionOptions conn;
+  std::string deadLetterFile, replayFile, selector;
 };
 
 std::string StatusLine(const qz::river::RiverStatus& s) {
   std::ostringstream line;
   line << "river " << s.name << " seq=" << (s.lastSeq.empty() ? "-" : s.lastSeq) << " indexed=" << s.indexed
        << " deleted=" << s.deleted << " skipped=" << s.skipped << " failed=" << s.failed << " lag=" << s.lagMs << "ms"
-       << " retries=" << s.retries << (s.caughtUp ? " caught-up" : "");
+       << " retries=" << s.retries << " rejected=" << s.rejected << (s.caughtUp ? " caught-up" : "");
   if (!s.buildingIndex.empty())
     line << " building=" << s.buildingIndex;
   if (s.failures)
@@ -72,6 +73,19 @@ void VerifyRiver(qz::http::HttpConnectionPool& pool, const qz::river::RiverDefin
     PrintDrift("after repair: ", drift);
   }
   exitCode = drift.none() ? kExitOk : kExitFailure;
+}
+
+// --replay FILE: exit 0 when every listed document went through.
+void ReplayRiver(qz::http::HttpConnectionPool& pool, const qz::river::RiverDefinition& def, const std::string& file) {
+  qz::river::RiverReplay replay;
+  std::string error;
+  if (!qz::river::ReplayDeadLetters(pool, def, file, replay, &error, InterruptFlag())) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = kExitFailure;
+    return;
+  }
+  std::cout << "replayed ids=" << replay.ids << " written=" << replay.written << " refused=" << replay.refused << "\n";
+  exitCode = replay.refused ? kExitFailure : kExitOk;
 }
 
 void RunRiver(const RiverArgs& a) {
@@ -118,11 +132,16 @@ void RunRiver(const RiverArgs& a) {
   def.flushIntervalMs = a.intervalMs;
   def.leaseMs = a.leaseMs;
   def.retryMaxMs = unsigned(a.retryMaxTime * 1000);
+  if (!a.deadLetterFile.empty())
+    def.deadLetter = qz::river::DeadLetterFile(a.deadLetterFile);
+  def.selectorJson = a.selector;
 
   qz::http::HttpConnectionPool pool;
   Prepare(pool);
   if (a.verify || a.repair)
     return VerifyRiver(pool, def, a.repair);
+  if (!a.replayFile.empty())
+    return ReplayRiver(pool, def, a.replayFile);
   qz::river::RiverManager rivers(pool, 1);
   std::string error;
   if (!rivers.addRiver(def, &error)) {
@@ -193,6 +212,14 @@ void AddRiverCommand(CLI::App& app) {
                   "Once: seconds of failures in a row retried before giving up (default 120)")
       ->check(CLI::NonNegativeNumber);
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
+  cmd->add_option("--dead-letter", a->deadLetterFile,
+                  "Append documents Elasticsearch refuses for good to FILE (JSON lines) and go on");
+  cmd->add_option("--replay", a->replayFile,
+                  "Index the documents listed in a dead-letter FILE again, keep only those still refused")
+      ->excludes(once)
+      ->excludes(follow)
+      ->excludes(verify);
+  cmd->add_option("--selector", a->selector, "Mango selector (JSON): only matching documents are indexed");
   AddConnectionOptions(cmd, a->conn, false);
   cmd->callback([a] { RunRiver(*a); });
 }

@@ -177,19 +177,27 @@ TEST(RiverPipeline, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByTheStore
   qz::http::HttpConnectionPool pool;
   StopSignal stop;
   BulkProgress total;
-  auto sender = MakeBulkSender(pool, qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), "r",
-                               stop, [&](const BulkProgress& p) {
-                                 total.indexed += p.indexed;
-                                 total.deleted += p.deleted;
-                                 total.failed += p.failed;
-                                 total.retried += p.retried;
-                               });
+  std::vector<std::string> letters;
+  auto sender = MakeBulkSender(
+      pool, qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), "r", stop,
+      [&](const BulkProgress& p) {
+        total.indexed += p.indexed;
+        total.deleted += p.deleted;
+        total.rejected += p.rejected;
+        total.retried += p.retried;
+      },
+      5,
+      [&](const qz::river::RiverDeadLetter& l) {
+        letters.push_back(l.id + " " + std::to_string(l.status) + " " + l.errorType);
+        return true;
+      });
   const RiverOutcome sent = sender->send(ops, nullptr);
   ASSERT_TRUE(sent.ok()) << sent.message;
   EXPECT_TRUE(ops.empty());
-  EXPECT_EQ(total.indexed, 3u); // a, then older and gone written again
-  EXPECT_EQ(total.deleted, 1u); // stale
-  EXPECT_EQ(total.failed, 1u);  // bad
+  EXPECT_EQ(total.indexed, 3u);  // a, then older and gone written again
+  EXPECT_EQ(total.deleted, 1u);  // stale
+  EXPECT_EQ(total.rejected, 1u); // bad
+  EXPECT_EQ(letters, std::vector<std::string>{"bad 400 mapper_parsing_exception"});
   EXPECT_GE(total.retried, 2u); // the rejected items at least
   for (const auto& c : cases) {
     auto got = es.Get("/i/_doc/" + c.op.id);
