@@ -21,7 +21,8 @@ namespace qz::river {
 /// An item Elasticsearch refused for good (a 4xx other than 408, 409 and 429 carrying an error:
 /// a mapping error, a document too large even alone), as the river hands it on.
 struct HTTPTOOLS_API RiverDeadLetter {
-  std::string id, rev;   ///< the document and the winning revision sent
+  std::string id;        ///< the document
+  std::string rev;       ///< the winning revision sent
   std::string seq;       ///< the change that carried it
   int status = 0;        ///< Elasticsearch's status for the item
   std::string errorType; ///< Elasticsearch's `error.type`
