@@ -37,6 +37,7 @@ struct RiverArgs {
   std::string configFile;
   bool status = false, reset = false, remove = false, deleteIndex = false, logJson = false;
   unsigned maxDocsPerSecond = 0;
+  std::string deadLetterFile, replayFile, selector;
 };
 
 // The header lines of one side. Errors name the option and the file, never a value.
@@ -120,7 +121,7 @@ std::string StatusLine(const qz::river::RiverStatus& s) {
   std::ostringstream line;
   line << "river " << s.name << " seq=" << (s.lastSeq.empty() ? "-" : s.lastSeq) << " indexed=" << s.indexed
        << " deleted=" << s.deleted << " skipped=" << s.skipped << " failed=" << s.failed << " lag=" << s.lagMs << "ms"
-       << " retries=" << s.retries << (s.caughtUp ? " caught-up" : "");
+       << " retries=" << s.retries << " rejected=" << s.rejected << (s.caughtUp ? " caught-up" : "");
   if (!s.buildingIndex.empty())
     line << " building=" << s.buildingIndex;
   if (s.failures)
@@ -248,6 +249,19 @@ void RunRiverConfig(const RiverArgs& a) {
   RunRivers(defs, config.workers, a);
 }
 
+// --replay FILE: exit 0 when every listed document went through.
+void ReplayRiver(qz::http::HttpConnectionPool& pool, const qz::river::RiverDefinition& def, const std::string& file) {
+  qz::river::RiverReplay replay;
+  std::string error;
+  if (!qz::river::ReplayDeadLetters(pool, def, file, replay, &error, InterruptFlag())) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = kExitFailure;
+    return;
+  }
+  std::cout << "replayed ids=" << replay.ids << " written=" << replay.written << " refused=" << replay.refused << "\n";
+  exitCode = replay.refused ? kExitFailure : kExitOk;
+}
+
 void RunRiver(const RiverArgs& a) {
   if (!a.configFile.empty() && !a.couchUrl.empty()) {
     std::cerr << "httptools river: give either --config FILE or the two URLs\n";
@@ -312,10 +326,15 @@ void RunRiver(const RiverArgs& a) {
   def.leaseMs = a.leaseMs;
   def.retryMaxMs = unsigned(a.retryMaxTime * 1000);
   def.maxDocsPerSecond = a.maxDocsPerSecond;
+  if (!a.deadLetterFile.empty())
+    def.deadLetter = qz::river::DeadLetterFile(a.deadLetterFile);
+  def.selectorJson = a.selector;
 
-  if (a.verify || a.repair) {
+  if (a.verify || a.repair || !a.replayFile.empty()) {
     qz::http::HttpConnectionPool pool;
     pool.setConnectionSetup(prepare);
+    if (!a.replayFile.empty())
+      return ReplayRiver(pool, def, a.replayFile);
     return VerifyRiver(pool, def, a.repair);
   }
   RunRivers({def}, 1, a, prepare);
@@ -428,6 +447,14 @@ void AddRiverCommand(CLI::App& app) {
                   "Once: seconds of failures in a row retried before giving up (default 120)")
       ->check(CLI::NonNegativeNumber);
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
+  cmd->add_option("--dead-letter", a->deadLetterFile,
+                  "Append documents Elasticsearch refuses for good to FILE (JSON lines) and go on");
+  cmd->add_option("--replay", a->replayFile,
+                  "Index the documents listed in a dead-letter FILE again, keep only those still refused")
+      ->excludes(once)
+      ->excludes(follow)
+      ->excludes(verify);
+  cmd->add_option("--selector", a->selector, "Mango selector (JSON): only matching documents are indexed");
   AddConnectionOptions(cmd, a->conn, false);
   cmd->add_option("--source-header", a->sourceHeaders,
                   "Header line for CouchDB: \"Name: value\", \"Name: @FILE\" (value read from FILE) or @FILE of lines "

@@ -18,6 +18,19 @@ class HttpConnectionPool;
 
 namespace qz::river {
 
+/// An item Elasticsearch refused for good (a 4xx other than 408, 409 and 429 carrying an error:
+/// a mapping error, a document too large even alone), as the river hands it on.
+struct HTTPTOOLS_API RiverDeadLetter {
+  std::string id;        ///< the document
+  std::string rev;       ///< the winning revision sent
+  std::string seq;       ///< the change that carried it
+  int status = 0;        ///< Elasticsearch's status for the item
+  std::string errorType; ///< Elasticsearch's `error.type`
+  std::string reason;    ///< Elasticsearch's `error.reason`
+  int64_t timeMs = 0;    ///< when it was refused, milliseconds since the epoch
+  std::string source;    ///< the document sent (JSON); empty for a delete
+};
+
 /// One CouchDB database kept in step with one Elasticsearch alias.
 struct HTTPTOOLS_API RiverDefinition {
   std::string name;                                       ///< unique among the rivers sharing `stateIndex`
@@ -40,6 +53,16 @@ struct HTTPTOOLS_API RiverDefinition {
 
   /// Documents read per second at most (0: no limit), to spare a busy cluster a first load.
   unsigned maxDocsPerSecond = 0;
+  /// Takes each item Elasticsearch refuses for good; returning true lets the river go on and
+  /// its checkpoint move past the item. Unset, or returning false, the river stops before its
+  /// checkpoint passes that change, naming the id and Elasticsearch's reason. Called on the
+  /// river's worker thread. DeadLetterFile() makes one that appends to a file.
+  std::function<bool(const RiverDeadLetter&)> deadLetter;
+  /// A Mango selector (JSON; empty: every document): documents that do not match it, before the
+  /// transform, are left out of the index like those the transform skips, and removed when an
+  /// edit makes them stop matching. Filling an index from the start on CouchDB 2 or later, the
+  /// feed itself is filtered (filter=_selector).
+  std::string selectorJson;
 };
 
 /// A river's progress, as RiverManager::status() reports it.
@@ -59,6 +82,7 @@ struct HTTPTOOLS_API RiverStatus {
   size_t retries = 0;           ///< items sent again after 429/503 or a lost connection
   size_t failures = 0;          ///< steps failed in a row (retried; the cause is in `error`)
   int64_t lagMs = 0;            ///< time since the river was last caught up (0 when it is)
+  size_t rejected = 0;          ///< items refused for good and handed to the dead-letter callback
 };
 
 /// What VerifyRiver found: CouchDB winners missing from the index or held there at another
@@ -87,6 +111,31 @@ struct HTTPTOOLS_API RiverDrift {
 /// a side cannot be read; true otherwise, drift or not.
 HTTPTOOLS_API bool VerifyRiver(qz::http::HttpConnectionPool& pool, const RiverDefinition& definition, bool repair,
                                RiverDrift& drift, std::string* error, const bool* cancel);
+
+/// A RiverDefinition::deadLetter that appends each letter to `path` as one JSON object per line
+/// (id, rev, seq, status, type, reason, time as ISO 8601 UTC, source as the document object or
+/// null); false when the line cannot be written. Safe to share between rivers and threads.
+HTTPTOOLS_API std::function<bool(const RiverDeadLetter&)> DeadLetterFile(const std::string& path);
+
+/// Reads the letters of a file DeadLetterFile() wrote. False with `error` when the file cannot
+/// be read or a line is no letter; a missing file holds none.
+HTTPTOOLS_API bool ReadDeadLetters(const std::string& path, std::vector<RiverDeadLetter>& letters, std::string* error);
+
+/// What ReplayDeadLetters did.
+struct HTTPTOOLS_API RiverReplay {
+  size_t ids = 0;     ///< distinct documents listed in the file
+  size_t written = 0; ///< indexed or deleted as CouchDB holds them now
+  size_t refused = 0; ///< refused again, left in the file
+};
+
+/// Writes the documents listed in the dead-letter file `path` again from CouchDB's current
+/// state (as the river writes them, under `definition`'s alias), then rewrites the file with the
+/// letters of those Elasticsearch still refuses. A listed document gone from CouchDB is deleted
+/// from the index. False with `error` when a side cannot be reached or the file cannot be
+/// read or rewritten (the file is then left as it was).
+HTTPTOOLS_API bool ReplayDeadLetters(qz::http::HttpConnectionPool& pool, const RiverDefinition& definition,
+                                     const std::string& path, RiverReplay& replay, std::string* error,
+                                     const bool* cancel);
 
 /// Runs rivers: reads each database's change feed (documents included) in batches of `batchDocs`,
 /// writes each batch with one _bulk request and, once every item is acknowledged, stores the seq

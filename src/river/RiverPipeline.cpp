@@ -21,6 +21,7 @@ bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const
     return false;
   op.index = index;
   op.id = change.id;
+  op.seq = change.seq;
   op.source.clear();
   op.remove = change.deleted || change.id.rfind("_design/", 0) == 0 || !change.doc.isMap();
   if (op.remove)

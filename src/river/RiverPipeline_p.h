@@ -1,6 +1,7 @@
 #pragma once
 
 #include <HttpTools/couch/ChangesFeed.h>
+#include <HttpTools/river/River.h>
 #include <HttpTools/river/RiverSupport_p.h>
 
 #include <condition_variable>
@@ -21,7 +22,8 @@ struct BulkOp {
   std::string index, id, rev;
   int64_t version = 0; // negative: written above whatever version is stored
   bool remove = false;
-  std::string source; // index: the document as JSON, `kRevField` included
+  std::string source;   // index: the document as JSON, `kRevField` included
+  std::string seq = {}; // the change that asked for it
   size_t size() const { return index.size() + id.size() + source.size() + 96; }
 };
 
@@ -33,9 +35,19 @@ using Transform = std::function<bool(qzVariantMapImpl& doc)>;
 bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const Transform& transform, BulkOp& op,
                 bool& skipped);
 
+// The definition's transform behind its selector: a document the selector leaves out is
+// skipped. SelectorError() tells a selector that cannot be read ("" when it can).
+Transform RiverTransform(const RiverDefinition& def);
+std::string SelectorError(const std::string& selectorJson);
+// Whether the server's welcome answer (GET /) shows CouchDB 2 or later, which filters a feed by
+// a selector. Never asked otherwise: pouchdb-server fails on filter=_selector.
+bool ServerFiltersBySelector(http::HttpConnectionPool& pool, const qz::couch::CouchConnectionParameters& couch,
+                             const bool* cancel);
+
 // What a sender reports after each batch.
 struct BulkProgress {
   size_t indexed = 0, deleted = 0, failed = 0, retried = 0;
+  size_t rejected = 0;  // refused for good, handed to the dead-letter callback
   std::string retrying; // why some items went again; "" when all went through
 };
 
@@ -45,9 +57,11 @@ public:
   virtual ~BulkSender() = default;
   // Sends `ops` until each one is acknowledged: written, a delete of a missing document, or a
   // version conflict with the same revision stored; a conflict with another revision stored is
-  // written again above it. Items refused for good are counted as failed. Idle on stop or
-  // cancel; a transient failure when items are still rejected (429, 503, no answer) after the
-  // retries; Failed for good when the server refuses the whole request.
+  // written again above it. A request refused as too large (413) is sent again in halves. Items
+  // refused for good (a 4xx other than 408, 409 and 429) go to the dead-letter callback; without
+  // one (or when it fails) they fail the send for good, counted as failed. Idle on stop or
+  // cancel; a transient failure when items are still rejected (408, 429, 5xx, no answer) after
+  // the retries; Failed for good when the server refuses the whole request.
   virtual RiverOutcome send(std::vector<BulkOp>& ops, const bool* cancel) = 0;
 };
 
@@ -55,7 +69,8 @@ public:
 std::unique_ptr<BulkSender> MakeBulkSender(http::HttpConnectionPool& pool,
                                            qz::elasticsearch::ElasticConnectionParameters elastic, std::string river,
                                            StopSignal& stop, std::function<void(const BulkProgress&)> progress,
-                                           unsigned retries = 5);
+                                           unsigned retries = 5,
+                                           std::function<bool(const RiverDeadLetter&)> deadLetter = {});
 
 // Gathers operations into batches of `batchDocs` (or `batchBytes`) and writes each full batch
 // on a thread of its own while the next one fills: one batch in flight at most, add() waits for

@@ -10,16 +10,20 @@ RiverRunner::RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definit
       m_store(pool, {m_def.elastic, m_def.stateIndex, m_def.name, m_def.index, m_def.database}),
       m_lease(m_store, owner, m_def.leaseMs), m_indices(pool, m_def.elastic, m_def.index, m_def.mappingJson),
       m_source(pool, m_def.couch, m_def.database, m_def.name) {
-  m_sender = MakeBulkSender(pool, m_def.elastic, m_def.name, stop, [this](const BulkProgress& p) {
-    updateStatus([&](RiverStatus& s) {
-      s.indexed += p.indexed;
-      s.deleted += p.deleted;
-      s.failed += p.failed;
-      s.retries += p.retried;
-      s.error = p.retrying;
-      s.caughtUp = s.caughtUp && p.retrying.empty();
-    });
-  });
+  m_sender = MakeBulkSender(
+      pool, m_def.elastic, m_def.name, stop,
+      [this](const BulkProgress& p) {
+        updateStatus([&](RiverStatus& s) {
+          s.indexed += p.indexed;
+          s.deleted += p.deleted;
+          s.failed += p.failed;
+          s.retries += p.retried;
+          s.error = p.retrying;
+          s.caughtUp = s.caughtUp && p.retrying.empty();
+          s.rejected += p.rejected;
+        });
+      },
+      5, m_def.deadLetter);
   m_status.name = m_def.name;
 }
 
@@ -115,6 +119,10 @@ RiverOutcome RiverRunner::catchUp(const bool* cancel) {
   options.includeDocs = true;
   options.allLeafRevs = true; // every leaf's generation goes into the version
   options.batchLimit = unsigned(m_def.batchDocs);
+  // An index filled from the start holds no document that stopped matching: the server may filter.
+  if (!m_def.selectorJson.empty() && options.since == "0" && ServerFiltersBySelector(m_pool, m_def.couch, cancel))
+    options.selector = m_def.selectorJson;
+  const Transform transform = RiverTransform(m_def);
   options.backoffInitialMs = 200;
   options.backoffMaxMs = 1000;
   options.maxRetries = 3;
@@ -134,7 +142,7 @@ RiverOutcome RiverRunner::catchUp(const bool* cancel) {
         reconnectsAtDelivery = feed.reconnectCount();
         BulkOp op;
         bool skipped = false;
-        const bool needsOp = ChangeToOp(change, index, m_def.transform, op, skipped);
+        const bool needsOp = ChangeToOp(change, index, transform, op, skipped);
         if (skipped)
           updateStatus([](RiverStatus& s) { ++s.skipped; });
         interrupted = !m_throttle.take(m_stop, cancel) || m_stop.stopped(cancel) ||

@@ -17,7 +17,12 @@ namespace qz::river::detail {
 class RiverRunner {
 public:
   RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definition, const std::string& owner, StopSignal& stop);
-  bool valid(std::string* error) const { return m_indices.valid(error); }
+  bool valid(std::string* error) const {
+    const std::string selector = SelectorError(m_def.selectorJson);
+    if (!selector.empty() && error)
+      *error = selector;
+    return selector.empty() && m_indices.valid(error);
+  }
   const RiverDefinition& definition() const { return m_def; }
 
   // One round: the lease, the index to write, the feed from the checkpoint to its end (and the

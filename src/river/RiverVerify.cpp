@@ -103,7 +103,8 @@ public:
   Verifier(http::HttpConnectionPool& pool, const RiverDefinition& def, bool repair, RiverDrift& drift,
            const bool* cancel)
       : m_pool(pool), m_def(def), m_repair(repair), m_drift(drift), m_cancel(cancel),
-        m_sender(MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {})) {}
+        m_sender(MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {})),
+        m_transform(RiverTransform(def)) {}
 
   // CouchDB's winners are looked up in the index. The index can hold more only when it counts
   // more documents than those lookups found: only then is it scanned for the extra ones. (A
@@ -155,7 +156,7 @@ private:
     std::string last;
     for (;;) {
       qz::Url::QueryParameters query{{"limit", std::to_string(kPage)}};
-      if (m_def.transform)
+      if (m_transform)
         query.emplace_back("include_docs", "true");
       if (!last.empty()) {
         query.emplace_back("startkey", JsonText(qzVariant(last)));
@@ -175,11 +176,11 @@ private:
             r.count("value")
                 ? r.at("value").toMap().count("rev") ? r.at("value").toMap().at("rev").toString() : std::string()
                 : std::string();
-        if (m_def.transform && r.count("doc") && r.at("doc").isMap()) {
+        if (m_transform && r.count("doc") && r.at("doc").isMap()) {
           qzVariantMapImpl doc = r.at("doc").toMap();
           bool keep = false;
           try {
-            keep = m_def.transform(doc);
+            keep = m_transform(doc);
           } catch (...) {
           }
           if (!keep)
@@ -323,7 +324,7 @@ private:
             [&](const qz::couch::Change& change) {
               BulkOp op;
               bool skipped = false;
-              if (ChangeToOp(change, m_def.index, m_def.transform, op, skipped))
+              if (ChangeToOp(change, m_def.index, m_transform, op, skipped))
                 ops.push_back(std::move(op));
               return true;
             },
@@ -360,6 +361,7 @@ private:
   const bool* m_cancel;
   StopSignal m_stop;
   std::unique_ptr<BulkSender> m_sender;
+  const Transform m_transform; // the selector, then the definition's transform
 };
 
 } // namespace

@@ -188,6 +188,7 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
     integer("cut_search_after", f.cutSearchAfter);
     integer("stall_search_ms", f.stallSearchMs);
     integer("partial_search_pages", f.partialSearchPages);
+    integer("max_bulk_bytes", f.maxBulkBytes);
     if (body.HasMember("unavailable_path") && body["unavailable_path"].IsString())
       f.unavailablePath = body["unavailable_path"].GetString();
     if (body.HasMember("require_header") && body["require_header"].IsString())

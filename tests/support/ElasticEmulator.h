@@ -55,6 +55,7 @@ public:
     bool mgetDropLast = false;      // the next _mget answer leaves out its last document
     std::string requireHeader;      // "Name: value" lines (joined by '\n') every request must carry, 401 otherwise
     int partialSearchPages = 0;     // the next N search pages time out on one of two shards
+    size_t maxBulkBytes = 0;        // a _bulk body over this many bytes answers 413 (0: no limit)
   };
 
   struct Stats {
@@ -63,6 +64,7 @@ public:
     size_t requests = 0, bulkRequests = 0, bulkItems = 0, searchRequests = 0, mgetRequests = 0;
     std::string lastBulkContentType, lastBulkContentEncoding, lastBulkQuery;
     std::string lastSearchBody;
+    size_t tooLargeBulks = 0; // _bulk requests refused with 413
   };
 
   ElasticEmulator();

@@ -60,6 +60,15 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
   };
   std::vector<Item> items;
   const std::string& text = req.body;
+  {
+    std::lock_guard<std::mutex> lock(st.mu);
+    if (st.faults.maxBulkBytes && text.size() > st.faults.maxBulkBytes) {
+      ++st.stats.tooLargeBulks;
+      return st.reply(res, 413,
+                      errorBody(413, "request_entity_too_large",
+                                "bulk body of " + std::to_string(text.size()) + " bytes is over the limit"));
+    }
+  }
   size_t at = 0;
   auto nextLine = [&](const char*& p, size_t& n) {
     while (at < text.size() && (text[at] == '\n' || text[at] == '\r'))

@@ -1,0 +1,216 @@
+// Documents Elasticsearch refuses for good: dead letters, their replay, bulks too large, and the
+// documents a selector leaves out.
+#include "RiverFixture.h"
+
+#include "support/TestHttpServer.h"
+
+#include <cstdio>
+#include <fstream>
+#include <unistd.h>
+
+using namespace rivertest;
+
+namespace {
+
+class RiverDeadLetterTest : public RiverTest {
+protected:
+  void SetUp() override {
+    RiverTest::SetUp();
+    file = testing::TempDir() + "dead-letters-" + std::to_string(::getpid()) + ".jsonl";
+    std::remove(file.c_str());
+  }
+  void TearDown() override { std::remove(file.c_str()); }
+
+  std::vector<qz::river::RiverDeadLetter> letters() {
+    std::vector<qz::river::RiverDeadLetter> read;
+    std::string error;
+    EXPECT_TRUE(qz::river::ReadDeadLetters(file, read, &error)) << error;
+    return read;
+  }
+  std::string file;
+};
+
+TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopTheRiverWithout) {
+  def.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
+  def.batchDocs = 3;
+  load(0, 5);
+  put({{"_id", "bad"}, {"n", "x"}});
+  const std::string badSeq = couchSeq(), badRev = couchDoc("bad")["_rev"].toString();
+  load(5, 10);
+  for (const bool destination : {false, true}) {
+    SCOPED_TRACE(destination ? "with a dead-letter file" : "without one");
+    elastic.reset();
+    qz::river::RiverDefinition d = def;
+    if (destination)
+      d.deadLetter = qz::river::DeadLetterFile(file);
+    qz::river::RiverManager rivers(pool, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
+    const int64_t before = int64_t(std::time(nullptr)) * 1000 - 1000;
+    const bool ran = rivers.runOnce(&error, nullptr);
+    const auto s = rivers.status().at(0);
+    if (!destination) {
+      EXPECT_FALSE(ran);
+      EXPECT_NE(error.find("bad"), std::string::npos) << error;
+      EXPECT_NE(error.find("mapper_parsing_exception"), std::string::npos) << error;
+      EXPECT_EQ(s.failed, 1u);
+      EXPECT_LT(std::stoll(s.lastSeq), std::stoll(badSeq)); // the checkpoint stops before the refused change
+      EXPECT_EQ(stateField("seq"), std::stoll(s.lastSeq));
+      EXPECT_TRUE(letters().empty());
+      continue;
+    }
+    ASSERT_TRUE(ran) << error;
+    EXPECT_EQ(s.rejected, 1u);
+    EXPECT_EQ(s.indexed, 10u);
+    EXPECT_EQ(s.lastSeq, couchSeq()); // past the refused change
+    const auto read = letters();
+    ASSERT_EQ(read.size(), 1u);
+    const auto& l = read[0];
+    EXPECT_EQ(l.id + " " + l.rev + " " + l.seq + " " + std::to_string(l.status) + " " + l.errorType + " " + l.source,
+              "bad " + badRev + " " + badSeq + " 400 mapper_parsing_exception " + R"({"httptools_rev":")" + badRev +
+                  R"(","n":"x"})");
+    EXPECT_NE(l.reason.find("failed to parse"), std::string::npos) << l.reason;
+    EXPECT_TRUE(l.timeMs >= before && l.timeMs <= before + 120000) << l.timeMs;
+    expectIndexEqualsDatabase([](qzVariantMapImpl& doc) { return doc["_id"].toString() != "bad"; });
+  }
+}
+
+#ifdef HTTPTOOLS_CLI
+TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
+  def.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
+  {
+    std::ofstream mapping(file + ".mapping");
+    mapping << def.mappingJson;
+  }
+  load(0, 5);
+  for (const char* id : {"fixed", "still", "gone"})
+    put({{"_id", id}, {"n", "x"}});
+  const std::string river = std::string(HTTPTOOLS_CLI) + " river " + couch.baseUrl() + "/db " + elastic.baseUrl() +
+                            "/docs --name r --mapping " + file + ".mapping ";
+  auto run = [&](const std::string& flags) {
+    const int status = std::system((river + flags + " > /dev/null 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(run("--once"), 1); // no destination: stops on the first refused document
+  ASSERT_EQ(run("--once --dead-letter " + file), 0);
+  ASSERT_EQ(letters().size(), 3u);
+  auto fix = [&](const std::string& id) {
+    qzVariantMapImpl doc = couchDoc(id);
+    doc["n"] = int64_t(7);
+    put(doc);
+  };
+  struct Step {
+    std::vector<std::string> fixed, removed; // in CouchDB before the replay
+    int exitCode;
+    std::vector<std::string> left; // ids in the file afterwards
+  } steps[] = {
+      {{"fixed"}, {"gone"}, 1, {"still"}},
+      {{}, {}, 1, {"still"}}, // nothing changed: the rewritten file is rewritten alike
+      {{"still"}, {}, 0, {}},
+  };
+  for (const auto& s : steps) {
+    for (const auto& id : s.fixed)
+      fix(id);
+    for (const auto& id : s.removed)
+      remove(id);
+    EXPECT_EQ(run("--replay " + file), s.exitCode);
+    std::vector<std::string> ids;
+    for (const auto& l : letters())
+      ids.push_back(l.id);
+    EXPECT_EQ(ids, s.left);
+  }
+  expectIndexEqualsDatabase();
+  std::remove((file + ".mapping").c_str());
+}
+#endif
+
+TEST_F(RiverDeadLetterTest, BulksTooLargeGoInHalvesDownToOneDocument) {
+  load(0, 40);
+  put({{"_id", "huge"}, {"text", std::string(6000, 'h')}});
+  load(40, 60);
+  qztest::ElasticEmulator::Faults faults;
+  faults.maxBulkBytes = 4000; // about 20 documents of the load
+  elastic.setFaults(faults);
+  def.deadLetter = qz::river::DeadLetterFile(file);
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  EXPECT_GE(elastic.stats().tooLargeBulks, 3u); // the batch, a half, ... down to the huge document alone
+  const auto s = rivers.status().at(0);
+  EXPECT_EQ(s.indexed, 60u);
+  EXPECT_EQ(s.rejected, 1u);
+  EXPECT_EQ(s.lastSeq, couchSeq());
+  const auto read = letters();
+  ASSERT_EQ(read.size(), 1u);
+  EXPECT_EQ(read[0].id, "huge");
+  EXPECT_EQ(read[0].status, 413);
+  expectIndexEqualsDatabase([](qzVariantMapImpl& doc) { return doc["_id"].toString() != "huge"; });
+}
+
+// The river in front of a proxy whose welcome answer names the server; the proxy answers a
+// filtered feed unfiltered (pouchdb-server cannot), so only the river's own match removes.
+TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFeedWhereTheServerCan) {
+  def.selectorJson = R"({"group":{"$lt":3}})";
+  auto matches = [](qzVariantMapImpl& doc) { return doc["group"].toInt64() < 3; };
+  struct Case {
+    const char* welcome;
+    bool filtered; // the first run asks for filter=_selector
+  } cases[] = {
+      {R"({"couchdb":"Welcome","version":"3.3.3"})", true},
+      {R"({"express-pouchdb":"Welcome!","version":"4.2.0"})", false},
+      {R"({"couchdb":"Welcome","version":"1.7.2"})", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.welcome);
+    elastic.reset();
+    ASSERT_EQ(couch.request("DELETE", "/db"), 200);
+    ASSERT_EQ(couch.request("PUT", "/db"), 201);
+    load(0, 30);
+    std::mutex mutex;
+    std::vector<std::string> feeds; // each _changes request's query and body
+    qztest::TestHttpServer proxy;
+    proxy.route("GET", "/", [&](const httplib::Request&, httplib::Response& res) {
+      res.set_content(c.welcome, "application/json");
+    });
+    proxy.route("*", "/db.*", [&](const httplib::Request& req, httplib::Response& res) {
+      httplib::Params params = req.params;
+      if (req.path == "/db/_changes") {
+        std::lock_guard<std::mutex> lock(mutex);
+        feeds.push_back(httplib::detail::params_to_query_str(req.params) + " " + req.body);
+        params.erase("filter");
+      }
+      httplib::Client to("127.0.0.1", couch.port()); // the feed as GET: the selector body left out
+      const std::string path = req.path + "?" + httplib::detail::params_to_query_str(params);
+      auto got = req.method == "PUT" ? to.Put(path, req.body, "application/json") : to.Get(path);
+      res.status = got ? got->status : 502;
+      res.set_content(got ? got->body : "", "application/json");
+    });
+    ASSERT_TRUE(proxy.start()) << proxy.lastError();
+    qz::river::RiverDefinition d = def;
+    ASSERT_TRUE(qz::couch::CouchConnectionParameters::BuildFromDbUrl(&d.couch, &d.database, proxy.url("/db")));
+    qz::http::HttpConnectionPool local; // its connections to the proxy close before the proxy stops
+    qz::river::RiverManager rivers(local, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    expectIndexEqualsDatabase(matches);
+    qzVariantMapImpl moved = couchDoc("d1");
+    moved["group"] = int64_t(5); // stops matching
+    put(moved);
+    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    expectIndexEqualsDatabase(matches);
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_GE(feeds.size(), 2u);
+    EXPECT_EQ(feeds.front().find("filter=_selector") != std::string::npos, c.filtered) << feeds.front();
+    EXPECT_EQ(feeds.front().find(R"("$lt":3)") != std::string::npos, c.filtered) << feeds.front();
+    EXPECT_EQ(feeds.back().find("filter=_selector"), std::string::npos) << feeds.back(); // from a checkpoint
+  }
+  def.selectorJson = R"({"group":{"$bogus":1}})";
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  EXPECT_FALSE(rivers.addRiver(def, &error));
+  EXPECT_NE(error.find("$bogus"), std::string::npos) << error;
+}
+
+} // namespace
