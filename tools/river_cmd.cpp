@@ -1,6 +1,7 @@
 // httptools river: keeps an Elasticsearch alias in step with a CouchDB database.
 
 #include "Commands.h"
+#include "RiverMetrics.h"
 
 #include <HttpTools/HttpTools.h>
 
@@ -22,6 +23,7 @@ struct RiverArgs {
   unsigned intervalMs = 1000, leaseMs = 30000, statusMs = 1000;
   double retryMaxTime = 120; // seconds
   ConnectionOptions conn;
+  std::string metrics; // HOST:PORT serving /metrics and /healthz
 };
 
 std::string StatusLine(const qz::river::RiverStatus& s) {
@@ -130,6 +132,12 @@ void RunRiver(const RiverArgs& a) {
     exitCode = 2;
     return;
   }
+  MetricsServer metrics([&rivers] { return rivers.status(); });
+  if (!a.metrics.empty() && !metrics.start(a.metrics, error)) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = kExitUsage;
+    return;
+  }
   const bool* interrupted = InterruptFlag();
   auto print = [&] {
     for (const auto& s : rivers.status())
@@ -187,13 +195,14 @@ void AddRiverCommand(CLI::App& app) {
       ->needs(verify);
   cmd->add_option("--name", a->name, "River name (default: DB-to-ALIAS)");
   cmd->add_option("--batch", a->batchDocs, "Documents per bulk request")->check(CLI::PositiveNumber);
-  cmd->add_option("--interval-ms", a->intervalMs, "Following: feed poll interval once caught up");
+  cmd->add_option("--interval-ms", a->intervalMs, "Following several rivers: feed poll interval once caught up");
   cmd->add_option("--lease-ms", a->leaseMs, "Lease duration; another process may take over after it");
   cmd->add_option("--retry-max-time", a->retryMaxTime,
                   "Once: seconds of failures in a row retried before giving up (default 120)")
       ->check(CLI::NonNegativeNumber);
   cmd->add_option("--status-ms", a->statusMs, "Interval between status lines")->check(CLI::PositiveNumber);
   AddConnectionOptions(cmd, a->conn, false);
+  cmd->add_option("--metrics", a->metrics, "Serve Prometheus metrics (/metrics) and /healthz on HOST:PORT");
   cmd->callback([a] { RunRiver(*a); });
 }
 

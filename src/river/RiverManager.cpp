@@ -83,7 +83,8 @@ public:
     return ok && !stop.stopped(cancel);
   }
 
-  // Follows worker `w`'s rivers (i % n == w) in turn until stopped.
+  // Follows worker `w`'s rivers (i % n == w) until stopped: a river alone on its worker on a
+  // live feed, several in turn, each polled once per flushIntervalMs.
   void followRivers(unsigned w, unsigned n) {
     std::vector<RiverRunner*> mine;
     for (size_t i = w; i < rivers.size(); i += n)
@@ -95,11 +96,12 @@ public:
       unsigned wait = 60000;
       for (size_t i = 0; i < mine.size() && !stop.stopped(nullptr); ++i) {
         RiverRunner& r = *mine[i];
-        const RiverOutcome outcome = r.step(nullptr);
+        const bool live = mine.size() == 1;
+        const RiverOutcome outcome = r.step(nullptr, live);
         r.record(outcome);
         failures[i] = outcome.failed() ? failures[i] + 1 : 0;
         wait = std::min(wait, failures[i] ? detail::StopSignal::BackoffMs(failures[i] + 3)
-                                          : idlePause(r, r.definition().flushIntervalMs));
+                                          : idlePause(r, live ? 20 : r.definition().flushIntervalMs));
       }
       stop.pause(wait, nullptr);
     }
