@@ -147,6 +147,8 @@ RiverOutcome RiverRunner::commit(const std::string& seq, bool following, const b
   if (!seq.empty())
     m_state.targetSeq() = seq;
   m_ackedSeq = IntegerSeq(m_state.targetSeq());
+  if (following)
+    m_lastCaughtUpMs = SteadyMs();
   if (following && !m_lease.renewDue() && SteadyMs() - m_savedMs < 1000) {
     m_dirty = true;
     return RiverOutcome::Done();
