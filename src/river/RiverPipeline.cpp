@@ -3,6 +3,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 
 namespace qz::river::detail {
@@ -43,9 +44,10 @@ bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const
   return qz::json::Json2Variant::Convert(doc, op.source, false);
 }
 
-BulkPipeline::BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel, size_t batchBytes)
-    : m_sender(sender), m_batchDocs(std::max<size_t>(1, batchDocs)), m_batchBytes(batchBytes),
-      m_commit(std::move(commit)), m_cancel(cancel) {}
+BulkPipeline::BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel, size_t batchBytes,
+                           unsigned quietMs, unsigned maxDelayMs)
+    : m_sender(sender), m_batchDocs(std::max<size_t>(1, batchDocs)), m_batchBytes(batchBytes), m_quietMs(quietMs),
+      m_maxDelayMs(maxDelayMs), m_commit(std::move(commit)), m_cancel(cancel) {}
 
 BulkPipeline::~BulkPipeline() {
   {
@@ -67,7 +69,18 @@ RiverOutcome BulkPipeline::write(std::vector<BulkOp>& ops, const std::string& se
 void BulkPipeline::loop() {
   std::unique_lock<std::mutex> lock(m_mutex);
   for (;;) {
-    m_cv.wait(lock, [&] { return m_busy || m_done; });
+    while (!m_busy && !m_done) {
+      if (!m_eager || !m_pending || m_occupied || !m_outcome.ok()) {
+        m_cv.wait(lock);
+        continue;
+      }
+      // Following: the batch goes once the feed is quiet, or when its first change has waited enough.
+      const int64_t due = std::min(m_lastAddMs + m_quietMs, m_batchReadMs + m_maxDelayMs);
+      if (const int64_t now = SteadyMs(); now < due)
+        m_cv.wait_for(lock, std::chrono::milliseconds(due - now));
+      else
+        handOverLocked();
+    }
     if (!m_busy)
       return;
     std::vector<BulkOp> ops = std::move(m_flight);
@@ -80,9 +93,6 @@ void BulkPipeline::loop() {
     m_flightChanges = 0;
     if (m_outcome.ok())
       m_outcome = std::move(written);
-    // Following: what came meanwhile goes at once.
-    if (m_eager && m_pending && !m_occupied && m_outcome.ok())
-      handOverLocked();
     m_cv.notify_all();
   }
 }
@@ -112,8 +122,9 @@ bool BulkPipeline::add(BulkOp* op, const std::string& seq) {
   std::unique_lock<std::mutex> lock(m_mutex);
   if (!m_outcome.ok())
     return false;
+  m_lastAddMs = SteadyMs();
   if (!m_pending)
-    m_batchReadMs = SteadyMs();
+    m_batchReadMs = m_lastAddMs;
   ++m_batchChanges;
   if (op) {
     m_bytes += op->size();
@@ -135,8 +146,9 @@ bool BulkPipeline::add(BulkOp* op, const std::string& seq) {
 void BulkPipeline::handOver() {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_eager = true;
-  if (m_pending && !m_busy && !m_occupied && m_outcome.ok())
-    handOverLocked();
+  if (!m_thread.joinable())
+    m_thread = std::thread([this] { loop(); });
+  m_cv.notify_all();
 }
 
 RiverOutcome BulkPipeline::between(const std::function<RiverOutcome()>& task) {
@@ -151,8 +163,6 @@ RiverOutcome BulkPipeline::between(const std::function<RiverOutcome()>& task) {
   m_occupied = false;
   if (m_outcome.ok())
     m_outcome = done;
-  if (m_eager && m_pending && m_outcome.ok())
-    handOverLocked();
   m_cv.notify_all();
   return done;
 }

@@ -60,13 +60,14 @@ std::unique_ptr<BulkSender> MakeBulkSender(http::HttpConnectionPool& pool,
 // Gathers operations into batches of `batchDocs` (or `batchBytes`) and writes each full batch
 // on a thread of its own while the next one fills: one batch in flight at most, add() waits for
 // it (the feed is read no faster than Elasticsearch takes it). Once a batch is acknowledged,
-// `commit` stores the seq it reached. Following a live feed, handOver() sends what was read as
-// soon as the feed goes quiet; what arrives while a batch is in flight goes with the next one.
+// `commit` stores the seq it reached. Following a live feed (after handOver()), a batch also goes
+// once no change came for `quietMs`, or `maxDelayMs` after its first change, whichever is first;
+// what arrives while a batch is in flight goes with the next one.
 class BulkPipeline {
 public:
   using Commit = std::function<RiverOutcome(const std::string& seq)>;
   BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel,
-               size_t batchBytes = size_t(8) << 20);
+               size_t batchBytes = size_t(8) << 20, unsigned quietMs = 3, unsigned maxDelayMs = 25);
   ~BulkPipeline(); // waits for the batch in flight
   BulkPipeline(const BulkPipeline&) = delete;
   BulkPipeline& operator=(const BulkPipeline&) = delete;
@@ -74,8 +75,7 @@ public:
   // Adds the operation of the change at `seq` (none when `op` is null). False once a batch
   // failed or was interrupted: flush() says how.
   bool add(BulkOp* op, const std::string& seq);
-  // The feed went quiet: the batch being filled goes now when none is in flight, else right
-  // after the one in flight. From then on every batch goes as soon as the writer is free.
+  // From now on batches also go when the feed goes quiet (see above); called after each read.
   void handOver();
   // Runs `task` (e.g. a lease renewal) between two batches, on the calling thread; its failure
   // fails the pipeline as a batch's would.
@@ -100,6 +100,7 @@ private:
 
   BulkSender& m_sender;
   const size_t m_batchDocs, m_batchBytes;
+  const int64_t m_quietMs, m_maxDelayMs;
   const Commit m_commit;
   const bool* m_cancel;
 
@@ -109,7 +110,7 @@ private:
   size_t m_bytes = 0;
   std::string m_seq;      // reached by m_batch
   bool m_pending = false; // changes came since the last hand-over
-  int64_t m_batchReadMs = 0;
+  int64_t m_batchReadMs = 0, m_lastAddMs = 0;
   size_t m_batchChanges = 0;
   std::vector<BulkOp> m_flight; // handed over
   std::string m_flightSeq;
@@ -117,7 +118,7 @@ private:
   size_t m_flightChanges = 0;
   bool m_busy = false;     // the writer thread has a batch
   bool m_occupied = false; // the calling thread writes (flush) or runs a task (between)
-  bool m_eager = false;    // handOver() was called
+  bool m_eager = false;    // following: batches go when the feed is quiet
   bool m_done = false;
   RiverOutcome m_outcome; // of the batches written so far
   std::thread m_thread;
