@@ -103,6 +103,7 @@ RiverOutcome RiverRunner::checkSource(const bool* cancel) {
     return m_state.marker == known ? RiverOutcome::Done() : save(cancel);
   qzLogObject(qzLog::Warning, "river") << "River " << m_def.name << ": " << m_def.database
                                        << " was deleted and created again, filling a new index";
+  m_headSeq = -1; // the old database's seqs say nothing of the new one's
   // Until the rebuild is stored, the next check must still see a marker other than the state's.
   auto forget = [&](RiverOutcome failed) {
     m_state.marker = known;
