@@ -1,6 +1,7 @@
 // httptools river: keeps an Elasticsearch alias in step with a CouchDB database.
 
 #include "Commands.h"
+#include "RiverMetrics.h"
 #include "RiverTools.h"
 
 #include <HttpTools/HttpTools.h>
@@ -38,6 +39,7 @@ struct RiverArgs {
   bool status = false, reset = false, remove = false, deleteIndex = false, logJson = false;
   unsigned maxDocsPerSecond = 0;
   std::string deadLetterFile, replayFile, selector;
+  std::string metrics; // HOST:PORT serving /metrics and /healthz
 };
 
 // The header lines of one side. Errors name the option and the file, never a value.
@@ -384,6 +386,12 @@ void RunRivers(const std::vector<qz::river::RiverDefinition>& defs, unsigned wor
       return;
     }
   rivers.shareWithOtherProcesses(defs.size() > 1);
+  MetricsServer metrics([&rivers] { return rivers.status(); });
+  if (!a.metrics.empty() && !metrics.start(a.metrics, error)) {
+    std::cerr << "httptools river: " << error << "\n";
+    exitCode = kExitUsage;
+    return;
+  }
   const bool* interrupted = InterruptFlag();
   auto print = [&] {
     for (const auto& s : rivers.status())
@@ -441,7 +449,7 @@ void AddRiverCommand(CLI::App& app) {
       ->needs(verify);
   cmd->add_option("--name", a->name, "River name (default: DB-to-ALIAS)");
   cmd->add_option("--batch", a->batchDocs, "Documents per bulk request")->check(CLI::PositiveNumber);
-  cmd->add_option("--interval-ms", a->intervalMs, "Following: feed poll interval once caught up");
+  cmd->add_option("--interval-ms", a->intervalMs, "Following several rivers: feed poll interval once caught up");
   cmd->add_option("--lease-ms", a->leaseMs, "Lease duration; another process may take over after it");
   cmd->add_option("--retry-max-time", a->retryMaxTime,
                   "Once: seconds of failures in a row retried before giving up (default 120)")
@@ -484,6 +492,7 @@ void AddRiverCommand(CLI::App& app) {
       ->needs(remove);
   cmd->add_option("--max-docs-per-second", a->maxDocsPerSecond, "Read at most this many changes a second per river");
   cmd->add_flag("--log-json", a->logJson, "Status and log lines as one JSON object per line");
+  cmd->add_option("--metrics", a->metrics, "Serve Prometheus metrics (/metrics) and /healthz on HOST:PORT");
   cmd->callback([a] { RunRiver(*a); });
 }
 

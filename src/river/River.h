@@ -41,7 +41,7 @@ struct HTTPTOOLS_API RiverDefinition {
   std::string mappingJson; ///< the wanted mapping ("{}" = dynamic)
   std::function<bool(qzVariantMapImpl& doc)> transform; ///< edit the document; false skips it
   size_t batchDocs = 1000;                              ///< changes per batch, each written with one _bulk request
-  unsigned flushIntervalMs = 1000;                      ///< following: how often the feed is polled once caught up
+  unsigned flushIntervalMs = 1000; ///< following several rivers on one worker: how often each feed is polled
 
   /// Where the river keeps its checkpoint and lease (one document named after the river).
   std::string stateIndex = "httptools-river";
@@ -63,6 +63,13 @@ struct HTTPTOOLS_API RiverDefinition {
   /// edit makes them stop matching. Filling an index from the start on CouchDB 2 or later, the
   /// feed itself is filtered (filter=_selector).
   std::string selectorJson;
+  /// Following alone on its worker, the river keeps a continuous feed open (heartbeats every
+  /// `heartbeatMs`) and sends each change once the feed goes quiet, a full batch at once; the feed
+  /// is opened again after `feedIdleMs` without a change.
+  ///@{
+  unsigned heartbeatMs = 10000;
+  unsigned feedIdleMs = 60000;
+  ///@}
 };
 
 /// A river's progress, as RiverManager::status() reports it.
@@ -83,6 +90,14 @@ struct HTTPTOOLS_API RiverStatus {
   size_t failures = 0;          ///< steps failed in a row (retried; the cause is in `error`)
   int64_t lagMs = 0;            ///< time since the river was last caught up (0 when it is)
   size_t rejected = 0;          ///< items refused for good and handed to the dead-letter callback
+  /// Seconds since the oldest change read and not yet acknowledged by Elasticsearch was read;
+  /// 0 when everything read is acknowledged.
+  double lagSeconds = 0;
+  /// Changes of the database not yet acknowledged, where the server tells (an integer update_seq);
+  /// -1 where it does not (opaque seqs).
+  int64_t behindChanges = -1;
+  /// A change feed stays open while following (false: the feed is polled once per flushIntervalMs).
+  bool live = false;
 };
 
 /// What VerifyRiver found: CouchDB winners missing from the index or held there at another

@@ -86,7 +86,8 @@ public:
     return ok && !stop.stopped(cancel);
   }
 
-  // Follows worker `w`'s rivers (i % n == w) in turn until stopped.
+  // Follows worker `w`'s rivers (i % n == w) until stopped: a river alone on its worker on a
+  // live feed, several in turn, each polled once per flushIntervalMs.
   void followRivers(unsigned w, unsigned n) {
     std::vector<RiverRunner*> mine;
     for (size_t i = w; i < rivers.size(); i += n)
@@ -98,11 +99,12 @@ public:
       unsigned wait = 60000;
       for (size_t i = 0; i < mine.size() && !stop.stopped(nullptr); ++i) {
         RiverRunner& r = *mine[i];
-        const RiverOutcome outcome = stepShared(r);
+        const bool live = mine.size() == 1;
+        const RiverOutcome outcome = stepShared(r, live);
         r.record(outcome);
         failures[i] = outcome.failed() ? failures[i] + 1 : 0;
         wait = std::min(wait, failures[i] ? detail::StopSignal::BackoffMs(failures[i] + 3)
-                                          : idlePause(r, r.definition().flushIntervalMs));
+                                          : idlePause(r, live ? 20 : r.definition().flushIntervalMs));
       }
       stop.pause(wait, nullptr);
     }
@@ -145,12 +147,12 @@ public:
 
   // A following step within this process's share: a river beyond it is given back (or not
   // taken); one taken counts from the step that took it.
-  RiverOutcome stepShared(RiverRunner& r) {
+  RiverOutcome stepShared(RiverRunner& r, bool live) {
     const size_t i =
         size_t(std::find_if(rivers.begin(), rivers.end(), [&](auto& p) { return p.get() == &r; }) - rivers.begin());
     std::atomic<bool>& holds = holding[i];
     if (!sharing) {
-      RiverOutcome outcome = r.step(nullptr);
+      RiverOutcome outcome = r.step(nullptr, live);
       holds = r.holdsLease();
       return outcome;
     }
@@ -166,7 +168,7 @@ public:
       --held;
       return RiverOutcome::Idle("this process holds its share");
     }
-    RiverOutcome outcome = r.step(nullptr);
+    RiverOutcome outcome = r.step(nullptr, live);
     holds = r.holdsLease();
     if (!holds.load())
       --held;

@@ -3,6 +3,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 
 namespace qz::river::detail {
@@ -44,9 +45,10 @@ bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const
   return qz::json::Json2Variant::Convert(doc, op.source, false);
 }
 
-BulkPipeline::BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel, size_t batchBytes)
-    : m_sender(sender), m_batchDocs(std::max<size_t>(1, batchDocs)), m_batchBytes(batchBytes),
-      m_commit(std::move(commit)), m_cancel(cancel) {}
+BulkPipeline::BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel, size_t batchBytes,
+                           unsigned quietMs, unsigned maxDelayMs)
+    : m_sender(sender), m_batchDocs(std::max<size_t>(1, batchDocs)), m_batchBytes(batchBytes), m_quietMs(quietMs),
+      m_maxDelayMs(maxDelayMs), m_commit(std::move(commit)), m_cancel(cancel) {}
 
 BulkPipeline::~BulkPipeline() {
   {
@@ -68,7 +70,18 @@ RiverOutcome BulkPipeline::write(std::vector<BulkOp>& ops, const std::string& se
 void BulkPipeline::loop() {
   std::unique_lock<std::mutex> lock(m_mutex);
   for (;;) {
-    m_cv.wait(lock, [&] { return m_busy || m_done; });
+    while (!m_busy && !m_done) {
+      if (!m_eager || !m_pending || m_occupied || !m_outcome.ok()) {
+        m_cv.wait(lock);
+        continue;
+      }
+      // Following: the batch goes once the feed is quiet, or when its first change has waited enough.
+      const int64_t due = std::min(m_lastAddMs + m_quietMs, m_batchReadMs + m_maxDelayMs);
+      if (const int64_t now = SteadyMs(); now < due)
+        m_cv.wait_for(lock, std::chrono::milliseconds(due - now));
+      else
+        handOverLocked();
+    }
     if (!m_busy)
       return;
     std::vector<BulkOp> ops = std::move(m_flight);
@@ -77,60 +90,126 @@ void BulkPipeline::loop() {
     RiverOutcome written = write(ops, seq);
     lock.lock();
     m_busy = false;
+    m_flightReadMs = 0;
+    m_flightChanges = 0;
     if (m_outcome.ok())
       m_outcome = std::move(written);
     m_cv.notify_all();
   }
 }
 
-bool BulkPipeline::waitIdle() {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_cv.wait(lock, [&] { return !m_busy; });
-  return m_outcome.ok();
+void BulkPipeline::handOverLocked() {
+  m_flight = std::move(m_batch);
+  m_flightSeq = std::move(m_seq);
+  m_flightReadMs = m_batchReadMs;
+  m_flightChanges = m_batchChanges;
+  m_busy = true;
+  m_batch.clear();
+  m_seq.clear();
+  m_pending = false;
+  m_bytes = 0;
+  m_batchReadMs = 0;
+  m_batchChanges = 0;
+  if (!m_thread.joinable())
+    m_thread = std::thread([this] { loop(); });
+  m_cv.notify_all();
+}
+
+void BulkPipeline::waitFree(std::unique_lock<std::mutex>& lock) {
+  m_cv.wait(lock, [&] { return !m_busy && !m_occupied; });
 }
 
 bool BulkPipeline::add(BulkOp* op, const std::string& seq) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (!m_outcome.ok())
+    return false;
+  m_lastAddMs = SteadyMs();
+  if (!m_pending)
+    m_batchReadMs = m_lastAddMs;
+  ++m_batchChanges;
   if (op) {
     m_bytes += op->size();
     m_batch.push_back(std::move(*op));
   }
-  m_seq = seq;
+  if (!seq.empty())
+    m_seq = seq;
   m_pending = true;
   if (m_batch.size() < m_batchDocs && m_bytes < m_batchBytes)
     return true;
-  if (!waitIdle())
+  waitFree(lock);
+  if (!m_outcome.ok())
     return false;
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_flight = std::move(m_batch);
-    m_flightSeq = std::move(m_seq);
-    m_busy = true;
-  }
-  if (!m_thread.joinable())
-    m_thread = std::thread([this] { loop(); });
-  m_cv.notify_all();
-  m_batch.clear();
-  m_pending = false;
-  m_bytes = 0;
+  if (m_pending) // unless the writer took it meanwhile
+    handOverLocked();
   return true;
 }
 
-RiverOutcome BulkPipeline::wait() {
-  waitIdle();
+void BulkPipeline::handOver() {
   std::lock_guard<std::mutex> lock(m_mutex);
+  m_eager = true;
+  if (!m_thread.joinable())
+    m_thread = std::thread([this] { loop(); });
+  m_cv.notify_all();
+}
+
+RiverOutcome BulkPipeline::between(const std::function<RiverOutcome()>& task) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  waitFree(lock);
+  if (!m_outcome.ok())
+    return m_outcome;
+  m_occupied = true;
+  lock.unlock();
+  RiverOutcome done = task();
+  lock.lock();
+  m_occupied = false;
+  if (m_outcome.ok())
+    m_outcome = done;
+  m_cv.notify_all();
+  return done;
+}
+
+RiverOutcome BulkPipeline::wait() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  waitFree(lock);
   return m_outcome;
 }
 
 RiverOutcome BulkPipeline::flush() {
-  if (auto sent = wait(); !sent.ok())
-    return sent;
-  if (!m_pending)
-    return RiverOutcome::Done();
-  RiverOutcome written = write(m_batch, m_seq);
+  std::unique_lock<std::mutex> lock(m_mutex);
+  waitFree(lock);
+  if (!m_outcome.ok() || !m_pending)
+    return m_outcome;
+  std::vector<BulkOp> ops = std::move(m_batch);
+  const std::string seq = std::move(m_seq);
+  m_flightReadMs = m_batchReadMs;
+  m_flightChanges = m_batchChanges;
   m_batch.clear();
+  m_seq.clear();
   m_pending = false;
   m_bytes = 0;
-  return written;
+  m_batchReadMs = 0;
+  m_batchChanges = 0;
+  m_occupied = true;
+  lock.unlock();
+  RiverOutcome written = write(ops, seq);
+  lock.lock();
+  m_occupied = false;
+  m_flightReadMs = 0;
+  m_flightChanges = 0;
+  if (m_outcome.ok())
+    m_outcome = written;
+  m_cv.notify_all();
+  return m_outcome;
+}
+
+int64_t BulkPipeline::unackedSinceMs() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_flightReadMs ? m_flightReadMs : m_pending ? m_batchReadMs : 0;
+}
+
+size_t BulkPipeline::unackedChanges() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_flightChanges + (m_pending ? m_batchChanges : 0);
 }
 
 } // namespace qz::river::detail

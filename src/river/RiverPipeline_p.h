@@ -75,12 +75,14 @@ std::unique_ptr<BulkSender> MakeBulkSender(http::HttpConnectionPool& pool,
 // Gathers operations into batches of `batchDocs` (or `batchBytes`) and writes each full batch
 // on a thread of its own while the next one fills: one batch in flight at most, add() waits for
 // it (the feed is read no faster than Elasticsearch takes it). Once a batch is acknowledged,
-// `commit` stores the seq it reached.
+// `commit` stores the seq it reached. Following a live feed (after handOver()), a batch also goes
+// once no change came for `quietMs`, or `maxDelayMs` after its first change, whichever is first;
+// what arrives while a batch is in flight goes with the next one.
 class BulkPipeline {
 public:
   using Commit = std::function<RiverOutcome(const std::string& seq)>;
   BulkPipeline(BulkSender& sender, size_t batchDocs, Commit commit, const bool* cancel,
-               size_t batchBytes = size_t(8) << 20);
+               size_t batchBytes = size_t(8) << 20, unsigned quietMs = 3, unsigned maxDelayMs = 25);
   ~BulkPipeline(); // waits for the batch in flight
   BulkPipeline(const BulkPipeline&) = delete;
   BulkPipeline& operator=(const BulkPipeline&) = delete;
@@ -88,31 +90,51 @@ public:
   // Adds the operation of the change at `seq` (none when `op` is null). False once a batch
   // failed or was interrupted: flush() says how.
   bool add(BulkOp* op, const std::string& seq);
+  // From now on batches also go when the feed goes quiet (see above); called after each read.
+  void handOver();
+  // Runs `task` (e.g. a lease renewal) between two batches, on the calling thread; its failure
+  // fails the pipeline as a batch's would.
+  RiverOutcome between(const std::function<RiverOutcome()>& task);
   // Waits for the batch in flight: the outcome of the batches handed over so far.
   RiverOutcome wait();
   // Then writes what is left: the outcome of every batch.
   RiverOutcome flush();
 
+  // When the oldest change read and not yet acknowledged was read (SteadyMs; 0: none), and
+  // how many such changes there are. Any thread.
+  int64_t unackedSinceMs() const;
+  size_t unackedChanges() const;
+
 private:
   RiverOutcome write(std::vector<BulkOp>& ops, const std::string& seq);
   void loop();
-  bool waitIdle();
+  // Under m_mutex: the batch being filled becomes the one in flight.
+  void handOverLocked();
+  // Under m_mutex (held by `lock`): waits until no batch is being written.
+  void waitFree(std::unique_lock<std::mutex>& lock);
 
   BulkSender& m_sender;
   const size_t m_batchDocs, m_batchBytes;
+  const int64_t m_quietMs, m_maxDelayMs;
   const Commit m_commit;
   const bool* m_cancel;
 
-  std::vector<BulkOp> m_batch; // being filled (by the caller's thread)
+  mutable std::mutex m_mutex;
+  std::condition_variable m_cv;
+  std::vector<BulkOp> m_batch; // being filled
   size_t m_bytes = 0;
   std::string m_seq;      // reached by m_batch
   bool m_pending = false; // changes came since the last hand-over
-
-  std::mutex m_mutex;
-  std::condition_variable m_cv;
+  int64_t m_batchReadMs = 0, m_lastAddMs = 0;
+  size_t m_batchChanges = 0;
   std::vector<BulkOp> m_flight; // handed over
   std::string m_flightSeq;
-  bool m_busy = false, m_done = false;
+  int64_t m_flightReadMs = 0; // of the batch being written (0: none)
+  size_t m_flightChanges = 0;
+  bool m_busy = false;     // the writer thread has a batch
+  bool m_occupied = false; // the calling thread writes (flush) or runs a task (between)
+  bool m_eager = false;    // following: batches go when the feed is quiet
+  bool m_done = false;
   RiverOutcome m_outcome; // of the batches written so far
   std::thread m_thread;
 };

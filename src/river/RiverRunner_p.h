@@ -6,6 +6,7 @@
 #include <HttpTools/river/RiverPipeline_p.h>
 #include <HttpTools/river/RiverSource_p.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,8 +28,9 @@ public:
 
   // One round: the lease, the index to write, the feed from the checkpoint to its end (and the
   // alias swap after a build). Done when caught up; Idle when nothing could be done (the lease
-  // held elsewhere or lost, stopped, cancelled); Failed otherwise.
-  RiverOutcome step(const bool* cancel);
+  // held elsewhere or lost, stopped, cancelled); Failed otherwise. With `follow`, once caught up
+  // it keeps a continuous feed open until it stays quiet for feedIdleMs (Done), or stop.
+  RiverOutcome step(const bool* cancel, bool follow = false);
   // Reports a step's outcome in the status; a failure on Elasticsearch's side makes the next
   // step look at the index again.
   void record(const RiverOutcome& outcome);
@@ -49,7 +51,18 @@ public:
 
 private:
   RiverOutcome prepare(const bool* cancel);
-  RiverOutcome catchUp(const bool* cancel);
+  // Reads the feed from the checkpoint to its end; `readsHead` first asks for the database's seq.
+  RiverOutcome catchUp(const bool* cancel, bool readsHead);
+  // Follows the live feed from the checkpoint (see step()).
+  RiverOutcome follow(const bool* cancel);
+  // Reads the database's integer update_seq for behindChanges (best effort).
+  void readHead(const bool* cancel);
+  // Feeds one change to `pipeline`; false once it refuses.
+  bool take(BulkPipeline& pipeline, const qz::couch::Change& change, const std::string& index);
+  // The checkpoint reached by an acknowledged batch. Following, it is stored at most once a
+  // second (the lease renewal stores it too): changes read again after a crash are harmless.
+  RiverOutcome commit(const std::string& seq, bool following, const bool* cancel);
+  void attach(const BulkPipeline* pipeline);
   RiverOutcome swap(const bool* cancel);
   // A source database created again since the checkpoint is filled into a new index.
   RiverOutcome checkSource(const bool* cancel);
@@ -68,10 +81,20 @@ private:
   IndexManager m_indices;
   SourceWatch m_source;
   std::unique_ptr<BulkSender> m_sender;
+  const Transform m_transform; // the selector, then the definition's transform
 
   RiverState m_state;
   bool m_prepared = false; // the index to write is known for this lease
   int64_t m_lastCaughtUpMs = 0;
+  bool m_quietEnd = false;             // the last step ended on a quiet feed: no need to look at the source again
+  bool m_dirty = false;                // following: a checkpoint reached but not stored yet
+  int64_t m_savedMs = 0;               // when the state was last stored
+  std::atomic<int64_t> m_headSeq{-1};  // highest integer seq the server reported (-1: none)
+  std::atomic<int64_t> m_ackedSeq{-1}; // integer seq acknowledged (-1: none, or opaque)
+  const BulkPipeline* m_livePipeline = nullptr; // set while following (worker thread only)
+
+  // Status figures read at status() time: the pipeline at work (null between steps).
+  const BulkPipeline* m_pipeline = nullptr; // guarded by m_statusMutex
 
   mutable std::mutex m_statusMutex;
   RiverStatus m_status;

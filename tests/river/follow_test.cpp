@@ -1,0 +1,151 @@
+// Following a live feed: writes arrive without polling, an idle river stays quiet, and the
+// status tells lag and backlog.
+#include "RiverFixture.h"
+
+#include "support/FaultProxy.h"
+
+using namespace rivertest;
+using qztest::FaultProxy;
+
+namespace {
+
+class FollowTest : public RiverTest {
+protected:
+  void SetUp() override {
+    RiverTest::SetUp();
+    ASSERT_FALSE(HasFatalFailure());
+    // CouchDB through a proxy that counts the requests.
+    proxy = std::make_unique<FaultProxy>(couch.port());
+    ASSERT_TRUE(proxy->start()) << proxy->error();
+    couchRequests = proxy->addRule(FaultProxy::Match("", "").repeat(0));
+    ASSERT_TRUE(
+        qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, proxy->baseUrl() + "/db"));
+    def.flushIntervalMs = 60000; // a poll would come too late for every bound below
+    def.heartbeatMs = 300;
+  }
+  bool indexed(const std::string& id) { return es("GET", "/docs/_doc/" + id) == 200; }
+  bool settled(qz::river::RiverManager& rivers) {
+    auto s = rivers.status().at(0);
+    return s.live && s.caughtUp && s.lastSeq == couchSeq();
+  }
+
+  std::unique_ptr<FaultProxy> proxy;
+  size_t couchRequests = 0;
+};
+
+TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
+  load(0, 10);
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  rivers.start();
+  ASSERT_TRUE(waitFor([&] { return settled(rivers); })) << rivers.status().at(0).error;
+  struct Case {
+    const char* what;
+    std::function<void()> write;
+    const char* probe; // the document whose arrival ends the case
+    bool gone;         // it arrives as a deletion
+    size_t maxBulks;
+  } cases[] = {
+      {"one new document",
+       [&] {
+         put({{"_id", "solo"}, {"v", 1}});
+       },
+       "solo", false, 1},
+      {"an edit",
+       [&] {
+         put({{"_id", "solo"}, {"_rev", couchDoc("solo")["_rev"]}, {"v", 2}});
+       },
+       "solo", false, 1},
+      {"a deletion", [&] { remove("d3"); }, "d3", true, 1},
+      {"a burst of 300", [&] { load(100, 400, "b"); }, "b399", false, 100}, // never one bulk per change
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const size_t bulksBefore = elastic.stats().bulkRequests;
+    const auto t0 = Clock::now();
+    c.write();
+    // Far below flushIntervalMs, with room for sanitizers on a loaded machine.
+    ASSERT_TRUE(waitFor([&] { return indexed(c.probe) != c.gone; }, 5));
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+    EXPECT_LT(ms, 5000);
+    ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
+    EXPECT_GE(elastic.stats().bulkRequests - bulksBefore, 1u);
+    EXPECT_LE(elastic.stats().bulkRequests - bulksBefore, c.maxBulks);
+  }
+  rivers.stop();
+  expectIndexEqualsDatabase();
+}
+
+// While idle: one open feed (heartbeats, no new request until the feed has been quiet for
+// feedIdleMs) and no Elasticsearch request but the lease renewal every leaseMs / 3.
+TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
+  load(0, 5);
+  struct Case {
+    unsigned feedIdleMs;
+    size_t minCouch, maxCouch; // requests in the window
+  } cases[] = {{60000, 0, 0}, {1000, 2, 4}};
+  const auto window = std::chrono::milliseconds(3500);
+  def.leaseMs = 3000; // renewed once a second
+  for (const auto& c : cases) {
+    SCOPED_TRACE("feedIdleMs " + std::to_string(c.feedIdleMs));
+    def.feedIdleMs = c.feedIdleMs;
+    qz::river::RiverManager rivers(pool, 1);
+    std::string error;
+    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+    rivers.start();
+    ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
+    const size_t couchBefore = proxy->matched(couchRequests), esBefore = elastic.stats().requests;
+    std::this_thread::sleep_for(window); // the idle spell is what is measured
+    const size_t couchIdle = proxy->matched(couchRequests) - couchBefore;
+    const size_t esIdle = elastic.stats().requests - esBefore;
+    EXPECT_GE(couchIdle, c.minCouch);
+    EXPECT_LE(couchIdle, c.maxCouch);
+    EXPECT_GE(esIdle, 2u); // the lease is kept
+    EXPECT_LE(esIdle, 5u);
+    EXPECT_GT(stateField("expires"),
+              std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+                  .count());
+    // The feed is still alive after its heartbeats.
+    put({{"_id", "late" + std::to_string(c.feedIdleMs)}});
+    EXPECT_TRUE(waitFor([&] { return indexed("late" + std::to_string(c.feedIdleMs)); }, 5));
+    const auto t0 = Clock::now();
+    rivers.stop(); // ends the open feed at once
+    EXPECT_LT(Clock::now() - t0, std::chrono::seconds(3));
+    EXPECT_FALSE(rivers.status().at(0).running);
+  }
+}
+
+TEST_F(FollowTest, StatusTellsLagAndBacklogWhileElasticsearchRefuses) {
+  load(0, 20);
+  qz::river::RiverManager rivers(pool, 1);
+  std::string error;
+  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  rivers.start();
+  ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
+  auto s = rivers.status().at(0);
+  EXPECT_EQ(s.lagSeconds, 0);
+  EXPECT_EQ(s.behindChanges, 0);
+  EXPECT_EQ(s.indexed, 20u);
+
+  qztest::ElasticEmulator::Faults refuse;
+  refuse.unavailable = 1000000;
+  refuse.unavailablePath = "_bulk";
+  elastic.setFaults(refuse);
+  load(20, 23);
+  ASSERT_TRUE(waitFor([&] {
+    s = rivers.status().at(0);
+    return s.lagSeconds >= 0.3 && !s.caughtUp;
+  }));
+  EXPECT_EQ(s.behindChanges, 3);
+  EXPECT_EQ(s.indexed, 20u);
+  elastic.setFaults({});
+  ASSERT_TRUE(waitFor([&] { return settled(rivers); }, 30));
+  s = rivers.status().at(0);
+  EXPECT_EQ(s.lagSeconds, 0);
+  EXPECT_EQ(s.behindChanges, 0);
+  EXPECT_EQ(s.indexed, 23u);
+  EXPECT_GT(s.retries, 0u);
+}
+
+} // namespace

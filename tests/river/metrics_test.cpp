@@ -1,0 +1,139 @@
+// httptools river --metrics: the scrape as Prometheus' own parser reads it, and /healthz.
+#include "RiverFixture.h"
+
+#include "support/Process.h"
+
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+using namespace rivertest;
+
+namespace {
+
+#ifdef HTTPTOOLS_CLI
+// A port free a moment ago on 127.0.0.1.
+int FreePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  ::close(fd);
+  return ntohs(a.sin_port);
+}
+
+// Reads the scrape with prometheus_client's parser: "name river value" per sample, or the error.
+const char* kParse = R"(
+import sys, urllib.request
+from prometheus_client.parser import text_string_to_metric_families
+r = urllib.request.urlopen(sys.stdin.read())
+print("content-type\t" + r.headers["Content-Type"].replace(" ", ""))
+for family in text_string_to_metric_families(r.read().decode()):
+    for s in family.samples:
+        print(s.name, s.labels.get("river", "-"), sep="|", end="\t")
+        print(s.value, family.type)
+)";
+
+class MetricsTest : public RiverTest {
+protected:
+  void TearDown() override {
+    if (pid > 0) {
+      ::kill(pid, SIGTERM);
+      int status = 0;
+      ::waitpid(pid, &status, 0);
+    }
+  }
+  void follow(int port) {
+    const std::string from = couch.baseUrl() + "/db", to = elastic.baseUrl() + "/docs",
+                      listen = "127.0.0.1:" + std::to_string(port);
+    pid = ::fork();
+    if (pid == 0) {
+      ::execl(HTTPTOOLS_CLI, HTTPTOOLS_CLI, "river", from.c_str(), to.c_str(), "--follow", "--name", "orders \"eu\"",
+              "--lease-ms", "3000", "--status-ms", "100000", "--metrics", listen.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+  }
+  std::map<std::string, std::string> scrape(int port) {
+    std::string out, err;
+    const int rc = qztest::RunPython(kParse, "http://127.0.0.1:" + std::to_string(port) + "/metrics", out, err);
+    std::map<std::string, std::string> samples{{"exit", std::to_string(rc) + " " + err}};
+    for (size_t at = 0, end; (end = out.find('\n', at)) != std::string::npos; at = end + 1) {
+      const std::string line = out.substr(at, end - at);
+      const size_t tab = line.find('\t');
+      samples[line.substr(0, tab)] = line.substr(tab + 1);
+    }
+    return samples;
+  }
+  int healthz(int port) {
+    httplib::Client client("127.0.0.1", port);
+    auto res = client.Get("/healthz");
+    return res ? res->status : 0;
+  }
+  pid_t pid = -1;
+};
+
+TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
+  load(0, 30);
+  const int port = FreePort();
+  follow(port);
+  ASSERT_GT(pid, 0);
+  std::map<std::string, std::string> m;
+  const std::string river = "|orders \"eu\"";
+  ASSERT_TRUE(waitFor([&] {
+    m = scrape(port);
+    return m["httptools_river_indexed_total" + river] == "30.0 counter";
+  })) << "last scrape: "
+      << [&] {
+           std::string all;
+           for (const auto& [k, v] : m)
+             all += k + "=" + v + "|";
+           return all;
+         }();
+  remove("d7");
+  ASSERT_TRUE(waitFor([&] { return scrape(port)["httptools_river_deleted_total" + river] == "1.0 counter"; }));
+  struct Expected {
+    const char *sample, *value;
+  } expected[] = {
+      {"content-type", "text/plain;version=0.0.4;charset=utf-8"},
+      {"httptools_river_indexed_total|orders \"eu\"", "30.0 counter"},
+      {"httptools_river_deleted_total|orders \"eu\"", "1.0 counter"},
+      {"httptools_river_rejected_total|orders \"eu\"", "0.0 counter"},
+      {"httptools_river_retries_total|orders \"eu\"", "0.0 counter"},
+      {"httptools_river_lag_seconds|orders \"eu\"", "0.0 gauge"},
+      {"httptools_river_behind_changes|orders \"eu\"", "0.0 gauge"},
+      {"exit", "0 "},
+  };
+  m = scrape(port);
+  for (const auto& e : expected)
+    EXPECT_EQ(m[e.sample], e.value) << e.sample;
+  EXPECT_EQ(m.size(), std::size(expected));
+
+  EXPECT_EQ(healthz(port), 200);
+  qztest::ElasticEmulator::Faults refuse;
+  refuse.unavailable = 1000000;
+  refuse.unavailablePath = "_bulk";
+  elastic.setFaults(refuse);
+  load(30, 31);
+  EXPECT_TRUE(waitFor([&] { return healthz(port) == 503; }, 60));
+  elastic.setFaults({});
+  EXPECT_TRUE(waitFor([&] { return healthz(port) == 200; }, 60));
+  EXPECT_TRUE(waitFor([&] { return scrape(port)["httptools_river_indexed_total" + river] == "31.0 counter"; }));
+}
+
+TEST_F(MetricsTest, ABadListenAddressIsAUsageError) {
+  for (const char* bad : {"9100", "127.0.0.1:", "127.0.0.1:99999", "127.0.0.1:x1"}) {
+    const std::string command = std::string(HTTPTOOLS_CLI) + " river " + couch.baseUrl() + "/db " + elastic.baseUrl() +
+                                "/docs --follow --metrics " + bad + " 2>/dev/null";
+    EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 2) << bad;
+  }
+}
+#endif
+
+} // namespace
