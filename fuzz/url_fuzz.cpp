@@ -32,15 +32,13 @@ void CheckReparse(const qz::Url& url) {
   Check(back.scheme == url.scheme);
   Check(back.host == url.host);
   Check(back.port == url.port);
-  Check(back.user == (creds ? qz::Url::UrlEncodeFromUtf8String(url.user) : std::string()));
-  Check(back.password == (creds ? qz::Url::UrlEncodeFromUtf8String(url.password) : std::string()));
+  Check(back.user == (creds ? url.user : std::string())); // decoded when parsed, encoded once when written
+  Check(back.password == (creds ? url.password : std::string()));
   const bool loneEmpty = url.pathSegments.size() == 1 && url.pathSegments[0].empty();
   Check(back.pathSegments == (loneEmpty ? std::vector<std::string>() : url.pathSegments));
   Check(back.queryParameters == url.queryParameters);
   Check(back.ipAddress == url.ipAddress);
-  // Credentials that needed escapes come back escaped, and would be escaped once more.
-  const bool credsStable = !creds || (back.user == url.user && back.password == url.password);
-  Check(!credsStable || back.toEncodedUrl() == text);
+  Check(back.toEncodedUrl() == text);
   (void)url.toDisplayableUrl();
 }
 
