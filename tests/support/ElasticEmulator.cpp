@@ -157,7 +157,7 @@ std::string clusterInfo(State& st) {
          "\"build_date\":\"2023-10-13T02:55:55.511945994Z\",\"build_snapshot\":false,"
          "\"lucene_version\":\"9.7.0\",\"minimum_wire_compatibility_version\":\"7.10.0\","
          "\"minimum_index_compatibility_version\":\"7.0.0\"},"
-         "\"tagline\":\"The OpenSearch Project: https://opensearch.org/\"}";
+         "\"tagline\":\"The OpenSearch Project\"}";
 }
 
 // PUT /_emulator/faults, GET /_emulator/stats, POST /_emulator/reset.
