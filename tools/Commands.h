@@ -51,6 +51,9 @@ bool CheckCommandLineUrl(std::string& text, std::string& error);
 // The same, then parsed: false with a message on standard error, for exit kExitBadUrl.
 bool ParseCommandLineUrl(const std::string& command, std::string text, qz::Url& url);
 
+// The header lines of "@FILE" (CR LF or LF, blank lines skipped) appended to `lines`.
+bool AppendHeaderFile(const std::string& at, std::vector<std::string>& lines, std::string& error);
+
 // The connection options every network command shares: -k, --cacert, -H, -u, -m,
 // --connect-timeout, -v.
 struct ConnectionOptions {

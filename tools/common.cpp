@@ -129,22 +129,28 @@ bool ParseCommandLineUrl(const std::string& command, std::string text, qz::Url& 
   return true;
 }
 
+bool AppendHeaderFile(const std::string& at, std::vector<std::string>& lines, std::string& error) {
+  std::string text;
+  if (!ReadDataArgument(at, text, error))
+    return false;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+    if (!line.empty())
+      lines.push_back(line);
+  }
+  return true;
+}
+
 bool ConnectionOptions::headerLines(std::vector<std::string>& lines, std::string& error) const {
   for (const std::string& h : headers) {
     if (!h.starts_with("@")) {
       lines.push_back(h);
       continue;
     }
-    std::string text;
-    if (!ReadDataArgument(h, text, error))
+    if (!AppendHeaderFile(h, lines, error))
       return false;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-      if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-      if (!line.empty())
-        lines.push_back(line);
-    }
   }
   if (!user.empty()) {
     std::string token;

@@ -46,19 +46,12 @@ struct RiverArgs {
 bool SideHeaderLines(const char* option, const std::vector<std::string>& given, std::vector<std::string>& lines,
                      std::string& error) {
   for (const std::string& item : given) {
-    std::string text;
     if (item.starts_with("@")) {
-      if (!ReadDataArgument(item, text, error))
+      if (!AppendHeaderFile(item, lines, error))
         return false;
-      std::istringstream in(text);
-      for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line.back() == '\r')
-          line.pop_back();
-        if (!line.empty())
-          lines.push_back(line);
-      }
       continue;
     }
+    std::string text;
     const size_t colon = item.find(':');
     const size_t start = colon == std::string::npos ? colon : item.find_first_not_of(' ', colon + 1);
     if (colon == 0 || colon == std::string::npos) {
