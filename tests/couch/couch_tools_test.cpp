@@ -24,6 +24,9 @@
 #include <stdexcept>
 #include <thread>
 
+// Options by designated initializers: the members left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 using qz::qzVariant;
 using qz::qzVariantMapImpl;
 using namespace qz::couch;
@@ -371,38 +374,27 @@ TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
         << error;
     return rows;
   };
-  ViewQueryOptions q;
-  EXPECT_EQ(fetch(q), (std::vector<std::string>{"||45"}));
-  q.reduce = false;
-  q.startKey = "[1,3]";
-  q.endKey = "[1,7]";
-  q.descending = false;
-  EXPECT_EQ(fetch(q), (std::vector<std::string>{"v3|[1,3]|3", "v5|[1,5]|5", "v7|[1,7]|7"}));
-  q.inclusiveEnd = false;
-  q.skip = 1;
-  q.includeDocs = true;
-  EXPECT_EQ(fetch(q), (std::vector<std::string>{"v5|[1,5]|5|5"}));
-  ViewQueryOptions d;
-  d.reduce = false;
-  d.descending = true;
-  d.limit = 2;
-  EXPECT_EQ(fetch(d), (std::vector<std::string>{"v9|[1,9]|9", "v7|[1,7]|7"}));
-  ViewQueryOptions k;
-  k.reduce = false;
-  k.keys = {"[0,4]", "[1,1]"};
-  EXPECT_EQ(fetch(k), (std::vector<std::string>{"v4|[0,4]|4", "v1|[1,1]|1"}));
-  ViewQueryOptions all;
-  all.keys = {"\"v2\"", "\"nope\""};
+  const std::pair<ViewQueryOptions, std::vector<std::string>> cases[] = {
+      {{}, {"||45"}},
+      {{.startKey = "[1,3]", .endKey = "[1,7]", .reduce = false}, {"v3|[1,3]|3", "v5|[1,5]|5", "v7|[1,7]|7"}},
+      {{.startKey = "[1,3]", .endKey = "[1,7]", .includeDocs = true, .reduce = false, .inclusiveEnd = false, .skip = 1},
+       {"v5|[1,5]|5|5"}},
+      {{.reduce = false, .descending = true, .limit = 2}, {"v9|[1,9]|9", "v7|[1,7]|7"}},
+      {{.keys = {"[0,4]", "[1,1]"}, .reduce = false}, {"v4|[0,4]|4", "v1|[1,1]|1"}},
+  };
+  for (const auto& [q, rows] : cases)
+    EXPECT_EQ(fetch(q), rows);
+  const ViewQueryOptions all{.keys = {"\"v2\"", "\"nope\""}};
   const auto rows = fetch(all, "", "");
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[1], "|nope|not_found");
 
   std::string error;
   EXPECT_FALSE(FetchCouchDbView(
-      conn, server(), db, "app", "missing", q, [](ViewRow&) { return true; }, &error));
+      conn, server(), db, "app", "missing", {}, [](ViewRow&) { return true; }, &error));
   EXPECT_NE(error.find("404"), std::string::npos) << error;
   EXPECT_FALSE(FetchCouchDbView(
-      conn, server(), db, "app", "by_n", d, [](ViewRow&) { return false; }, &error));
+      conn, server(), db, "app", "by_n", {}, [](ViewRow&) { return false; }, &error));
   EXPECT_EQ(error, "row refused");
 }
 
