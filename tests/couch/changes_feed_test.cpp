@@ -18,6 +18,9 @@
 #include <set>
 #include <thread>
 
+// Options by designated initializers: the members left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 using qz::couch::Change;
 using qz::couch::ChangesFeedListener;
 using qz::couch::ChangesFeedParser;
@@ -198,11 +201,7 @@ TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckp
     });
   });
   startServer();
-  ChangesOptions o;
-  o.continuous = true;
-  o.heartbeatMs = 200;
-  o.backoffInitialMs = 10;
-  o.since = "0";
+  const ChangesOptions o{.since = "0", .continuous = true, .heartbeatMs = 200, .backoffInitialMs = 10};
   ChangesFeedListener feed(pool, server(), "db", o);
   std::vector<std::string> ids;
   std::string error;
@@ -228,8 +227,7 @@ TEST_F(ChangesFeedOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
     res.set_content(R"({"error":"not_found","reason":"Database does not exist."})", "application/json");
   });
   startServer();
-  ChangesOptions o;
-  o.backoffInitialMs = 10;
+  ChangesOptions o{.backoffInitialMs = 10};
   std::string error;
   ChangesFeedListener gone(pool, server(), "gone", o);
   EXPECT_FALSE(gone.run([](const Change&) { return true; }, &error));
@@ -271,8 +269,7 @@ TEST_F(ChangesFeedOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
     end();
     EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(400));
   };
-  ChangesOptions o;
-  o.continuous = true;
+  ChangesOptions o{.continuous = true};
   ChangesFeedListener feed(pool, server(), "db", o);
   std::atomic<int> seen{0};
   ASSERT_TRUE(feed.start([&](const Change&) { return ++seen, true; }));
@@ -320,9 +317,7 @@ TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
     }
   });
   startServer();
-  ChangesOptions o;
-  o.backoffInitialMs = 10; // the computed delays would be a few ms
-  o.backoffMaxMs = 1500;
+  const ChangesOptions o{.backoffInitialMs = 10, .backoffMaxMs = 1500}; // computed delays: a few ms
   ChangesFeedListener feed(pool, server(), "db", o);
   std::string error;
   EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;

@@ -19,6 +19,9 @@
 #include <set>
 #include <sstream>
 
+// Options by designated initializers: the members left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 using qz::qzVariant;
 using qz::qzVariantMapImpl;
 using namespace qz::couch;
@@ -82,10 +85,7 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
     ASSERT_EQ(s_server->request("PUT", "/" + target), 201);
     std::stringstream file;
     std::vector<std::string> checkpoints;
-    BackupOptions o;
-    o.attachments = k.attachments;
-    o.batchSize = k.batch;
-    o.threads = k.threads;
+    const BackupOptions o{.batchSize = k.batch, .threads = k.threads, .attachments = k.attachments};
     BackupStats stats;
     std::string error;
     ASSERT_TRUE(BackupDatabase(

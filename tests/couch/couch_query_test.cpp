@@ -11,6 +11,9 @@
 
 #include <gtest/gtest.h>
 
+// Options by designated initializers: the members left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 using qz::qzVariant;
 using qz::qzVariantMapImpl;
 using namespace qz::couch;
@@ -46,10 +49,7 @@ TEST_F(CouchQuery, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointedByLastS
                     "application/json");
   });
   ASSERT_TRUE(srv.start()) << srv.lastError();
-  ChangesOptions o;
-  o.selector = R"({"type":{"$eq":"x"}})";
-  o.seqInterval = 2;
-  o.batchLimit = 3;
+  const ChangesOptions o{.selector = R"({"type":{"$eq":"x"}})", .seqInterval = 2, .batchLimit = 3};
   const struct {
     int refuseAt;        // the batch refused (0: none)
     std::string batches; // "ids and seqs@checkpoint|..."
@@ -118,10 +118,7 @@ TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
   for (const Case& k : cases) {
     SCOPED_TRACE(k.limit);
     srv.resetCounters();
-    FindQuery q;
-    q.selector = R"({"n":{"$gt":0}})";
-    q.pageSize = 3;
-    q.limit = k.limit;
+    const FindQuery q{.selector = R"({"n":{"$gt":0}})", .limit = k.limit, .pageSize = 3};
     std::string ids, error;
     FindStats stats;
     EXPECT_TRUE(FindDocuments(
@@ -143,16 +140,14 @@ TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
     }
     EXPECT_EQ(sent, k.sent);
   }
-  FindQuery bad;
-  bad.selector = R"({"bad":{"$bad":1}})";
-  std::string error;
-  EXPECT_FALSE(FindDocuments(
-      pool, at(srv.baseUrl()), "db", bad, [](qzVariant&) { return true; }, nullptr, &error, nullptr));
-  EXPECT_NE(error.find("invalid_operator: Invalid operator: $bad"), std::string::npos) << error;
-  bad.selector = "[]";
-  EXPECT_FALSE(FindDocuments(
-      pool, at(srv.baseUrl()), "db", bad, [](qzVariant&) { return true; }, nullptr, &error, nullptr));
-  EXPECT_EQ(error, "the selector is not a JSON object");
+  for (const auto& [selector, why] : {std::pair{R"({"bad":{"$bad":1}})", "invalid_operator: Invalid operator: $bad"},
+                                      std::pair{"[]", "the selector is not a JSON object"}}) {
+    std::string error;
+    EXPECT_FALSE(FindDocuments(
+        pool, at(srv.baseUrl()), "db", {.selector = selector}, [](qzVariant&) { return true; }, nullptr, &error,
+        nullptr));
+    EXPECT_NE(error.find(why), std::string::npos) << error;
+  }
 }
 
 TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
@@ -180,12 +175,8 @@ TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.selector);
-    FindQuery q;
-    q.selector = k.selector;
-    q.fields = k.fields;
-    q.sort = {{"n", k.descending}};
-    q.limit = k.limit;
-    q.pageSize = 5;
+    const FindQuery q{
+        .selector = k.selector, .fields = k.fields, .sort = {{"n", k.descending}}, .limit = k.limit, .pageSize = 5};
     std::string ns, error;
     FindStats stats;
     ASSERT_TRUE(FindDocuments(
@@ -211,8 +202,7 @@ TEST_F(CouchQuery, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
   auto put = [&](const std::string& id) { ASSERT_EQ(server.request("PUT", "/cp/" + id, "{}"), 201); };
   for (const char* id : {"a", "b", "c"})
     put(id);
-  ChangesOptions o;
-  o.batchLimit = 2;
+  const ChangesOptions o{.batchLimit = 2};
   auto follow = [&](const char* name, int refuseAt = 0) {
     FeedCheckpoint checkpoint(pool, at(server.baseUrl()), "cp", name);
     ChangesFeedListener feed(pool, at(server.baseUrl()), "cp", o);

@@ -70,9 +70,7 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
         &error);
     return (ok ? "" : "failed ") + ids + "@" + feed.lastSeq();
   };
-  ChangesOptions o;
-  o.includeDocs = true;
-  o.batchLimit = 2; // three requests
+  ChangesOptions o{.includeDocs = true, .batchLimit = 2}; // three requests
   EXPECT_EQ(run(o, db, server()), "d0 d1 d2 d3 d4 @5") << error;
 
   // Follow from the checkpoint while documents change; stop; change more; resume.
@@ -95,8 +93,7 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   EXPECT_EQ(follow.lastSeq(), "7");
   ASSERT_EQ(put("d6", "{}"), 201);
   ASSERT_EQ(put("d7", "{}"), 201);
-  ChangesOptions rest;
-  rest.since = follow.lastSeq();
+  ChangesOptions rest{.since = follow.lastSeq()};
   EXPECT_EQ(run(rest, db, server()), "d6 d7 @9") << error;
 
   // Longpoll from the end: the request waits for the next change, written once it is out.
