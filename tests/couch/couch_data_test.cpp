@@ -82,6 +82,7 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
   for (const Case& k : {Case{true, 10, 2}, Case{false, 1000, 1}}) { // 7 batches: the feed waits for the writer
     SCOPED_TRACE(k.attachments);
     const std::string target = db + (k.attachments ? "_att" : "_plain");
+    s_server->request("DELETE", "/" + target); // left by an earlier repeat
     ASSERT_EQ(s_server->request("PUT", "/" + target), 201);
     std::stringstream file;
     std::vector<std::string> checkpoints;
@@ -167,6 +168,7 @@ TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) 
   EXPECT_EQ(lines(std::ifstream(file)), whole); // no line lost, none twice, none torn
   EXPECT_EQ(whole.size(), 48u);
 
+  s_server->request("DELETE", "/" + db + "_copy");
   ASSERT_EQ(s_server->request("PUT", "/" + db + "_copy"), 201);
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "restore", s_server->baseUrl() + "/" + db + "_copy", file}, "",
                                out, err),

@@ -20,16 +20,17 @@ using namespace qz::couch;
 
 namespace {
 
+qzVariantMapImpl Json(const std::string& text) {
+  qzVariantMapImpl m;
+  qz::json::Json2Variant::Convert(text, m);
+  return m;
+}
+
 class CouchQuery : public ::testing::Test {
 protected:
   static void SetUpTestSuite() { qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy); }
   static void TearDownTestSuite() { qz::terminateHttpTools(); }
   CouchConnectionParameters at(const std::string& base) const { return CouchConnectionParameters(qz::Url(base)); }
-  static qzVariantMapImpl Json(const std::string& text) {
-    qzVariantMapImpl m;
-    qz::json::Json2Variant::Convert(text, m);
-    return m;
-  }
   qztest::TestHttpServer srv; // stops after the pool closed its connections
   qz::http::HttpConnectionPool pool;
 };
@@ -150,16 +151,15 @@ TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
   }
 }
 
-TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
-  qztest::PouchDbServer& server = qztest::SharedPouchDb();
-  ASSERT_TRUE(server.ok()) << server.error();
-  ASSERT_EQ(server.request("PUT", "/q"), 201);
+using CouchQueryOnPouchDb = qztest::PouchDbTest;
+
+TEST_F(CouchQueryOnPouchDb, FindPagesBySkipWithFieldsAndSort) {
   std::string docs = R"({"docs":[)";
   for (int i = 0; i < 23; ++i)
     docs += std::string(i ? "," : "") + R"({"_id":"k)" + std::to_string(100 + i) + R"(","n":)" + std::to_string(i) +
             R"(,"odd":)" + (i % 2 ? "true" : "false") + "}";
-  ASSERT_EQ(server.request("POST", "/q/_bulk_docs", docs + "]}"), 201);
-  ASSERT_EQ(server.request("POST", "/q/_index", R"({"index":{"fields":["n"]}})"), 200);
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", docs + "]}"), 201);
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_index", R"({"index":{"fields":["n"]}})"), 200);
   struct Case {
     const char* selector;
     std::vector<std::string> fields;
@@ -180,7 +180,7 @@ TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
     std::string ns, error;
     FindStats stats;
     ASSERT_TRUE(FindDocuments(
-        pool, at(server.baseUrl()), "q", q,
+        *s_pool, server(), db, q,
         [&](qzVariant& doc) {
           EXPECT_EQ(doc.toMap().size(), k.fields.size());
           ns +=
@@ -195,17 +195,14 @@ TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
   }
 }
 
-TEST_F(CouchQuery, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
-  qztest::PouchDbServer& server = qztest::SharedPouchDb();
-  ASSERT_TRUE(server.ok()) << server.error();
-  ASSERT_EQ(server.request("PUT", "/cp"), 201);
-  auto put = [&](const std::string& id) { ASSERT_EQ(server.request("PUT", "/cp/" + id, "{}"), 201); };
+TEST_F(CouchQueryOnPouchDb, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
+  auto put = [&](const std::string& id) { ASSERT_EQ(s_server->request("PUT", "/" + db + "/" + id, "{}"), 201); };
   for (const char* id : {"a", "b", "c"})
     put(id);
   const ChangesOptions o{.batchLimit = 2};
   auto follow = [&](const char* name, int refuseAt = 0) {
-    FeedCheckpoint checkpoint(pool, at(server.baseUrl()), "cp", name);
-    ChangesFeedListener feed(pool, at(server.baseUrl()), "cp", o);
+    FeedCheckpoint checkpoint(*s_pool, server(), db, name);
+    ChangesFeedListener feed(*s_pool, server(), db, o);
     std::string ids, error;
     int batches = 0;
     EXPECT_TRUE(checkpoint.follow(
@@ -227,18 +224,19 @@ TEST_F(CouchQuery, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
   EXPECT_EQ(follow("two"), "abc"); // a checkpoint of its own
   put("d");
   // Another writer moved the checkpoint meanwhile: the save reads it again and wins.
-  FeedCheckpoint stale(pool, at(server.baseUrl()), "cp", "one");
+  FeedCheckpoint stale(*s_pool, server(), db, "one");
   std::string seq;
   ASSERT_TRUE(stale.load(seq));
   EXPECT_EQ(seq, "3");
   std::string stored;
-  server.request("GET", "/cp/_local/one", {}, &stored);
-  ASSERT_EQ(server.request("PUT", "/cp/_local/one", R"({"seq":"2","_rev":")" + Json(stored)["_rev"].toString() + "\"}"),
+  s_server->request("GET", "/" + db + "/_local/one", {}, &stored);
+  ASSERT_EQ(s_server->request("PUT", "/" + db + "/_local/one",
+                              R"({"seq":"2","_rev":")" + Json(stored)["_rev"].toString() + "\"}"),
             201);
   EXPECT_TRUE(stale.save("4"));
   EXPECT_EQ(follow("one"), "");
   std::string answer;
-  ASSERT_EQ(server.request("GET", "/cp/_changes", {}, &answer), 200);
+  ASSERT_EQ(s_server->request("GET", "/" + db + "/_changes", {}, &answer), 200);
   EXPECT_EQ(answer.find("_local"), std::string::npos); // the checkpoint is no change
 }
 
