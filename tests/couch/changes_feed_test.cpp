@@ -87,11 +87,12 @@ TEST(ChangesFeedParser, EveryLayoutGivesTheSameChangesAtEveryChunking) {
     }
 }
 
-TEST(ChangesFeedParser, SeqsAreTheTextTheServerSent) {
+TEST(ChangesFeedParser, SeqsAreTheTextTheServerSentAndMalformedFeedsStopIt) {
   struct Case {
     std::string text;
     std::vector<std::string> entries;
     std::string lastSeq;
+    std::string error = {}; // a part of it
   };
   const std::vector<Case> cases = {
       {R"({"results":[{"seq":"12-g1AAAA\"x","id":"a","changes":[]},)"
@@ -109,27 +110,18 @@ TEST(ChangesFeedParser, SeqsAreTheTextTheServerSent) {
        "9007199254740993"},
       // Under seq_interval most rows have no seq: they are changes, not checkpoints.
       {R"({"results":[{"seq":null,"id":"a"},{"seq":"7-x","id":"b"}],"last_seq":"7-x"})", {" a", "7-x b"}, "7-x"},
+      {"<html>proxy error</html>", {}, "", "unexpected byte"},
+      {R"({"error":"not_found","reason":"missing"})", {}, "", "not_found: missing"},
+      {R"({"results":[{"seq":1,"changes":[]}],"last_seq":1})", {}, "", "without id"},
+      {R"({"results":[{"seq":1,"id":"a",}],"last_seq":1})", {}, "", "invalid json"},
+      {R"({"results":]})", {}, "", "unbalanced"},
+      {R"({"results":[],"last_seq":null})", {}, "", "null last_seq"},
   };
   for (const Case& k : cases) {
-    const Parsed p = ParseInPieces(k.text, 5);
-    EXPECT_EQ(p.error, "") << k.text;
+    const Parsed p = ParseInPieces(k.text, 3);
+    EXPECT_TRUE(k.error.empty() ? p.error.empty() : p.error.find(k.error) != std::string::npos) << p.error;
     EXPECT_EQ(p.entries, k.entries) << k.text;
     EXPECT_EQ(p.lastSeq, k.lastSeq) << k.text;
-  }
-}
-
-TEST(ChangesFeedParser, MalformedFeedsAndServerErrorsStopIt) {
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"<html>proxy error</html>", "unexpected byte"},
-      {R"({"error":"not_found","reason":"missing"})", "not_found: missing"},
-      {R"({"results":[{"seq":1,"changes":[]}],"last_seq":1})", "without id"},
-      {R"({"results":[{"seq":1,"id":"a",}],"last_seq":1})", "invalid json"},
-      {R"({"results":]})", "unbalanced"},
-      {R"({"results":[],"last_seq":null})", "null last_seq"},
-  };
-  for (const auto& [text, why] : cases) {
-    const Parsed p = ParseInPieces(text, 3);
-    EXPECT_NE(p.error.find(why), std::string::npos) << text << " -> " << p.error;
   }
 }
 
