@@ -17,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <set>
@@ -45,11 +44,7 @@ protected:
     return s_server->request("PUT", "/" + db + "/" + id, body);
   }
   qzVariantMapImpl doc(const std::string& id, const std::string& query = {}) const {
-    std::string text;
-    qzVariantMapImpl out;
-    s_server->request("GET", "/" + db + "/" + id + query, {}, &text);
-    qz::json::Json2Variant::Convert(text, out);
-    return out;
+    return get("/" + db + "/" + id + query).toMap();
   }
   std::string rev(const std::string& id) const { return doc(id)["_rev"].toString(); }
 };
