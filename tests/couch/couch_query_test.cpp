@@ -11,22 +11,26 @@
 
 #include <gtest/gtest.h>
 
+// Options by designated initializers: the members left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 using qz::qzVariant;
 using qz::qzVariantMapImpl;
 using namespace qz::couch;
 
 namespace {
 
+qzVariantMapImpl Json(const std::string& text) {
+  qzVariantMapImpl m;
+  qz::json::Json2Variant::Convert(text, m);
+  return m;
+}
+
 class CouchQuery : public ::testing::Test {
 protected:
   static void SetUpTestSuite() { qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy); }
   static void TearDownTestSuite() { qz::terminateHttpTools(); }
   CouchConnectionParameters at(const std::string& base) const { return CouchConnectionParameters(qz::Url(base)); }
-  static qzVariantMapImpl Json(const std::string& text) {
-    qzVariantMapImpl m;
-    qz::json::Json2Variant::Convert(text, m);
-    return m;
-  }
   qztest::TestHttpServer srv; // stops after the pool closed its connections
   qz::http::HttpConnectionPool pool;
 };
@@ -46,49 +50,42 @@ TEST_F(CouchQuery, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointedByLastS
                     "application/json");
   });
   ASSERT_TRUE(srv.start()) << srv.lastError();
-  ChangesOptions o;
-  o.selector = R"({"type":{"$eq":"x"}})";
-  o.seqInterval = 2;
-  o.batchLimit = 3;
-  struct Run {
-    int refuseAt; // the batch refused (0: none)
-    std::vector<std::string> batches, checkpoints, sinceSent;
+  const ChangesOptions o{.selector = R"({"type":{"$eq":"x"}})", .seqInterval = 2, .batchLimit = 3};
+  const struct {
+    int refuseAt;        // the batch refused (0: none)
+    std::string batches; // "ids and seqs@checkpoint|..."
+    std::vector<std::string> since;
     std::string lastSeq;
+  } runs[] = {
+      {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g"},
+      {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g"},
+      {1, "a b2-g c@3-g|", {"0"}, "0"},
   };
-  const Run runs[] = {
-      {0, {"a b2-g c", "d"}, {"3-g", "4-g"}, {"0", "3-g"}, "4-g"},
-      {2, {"a b2-g c", "d"}, {"3-g", "4-g"}, {"0", "3-g"}, "3-g"},
-      {1, {"a b2-g c"}, {"3-g"}, {"0"}, "0"},
-  };
-  for (const Run& r : runs) {
+  for (const auto& r : runs) {
     SCOPED_TRACE(r.refuseAt);
     srv.resetCounters();
     ChangesFeedListener feed(pool, at(srv.baseUrl()), "db", o);
-    std::vector<std::string> batches, checkpoints;
-    std::string error;
+    std::string batches, error;
+    int count = 0;
     EXPECT_TRUE(feed.runBatches(
         [&](std::vector<Change>& batch, const std::string& checkpoint) {
-          std::string ids;
           for (const Change& c : batch)
-            ids += (ids.empty() ? "" : " ") + c.id + c.seq;
-          batches.push_back(ids);
-          checkpoints.push_back(checkpoint);
-          return int(batches.size()) != r.refuseAt;
+            batches += (&c == &batch[0] ? "" : " ") + c.id + c.seq;
+          batches += "@" + checkpoint + "|";
+          return ++count != r.refuseAt;
         },
         &error))
         << error;
     EXPECT_EQ(batches, r.batches);
-    EXPECT_EQ(checkpoints, r.checkpoints);
     EXPECT_EQ(feed.lastSeq(), r.lastSeq);
-    std::vector<std::string> since;
+    std::vector<std::string> targets, want;
     for (const auto& req : srv.requests()) {
-      since.push_back(req.target.substr(req.target.find("since=") + 6, req.target.find('&', req.target.find("since=")) -
-                                                                           req.target.find("since=") - 6));
-      EXPECT_NE(req.target.find("filter=_selector"), std::string::npos) << req.target;
-      EXPECT_NE(req.target.find("seq_interval=2"), std::string::npos) << req.target;
       EXPECT_EQ(Json(req.body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
+      targets.push_back(req.target);
     }
-    EXPECT_EQ(since, r.sinceSent);
+    for (const std::string& since : r.since)
+      want.push_back("/db/_changes?feed=normal&since=" + since + "&limit=3&seq_interval=2&filter=_selector");
+    EXPECT_EQ(targets, want);
   }
 }
 
@@ -122,10 +119,7 @@ TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
   for (const Case& k : cases) {
     SCOPED_TRACE(k.limit);
     srv.resetCounters();
-    FindQuery q;
-    q.selector = R"({"n":{"$gt":0}})";
-    q.pageSize = 3;
-    q.limit = k.limit;
+    const FindQuery q{.selector = R"({"n":{"$gt":0}})", .limit = k.limit, .pageSize = 3};
     std::string ids, error;
     FindStats stats;
     EXPECT_TRUE(FindDocuments(
@@ -147,28 +141,25 @@ TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
     }
     EXPECT_EQ(sent, k.sent);
   }
-  FindQuery bad;
-  bad.selector = R"({"bad":{"$bad":1}})";
-  std::string error;
-  EXPECT_FALSE(FindDocuments(
-      pool, at(srv.baseUrl()), "db", bad, [](qzVariant&) { return true; }, nullptr, &error, nullptr));
-  EXPECT_NE(error.find("invalid_operator: Invalid operator: $bad"), std::string::npos) << error;
-  bad.selector = "[]";
-  EXPECT_FALSE(FindDocuments(
-      pool, at(srv.baseUrl()), "db", bad, [](qzVariant&) { return true; }, nullptr, &error, nullptr));
-  EXPECT_EQ(error, "the selector is not a JSON object");
+  for (const auto& [selector, why] : {std::pair{R"({"bad":{"$bad":1}})", "invalid_operator: Invalid operator: $bad"},
+                                      std::pair{"[]", "the selector is not a JSON object"}}) {
+    std::string error;
+    EXPECT_FALSE(FindDocuments(
+        pool, at(srv.baseUrl()), "db", {.selector = selector}, [](qzVariant&) { return true; }, nullptr, &error,
+        nullptr));
+    EXPECT_NE(error.find(why), std::string::npos) << error;
+  }
 }
 
-TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
-  qztest::PouchDbServer& server = qztest::SharedPouchDb();
-  ASSERT_TRUE(server.ok()) << server.error();
-  ASSERT_EQ(server.request("PUT", "/q"), 201);
+using CouchQueryOnPouchDb = qztest::PouchDbTest;
+
+TEST_F(CouchQueryOnPouchDb, FindPagesBySkipWithFieldsAndSort) {
   std::string docs = R"({"docs":[)";
   for (int i = 0; i < 23; ++i)
     docs += std::string(i ? "," : "") + R"({"_id":"k)" + std::to_string(100 + i) + R"(","n":)" + std::to_string(i) +
             R"(,"odd":)" + (i % 2 ? "true" : "false") + "}";
-  ASSERT_EQ(server.request("POST", "/q/_bulk_docs", docs + "]}"), 201);
-  ASSERT_EQ(server.request("POST", "/q/_index", R"({"index":{"fields":["n"]}})"), 200);
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", docs + "]}"), 201);
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_index", R"({"index":{"fields":["n"]}})"), 200);
   struct Case {
     const char* selector;
     std::vector<std::string> fields;
@@ -184,16 +175,12 @@ TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.selector);
-    FindQuery q;
-    q.selector = k.selector;
-    q.fields = k.fields;
-    q.sort = {{"n", k.descending}};
-    q.limit = k.limit;
-    q.pageSize = 5;
+    const FindQuery q{
+        .selector = k.selector, .fields = k.fields, .sort = {{"n", k.descending}}, .limit = k.limit, .pageSize = 5};
     std::string ns, error;
     FindStats stats;
     ASSERT_TRUE(FindDocuments(
-        pool, at(server.baseUrl()), "q", q,
+        *s_pool, server(), db, q,
         [&](qzVariant& doc) {
           EXPECT_EQ(doc.toMap().size(), k.fields.size());
           ns +=
@@ -208,18 +195,14 @@ TEST_F(CouchQuery, FindOnPouchDbPagesBySkipWithFieldsAndSort) {
   }
 }
 
-TEST_F(CouchQuery, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
-  qztest::PouchDbServer& server = qztest::SharedPouchDb();
-  ASSERT_TRUE(server.ok()) << server.error();
-  ASSERT_EQ(server.request("PUT", "/cp"), 201);
-  auto put = [&](const std::string& id) { ASSERT_EQ(server.request("PUT", "/cp/" + id, "{}"), 201); };
+TEST_F(CouchQueryOnPouchDb, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
+  auto put = [&](const std::string& id) { ASSERT_EQ(s_server->request("PUT", "/" + db + "/" + id, "{}"), 201); };
   for (const char* id : {"a", "b", "c"})
     put(id);
-  ChangesOptions o;
-  o.batchLimit = 2;
+  const ChangesOptions o{.batchLimit = 2};
   auto follow = [&](const char* name, int refuseAt = 0) {
-    FeedCheckpoint checkpoint(pool, at(server.baseUrl()), "cp", name);
-    ChangesFeedListener feed(pool, at(server.baseUrl()), "cp", o);
+    FeedCheckpoint checkpoint(*s_pool, server(), db, name);
+    ChangesFeedListener feed(*s_pool, server(), db, o);
     std::string ids, error;
     int batches = 0;
     EXPECT_TRUE(checkpoint.follow(
@@ -241,18 +224,19 @@ TEST_F(CouchQuery, StoredCheckpointResumesAFeedWhereTheLastConsumerStopped) {
   EXPECT_EQ(follow("two"), "abc"); // a checkpoint of its own
   put("d");
   // Another writer moved the checkpoint meanwhile: the save reads it again and wins.
-  FeedCheckpoint stale(pool, at(server.baseUrl()), "cp", "one");
+  FeedCheckpoint stale(*s_pool, server(), db, "one");
   std::string seq;
   ASSERT_TRUE(stale.load(seq));
   EXPECT_EQ(seq, "3");
   std::string stored;
-  server.request("GET", "/cp/_local/one", {}, &stored);
-  ASSERT_EQ(server.request("PUT", "/cp/_local/one", R"({"seq":"2","_rev":")" + Json(stored)["_rev"].toString() + "\"}"),
+  s_server->request("GET", "/" + db + "/_local/one", {}, &stored);
+  ASSERT_EQ(s_server->request("PUT", "/" + db + "/_local/one",
+                              R"({"seq":"2","_rev":")" + Json(stored)["_rev"].toString() + "\"}"),
             201);
   EXPECT_TRUE(stale.save("4"));
   EXPECT_EQ(follow("one"), "");
   std::string answer;
-  ASSERT_EQ(server.request("GET", "/cp/_changes", {}, &answer), 200);
+  ASSERT_EQ(s_server->request("GET", "/" + db + "/_changes", {}, &answer), 200);
   EXPECT_EQ(answer.find("_local"), std::string::npos); // the checkpoint is no change
 }
 

@@ -2,6 +2,7 @@
 // times made by hand.
 #include <HttpTools/icmp/IcmpEcho_p.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -10,6 +11,9 @@
 
 using namespace qz::icmp;
 using namespace qz::icmp::impl;
+using testing::DoubleEq;
+using testing::ElementsAre;
+using testing::Optional;
 
 namespace {
 
@@ -46,6 +50,12 @@ Bytes WithIpHeader(const Bytes& icmp, size_t optionWords = 0, int lengthDelta = 
 
 const ProbeTag kTag{0x0123456789abcdefULL, 7, 3};
 
+auto Near(std::vector<double> want) { return testing::Pointwise(DoubleEq(), want); }
+
+std::vector<double> Figures(const HostStatistics& s) {
+  return {double(s.sent), double(s.received), double(s.duplicates), s.lossPercent, s.minMs, s.avgMs, s.maxMs, s.mdevMs};
+}
+
 Bytes Request4() {
   unsigned char payload[kPayloadSize];
   WritePayload(kTag, payload);
@@ -63,65 +73,49 @@ TEST(IcmpChecksum, Rfc1071Example) {
   EXPECT_EQ(InternetChecksum(odd, 1), 0xfeff);
 }
 
-TEST(IcmpEcho, ParserAcceptsWellFormedRepliesOfEachLayout) {
+TEST(IcmpEcho, ParserTakesIntactEchoRepliesOnly) {
   const Bytes icmp4 = Reply(false, 0x1234, 42, kTag), icmp6 = Reply(true, 0x1234, 42, kTag);
-  Bytes padded = WithIpHeader(icmp4);
-  padded.push_back(0xee); // bytes past the IP total length are not part of the message
-  const struct {
-    const char* name;
-    Bytes bytes;
-    ReplyLayout layout;
-  } cases[] = {
-      {"datagram", icmp4, ReplyLayout::IPv4Datagram},
-      {"with header", WithIpHeader(icmp4), ReplyLayout::IPv4WithHeader},
-      {"with header and options", WithIpHeader(icmp4, 2), ReplyLayout::IPv4WithHeader},
-      {"with trailing bytes", padded, ReplyLayout::IPv4WithHeader},
-      {"ICMPv6", icmp6, ReplyLayout::IPv6},
-  };
-  for (const auto& c : cases) {
-    EchoReply r;
-    ASSERT_TRUE(ParseEchoReply(c.bytes.data(), c.bytes.size(), c.layout, r)) << c.name;
-    EXPECT_EQ(r.identifier, 0x1234) << c.name;
-    EXPECT_EQ(r.sequence, 42) << c.name;
-    ProbeTag tag;
-    ASSERT_TRUE(ReadPayload(r.payload, r.payloadSize, tag)) << c.name;
-    EXPECT_EQ(tag.token, kTag.token);
-    EXPECT_EQ(tag.host, kTag.host);
-    EXPECT_EQ(tag.probe, kTag.probe);
-  }
-}
-
-TEST(IcmpEcho, ParserRejectsWhatIsNotAnIntactEchoReply) {
-  const Bytes icmp4 = Reply(false, 1, 2, kTag), icmp6 = Reply(true, 1, 2, kTag);
   const Bytes framed = WithIpHeader(icmp4);
-  auto mutate = [](Bytes b, size_t at, unsigned char v) {
-    b[at] = v;
-    return b;
-  };
+  Bytes padded = framed;
+  padded.push_back(0xee); // bytes past the IP total length are not part of the message
+  auto mutate = [](Bytes b, size_t at, unsigned char v) { return b[at] = v, b; };
+  using L = ReplyLayout;
   const struct {
     const char* name;
     Bytes bytes;
     ReplyLayout layout;
+    bool ok;
   } cases[] = {
-      {"flipped payload bit", mutate(icmp4, 20, icmp4[20] ^ 1), ReplyLayout::IPv4Datagram},
-      {"echo request", Request4(), ReplyLayout::IPv4Datagram},
-      {"code 1", mutate(icmp6, 1, 1), ReplyLayout::IPv6},
-      {"ICMPv6 echo request", mutate(icmp6, 0, 128), ReplyLayout::IPv6},
-      {"IPv4 reply read as ICMPv6", icmp4, ReplyLayout::IPv6},
-      {"short", Bytes(icmp6.begin(), icmp6.begin() + 7), ReplyLayout::IPv6},
-      {"empty", Bytes{}, ReplyLayout::IPv4Datagram},
-      {"header without ICMP", Bytes(framed.begin(), framed.begin() + 24), ReplyLayout::IPv4WithHeader},
-      {"total length past the end", WithIpHeader(icmp4, 0, 1), ReplyLayout::IPv4WithHeader},
-      {"total length inside the header", WithIpHeader(icmp4, 0, -static_cast<int>(icmp4.size()) - 1),
-       ReplyLayout::IPv4WithHeader},
-      {"header length 4 words", mutate(framed, 0, 0x44), ReplyLayout::IPv4WithHeader},
-      {"version 6", mutate(framed, 0, 0x65), ReplyLayout::IPv4WithHeader},
-      {"protocol UDP", mutate(framed, 9, 17), ReplyLayout::IPv4WithHeader},
-      {"datagram read as with header", icmp4, ReplyLayout::IPv4WithHeader},
+      {"datagram", icmp4, L::IPv4Datagram, true},
+      {"with header", framed, L::IPv4WithHeader, true},
+      {"with header and options", WithIpHeader(icmp4, 2), L::IPv4WithHeader, true},
+      {"with trailing bytes", padded, L::IPv4WithHeader, true},
+      {"ICMPv6", icmp6, L::IPv6, true},
+      {"flipped payload bit", mutate(icmp4, 20, icmp4[20] ^ 1), L::IPv4Datagram, false},
+      {"echo request", Request4(), L::IPv4Datagram, false},
+      {"code 1", mutate(icmp6, 1, 1), L::IPv6, false},
+      {"ICMPv6 echo request", mutate(icmp6, 0, 128), L::IPv6, false},
+      {"IPv4 reply read as ICMPv6", icmp4, L::IPv6, false},
+      {"short", Bytes(icmp6.begin(), icmp6.begin() + 7), L::IPv6, false},
+      {"empty", Bytes{}, L::IPv4Datagram, false},
+      {"header without ICMP", Bytes(framed.begin(), framed.begin() + 24), L::IPv4WithHeader, false},
+      {"total length past the end", WithIpHeader(icmp4, 0, 1), L::IPv4WithHeader, false},
+      {"total length inside the header", WithIpHeader(icmp4, 0, -int(icmp4.size()) - 1), L::IPv4WithHeader, false},
+      {"header length 4 words", mutate(framed, 0, 0x44), L::IPv4WithHeader, false},
+      {"version 6", mutate(framed, 0, 0x65), L::IPv4WithHeader, false},
+      {"protocol UDP", mutate(framed, 9, 17), L::IPv4WithHeader, false},
+      {"datagram read as with header", icmp4, L::IPv4WithHeader, false},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     EchoReply r;
-    EXPECT_FALSE(ParseEchoReply(c.bytes.data(), c.bytes.size(), c.layout, r)) << c.name;
+    ASSERT_EQ(ParseEchoReply(c.bytes.data(), c.bytes.size(), c.layout, r), c.ok);
+    ProbeTag tag;
+    if (c.ok) {
+      ASSERT_TRUE(ReadPayload(r.payload, r.payloadSize, tag));
+      EXPECT_EQ(std::tuple(r.identifier, r.sequence, tag.token, tag.host, tag.probe),
+                std::tuple(0x1234, 42, kTag.token, kTag.host, kTag.probe));
+    }
   }
 }
 
@@ -175,14 +169,9 @@ TEST(IcmpStatistics, ComputedByHand) {
   for (const auto& c : cases) {
     HostStatistics s;
     ComputeStatistics(c.rtt, c.sent, c.received, c.duplicates, s);
-    EXPECT_EQ(s.sent, c.sent) << c.name;
-    EXPECT_EQ(s.received, c.received) << c.name;
-    EXPECT_EQ(s.duplicates, c.duplicates) << c.name;
-    EXPECT_DOUBLE_EQ(s.lossPercent, c.loss) << c.name;
-    EXPECT_DOUBLE_EQ(s.minMs, c.min) << c.name;
-    EXPECT_DOUBLE_EQ(s.avgMs, c.avg) << c.name;
-    EXPECT_DOUBLE_EQ(s.maxMs, c.max) << c.name;
-    EXPECT_DOUBLE_EQ(s.mdevMs, c.mdev) << c.name;
+    EXPECT_THAT(Figures(s),
+                Near({double(c.sent), double(c.received), double(c.duplicates), c.loss, c.min, c.avg, c.max, c.mdev}))
+        << c.name;
   }
 }
 
@@ -207,17 +196,9 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
 
   HostStatistics s;
   book.fill(0, s);
-  EXPECT_EQ(s.sent, 3u);
-  EXPECT_EQ(s.received, 2u);
-  EXPECT_EQ(s.duplicates, 1u);
-  EXPECT_DOUBLE_EQ(s.minMs, 0.1);
-  EXPECT_DOUBLE_EQ(s.maxMs, 0.3);
-  EXPECT_DOUBLE_EQ(s.mdevMs, 0.081);
+  EXPECT_THAT(Figures(s), Near({3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081}));
   // The probes in order, the duplicate left out: 0.1, 0.2, and the third lost.
-  ASSERT_EQ(s.probeMs.size(), 3u);
-  EXPECT_DOUBLE_EQ(s.probeMs[0].value_or(-1), 0.1);
-  EXPECT_DOUBLE_EQ(s.probeMs[1].value_or(-1), 0.2);
-  EXPECT_FALSE(s.probeMs[2]);
+  EXPECT_THAT(s.probeMs, ElementsAre(Optional(DoubleEq(0.1)), Optional(DoubleEq(0.2)), std::nullopt));
 }
 
 TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
@@ -235,10 +216,9 @@ TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
   EXPECT_EQ(book.nextDeadline(), INT64_MAX);
   HostStatistics s;
   book.fill(0, s);
-  EXPECT_EQ(s.sent, 3u) << "the refused probe counts as sent";
-  EXPECT_EQ(s.received, 0u);
-  EXPECT_DOUBLE_EQ(s.lossPercent, 100);
-  EXPECT_EQ(s.probeMs.size(), 3u) << "the unsent fourth has no place";
+  // The refused probe counts as sent; the unsent fourth has no place.
+  EXPECT_THAT(Figures(s), Near({3, 0, 0, 100, 0, 0, 0, 0}));
+  EXPECT_EQ(s.probeMs.size(), 3u);
 }
 
 TEST(IcmpStatistics, ProbeFiguresComputedByHand) {
@@ -262,13 +242,11 @@ TEST(IcmpStatistics, ProbeFiguresComputedByHand) {
     SCOPED_TRACE(c.name);
     HostStatistics s;
     ComputeProbeFigures(c.probes, s);
-    ASSERT_EQ(s.probeMs.size(), c.probes.size());
-    for (size_t i = 0; i < c.probes.size(); ++i)
-      EXPECT_EQ(s.probeMs[i].has_value(), c.probes[i].has_value()) << i;
-    EXPECT_DOUBLE_EQ(s.stddevMs, c.stddev);
-    EXPECT_DOUBLE_EQ(s.p50Ms, c.p50);
-    EXPECT_DOUBLE_EQ(s.p90Ms, c.p90);
-    EXPECT_DOUBLE_EQ(s.p99Ms, c.p99);
-    EXPECT_DOUBLE_EQ(s.jitterMs, c.jitter);
+    std::vector<std::optional<double>> want;
+    for (const Us& us : c.probes)
+      want.push_back(us ? std::optional(double(*us) / 1000) : std::nullopt);
+    EXPECT_EQ(s.probeMs, want);
+    EXPECT_THAT((std::vector{s.stddevMs, s.p50Ms, s.p90Ms, s.p99Ms, s.jitterMs}),
+                Near({c.stddev, c.p50, c.p90, c.p99, c.jitter}));
   }
 }

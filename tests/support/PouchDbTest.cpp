@@ -28,6 +28,7 @@ void PouchDbTest::SetUp() {
   ASSERT_TRUE(s_server->ok()) << s_server->error();
   db = ::testing::UnitTest::GetInstance()->current_test_info()->name();
   std::transform(db.begin(), db.end(), db.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+  s_server->request("DELETE", "/" + db); // left by an earlier repeat
   ASSERT_EQ(s_server->request("PUT", "/" + db), 201);
 }
 
