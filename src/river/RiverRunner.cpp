@@ -10,17 +10,6 @@
 
 namespace qz::river::detail {
 
-namespace {
-
-// A non-negative integer seq (PouchDB, CouchDB 1.x), or -1 (CouchDB 2+ seqs are opaque strings).
-int64_t IntegerSeq(const std::string& seq) {
-  if (seq.empty() || seq.size() > 18 || seq.find_first_not_of("0123456789") != std::string::npos)
-    return -1;
-  return std::stoll(seq);
-}
-
-} // namespace
-
 RiverRunner::RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definition, const std::string& owner,
                          StopSignal& stop)
     : m_pool(pool), m_def(std::move(definition)), m_stop(stop),

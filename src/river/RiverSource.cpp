@@ -18,14 +18,13 @@ RiverOutcome CouchFailure(const std::string& what, const Reply& reply) {
   return RiverOutcome::Failure(Side::Couch, !transient, "CouchDB: " + what + ": " + reply.reason());
 }
 
-// A non-negative integer seq, or -1 (CouchDB 2+ seqs are opaque strings).
-long long IntegerSeq(const std::string& seq) {
+} // namespace
+
+int64_t IntegerSeq(const std::string& seq) {
   if (seq.empty() || seq.size() > 18 || seq.find_first_not_of("0123456789") != std::string::npos)
     return -1;
   return std::stoll(seq);
 }
-
-} // namespace
 
 SourceWatch::SourceWatch(http::HttpConnectionPool& pool, qz::couch::CouchConnectionParameters couch,
                          std::string database, const std::string& river)
@@ -60,7 +59,7 @@ RiverOutcome SourceWatch::mark(RiverState& state, const bool* cancel) {
 
 RiverOutcome SourceWatch::seqBelowCheckpoint(const RiverState& state, bool& below, const bool* cancel) {
   below = false;
-  const long long checkpoint = IntegerSeq(state.targetSeq());
+  const int64_t checkpoint = IntegerSeq(state.targetSeq());
   if (checkpoint <= 0)
     return RiverOutcome::Done();
   Reply reply;
@@ -70,7 +69,7 @@ RiverOutcome SourceWatch::seqBelowCheckpoint(const RiverState& state, bool& belo
     return CouchFailure("reading " + m_database, reply);
   qzVariantMapImpl info;
   qz::json::Json2Variant::Convert(reply.body, info);
-  const long long now = IntegerSeq(info["update_seq"].toString());
+  const int64_t now = IntegerSeq(info["update_seq"].toString());
   below = now >= 0 && now < checkpoint;
   return RiverOutcome::Done();
 }

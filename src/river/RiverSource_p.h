@@ -3,9 +3,13 @@
 #include <HttpTools/couch/CouchConnectionParameters.h>
 #include <HttpTools/river/RiverCheckpoint_p.h>
 
+#include <cstdint>
 #include <string>
 
 namespace qz::river::detail {
+
+/// A non-negative integer seq (PouchDB, CouchDB 1.x), or -1 (CouchDB 2+ seqs are opaque strings).
+int64_t IntegerSeq(const std::string& seq);
 
 // Tells a source database deleted and created again since the checkpoint. CouchDB shows no
 // reliable sign of it (seqs are opaque, instance_start_time is "0"), so the river keeps a marker
