@@ -313,12 +313,12 @@ TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
   multi.editConnectionParameters().maxBodyBytes = 1000;
   Collector c;
   std::vector<uint64_t> ok;
-  for (int i = 0; i < 4; ++i)
+  for (int i = 0; i < 3; ++i)
     ok.push_back(multi.addRequest(get(srv.url("/stall?ms=150"), c.sink())));
   ok.push_back(multi.addRequest(get(srv.url("/bytes?n=1000"), c.sink())));
   const uint64_t tooLong = multi.addRequest(get(srv.url("/stall?ms=3000"), c.sink()));
   const uint64_t tooBig = multi.addRequest(get(srv.url("/bytes?n=1001"), c.sink()));
-  Multi::Request own = get(srv.url("/stall?ms=600"), c.sink());
+  Multi::Request own = get(srv.url("/stall?ms=450"), c.sink());
   own.timeoutMs = 1500; // the request's own time-out wins
   ok.push_back(multi.addRequest(std::move(own)));
   ASSERT_TRUE(multi.perform());
@@ -335,13 +335,13 @@ TEST_F(MultiConnection, PerHostLimitQueuesHereAndBoundsConnections) {
   multi.setMaxConnectionsPerHost(2);
   Collector c;
   for (int i = 0; i < 8; ++i) {
-    Multi::Request r = get(srv.url("/stall?ms=200"), c.sink());
-    r.timeoutMs = 600; // four rounds of two: would expire if queued with a running clock
+    Multi::Request r = get(srv.url("/stall?ms=100"), c.sink());
+    r.timeoutMs = 300; // four rounds of two: would expire if queued with a running clock
     multi.addRequest(std::move(r));
   }
   const auto start = Clock::now();
   ASSERT_TRUE(multi.perform());
-  EXPECT_GE(msSince(start), 790);
+  EXPECT_GE(msSince(start), 395);
   for (const auto& [id, r] : c.byId)
     EXPECT_TRUE(r.success) << r.errorMessage;
   EXPECT_EQ(srv.connectionCount(), 2u);
@@ -443,9 +443,11 @@ TEST_F(MultiConnection, ThreadedAddWhilePerformRuns) {
     EXPECT_TRUE(c.byId[id].success) << c.byId[id].errorMessage;
 }
 
+// One nginx with HTTP/2 and a log line per request, started on first use and stopped at exit.
 class MultiConnectionNginx : public testing::Test {
 protected:
-  static std::vector<std::string> logLines(const qztest::NginxFixture& nginx) {
+  void SetUp() override { ASSERT_TRUE(nginx.isRunning() || nginx.start()) << nginx.lastError(); }
+  static std::vector<std::string> logLines() {
     std::ifstream in(nginx.accessLogPath());
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
@@ -453,13 +455,12 @@ protected:
         lines.push_back(line);
     return lines;
   }
+  static inline qztest::NginxFixture nginx{qztest::NginxFixture::Options{.http2 = true, .connectionLog = true}};
 };
 
 // A name that fails under a preferred address family is tried again with any family, for that
 // request only: the engine's parameters stay as the caller set them.
 TEST_F(MultiConnectionNginx, FamilyFallbackLeavesTheParametersAsSet) {
-  qztest::NginxFixture nginx;
-  ASSERT_TRUE(nginx.start()) << nginx.lastError();
   struct Case {
     HostNameResolutionPolicy policy;
     long connections;
@@ -482,8 +483,6 @@ TEST_F(MultiConnectionNginx, FamilyFallbackLeavesTheParametersAsSet) {
 }
 
 TEST_F(MultiConnectionNginx, Http2MultiplexesOneConnection) {
-  qztest::NginxFixture nginx(qztest::NginxFixture::Options{.http2 = true, .connectionLog = true});
-  ASSERT_TRUE(nginx.start()) << nginx.lastError();
   for (bool multiplex : {true, false}) {
     SCOPED_TRACE(multiplex);
     std::ofstream(nginx.accessLogPath(), std::ios::trunc).flush();
@@ -502,8 +501,8 @@ TEST_F(MultiConnectionNginx, Http2MultiplexesOneConnection) {
       ASSERT_EQ(r.body, "{\"ok\":true}") << r.errorMessage;
     std::set<std::string> connections, protocols;
     // nginx writes a line once the response is out: the last ones may trail the client.
-    waitFor([&] { return logLines(nginx).size() >= 100; }, 2000);
-    const auto lines = logLines(nginx);
+    waitFor([&] { return logLines().size() >= 100; }, 2000);
+    const auto lines = logLines();
     ASSERT_EQ(lines.size(), 100u);
     for (const std::string& line : lines) {
       std::istringstream in(line);

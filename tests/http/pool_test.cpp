@@ -222,7 +222,7 @@ TEST_F(Pool, LockersBorrowReturnAndWarnWhenUsedElsewhere) {
 // Many threads share one pool: no crash, every request succeeds, and connections are reused.
 TEST_F(Pool, ThreadsShareOnePool) {
   constexpr int kThreads = 8;
-  constexpr int kRequests = 2000;
+  constexpr int kRequests = 500;
   HttpConnectionPool pool;
   pool.setMaxPendingConnection(4);
   pool.ensureAtLeastMaxConcurrentConnection(kThreads);

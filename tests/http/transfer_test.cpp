@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 using namespace qz::http;
@@ -178,58 +179,47 @@ TEST_F(Transfer, RequestsCarryNoImplicitHeaders) {
 // and a backoff wait ends too; all well before the stalled answer or the wait would.
 TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
   constexpr int64_t kBoundMs = 600; // 100 ms plus room for a loaded machine under sanitizers
-  auto waitForStall = [&](size_t before) {
-    while (srv.requestCount() == before)
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  const std::string stall = srv.url("/stall?ms=20000");
+  struct Case {
+    const char* name;
+    bool viaFlag, sendsRequest;
+    std::function<bool(CancelToken&, bool*)> wait; // true when it did not end as cancelled
   };
-  {
-    HttpConnection conn;
-    CancelToken token;
-    const size_t before = srv.requestCount();
-    Clock::time_point cancelledAt;
-    std::thread canceller([&] {
-      waitForStall(before);
-      cancelledAt = Clock::now();
-      token.cancel();
-    });
-    StringSink sink;
-    TransferOutcome out;
-    EXPECT_FALSE(PerformTransfer(conn, request("/stall?ms=20000"), sink, out, &token));
-    canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs);
-    EXPECT_EQ(out.error.kind, ErrorKind::Cancelled);
-  }
-  {
-    HttpConnection conn;
+  const Case cases[] = {
+      {"transfer", false, true,
+       [&](CancelToken& token, bool*) {
+         HttpConnection conn;
+         StringSink sink;
+         TransferOutcome out;
+         return PerformTransfer(conn, request(stall), sink, out, &token) || out.error.kind != ErrorKind::Cancelled;
+       }},
+      {"helper", true, true,
+       [&](CancelToken&, bool* flag) {
+         HttpConnection conn;
+         HttpHelpers::HttpResult result;
+         return HttpHelpers::HttpGet(conn, qz::Url(stall), &result, nullptr, nullptr, flag) ||
+                result.error.kind != ErrorKind::Cancelled;
+       }},
+      {"backoff", false, false, [](CancelToken& token, bool*) { return token.waitFor(std::chrono::seconds(20)); }},
+      {"backoff on a flag", true, false,
+       [](CancelToken& token, bool*) { return token.waitFor(std::chrono::seconds(20)); }},
+  };
+  for (const Case& k : cases) {
     bool flag = false;
+    CancelToken token = k.viaFlag ? CancelToken::Watching(&flag) : CancelToken();
     const size_t before = srv.requestCount();
-    Clock::time_point cancelledAt;
-    std::thread canceller([&] {
-      waitForStall(before);
-      cancelledAt = Clock::now();
-      std::atomic_ref<bool>(flag).store(true);
-    });
-    HttpHelpers::HttpResult result;
-    EXPECT_FALSE(HttpHelpers::HttpGet(conn, qz::Url(srv.url("/stall?ms=20000")), &result, nullptr, nullptr, &flag));
-    canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs);
-    EXPECT_EQ(result.error.kind, ErrorKind::Cancelled);
-  }
-  for (bool viaFlag : {false, true}) {
-    bool flag = false;
-    CancelToken token = viaFlag ? CancelToken::Watching(&flag) : CancelToken();
     std::atomic<bool> waiting{false};
     Clock::time_point cancelledAt;
     std::thread canceller([&] {
-      while (!waiting.load())
+      while (!waiting.load() || (k.sendsRequest && srv.requestCount() == before))
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
       cancelledAt = Clock::now();
-      viaFlag ? std::atomic_ref<bool>(flag).store(true) : token.cancel();
+      k.viaFlag ? std::atomic_ref<bool>(flag).store(true) : token.cancel();
     });
     waiting = true;
-    EXPECT_FALSE(token.waitFor(std::chrono::seconds(20)));
+    EXPECT_FALSE(k.wait(token, &flag)) << k.name;
     canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs) << "flag " << viaFlag;
+    EXPECT_LT(msSince(cancelledAt), kBoundMs) << k.name;
   }
 }
 

@@ -127,7 +127,7 @@ void probe(void* data) {
     p->removeFrom->removeCallback(probe, data);
 }
 bool WaitFor(const std::function<bool()>& done) {
-  for (int i = 0; i < 1000 && !done(); ++i)
+  for (int i = 0; i < 5000 && !done(); ++i) // up to 10 s
     qz::qzThread::msleep(2);
   return done();
 }
@@ -142,8 +142,9 @@ TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
     u.addCallback(probe, p);
   EXPECT_TRUE(WaitFor([&] { return a.calls >= 3 && b.calls >= 3; }));
   u.removeCallback(probe, &a);
-  const int frozen = a.calls;
-  qz::qzThread::msleep(50);
+  const int frozen = a.calls, bBefore = b.calls;
+  // Rounds run one after the other: b's next ones show that a's have stopped.
+  EXPECT_TRUE(WaitFor([&] { return b.calls >= bBefore + 3; }));
   EXPECT_EQ(a.calls.load(), frozen);
   EXPECT_EQ(self.calls.load(), 1);
 
@@ -153,8 +154,8 @@ TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
   u.removeCallback(probe, &slow);
   // A further call may have started before the removal; none runs or starts after it.
   EXPECT_FALSE(slow.inside.load()) << "returned only after the running call ended";
-  const int ended = slow.calls;
-  qz::qzThread::msleep(20);
+  const int ended = slow.calls, bAfter = b.calls;
+  EXPECT_TRUE(WaitFor([&] { return b.calls >= bAfter + 3; }));
   EXPECT_EQ(slow.calls.load(), ended);
 }
 

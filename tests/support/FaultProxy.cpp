@@ -43,29 +43,19 @@ struct Peer {
   int fd = -1;
   std::string pending;
 
-  // Takes everything up to and including the blank line that ends a head (or a trailer).
-  bool readUntilBlankLine(std::string& out) {
-    for (;;) {
-      if (const size_t end = pending.find("\r\n\r\n"); end != std::string::npos) {
-        out = pending.substr(0, end + 4);
-        pending.erase(0, end + 4);
+  // Takes everything up to and including `end` ("\r\n\r\n": a head or trailer; "\r\n": a line).
+  bool readThrough(const char* end, std::string& out) {
+    for (const size_t n = std::strlen(end);;) {
+      if (const size_t at = pending.find(end); at != std::string::npos) {
+        out = pending.substr(0, at + n);
+        pending.erase(0, at + n);
         return true;
       }
       if (pending.size() > kMaxHead || !ReadMore(fd, pending))
         return false;
     }
   }
-  bool readLine(std::string& out) {
-    for (;;) {
-      if (const size_t end = pending.find("\r\n"); end != std::string::npos) {
-        out = pending.substr(0, end + 2);
-        pending.erase(0, end + 2);
-        return true;
-      }
-      if (pending.size() > kMaxHead || !ReadMore(fd, pending))
-        return false;
-    }
-  }
+  bool readUntilBlankLine(std::string& out) { return readThrough("\r\n\r\n", out); }
   // Passes `length` bytes to `sink` (-1: dropped), or everything until the peer closes.
   bool relay(size_t length, bool untilClose, int sink, std::string* keep) {
     for (;;) {
@@ -84,21 +74,22 @@ struct Peer {
   }
   // A chunked body, framing included, up to its last chunk and trailers.
   bool relayChunked(int sink, std::string* keep) {
-    for (;;) {
-      std::string line;
-      if (!readLine(line) || !(sink < 0 || WriteAll(sink, line)))
+    std::string line;
+    auto passLine = [&] {
+      if (!readThrough("\r\n", line) || !(sink < 0 || WriteAll(sink, line)))
         return false;
       if (keep)
         *keep += line;
+      return true;
+    };
+    for (;;) {
+      if (!passLine())
+        return false;
       const size_t size = std::strtoul(line.c_str(), nullptr, 16);
-      if (size == 0) {
-        // Trailers, if any, end with a blank line.
-        for (line.clear(); line != "\r\n";) {
-          if (!readLine(line) || !(sink < 0 || WriteAll(sink, line)))
+      if (size == 0) { // trailers, if any, end with a blank line
+        while (line != "\r\n")
+          if (!passLine())
             return false;
-          if (keep)
-            *keep += line;
-        }
         return true;
       }
       if (!relay(size + 2, false, sink, keep))
@@ -365,21 +356,16 @@ void FaultProxy::clearRules() {
   m_rules.clear();
 }
 
-size_t FaultProxy::matched(size_t rule) const {
+size_t FaultProxy::count(size_t rule, size_t Counted::*field) const {
   std::lock_guard<std::mutex> lock(m_mutex);
-  return rule < m_rules.size() ? m_rules[rule].matched : 0;
+  return rule < m_rules.size() ? m_rules[rule].*field : 0;
 }
-size_t FaultProxy::acted(size_t rule) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return rule < m_rules.size() ? m_rules[rule].acted : 0;
-}
+size_t FaultProxy::matched(size_t rule) const { return count(rule, &Counted::matched); }
+size_t FaultProxy::acted(size_t rule) const { return count(rule, &Counted::acted); }
+size_t FaultProxy::forwarded(size_t rule) const { return count(rule, &Counted::forwarded); }
 size_t FaultProxy::connectionCount() const {
   std::lock_guard<std::mutex> lock(m_mutex);
   return m_accepted;
-}
-size_t FaultProxy::forwarded(size_t rule) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return rule < m_rules.size() ? m_rules[rule].forwarded : 0;
 }
 
 } // namespace qztest

@@ -89,19 +89,13 @@ void TestHttpServer::route(const std::string& method, const std::string& pattern
     record(req);
     handler(req, res);
   };
-  const bool all = method == "*";
-  if (all || method == "GET")
-    m_server.Get(pattern, wrapped);
-  if (all || method == "POST")
-    m_server.Post(pattern, wrapped);
-  if (all || method == "PUT")
-    m_server.Put(pattern, wrapped);
-  if (all || method == "DELETE")
-    m_server.Delete(pattern, wrapped);
-  if (all || method == "PATCH")
-    m_server.Patch(pattern, wrapped);
-  if (all || method == "OPTIONS")
-    m_server.Options(pattern, wrapped);
+  using Register = httplib::Server& (httplib::Server::*)(const std::string&, httplib::Server::Handler);
+  const std::pair<const char*, Register> verbs[] = {
+      {"GET", &httplib::Server::Get},       {"POST", &httplib::Server::Post},   {"PUT", &httplib::Server::Put},
+      {"DELETE", &httplib::Server::Delete}, {"PATCH", &httplib::Server::Patch}, {"OPTIONS", &httplib::Server::Options}};
+  for (const auto& [verb, add] : verbs)
+    if (method == "*" || method == verb)
+      (m_server.*add)(pattern, wrapped);
 }
 
 void TestHttpServer::installStandardRoutes() {
