@@ -115,14 +115,11 @@ bool NginxFixture::start() {
        << "events { worker_connections 1024; }\n"
        << "http {\n"
        << "  log_format conn '$connection $server_protocol $status $request_uri';\n"
-       << (m_options.connectionLog ? "  access_log " + p + "/access.log conn;\n"
-           : m_options.accessLog   ? "  access_log " + p + "/access.log;\n"
-                                   : std::string("  access_log off;\n"))
-       << "  client_body_temp_path " << p << "/tmp/body;\n  proxy_temp_path " << p << "/tmp/proxy;\n"
-       << "  fastcgi_temp_path " << p << "/tmp/fastcgi;\n  uwsgi_temp_path " << p << "/tmp/uwsgi;\n"
-       << "  scgi_temp_path " << p << "/tmp/scgi;\n"
-       << "  keepalive_requests 1000000;\n  keepalive_timeout 60s;\n  default_type text/plain;\n"
-       << "  server {\n"
+       << (m_options.connectionLog ? "  access_log " + p + "/access.log conn;\n" : "  access_log off;\n")
+       << "  keepalive_requests 1000000;\n  keepalive_timeout 60s;\n  default_type text/plain;\n";
+  for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+    conf << "  " << temp << "_temp_path " << p << "/tmp/" << temp << ";\n";
+  conf << "  server {\n"
        << "    listen 127.0.0.1:" << m_httpPort << ";\n"
        << "    listen 127.0.0.1:" << m_httpsPort << (m_options.http2 ? " ssl http2;\n" : " ssl;\n")
        << "    ssl_certificate " << p << "/cert.pem;\n    ssl_certificate_key " << p << "/key.pem;\n"

@@ -255,7 +255,6 @@ void TestHttpServer::record(const httplib::Request& req) {
     if (k != "REMOTE_ADDR" && k != "REMOTE_PORT" && k != "LOCAL_ADDR" && k != "LOCAL_PORT")
       r.headers.emplace(k, v);
   r.body = req.body;
-  r.remotePort = req.remote_port;
   std::lock_guard lock(m_mutex);
   ++m_requestTotal;
   if (m_requests.size() >= kMaxRecorded)
