@@ -205,9 +205,9 @@ TEST_F(Connection, HeaderLinesWithCrOrLfAreRefused) {
   EXPECT_EQ(srv.lastRequest().headerCount("X-Injected"), 0u);
 }
 
-// The cookie engine keeps what the server sets for the connection's next requests, across
-// requests of other shapes.
-TEST_F(Connection, CookieSetByServerIsSentBack) {
+// Moving to another host:port goes on with a warning (once per change). The cookie engine keeps
+// what a server sets for the connection's next requests, across requests of other shapes.
+TEST_F(Connection, AnotherHostPortWarnsAndCookiesStayWithTheirConnection) {
   qztest::TestHttpServer own;
   own.installStandardRoutes();
   own.route("GET", "/login", [](const httplib::Request&, httplib::Response& res) {
@@ -216,31 +216,22 @@ TEST_F(Connection, CookieSetByServerIsSentBack) {
   });
   ASSERT_TRUE(own.start()) << own.lastError();
   HttpConnection c;
+  ASSERT_TRUE(get(c, "/echo"));
+  qztest::LogCapture cap;
   ASSERT_TRUE(get(c, own.url("/login")));
+  ASSERT_EQ(cap.size(), 1u) << cap.dump();
+  EXPECT_TRUE(cap.has("http", "Http connection was reused with a different host:port " + srv.url("/echo") + " " +
+                                  own.url("/login")))
+      << cap.dump();
+  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Warning);
   ASSERT_TRUE(HttpHelpers::HttpPut(c, qz::Url(own.url("/echo")), "x", 200));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
   ASSERT_TRUE(get(c, own.url("/echo")));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
-  HttpConnection other; // cookies belong to their connection
+  EXPECT_EQ(cap.size(), 1u); // same host:port, other paths
+  HttpConnection other;      // cookies belong to their connection
   ASSERT_TRUE(get(other, own.url("/echo")));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "");
-}
-
-TEST_F(Connection, ReuseForAnotherHostPortLogsAndGoesOn) {
-  qztest::TestHttpServer other;
-  other.installStandardRoutes();
-  ASSERT_TRUE(other.start()) << other.lastError();
-  HttpConnection c;
-  ASSERT_TRUE(get(c, "/echo"));
-  qztest::LogCapture cap;
-  EXPECT_TRUE(get(c, other.url("/echo")));
-  ASSERT_EQ(cap.size(), 1u) << cap.dump();
-  EXPECT_TRUE(cap.has("http", "Http connection was reused with a different host:port " + srv.url("/echo") + " " +
-                                  other.url("/echo")))
-      << cap.dump();
-  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Warning);
-  EXPECT_TRUE(get(c, other.url("/status/200")));
-  EXPECT_EQ(cap.size(), 1u); // same host:port, other path
 }
 
 TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
@@ -262,22 +253,24 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   EXPECT_EQ(c.getLastDebugInformations(), "");
 }
 
+// A name that fails under a preferred family is retried with any, a lasting change. A literal
+// address is never retried; neither is the default policy even when the process default prefers
+// a family.
 TEST_F(Connection, NameThatFailsUnderPreferredFamilyIsRetriedOnce) {
-  HttpConnection c;
-  c.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv4;
-  EXPECT_FALSE(get(c, "http://no-such-host.invalid/"));
-  EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, HNRP_Whatever); // lasting change
-
-  // A literal address is never retried; neither is the default policy even when the process
-  // default prefers a family.
-  HttpConnection lit;
-  lit.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv6;
-  EXPECT_FALSE(get(lit, srv.url("/echo"))); // v4 literal, v6 only
-  EXPECT_EQ(lit.getConnectionParameters().hostNameResolutionPolicy, HNRP_PreferIpv6);
-  qz::SetDefaultHostNameResolutionPolicy(HNRP_PreferIpv4);
-  HttpConnection def;
-  EXPECT_FALSE(get(def, "http://no-such-host.invalid/"));
-  EXPECT_EQ(def.getConnectionParameters().hostNameResolutionPolicy, HNRP_Default);
+  struct Case {
+    HostNameResolutionPolicy own, processDefault;
+    std::string url;
+    HostNameResolutionPolicy after;
+  };
+  for (const Case& k : {Case{HNRP_PreferIpv4, HNRP_Whatever, "http://no-such-host.invalid/", HNRP_Whatever},
+                        Case{HNRP_PreferIpv6, HNRP_Whatever, srv.url("/echo"), HNRP_PreferIpv6}, // v4 literal
+                        Case{HNRP_Default, HNRP_PreferIpv4, "http://no-such-host.invalid/", HNRP_Default}}) {
+    qz::SetDefaultHostNameResolutionPolicy(k.processDefault);
+    HttpConnection c;
+    c.editConnectionParameters().hostNameResolutionPolicy = k.own;
+    EXPECT_FALSE(get(c, k.url)) << k.url;
+    EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, k.after) << k.url;
+  }
   qz::SetDefaultHostNameResolutionPolicy(HNRP_Whatever);
 }
 
