@@ -495,13 +495,8 @@ TEST_F(MultiConnectionNginx, Http2MultiplexesOneConnection) {
       connections.insert(conn);
       protocols.insert(proto);
     }
-    if (multiplex) {
-      EXPECT_EQ(connections.size(), 1u);
-      EXPECT_EQ(protocols, std::set<std::string>{"HTTP/2.0"});
-    } else {
-      EXPECT_GT(connections.size(), 1u);
-      EXPECT_EQ(protocols, std::set<std::string>{"HTTP/1.1"});
-    }
+    EXPECT_EQ(connections.size() == 1, multiplex) << connections.size();
+    EXPECT_EQ(protocols, std::set<std::string>{multiplex ? "HTTP/2.0" : "HTTP/1.1"});
   }
 }
 
