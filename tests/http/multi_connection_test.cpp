@@ -111,8 +111,8 @@ template <typename F> bool waitFor(F done, int ms) {
   return done();
 }
 
-// Each test has a server of its own: requests it leaves stalled end with it, instead of holding
-// workers of a shared server that later tests need.
+// Each test has a server of its own: its counts start from zero, and the requests it leaves
+// stalled end with it.
 class MultiConnection : public testing::Test {
 protected:
   // cpp-httplib (not built with ThreadSanitizer) builds static regexes on first use; one request
