@@ -55,7 +55,6 @@ struct Peer {
         return false;
     }
   }
-  bool readUntilBlankLine(std::string& out) { return readThrough("\r\n\r\n", out); }
   // Passes `length` bytes to `sink` (-1: dropped), or everything until the peer closes.
   bool relay(size_t length, bool untilClose, int sink, std::string* keep) {
     for (;;) {
@@ -118,10 +117,7 @@ bool Contains(const std::string& haystack, const char* needle) {
 }
 
 // Reads a message body in whatever framing the head announces.
-bool RelayBody(Peer& from, const std::string& head, bool responseWithoutBody, int sink, std::string* keep,
-               bool& closes) {
-  if (responseWithoutBody)
-    return true;
+bool RelayBody(Peer& from, const std::string& head, int sink, std::string* keep, bool& closes) {
   if (Contains(Header(head, "Transfer-Encoding"), "chunked"))
     return from.relayChunked(sink, keep);
   const std::string length = Header(head, "Content-Length");
@@ -133,12 +129,17 @@ bool RelayBody(Peer& from, const std::string& head, bool responseWithoutBody, in
   return from.relay(0, true, sink, keep);
 }
 
-int ConnectTo(uint16_t port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in Loopback(uint16_t port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(port);
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
+}
+
+int ConnectTo(uint16_t port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr = Loopback(port);
   if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     if (fd >= 0)
       ::close(fd);
@@ -164,9 +165,7 @@ bool FaultProxy::start() {
   m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int one = 1;
   ::setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr = Loopback(0);
   socklen_t size = sizeof addr;
   if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       ::listen(m_listen, 64) != 0 || ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &size) != 0) {
@@ -275,7 +274,7 @@ void FaultProxy::serve(int clientFd) {
   };
   for (bool open = true; open;) {
     std::string head;
-    if (!client.readUntilBlankLine(head))
+    if (!client.readThrough("\r\n\r\n", head))
       break;
     const size_t sp1 = head.find(' ');
     const size_t sp2 = head.find(' ', sp1 + 1);
@@ -298,7 +297,7 @@ void FaultProxy::serve(int clientFd) {
     }
     std::string body;
     bool closes = Contains(Header(head, "Connection"), "close");
-    if (!RelayBody(client, head, false, -1, &body, closes))
+    if (!RelayBody(client, head, -1, &body, closes))
       break;
     if (action == Refuse) {
       std::string answer = "HTTP/1.1 " + std::to_string(rule.status) + " Injected\r\n";
@@ -324,7 +323,7 @@ void FaultProxy::serve(int clientFd) {
     const int sink = action == DropAnswer ? -1 : clientFd;
     std::string answer;
     do {
-      if (!upstream.readUntilBlankLine(answer) || (sink >= 0 && !WriteAll(sink, answer))) {
+      if (!upstream.readThrough("\r\n\r\n", answer) || (sink >= 0 && !WriteAll(sink, answer))) {
         open = false;
         break;
       }
@@ -334,7 +333,7 @@ void FaultProxy::serve(int clientFd) {
     const std::string status = answer.substr(9, 3);
     const bool noBody = method == "HEAD" || status == "204" || status == "304";
     bool upstreamCloses = Contains(Header(answer, "Connection"), "close") || answer.rfind("HTTP/1.0", 0) == 0;
-    if (!RelayBody(upstream, answer, noBody, sink, nullptr, upstreamCloses) || action == DropAnswer)
+    if (!(noBody || RelayBody(upstream, answer, sink, nullptr, upstreamCloses)) || action == DropAnswer)
       break;
     if (upstreamCloses)
       closeUpstream();
