@@ -83,15 +83,14 @@ TEST_F(Frame, SettersClampOutOfRangeValues) {
 }
 
 TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
-  const std::pair<const char*, int64_t> cases[] = {{"libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13", 0x101010bf},
-                                                   {"LIBCURL/7.88.1  OPENSSL/3.0.11", 0x300000b0},
-                                                   {"libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13", 0},
-                                                   {"libcurl/7.88.1 OpenSSL/garbage", 0},
-                                                   {"libcurl/7.88.1 xopenssl/3.0.1", 0},
-                                                   {"", 0},
-                                                   {nullptr, 0}};
-  for (const auto& [text, version] : cases)
-    EXPECT_EQ(qz::impl::FindOpenSSLVersionInCurlVersion(text), version) << (text ? text : "null");
+  using qz::impl::FindOpenSSLVersionInCurlVersion;
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13"), 0x101010bf);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("LIBCURL/7.88.1  OPENSSL/3.0.11"), 0x300000b0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13"), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 OpenSSL/garbage"), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 xopenssl/3.0.1"), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion(""), 0);
+  EXPECT_EQ(FindOpenSSLVersionInCurlVersion(nullptr), 0);
 }
 
 TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {
