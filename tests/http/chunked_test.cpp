@@ -56,7 +56,7 @@ TEST(Chunked, FramingAfterEachWriteAndAtTheEnd) {
   EXPECT_EQ(out.data(), "4\r\nabcd\r\n2\r\nef\r\n0\r\n\r\n");
 }
 
-TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegation) {
+TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughAChain) {
   qz::qzIoDeviceMemory a, b;
   qzIoDeviceHttpChuncked dev(4);
   EXPECT_EQ(dev.write("abc", 3), 0); // no delegate: nothing accepted
@@ -80,9 +80,8 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegation) {
     pending.write("pending", 7);
   }
   EXPECT_EQ(a.data(), "");
-}
 
-TEST(Chunked, DelegateErrorsSurfaceThroughAChain) {
+  // A delegate's error surfaces through a chain of devices.
   qz::qzIoDeviceMemory out;
   qzIoDeviceHttpChuncked inner(4), outer(4);
   ASSERT_TRUE(inner.beginDelegation(&out));

@@ -79,10 +79,10 @@ TEST_F(Connection, SuccessRecordsOutcomeAndSendsHeaders) {
   qztest::LogCapture cap;
   ASSERT_TRUE(get(c, "/echo")) << c.getLastErrorMsg();
   EXPECT_TRUE(cap.hasPrefix("Manual proxy url is invalid ")) << cap.dump();
-  EXPECT_EQ(c.getLastHttpReturnCode(), 200);
-  EXPECT_EQ(c.getLastReceivedType(), "text/plain");
-  EXPECT_EQ(c.getLastErrorMsg(), "Http return code 200 "); // the status shows even on success
-  EXPECT_EQ(c.getLastUrl().toEncodedUrl(), srv.url("/echo"));
+  // The status shows in the message even on success.
+  EXPECT_EQ(std::to_string(c.getLastHttpReturnCode()) + " " + c.getLastReceivedType() + " " +
+                c.getLastUrl().toEncodedUrl() + " " + c.getLastErrorMsg(),
+            "200 text/plain " + srv.url("/echo") + " Http return code 200 ");
   auto r = srv.lastRequest();
   EXPECT_EQ(r.headerCount("X-Common"), 2u);
   EXPECT_EQ(r.header("X-Extra"), "1");
@@ -205,9 +205,9 @@ TEST_F(Connection, HeaderLinesWithCrOrLfAreRefused) {
   EXPECT_EQ(srv.lastRequest().headerCount("X-Injected"), 0u);
 }
 
-// The cookie engine keeps what the server sets for the connection's next requests, across
-// requests of other shapes.
-TEST_F(Connection, CookieSetByServerIsSentBack) {
+// Moving to another host:port goes on with a warning (once per change). The cookie engine keeps
+// what a server sets for the connection's next requests, across requests of other shapes.
+TEST_F(Connection, AnotherHostPortWarnsAndCookiesStayWithTheirConnection) {
   qztest::TestHttpServer own;
   own.installStandardRoutes();
   own.route("GET", "/login", [](const httplib::Request&, httplib::Response& res) {
@@ -216,31 +216,22 @@ TEST_F(Connection, CookieSetByServerIsSentBack) {
   });
   ASSERT_TRUE(own.start()) << own.lastError();
   HttpConnection c;
+  ASSERT_TRUE(get(c, "/echo"));
+  qztest::LogCapture cap;
   ASSERT_TRUE(get(c, own.url("/login")));
+  ASSERT_EQ(cap.size(), 1u) << cap.dump();
+  EXPECT_TRUE(cap.has("http", "Http connection was reused with a different host:port " + srv.url("/echo") + " " +
+                                  own.url("/login")))
+      << cap.dump();
+  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Warning);
   ASSERT_TRUE(HttpHelpers::HttpPut(c, qz::Url(own.url("/echo")), "x", 200));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
   ASSERT_TRUE(get(c, own.url("/echo")));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
-  HttpConnection other; // cookies belong to their connection
+  EXPECT_EQ(cap.size(), 1u); // same host:port, other paths
+  HttpConnection other;      // cookies belong to their connection
   ASSERT_TRUE(get(other, own.url("/echo")));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "");
-}
-
-TEST_F(Connection, ReuseForAnotherHostPortLogsAndGoesOn) {
-  qztest::TestHttpServer other;
-  other.installStandardRoutes();
-  ASSERT_TRUE(other.start()) << other.lastError();
-  HttpConnection c;
-  ASSERT_TRUE(get(c, "/echo"));
-  qztest::LogCapture cap;
-  EXPECT_TRUE(get(c, other.url("/echo")));
-  ASSERT_EQ(cap.size(), 1u) << cap.dump();
-  EXPECT_TRUE(cap.has("http", "Http connection was reused with a different host:port " + srv.url("/echo") + " " +
-                                  other.url("/echo")))
-      << cap.dump();
-  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Warning);
-  EXPECT_TRUE(get(c, other.url("/status/200")));
-  EXPECT_EQ(cap.size(), 1u); // same host:port, other path
 }
 
 TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
@@ -262,22 +253,24 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   EXPECT_EQ(c.getLastDebugInformations(), "");
 }
 
+// A name that fails under a preferred family is retried with any, a lasting change. A literal
+// address is never retried; neither is the default policy even when the process default prefers
+// a family.
 TEST_F(Connection, NameThatFailsUnderPreferredFamilyIsRetriedOnce) {
-  HttpConnection c;
-  c.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv4;
-  EXPECT_FALSE(get(c, "http://no-such-host.invalid/"));
-  EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, HNRP_Whatever); // lasting change
-
-  // A literal address is never retried; neither is the default policy even when the process
-  // default prefers a family.
-  HttpConnection lit;
-  lit.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv6;
-  EXPECT_FALSE(get(lit, srv.url("/echo"))); // v4 literal, v6 only
-  EXPECT_EQ(lit.getConnectionParameters().hostNameResolutionPolicy, HNRP_PreferIpv6);
-  qz::SetDefaultHostNameResolutionPolicy(HNRP_PreferIpv4);
-  HttpConnection def;
-  EXPECT_FALSE(get(def, "http://no-such-host.invalid/"));
-  EXPECT_EQ(def.getConnectionParameters().hostNameResolutionPolicy, HNRP_Default);
+  struct Case {
+    HostNameResolutionPolicy own, processDefault;
+    std::string url;
+    HostNameResolutionPolicy after;
+  };
+  for (const Case& k : {Case{HNRP_PreferIpv4, HNRP_Whatever, "http://no-such-host.invalid/", HNRP_Whatever},
+                        Case{HNRP_PreferIpv6, HNRP_Whatever, srv.url("/echo"), HNRP_PreferIpv6}, // v4 literal
+                        Case{HNRP_Default, HNRP_PreferIpv4, "http://no-such-host.invalid/", HNRP_Default}}) {
+    qz::SetDefaultHostNameResolutionPolicy(k.processDefault);
+    HttpConnection c;
+    c.editConnectionParameters().hostNameResolutionPolicy = k.own;
+    EXPECT_FALSE(get(c, k.url)) << k.url;
+    EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, k.after) << k.url;
+  }
   qz::SetDefaultHostNameResolutionPolicy(HNRP_Whatever);
 }
 
@@ -345,43 +338,42 @@ protected:
   static inline qztest::NginxFixture nginx;
 };
 
-TEST_F(Tls, VerificationFailsOnSelfSignedUnlessDisabledOrLoopbackText) {
-  const std::string byName = "https://localhost:" + std::to_string(nginx.httpsPort()) + "/small";
-  HttpConnection c;
-  EXPECT_FALSE(get(c, byName));
-  EXPECT_TRUE(c.isLastCallUnableToVerifyPeer()) << c.getLastErrorMsg();
-  EXPECT_THAT(c.getLastErrorMsg(), HasSubstr("Curl internal error : "));
-  c.editConnectionParameters().sslValidatePolicy = SVP_NoVerify;
-  EXPECT_TRUE(get(c, byName)) << c.getLastErrorMsg();
-  EXPECT_EQ(body, "ok");
-  HttpConnection loop; // verification on by default, exempt by the exact loopback text
-  EXPECT_TRUE(get(loop, nginx.httpsUrl("/small"))) << loop.getLastErrorMsg();
-  EXPECT_EQ(body, "ok");
-}
-
-// The loopback exemption covers the host 127.0.0.1 only: a redirect to localhost is checked per
-// the policy (and passes with the certificate as CA). Switched off, 127.0.0.1 is checked too.
-TEST_F(Tls, LoopbackExemptionStopsAtItsHostAndCanBeSwitchedOff) {
-  HttpConnection c;
-  EXPECT_FALSE(get(c, nginx.httpsUrl("/to-localhost")));
-  EXPECT_TRUE(c.isLastCallUnableToVerifyPeer()) << c.getLastErrorMsg();
-  c.editConnectionParameters().caFile = nginx.certificatePath();
-  EXPECT_TRUE(get(c, nginx.httpsUrl("/to-localhost"))) << c.getLastErrorMsg();
-  EXPECT_EQ(body, "ok");
-
+// nginx's certificate is self-signed: verification fails unless disabled or given it as CA. The
+// loopback exemption covers the exact host text 127.0.0.1 only (not localhost, nor a redirect to
+// it), and can be switched off.
+TEST_F(Tls, VerificationAndTheLoopbackExemption) {
   struct Restore {
     ~Restore() { qz::SetLoopbackCertificateExemption(true); }
   } restore;
-  qz::SetLoopbackCertificateExemption(false);
-  HttpConnection strict;
-  EXPECT_FALSE(get(strict, nginx.httpsUrl("/small")));
-  EXPECT_TRUE(strict.isLastCallUnableToVerifyPeer()) << strict.getLastErrorMsg();
-  strict.editConnectionParameters().caFile = nginx.certificatePath();
-  EXPECT_TRUE(get(strict, nginx.httpsUrl("/small"))) << strict.getLastErrorMsg();
+  auto noVerify = [](Params& p) { p.sslValidatePolicy = SVP_NoVerify; };
+  auto trustNginx = [](Params& p) { p.caFile = nginx.certificatePath(); };
+  const std::string byName = "https://localhost:" + std::to_string(nginx.httpsPort()) + "/small";
+  struct Case {
+    std::string url;
+    bool exemption, ok;
+    void (*edit)(Params&) = nullptr;
+  };
+  const Case cases[] = {{byName, true, false},
+                        {byName, true, true, noVerify},
+                        {nginx.httpsUrl("/small"), true, true},
+                        {nginx.httpsUrl("/to-localhost"), true, false},
+                        {nginx.httpsUrl("/to-localhost"), true, true, trustNginx},
+                        {nginx.httpsUrl("/small"), false, false},
+                        {nginx.httpsUrl("/small"), false, true, trustNginx}};
+  for (const Case& k : cases) {
+    qz::SetLoopbackCertificateExemption(k.exemption);
+    HttpConnection c;
+    if (k.edit)
+      k.edit(c.editConnectionParameters());
+    EXPECT_EQ(get(c, k.url), k.ok) << k.url << " " << k.exemption << ": " << c.getLastErrorMsg();
+    EXPECT_EQ(c.isLastCallUnableToVerifyPeer(), !k.ok) << k.url;
+    EXPECT_THAT(k.ok ? body : c.getLastErrorMsg(), HasSubstr(k.ok ? "ok" : "Curl internal error : ")) << k.url;
+  }
 }
 
-// Exact bytes of a binary file into a device over TLS.
-TEST_F(Tls, DownloadIntoDevice) {
+// Exact bytes of a binary file into a device over TLS. HttpGetJson with a body: sent as GET with
+// its length and JSON type; nginx reads and drops it, and the kept-alive connection stays usable.
+TEST_F(Tls, DownloadIntoDeviceAndGetJsonWithBody) {
   std::string content(300000, '\0');
   for (size_t i = 0; i < content.size(); ++i)
     content[i] = char(i * 131 % 251);
@@ -390,19 +382,14 @@ TEST_F(Tls, DownloadIntoDevice) {
   qz::qzIoDeviceMemory dev;
   HttpHelpers::HttpResult r;
   r.outputDevice = &dev;
+  const long before = nginx.connectionCount();
   ASSERT_TRUE(HttpHelpers::HttpGet(c, qz::Url(nginx.httpsUrl("/files/blob.bin")), &r)) << c.getLastErrorMsg();
   EXPECT_EQ(r.receivedBytes, content.size());
   EXPECT_TRUE(dev.data() == content);
-}
 
-// HttpGetJson with a body over TLS: sent as GET with its length and JSON type; nginx reads and drops it,
-// and the kept-alive connection stays usable.
-TEST_F(Tls, GetJsonWithBodyOverKeptAliveConnection) {
-  HttpConnection c;
   c.editConnectionParameters().verbose = 1;
   const std::string json = R"({"keys":[1,2]})";
   std::string out;
-  const long before = nginx.connectionCount();
   ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out, nullptr, nullptr, nullptr, nullptr,
                                        &json, true))
       << c.getLastErrorMsg();

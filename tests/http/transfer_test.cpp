@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 using namespace qz::http;
@@ -109,40 +110,30 @@ TEST_F(Transfer, FailingDeviceStopsTheTransfer) {
   EXPECT_THAT(out.error.message(), HasSubstr("Output device failed after 100 bytes"));
 }
 
-TEST_F(Transfer, OutcomeCarriesRawLinesEffectiveUrlAndTimings) {
+// The outcome carries the raw lines, the effective URL and timings. Requests go out as built: none
+// of the helpers' header rules, no Expect, any method, any body source.
+TEST_F(Transfer, OutcomeAndRequestsAsBuilt) {
   HttpConnection conn;
   StringSink sink;
   TransferOutcome out;
   ASSERT_TRUE(PerformTransfer(conn, request("/redirect/2"), sink, out)) << out.error.message();
-  EXPECT_EQ(sink.body, "landed");
-  EXPECT_EQ(out.status, 200);
-  EXPECT_EQ(out.statusLine, "HTTP/1.1 200 OK");
-  EXPECT_EQ(out.redirectCount, 2);
-  EXPECT_EQ(out.effectiveUrl, srv.url("/redirect/0"));
-  EXPECT_EQ(out.header("CONTENT-TYPE"), "text/plain");
-  EXPECT_EQ(out.contentType, "text/plain");
-  EXPECT_EQ(out.bytesDown, 6u); // decoded
+  EXPECT_EQ(sink.body + "|" + std::to_string(out.status) + "|" + out.statusLine + "|" +
+                std::to_string(out.redirectCount) + "|" + out.effectiveUrl + "|" + out.header("CONTENT-TYPE") + "|" +
+                out.contentType + "|" + std::to_string(out.bytesDown), // bytes decoded
+            "landed|200|HTTP/1.1 200 OK|2|" + srv.url("/redirect/0") + "|text/plain|text/plain|6");
   EXPECT_GT(out.timings.totalUs, 0);
   EXPECT_LE(out.timings.firstByteUs, out.timings.totalUs);
-
   ASSERT_TRUE(PerformTransfer(conn, request("/headers"), sink, out));
   EXPECT_EQ(out.header("x-dup"), "first");
   EXPECT_THAT(out.headerLines, testing::Contains("X-Dup: second"));
-}
 
-// Requests go out as built: none of the helpers' header rules, no Expect, any method, any body source.
-TEST_F(Transfer, RequestsCarryNoImplicitHeaders) {
-  HttpConnection conn;
-  StringSink sink;
-  TransferOutcome out;
   TransferRequest post = request("/echo", Method::Post);
   post.setBody("abc");
   ASSERT_TRUE(PerformTransfer(conn, post, sink, out)) << out.error.message();
   qztest::RecordedRequest seen = srv.lastRequest();
-  EXPECT_EQ(seen.method, "POST");
-  EXPECT_EQ(seen.header("Content-Type"), "application/x-www-form-urlencoded"); // libcurl's, as curl -d
-  EXPECT_EQ(seen.body, "abc");
-  EXPECT_EQ(out.bytesUp, 3u);
+  // libcurl's own type, as curl -d sends it
+  EXPECT_EQ(seen.method + "|" + seen.header("Content-Type") + "|" + seen.body + "|" + std::to_string(out.bytesUp),
+            "POST|application/x-www-form-urlencoded|abc|3");
 
   std::string text = "streamed body";
   size_t sent = 0;
@@ -156,11 +147,10 @@ TEST_F(Transfer, RequestsCarryNoImplicitHeaders) {
   });
   ASSERT_TRUE(PerformTransfer(conn, patch, sink, out)) << out.error.message();
   seen = srv.lastRequest();
-  EXPECT_EQ(seen.method, "PATCH");
-  EXPECT_EQ(seen.header("Content-Type"), "text/plain");
-  EXPECT_EQ(seen.header("Transfer-Encoding"), "chunked");
-  EXPECT_EQ(seen.headerCount("Expect"), 0u); // libcurl's own rule would ask for 100 Continue here
-  EXPECT_EQ(seen.body, text);
+  // No Expect: libcurl's own rule would ask for 100 Continue here.
+  EXPECT_EQ(seen.method + "|" + seen.header("Content-Type") + "|" + seen.header("Transfer-Encoding") + "|" +
+                std::to_string(seen.headerCount("Expect")) + "|" + seen.body,
+            "PATCH|text/plain|chunked|0|" + text);
 
   TransferRequest custom = request("/echo", Method::Delete);
   custom.customMethod = "OPTIONS";
@@ -178,58 +168,47 @@ TEST_F(Transfer, RequestsCarryNoImplicitHeaders) {
 // and a backoff wait ends too; all well before the stalled answer or the wait would.
 TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
   constexpr int64_t kBoundMs = 600; // 100 ms plus room for a loaded machine under sanitizers
-  auto waitForStall = [&](size_t before) {
-    while (srv.requestCount() == before)
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  const std::string stall = srv.url("/stall?ms=20000");
+  struct Case {
+    const char* name;
+    bool viaFlag, sendsRequest;
+    std::function<bool(CancelToken&, bool*)> wait; // true when it did not end as cancelled
   };
-  {
-    HttpConnection conn;
-    CancelToken token;
-    const size_t before = srv.requestCount();
-    Clock::time_point cancelledAt;
-    std::thread canceller([&] {
-      waitForStall(before);
-      cancelledAt = Clock::now();
-      token.cancel();
-    });
-    StringSink sink;
-    TransferOutcome out;
-    EXPECT_FALSE(PerformTransfer(conn, request("/stall?ms=20000"), sink, out, &token));
-    canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs);
-    EXPECT_EQ(out.error.kind, ErrorKind::Cancelled);
-  }
-  {
-    HttpConnection conn;
+  const Case cases[] = {
+      {"transfer", false, true,
+       [&](CancelToken& token, bool*) {
+         HttpConnection conn;
+         StringSink sink;
+         TransferOutcome out;
+         return PerformTransfer(conn, request(stall), sink, out, &token) || out.error.kind != ErrorKind::Cancelled;
+       }},
+      {"helper", true, true,
+       [&](CancelToken&, bool* flag) {
+         HttpConnection conn;
+         HttpHelpers::HttpResult result;
+         return HttpHelpers::HttpGet(conn, qz::Url(stall), &result, nullptr, nullptr, flag) ||
+                result.error.kind != ErrorKind::Cancelled;
+       }},
+      {"backoff", false, false, [](CancelToken& token, bool*) { return token.waitFor(std::chrono::seconds(20)); }},
+      {"backoff on a flag", true, false,
+       [](CancelToken& token, bool*) { return token.waitFor(std::chrono::seconds(20)); }},
+  };
+  for (const Case& k : cases) {
     bool flag = false;
+    CancelToken token = k.viaFlag ? CancelToken::Watching(&flag) : CancelToken();
     const size_t before = srv.requestCount();
-    Clock::time_point cancelledAt;
-    std::thread canceller([&] {
-      waitForStall(before);
-      cancelledAt = Clock::now();
-      std::atomic_ref<bool>(flag).store(true);
-    });
-    HttpHelpers::HttpResult result;
-    EXPECT_FALSE(HttpHelpers::HttpGet(conn, qz::Url(srv.url("/stall?ms=20000")), &result, nullptr, nullptr, &flag));
-    canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs);
-    EXPECT_EQ(result.error.kind, ErrorKind::Cancelled);
-  }
-  for (bool viaFlag : {false, true}) {
-    bool flag = false;
-    CancelToken token = viaFlag ? CancelToken::Watching(&flag) : CancelToken();
     std::atomic<bool> waiting{false};
     Clock::time_point cancelledAt;
     std::thread canceller([&] {
-      while (!waiting.load())
+      while (!waiting.load() || (k.sendsRequest && srv.requestCount() == before))
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
       cancelledAt = Clock::now();
-      viaFlag ? std::atomic_ref<bool>(flag).store(true) : token.cancel();
+      k.viaFlag ? std::atomic_ref<bool>(flag).store(true) : token.cancel();
     });
     waiting = true;
-    EXPECT_FALSE(token.waitFor(std::chrono::seconds(20)));
+    EXPECT_FALSE(k.wait(token, &flag)) << k.name;
     canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs) << "flag " << viaFlag;
+    EXPECT_LT(msSince(cancelledAt), kBoundMs) << k.name;
   }
 }
 

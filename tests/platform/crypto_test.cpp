@@ -106,6 +106,12 @@ std::vector<char> bnParam(const AsymmetricKey& key, const char* name) {
 
 const std::string kMsg = "header.claims";
 
+// One generated RSA pair for the suite: generation is the slow part.
+std::shared_ptr<RSAKey> rsaPair() {
+  static const std::shared_ptr<RSAKey> pair = RSAKey::Generate(2048);
+  return pair;
+}
+
 // `pub` verifies what `pair` signed, many times over (so that short EC R or S values come up too); altered
 // signatures, another hash or other data are mismatches: the check ran (SE_None) and said no.
 void signAndVerify(const AsymmetricKey& pair, const AsymmetricKey& pub, HashType h, size_t sigSize) {
@@ -132,7 +138,7 @@ void signAndVerify(const AsymmetricKey& pair, const AsymmetricKey& pub, HashType
 }
 
 TEST(Keys, RsaFromModulusAndExponentVerifiesWhatThePairSigned) {
-  auto pair = RSAKey::Generate(2048);
+  auto pair = rsaPair();
   ASSERT_TRUE(pair->isValid()) << pair->getError();
   RSAKey pub(bnParam(*pair, OSSL_PKEY_PARAM_RSA_N), bnParam(*pair, OSSL_PKEY_PARAM_RSA_E));
   ASSERT_TRUE(pub.isValid()) << pub.getError();
@@ -156,7 +162,7 @@ TEST(Keys, EcFromCoordinatesVerifiesFixedWidthRAndS) {
 
 TEST(Keys, ConstructionErrorsAreReportedAsText) {
   auto ec = EllipticCurveKey::Generate(EC_P256);
-  auto rsa = RSAKey::Generate(2048);
+  auto rsa = rsaPair();
   auto x = bnParam(*ec, OSSL_PKEY_PARAM_EC_PUB_X), y = bnParam(*ec, OSSL_PKEY_PARAM_EC_PUB_Y);
   auto n = bnParam(*rsa, OSSL_PKEY_PARAM_RSA_N), e = bnParam(*rsa, OSSL_PKEY_PARAM_RSA_E);
   auto offCurve = y, longX = x;
@@ -189,7 +195,7 @@ TEST(Keys, ConstructionErrorsAreReportedAsText) {
 }
 
 TEST(Keys, PemRoundTripKeepsTypeUsageAndCurve) {
-  const std::shared_ptr<AsymmetricKey> pairs[] = {RSAKey::Generate(2048), EllipticCurveKey::Generate(EC_P384)};
+  const std::shared_ptr<AsymmetricKey> pairs[] = {rsaPair(), EllipticCurveKey::Generate(EC_P384)};
   for (const auto& pair : pairs) {
     std::string error;
     auto priv = AsymmetricKey::FromPem(pair->toPrivatePem(), &error);

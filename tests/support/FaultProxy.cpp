@@ -43,23 +43,12 @@ struct Peer {
   int fd = -1;
   std::string pending;
 
-  // Takes everything up to and including the blank line that ends a head (or a trailer).
-  bool readUntilBlankLine(std::string& out) {
-    for (;;) {
-      if (const size_t end = pending.find("\r\n\r\n"); end != std::string::npos) {
-        out = pending.substr(0, end + 4);
-        pending.erase(0, end + 4);
-        return true;
-      }
-      if (pending.size() > kMaxHead || !ReadMore(fd, pending))
-        return false;
-    }
-  }
-  bool readLine(std::string& out) {
-    for (;;) {
-      if (const size_t end = pending.find("\r\n"); end != std::string::npos) {
-        out = pending.substr(0, end + 2);
-        pending.erase(0, end + 2);
+  // Takes everything up to and including `end` ("\r\n\r\n": a head or trailer; "\r\n": a line).
+  bool readThrough(const char* end, std::string& out) {
+    for (const size_t n = std::strlen(end);;) {
+      if (const size_t at = pending.find(end); at != std::string::npos) {
+        out = pending.substr(0, at + n);
+        pending.erase(0, at + n);
         return true;
       }
       if (pending.size() > kMaxHead || !ReadMore(fd, pending))
@@ -84,21 +73,22 @@ struct Peer {
   }
   // A chunked body, framing included, up to its last chunk and trailers.
   bool relayChunked(int sink, std::string* keep) {
-    for (;;) {
-      std::string line;
-      if (!readLine(line) || !(sink < 0 || WriteAll(sink, line)))
+    std::string line;
+    auto passLine = [&] {
+      if (!readThrough("\r\n", line) || !(sink < 0 || WriteAll(sink, line)))
         return false;
       if (keep)
         *keep += line;
+      return true;
+    };
+    for (;;) {
+      if (!passLine())
+        return false;
       const size_t size = std::strtoul(line.c_str(), nullptr, 16);
-      if (size == 0) {
-        // Trailers, if any, end with a blank line.
-        for (line.clear(); line != "\r\n";) {
-          if (!readLine(line) || !(sink < 0 || WriteAll(sink, line)))
+      if (size == 0) { // trailers, if any, end with a blank line
+        while (line != "\r\n")
+          if (!passLine())
             return false;
-          if (keep)
-            *keep += line;
-        }
         return true;
       }
       if (!relay(size + 2, false, sink, keep))
@@ -127,10 +117,7 @@ bool Contains(const std::string& haystack, const char* needle) {
 }
 
 // Reads a message body in whatever framing the head announces.
-bool RelayBody(Peer& from, const std::string& head, bool responseWithoutBody, int sink, std::string* keep,
-               bool& closes) {
-  if (responseWithoutBody)
-    return true;
+bool RelayBody(Peer& from, const std::string& head, int sink, std::string* keep, bool& closes) {
   if (Contains(Header(head, "Transfer-Encoding"), "chunked"))
     return from.relayChunked(sink, keep);
   const std::string length = Header(head, "Content-Length");
@@ -142,12 +129,17 @@ bool RelayBody(Peer& from, const std::string& head, bool responseWithoutBody, in
   return from.relay(0, true, sink, keep);
 }
 
-int ConnectTo(uint16_t port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in Loopback(uint16_t port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(port);
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
+}
+
+int ConnectTo(uint16_t port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr = Loopback(port);
   if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     if (fd >= 0)
       ::close(fd);
@@ -173,9 +165,7 @@ bool FaultProxy::start() {
   m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int one = 1;
   ::setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr = Loopback(0);
   socklen_t size = sizeof addr;
   if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       ::listen(m_listen, 64) != 0 || ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &size) != 0) {
@@ -284,7 +274,7 @@ void FaultProxy::serve(int clientFd) {
   };
   for (bool open = true; open;) {
     std::string head;
-    if (!client.readUntilBlankLine(head))
+    if (!client.readThrough("\r\n\r\n", head))
       break;
     const size_t sp1 = head.find(' ');
     const size_t sp2 = head.find(' ', sp1 + 1);
@@ -307,7 +297,7 @@ void FaultProxy::serve(int clientFd) {
     }
     std::string body;
     bool closes = Contains(Header(head, "Connection"), "close");
-    if (!RelayBody(client, head, false, -1, &body, closes))
+    if (!RelayBody(client, head, -1, &body, closes))
       break;
     if (action == Refuse) {
       std::string answer = "HTTP/1.1 " + std::to_string(rule.status) + " Injected\r\n";
@@ -333,7 +323,7 @@ void FaultProxy::serve(int clientFd) {
     const int sink = action == DropAnswer ? -1 : clientFd;
     std::string answer;
     do {
-      if (!upstream.readUntilBlankLine(answer) || (sink >= 0 && !WriteAll(sink, answer))) {
+      if (!upstream.readThrough("\r\n\r\n", answer) || (sink >= 0 && !WriteAll(sink, answer))) {
         open = false;
         break;
       }
@@ -343,7 +333,7 @@ void FaultProxy::serve(int clientFd) {
     const std::string status = answer.substr(9, 3);
     const bool noBody = method == "HEAD" || status == "204" || status == "304";
     bool upstreamCloses = Contains(Header(answer, "Connection"), "close") || answer.rfind("HTTP/1.0", 0) == 0;
-    if (!RelayBody(upstream, answer, noBody, sink, nullptr, upstreamCloses) || action == DropAnswer)
+    if (!(noBody || RelayBody(upstream, answer, sink, nullptr, upstreamCloses)) || action == DropAnswer)
       break;
     if (upstreamCloses)
       closeUpstream();
@@ -365,21 +355,16 @@ void FaultProxy::clearRules() {
   m_rules.clear();
 }
 
-size_t FaultProxy::matched(size_t rule) const {
+size_t FaultProxy::count(size_t rule, size_t Counted::*field) const {
   std::lock_guard<std::mutex> lock(m_mutex);
-  return rule < m_rules.size() ? m_rules[rule].matched : 0;
+  return rule < m_rules.size() ? m_rules[rule].*field : 0;
 }
-size_t FaultProxy::acted(size_t rule) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return rule < m_rules.size() ? m_rules[rule].acted : 0;
-}
+size_t FaultProxy::matched(size_t rule) const { return count(rule, &Counted::matched); }
+size_t FaultProxy::acted(size_t rule) const { return count(rule, &Counted::acted); }
+size_t FaultProxy::forwarded(size_t rule) const { return count(rule, &Counted::forwarded); }
 size_t FaultProxy::connectionCount() const {
   std::lock_guard<std::mutex> lock(m_mutex);
   return m_accepted;
-}
-size_t FaultProxy::forwarded(size_t rule) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return rule < m_rules.size() ? m_rules[rule].forwarded : 0;
 }
 
 } // namespace qztest

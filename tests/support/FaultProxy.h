@@ -88,6 +88,7 @@ private:
   void countForwarded(const std::vector<size_t>& matching);
   bool sleepUnlessStopping(int ms);
   void track(int fd, bool add);
+  size_t count(size_t rule, size_t Counted::*field) const;
 
   const uint16_t m_upstream;
   uint16_t m_port = 0;

@@ -1,5 +1,7 @@
 #include "support/LogCapture.h"
 
+#include <algorithm>
+
 namespace qztest {
 
 LogCapture::LogCapture() {
@@ -17,41 +19,29 @@ std::vector<LogLine> LogCapture::lines() const {
 }
 
 std::vector<std::string> LogCapture::texts() const {
-  std::lock_guard lock(m_mutex);
   std::vector<std::string> out;
-  for (const auto& l : m_lines)
+  for (const auto& l : lines())
     out.push_back(l.text);
   return out;
 }
 
 bool LogCapture::has(const std::string& text) const {
-  std::lock_guard lock(m_mutex);
-  for (const auto& l : m_lines)
-    if (l.text == text)
-      return true;
-  return false;
+  const auto all = lines();
+  return std::any_of(all.begin(), all.end(), [&](const LogLine& l) { return l.text == text; });
 }
 
 bool LogCapture::has(const std::string& category, const std::string& text) const {
-  std::lock_guard lock(m_mutex);
-  for (const auto& l : m_lines)
-    if (l.category == category && l.text == text)
-      return true;
-  return false;
+  const auto all = lines();
+  return std::any_of(all.begin(), all.end(),
+                     [&](const LogLine& l) { return l.category == category && l.text == text; });
 }
 
 bool LogCapture::hasPrefix(const std::string& prefix) const {
-  std::lock_guard lock(m_mutex);
-  for (const auto& l : m_lines)
-    if (l.text.compare(0, prefix.size(), prefix) == 0)
-      return true;
-  return false;
+  const auto all = lines();
+  return std::any_of(all.begin(), all.end(), [&](const LogLine& l) { return l.text.starts_with(prefix); });
 }
 
-size_t LogCapture::size() const {
-  std::lock_guard lock(m_mutex);
-  return m_lines.size();
-}
+size_t LogCapture::size() const { return lines().size(); }
 
 void LogCapture::clear() {
   std::lock_guard lock(m_mutex);
@@ -59,9 +49,8 @@ void LogCapture::clear() {
 }
 
 std::string LogCapture::dump() const {
-  std::lock_guard lock(m_mutex);
   std::string out;
-  for (const auto& l : m_lines)
+  for (const auto& l : lines())
     out += "[" + std::to_string(l.type) + "] " + l.category + ": " + l.text + "\n";
   return out;
 }

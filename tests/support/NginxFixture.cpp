@@ -24,15 +24,18 @@ namespace {
 
 const char* kNginx = "/usr/sbin/nginx";
 
-bool canConnect(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0)
-    return false;
+sockaddr_in loopback(int port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(uint16_t(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  return addr;
+}
+
+bool canConnect(int port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const sockaddr_in addr = loopback(port);
+  const bool ok = fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
   ::close(fd);
   return ok;
 }
@@ -47,16 +50,11 @@ std::string readFile(const std::string& path) {
 } // namespace
 
 int FreeLoopbackPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0)
-    return 0;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = 0;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr = loopback(0);
   socklen_t len = sizeof addr;
   int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+  if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
       ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
     port = ntohs(addr.sin_port);
   ::close(fd);
@@ -89,19 +87,17 @@ bool NginxFixture::start() {
   std::filesystem::create_directories(filesDir());
   std::filesystem::create_directories(m_prefix + "/tmp");
 
-  const std::string openssl = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
-                              " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost"
-                              " -keyout '" +
-                              m_prefix + "/key.pem' -out '" + m_prefix + "/cert.pem' >'" + m_prefix +
-                              "/openssl.log' 2>&1";
-  if (std::system(openssl.c_str()) != 0)
+  // A self-signed EC certificate and its key.
+  auto makeCertificate = [&](const std::string& subject, const std::string& key, const std::string& cert) {
+    const std::string cmd = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj " +
+                            subject + " -keyout '" + key + "' -out '" + cert + "' >'" + m_prefix + "/openssl.log' 2>&1";
+    return std::system(cmd.c_str()) == 0;
+  };
+  if (!makeCertificate("/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost", m_prefix + "/key.pem",
+                       certificatePath()))
     return fail("openssl could not make a certificate: " + readFile(m_prefix + "/openssl.log"));
   if (m_options.mutualTlsBackend > 0) {
-    const std::string client = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
-                               " -subj /CN=httptools-client -keyout '" +
-                               clientKeyPath() + "' -out '" + clientCertPath() + "' >'" + m_prefix +
-                               "/openssl.log' 2>&1";
-    if (std::system(client.c_str()) != 0)
+    if (!makeCertificate("/CN=httptools-client", clientKeyPath(), clientCertPath()))
       return fail("openssl could not make a client certificate: " + readFile(m_prefix + "/openssl.log"));
     if ((m_mtlsPort = FreeLoopbackPort()) == 0)
       return fail("no free port on 127.0.0.1");
@@ -119,14 +115,11 @@ bool NginxFixture::start() {
        << "events { worker_connections 1024; }\n"
        << "http {\n"
        << "  log_format conn '$connection $server_protocol $status $request_uri';\n"
-       << (m_options.connectionLog ? "  access_log " + p + "/access.log conn;\n"
-           : m_options.accessLog   ? "  access_log " + p + "/access.log;\n"
-                                   : std::string("  access_log off;\n"))
-       << "  client_body_temp_path " << p << "/tmp/body;\n  proxy_temp_path " << p << "/tmp/proxy;\n"
-       << "  fastcgi_temp_path " << p << "/tmp/fastcgi;\n  uwsgi_temp_path " << p << "/tmp/uwsgi;\n"
-       << "  scgi_temp_path " << p << "/tmp/scgi;\n"
-       << "  keepalive_requests 1000000;\n  keepalive_timeout 60s;\n  default_type text/plain;\n"
-       << "  server {\n"
+       << (m_options.connectionLog ? "  access_log " + p + "/access.log conn;\n" : "  access_log off;\n")
+       << "  keepalive_requests 1000000;\n  keepalive_timeout 60s;\n  default_type text/plain;\n";
+  for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+    conf << "  " << temp << "_temp_path " << p << "/tmp/" << temp << ";\n";
+  conf << "  server {\n"
        << "    listen 127.0.0.1:" << m_httpPort << ";\n"
        << "    listen 127.0.0.1:" << m_httpsPort << (m_options.http2 ? " ssl http2;\n" : " ssl;\n")
        << "    ssl_certificate " << p << "/cert.pem;\n    ssl_certificate_key " << p << "/key.pem;\n"

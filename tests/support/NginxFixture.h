@@ -24,7 +24,6 @@ namespace qztest {
 class NginxFixture {
 public:
   struct Options {
-    bool accessLog = false;
     bool http2 = false;         // the https port also offers HTTP/2 (ALPN)
     bool connectionLog = false; // access log lines "<$connection> <$server_protocol> <$status> <uri>"
     int mutualTlsBackend = 0;   // > 0: mutualTlsPort() requires clientCertPath() and proxies to this port

@@ -51,15 +51,7 @@ int RunProgram(const std::vector<std::string>& argv, const std::string& input, s
 }
 
 int RunPython(const std::string& script, const std::string& input, std::string& out, std::string& err) {
-  char dir[] = "/tmp/httptools-py-XXXXXX";
-  if (!mkdtemp(dir))
-    return -1;
-  const std::string path = std::string(dir) + "/script.py";
-  std::ofstream(path, std::ios::binary) << script;
-  const int rc = RunProgram({"/usr/bin/python3", path}, input, out, err);
-  std::remove(path.c_str());
-  rmdir(dir);
-  return rc;
+  return RunProgram({"/usr/bin/python3", "-c", script}, input, out, err);
 }
 
 } // namespace qztest

@@ -13,19 +13,29 @@ namespace {
 
 constexpr size_t kMaxRecorded = 4096;
 
-// Each accepted connection becomes one task: counting tasks counts connections.
-class CountingQueue : public httplib::TaskQueue {
+// One thread per accepted connection, so that no number of stalled handlers can keep a new
+// connection waiting; finished threads are joined at the next connection and at shutdown.
+class ThreadPerConnection : public httplib::TaskQueue {
 public:
-  CountingQueue(size_t threads, std::atomic<size_t>& counter) : m_pool(threads), m_counter(counter) {}
+  explicit ThreadPerConnection(std::atomic<size_t>& counter) : m_counter(counter) {}
   void enqueue(std::function<void()> fn) override {
     ++m_counter;
-    m_pool.enqueue(std::move(fn));
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    std::lock_guard lock(m_mutex);
+    std::erase_if(m_workers, [](auto& w) { return *w.second && (w.first.join(), true); });
+    m_workers.emplace_back(std::thread([fn = std::move(fn), done] { fn(), *done = true; }), done);
   }
-  void shutdown() override { m_pool.shutdown(); }
+  void shutdown() override {
+    std::lock_guard lock(m_mutex);
+    for (auto& w : m_workers)
+      w.first.join();
+    m_workers.clear();
+  }
 
 private:
-  httplib::ThreadPool m_pool;
   std::atomic<size_t>& m_counter;
+  std::mutex m_mutex;
+  std::vector<std::pair<std::thread, std::shared_ptr<std::atomic<bool>>>> m_workers;
 };
 
 size_t queryNumber(const httplib::Request& req, const char* name, size_t fallback) {
@@ -49,8 +59,7 @@ size_t RecordedRequest::headerCount(const std::string& name) const {
 }
 
 TestHttpServer::TestHttpServer() {
-  // Enough workers for many parallel keep-alive clients plus slow handlers.
-  m_server.new_task_queue = [this] { return new CountingQueue(48, m_connections); };
+  m_server.new_task_queue = [this] { return new ThreadPerConnection(m_connections); };
   m_server.set_tcp_nodelay(true); // no 40 ms delayed-ACK stall between header and body writes
   m_server.set_keep_alive_max_count(1000000);
   m_server.set_keep_alive_timeout(30);
@@ -80,19 +89,13 @@ void TestHttpServer::route(const std::string& method, const std::string& pattern
     record(req);
     handler(req, res);
   };
-  const bool all = method == "*";
-  if (all || method == "GET")
-    m_server.Get(pattern, wrapped);
-  if (all || method == "POST")
-    m_server.Post(pattern, wrapped);
-  if (all || method == "PUT")
-    m_server.Put(pattern, wrapped);
-  if (all || method == "DELETE")
-    m_server.Delete(pattern, wrapped);
-  if (all || method == "PATCH")
-    m_server.Patch(pattern, wrapped);
-  if (all || method == "OPTIONS")
-    m_server.Options(pattern, wrapped);
+  using Register = httplib::Server& (httplib::Server::*)(const std::string&, httplib::Server::Handler);
+  const std::pair<const char*, Register> verbs[] = {
+      {"GET", &httplib::Server::Get},       {"POST", &httplib::Server::Post},   {"PUT", &httplib::Server::Put},
+      {"DELETE", &httplib::Server::Delete}, {"PATCH", &httplib::Server::Patch}, {"OPTIONS", &httplib::Server::Options}};
+  for (const auto& [verb, add] : verbs)
+    if (method == "*" || method == verb)
+      (m_server.*add)(pattern, wrapped);
 }
 
 void TestHttpServer::installStandardRoutes() {
@@ -252,7 +255,6 @@ void TestHttpServer::record(const httplib::Request& req) {
     if (k != "REMOTE_ADDR" && k != "REMOTE_PORT" && k != "LOCAL_ADDR" && k != "LOCAL_PORT")
       r.headers.emplace(k, v);
   r.body = req.body;
-  r.remotePort = req.remote_port;
   std::lock_guard lock(m_mutex);
   ++m_requestTotal;
   if (m_requests.size() >= kMaxRecorded)

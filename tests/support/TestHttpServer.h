@@ -46,7 +46,6 @@ struct RecordedRequest {
   std::string target;                              // the request line's target: path and query as sent
   std::multimap<std::string, std::string> headers; // names as sent
   std::string body;
-  int remotePort = 0;
 
   // First value of a header (name compared case-insensitively), "" when absent.
   std::string header(const std::string& name) const;
