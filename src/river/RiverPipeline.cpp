@@ -98,18 +98,22 @@ void BulkPipeline::loop() {
   }
 }
 
-void BulkPipeline::handOverLocked() {
-  m_flight = std::move(m_batch);
-  m_flightSeq = std::move(m_seq);
+void BulkPipeline::takeBatchLocked(std::vector<BulkOp>& ops, std::string& seq) {
+  ops = std::move(m_batch);
+  seq = std::move(m_seq);
   m_flightReadMs = m_batchReadMs;
   m_flightChanges = m_batchChanges;
-  m_busy = true;
   m_batch.clear();
   m_seq.clear();
   m_pending = false;
   m_bytes = 0;
   m_batchReadMs = 0;
   m_batchChanges = 0;
+}
+
+void BulkPipeline::handOverLocked() {
+  takeBatchLocked(m_flight, m_flightSeq);
+  m_busy = true;
   if (!m_thread.joinable())
     m_thread = std::thread([this] { loop(); });
   m_cv.notify_all();
@@ -179,16 +183,9 @@ RiverOutcome BulkPipeline::flush() {
   waitFree(lock);
   if (!m_outcome.ok() || !m_pending)
     return m_outcome;
-  std::vector<BulkOp> ops = std::move(m_batch);
-  const std::string seq = std::move(m_seq);
-  m_flightReadMs = m_batchReadMs;
-  m_flightChanges = m_batchChanges;
-  m_batch.clear();
-  m_seq.clear();
-  m_pending = false;
-  m_bytes = 0;
-  m_batchReadMs = 0;
-  m_batchChanges = 0;
+  std::vector<BulkOp> ops;
+  std::string seq;
+  takeBatchLocked(ops, seq);
   m_occupied = true;
   lock.unlock();
   RiverOutcome written = write(ops, seq);

@@ -110,6 +110,8 @@ private:
   void loop();
   // Under m_mutex: the batch being filled becomes the one in flight.
   void handOverLocked();
+  // Moves the open batch out: its operations and seq into the arguments, its figures to the flight's.
+  void takeBatchLocked(std::vector<BulkOp>& ops, std::string& seq);
   // Under m_mutex (held by `lock`): waits until no batch is being written.
   void waitFree(std::unique_lock<std::mutex>& lock);
 
