@@ -32,7 +32,7 @@ int debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* user
       entry.assign("< ").append(data, size);
       break;
     case CURLINFO_HEADER_OUT:
-      entry.assign("> ").append(data, size);
+      entry.assign("> ").append(RedactedHeaders(std::string_view(data, size)));
       break;
     case CURLINFO_DATA_IN:
       entry = "DataIn " + std::to_string(size) + "B";
@@ -78,6 +78,36 @@ int applyHandleOptions(CURL* h, HttpConnection::HttpConnectionPrivate* d) {
 }
 
 } // namespace
+
+std::string RedactedHeaders(std::string_view block) {
+  std::string out;
+  out.reserve(block.size());
+  while (!block.empty()) {
+    const size_t eol = block.find('\n');
+    std::string_view line = block.substr(0, eol == std::string_view::npos ? block.size() : eol + 1);
+    block.remove_prefix(line.size());
+    const size_t colon = line.find(':');
+    const std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
+    const auto is = [&](std::string_view secret) {
+      return name.size() == secret.size() &&
+             std::equal(name.begin(), name.end(), secret.begin(), [](char a, char b) { return std::tolower(a) == b; });
+    };
+    if (!is("authorization") && !is("proxy-authorization") && !is("cookie")) {
+      out.append(line);
+      continue;
+    }
+    // The scheme stays (Basic, Bearer): it tells how the request was made, not the secret.
+    std::string_view value = line.substr(colon + 1);
+    const size_t start = value.find_first_not_of(' ');
+    const size_t scheme =
+        is("cookie") || start == std::string_view::npos ? std::string_view::npos : value.find(' ', start);
+    out.append(name).append(": ");
+    if (scheme != std::string_view::npos)
+      out.append(value.substr(start, scheme - start)).append(" ");
+    out.append("[redacted]").append(line.ends_with("\r\n") ? "\r\n" : line.ends_with("\n") ? "\n" : "");
+  }
+  return out;
+}
 
 int ApplyConnectionOptions(CURL* h) {
   int rc = 0;

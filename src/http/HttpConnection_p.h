@@ -62,6 +62,10 @@ long ResolveIpResolve(HostNameResolutionPolicy policy);
 // and the multi engine's): reuse, TLS floor, signals, content encodings, paths as given.
 int ApplyConnectionOptions(CURL* handle);
 
+// Sent header lines for the debug log, with the credentials of Authorization, Proxy-Authorization
+// and Cookie replaced: a log is no place for a secret.
+std::string RedactedHeaders(std::string_view block);
+
 // Failure texts, shared with the multi-request engine so that both word a failure alike.
 // A failed transfer; a reached total time-out and an exceeded body limit say so.
 std::string TransferFailedText(CURLcode code, int64_t elapsedMs, long totalTimeoutMs, long long maxBodyBytes,

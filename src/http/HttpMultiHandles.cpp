@@ -231,7 +231,9 @@ int HttpMultiConnection::Private::onDebug(CURL*, curl_infotype type, char* data,
     return 0;
   try {
     const char* mark = type == CURLINFO_TEXT ? "* " : type == CURLINFO_HEADER_IN ? "< " : "> ";
-    qzLogObject(qzLog::Debug, "curl") << mark << std::string(data, size);
+    const std::string_view text(data, size);
+    qzLogObject(qzLog::Debug, "curl") << mark
+                                      << (type == CURLINFO_HEADER_OUT ? RedactedHeaders(text) : std::string(text));
   } catch (...) {
   }
   return 0;

@@ -1,4 +1,5 @@
 #include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnection_p.h>
 
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpHelpers.h>
@@ -245,12 +246,21 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   for (const auto& l : cap.lines())
     EXPECT_NE(l.category, "curl");
   c.editConnectionParameters().verbose = 2;
-  ASSERT_TRUE(get(c, "/bytes?n=10"));
+  ASSERT_TRUE(get(c, "http://u:s3cret@" + srv.url("/bytes?n=10").substr(7)));
   EXPECT_TRUE(cap.has("curl", "Curl debug output")) << cap.dump();
   EXPECT_TRUE(cap.has("curl", "> GET /bytes?n=10 HTTP/1.1")) << cap.dump();
+  EXPECT_TRUE(cap.has("curl", "Authorization: Basic [redacted]")) << cap.dump(); // never dTpzM2NyZXQ=
+  EXPECT_THAT(c.getLastDebugInformations(), testing::Not(HasSubstr("dTpzM2NyZXQ")));
   c.editConnectionParameters().verbose = 0;
   ASSERT_TRUE(get(c, "/bytes?n=10"));
   EXPECT_EQ(c.getLastDebugInformations(), "");
+}
+
+TEST(DebugLines, CredentialsAreRedactedWhateverTheCase) {
+  EXPECT_EQ(RedactedHeaders("GET / HTTP/1.1\r\nauthorization: Bearer a.b.c\r\nHost: h\r\nCOOKIE: a=1; b=2\r\n"
+                            "Proxy-Authorization: Basic eDp5\r\nX-Authorization: kept\r\nAuthorization:\r\n\r\n"),
+            "GET / HTTP/1.1\r\nauthorization: Bearer [redacted]\r\nHost: h\r\nCOOKIE: [redacted]\r\n"
+            "Proxy-Authorization: Basic [redacted]\r\nX-Authorization: kept\r\nAuthorization: [redacted]\r\n\r\n");
 }
 
 // A name that fails under a preferred family is retried with any, a lasting change. A literal
