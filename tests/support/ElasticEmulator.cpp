@@ -23,13 +23,10 @@ std::string errorBody(int status, const std::string& type, const std::string& re
   Writer w(sb);
   // The error object repeats its own fields as its only root cause.
   auto fields = [&] {
-    w.Key("type");
-    writeString(w, type);
-    w.Key("reason");
-    writeString(w, reason);
+    put(w, "type", type);
+    put(w, "reason", reason);
     if (!index.empty()) {
-      w.Key("index");
-      writeString(w, index);
+      put(w, "index", index);
     }
   };
   w.StartObject();
@@ -43,8 +40,7 @@ std::string errorBody(int status, const std::string& type, const std::string& re
   w.EndArray();
   fields();
   w.EndObject();
-  w.Key("status");
-  w.Int(status);
+  putInt(w, "status", status);
   w.EndObject();
   return sb.GetString();
 }
@@ -99,16 +95,12 @@ int64_t numberParam(const Req& req, const char* name, int64_t fallback) {
 void writeShards(Writer& w, int total, int successful, bool skipped) {
   w.Key("_shards");
   w.StartObject();
-  w.Key("total");
-  w.Int(total);
-  w.Key("successful");
-  w.Int(successful);
+  putInt(w, "total", total);
+  putInt(w, "successful", successful);
   if (skipped) {
-    w.Key("skipped");
-    w.Int(0);
+    putInt(w, "skipped", 0);
   }
-  w.Key("failed");
-  w.Int(0);
+  putInt(w, "failed", 0);
   w.EndObject();
 }
 
@@ -134,12 +126,11 @@ int64_t cpuMicros() {
 }
 
 const char* const kClusterInfo =
-    "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":"
-    "\"q3cQ3CqUSSmtK3bEBjdTjg\",\"version\":{\"number\":\"8.11.0\",\"build_flavor\":\"default\","
-    "\"build_type\":\"tar\",\"build_hash\":\"d9ec3fa628c7b0ba3d25692e277ba26814820b20\","
-    "\"build_date\":\"2023-11-04T10:04:57.184859352Z\",\"build_snapshot\":false,"
-    "\"lucene_version\":\"9.8.0\",\"minimum_wire_compatibility_version\":\"7.17.0\","
-    "\"minimum_index_compatibility_version\":\"7.0.0\"},\"tagline\":\"You Know, for Search\"}";
+    "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":\"q3cQ3CqUSSmtK3bEBjdTjg\","
+    "\"version\":{\"number\":\"8.11.0\",\"build_flavor\":\"default\",\"build_type\":\"tar\",\"build_hash\":"
+    "\"d9ec3fa628c7b0ba3d25692e277ba26814820b20\",\"build_date\":\"2023-11-04T10:04:57.184859352Z\",\"build_snapshot\":"
+    "false,\"lucene_version\":\"9.8.0\",\"minimum_wire_compatibility_version\":\"7.17.0\",\"minimum_index_"
+    "compatibility_version\":\"7.0.0\"},\"tagline\":\"You Know, for Search\"}";
 
 // GET /: Elasticsearch's, or in OpenSearch mode OpenSearch's with its distribution and version.
 std::string clusterInfo(State& st) {
@@ -150,14 +141,13 @@ std::string clusterInfo(State& st) {
   }
   if (version.empty())
     return kClusterInfo;
-  return "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":"
-         "\"q3cQ3CqUSSmtK3bEBjdTjg\",\"version\":{\"distribution\":\"opensearch\",\"number\":\"" +
+  return "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":\"q3cQ3CqUSSmtK3bEBjdTjg\","
+         "\"version\":{\"distribution\":\"opensearch\",\"number\":\"" +
          version +
-         "\",\"build_type\":\"tar\",\"build_hash\":\"6adc0bf476e1624190564d7fbe4aba00ccf49ad8\","
-         "\"build_date\":\"2023-10-13T02:55:55.511945994Z\",\"build_snapshot\":false,"
-         "\"lucene_version\":\"9.7.0\",\"minimum_wire_compatibility_version\":\"7.10.0\","
-         "\"minimum_index_compatibility_version\":\"7.0.0\"},"
-         "\"tagline\":\"The OpenSearch Project\"}";
+         "\",\"build_type\":\"tar\",\"build_hash\":\"6adc0bf476e1624190564d7fbe4aba00ccf49ad8\",\"build_date\":\"2023-"
+         "10-13T02:55:55.511945994Z\",\"build_snapshot\":false,\"lucene_version\":\"9.7.0\",\"minimum_wire_"
+         "compatibility_version\":\"7.10.0\",\"minimum_index_compatibility_version\":\"7.0.0\"},\"tagline\":\"The "
+         "OpenSearch Project\"}";
 }
 
 // PUT /_emulator/faults, GET /_emulator/stats, POST /_emulator/reset.
@@ -172,7 +162,7 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
     Document body;
     body.Parse(req.body.data(), req.body.size());
     if (body.HasParseError() || !body.IsObject())
-      return st.reply(res, 400, errorBody(400, "parsing_exception", "faults must be an object"));
+      return st.fail(res, 400, "parsing_exception", "faults must be an object");
     ElasticEmulator::Faults f = st.faults;
     auto integer = [&](const char* name, auto& field) {
       if (body.HasMember(name) && body[name].IsInt64())
@@ -217,7 +207,7 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
     st.clear();
     return acknowledged("{\"acknowledged\":true}");
   }
-  st.reply(res, 404, errorBody(404, "resource_not_found_exception", "unknown emulator control [" + what + "]"));
+  st.fail(res, 404, "resource_not_found_exception", "unknown emulator control [" + what + "]");
 }
 
 // True (and answered) when an `unavailable` fault takes this request.
@@ -228,9 +218,8 @@ bool unavailable(State& st, const Req& req, Res& res) {
   if (f.unavailable <= 0 || (!f.unavailablePath.empty() && req.path.find(f.unavailablePath) == std::string::npos))
     return false;
   --f.unavailable;
-  st.reply(res, 503,
-           errorBody(503, "unavailable_shards_exception",
-                     "[emulated][0] primary shard is not active Timeout: [1m] (injected fault)"));
+  st.fail(res, 503, "unavailable_shards_exception",
+          "[emulated][0] primary shard is not active Timeout: [1m] (injected fault)");
   return true;
 }
 
@@ -257,9 +246,7 @@ bool unauthorised(State& st, const Req& req, Res& res) {
   if (carried)
     return false;
   res.set_header("WWW-Authenticate", "Basic realm=\"security\" charset=\"UTF-8\"");
-  st.reply(
-      res, 401,
-      errorBody(401, "security_exception", "missing authentication credentials for REST request [" + req.path + "]"));
+  st.fail(res, 401, "security_exception", "missing authentication credentials for REST request [" + req.path + "]");
   return true;
 }
 
@@ -274,13 +261,12 @@ void dispatch(State& st, const Req& req, Res& res) {
     return get ? st.reply(res, 200, clusterInfo(st)) : st.badMethod(req, res);
   if (s[0] == "_cluster")
     return st.reply(res, 200,
-                    "{\"cluster_name\":\"httptools-emulator\",\"status\":\"green\",\"timed_out\":false,"
-                    "\"number_of_nodes\":1,\"number_of_data_nodes\":1}");
+                    "{\"cluster_name\":\"httptools-emulator\",\"status\":\"green\",\"timed_out\":false,\"number_of_"
+                    "nodes\":1,\"number_of_data_nodes\":1}");
   if (serveOpenSearch(st, req, res, s) || serveDocuments(st, req, res, s) || serveSearch(st, req, res, s) ||
       serveIndices(st, req, res, s))
     return;
-  st.reply(res, 400,
-           errorBody(400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator"));
+  st.fail(res, 400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator");
 }
 
 } // namespace
@@ -290,9 +276,8 @@ void dispatch(State& st, const Req& req, Res& res) {
 using emu::Index;
 
 void ElasticEmulator::State::badMethod(const emu::Req& req, emu::Res& res) const {
-  reply(res, 405,
-        emu::errorBody(405, "method_not_allowed",
-                       "Incorrect HTTP method for uri [" + req.path + "] and method [" + req.method + "]"));
+  fail(res, 405, "method_not_allowed",
+       "Incorrect HTTP method for uri [" + req.path + "] and method [" + req.method + "]");
 }
 
 bool ElasticEmulator::State::resolve(const std::string& expr, std::vector<Index*>& out, std::string& err) {
@@ -363,8 +348,8 @@ Index* ElasticEmulator::State::writeIndex(const std::string& name, int& status, 
   if (count > 1) {
     status = 400;
     err = "no write index is defined for alias [" + name +
-          "]. The write index may be explicitly disabled using is_write_index=false or the alias points to "
-          "multiple indices without one being designated as a write index";
+          "]. The write index may be explicitly disabled using is_write_index=false or the alias points to multiple "
+          "indices without one being designated as a write index";
     return nullptr;
   }
   if (found)

@@ -14,31 +14,41 @@ const char* const kUpdateVersioning =
 
 bool knownVersionType(const std::string& t) { return t == "internal" || t == "external" || t == "external_gte"; }
 
-// The write options of a document request's parameters.
+// Reads one write option, from a query parameter or a _bulk metadata member; false for another name.
+bool setOption(WriteOptions& o, const std::string& name, const std::string& v) {
+  auto number = [&](int64_t& field) {
+    char* end = nullptr;
+    const long long n = std::strtoll(v.c_str(), &end, 10);
+    if (!v.empty() && !*end)
+      field = n;
+    return true;
+  };
+  if (name == "if_seq_no" || name == "if_primary_term" || name == "version")
+    return number(name == "version" ? o.version : name == "if_seq_no" ? o.ifSeqNo : o.ifPrimaryTerm);
+  if (name == "version_type")
+    o.versionType = v;
+  else if (name == "routing")
+    o.routing = v;
+  return name == "version_type" || name == "routing";
+}
+
 WriteOptions optionsOf(const Req& req) {
   WriteOptions o;
-  o.ifSeqNo = numberParam(req, "if_seq_no", kNoSeqNo);
-  o.ifPrimaryTerm = numberParam(req, "if_primary_term", kNoTerm);
-  o.version = numberParam(req, "version", kAnyVersion);
-  if (req.has_param("version_type"))
-    o.versionType = req.get_param_value("version_type");
-  o.routing = req.get_param_value("routing");
+  for (const auto& [name, value] : req.params)
+    setOption(o, name, value);
   return o;
 }
 
 void writeMissingDoc(Writer& w, const std::string& index, const std::string& id) {
-  w.Key("_index");
-  writeString(w, index);
-  w.Key("_id");
-  writeString(w, id);
-  w.Key("found");
-  w.Bool(false);
+  put(w, "_index", index);
+  put(w, "_id", id);
+  putBool(w, "found", false);
 }
 
 // A document write's answer: its result, or its error with the error's status.
 void answerWrite(State& st, Res& res, const std::string& index, const std::string& id, const WriteResult& r) {
   if (!r.errorType.empty())
-    return st.reply(res, r.status, errorBody(r.status, r.errorType, r.errorReason, index));
+    return st.fail(res, r.status, r.errorType, r.errorReason, index);
   StringBuffer sb;
   Writer w(sb);
   w.StartObject();
@@ -64,9 +74,8 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     std::lock_guard<std::mutex> lock(st.mu);
     if (st.faults.maxBulkBytes && text.size() > st.faults.maxBulkBytes) {
       ++st.stats.tooLargeBulks;
-      return st.reply(res, 413,
-                      errorBody(413, "request_entity_too_large",
-                                "bulk body of " + std::to_string(text.size()) + " bytes is over the limit"));
+      return st.fail(res, 413, "request_entity_too_large",
+                     "bulk body of " + std::to_string(text.size()) + " bytes is over the limit");
     }
   }
   size_t at = 0;
@@ -93,57 +102,38 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     action.Parse(p, n);
     if (action.HasParseError() || !action.IsObject() || action.MemberCount() != 1 ||
         !action.MemberBegin()->value.IsObject())
-      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", "Malformed action/metadata line"));
+      return st.fail(res, 400, "illegal_argument_exception", "Malformed action/metadata line");
     Item item;
     item.action = action.MemberBegin()->name.GetString();
     const Value& meta = action.MemberBegin()->value;
     if (item.action != "index" && item.action != "create" && item.action != "delete" && item.action != "update")
-      return st.reply(res, 400,
-                      errorBody(400, "illegal_argument_exception",
-                                "Malformed action/metadata line, expected one of [create, delete, index, update] but "
-                                "found [" +
-                                    item.action + "]"));
+      return st.fail(res, 400, "illegal_argument_exception",
+                     "Malformed action/metadata line, expected one of [create, delete, index, update] but found [" +
+                         item.action + "]");
     std::string badParameter;
     for (const auto& f : meta.GetObject()) {
-      const std::string k = f.name.GetString();
-      const Value& v = f.value;
-      if (k == "_index" && v.IsString())
-        item.index = v.GetString();
-      else if (k == "_id" && v.IsString())
-        item.id = v.GetString();
-      else if (k == "routing" && v.IsString())
-        item.opts.routing = v.GetString();
-      else if (k == "version" && v.IsInt64())
-        item.opts.version = v.GetInt64();
-      else if (k == "version_type" && v.IsString())
-        item.opts.versionType = v.GetString();
-      else if (k == "if_seq_no" && v.IsInt64())
-        item.opts.ifSeqNo = v.GetInt64();
-      else if (k == "if_primary_term" && v.IsInt64())
-        item.opts.ifPrimaryTerm = v.GetInt64();
-      else if (!kIgnoredMeta.count(k) && badParameter.empty())
+      const std::string k = f.name.GetString(), v = f.value.IsString() ? f.value.GetString() : toJson(f.value);
+      if (k == "_index" || k == "_id")
+        (k == "_id" ? item.id : item.index) = v;
+      else if (!setOption(item.opts, k, v) && !kIgnoredMeta.count(k) && badParameter.empty())
         badParameter = k;
     }
     if (!badParameter.empty())
-      return st.reply(res, 400,
-                      errorBody(400, "illegal_argument_exception",
-                                "Action/metadata line [" + std::to_string(line) + "] contains an unknown parameter [" +
-                                    badParameter + "]"));
+      return st.fail(res, 400, "illegal_argument_exception",
+                     "Action/metadata line [" + std::to_string(line) + "] contains an unknown parameter [" +
+                         badParameter + "]");
     if (!knownVersionType(item.opts.versionType))
-      return st.reply(
-          res, 400,
-          errorBody(400, "illegal_argument_exception", "No version type match [" + item.opts.versionType + "]"));
+      return st.fail(res, 400, "illegal_argument_exception", "No version type match [" + item.opts.versionType + "]");
     if (item.action == "update" && (item.opts.version != kAnyVersion || item.opts.versionType != "internal"))
-      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", kUpdateVersioning));
+      return st.fail(res, 400, "illegal_argument_exception", kUpdateVersioning);
     if (item.index.empty())
       item.index = defaultIndex;
     for (auto& e : validateWrite(item.action, item.opts, !item.id.empty()))
       invalid.push_back(std::move(e));
     if (item.action != "delete") {
       if (!nextLine(p, n) || !++line)
-        return st.reply(
-            res, 400,
-            errorBody(400, "illegal_argument_exception", "The bulk request must be terminated by a newline [\\n]"));
+        return st.fail(res, 400, "illegal_argument_exception",
+                       "The bulk request must be terminated by a newline [\\n]");
       item.parsed = std::make_unique<Document>();
       item.parsed->Parse(p, n);
       if (item.parsed->HasParseError() || !item.parsed->IsObject()) {
@@ -172,7 +162,7 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     invalid.insert(invalid.begin(), "no requests added");
   // Elasticsearch validates every item before running any: one invalid item refuses the request.
   if (!invalid.empty())
-    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
+    return st.invalid(res, invalid);
 
   StringBuffer sb;
   Writer w(sb);
@@ -192,9 +182,9 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
         --st.faults.rejectItems;
         r.status = 429;
         r.errorType = "es_rejected_execution_exception";
-        r.errorReason = "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, "
-                        "replica_bytes=0, all_bytes=0, coordinating_operation_bytes=1024, "
-                        "max_coordinating_and_primary_bytes=0]";
+        r.errorReason =
+            "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, replica_bytes=0, "
+            "all_bytes=0, coordinating_operation_bytes=1024, max_coordinating_and_primary_bytes=0]";
         continue;
       }
       if (!item.parseError.empty()) {
@@ -223,10 +213,8 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
   for (const auto& r : results)
     errors = errors || !r.errorType.empty();
   w.StartObject();
-  w.Key("took");
-  w.Int64(took.count());
-  w.Key("errors");
-  w.Bool(errors);
+  putInt(w, "took", took.count());
+  putBool(w, "errors", errors);
   w.Key("items");
   w.StartArray();
   for (size_t i = 0; i < items.size(); ++i) {
@@ -246,8 +234,7 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
                    const std::string& action) {
   const WriteOptions o = optionsOf(req);
   if (!knownVersionType(o.versionType))
-    return st.reply(res, 400,
-                    errorBody(400, "illegal_argument_exception", "No version type match [" + o.versionType + "]"));
+    return st.fail(res, 400, "illegal_argument_exception", "No version type match [" + o.versionType + "]");
   std::string op = action;
   if (op == "index" && req.get_param_value("op_type") == "create")
     op = "create";
@@ -257,20 +244,17 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
                                      "use `if_seq_no` and `if_primary_term` instead"}
           : validateWrite(op, o, !id.empty());
   if (!invalid.empty())
-    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
+    return st.invalid(res, invalid);
   Document parsed;
   parsed.Parse(req.body.data(), req.body.size());
   if (parsed.HasParseError() || !parsed.IsObject())
-    return st.reply(res, 400, errorBody(400, "mapper_parsing_exception", "failed to parse"));
+    return st.fail(res, 400, "mapper_parsing_exception", "failed to parse");
   const Value* source = &parsed;
   bool upsert = false;
   std::string docText = req.body;
   if (op == "update") {
     if (!parsed.HasMember("doc") || !parsed["doc"].IsObject())
-      return st.reply(res, 400,
-                      errorBody(400, "action_request_validation_exception",
-                                "Validation Failed: 1: script or doc is "
-                                "missing;"));
+      return st.invalid(res, {"script or doc is missing"});
     source = &parsed["doc"];
     upsert = parsed.HasMember("doc_as_upsert") && parsed["doc_as_upsert"].IsBool() && parsed["doc_as_upsert"].GetBool();
     docText = toJson(*source);
@@ -280,8 +264,7 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
   std::string err;
   Index* ix = st.writeIndex(indexName, status, err);
   if (!ix)
-    return st.reply(res, status,
-                    errorBody(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err));
+    return st.fail(res, status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
   if (id.empty())
     id = randomId(20, ++st.counter).substr(0, 20);
   const WriteResult r = st.write(*ix, op, id, docText, source, o, upsert);
@@ -327,30 +310,23 @@ void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
   Document body;
   body.Parse(req.body.data(), req.body.size());
   if (body.HasParseError() || !body.IsObject())
-    return st.reply(res, 400, errorBody(400, "parsing_exception", "request body is required"));
+    return st.fail(res, 400, "parsing_exception", "request body is required");
   std::vector<std::pair<std::string, std::string>> wanted;
   if (body.HasMember("ids") && body["ids"].IsArray()) {
     if (defaultIndex.empty())
-      return st.reply(res, 400,
-                      errorBody(400, "action_request_validation_exception",
-                                "Validation Failed: 1: index is missing "
-                                "for doc 0;"));
+      return st.invalid(res, {"index is missing for doc 0"});
     for (const auto& v : body["ids"].GetArray())
       wanted.emplace_back(defaultIndex, v.IsString() ? v.GetString() : toJson(v));
   } else if (body.HasMember("docs") && body["docs"].IsArray()) {
     for (const auto& v : body["docs"].GetArray()) {
       if (!v.IsObject() || !v.HasMember("_id"))
-        return st.reply(res, 400,
-                        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: id is missing;"));
+        return st.invalid(res, {"id is missing"});
       const std::string index =
           v.HasMember("_index") && v["_index"].IsString() ? v["_index"].GetString() : defaultIndex;
       wanted.emplace_back(index, v["_id"].IsString() ? v["_id"].GetString() : toJson(v["_id"]));
     }
   } else {
-    return st.reply(res, 400,
-                    errorBody(400, "action_request_validation_exception",
-                              "Validation Failed: 1: no documents to "
-                              "get;"));
+    return st.invalid(res, {"no documents to get"});
   }
   StringBuffer sb;
   Writer w(sb);
@@ -421,8 +397,7 @@ bool serveDocuments(State& st, const Req& req, Res& res, const Path& s) {
     std::lock_guard<std::mutex> lock(st.mu);
     auto it = st.indices.find(first);
     const Doc* d = it == st.indices.end() ? nullptr : st.current(it->second, id);
-    d ? st.reply(res, 200, d->source)
-      : st.reply(res, 404, errorBody(404, "resource_not_found_exception", "Document not found"));
+    d ? st.reply(res, 200, d->source) : st.fail(res, 404, "resource_not_found_exception", "Document not found");
   } else {
     return false;
   }
