@@ -6,7 +6,6 @@
 
 #include "EsFixture.h"
 #include "support/LogCapture.h"
-#include "support/NginxFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -87,27 +86,6 @@ TEST_F(AuthTest, SecretsStayOutOfErrorsAndLogs) {
     EXPECT_EQ(error.find(secret), std::string::npos) << error;
     EXPECT_EQ(log.dump().find(secret), std::string::npos) << log.dump();
   }
-}
-
-// nginx in front of the emulator demands a client certificate signed by the one it trusts.
-TEST_F(AuthTest, MutualTlsWithClientCertificateAndCaFile) {
-  qztest::NginxFixture::Options options;
-  options.mutualTlsBackend = emulator.port();
-  qztest::NginxFixture nginx(options);
-  ASSERT_TRUE(nginx.start()) << nginx.lastError();
-  const qz::Url address("https://localhost:" + std::to_string(nginx.mutualTlsPort()));
-  qz::http::HttpHelpers::HttpResult result;
-  connection.editConnectionParameters().caFile = nginx.certificatePath();
-  qz::http::HttpHelpers::HttpGet(connection, address, &result);
-  EXPECT_EQ(result.httpCode, 400); // nginx: no required certificate was sent
-  connection.editConnectionParameters().caFile.clear();
-  ElasticConnectionParameters params(address);
-  params.caFile = nginx.certificatePath();
-  params.clientCertFile = nginx.clientCertPath();
-  params.clientKeyFile = nginx.clientKeyPath();
-  EXPECT_EQ(useAll(params), "");
-  params.caFile.clear(); // the system's CAs do not know nginx's certificate
-  EXPECT_NE(useAll(params), "");
 }
 
 } // namespace

@@ -136,22 +136,25 @@ TEST_F(EsCliTest, AuthenticationOptionsAndGzip) {
   ::rmdir(dir.c_str());
 }
 
-// nginx in front of the emulator demands a client certificate: --cert and --key reach the probe
-// and every request.
+// nginx in front of the emulator demands a client certificate signed by the one it trusts: --cert
+// and --key reach the probe and every request; without them, or without --cacert, nothing is sent.
 TEST_F(EsCliTest, ClientCertificateForMutualTls) {
   qztest::NginxFixture::Options options;
   options.mutualTlsBackend = emulator.port();
   qztest::NginxFixture nginx(options);
   ASSERT_TRUE(nginx.start()) << nginx.lastError();
   const std::string index = "https://localhost:" + std::to_string(nginx.mutualTlsPort()) + "/tls";
+  const std::vector<std::string> ca{"--cacert", nginx.certificatePath()},
+      cert{"--cert", nginx.clientCertPath(), "--key", nginx.clientKeyPath()};
   const std::string lines = "{\"_id\":\"a\",\"n\":1}\n";
-  EXPECT_EQ(run({"es", "bulk", index, "--cacert", nginx.certificatePath(), "--cert", nginx.clientCertPath(), "--key",
-                 nginx.clientKeyPath()},
-                lines),
-            0)
-      << err;
+  for (const auto& [options, code] : {std::pair{ca, 1}, {cert, 1}, {ca, 0}}) {
+    std::vector<std::string> args{"es", "bulk", index};
+    args.insert(args.end(), options.begin(), options.end());
+    if (code == 0)
+      args.insert(args.end(), cert.begin(), cert.end());
+    EXPECT_EQ(run(args, lines) != 0, code != 0) << err;
+  }
   EXPECT_EQ(out, "indexed 1, failed 0, retried 0\n");
-  EXPECT_NE(run({"es", "bulk", index, "--cacert", nginx.certificatePath()}, lines), 0);
   EXPECT_EQ(emulator.stats().bulkRequests, 1u);
 }
 
