@@ -18,31 +18,18 @@ std::string toJson(const Value& v) {
 
 void writeString(Writer& w, const std::string& s) { w.String(s.data(), SizeType(s.size())); }
 
-std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index) {
+std::string quote(const std::string& s) {
   StringBuffer sb;
   Writer w(sb);
-  // The error object repeats its own fields as its only root cause.
-  auto fields = [&] {
-    put(w, "type", type);
-    put(w, "reason", reason);
-    if (!index.empty()) {
-      put(w, "index", index);
-    }
-  };
-  w.StartObject();
-  w.Key("error");
-  w.StartObject();
-  w.Key("root_cause");
-  w.StartArray();
-  w.StartObject();
-  fields();
-  w.EndObject();
-  w.EndArray();
-  fields();
-  w.EndObject();
-  putInt(w, "status", status);
-  w.EndObject();
+  writeString(w, s);
   return sb.GetString();
+}
+
+std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index) {
+  // The error object repeats its own fields as its only root cause.
+  const std::string fields =
+      "\"type\":" + quote(type) + ",\"reason\":" + quote(reason) + (index.empty() ? "" : ",\"index\":" + quote(index));
+  return "{\"error\":{\"root_cause\":[{" + fields + "}]," + fields + "},\"status\":" + std::to_string(status) + "}";
 }
 
 const Value* fieldOf(const Value& source, const std::string& path) {
@@ -93,15 +80,10 @@ int64_t numberParam(const Req& req, const char* name, int64_t fallback) {
 }
 
 void writeShards(Writer& w, int total, int successful, bool skipped) {
+  const std::string shards = "{\"total\":" + std::to_string(total) + ",\"successful\":" + std::to_string(successful) +
+                             (skipped ? ",\"skipped\":0" : "") + ",\"failed\":0}";
   w.Key("_shards");
-  w.StartObject();
-  putInt(w, "total", total);
-  putInt(w, "successful", successful);
-  if (skipped) {
-    putInt(w, "skipped", 0);
-  }
-  putInt(w, "failed", 0);
-  w.EndObject();
+  w.RawValue(shards.data(), shards.size(), rapidjson::kObjectType);
 }
 
 namespace {
@@ -125,29 +107,25 @@ int64_t cpuMicros() {
   return int64_t(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1000000 + ru.ru_utime.tv_usec + ru.ru_stime.tv_usec;
 }
 
-const char* const kClusterInfo =
-    "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":\"q3cQ3CqUSSmtK3bEBjdTjg\","
-    "\"version\":{\"number\":\"8.11.0\",\"build_flavor\":\"default\",\"build_type\":\"tar\",\"build_hash\":"
-    "\"d9ec3fa628c7b0ba3d25692e277ba26814820b20\",\"build_date\":\"2023-11-04T10:04:57.184859352Z\",\"build_snapshot\":"
-    "false,\"lucene_version\":\"9.8.0\",\"minimum_wire_compatibility_version\":\"7.17.0\",\"minimum_index_"
-    "compatibility_version\":\"7.0.0\"},\"tagline\":\"You Know, for Search\"}";
-
 // GET /: Elasticsearch's, or in OpenSearch mode OpenSearch's with its distribution and version.
 std::string clusterInfo(State& st) {
-  std::string version;
+  std::string os;
   {
     std::lock_guard<std::mutex> lock(st.mu);
-    version = st.openSearchVersion;
+    os = st.openSearchVersion;
   }
-  if (version.empty())
-    return kClusterInfo;
-  return "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":\"q3cQ3CqUSSmtK3bEBjdTjg\","
-         "\"version\":{\"distribution\":\"opensearch\",\"number\":\"" +
-         version +
-         "\",\"build_type\":\"tar\",\"build_hash\":\"6adc0bf476e1624190564d7fbe4aba00ccf49ad8\",\"build_date\":\"2023-"
-         "10-13T02:55:55.511945994Z\",\"build_snapshot\":false,\"lucene_version\":\"9.7.0\",\"minimum_wire_"
-         "compatibility_version\":\"7.10.0\",\"minimum_index_compatibility_version\":\"7.0.0\"},\"tagline\":\"The "
-         "OpenSearch Project\"}";
+  const bool es = os.empty();
+  return std::string(
+             R"({"name":"emulator","cluster_name":"httptools-emulator","cluster_uuid":"q3cQ3CqUSSmtK3bEBjdTjg",)") +
+         (es ? R"("version":{"number":"8.11.0","build_flavor":"default","build_type":"tar",)"
+               R"("build_hash":"d9ec3fa628c7b0ba3d25692e277ba26814820b20","build_date":"2023-11-04T10:04:57.184859352Z",)"
+               R"("build_snapshot":false,"lucene_version":"9.8.0","minimum_wire_compatibility_version":"7.17.0",)"
+             : R"("version":{"distribution":"opensearch","number":")" + os +
+                   R"(","build_type":"tar","build_hash":"6adc0bf476e1624190564d7fbe4aba00ccf49ad8",)"
+                   R"("build_date":"2023-10-13T02:55:55.511945994Z","build_snapshot":false,"lucene_version":"9.7.0",)"
+                   R"("minimum_wire_compatibility_version":"7.10.0",)") +
+         R"("minimum_index_compatibility_version":"7.0.0"},"tagline":")" +
+         (es ? "You Know, for Search" : "The OpenSearch Project") + "\"}";
 }
 
 // PUT /_emulator/faults, GET /_emulator/stats, POST /_emulator/reset.
@@ -381,13 +359,8 @@ ElasticEmulator::~ElasticEmulator() { stop(); }
 
 bool ElasticEmulator::start(int port) {
   m_state->stopping = false;
-  const int bound =
-      port ? (m_server.bind_to_port("127.0.0.1", port) ? port : -1) : m_server.bind_to_any_port("127.0.0.1");
-  if (bound <= 0) {
-    m_error = "cannot bind 127.0.0.1";
+  if (!listenBlocking(port, nullptr))
     return false;
-  }
-  m_port = bound;
   m_thread = std::thread([this] { m_server.listen_after_bind(); });
   for (int i = 0; i < 500 && !m_server.is_running(); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -402,6 +375,8 @@ bool ElasticEmulator::listenBlocking(int port, const std::function<void(int)>& o
     return false;
   }
   m_port = bound;
+  if (!onBound) // start(): served by a thread of its own
+    return true;
   onBound(bound);
   return m_server.listen_after_bind();
 }

@@ -79,15 +79,10 @@ void writeIndexInfo(Writer& w, const Index& ix, bool aliases, bool mappings, boo
     w.RawValue(ix.mappings.data(), ix.mappings.size(), rapidjson::kObjectType);
   }
   if (settings) {
+    const std::string text =
+        R"({"index":{"number_of_shards":"1","number_of_replicas":"1","provided_name":)" + quote(ix.name) + "}}";
     w.Key("settings");
-    w.StartObject();
-    w.Key("index");
-    w.StartObject();
-    put(w, "number_of_shards", "1");
-    put(w, "number_of_replicas", "1");
-    put(w, "provided_name", ix.name);
-    w.EndObject();
-    w.EndObject();
+    w.RawValue(text.data(), text.size(), rapidjson::kObjectType);
   }
   w.EndObject();
 }

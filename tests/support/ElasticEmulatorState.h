@@ -90,6 +90,7 @@ inline void putBool(Writer& w, const char* key, bool b) {
   w.Key(key);
   w.Bool(b);
 }
+std::string quote(const std::string& s); // as a JSON string
 std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index = "");
 const Value* fieldOf(const Value& source, const std::string& path);
 std::string lower(std::string s);
