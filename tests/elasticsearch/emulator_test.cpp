@@ -28,6 +28,9 @@ TEST_F(EmulatorTest, ConcurrencyControlAndExternalVersions) {
       {"POST", "/r/_update/x", R"({"doc":{"w":1}})", 200, R"("_version":6)"},
       {"POST", "/r/_update/nope", R"({"doc":{"w":1}})", 404, "document_missing_exception"},
       {"GET", "/r/_doc/x", "", 200, R"("_source":{"v":7,"w":1})"},
+      {"POST", "/_bulk", "{\"update\":{\"_index\":\"r\",\"_id\":\"up\"}}\n{\"doc\":{\"u\":1},\"doc_as_upsert\":true}\n",
+       200, R"("result":"created")"},
+      {"GET", "/r/_doc/up", "", 200, R"("_source":{"u":1})"}, // an upsert stores its document
       {"POST", "/_bulk", "{\"index\":{\"_index\":\"r\",\"_id\":\"a\",\"if_seq_no\":9,\"if_primary_term\":1}}\n{}\n",
        200, R"("status":409)"},
       // Elasticsearch refuses external versions on create and any version on update, for the

@@ -32,6 +32,12 @@ bool setOption(WriteOptions& o, const std::string& name, const std::string& v) {
   return name == "version_type" || name == "routing";
 }
 
+// The partial document and doc_as_upsert of an update's body; null without a "doc" object.
+const Value* updateDoc(const Value& body, bool& upsert) {
+  upsert = body.HasMember("doc_as_upsert") && body["doc_as_upsert"].IsBool() && body["doc_as_upsert"].GetBool();
+  return body.HasMember("doc") && body["doc"].IsObject() ? &body["doc"] : nullptr;
+}
+
 WriteOptions optionsOf(const Req& req) {
   WriteOptions o;
   for (const auto& [name, value] : req.params)
@@ -60,11 +66,10 @@ void answerWrite(State& st, Res& res, const std::string& index, const std::strin
 void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
   const auto t0 = std::chrono::steady_clock::now();
   struct Item {
-    std::string action, index, id;
+    std::string action, index, id, source;
     WriteOptions opts;
-    const char* source = nullptr;
-    size_t sourceLength = 0;
     std::unique_ptr<Document> parsed;
+    const Value* doc = nullptr; // the source, or an update's partial document
     bool upsert = false;
     std::string parseError;
   };
@@ -136,23 +141,13 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
                        "The bulk request must be terminated by a newline [\\n]");
       item.parsed = std::make_unique<Document>();
       item.parsed->Parse(p, n);
-      if (item.parsed->HasParseError() || !item.parsed->IsObject()) {
+      item.doc = item.parsed.get();
+      if (item.parsed->HasParseError() || !item.parsed->IsObject())
         item.parseError = "failed to parse";
-      } else if (item.action == "update") {
-        Document& d = *item.parsed;
-        item.upsert = d.HasMember("doc_as_upsert") && d["doc_as_upsert"].IsBool() && d["doc_as_upsert"].GetBool();
-        if (!d.HasMember("doc") || !d["doc"].IsObject()) {
-          item.parseError = "[update] requires [doc]";
-        } else {
-          std::string docText = toJson(d["doc"]);
-          auto parsedDoc = std::make_unique<Document>();
-          parsedDoc->Parse(docText.data(), docText.size());
-          item.parsed = std::move(parsedDoc);
-        }
-      } else {
-        item.source = p;
-        item.sourceLength = n;
-      }
+      else if (item.action == "update" && !(item.doc = updateDoc(*item.parsed, item.upsert)))
+        item.parseError = "[update] requires [doc]";
+      else
+        item.source = item.action == "update" ? toJson(*item.doc) : std::string(p, n);
     }
     if (item.index.empty())
       invalid.push_back("index is missing");
@@ -178,35 +173,24 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     for (size_t i = 0; i < items.size(); ++i) {
       Item& item = items[i];
       WriteResult& r = results[i];
-      if (st.faults.rejectItems > 0) {
-        --st.faults.rejectItems;
-        r.status = 429;
-        r.errorType = "es_rejected_execution_exception";
-        r.errorReason =
-            "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, replica_bytes=0, "
-            "all_bytes=0, coordinating_operation_bytes=1024, max_coordinating_and_primary_bytes=0]";
-        continue;
-      }
-      if (!item.parseError.empty()) {
-        r.status = 400;
-        r.errorType = "mapper_parsing_exception";
-        r.errorReason = item.parseError;
-        continue;
-      }
       int status = 400;
       std::string err;
-      Index* ix = st.writeIndex(item.index, status, err);
-      if (!ix) {
-        r.status = status;
-        r.errorType = status == 404 ? "index_not_found_exception" : "illegal_argument_exception";
-        r.errorReason = err;
+      Index* ix = nullptr;
+      if (st.faults.rejectItems > 0 && st.faults.rejectItems--)
+        r = WriteResult::error(429, "es_rejected_execution_exception",
+                               "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, "
+                               "replica_bytes=0, all_bytes=0, coordinating_operation_bytes=1024, "
+                               "max_coordinating_and_primary_bytes=0]");
+      else if (!item.parseError.empty())
+        r = WriteResult::error(400, "mapper_parsing_exception", item.parseError);
+      else if (!(ix = st.writeIndex(item.index, status, err)))
+        r = WriteResult::error(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
+      if (!ix)
         continue;
-      }
       item.index = ix->name;
       if (item.id.empty())
         item.id = randomId(20, ++st.counter).substr(0, 20);
-      const std::string source = item.source ? std::string(item.source, item.sourceLength) : std::string();
-      r = st.write(*ix, item.action, item.id, source, item.parsed.get(), item.opts, item.upsert);
+      r = st.write(*ix, item.action, item.id, item.source, item.doc, item.opts, item.upsert);
     }
   }
   const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
@@ -249,16 +233,11 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
   parsed.Parse(req.body.data(), req.body.size());
   if (parsed.HasParseError() || !parsed.IsObject())
     return st.fail(res, 400, "mapper_parsing_exception", "failed to parse");
-  const Value* source = &parsed;
   bool upsert = false;
-  std::string docText = req.body;
-  if (op == "update") {
-    if (!parsed.HasMember("doc") || !parsed["doc"].IsObject())
-      return st.invalid(res, {"script or doc is missing"});
-    source = &parsed["doc"];
-    upsert = parsed.HasMember("doc_as_upsert") && parsed["doc_as_upsert"].IsBool() && parsed["doc_as_upsert"].GetBool();
-    docText = toJson(*source);
-  }
+  const Value* source = op == "update" ? updateDoc(parsed, upsert) : &parsed;
+  if (!source)
+    return st.invalid(res, {"script or doc is missing"});
+  const std::string docText = op == "update" ? toJson(*source) : req.body;
   std::unique_lock<std::mutex> lock(st.mu);
   int status = 400;
   std::string err;
@@ -345,10 +324,9 @@ void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
       std::vector<Index*> found;
       std::string err;
       if (!st.resolve(index, found, err) || found.size() != 1) {
-        WriteResult missing; // as an item error, without root causes
-        missing.errorType = "index_not_found_exception";
-        missing.errorReason = "no such index [" + index + "]";
-        writeWriteResult(w, index, id, missing, false);
+        // as an item error, without root causes
+        writeWriteResult(w, index, id,
+                         WriteResult::error(404, "index_not_found_exception", "no such index [" + index + "]"), false);
       } else if (const Doc* d = st.current(*found[0], id)) {
         writeFoundDoc(w, found[0]->name, *d);
       } else {

@@ -72,6 +72,13 @@ struct WriteResult {
   std::string errorType, errorReason;
   int64_t version = 0, seqNo = 0;
   bool noop = false;
+  static WriteResult error(int status, std::string type, std::string reason) {
+    WriteResult r;
+    r.status = status;
+    r.errorType = std::move(type);
+    r.errorReason = std::move(reason);
+    return r;
+  }
 };
 
 std::string toJson(const Value& v);

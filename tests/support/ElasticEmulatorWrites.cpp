@@ -156,12 +156,7 @@ WriteResult ElasticEmulator::State::write(Index& ix, const std::string& op, cons
                                           const std::string& text, const Value* parsed, const WriteOptions& o,
                                           bool upsert) {
   WriteResult r;
-  auto fail = [&](int status, const char* type, const std::string& reason) {
-    r.status = status;
-    r.errorType = type;
-    r.errorReason = reason;
-    return r;
-  };
+  auto fail = WriteResult::error;
   auto conflict = [&](const std::string& what) {
     return fail(409, "version_conflict_engine_exception", "[" + id + "]: version conflict, " + what);
   };
