@@ -138,8 +138,7 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
   std::lock_guard<std::mutex> lock(st.mu);
   if (what == "faults" && (req.method == "PUT" || req.method == "POST")) {
     Document body;
-    body.Parse(req.body.data(), req.body.size());
-    if (body.HasParseError() || !body.IsObject())
+    if (!parseBody(req, body))
       return st.fail(res, 400, "parsing_exception", "faults must be an object");
     ElasticEmulator::Faults f = st.faults;
     auto integer = [&](const char* name, auto& field) {

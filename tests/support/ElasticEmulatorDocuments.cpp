@@ -230,8 +230,7 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
   if (!invalid.empty())
     return st.invalid(res, invalid);
   Document parsed;
-  parsed.Parse(req.body.data(), req.body.size());
-  if (parsed.HasParseError() || !parsed.IsObject())
+  if (!parseBody(req, parsed))
     return st.fail(res, 400, "mapper_parsing_exception", "failed to parse");
   bool upsert = false;
   const Value* source = op == "update" ? updateDoc(parsed, upsert) : &parsed;
@@ -287,8 +286,7 @@ void getDocument(State& st, const Req&, Res& res, const std::string& indexName, 
 
 void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
   Document body;
-  body.Parse(req.body.data(), req.body.size());
-  if (body.HasParseError() || !body.IsObject())
+  if (!parseBody(req, body))
     return st.fail(res, 400, "parsing_exception", "request body is required");
   std::vector<std::pair<std::string, std::string>> wanted;
   if (body.HasMember("ids") && body["ids"].IsArray()) {

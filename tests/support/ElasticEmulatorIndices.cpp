@@ -89,11 +89,7 @@ void writeIndexInfo(Writer& w, const Index& ix, bool aliases, bool mappings, boo
 
 void putIndex(State& st, const Req& req, Res& res, const std::string& name) {
   Document body;
-  if (!req.body.empty())
-    body.Parse(req.body.data(), req.body.size());
-  else
-    body.SetObject();
-  if (body.HasParseError() || !body.IsObject())
+  if (!parseBody(req, body, true))
     return st.fail(res, 400, "parsing_exception", "request body must be a JSON object");
   std::unique_lock<std::mutex> lock(st.mu);
   if (st.indices.count(name))
@@ -116,8 +112,7 @@ void putIndex(State& st, const Req& req, Res& res, const std::string& name) {
 
 void aliasActions(State& st, const Req& req, Res& res) {
   Document body;
-  body.Parse(req.body.data(), req.body.size());
-  if (body.HasParseError() || !body.IsObject() || !body.HasMember("actions") || !body["actions"].IsArray())
+  if (!parseBody(req, body) || !body.HasMember("actions") || !body["actions"].IsArray())
     return st.invalid(res, {"Must specify at least one alias action"});
   struct Action {
     std::string kind, index, alias;
@@ -231,8 +226,7 @@ void mapping(State& st, const Req& req, Res& res, const std::string& expr) {
     return;
   if (req.method == "PUT" || req.method == "POST") {
     Document body;
-    body.Parse(req.body.data(), req.body.size());
-    if (body.HasParseError() || !body.IsObject())
+    if (!parseBody(req, body))
       return st.fail(res, 400, "parsing_exception", "mappings must be an object");
     std::string err;
     for (Index* ix : found)

@@ -21,10 +21,7 @@ void deletePits(State& st, const Req& req, Res& res, bool all) {
   std::vector<std::string> ids;
   if (!all) {
     Document body;
-    body.Parse(req.body.data(), req.body.size());
-    const bool listed =
-        !body.HasParseError() && body.IsObject() && body.HasMember("pit_id") && body["pit_id"].IsArray();
-    if (!listed)
+    if (!parseBody(req, body) || !body.HasMember("pit_id") || !body["pit_id"].IsArray())
       return st.invalid(res, {"no pit ids specified"});
     for (const auto& v : body["pit_id"].GetArray())
       if (v.IsString())

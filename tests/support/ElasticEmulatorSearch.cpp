@@ -204,13 +204,8 @@ void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t
 
 void search(State& st, const Req& req, Res& res, const std::string& expr) {
   Document body;
-  if (!req.body.empty()) {
-    body.Parse(req.body.data(), req.body.size());
-    if (body.HasParseError() || !body.IsObject())
-      return st.fail(res, 400, "parsing_exception", "request body is not a JSON object");
-  } else {
-    body.SetObject();
-  }
+  if (!parseBody(req, body, true))
+    return st.fail(res, 400, "parsing_exception", "request body is not a JSON object");
   auto member = [&](const char* name) -> const Value* {
     auto m = body.FindMember(name);
     return m == body.MemberEnd() ? nullptr : &m->value;
@@ -317,12 +312,9 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
 
 void scrollNext(State& st, const Req& req, Res& res) {
   std::string id = req.has_param("scroll_id") ? req.get_param_value("scroll_id") : "";
-  if (!req.body.empty()) {
-    Document body;
-    body.Parse(req.body.data(), req.body.size());
-    if (body.IsObject() && body.HasMember("scroll_id") && body["scroll_id"].IsString())
-      id = body["scroll_id"].GetString();
-  }
+  Document body;
+  if (parseBody(req, body) && body.HasMember("scroll_id") && body["scroll_id"].IsString())
+    id = body["scroll_id"].GetString();
   std::unique_lock<std::mutex> lock(st.mu);
   ++st.stats.searchRequests;
   auto it = st.scrolls.find(id);
@@ -346,17 +338,14 @@ void clearScroll(State& st, const Req& req, Res& res, bool all) {
   if (req.has_param("scroll_id"))
     ids.push_back(req.get_param_value("scroll_id"));
   Document body;
-  if (!req.body.empty()) {
-    body.Parse(req.body.data(), req.body.size());
-    if (body.IsObject() && body.HasMember("scroll_id")) {
-      const Value& v = body["scroll_id"];
-      if (v.IsString())
-        ids.push_back(v.GetString());
-      else if (v.IsArray())
-        for (const auto& e : v.GetArray())
-          if (e.IsString())
-            ids.push_back(e.GetString());
-    }
+  if (parseBody(req, body) && body.HasMember("scroll_id")) {
+    const Value& v = body["scroll_id"];
+    if (v.IsString())
+      ids.push_back(v.GetString());
+    else if (v.IsArray())
+      for (const auto& e : v.GetArray())
+        if (e.IsString())
+          ids.push_back(e.GetString());
   }
   size_t freed = 0;
   {
@@ -373,8 +362,7 @@ void clearScroll(State& st, const Req& req, Res& res, bool all) {
 
 void closePit(State& st, const Req& req, Res& res) {
   Document body;
-  body.Parse(req.body.data(), req.body.size());
-  if (body.HasParseError() || !body.IsObject() || !body.HasMember("id") || !body["id"].IsString())
+  if (!parseBody(req, body) || !body.HasMember("id") || !body["id"].IsString())
     return st.invalid(res, {"[id] is missing"});
   size_t freed;
   {
@@ -386,9 +374,7 @@ void closePit(State& st, const Req& req, Res& res) {
 
 void count(State& st, const Req& req, Res& res, const std::string& expr) {
   Document body;
-  if (!req.body.empty())
-    body.Parse(req.body.data(), req.body.size());
-  const Value* query = body.IsObject() && body.HasMember("query") ? &body["query"] : nullptr;
+  const Value* query = parseBody(req, body) && body.HasMember("query") ? &body["query"] : nullptr;
   std::unique_lock<std::mutex> lock(st.mu);
   std::vector<Index*> found;
   if (!st.resolveOrReply(expr, found, res))

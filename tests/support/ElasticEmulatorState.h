@@ -84,6 +84,13 @@ struct WriteResult {
 std::string toJson(const Value& v);
 void writeString(Writer& w, const std::string& s);
 inline constexpr const char* kOneShard = R"("_shards":{"total":1,"successful":1,"skipped":0,"failed":0})";
+// Parses a request's body; true when it is a JSON object, or empty and `emptyIsObject` (then {}).
+inline bool parseBody(const Req& req, Document& body, bool emptyIsObject = false) {
+  if (req.body.empty() && emptyIsObject)
+    return body.SetObject(), true;
+  body.Parse(req.body.data(), req.body.size());
+  return !body.HasParseError() && body.IsObject();
+}
 // One member of the object being written.
 inline void put(Writer& w, const char* key, const std::string& s) {
   w.Key(key);
