@@ -178,13 +178,12 @@ TEST_F(BulkTest, BatchesLeaveByCountBytesAndInterval) {
   EXPECT_EQ(emulator.stats().bulkRequests, 1u);
 }
 
-BulkItem item(BulkOp op, const std::string& id, const std::string& json = "") {
-  BulkItem it;
-  it.op = op;
-  it.index = "o";
-  it.id = id;
-  it.json = json;
-  return it;
+using V = BulkVersionType;
+// An item of index "o" with the options given.
+BulkItem item(BulkOp op, const std::string& id, const std::string& json = "", int64_t version = -1,
+              V type = V::Internal, const std::string& routing = "", int64_t ifSeqNo = -1, int64_t ifPrimaryTerm = -1,
+              bool upsert = false) {
+  return {op, "o", id, routing, version, type, ifSeqNo, ifPrimaryTerm, json, upsert};
 }
 
 // Each op type and option reaches Elasticsearch in one request, applied in order, and each item's
@@ -196,28 +195,18 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
     const char* result; // or the error type
     int64_t version;
   };
-  auto with = [](BulkItem it, auto&& change) {
-    change(it);
-    return it;
-  };
   const Case cases[] = {
       {item(BulkOp::Index, "a", R"({"n":1})"), 201, "created", 1},
       {item(BulkOp::Create, "a", R"({"n":2})"), 409, "version_conflict_engine_exception", -1},
       {item(BulkOp::Update, "a", R"({"m":2})"), 200, "updated", 2},
       {item(BulkOp::Update, "a", R"({"m":2})"), 200, "noop", 2},
       {item(BulkOp::Update, "b", R"({"m":3})"), 404, "document_missing_exception", -1},
-      {with(item(BulkOp::Update, "b", R"({"m":3})"), [](auto& i) { i.docAsUpsert = true; }), 201, "created", 1},
-      {with(item(BulkOp::Index, "a", "{}"), [](auto& i) { i.ifSeqNo = 1, i.ifPrimaryTerm = 1; }), 200, "updated", 3},
-      {with(item(BulkOp::Index, "a", "{}"), [](auto& i) { i.ifSeqNo = 1, i.ifPrimaryTerm = 1; }), 409,
-       "version_conflict_engine_exception", -1},
-      {with(item(BulkOp::Index, "x", R"({"v":7})"),
-            [](auto& i) { i.version = 7, i.versionType = BulkVersionType::External, i.routing = "r1"; }),
-       201, "created", 7},
-      {with(item(BulkOp::Index, "x", "{}"), [](auto& i) { i.version = 7, i.versionType = BulkVersionType::External; }),
-       409, "version_conflict_engine_exception", -1},
-      {with(item(BulkOp::Index, "x", R"({"v":"gte"})"),
-            [](auto& i) { i.version = 7, i.versionType = BulkVersionType::ExternalGte, i.routing = "r2"; }),
-       200, "updated", 7},
+      {item(BulkOp::Update, "b", R"({"m":3})", -1, V::Internal, "", -1, -1, true), 201, "created", 1},
+      {item(BulkOp::Index, "a", "{}", -1, V::Internal, "", 1, 1), 200, "updated", 3},
+      {item(BulkOp::Index, "a", "{}", -1, V::Internal, "", 1, 1), 409, "version_conflict_engine_exception", -1},
+      {item(BulkOp::Index, "x", R"({"v":7})", 7, V::External, "r1"), 201, "created", 7},
+      {item(BulkOp::Index, "x", "{}", 7, V::External), 409, "version_conflict_engine_exception", -1},
+      {item(BulkOp::Index, "x", R"({"v":"gte"})", 7, V::ExternalGte, "r2"), 200, "updated", 7},
       {item(BulkOp::Delete, "b"), 200, "deleted", 2},
       {item(BulkOp::Delete, "never"), 404, "not_found", 1},
   };
@@ -254,22 +243,15 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
 
 // What Elasticsearch would refuse for the whole request is refused alone, before sending.
 TEST_F(BulkTest, ItemsElasticsearchRefusesNeverLeave) {
-  auto with = [](BulkItem it, auto&& change) {
-    change(it);
-    return it;
-  };
   const struct {
     BulkItem item;
     const char* why;
   } refused[] = {
-      {with(item(BulkOp::Create, "c", "{}"), [](auto& i) { i.version = 2, i.versionType = BulkVersionType::External; }),
-       "create operations only support internal versioning"},
-      {with(item(BulkOp::Update, "u", "{}"), [](auto& i) { i.version = 2, i.versionType = BulkVersionType::External; }),
-       "update requests do not support versioning"},
-      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.version = 2; }), "a version needs an external version"},
-      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.versionType = BulkVersionType::External; }),
-       "needs a version >= 0"},
-      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.ifSeqNo = 3; }), "go together"},
+      {item(BulkOp::Create, "c", "{}", 2, V::External), "create operations only support internal versioning"},
+      {item(BulkOp::Update, "u", "{}", 2, V::External), "update requests do not support versioning"},
+      {item(BulkOp::Index, "i", "{}", 2), "a version needs an external version"},
+      {item(BulkOp::Index, "i", "{}", -1, V::External), "needs a version >= 0"},
+      {item(BulkOp::Index, "i", "{}", -1, V::Internal, "", 3), "go together"},
       {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
       {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
       {item(BulkOp::Create, "c"), "one JSON object on one line"},
