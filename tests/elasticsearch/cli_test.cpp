@@ -1,4 +1,6 @@
 // httptools es search/get/bulk, run as a user runs them, against the emulator.
+#include <HttpTools/elasticsearch/ElasticSearch.h>
+
 #include "EsFixture.h"
 #include "support/NginxFixture.h"
 #include "support/Process.h"
@@ -152,6 +154,19 @@ TEST_F(EsCliTest, ClientCertificateForMutualTls) {
   }
   EXPECT_EQ(out, "indexed 1, failed 0, retried 0\n");
   EXPECT_EQ(emulator.stats().bulkRequests, 1u);
+  // The library puts the files on its connection for one request only: without a CA file, the next fails.
+  qz::elasticsearch::ElasticConnectionParameters params{qz::Url(index.substr(0, index.rfind('/')))};
+  params.caFile = nginx.certificatePath();
+  params.clientCertFile = nginx.clientCertPath();
+  params.clientKeyFile = nginx.clientKeyPath();
+  std::string error;
+  auto search = [&] {
+    return qz::elasticsearch::FetchSearchResults(
+        connection, params, "tls", "", [](qz::elasticsearch::SearchHit&) { return true; }, 10, &error, nullptr);
+  };
+  EXPECT_TRUE(search()) << error;
+  params.caFile.clear(); // the system's CAs do not know nginx's certificate
+  EXPECT_FALSE(search());
 }
 
 } // namespace
