@@ -16,6 +16,7 @@ using qz::elasticsearch::BulkItem;
 using qz::elasticsearch::BulkOp;
 using qz::elasticsearch::BulkOutcome;
 using qz::elasticsearch::BulkVersionType;
+using qz::elasticsearch::ElasticConnectionParameters;
 
 namespace {
 
@@ -36,6 +37,11 @@ protected:
   }
   static qz::qzVariantMapImpl doc(int n) {
     return {{"n", n}, {"name", "item \"" + std::to_string(n) + "\"\n"}, {"tags", qz::qzVariantListImpl{"a", n % 3}}};
+  }
+  static std::string counts(const qz::elasticsearch::BulkStats& s) {
+    return "indexed " + std::to_string(s.indexed) + ", deleted " + std::to_string(s.deleted) + ", failed " +
+           std::to_string(s.failed) + ", retried " + std::to_string(s.retried) + ", cancelled " +
+           std::to_string(s.cancelled);
   }
   // Waits up to 5 s for `done`.
   template <typename F> static bool eventually(F done) {
@@ -60,10 +66,7 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjson) {
   ASSERT_TRUE(indexer.remove("things", "never-there")); // a 404 delete is not a failure
   ASSERT_TRUE(indexer.flush(&error)) << error;
   EXPECT_EQ(emulator.docCount("things"), 1000u);
-  const auto stats = indexer.stats();
-  EXPECT_EQ(stats.indexed, 1050u);
-  EXPECT_EQ(stats.deleted, 51u);
-  EXPECT_EQ(stats.failed + stats.retried, 0u);
+  EXPECT_EQ(counts(indexer.stats()), "indexed 1050, deleted 51, failed 0, retried 0, cancelled 0");
   EXPECT_EQ(emulator.stats().bulkRequests, 11u + 1u);
   EXPECT_EQ(emulator.stats().lastBulkContentType, "application/x-ndjson");
   EXPECT_TRUE(failures.empty());
@@ -71,79 +74,76 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjson) {
   EXPECT_FALSE(indexer.remove("things", ""));
 }
 
-TEST_F(BulkTest, RejectedItemsAreRetriedWithoutDuplicates) {
-  auto f = emulator.faults();
-  f.rejectItems = 7; // spread over the first request and its retries
-  emulator.setFaults(f);
-  BulkIndexer indexer(pool, server, 2, 5);
-  indexer.setRetries(5, 1);
-  watch(indexer);
-  for (int i = 0; i < 20; ++i)
-    indexer.index("r", "id" + std::to_string(i), doc(i));
-  std::string error;
-  EXPECT_TRUE(indexer.flush(&error)) << error;
-  EXPECT_EQ(emulator.docCount("r"), 20u);
-  EXPECT_EQ(emulator.stats().bulkItems, 27u); // each rejected item went again, alone
-  const auto stats = indexer.stats();
-  EXPECT_EQ(stats.indexed, 20u);
-  EXPECT_EQ(stats.retried, 7u);
-  EXPECT_TRUE(failures.empty());
+// Refused items and refused requests are sent again until their retries run out; nothing is stored
+// twice. The last row has no server at all.
+TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
+  const struct {
+    const char* name;
+    int rejectItems, unavailable;
+    unsigned threads, batch, retries, docs;
+    const char* error; // the start of flush()'s, "" when it succeeds
+    const char* counts;
+    size_t stored, bulkItems;
+    int bulkRequests; // -1: as the threads' timing makes it
+  } rows[] = {
+      {"items rejected, spread over the first request and its retries", 7, 0, 2, 5, 5, 20, "",
+       "indexed 20, deleted 0, failed 0, retried 7, cancelled 0", 20, 27, -1},
+      {"one item rejected more often than it is retried", 3, 0, 1, 10, 2, 1,
+       "1 bulk item(s) failed; first: r/0: 429 es_rejected_execution_exception",
+       "indexed 0, deleted 0, failed 1, retried 2, cancelled 0", 0, 3, 3},
+      {"whole request answered 503 twice", 0, 2, 1, 1000, 3, 30, "",
+       "indexed 30, deleted 0, failed 0, retried 60, cancelled 0", 30, 30, 1},
+      {"no server", 0, 0, 1, 10, 1, 2, "2 bulk item(s) failed; first: r/0: no answer: ",
+       "indexed 0, deleted 0, failed 2, retried 2, cancelled 0", 0, 0, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    emulator.reset();
+    auto f = emulator.faults();
+    f.rejectItems = row.rejectItems;
+    f.unavailable = row.unavailable;
+    f.unavailablePath = "_bulk";
+    emulator.setFaults(f);
+    failures.clear();
+    const qz::Url nowhere("http://127.0.0.1:1"); // nothing listens there
+    BulkIndexer indexer(pool, row.bulkRequests ? server : ElasticConnectionParameters(nowhere), row.threads, row.batch);
+    indexer.setRetries(row.retries, 1);
+    watch(indexer);
+    for (unsigned i = 0; i < row.docs; ++i)
+      indexer.index("r", std::to_string(i), doc(i));
+    std::string error;
+    EXPECT_EQ(indexer.flush(&error), !*row.error);
+    EXPECT_TRUE(error.starts_with(row.error)) << error;
+    EXPECT_EQ(counts(indexer.stats()), row.counts);
+    EXPECT_EQ(failures.size(), indexer.stats().failed);
+    EXPECT_EQ(emulator.docCount("r"), row.stored);
+    if (row.bulkRequests >= 0) { // a 503 comes before the bulk handler
+      EXPECT_EQ(emulator.stats().bulkRequests, size_t(row.bulkRequests));
+    }
+    EXPECT_EQ(emulator.stats().bulkItems, row.bulkItems);
+  }
 }
 
-TEST_F(BulkTest, RetriesRunOutAndMapperErrorsAreReportedWithIds) {
+// Mapper errors are reported with their ids; the next clean batch flushes true again.
+TEST_F(BulkTest, MapperErrorsAreReportedWithIds) {
   ASSERT_EQ(call("PUT", "/typed", R"({"mappings":{"properties":{"n":{"type":"long"}}}})"), 200);
-  auto f = emulator.faults();
-  f.rejectItems = 3; // the first item is rejected three times: more than its two retries
-  emulator.setFaults(f);
   BulkIndexer indexer(pool, server, 1, 10);
-  indexer.setRetries(2, 1);
   watch(indexer);
-  indexer.indexJson("typed", "first", R"({"n":1})");
-  std::string error;
-  EXPECT_FALSE(indexer.flush(&error));
-  EXPECT_NE(error.find("1 bulk item(s) failed; first: typed/first: 429 es_rejected_execution_exception"),
-            std::string::npos)
-      << error;
   indexer.indexJson("typed", "bad-1", R"({"n":"not a number"})");
   indexer.indexJson("typed", "good", R"({"n":"42"})");
   indexer.indexJson("typed", "bad-2", R"({"n":[1,true]})");
+  std::string error;
   EXPECT_FALSE(indexer.flush(&error));
-  EXPECT_NE(error.find("2 bulk item(s) failed"), std::string::npos) << error;
-  std::map<std::string, Failure> byId;
-  for (const auto& fl : failures)
-    byId[fl.id] = fl;
-  ASSERT_EQ(byId.size(), 3u);
-  EXPECT_EQ(byId["first"].status, 429);
-  for (const char* id : {"bad-1", "bad-2"}) {
-    EXPECT_EQ(byId[id].index, "typed");
-    EXPECT_EQ(byId[id].status, 400);
-    EXPECT_NE(byId[id].reason.find("mapper_parsing_exception"), std::string::npos) << byId[id].reason;
+  EXPECT_TRUE(error.starts_with("2 bulk item(s) failed; first: typed/bad-1: 400 mapper_parsing_exception")) << error;
+  ASSERT_EQ(failures.size(), 2u);
+  for (const auto& [fl, id] : {std::pair{failures[0], "bad-1"}, {failures[1], "bad-2"}}) {
+    EXPECT_EQ(fl.index + "/" + fl.id + " " + std::to_string(fl.status), std::string("typed/") + id + " 400");
+    EXPECT_NE(fl.reason.find("mapper_parsing_exception"), std::string::npos) << fl.reason;
   }
   EXPECT_EQ(emulator.docCount("typed"), 1u);
-  const auto stats = indexer.stats();
-  EXPECT_EQ(stats.failed, 3u);
-  EXPECT_EQ(stats.retried, 2u);
-  EXPECT_EQ(stats.indexed, 1u);
-  // The failures were the previous flush's: a clean batch flushes true again.
   indexer.indexJson("typed", "later", R"({"n":2})");
   EXPECT_TRUE(indexer.flush(&error)) << error;
-}
-
-TEST_F(BulkTest, WholeRequestAnswered503IsSentAgain) {
-  auto f = emulator.faults();
-  f.unavailable = 2;
-  f.unavailablePath = "_bulk";
-  emulator.setFaults(f);
-  BulkIndexer indexer(pool, server, 1, 1000);
-  indexer.setRetries(3, 1);
-  watch(indexer);
-  for (int i = 0; i < 30; ++i)
-    indexer.index("u", std::to_string(i), doc(i));
-  std::string error;
-  EXPECT_TRUE(indexer.flush(&error)) << error;
-  EXPECT_EQ(emulator.docCount("u"), 30u);
-  EXPECT_EQ(indexer.stats().retried, 60u);
-  EXPECT_EQ(emulator.stats().bulkRequests, 1u); // the two refused requests never reached the bulk handler
+  EXPECT_EQ(counts(indexer.stats()), "indexed 2, deleted 0, failed 2, retried 0, cancelled 0");
 }
 
 TEST_F(BulkTest, BatchesLeaveByCountBytesAndInterval) {
@@ -178,27 +178,12 @@ TEST_F(BulkTest, BatchesLeaveByCountBytesAndInterval) {
   EXPECT_EQ(emulator.stats().bulkRequests, 1u);
 }
 
-TEST_F(BulkTest, UnreachableServerFailsEveryItemAfterRetries) {
-  emulator.stop();
-  BulkIndexer indexer(pool, server, 1, 10);
-  indexer.setRetries(1, 1);
-  watch(indexer);
-  indexer.index("x", "a", doc(1));
-  indexer.index("x", "b", doc(2));
-  std::string error;
-  EXPECT_FALSE(indexer.flush(&error));
-  ASSERT_EQ(failures.size(), 2u);
-  EXPECT_EQ(failures[0].status, 0);
-  EXPECT_NE(failures[0].reason.find("no answer"), std::string::npos) << failures[0].reason;
-}
-
-BulkItem item(BulkOp op, const std::string& id, const std::string& json = "") {
-  BulkItem it;
-  it.op = op;
-  it.index = "o";
-  it.id = id;
-  it.json = json;
-  return it;
+using V = BulkVersionType;
+// An item of index "o" with the options given.
+BulkItem item(BulkOp op, const std::string& id, const std::string& json = "", int64_t version = -1,
+              V type = V::Internal, const std::string& routing = "", int64_t ifSeqNo = -1, int64_t ifPrimaryTerm = -1,
+              bool upsert = false) {
+  return {op, "o", id, routing, version, type, ifSeqNo, ifPrimaryTerm, json, upsert};
 }
 
 // Each op type and option reaches Elasticsearch in one request, applied in order, and each item's
@@ -210,28 +195,18 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
     const char* result; // or the error type
     int64_t version;
   };
-  auto with = [](BulkItem it, auto&& change) {
-    change(it);
-    return it;
-  };
   const Case cases[] = {
       {item(BulkOp::Index, "a", R"({"n":1})"), 201, "created", 1},
       {item(BulkOp::Create, "a", R"({"n":2})"), 409, "version_conflict_engine_exception", -1},
       {item(BulkOp::Update, "a", R"({"m":2})"), 200, "updated", 2},
       {item(BulkOp::Update, "a", R"({"m":2})"), 200, "noop", 2},
       {item(BulkOp::Update, "b", R"({"m":3})"), 404, "document_missing_exception", -1},
-      {with(item(BulkOp::Update, "b", R"({"m":3})"), [](auto& i) { i.docAsUpsert = true; }), 201, "created", 1},
-      {with(item(BulkOp::Index, "a", "{}"), [](auto& i) { i.ifSeqNo = 1, i.ifPrimaryTerm = 1; }), 200, "updated", 3},
-      {with(item(BulkOp::Index, "a", "{}"), [](auto& i) { i.ifSeqNo = 1, i.ifPrimaryTerm = 1; }), 409,
-       "version_conflict_engine_exception", -1},
-      {with(item(BulkOp::Index, "x", R"({"v":7})"),
-            [](auto& i) { i.version = 7, i.versionType = BulkVersionType::External, i.routing = "r1"; }),
-       201, "created", 7},
-      {with(item(BulkOp::Index, "x", "{}"), [](auto& i) { i.version = 7, i.versionType = BulkVersionType::External; }),
-       409, "version_conflict_engine_exception", -1},
-      {with(item(BulkOp::Index, "x", R"({"v":"gte"})"),
-            [](auto& i) { i.version = 7, i.versionType = BulkVersionType::ExternalGte, i.routing = "r2"; }),
-       200, "updated", 7},
+      {item(BulkOp::Update, "b", R"({"m":3})", -1, V::Internal, "", -1, -1, true), 201, "created", 1},
+      {item(BulkOp::Index, "a", "{}", -1, V::Internal, "", 1, 1), 200, "updated", 3},
+      {item(BulkOp::Index, "a", "{}", -1, V::Internal, "", 1, 1), 409, "version_conflict_engine_exception", -1},
+      {item(BulkOp::Index, "x", R"({"v":7})", 7, V::External, "r1"), 201, "created", 7},
+      {item(BulkOp::Index, "x", "{}", 7, V::External), 409, "version_conflict_engine_exception", -1},
+      {item(BulkOp::Index, "x", R"({"v":"gte"})", 7, V::ExternalGte, "r2"), 200, "updated", 7},
       {item(BulkOp::Delete, "b"), 200, "deleted", 2},
       {item(BulkOp::Delete, "never"), 404, "not_found", 1},
   };
@@ -263,30 +238,20 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
   ASSERT_EQ(call("GET", "/o/_doc/x", "", &back), 200);
   EXPECT_NE(back.find(R"("_version":7,"_seq_no":)"), std::string::npos) << back;
   EXPECT_NE(back.find(R"("_routing":"r2","found":true,"_source":{"v":"gte"})"), std::string::npos) << back;
-  const auto stats = indexer.stats();
-  EXPECT_EQ(stats.indexed, 7u);
-  EXPECT_EQ(stats.deleted, 2u);
-  EXPECT_EQ(stats.failed, 4u);
+  EXPECT_EQ(counts(indexer.stats()), "indexed 7, deleted 2, failed 4, retried 0, cancelled 0");
 }
 
 // What Elasticsearch would refuse for the whole request is refused alone, before sending.
 TEST_F(BulkTest, ItemsElasticsearchRefusesNeverLeave) {
-  auto with = [](BulkItem it, auto&& change) {
-    change(it);
-    return it;
-  };
   const struct {
     BulkItem item;
     const char* why;
   } refused[] = {
-      {with(item(BulkOp::Create, "c", "{}"), [](auto& i) { i.version = 2, i.versionType = BulkVersionType::External; }),
-       "create operations only support internal versioning"},
-      {with(item(BulkOp::Update, "u", "{}"), [](auto& i) { i.version = 2, i.versionType = BulkVersionType::External; }),
-       "update requests do not support versioning"},
-      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.version = 2; }), "a version needs an external version"},
-      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.versionType = BulkVersionType::External; }),
-       "needs a version >= 0"},
-      {with(item(BulkOp::Index, "i", "{}"), [](auto& i) { i.ifSeqNo = 3; }), "go together"},
+      {item(BulkOp::Create, "c", "{}", 2, V::External), "create operations only support internal versioning"},
+      {item(BulkOp::Update, "u", "{}", 2, V::External), "update requests do not support versioning"},
+      {item(BulkOp::Index, "i", "{}", 2), "a version needs an external version"},
+      {item(BulkOp::Index, "i", "{}", -1, V::External), "needs a version >= 0"},
+      {item(BulkOp::Index, "i", "{}", -1, V::Internal, "", 3), "go together"},
       {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
       {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
       {item(BulkOp::Create, "c"), "one JSON object on one line"},

@@ -33,8 +33,8 @@ try:
 except helpers.ScanError as e:
     partial = str(e)
 print(json.dumps({
-    "ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "scanned": len(ids),
-    "distinct": len(set(ids)), "intact": intact, "found": [d["found"] for d in docs],
+    "ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "distinct": len(set(ids)),
+    "intact": intact and len(ids) == 2000, "found": [d["found"] for d in docs],
     "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"], "zipped": zipped,
     "zipped_count": es.count(index="gz")["count"], "partial": partial,
-}))
+}, separators=(",", ":")))

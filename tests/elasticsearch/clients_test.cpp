@@ -1,6 +1,6 @@
-// The emulator is checked by code we did not write: the official Python and JS clients run their
-// bulk helpers (with rejected items to retry) and their paging against it and read back what they
-// wrote.
+// The emulator is checked by code we did not write: the official Python and JS clients (the JS ones
+// of Elasticsearch and of OpenSearch) run their bulk helpers (with rejected items to retry) and their
+// paging against it and read back what they wrote.
 #include "EsFixture.h"
 #include "support/Process.h"
 #include "support/SourcePaths.h"
@@ -9,79 +9,95 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 
 namespace {
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-qz::qzVariantMapImpl lastJsonLine(const std::string& out) {
-  qz::qzVariantMapImpl map;
-  const size_t start = out.rfind("\n{", out.size() >= 2 ? out.size() - 2 : 0);
-  qz::json::Json2Variant::Convert(out.substr(start == std::string::npos ? 0 : start + 1), map);
-  return map;
-}
-
-using ClientsTest = EsFixture;
+class ClientsTest : public EsFixture {
+protected:
+  // Runs a client's check with 5 bulk items to reject; its last line of output.
+  std::string check(const std::vector<std::string>& argv) {
+    auto f = emulator.faults();
+    f.rejectItems = 5;
+    emulator.setFaults(f);
+    std::string out, err;
+    EXPECT_EQ(qztest::RunProgram(argv, "", out, err), 0) << "the client failed: " << err << out;
+    const size_t start = out.rfind('\n', out.size() >= 2 ? out.size() - 2 : 0);
+    return out.substr(start == std::string::npos ? 0 : start + 1);
+  }
+  std::string statsText() {
+    const auto s = emulator.stats();
+    return "items " + std::to_string(s.bulkItems) + ", pits " + std::to_string(s.pitsOpened) + ", scrolls " +
+           std::to_string(s.scrollsOpened) + ", open " + std::to_string(s.openPits + s.openScrolls);
+  }
+};
 
 TEST_F(ClientsTest, OfficialPythonClient) {
-  auto f = emulator.faults();
-  f.rejectItems = 5;
-  emulator.setFaults(f);
-  std::string out, err;
-  const std::string script = readFile(qztest::SourceDir() + "/tests/elasticsearch/clients_check.py");
-  ASSERT_FALSE(script.empty());
-  ASSERT_EQ(qztest::RunProgram({"/usr/bin/python3", "-c", script, emulator.baseUrl()}, "", out, err), 0)
-      << "the Python client (Debian python3-elasticsearch) failed: " << err << out;
-  auto got = lastJsonLine(out);
-  EXPECT_EQ(got["ok"].toInt64(), 2000) << out;
-  EXPECT_EQ(got["errors"].toInt64(), 0);
-  EXPECT_EQ(got["count"].toInt64(), 2000);
-  EXPECT_EQ(got["scanned"].toInt64(), 2000);
-  EXPECT_EQ(got["distinct"].toInt64(), 2000);
-  EXPECT_TRUE(got["intact"].toBool());
-  EXPECT_EQ(got["found"], qz::qzVariant(qz::qzVariantListImpl{true, true, false}));
-  EXPECT_EQ(got["meta"].toMap().at("owner").toString(), "py");
-  EXPECT_EQ(got["zipped"].toInt64(), 300);
-  EXPECT_EQ(got["zipped_count"].toInt64(), 300);
-  EXPECT_NE(got["partial"].toString().find("succeeded on 1"), std::string::npos) << got["partial"].toString();
-  const auto s = emulator.stats();
-  EXPECT_EQ(s.lastBulkContentEncoding, "gzip");
-  EXPECT_EQ(s.bulkItems, 2305u); // only the rejected items went twice
-  EXPECT_EQ(s.scrollsOpened, 2u);
-  EXPECT_EQ(s.openScrolls, 0u); // helpers.scan cleared its scroll
+  const std::string script = qztest::SourceDir() + "/tests/elasticsearch/clients_check.py";
+  EXPECT_EQ(check({"/usr/bin/python3", script, emulator.baseUrl()}),
+            R"({"ok":2000,"errors":0,"count":2000,"distinct":2000,"intact":true,"found":[true,true,false],)"
+            R"("meta":{"owner":"py"},"zipped":300,"zipped_count":300,)"
+            R"("partial":"Scroll request has only succeeded on 1 (+0 skipped) shards out of 2."})"
+            "\n")
+      << "the Python client is Debian's python3-elasticsearch";
+  EXPECT_EQ(emulator.stats().lastBulkContentEncoding, "gzip");
+  EXPECT_EQ(statsText(), "items 2305, pits 0, scrolls 2, open 0"); // only the rejected items went twice
 }
 
-TEST_F(ClientsTest, OfficialJsClient) {
+TEST_F(ClientsTest, OfficialJsClients) {
   const std::string dir = qztest::SourceDir() + "/tests/esclient";
-  struct stat st {};
-  ASSERT_EQ(stat((dir + "/node_modules/@elastic/elasticsearch").c_str(), &st), 0)
-      << "the JS client is not installed: run scripts/install-deps (npm ci in tests/esclient)";
-  auto f = emulator.faults();
-  f.rejectItems = 5;
-  emulator.setFaults(f);
-  std::string out, err;
-  ASSERT_EQ(qztest::RunProgram({"node", dir + "/check.js", emulator.baseUrl()}, "", out, err), 0)
-      << "the JS client failed: " << err << out;
-  auto got = lastJsonLine(out);
-  EXPECT_EQ(got["successful"].toInt64(), 1500) << out;
-  EXPECT_EQ(got["failed"].toInt64(), 0);
-  EXPECT_EQ(got["dropped"].toInt64(), 0);
-  EXPECT_EQ(got["ids"].toInt64(), 1500);
-  EXPECT_TRUE(got["ordered"].toBool());
-  EXPECT_EQ(got["count"].toInt64(), 1500);
-  EXPECT_EQ(got["meta"].toMap().at("owner").toString(), "js");
-  const auto s = emulator.stats();
-  EXPECT_EQ(s.bulkItems, 1505u);
-  EXPECT_EQ(s.pitsOpened, 1u);
-  EXPECT_EQ(s.openPits, 0u);
+  for (const auto& [product, module, version] :
+       {std::tuple{"elasticsearch", "@elastic/elasticsearch", "8.11.0"},
+        std::tuple{"opensearch", "@opensearch-project/opensearch", "2.11.0"}}) {
+    SCOPED_TRACE(product);
+    struct stat st {};
+    ASSERT_EQ(stat((dir + "/node_modules/" + module).c_str(), &st), 0)
+        << "the JS clients are not installed: run scripts/install-deps (npm ci in tests/esclient)";
+    emulator.setOpenSearch(*product == 'o' ? version : "");
+    emulator.reset();
+    EXPECT_EQ(check({"node", dir + "/check.js", emulator.baseUrl(), product}),
+              std::string(R"({"distribution":")") + product + R"(","number":")" + version +
+                  R"(","successful":1200,"failed":0,"dropped":0,"listed":1,"seen":1200,"ordered":true,)"
+                  R"("closed":true,"scrolled":1200,"count":1200,"owner":"js"})"
+                  "\n");
+    EXPECT_EQ(statsText(), "items 1205, pits 1, scrolls 1, open 0");
+  }
+}
+
+// What each version answers: the product header, the point in time routes of both products.
+TEST_F(ClientsTest, OpenSearchModeAnswersAsEachVersionDoes) {
+  const struct {
+    const char* version;           // "": Elasticsearch
+    int elasticPit, openSearchPit; // statuses of POST /i/_pit and POST /i/_search/point_in_time
+  } table[] = {{"", 200, 400}, {"1.3.14", 400, 400}, {"2.3.0", 400, 400}, {"2.4.0", 400, 200}, {"2.11.0", 400, 200}};
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.version);
+    emulator.setOpenSearch(row.version);
+    emulator.reset();
+    ASSERT_EQ(call("PUT", "/i"), 200);
+    httplib::Client client("127.0.0.1", emulator.port());
+    auto info = client.Get("/");
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->has_header("X-Elastic-Product"), !*row.version);
+    EXPECT_EQ(info->body.find("\"distribution\":\"opensearch\"") != std::string::npos, *row.version != '\0');
+    auto pit = client.Post("/i/_pit?keep_alive=1m", "", "application/json");
+    ASSERT_TRUE(pit);
+    EXPECT_EQ(pit->status, row.elasticPit) << pit->body;
+    auto osPit = client.Post("/i/_search/point_in_time?keep_alive=1m", "", "application/json");
+    ASSERT_TRUE(osPit);
+    EXPECT_EQ(osPit->status, row.openSearchPit) << osPit->body;
+    if (osPit->status == 200) {
+      qz::qzVariantMapImpl answer;
+      ASSERT_TRUE(qz::json::Json2Variant::Convert(osPit->body, answer));
+      const std::string id = answer["pit_id"].toString();
+      auto closed =
+          client.Delete("/_search/point_in_time", R"({"pit_id":[")" + id + R"(","unknown"]})", "application/json");
+      ASSERT_TRUE(closed);
+      EXPECT_EQ(closed->body,
+                R"({"pits":[{"successful":true,"pit_id":")" + id + R"("},{"successful":false,"pit_id":"unknown"}]})");
+      EXPECT_EQ(emulator.stats().openPits, 0u);
+    }
+  }
 }
 
 } // namespace

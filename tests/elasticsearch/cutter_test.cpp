@@ -9,31 +9,23 @@ using qz::elasticsearch::ResponseItemCutter;
 
 namespace {
 
-struct Cut {
-  std::vector<std::string> items;
-  std::string pit, scroll;
-  int errors = -1;
-  bool fed = true, complete = false;
-};
-
-Cut cutInChunks(const std::string& outer, const std::string& inner, const std::string& text,
-                const std::vector<size_t>& splits) {
-  Cut out;
+// What a cut gave: its items one per line, then the ids and the errors flag it read, and whether
+// every chunk was taken and the text ended where the answer does.
+std::string cutInChunks(const std::string& outer, const std::string& inner, const std::string& text,
+                        const std::vector<size_t>& splits) {
+  std::string out;
   ResponseItemCutter cutter(outer, inner, [&](const char* t, size_t n) {
-    out.items.emplace_back(t, n);
+    out.append(t, n) += "\n";
     return true;
   });
-  size_t at = 0;
-  for (size_t i = 0; i <= splits.size() && out.fed; ++i) {
+  bool fed = true;
+  for (size_t i = 0, at = 0; i <= splits.size() && fed; ++i) {
     const size_t end = i < splits.size() ? splits[i] : text.size();
-    out.fed = cutter.feed(text.data() + at, end - at);
+    fed = cutter.feed(text.data() + at, end - at);
     at = end;
   }
-  out.pit = cutter.pitId();
-  out.scroll = cutter.scrollId();
-  out.errors = cutter.errors();
-  out.complete = cutter.complete();
-  return out;
+  return out + "pit " + cutter.pitId() + ", scroll " + cutter.scrollId() + ", errors " +
+         std::to_string(cutter.errors()) + (fed ? "" : ", refused") + (cutter.complete() ? "" : ", incomplete");
 }
 
 // Hits whose strings hold the bytes the cutter reacts to, and decoys: members named "hits" at
@@ -53,97 +45,65 @@ std::string join(const std::vector<std::string>& items, const std::string& sep) 
 
 struct Case {
   const char* name;
-  std::string outer, inner, text;
-  std::vector<std::string> items;
-  std::string pit, scroll;
-  int errors;
+  std::string outer, inner, text, cut;
 };
 
 std::vector<Case> cases() {
+  const std::string hits = join(kHits, "\n");
   return {
       {"pit search", "hits", "hits",
        R"({"pit_id":"P+/=x\"","took":3,"timed_out":false,"_shards":{"total":1,"failures":[{"hits":"{"}]},)"
        R"("hits":{"total":{"value":3,"relation":"hits"},"max_score":null,"hits":[)" +
            join(kHits, ",") + R"(]},"aggregations":{"hits":{"hits":[{"decoy":1}]}}})",
-       kHits, R"(P+/=x")", "", -1},
+       hits + "\npit P+/=x\", scroll , errors -1"},
       {"pretty scroll", "hits", "hits",
        "{\n  \"_scroll_id\" : \"S1==\",\n  \"hits\" : {\n    \"hits\" : [\n      " + join(kHits, ",\n      ") +
            "\n    ]\n  }\n}\n",
-       kHits, "", "S1==", -1},
-      {"empty page", "hits", "hits", R"({"hits":{"total":{"value":0},"hits":[]}})", {}, "", "", -1},
-      {"mget docs",
-       "docs",
-       "",
+       hits + "\npit , scroll S1==, errors -1"},
+      {"empty page", "hits", "hits", R"({"hits":{"total":{"value":0},"hits":[]}})", "pit , scroll , errors -1"},
+      {"mget docs", "docs", "",
        R"({"docs":[{"_id":"a","found":false},{"_id":"b","found":true,"_source":{"docs":[{"z":"}"}]}}]})",
-       {R"({"_id":"a","found":false})", R"({"_id":"b","found":true,"_source":{"docs":[{"z":"}"}]}})"},
-       "",
-       "",
-       -1},
-      {"bulk items",
-       "items",
-       "",
+       R"({"_id":"a","found":false})"
+       "\n"
+       R"({"_id":"b","found":true,"_source":{"docs":[{"z":"}"}]}})"
+       "\npit , scroll , errors -1"},
+      {"bulk items", "items", "",
        R"({"took":5,"errors":true,"items":[{"index":{"_id":"1","status":201}},)"
        R"({"delete":{"_id":"2","status":429,"error":{"type":"x","reason":"[items] {"}}}]})",
-       {R"({"index":{"_id":"1","status":201}})",
-        R"({"delete":{"_id":"2","status":429,"error":{"type":"x","reason":"[items] {"}}})"},
-       "",
-       "",
-       1},
-      {"bulk without errors",
-       "items",
-       "",
-       R"({"errors" : false, "items":[{"index":{}}]})",
-       {R"({"index":{}})"},
-       "",
-       "",
-       0},
+       R"({"index":{"_id":"1","status":201}})"
+       "\n"
+       R"({"delete":{"_id":"2","status":429,"error":{"type":"x","reason":"[items] {"}}})"
+       "\npit , scroll , errors 1"},
+      {"bulk without errors", "items", "", R"({"errors" : false, "items":[{"index":{}}]})",
+       "{\"index\":{}}\npit , scroll , errors 0"},
   };
 }
 
 TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItems) {
   for (const Case& c : cases()) {
     SCOPED_TRACE(c.name);
-    const Cut whole = cutInChunks(c.outer, c.inner, c.text, {});
-    ASSERT_TRUE(whole.fed);
-    EXPECT_TRUE(whole.complete);
-    EXPECT_EQ(whole.items, c.items);
-    EXPECT_EQ(whole.pit, c.pit);
-    EXPECT_EQ(whole.scroll, c.scroll);
-    EXPECT_EQ(whole.errors, c.errors);
-    for (size_t split = 0; split <= c.text.size(); ++split) {
-      const Cut two = cutInChunks(c.outer, c.inner, c.text, {split});
-      ASSERT_TRUE(two.fed) << "split at " << split;
-      ASSERT_EQ(two.items, c.items) << "split at " << split;
-      ASSERT_EQ(two.pit, c.pit) << "split at " << split;
-      ASSERT_EQ(two.scroll, c.scroll) << "split at " << split;
-      ASSERT_EQ(two.errors, c.errors) << "split at " << split;
-    }
+    EXPECT_EQ(cutInChunks(c.outer, c.inner, c.text, {}), c.cut);
+    for (size_t split = 0; split <= c.text.size(); ++split)
+      ASSERT_EQ(cutInChunks(c.outer, c.inner, c.text, {split}), c.cut) << "split at " << split;
     std::vector<size_t> everyByte;
     for (size_t i = 1; i < c.text.size(); ++i)
       everyByte.push_back(i);
-    const Cut bytes = cutInChunks(c.outer, c.inner, c.text, everyByte);
-    EXPECT_EQ(bytes.items, c.items);
-    EXPECT_TRUE(bytes.complete);
+    EXPECT_EQ(cutInChunks(c.outer, c.inner, c.text, everyByte), c.cut);
   }
 }
 
 TEST(ResponseItemCutter, MalformedNestingIsRefusedOrIncomplete) {
-  const struct {
-    const char* text;
-    bool fed, complete;
-  } table[] = {
-      {R"({"hits":{"hits":[{"a":1}]}}})", false, false}, // one brace too many
-      {R"({"hits":{"hits":[{"a":1}]]})", false, false},  // bracket closes an object
-      {R"({"hits":{"hits":[{"a":1})", true, false},      // cut short
-      {R"({"hits":{"hits":[{"a":"1}]}})", true, false},  // string never closed
-      {R"({"a":1}{"b":2})", false, false},               // two values
-      {"", true, false},
+  const std::pair<const char*, const char*> table[] = {
+      {R"({"hits":{"hits":[{"a":1}]}}})", ", refused, incomplete"}, // one brace too many
+      {R"({"hits":{"hits":[{"a":1}]]})", ", refused, incomplete"},  // bracket closes an object
+      {R"({"hits":{"hits":[{"a":1})", ", incomplete"},              // cut short
+      {R"({"hits":{"hits":[{"a":"1}]}})", ", incomplete"},          // string never closed
+      {R"({"a":1}{"b":2})", ", refused, incomplete"},               // two values
+      {"", ", incomplete"},
   };
-  for (const auto& row : table) {
-    SCOPED_TRACE(row.text);
-    const Cut cut = cutInChunks("hits", "hits", row.text, {});
-    EXPECT_EQ(cut.fed, row.fed);
-    EXPECT_EQ(cut.complete, row.complete);
+  for (const auto& [text, ending] : table) {
+    const std::string cut = cutInChunks("hits", "hits", text, {});
+    EXPECT_EQ(cut.substr(cut.find("errors -1") + 9), ending) << text;
   }
 }
 

@@ -152,8 +152,9 @@ TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
   f.stallSearchMs = 20000;
   emulator.setFaults(f);
   bool cancel = false;
-  std::thread canceller([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  std::thread canceller([&] { // once the stalled page is on its way
+    for (int i = 0; i < 1000 && emulator.stats().searchRequests == 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::atomic_ref<bool>(cancel).store(true);
   });
   const auto start = std::chrono::steady_clock::now();

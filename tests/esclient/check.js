@@ -1,46 +1,57 @@
-// The official JS client against the emulator: helpers.bulk (with retries of rejected items),
-// then every document read back through a point in time with search_after.
-// Usage: node check.js URL ; prints one JSON line of what it saw.
+// An official JS client against the emulator: cluster info, helpers.bulk (with retries of rejected
+// items), every document read back through a point in time with search_after, then a scroll.
+// Usage: node check.js URL elasticsearch|opensearch ; prints one JSON line of what it saw.
 'use strict'
-const { Client } = require('@elastic/elasticsearch')
+const os = process.argv[3] === 'opensearch'
+const { Client } = require(os ? '@opensearch-project/opensearch' : '@elastic/elasticsearch')
 
 async function main () {
   const client = new Client({ node: process.argv[2] })
-  await client.indices.create({ index: 'js', mappings: { _meta: { owner: 'js' }, properties: { n: { type: 'long' } } } })
-  const docs = Array.from({ length: 1500 }, (_, i) => ({ id: 'j' + i, n: i, text: 'doc "' + i + '" {]' }))
-  const dropped = []
+  const call = async (request) => { const r = await request; return os ? r.body : r } // OpenSearch wraps answers
+  const info = await call(client.info())
+  await client.indices.create({ index: 'c', body: { mappings: { _meta: { owner: 'js' }, properties: { n: { type: 'long' } } } } })
+  const docs = Array.from({ length: 1200 }, (_, i) => ({ id: 'c' + i, n: i, text: 'doc "' + i + '" {]' }))
+  let dropped = 0
   const result = await client.helpers.bulk({
     datasource: docs,
-    onDocument (doc) { return { index: { _index: 'js', _id: doc.id } } },
+    onDocument (doc) { return { index: { _index: 'c', _id: doc.id } } },
     flushBytes: 20000,
     retries: 5,
     wait: 10,
-    onDrop (d) { dropped.push(d) }
+    onDrop () { dropped++ }
   })
-  await client.indices.refresh({ index: 'js' })
-  const pit = await client.openPointInTime({ index: 'js', keep_alive: '1m' })
-  const ids = new Set()
+  await client.indices.refresh({ index: 'c' })
+  const pit = os ? (await call(client.createPit({ index: 'c', keep_alive: '1m' }))).pit_id
+    : (await client.openPointInTime({ index: 'c', keep_alive: '1m' })).id
+  const listed = os ? (await call(client.getAllPits())).pits.length : 1
   let after
-  let pages = 0
   let ordered = true
-  let last = -1
+  let seen = 0
   for (;;) {
-    const page = await client.search({ pit: { id: pit.id, keep_alive: '1m' }, size: 400, sort: [{ n: 'asc' }], search_after: after })
-    if (page.hits.hits.length === 0) break
-    for (const hit of page.hits.hits) {
-      ids.add(hit._id)
-      ordered = ordered && hit._source.n === last + 1 && hit._id === 'j' + hit._source.n
-      last = hit._source.n
+    const body = { pit: { id: pit, keep_alive: '1m' }, size: 500, sort: [{ n: 'asc' }] }
+    if (after) body.search_after = after
+    const hits = (await call(client.search({ body }))).hits.hits
+    if (hits.length === 0) break
+    for (const hit of hits) {
+      ordered = ordered && hit._source.n === seen && hit._id === 'c' + seen && hit._source.text === docs[seen].text
+      seen++
     }
-    after = page.hits.hits[page.hits.hits.length - 1].sort
-    pages++
+    after = hits[hits.length - 1].sort
   }
-  await client.closePointInTime({ id: pit.id })
-  const count = (await client.count({ index: 'js' })).count
-  const mapping = await client.indices.getMapping({ index: 'js' })
+  const closed = os ? (await call(client.deletePit({ body: { pit_id: [pit] } }))).pits[0].successful
+    : (await client.closePointInTime({ id: pit })).succeeded
+  let scrolled = 0
+  let page = await call(client.search({ index: 'c', scroll: '1m', body: { size: 500, sort: ['_doc'] } }))
+  while (page.hits.hits.length) {
+    scrolled += page.hits.hits.length
+    page = await call(client.scroll({ body: { scroll: '1m', scroll_id: page._scroll_id } }))
+  }
+  await client.clearScroll({ body: { scroll_id: page._scroll_id } })
+  const count = (await call(client.count({ index: 'c' }))).count
+  const owner = (await call(client.indices.getMapping({ index: 'c' }))).c.mappings._meta.owner
   console.log(JSON.stringify({
-    successful: result.successful, failed: result.failed, dropped: dropped.length, ids: ids.size, pages, ordered, count,
-    meta: mapping.js.mappings._meta
+    distribution: info.version.distribution || 'elasticsearch', number: info.version.number,
+    successful: result.successful, failed: result.failed, dropped, listed, seen, ordered, closed, scrolled, count, owner
   }))
 }
 

@@ -121,38 +121,33 @@ TEST(CreateHashedJwt, ExpiryWithin24HoursOfIssue) {
   }
 }
 
-TEST(CreateHashedJwt, RefusesNonHmacAlgorithmsAndAnEmptySecret) {
-  const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)";
-  const std::pair<int, std::string> rows[] = {
-      {RS256, "RS256" + notHmac},     {ES256, "ES256" + notHmac}, {HS256 | HS384, "alg 48" + notHmac},
-      {0, "alg 0" + notHmac},         {8, "alg 8" + notHmac},     {HS256 | RS256, "alg 144" + notHmac},
-      {HS256, "the secret is empty"}, // HS256 itself is refused for its empty secret
-  };
-  for (const auto& [alg, why] : rows) {
-    qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}};
-    std::string token, error;
-    EXPECT_FALSE(CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0, &error)) << alg;
-    EXPECT_TRUE(token.empty());
-    EXPECT_EQ(error, why);
-  }
-}
-
-TEST(CreateSignedJwt, KidAndKeyFamilyChecks) {
+// The signed header and signature layout; then both writers against algorithms and keys that do not
+// fit: nothing written, and why.
+TEST(Writers, SignedLayoutAndAlgorithmsAndKeysThatDoNotFit) {
   auto rsa = qzOpenSSL::RSAKey::Generate(2048);
   auto ec = qzOpenSSL::EllipticCurveKey::Generate(qzOpenSSL::EC_P256);
   auto ecPub = AsymmetricKey::FromPem(ec->toPublicPem());
   rsa->setKeyId("rsa-1");
-  const qzVariantMapImpl base{{"exp", kNow + 10}, {"iat", kNow}, {"iss", "me"}};
-  qzVariantMapImpl claims = base;
-  std::string token;
-  ASSERT_TRUE(CreateSignedJwt(claims, *rsa, RS384, token, HC_Iss | HC_Aud)); // no "aud" to copy
-  EXPECT_EQ(segment(token, 0), (qzVariantMapImpl{{"alg", "RS384"}, {"iss", "me"}, {"kid", "rsa-1"}, {"typ", "JWT"}}));
-  ASSERT_TRUE(CreateSignedJwt(claims, *ec, ES256, token, 0));
-  EXPECT_EQ(segment(token, 0).count("kid"), 0u);
-  EXPECT_EQ(unb64(token.substr(token.rfind('.') + 1)).size(), 64u); // R||S, not DER
+  qzVariantMapImpl signedClaims{{"exp", kNow + 10}, {"iat", kNow}, {"iss", "me"}};
+  std::string signedToken;
+  ASSERT_TRUE(CreateSignedJwt(signedClaims, *rsa, RS384, signedToken, HC_Iss | HC_Aud)); // no "aud" to copy
+  EXPECT_EQ(segment(signedToken, 0),
+            (qzVariantMapImpl{{"alg", "RS384"}, {"iss", "me"}, {"kid", "rsa-1"}, {"typ", "JWT"}}));
+  ASSERT_TRUE(CreateSignedJwt(signedClaims, *ec, ES256, signedToken, 0));
+  EXPECT_EQ(segment(signedToken, 0).count("kid"), 0u);
+  EXPECT_EQ(unb64(signedToken.substr(signedToken.rfind('.') + 1)).size(), 64u); // R||S, not DER
 
-  const std::string notSigning = " is not a signature algorithm (RS256/384/512, ES256/384/512)";
-  const std::tuple<AsymmetricKey*, int, std::string> bad[] = {
+  AsymmetricKey* const secret = nullptr; // the HMAC writer, with the secret "k"
+  const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)",
+                    notSigning = " is not a signature algorithm (RS256/384/512, ES256/384/512)";
+  const std::tuple<AsymmetricKey*, int, std::string> rows[] = {
+      {secret, RS256, "RS256" + notHmac},
+      {secret, ES256, "ES256" + notHmac},
+      {secret, HS256 | HS384, "alg 48" + notHmac},
+      {secret, 0, "alg 0" + notHmac},
+      {secret, 8, "alg 8" + notHmac},
+      {secret, HS256 | RS256, "alg 144" + notHmac},
+      {secret, HS256, "the secret is empty"}, // HS256 alone comes with an empty secret
       {rsa.get(), HS256, "HS256" + notSigning},
       {rsa.get(), RS256 | RS384, "alg 384" + notSigning},
       {rsa.get(), 0, "alg 0" + notSigning},
@@ -163,11 +158,12 @@ TEST(CreateSignedJwt, KidAndKeyFamilyChecks) {
       {ec.get(), ES512, "ES512 needs an EC key on P-521"},
       {ecPub.get(), ES256, "the key cannot sign (a public key?)"},
   };
-  for (const auto& [key, alg, why] : bad) {
-    claims = base;
-    token.clear();
-    std::string error;
-    EXPECT_FALSE(CreateSignedJwt(claims, *key, Alg(alg), token, 0, &error)) << alg;
+  for (const auto& [key, alg, why] : rows) {
+    qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}};
+    std::string token, error;
+    EXPECT_FALSE(key ? CreateSignedJwt(claims, *key, Alg(alg), token, 0, &error)
+                     : CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0, &error))
+        << alg;
     EXPECT_TRUE(token.empty());
     EXPECT_EQ(error, why);
   }

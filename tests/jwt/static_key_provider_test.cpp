@@ -3,52 +3,28 @@
 #include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/qzJson.h>
 
-#include "support/Process.h"
+#include "JwtTestUtil.h"
 
 #include <gtest/gtest.h>
 
-using namespace qz;
-using namespace qz::jwt;
+using namespace jwttest;
 
 namespace {
 
-// Keys and tokens made by the peer: public PEMs and JWKs, one token per key, and an ES256 token
-// whose kid names no key.
-const char* kPeer = R"PY(
-import json, time, jwt
-from jwt.algorithms import RSAAlgorithm, ECAlgorithm
-from cryptography.hazmat.primitives import serialization
-from cryptography.hazmat.primitives.asymmetric import rsa, ec
-now = int(time.time())
-keys = {"rsa": rsa.generate_private_key(public_exponent=65537, key_size=2048),
-        "p256": ec.generate_private_key(ec.SECP256R1())}
-out = {"jwk": {}, "pem": {}, "tokens": {}}
-for kid, k in keys.items():
-    alg = RSAAlgorithm if kid == "rsa" else ECAlgorithm
-    out["jwk"][kid] = alg.to_jwk(k.public_key())
-    out["pem"][kid] = k.public_key().public_bytes(serialization.Encoding.PEM,
-        serialization.PublicFormat.SubjectPublicKeyInfo).decode()
-claims = {"sub": "peer", "iat": now, "nbf": now, "exp": now + 600}
-out["tokens"]["RS256"] = jwt.encode(claims, keys["rsa"], algorithm="RS256", headers={"kid": "rsa"})
-out["tokens"]["ES256"] = jwt.encode(claims, keys["p256"], algorithm="ES256", headers={"kid": "p256"})
-out["tokens"]["other"] = jwt.encode(claims, keys["p256"], algorithm="ES256", headers={"kid": "other"})
-print(json.dumps(out))
-)PY";
-
 class StaticKeys : public testing::Test {
 protected:
-  static void SetUpTestSuite() {
-    std::string out, err;
-    ASSERT_EQ(qztest::RunPython(kPeer, "", out, err), 0)
-        << "python3-jwt / python3-cryptography needed (scripts/install-deps): " << err;
-    ASSERT_TRUE(json::Json2Variant::Convert(out, sPeer)) << out;
+  // The peer's public key `kid` as a JWK or PEM text, or one of its tokens.
+  static std::string get(const char* group, const char* name) {
+    std::string text;
+    if (std::string(group) != "jwk")
+      return peer(group, name).toString();
+    EXPECT_TRUE(json::Json2Variant::Convert(peer(group, name).toMap(), text, false));
+    return text;
   }
-  static std::string get(const char* group, const char* name) { return sPeer.at(group).toMap().at(name).toString(); }
   static bool accepts(const Verifier& verifier, const std::string& token) {
     qzVariantMapImpl claims;
     return verifier.validateJwt(token, claims, nullptr) && claims["sub"].toString() == "peer";
   }
-  static inline qzVariantMapImpl sPeer;
 };
 
 TEST_F(StaticKeys, OnePublicKeyVerifiesInOneLine) {
@@ -91,8 +67,7 @@ TEST_F(StaticKeys, KeysByKidFromJwkAndPem) {
 }
 
 TEST_F(StaticKeys, UnusableTextsAreRefusedWithTheReason) {
-  qzVariantMapImpl rsaWithoutE;
-  ASSERT_TRUE(json::Json2Variant::Convert(get("jwk", "rsa"), rsaWithoutE));
+  qzVariantMapImpl rsaWithoutE = peer("jwk", "rsa").toMap();
   rsaWithoutE.erase("e");
   std::string noE;
   ASSERT_TRUE(json::Json2Variant::Convert(rsaWithoutE, noE, false));

@@ -18,35 +18,18 @@ std::string toJson(const Value& v) {
 
 void writeString(Writer& w, const std::string& s) { w.String(s.data(), SizeType(s.size())); }
 
-std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index) {
+std::string quote(const std::string& s) {
   StringBuffer sb;
   Writer w(sb);
-  // The error object repeats its own fields as its only root cause.
-  auto fields = [&] {
-    w.Key("type");
-    writeString(w, type);
-    w.Key("reason");
-    writeString(w, reason);
-    if (!index.empty()) {
-      w.Key("index");
-      writeString(w, index);
-    }
-  };
-  w.StartObject();
-  w.Key("error");
-  w.StartObject();
-  w.Key("root_cause");
-  w.StartArray();
-  w.StartObject();
-  fields();
-  w.EndObject();
-  w.EndArray();
-  fields();
-  w.EndObject();
-  w.Key("status");
-  w.Int(status);
-  w.EndObject();
+  writeString(w, s);
   return sb.GetString();
+}
+
+std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index) {
+  // The error object repeats its own fields as its only root cause.
+  const std::string fields =
+      "\"type\":" + quote(type) + ",\"reason\":" + quote(reason) + (index.empty() ? "" : ",\"index\":" + quote(index));
+  return "{\"error\":{\"root_cause\":[{" + fields + "}]," + fields + "},\"status\":" + std::to_string(status) + "}";
 }
 
 const Value* fieldOf(const Value& source, const std::string& path) {
@@ -97,19 +80,10 @@ int64_t numberParam(const Req& req, const char* name, int64_t fallback) {
 }
 
 void writeShards(Writer& w, int total, int successful, bool skipped) {
+  const std::string shards = "{\"total\":" + std::to_string(total) + ",\"successful\":" + std::to_string(successful) +
+                             (skipped ? ",\"skipped\":0" : "") + ",\"failed\":0}";
   w.Key("_shards");
-  w.StartObject();
-  w.Key("total");
-  w.Int(total);
-  w.Key("successful");
-  w.Int(successful);
-  if (skipped) {
-    w.Key("skipped");
-    w.Int(0);
-  }
-  w.Key("failed");
-  w.Int(0);
-  w.EndObject();
+  w.RawValue(shards.data(), shards.size(), rapidjson::kObjectType);
 }
 
 namespace {
@@ -133,31 +107,25 @@ int64_t cpuMicros() {
   return int64_t(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1000000 + ru.ru_utime.tv_usec + ru.ru_stime.tv_usec;
 }
 
-const char* const kClusterInfo =
-    "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":"
-    "\"q3cQ3CqUSSmtK3bEBjdTjg\",\"version\":{\"number\":\"8.11.0\",\"build_flavor\":\"default\","
-    "\"build_type\":\"tar\",\"build_hash\":\"d9ec3fa628c7b0ba3d25692e277ba26814820b20\","
-    "\"build_date\":\"2023-11-04T10:04:57.184859352Z\",\"build_snapshot\":false,"
-    "\"lucene_version\":\"9.8.0\",\"minimum_wire_compatibility_version\":\"7.17.0\","
-    "\"minimum_index_compatibility_version\":\"7.0.0\"},\"tagline\":\"You Know, for Search\"}";
-
 // GET /: Elasticsearch's, or in OpenSearch mode OpenSearch's with its distribution and version.
 std::string clusterInfo(State& st) {
-  std::string version;
+  std::string os;
   {
     std::lock_guard<std::mutex> lock(st.mu);
-    version = st.openSearchVersion;
+    os = st.openSearchVersion;
   }
-  if (version.empty())
-    return kClusterInfo;
-  return "{\"name\":\"emulator\",\"cluster_name\":\"httptools-emulator\",\"cluster_uuid\":"
-         "\"q3cQ3CqUSSmtK3bEBjdTjg\",\"version\":{\"distribution\":\"opensearch\",\"number\":\"" +
-         version +
-         "\",\"build_type\":\"tar\",\"build_hash\":\"6adc0bf476e1624190564d7fbe4aba00ccf49ad8\","
-         "\"build_date\":\"2023-10-13T02:55:55.511945994Z\",\"build_snapshot\":false,"
-         "\"lucene_version\":\"9.7.0\",\"minimum_wire_compatibility_version\":\"7.10.0\","
-         "\"minimum_index_compatibility_version\":\"7.0.0\"},"
-         "\"tagline\":\"The OpenSearch Project\"}";
+  const bool es = os.empty();
+  return std::string(
+             R"({"name":"emulator","cluster_name":"httptools-emulator","cluster_uuid":"q3cQ3CqUSSmtK3bEBjdTjg",)") +
+         (es ? R"("version":{"number":"8.11.0","build_flavor":"default","build_type":"tar",)"
+               R"("build_hash":"d9ec3fa628c7b0ba3d25692e277ba26814820b20","build_date":"2023-11-04T10:04:57.184859352Z",)"
+               R"("build_snapshot":false,"lucene_version":"9.8.0","minimum_wire_compatibility_version":"7.17.0",)"
+             : R"("version":{"distribution":"opensearch","number":")" + os +
+                   R"(","build_type":"tar","build_hash":"6adc0bf476e1624190564d7fbe4aba00ccf49ad8",)"
+                   R"("build_date":"2023-10-13T02:55:55.511945994Z","build_snapshot":false,"lucene_version":"9.7.0",)"
+                   R"("minimum_wire_compatibility_version":"7.10.0",)") +
+         R"("minimum_index_compatibility_version":"7.0.0"},"tagline":")" +
+         (es ? "You Know, for Search" : "The OpenSearch Project") + "\"}";
 }
 
 // PUT /_emulator/faults, GET /_emulator/stats, POST /_emulator/reset.
@@ -170,9 +138,8 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
   std::lock_guard<std::mutex> lock(st.mu);
   if (what == "faults" && (req.method == "PUT" || req.method == "POST")) {
     Document body;
-    body.Parse(req.body.data(), req.body.size());
-    if (body.HasParseError() || !body.IsObject())
-      return st.reply(res, 400, errorBody(400, "parsing_exception", "faults must be an object"));
+    if (!parseBody(req, body))
+      return st.fail(res, 400, "parsing_exception", "faults must be an object");
     ElasticEmulator::Faults f = st.faults;
     auto integer = [&](const char* name, auto& field) {
       if (body.HasMember(name) && body[name].IsInt64())
@@ -217,7 +184,7 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
     st.clear();
     return acknowledged("{\"acknowledged\":true}");
   }
-  st.reply(res, 404, errorBody(404, "resource_not_found_exception", "unknown emulator control [" + what + "]"));
+  st.fail(res, 404, "resource_not_found_exception", "unknown emulator control [" + what + "]");
 }
 
 // True (and answered) when an `unavailable` fault takes this request.
@@ -228,9 +195,8 @@ bool unavailable(State& st, const Req& req, Res& res) {
   if (f.unavailable <= 0 || (!f.unavailablePath.empty() && req.path.find(f.unavailablePath) == std::string::npos))
     return false;
   --f.unavailable;
-  st.reply(res, 503,
-           errorBody(503, "unavailable_shards_exception",
-                     "[emulated][0] primary shard is not active Timeout: [1m] (injected fault)"));
+  st.fail(res, 503, "unavailable_shards_exception",
+          "[emulated][0] primary shard is not active Timeout: [1m] (injected fault)");
   return true;
 }
 
@@ -257,9 +223,7 @@ bool unauthorised(State& st, const Req& req, Res& res) {
   if (carried)
     return false;
   res.set_header("WWW-Authenticate", "Basic realm=\"security\" charset=\"UTF-8\"");
-  st.reply(
-      res, 401,
-      errorBody(401, "security_exception", "missing authentication credentials for REST request [" + req.path + "]"));
+  st.fail(res, 401, "security_exception", "missing authentication credentials for REST request [" + req.path + "]");
   return true;
 }
 
@@ -274,13 +238,12 @@ void dispatch(State& st, const Req& req, Res& res) {
     return get ? st.reply(res, 200, clusterInfo(st)) : st.badMethod(req, res);
   if (s[0] == "_cluster")
     return st.reply(res, 200,
-                    "{\"cluster_name\":\"httptools-emulator\",\"status\":\"green\",\"timed_out\":false,"
-                    "\"number_of_nodes\":1,\"number_of_data_nodes\":1}");
+                    "{\"cluster_name\":\"httptools-emulator\",\"status\":\"green\",\"timed_out\":false,\"number_of_"
+                    "nodes\":1,\"number_of_data_nodes\":1}");
   if (serveOpenSearch(st, req, res, s) || serveDocuments(st, req, res, s) || serveSearch(st, req, res, s) ||
       serveIndices(st, req, res, s))
     return;
-  st.reply(res, 400,
-           errorBody(400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator"));
+  st.fail(res, 400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator");
 }
 
 } // namespace
@@ -290,9 +253,8 @@ void dispatch(State& st, const Req& req, Res& res) {
 using emu::Index;
 
 void ElasticEmulator::State::badMethod(const emu::Req& req, emu::Res& res) const {
-  reply(res, 405,
-        emu::errorBody(405, "method_not_allowed",
-                       "Incorrect HTTP method for uri [" + req.path + "] and method [" + req.method + "]"));
+  fail(res, 405, "method_not_allowed",
+       "Incorrect HTTP method for uri [" + req.path + "] and method [" + req.method + "]");
 }
 
 bool ElasticEmulator::State::resolve(const std::string& expr, std::vector<Index*>& out, std::string& err) {
@@ -363,8 +325,8 @@ Index* ElasticEmulator::State::writeIndex(const std::string& name, int& status, 
   if (count > 1) {
     status = 400;
     err = "no write index is defined for alias [" + name +
-          "]. The write index may be explicitly disabled using is_write_index=false or the alias points to "
-          "multiple indices without one being designated as a write index";
+          "]. The write index may be explicitly disabled using is_write_index=false or the alias points to multiple "
+          "indices without one being designated as a write index";
     return nullptr;
   }
   if (found)
@@ -396,13 +358,8 @@ ElasticEmulator::~ElasticEmulator() { stop(); }
 
 bool ElasticEmulator::start(int port) {
   m_state->stopping = false;
-  const int bound =
-      port ? (m_server.bind_to_port("127.0.0.1", port) ? port : -1) : m_server.bind_to_any_port("127.0.0.1");
-  if (bound <= 0) {
-    m_error = "cannot bind 127.0.0.1";
+  if (!listenBlocking(port, nullptr))
     return false;
-  }
-  m_port = bound;
   m_thread = std::thread([this] { m_server.listen_after_bind(); });
   for (int i = 0; i < 500 && !m_server.is_running(); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -417,6 +374,8 @@ bool ElasticEmulator::listenBlocking(int port, const std::function<void(int)>& o
     return false;
   }
   m_port = bound;
+  if (!onBound) // start(): served by a thread of its own
+    return true;
   onBound(bound);
   return m_server.listen_after_bind();
 }

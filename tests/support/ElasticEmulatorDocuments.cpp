@@ -14,31 +14,47 @@ const char* const kUpdateVersioning =
 
 bool knownVersionType(const std::string& t) { return t == "internal" || t == "external" || t == "external_gte"; }
 
-// The write options of a document request's parameters.
+// Reads one write option, from a query parameter or a _bulk metadata member; false for another name.
+bool setOption(WriteOptions& o, const std::string& name, const std::string& v) {
+  auto number = [&](int64_t& field) {
+    char* end = nullptr;
+    const long long n = std::strtoll(v.c_str(), &end, 10);
+    if (!v.empty() && !*end)
+      field = n;
+    return true;
+  };
+  if (name == "if_seq_no" || name == "if_primary_term" || name == "version")
+    return number(name == "version" ? o.version : name == "if_seq_no" ? o.ifSeqNo : o.ifPrimaryTerm);
+  if (name == "version_type")
+    o.versionType = v;
+  else if (name == "routing")
+    o.routing = v;
+  return name == "version_type" || name == "routing";
+}
+
+// The partial document and doc_as_upsert of an update's body; null without a "doc" object.
+const Value* updateDoc(const Value& body, bool& upsert) {
+  upsert = body.HasMember("doc_as_upsert") && body["doc_as_upsert"].IsBool() && body["doc_as_upsert"].GetBool();
+  return body.HasMember("doc") && body["doc"].IsObject() ? &body["doc"] : nullptr;
+}
+
 WriteOptions optionsOf(const Req& req) {
   WriteOptions o;
-  o.ifSeqNo = numberParam(req, "if_seq_no", kNoSeqNo);
-  o.ifPrimaryTerm = numberParam(req, "if_primary_term", kNoTerm);
-  o.version = numberParam(req, "version", kAnyVersion);
-  if (req.has_param("version_type"))
-    o.versionType = req.get_param_value("version_type");
-  o.routing = req.get_param_value("routing");
+  for (const auto& [name, value] : req.params)
+    setOption(o, name, value);
   return o;
 }
 
 void writeMissingDoc(Writer& w, const std::string& index, const std::string& id) {
-  w.Key("_index");
-  writeString(w, index);
-  w.Key("_id");
-  writeString(w, id);
-  w.Key("found");
-  w.Bool(false);
+  put(w, "_index", index);
+  put(w, "_id", id);
+  putBool(w, "found", false);
 }
 
 // A document write's answer: its result, or its error with the error's status.
 void answerWrite(State& st, Res& res, const std::string& index, const std::string& id, const WriteResult& r) {
   if (!r.errorType.empty())
-    return st.reply(res, r.status, errorBody(r.status, r.errorType, r.errorReason, index));
+    return st.fail(res, r.status, r.errorType, r.errorReason, index);
   StringBuffer sb;
   Writer w(sb);
   w.StartObject();
@@ -50,11 +66,10 @@ void answerWrite(State& st, Res& res, const std::string& index, const std::strin
 void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
   const auto t0 = std::chrono::steady_clock::now();
   struct Item {
-    std::string action, index, id;
+    std::string action, index, id, source;
     WriteOptions opts;
-    const char* source = nullptr;
-    size_t sourceLength = 0;
     std::unique_ptr<Document> parsed;
+    const Value* doc = nullptr; // the source, or an update's partial document
     bool upsert = false;
     std::string parseError;
   };
@@ -64,9 +79,8 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     std::lock_guard<std::mutex> lock(st.mu);
     if (st.faults.maxBulkBytes && text.size() > st.faults.maxBulkBytes) {
       ++st.stats.tooLargeBulks;
-      return st.reply(res, 413,
-                      errorBody(413, "request_entity_too_large",
-                                "bulk body of " + std::to_string(text.size()) + " bytes is over the limit"));
+      return st.fail(res, 413, "request_entity_too_large",
+                     "bulk body of " + std::to_string(text.size()) + " bytes is over the limit");
     }
   }
   size_t at = 0;
@@ -93,76 +107,47 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     action.Parse(p, n);
     if (action.HasParseError() || !action.IsObject() || action.MemberCount() != 1 ||
         !action.MemberBegin()->value.IsObject())
-      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", "Malformed action/metadata line"));
+      return st.fail(res, 400, "illegal_argument_exception", "Malformed action/metadata line");
     Item item;
     item.action = action.MemberBegin()->name.GetString();
     const Value& meta = action.MemberBegin()->value;
     if (item.action != "index" && item.action != "create" && item.action != "delete" && item.action != "update")
-      return st.reply(res, 400,
-                      errorBody(400, "illegal_argument_exception",
-                                "Malformed action/metadata line, expected one of [create, delete, index, update] but "
-                                "found [" +
-                                    item.action + "]"));
+      return st.fail(res, 400, "illegal_argument_exception",
+                     "Malformed action/metadata line, expected one of [create, delete, index, update] but found [" +
+                         item.action + "]");
     std::string badParameter;
     for (const auto& f : meta.GetObject()) {
-      const std::string k = f.name.GetString();
-      const Value& v = f.value;
-      if (k == "_index" && v.IsString())
-        item.index = v.GetString();
-      else if (k == "_id" && v.IsString())
-        item.id = v.GetString();
-      else if (k == "routing" && v.IsString())
-        item.opts.routing = v.GetString();
-      else if (k == "version" && v.IsInt64())
-        item.opts.version = v.GetInt64();
-      else if (k == "version_type" && v.IsString())
-        item.opts.versionType = v.GetString();
-      else if (k == "if_seq_no" && v.IsInt64())
-        item.opts.ifSeqNo = v.GetInt64();
-      else if (k == "if_primary_term" && v.IsInt64())
-        item.opts.ifPrimaryTerm = v.GetInt64();
-      else if (!kIgnoredMeta.count(k) && badParameter.empty())
+      const std::string k = f.name.GetString(), v = f.value.IsString() ? f.value.GetString() : toJson(f.value);
+      if (k == "_index" || k == "_id")
+        (k == "_id" ? item.id : item.index) = v;
+      else if (!setOption(item.opts, k, v) && !kIgnoredMeta.count(k) && badParameter.empty())
         badParameter = k;
     }
     if (!badParameter.empty())
-      return st.reply(res, 400,
-                      errorBody(400, "illegal_argument_exception",
-                                "Action/metadata line [" + std::to_string(line) + "] contains an unknown parameter [" +
-                                    badParameter + "]"));
+      return st.fail(res, 400, "illegal_argument_exception",
+                     "Action/metadata line [" + std::to_string(line) + "] contains an unknown parameter [" +
+                         badParameter + "]");
     if (!knownVersionType(item.opts.versionType))
-      return st.reply(
-          res, 400,
-          errorBody(400, "illegal_argument_exception", "No version type match [" + item.opts.versionType + "]"));
+      return st.fail(res, 400, "illegal_argument_exception", "No version type match [" + item.opts.versionType + "]");
     if (item.action == "update" && (item.opts.version != kAnyVersion || item.opts.versionType != "internal"))
-      return st.reply(res, 400, errorBody(400, "illegal_argument_exception", kUpdateVersioning));
+      return st.fail(res, 400, "illegal_argument_exception", kUpdateVersioning);
     if (item.index.empty())
       item.index = defaultIndex;
     for (auto& e : validateWrite(item.action, item.opts, !item.id.empty()))
       invalid.push_back(std::move(e));
     if (item.action != "delete") {
       if (!nextLine(p, n) || !++line)
-        return st.reply(
-            res, 400,
-            errorBody(400, "illegal_argument_exception", "The bulk request must be terminated by a newline [\\n]"));
+        return st.fail(res, 400, "illegal_argument_exception",
+                       "The bulk request must be terminated by a newline [\\n]");
       item.parsed = std::make_unique<Document>();
       item.parsed->Parse(p, n);
-      if (item.parsed->HasParseError() || !item.parsed->IsObject()) {
+      item.doc = item.parsed.get();
+      if (item.parsed->HasParseError() || !item.parsed->IsObject())
         item.parseError = "failed to parse";
-      } else if (item.action == "update") {
-        Document& d = *item.parsed;
-        item.upsert = d.HasMember("doc_as_upsert") && d["doc_as_upsert"].IsBool() && d["doc_as_upsert"].GetBool();
-        if (!d.HasMember("doc") || !d["doc"].IsObject()) {
-          item.parseError = "[update] requires [doc]";
-        } else {
-          std::string docText = toJson(d["doc"]);
-          auto parsedDoc = std::make_unique<Document>();
-          parsedDoc->Parse(docText.data(), docText.size());
-          item.parsed = std::move(parsedDoc);
-        }
-      } else {
-        item.source = p;
-        item.sourceLength = n;
-      }
+      else if (item.action == "update" && !(item.doc = updateDoc(*item.parsed, item.upsert)))
+        item.parseError = "[update] requires [doc]";
+      else
+        item.source = item.action == "update" ? toJson(*item.doc) : std::string(p, n);
     }
     if (item.index.empty())
       invalid.push_back("index is missing");
@@ -172,7 +157,7 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     invalid.insert(invalid.begin(), "no requests added");
   // Elasticsearch validates every item before running any: one invalid item refuses the request.
   if (!invalid.empty())
-    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
+    return st.invalid(res, invalid);
 
   StringBuffer sb;
   Writer w(sb);
@@ -188,45 +173,32 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     for (size_t i = 0; i < items.size(); ++i) {
       Item& item = items[i];
       WriteResult& r = results[i];
-      if (st.faults.rejectItems > 0) {
-        --st.faults.rejectItems;
-        r.status = 429;
-        r.errorType = "es_rejected_execution_exception";
-        r.errorReason = "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, "
-                        "replica_bytes=0, all_bytes=0, coordinating_operation_bytes=1024, "
-                        "max_coordinating_and_primary_bytes=0]";
-        continue;
-      }
-      if (!item.parseError.empty()) {
-        r.status = 400;
-        r.errorType = "mapper_parsing_exception";
-        r.errorReason = item.parseError;
-        continue;
-      }
       int status = 400;
       std::string err;
-      Index* ix = st.writeIndex(item.index, status, err);
-      if (!ix) {
-        r.status = status;
-        r.errorType = status == 404 ? "index_not_found_exception" : "illegal_argument_exception";
-        r.errorReason = err;
+      Index* ix = nullptr;
+      if (st.faults.rejectItems > 0 && st.faults.rejectItems--)
+        r = WriteResult::error(429, "es_rejected_execution_exception",
+                               "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, "
+                               "replica_bytes=0, all_bytes=0, coordinating_operation_bytes=1024, "
+                               "max_coordinating_and_primary_bytes=0]");
+      else if (!item.parseError.empty())
+        r = WriteResult::error(400, "mapper_parsing_exception", item.parseError);
+      else if (!(ix = st.writeIndex(item.index, status, err)))
+        r = WriteResult::error(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
+      if (!ix)
         continue;
-      }
       item.index = ix->name;
       if (item.id.empty())
         item.id = randomId(20, ++st.counter).substr(0, 20);
-      const std::string source = item.source ? std::string(item.source, item.sourceLength) : std::string();
-      r = st.write(*ix, item.action, item.id, source, item.parsed.get(), item.opts, item.upsert);
+      r = st.write(*ix, item.action, item.id, item.source, item.doc, item.opts, item.upsert);
     }
   }
   const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0);
   for (const auto& r : results)
     errors = errors || !r.errorType.empty();
   w.StartObject();
-  w.Key("took");
-  w.Int64(took.count());
-  w.Key("errors");
-  w.Bool(errors);
+  putInt(w, "took", took.count());
+  putBool(w, "errors", errors);
   w.Key("items");
   w.StartArray();
   for (size_t i = 0; i < items.size(); ++i) {
@@ -246,8 +218,7 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
                    const std::string& action) {
   const WriteOptions o = optionsOf(req);
   if (!knownVersionType(o.versionType))
-    return st.reply(res, 400,
-                    errorBody(400, "illegal_argument_exception", "No version type match [" + o.versionType + "]"));
+    return st.fail(res, 400, "illegal_argument_exception", "No version type match [" + o.versionType + "]");
   std::string op = action;
   if (op == "index" && req.get_param_value("op_type") == "create")
     op = "create";
@@ -257,31 +228,21 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
                                      "use `if_seq_no` and `if_primary_term` instead"}
           : validateWrite(op, o, !id.empty());
   if (!invalid.empty())
-    return st.reply(res, 400, errorBody(400, "action_request_validation_exception", validationReason(invalid)));
+    return st.invalid(res, invalid);
   Document parsed;
-  parsed.Parse(req.body.data(), req.body.size());
-  if (parsed.HasParseError() || !parsed.IsObject())
-    return st.reply(res, 400, errorBody(400, "mapper_parsing_exception", "failed to parse"));
-  const Value* source = &parsed;
+  if (!parseBody(req, parsed))
+    return st.fail(res, 400, "mapper_parsing_exception", "failed to parse");
   bool upsert = false;
-  std::string docText = req.body;
-  if (op == "update") {
-    if (!parsed.HasMember("doc") || !parsed["doc"].IsObject())
-      return st.reply(res, 400,
-                      errorBody(400, "action_request_validation_exception",
-                                "Validation Failed: 1: script or doc is "
-                                "missing;"));
-    source = &parsed["doc"];
-    upsert = parsed.HasMember("doc_as_upsert") && parsed["doc_as_upsert"].IsBool() && parsed["doc_as_upsert"].GetBool();
-    docText = toJson(*source);
-  }
+  const Value* source = op == "update" ? updateDoc(parsed, upsert) : &parsed;
+  if (!source)
+    return st.invalid(res, {"script or doc is missing"});
+  const std::string docText = op == "update" ? toJson(*source) : req.body;
   std::unique_lock<std::mutex> lock(st.mu);
   int status = 400;
   std::string err;
   Index* ix = st.writeIndex(indexName, status, err);
   if (!ix)
-    return st.reply(res, status,
-                    errorBody(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err));
+    return st.fail(res, status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
   if (id.empty())
     id = randomId(20, ++st.counter).substr(0, 20);
   const WriteResult r = st.write(*ix, op, id, docText, source, o, upsert);
@@ -325,32 +286,24 @@ void getDocument(State& st, const Req&, Res& res, const std::string& indexName, 
 
 void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) {
   Document body;
-  body.Parse(req.body.data(), req.body.size());
-  if (body.HasParseError() || !body.IsObject())
-    return st.reply(res, 400, errorBody(400, "parsing_exception", "request body is required"));
+  if (!parseBody(req, body))
+    return st.fail(res, 400, "parsing_exception", "request body is required");
   std::vector<std::pair<std::string, std::string>> wanted;
   if (body.HasMember("ids") && body["ids"].IsArray()) {
     if (defaultIndex.empty())
-      return st.reply(res, 400,
-                      errorBody(400, "action_request_validation_exception",
-                                "Validation Failed: 1: index is missing "
-                                "for doc 0;"));
+      return st.invalid(res, {"index is missing for doc 0"});
     for (const auto& v : body["ids"].GetArray())
       wanted.emplace_back(defaultIndex, v.IsString() ? v.GetString() : toJson(v));
   } else if (body.HasMember("docs") && body["docs"].IsArray()) {
     for (const auto& v : body["docs"].GetArray()) {
       if (!v.IsObject() || !v.HasMember("_id"))
-        return st.reply(res, 400,
-                        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: id is missing;"));
+        return st.invalid(res, {"id is missing"});
       const std::string index =
           v.HasMember("_index") && v["_index"].IsString() ? v["_index"].GetString() : defaultIndex;
       wanted.emplace_back(index, v["_id"].IsString() ? v["_id"].GetString() : toJson(v["_id"]));
     }
   } else {
-    return st.reply(res, 400,
-                    errorBody(400, "action_request_validation_exception",
-                              "Validation Failed: 1: no documents to "
-                              "get;"));
+    return st.invalid(res, {"no documents to get"});
   }
   StringBuffer sb;
   Writer w(sb);
@@ -369,10 +322,9 @@ void mget(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
       std::vector<Index*> found;
       std::string err;
       if (!st.resolve(index, found, err) || found.size() != 1) {
-        WriteResult missing; // as an item error, without root causes
-        missing.errorType = "index_not_found_exception";
-        missing.errorReason = "no such index [" + index + "]";
-        writeWriteResult(w, index, id, missing, false);
+        // as an item error, without root causes
+        writeWriteResult(w, index, id,
+                         WriteResult::error(404, "index_not_found_exception", "no such index [" + index + "]"), false);
       } else if (const Doc* d = st.current(*found[0], id)) {
         writeFoundDoc(w, found[0]->name, *d);
       } else {
@@ -421,8 +373,7 @@ bool serveDocuments(State& st, const Req& req, Res& res, const Path& s) {
     std::lock_guard<std::mutex> lock(st.mu);
     auto it = st.indices.find(first);
     const Doc* d = it == st.indices.end() ? nullptr : st.current(it->second, id);
-    d ? st.reply(res, 200, d->source)
-      : st.reply(res, 404, errorBody(404, "resource_not_found_exception", "Document not found"));
+    d ? st.reply(res, 200, d->source) : st.fail(res, 404, "resource_not_found_exception", "Document not found");
   } else {
     return false;
   }

@@ -79,44 +79,29 @@ void writeIndexInfo(Writer& w, const Index& ix, bool aliases, bool mappings, boo
     w.RawValue(ix.mappings.data(), ix.mappings.size(), rapidjson::kObjectType);
   }
   if (settings) {
+    const std::string text =
+        R"({"index":{"number_of_shards":"1","number_of_replicas":"1","provided_name":)" + quote(ix.name) + "}}";
     w.Key("settings");
-    w.StartObject();
-    w.Key("index");
-    w.StartObject();
-    w.Key("number_of_shards");
-    w.String("1");
-    w.Key("number_of_replicas");
-    w.String("1");
-    w.Key("provided_name");
-    writeString(w, ix.name);
-    w.EndObject();
-    w.EndObject();
+    w.RawValue(text.data(), text.size(), rapidjson::kObjectType);
   }
   w.EndObject();
 }
 
 void putIndex(State& st, const Req& req, Res& res, const std::string& name) {
   Document body;
-  if (!req.body.empty())
-    body.Parse(req.body.data(), req.body.size());
-  else
-    body.SetObject();
-  if (body.HasParseError() || !body.IsObject())
-    return st.reply(res, 400, errorBody(400, "parsing_exception", "request body must be a JSON object"));
+  if (!parseBody(req, body, true))
+    return st.fail(res, 400, "parsing_exception", "request body must be a JSON object");
   std::unique_lock<std::mutex> lock(st.mu);
   if (st.indices.count(name))
-    return st.reply(
-        res, 400,
-        errorBody(400, "resource_already_exists_exception", "index [" + name + "/emulated] already exists", name));
+    return st.fail(res, 400, "resource_already_exists_exception", "index [" + name + "/emulated] already exists", name);
   if (name.empty() || name[0] == '_' || name != lower(name))
-    return st.reply(
-        res, 400,
-        errorBody(400, "invalid_index_name_exception", "Invalid index name [" + name + "], must be lowercase", name));
+    return st.fail(res, 400, "invalid_index_name_exception", "Invalid index name [" + name + "], must be lowercase",
+                   name);
   Index& ix = st.createIndex(name);
   std::string err;
   if (body.HasMember("mappings") && !applyMappings(ix, body["mappings"], err)) {
     st.indices.erase(name);
-    return st.reply(res, 400, errorBody(400, "mapper_parsing_exception", err, name));
+    return st.fail(res, 400, "mapper_parsing_exception", err, name);
   }
   if (body.HasMember("aliases") && body["aliases"].IsObject())
     for (const auto& a : body["aliases"].GetObject())
@@ -127,11 +112,8 @@ void putIndex(State& st, const Req& req, Res& res, const std::string& name) {
 
 void aliasActions(State& st, const Req& req, Res& res) {
   Document body;
-  body.Parse(req.body.data(), req.body.size());
-  if (body.HasParseError() || !body.IsObject() || !body.HasMember("actions") || !body["actions"].IsArray())
-    return st.reply(res, 400,
-                    errorBody(400, "action_request_validation_exception",
-                              "Validation Failed: 1: Must specify at least one alias action;"));
+  if (!parseBody(req, body) || !body.HasMember("actions") || !body["actions"].IsArray())
+    return st.invalid(res, {"Must specify at least one alias action"});
   struct Action {
     std::string kind, index, alias;
   };
@@ -148,7 +130,7 @@ void aliasActions(State& st, const Req& req, Res& res) {
   };
   for (const auto& a : body["actions"].GetArray()) {
     if (!a.IsObject() || a.MemberCount() != 1 || !a.MemberBegin()->value.IsObject())
-      return st.reply(res, 400, errorBody(400, "parsing_exception", "malformed alias action"));
+      return st.fail(res, 400, "parsing_exception", "malformed alias action");
     const std::string kind = a.MemberBegin()->name.GetString();
     const Value& o = a.MemberBegin()->value;
     for (const auto& index : names(o, "index", "indices")) {
@@ -164,12 +146,11 @@ void aliasActions(State& st, const Req& req, Res& res) {
   // Checked first, applied after: the actions take effect together or not at all.
   for (const auto& a : actions) {
     if (!st.indices.count(a.index))
-      return st.reply(res, 404,
-                      errorBody(404, "index_not_found_exception", "no such index [" + a.index + "]", a.index));
+      return st.fail(res, 404, "index_not_found_exception", "no such index [" + a.index + "]", a.index);
     if (a.kind == "remove" && !st.indices[a.index].aliases.count(a.alias))
-      return st.reply(res, 404, errorBody(404, "aliases_not_found_exception", "aliases [" + a.alias + "] missing"));
+      return st.fail(res, 404, "aliases_not_found_exception", "aliases [" + a.alias + "] missing");
     if (a.kind != "add" && a.kind != "remove" && a.kind != "remove_index")
-      return st.reply(res, 400, errorBody(400, "parsing_exception", "unknown alias action " + a.kind));
+      return st.fail(res, 400, "parsing_exception", "unknown alias action " + a.kind);
   }
   for (const auto& a : actions) {
     if (a.kind == "add")
@@ -245,13 +226,12 @@ void mapping(State& st, const Req& req, Res& res, const std::string& expr) {
     return;
   if (req.method == "PUT" || req.method == "POST") {
     Document body;
-    body.Parse(req.body.data(), req.body.size());
-    if (body.HasParseError() || !body.IsObject())
-      return st.reply(res, 400, errorBody(400, "parsing_exception", "mappings must be an object"));
+    if (!parseBody(req, body))
+      return st.fail(res, 400, "parsing_exception", "mappings must be an object");
     std::string err;
     for (Index* ix : found)
       if (!applyMappings(*ix, body, err))
-        return st.reply(res, 400, errorBody(400, "illegal_argument_exception", err, ix->name));
+        return st.fail(res, 400, "illegal_argument_exception", err, ix->name);
     return st.reply(res, 200, "{\"acknowledged\":true}");
   }
   StringBuffer sb;
@@ -272,7 +252,7 @@ void putOrDeleteAlias(State& st, const Req& req, Res& res, const std::string& ex
   const bool remove = req.method == "DELETE";
   for (Index* ix : found) {
     if (remove && !ix->aliases.count(alias))
-      return st.reply(res, 404, errorBody(404, "aliases_not_found_exception", "aliases [" + alias + "] missing"));
+      return st.fail(res, 404, "aliases_not_found_exception", "aliases [" + alias + "] missing");
     if (remove)
       ix->aliases.erase(alias);
     else

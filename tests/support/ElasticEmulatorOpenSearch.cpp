@@ -16,41 +16,13 @@ std::pair<int, int> majorMinor(const std::string& version) {
   return {major, minor};
 }
 
-int64_t nowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-// POST /IDX/_search/point_in_time?keep_alive=
-void createPit(State& st, const Req& req, Res& res, const std::string& expr) {
-  if (!req.has_param("keep_alive"))
-    return st.reply(
-        res, 400,
-        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: keep alive not specified;"));
-  std::unique_lock<std::mutex> lock(st.mu);
-  std::vector<Index*> found;
-  if (!st.resolveOrReply(expr, found, res))
-    return;
-  const std::string id = addPit(st, found);
-  lock.unlock();
-  st.reply(res, 200,
-           "{\"pit_id\":\"" + id +
-               "\",\"_shards\":{\"total\":1,\"successful\":1,\"skipped\":0,\"failed\":0},\"creation_time\":" +
-               std::to_string(nowMs()) + "}");
-}
-
 // DELETE /_search/point_in_time with {"pit_id":[...]}, or DELETE /_search/point_in_time/_all.
 void deletePits(State& st, const Req& req, Res& res, bool all) {
   std::vector<std::string> ids;
   if (!all) {
     Document body;
-    body.Parse(req.body.data(), req.body.size());
-    const bool listed =
-        !body.HasParseError() && body.IsObject() && body.HasMember("pit_id") && body["pit_id"].IsArray();
-    if (!listed)
-      return st.reply(
-          res, 400,
-          errorBody(400, "action_request_validation_exception", "Validation Failed: 1: no pit ids specified;"));
+    if (!parseBody(req, body) || !body.HasMember("pit_id") || !body["pit_id"].IsArray())
+      return st.invalid(res, {"no pit ids specified"});
     for (const auto& v : body["pit_id"].GetArray())
       if (v.IsString())
         ids.emplace_back(v.GetString());
@@ -67,10 +39,8 @@ void deletePits(State& st, const Req& req, Res& res, bool all) {
         ids.push_back(id);
     for (const auto& id : ids) {
       w.StartObject();
-      w.Key("successful");
-      w.Bool(st.pits.erase(id) == 1);
-      w.Key("pit_id");
-      w.String(id.c_str());
+      putBool(w, "successful", st.pits.erase(id) == 1);
+      put(w, "pit_id", id.c_str());
       w.EndObject();
     }
   }
@@ -90,10 +60,8 @@ void listPits(State& st, Res& res) {
     std::lock_guard<std::mutex> lock(st.mu);
     for (const auto& [id, pit] : st.pits) {
       w.StartObject();
-      w.Key("pit_id");
-      w.String(id.c_str());
-      w.Key("keep_alive");
-      w.Int64(60000);
+      put(w, "pit_id", id.c_str());
+      putInt(w, "keep_alive", 60000);
       w.EndObject();
     }
   }
@@ -127,7 +95,7 @@ bool serveOpenSearch(State& st, const Req& req, Res& res, const Path& s) {
   }
   const bool all = s.size() == at + 3 && s[at + 2] == "_all";
   if (at == 1 && s.size() == 3 && req.method == "POST")
-    createPit(st, req, res, s[0]);
+    openPit(st, req, res, s[0]);
   else if (at == 0 && req.method == "DELETE" && (s.size() == 2 || all))
     deletePits(st, req, res, all);
   else if (at == 0 && req.method == "GET" && all)

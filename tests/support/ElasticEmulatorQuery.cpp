@@ -84,20 +84,14 @@ SortValue toSortValue(const Value* v) {
 }
 
 void writeSortValue(Writer& w, const SortValue& v) {
-  switch (v.kind) {
-  case SortValue::Null:
-    w.Null();
-    break;
-  case SortValue::Int:
+  if (v.kind == SortValue::Int)
     w.Int64(v.i);
-    break;
-  case SortValue::Dbl:
+  else if (v.kind == SortValue::Dbl)
     w.Double(v.d);
-    break;
-  case SortValue::Str:
+  else if (v.kind == SortValue::Str)
     writeString(w, v.s);
-    break;
-  }
+  else
+    w.Null();
 }
 
 std::vector<SortKey> parseSort(const Value* sort) {

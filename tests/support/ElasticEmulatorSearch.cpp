@@ -94,7 +94,7 @@ Docs liveDocs(const std::vector<Index*>& found) {
 // Turns a whole answer into one that timed out with one of two shards failed, as Elasticsearch
 // answers when a shard is lost during the search.
 void partial(std::string& body) {
-  static const std::string whole = R"("timed_out":false,"_shards":{"total":1,"successful":1,"skipped":0,"failed":0})";
+  static const std::string whole = std::string(R"("timed_out":false,)") + kOneShard;
   static const std::string broken =
       R"("timed_out":true,"_shards":{"total":2,"successful":1,"skipped":0,"failed":1,"failures":[{"shard":1,)"
       R"("index":"emulated","node":"emulator-2","reason":{"type":"node_disconnected_exception",)"
@@ -128,7 +128,7 @@ void answerSearch(State& st, Res& res, int status, std::string body) {
     }
   }
   if (fail)
-    return st.reply(res, 500, errorBody(500, "search_phase_execution_exception", "all shards failed (injected fault)"));
+    return st.fail(res, 500, "search_phase_execution_exception", "all shards failed (injected fault)");
   if (!cut && !stall)
     return st.reply(res, status, body);
   st.reply(res, status, "");
@@ -149,18 +149,15 @@ void answerSearch(State& st, Res& res, int status, std::string body) {
 
 void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t size, bool sorted,
                const Value* trackTotal, size_t total, const SourceFilter& filter) {
-  w.Key("timed_out");
-  w.Bool(false);
+  putBool(w, "timed_out", false);
   writeShards(w);
   w.Key("hits");
   w.StartObject();
   if (!(trackTotal && trackTotal->IsBool() && !trackTotal->GetBool())) {
     w.Key("total");
     w.StartObject();
-    w.Key("value");
-    w.Uint64(total);
-    w.Key("relation");
-    w.String("eq");
+    putInt(w, "value", total);
+    put(w, "relation", "eq");
     w.EndObject();
   }
   w.Key("max_score");
@@ -173,18 +170,15 @@ void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t
   for (size_t i = from; i < entries.size() && i < from + size; ++i) {
     const Entry& e = entries[i];
     w.StartObject();
-    w.Key("_index");
-    writeString(w, e.index);
-    w.Key("_id");
-    writeString(w, e.doc->id);
+    put(w, "_index", e.index);
+    put(w, "_id", e.doc->id);
     w.Key("_score");
     if (sorted)
       w.Null();
     else
       w.Double(1.0);
     if (!e.doc->routing.empty()) {
-      w.Key("_routing");
-      writeString(w, e.doc->routing);
+      put(w, "_routing", e.doc->routing);
     }
     if (!filter.active()) {
       w.Key("_source");
@@ -210,13 +204,8 @@ void writeHits(Writer& w, const std::vector<Entry>& entries, size_t from, size_t
 
 void search(State& st, const Req& req, Res& res, const std::string& expr) {
   Document body;
-  if (!req.body.empty()) {
-    body.Parse(req.body.data(), req.body.size());
-    if (body.HasParseError() || !body.IsObject())
-      return st.reply(res, 400, errorBody(400, "parsing_exception", "request body is not a JSON object"));
-  } else {
-    body.SetObject();
-  }
+  if (!parseBody(req, body, true))
+    return st.fail(res, 400, "parsing_exception", "request body is not a JSON object");
   auto member = [&](const char* name) -> const Value* {
     auto m = body.FindMember(name);
     return m == body.MemberEnd() ? nullptr : &m->value;
@@ -243,23 +232,16 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
   try {
     if (pitMember) {
       if (!expr.empty())
-        return st.reply(res, 400,
-                        errorBody(400, "action_request_validation_exception",
-                                  "Validation Failed: 1: [indices] cannot be used with point in time. Do not specify "
-                                  "any index with point in time.;"));
+        return st.invalid(
+            res, {"[indices] cannot be used with point in time. Do not specify any index with point in time."});
       if (scroll)
-        return st.reply(res, 400,
-                        errorBody(400, "action_request_validation_exception",
-                                  "Validation Failed: 1: using [point in time] is not allowed in a "
-                                  "scroll context;"));
+        return st.invalid(res, {"using [point in time] is not allowed in a scroll context"});
       pitId = pitMember->IsObject() && pitMember->HasMember("id") && (*pitMember)["id"].IsString()
                   ? (*pitMember)["id"].GetString()
                   : "";
       auto it = st.pits.find(pitId);
       if (it == st.pits.end())
-        return st.reply(
-            res, 404,
-            errorBody(404, "search_context_missing_exception", "No search context found for id [" + pitId + "]"));
+        return st.fail(res, 404, "search_context_missing_exception", "No search context found for id [" + pitId + "]");
       bool hasTiebreak = false;
       for (const auto& k : keys)
         hasTiebreak = hasTiebreak || k.field == "_shard_doc";
@@ -283,17 +265,16 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
       runQuery(own, liveDocs(found), query, keys);
     }
   } catch (const QueryError& e) {
-    return st.reply(res, 400, errorBody(400, "parsing_exception", e.reason));
+    return st.fail(res, 400, "parsing_exception", e.reason);
   }
   const std::vector<Entry>& entries = *view;
   const size_t total = entries.size();
   size_t start = size_t(std::max<int64_t>(0, from));
   if (after && after->IsArray()) {
     if (after->Size() != keys.size())
-      return st.reply(res, 400,
-                      errorBody(400, "illegal_argument_exception",
-                                "search_after has " + std::to_string(after->Size()) + " value(s) but sort has " +
-                                    std::to_string(keys.size()) + "."));
+      return st.fail(res, 400, "illegal_argument_exception",
+                     "search_after has " + std::to_string(after->Size()) + " value(s) but sort has " +
+                         std::to_string(keys.size()) + ".");
     Entry probe{{}, nullptr, 0, {}};
     for (const auto& v : after->GetArray())
       probe.sort.push_back(toSortValue(&v));
@@ -316,15 +297,12 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
     scrollId = randomId(96, ++st.counter);
     st.scrolls[scrollId] = sc;
     ++st.stats.scrollsOpened;
-    w.Key("_scroll_id");
-    writeString(w, scrollId);
+    put(w, "_scroll_id", scrollId);
   }
   if (!pitId.empty()) {
-    w.Key("pit_id");
-    writeString(w, pitId);
+    put(w, "pit_id", pitId);
   }
-  w.Key("took");
-  w.Int(1);
+  putInt(w, "took", 1);
   writeHits(w, entries, start, size_t(std::max<int64_t>(0, size)), sorted, member("track_total_hits"), total,
             SourceFilter(member("_source")));
   w.EndObject();
@@ -334,26 +312,20 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
 
 void scrollNext(State& st, const Req& req, Res& res) {
   std::string id = req.has_param("scroll_id") ? req.get_param_value("scroll_id") : "";
-  if (!req.body.empty()) {
-    Document body;
-    body.Parse(req.body.data(), req.body.size());
-    if (body.IsObject() && body.HasMember("scroll_id") && body["scroll_id"].IsString())
-      id = body["scroll_id"].GetString();
-  }
+  Document body;
+  if (parseBody(req, body) && body.HasMember("scroll_id") && body["scroll_id"].IsString())
+    id = body["scroll_id"].GetString();
   std::unique_lock<std::mutex> lock(st.mu);
   ++st.stats.searchRequests;
   auto it = st.scrolls.find(id);
   if (it == st.scrolls.end())
-    return st.reply(res, 404,
-                    errorBody(404, "search_context_missing_exception", "No search context found for id [" + id + "]"));
+    return st.fail(res, 404, "search_context_missing_exception", "No search context found for id [" + id + "]");
   Scroll& sc = *it->second;
   StringBuffer sb;
   Writer w(sb);
   w.StartObject();
-  w.Key("_scroll_id");
-  writeString(w, id);
-  w.Key("took");
-  w.Int(1);
+  put(w, "_scroll_id", id);
+  putInt(w, "took", 1);
   writeHits(w, sc.entries, sc.position, sc.size, !sc.keys.empty(), nullptr, sc.entries.size(), sc.source);
   w.EndObject();
   sc.position += sc.size;
@@ -366,17 +338,14 @@ void clearScroll(State& st, const Req& req, Res& res, bool all) {
   if (req.has_param("scroll_id"))
     ids.push_back(req.get_param_value("scroll_id"));
   Document body;
-  if (!req.body.empty()) {
-    body.Parse(req.body.data(), req.body.size());
-    if (body.IsObject() && body.HasMember("scroll_id")) {
-      const Value& v = body["scroll_id"];
-      if (v.IsString())
-        ids.push_back(v.GetString());
-      else if (v.IsArray())
-        for (const auto& e : v.GetArray())
-          if (e.IsString())
-            ids.push_back(e.GetString());
-    }
+  if (parseBody(req, body) && body.HasMember("scroll_id")) {
+    const Value& v = body["scroll_id"];
+    if (v.IsString())
+      ids.push_back(v.GetString());
+    else if (v.IsArray())
+      for (const auto& e : v.GetArray())
+        if (e.IsString())
+          ids.push_back(e.GetString());
   }
   size_t freed = 0;
   {
@@ -391,34 +360,10 @@ void clearScroll(State& st, const Req& req, Res& res, bool all) {
   st.reply(res, freed || all ? 200 : 404, "{\"succeeded\":true,\"num_freed\":" + std::to_string(freed) + "}");
 }
 
-void openPit(State& st, const Req& req, Res& res, const std::string& expr) {
-  if (!st.openSearchVersion.empty()) // OpenSearch has no such route: its own is _search/point_in_time
-    return st.reply(res, 400, noHandler(req));
-  std::unique_lock<std::mutex> lock(st.mu);
-  if (st.faults.noPit)
-    return st.reply(res, 400,
-                    errorBody(400, "illegal_argument_exception",
-                              "request [/" + expr +
-                                  "/_pit] contains unrecognized parameter: "
-                                  "[keep_alive]"));
-  if (!req.has_param("keep_alive"))
-    return st.reply(
-        res, 400,
-        errorBody(400, "action_request_validation_exception", "Validation Failed: 1: [keep_alive] is not specified;"));
-  std::vector<Index*> found;
-  if (!st.resolveOrReply(expr, found, res))
-    return;
-  const std::string id = addPit(st, found);
-  lock.unlock();
-  st.reply(res, 200, "{\"id\":\"" + id + "\",\"_shards\":{\"total\":1,\"successful\":1,\"skipped\":0,\"failed\":0}}");
-}
-
 void closePit(State& st, const Req& req, Res& res) {
   Document body;
-  body.Parse(req.body.data(), req.body.size());
-  if (body.HasParseError() || !body.IsObject() || !body.HasMember("id") || !body["id"].IsString())
-    return st.reply(res, 400,
-                    errorBody(400, "action_request_validation_exception", "Validation Failed: 1: [id] is missing;"));
+  if (!parseBody(req, body) || !body.HasMember("id") || !body["id"].IsString())
+    return st.invalid(res, {"[id] is missing"});
   size_t freed;
   {
     std::lock_guard<std::mutex> lock(st.mu);
@@ -429,9 +374,7 @@ void closePit(State& st, const Req& req, Res& res) {
 
 void count(State& st, const Req& req, Res& res, const std::string& expr) {
   Document body;
-  if (!req.body.empty())
-    body.Parse(req.body.data(), req.body.size());
-  const Value* query = body.IsObject() && body.HasMember("query") ? &body["query"] : nullptr;
+  const Value* query = parseBody(req, body) && body.HasMember("query") ? &body["query"] : nullptr;
   std::unique_lock<std::mutex> lock(st.mu);
   std::vector<Index*> found;
   if (!st.resolveOrReply(expr, found, res))
@@ -445,23 +388,37 @@ void count(State& st, const Req& req, Res& res, const std::string& expr) {
           n += !query || m.match(*query);
         }
   } catch (const QueryError& e) {
-    return st.reply(res, 400, errorBody(400, "parsing_exception", e.reason));
+    return st.fail(res, 400, "parsing_exception", e.reason);
   }
   lock.unlock();
-  st.reply(res, 200,
-           "{\"count\":" + std::to_string(n) +
-               ",\"_shards\":{\"total\":1,\"successful\":1,\"skipped\":0,\"failed\":0}}");
+  st.reply(res, 200, "{\"count\":" + std::to_string(n) + "," + kOneShard + "}");
 }
 
 } // namespace
 
-std::string addPit(State& st, const std::vector<Index*>& found) {
+void openPit(State& st, const Req& req, Res& res, const std::string& expr) {
+  std::unique_lock<std::mutex> lock(st.mu);
+  const bool os = !st.openSearchVersion.empty();
+  if (st.faults.noPit && !os)
+    return st.fail(res, 400, "illegal_argument_exception",
+                   "request [/" + expr + "/_pit] contains unrecognized parameter: [keep_alive]");
+  if (!req.has_param("keep_alive"))
+    return st.invalid(res, {os ? "keep alive not specified" : "[keep_alive] is not specified"});
+  std::vector<Index*> found;
+  if (!st.resolveOrReply(expr, found, res))
+    return;
   auto pit = std::make_shared<Pit>();
   pit->docs = liveDocs(found);
   const std::string id = randomId(160, ++st.counter);
   st.pits[id] = pit;
   ++st.stats.pitsOpened;
-  return id;
+  lock.unlock();
+  // OpenSearch names the id pit_id and adds the creation time.
+  const auto ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch());
+  st.reply(res, 200,
+           std::string(os ? "{\"pit_id\":\"" : "{\"id\":\"") + id + "\"," + kOneShard +
+               (os ? ",\"creation_time\":" + std::to_string(ms.count()) : "") + "}");
 }
 
 bool serveSearch(State& st, const Req& req, Res& res, const Path& s) {
@@ -485,7 +442,9 @@ bool serveSearch(State& st, const Req& req, Res& res, const Path& s) {
     if (expr.empty())
       m == "DELETE" ? closePit(st, req, res) : st.badMethod(req, res);
     else
-      m == "POST" ? openPit(st, req, res, expr) : st.badMethod(req, res);
+      m != "POST"                    ? st.badMethod(req, res)
+      : st.openSearchVersion.empty() ? openPit(st, req, res, expr)
+                                     : st.reply(res, 400, noHandler(req)); // OpenSearch has its own route
   } else if (op == "_count") {
     count(st, req, res, expr);
   } else {

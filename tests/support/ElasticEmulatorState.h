@@ -72,10 +72,39 @@ struct WriteResult {
   std::string errorType, errorReason;
   int64_t version = 0, seqNo = 0;
   bool noop = false;
+  static WriteResult error(int status, std::string type, std::string reason) {
+    WriteResult r;
+    r.status = status;
+    r.errorType = std::move(type);
+    r.errorReason = std::move(reason);
+    return r;
+  }
 };
 
 std::string toJson(const Value& v);
 void writeString(Writer& w, const std::string& s);
+inline constexpr const char* kOneShard = R"("_shards":{"total":1,"successful":1,"skipped":0,"failed":0})";
+// Parses a request's body; true when it is a JSON object, or empty and `emptyIsObject` (then {}).
+inline bool parseBody(const Req& req, Document& body, bool emptyIsObject = false) {
+  if (req.body.empty() && emptyIsObject)
+    return body.SetObject(), true;
+  body.Parse(req.body.data(), req.body.size());
+  return !body.HasParseError() && body.IsObject();
+}
+// One member of the object being written.
+inline void put(Writer& w, const char* key, const std::string& s) {
+  w.Key(key);
+  writeString(w, s);
+}
+inline void putInt(Writer& w, const char* key, int64_t n) {
+  w.Key(key);
+  w.Int64(n);
+}
+inline void putBool(Writer& w, const char* key, bool b) {
+  w.Key(key);
+  w.Bool(b);
+}
+std::string quote(const std::string& s); // as a JSON string
 std::string errorBody(int status, const std::string& type, const std::string& reason, const std::string& index = "");
 const Value* fieldOf(const Value& source, const std::string& path);
 std::string lower(std::string s);
@@ -129,6 +158,14 @@ struct ElasticEmulator::State {
       res.set_header("X-Elastic-Product", "Elasticsearch");
     res.set_content(body, "application/json; charset=UTF-8");
   }
+  // An error answer as Elasticsearch lays it out, its type repeated as the only root cause.
+  void fail(emu::Res& res, int status, const std::string& type, const std::string& reason,
+            const std::string& index = "") const {
+    reply(res, status, emu::errorBody(status, type, reason, index));
+  }
+  void invalid(emu::Res& res, const std::vector<std::string>& errors) const {
+    fail(res, 400, "action_request_validation_exception", emu::validationReason(errors));
+  }
   void badMethod(const emu::Req& req, emu::Res& res) const;
 
   // Indices named by an expression (comma list, aliases, `*` patterns, _all). False with a
@@ -159,8 +196,8 @@ bool serveSearch(State& st, const Req& req, Res& res, const Path& path);
 bool serveIndices(State& st, const Req& req, Res& res, const Path& path);
 // OpenSearch mode's point in time routes (ElasticEmulatorOpenSearch.cpp).
 bool serveOpenSearch(State& st, const Req& req, Res& res, const Path& path);
-// A new point in time over `found`, counted; its id. Holds `mu`.
-std::string addPit(State& st, const std::vector<Index*>& found);
+// POST /IDX/_pit, or in OpenSearch mode POST /IDX/_search/point_in_time.
+void openPit(State& st, const Req& req, Res& res, const std::string& expr);
 // OpenSearch's answer to a route it does not have.
 std::string noHandler(const Req& req);
 

@@ -107,58 +107,40 @@ std::string validationReason(const std::vector<std::string>& errors) {
 
 void writeWriteResult(Writer& w, const std::string& index, const std::string& id, const WriteResult& r,
                       bool withStatus) {
-  w.Key("_index");
-  writeString(w, index);
-  w.Key("_id");
-  writeString(w, id);
+  put(w, "_index", index);
+  put(w, "_id", id);
   if (!r.errorType.empty()) {
     if (withStatus) {
-      w.Key("status");
-      w.Int(r.status);
+      putInt(w, "status", r.status);
     }
     w.Key("error");
     w.StartObject();
-    w.Key("type");
-    writeString(w, r.errorType);
-    w.Key("reason");
-    writeString(w, r.errorReason);
-    w.Key("index");
-    writeString(w, index);
+    put(w, "type", r.errorType);
+    put(w, "reason", r.errorReason);
+    put(w, "index", index);
     w.EndObject();
     return;
   }
-  w.Key("_version");
-  w.Int64(r.version);
-  w.Key("result");
-  writeString(w, r.result);
+  putInt(w, "_version", r.version);
+  put(w, "result", r.result);
   writeShards(w, r.noop ? 0 : 2, r.noop ? 0 : 1, false);
-  w.Key("_seq_no");
-  w.Int64(r.seqNo);
-  w.Key("_primary_term");
-  w.Int(1);
+  putInt(w, "_seq_no", r.seqNo);
+  putInt(w, "_primary_term", 1);
   if (withStatus) {
-    w.Key("status");
-    w.Int(r.status);
+    putInt(w, "status", r.status);
   }
 }
 
 void writeFoundDoc(Writer& w, const std::string& index, const Doc& d) {
-  w.Key("_index");
-  writeString(w, index);
-  w.Key("_id");
-  writeString(w, d.id);
-  w.Key("_version");
-  w.Int64(d.version);
-  w.Key("_seq_no");
-  w.Int64(d.seqNo);
-  w.Key("_primary_term");
-  w.Int(1);
+  put(w, "_index", index);
+  put(w, "_id", d.id);
+  putInt(w, "_version", d.version);
+  putInt(w, "_seq_no", d.seqNo);
+  putInt(w, "_primary_term", 1);
   if (!d.routing.empty()) {
-    w.Key("_routing");
-    writeString(w, d.routing);
+    put(w, "_routing", d.routing);
   }
-  w.Key("found");
-  w.Bool(true);
+  putBool(w, "found", true);
   w.Key("_source");
   w.RawValue(d.source.data(), d.source.size(), rapidjson::kObjectType);
 }
@@ -174,12 +156,7 @@ WriteResult ElasticEmulator::State::write(Index& ix, const std::string& op, cons
                                           const std::string& text, const Value* parsed, const WriteOptions& o,
                                           bool upsert) {
   WriteResult r;
-  auto fail = [&](int status, const char* type, const std::string& reason) {
-    r.status = status;
-    r.errorType = type;
-    r.errorReason = reason;
-    return r;
-  };
+  auto fail = WriteResult::error;
   auto conflict = [&](const std::string& what) {
     return fail(409, "version_conflict_engine_exception", "[" + id + "]: version conflict, " + what);
   };
