@@ -13,7 +13,7 @@ using qz::qzVariant;
 
 namespace {
 
-const char* const kDocs[] = {
+const char* const kSelectorDocs[] = {
     R"({"_id":"a","n":1,"s":"x","tags":["red","blue"],"o":{"k":1},"b":true})",
     R"({"_id":"b","n":2.5,"s":"y","tags":["red"],"o":{"k":2,"z":null}})",
     R"({"_id":"c","n":"3","s":"xy","tags":[],"nul":null})",
@@ -62,7 +62,7 @@ const Case kCases[] = {
 
 std::string Matches(const qzVariant& selector, std::string* error) {
   std::string ids;
-  for (const char* text : kDocs) {
+  for (const char* text : kSelectorDocs) {
     qzVariant doc;
     qz::json::Json2Variant::Convert(text, std::strlen(text), doc);
     std::string why;
@@ -83,7 +83,7 @@ qzVariant Parse(const std::string& text) {
 using MangoSelectorOnPouchDb = qztest::PouchDbTest;
 
 TEST_F(MangoSelectorOnPouchDb, MatchesAsCouchDbAndAsPouchDbServerFinds) {
-  for (const char* doc : kDocs)
+  for (const char* doc : kSelectorDocs)
     ASSERT_EQ(s_server->request("POST", "/" + db, doc), 201);
   for (const Case& k : kCases) {
     SCOPED_TRACE(k.selector);

@@ -24,7 +24,7 @@ using testing::HasSubstr;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-int64_t msSince(Clock::time_point t) {
+int64_t elapsedMs(Clock::time_point t) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
 
@@ -208,7 +208,7 @@ TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
     waiting = true;
     EXPECT_FALSE(k.wait(token, &flag)) << k.name;
     canceller.join();
-    EXPECT_LT(msSince(cancelledAt), kBoundMs) << k.name;
+    EXPECT_LT(elapsedMs(cancelledAt), kBoundMs) << k.name;
   }
 }
 
