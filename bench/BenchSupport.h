@@ -2,12 +2,15 @@
 // What the benchmark programs share: clocks, medians of interleaved rounds, and their own
 // command-line options beside Google Benchmark's.
 
+#include <HttpTools/frame/HttpToolsLib.h>
+
 #include <benchmark/benchmark.h>
 
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -83,5 +86,19 @@ private:
   std::vector<char*> m_rest;
   bool m_quick = false;
 };
+
+// The library started around the comparison (its table on standard output) and then Google
+// Benchmark's own cases; 1 when the comparison failed.
+template <class Comparison> int RunWithLibrary(Comparison comparison) {
+  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
+  const int rc = comparison() ? 0 : 1;
+  if (rc == 0) {
+    std::fflush(stdout);
+    benchmark::RunSpecifiedBenchmarks();
+  }
+  benchmark::Shutdown();
+  qz::terminateHttpTools();
+  return rc;
+}
 
 } // namespace bench

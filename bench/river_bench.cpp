@@ -263,13 +263,5 @@ int main(int argc, char** argv) {
   gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
   gVerify = args.takeSwitch("--verify");
   args.initializeBenchmark();
-  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
-  int rc = Comparison() ? 0 : 1;
-  if (rc == 0) {
-    std::fflush(stdout);
-    benchmark::RunSpecifiedBenchmarks();
-  }
-  benchmark::Shutdown();
-  qz::terminateHttpTools();
-  return rc;
+  return bench::RunWithLibrary(Comparison);
 }

@@ -161,13 +161,5 @@ int main(int argc, char** argv) {
   gSeconds = args.takeInt("--seconds=", gSeconds, 1, 2);
   gIdleSeconds = args.takeInt("--idle-seconds=", gIdleSeconds, 1, 5);
   args.initializeBenchmark();
-  qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
-  int rc = Comparison() ? 0 : 1;
-  if (rc == 0) {
-    std::fflush(stdout);
-    benchmark::RunSpecifiedBenchmarks();
-  }
-  benchmark::Shutdown();
-  qz::terminateHttpTools();
-  return rc;
+  return bench::RunWithLibrary(Comparison);
 }
