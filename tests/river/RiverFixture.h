@@ -11,7 +11,8 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/ElasticEmulator.h"
-#include "support/PouchDbFixture.h"
+#include "support/PouchDbTest.h"
+#include "support/Process.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -21,7 +22,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <thread>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace rivertest {
 
@@ -35,6 +42,14 @@ protected:
   void SetUp() override {
     ASSERT_TRUE(couch.ok()) << couch.error();
     ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
+    // One pouchdb-server for the program: every database of an earlier test goes first.
+    std::string text;
+    qzVariantMapImpl all;
+    ASSERT_EQ(couch.request("GET", "/_all_dbs", {}, &text), 200);
+    ASSERT_TRUE(qz::json::Json2Variant::Convert("{\"dbs\":" + text + "}", all)) << text;
+    for (const auto& name : all["dbs"].toList())
+      ASSERT_TRUE(name.toString()[0] == '_' || couch.request("DELETE", "/" + name.toString()) == 200)
+          << name.toString();
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
     def.name = "r";
     ASSERT_TRUE(
@@ -161,7 +176,51 @@ protected:
     return !s.empty() && s[0].caughtUp && s[0].lastSeq == seq;
   }
 
-  qztest::PouchDbServer couch;
+#ifdef HTTPTOOLS_CLI
+  void TearDown() override {
+    for (const pid_t pid : pids) // a test that failed early leaves its processes
+      if (::kill(pid, SIGKILL) == 0)
+        ::waitpid(pid, nullptr, 0);
+  }
+  // `httptools river ARGS...` run to its end: its exit status, stdout and stderr in `out`.
+  int cli(std::vector<std::string> args, std::string* out = nullptr) {
+    args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
+    std::string o, e;
+    const int code = qztest::RunProgram(args, "", o, e);
+    if (out)
+      *out = o + e;
+    return code;
+  }
+  // `httptools river ARGS...` started in the background, its output in `log` ("": discarded).
+  pid_t spawn(std::vector<std::string> args, const std::string& log = "/dev/null") {
+    args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      ::dup2(out, 1);
+      ::dup2(out, 2);
+      std::vector<char*> argv;
+      for (auto& a : args)
+        argv.push_back(a.data());
+      argv.push_back(nullptr);
+      ::execv(HTTPTOOLS_CLI, argv.data());
+      ::_exit(127);
+    }
+    pids.insert(pid);
+    return pid;
+  }
+  // Ends `pid` with `signal`; its exit status (-1 unless it exited).
+  int end(pid_t pid, int signal) {
+    ::kill(pid, signal);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    pids.erase(pid);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::set<pid_t> pids;
+#endif
+
+  qztest::PouchDbServer& couch = qztest::SharedPouchDb();
   qztest::ElasticEmulator elastic;
   qz::http::HttpConnectionPool pool;
   qz::river::RiverDefinition def;

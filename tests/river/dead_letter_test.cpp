@@ -85,14 +85,13 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
   load(0, 5);
   for (const char* id : {"fixed", "still", "gone"})
     put({{"_id", id}, {"n", "x"}});
-  const std::string river = std::string(HTTPTOOLS_CLI) + " river " + couch.baseUrl() + "/db " + elastic.baseUrl() +
-                            "/docs --name r --mapping " + file + ".mapping ";
-  auto run = [&](const std::string& flags) {
-    const int status = std::system((river + flags + " > /dev/null 2>&1").c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  auto run = [&](std::vector<std::string> flags) {
+    flags.insert(flags.begin(),
+                 {couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r", "--mapping", file + ".mapping"});
+    return cli(flags);
   };
-  EXPECT_EQ(run("--once"), 1); // no destination: stops on the first refused document
-  ASSERT_EQ(run("--once --dead-letter " + file), 0);
+  EXPECT_EQ(run({"--once"}), 1); // no destination: stops on the first refused document
+  ASSERT_EQ(run({"--once", "--dead-letter", file}), 0);
   ASSERT_EQ(letters().size(), 3u);
   auto fix = [&](const std::string& id) {
     qzVariantMapImpl doc = couchDoc(id);
@@ -113,7 +112,7 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
       fix(id);
     for (const auto& id : s.removed)
       remove(id);
-    EXPECT_EQ(run("--replay " + file), s.exitCode);
+    EXPECT_EQ(run({"--replay", file}), s.exitCode);
     std::vector<std::string> ids;
     for (const auto& l : letters())
       ids.push_back(l.id);
