@@ -150,7 +150,7 @@ TEST_F(RiverFaultTest, OneShotRunsGiveUpOnEndlessRejectionsFollowingReportsThemA
   ASSERT_TRUE(waitFor(
       [&] {
         const auto s = rivers.status().at(0);
-        return s.failures >= 2 && s.retries > 0 && s.error.find("429") != std::string::npos;
+        return s.failures >= 1 && s.retries > 0 && s.error.find("429") != std::string::npos;
       },
       60));
   proxy.clearRules();

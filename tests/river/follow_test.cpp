@@ -84,9 +84,9 @@ TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
   struct Case {
     unsigned feedIdleMs;
     size_t minCouch, maxCouch; // requests in the window
-  } cases[] = {{60000, 0, 0}, {1000, 2, 4}};
-  const auto window = std::chrono::milliseconds(3500);
-  def.leaseMs = 3000; // renewed once a second
+  } cases[] = {{60000, 0, 0}, {600, 2, 4}};
+  const auto window = std::chrono::milliseconds(2100);
+  def.leaseMs = 1800; // renewed every 600 ms
   for (const auto& c : cases) {
     SCOPED_TRACE("feedIdleMs " + std::to_string(c.feedIdleMs));
     def.feedIdleMs = c.feedIdleMs;

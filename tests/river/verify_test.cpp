@@ -70,32 +70,4 @@ TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
   expectIndexEqualsDatabase();
 }
 
-#ifdef HTTPTOOLS_CLI
-TEST_F(RiverVerifyTest, CliExitsZeroOnlyWhenBothSidesAreEqualAtTheEnd) {
-  load(0, 20);
-  auto run = [&](const std::string& flags) {
-    std::vector<std::string> args{couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r"};
-    for (size_t at = 0, end; at < flags.size(); at = end + 1)
-      args.push_back(flags.substr(at, (end = std::min(flags.find(' ', at), flags.size())) - at));
-    return cli(args);
-  };
-  ASSERT_EQ(run("--once"), 0);
-  struct Step {
-    const char* drift; // made before the run: an id deleted from the index, or nothing
-    const char* flags;
-    int exitCode;
-  } steps[] = {
-      {"", "--verify", 0}, {"d3", "--verify", 1}, {"", "--verify --repair", 0},
-      {"", "--verify", 0}, {"", "--repair", 2}, // --repair needs --verify: a usage error
-  };
-  for (const auto& s : steps) {
-    if (*s.drift) {
-      ASSERT_EQ(es("DELETE", std::string("/docs-1/_doc/") + s.drift), 200);
-    }
-    ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
-    EXPECT_EQ(run(s.flags), s.exitCode) << s.flags;
-  }
-}
-#endif
-
 } // namespace
