@@ -176,6 +176,8 @@ bool FaultProxy::start() {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(m_port); // started again after stop(): the same port, as a restarted server
+  m_stopping = false;
   socklen_t size = sizeof addr;
   if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       ::listen(m_listen, 64) != 0 || ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &size) != 0) {
