@@ -24,14 +24,15 @@ TEST(ExitCodes, EveryCommandFailsFastWithTheCodeOfItsCause) {
     std::vector<std::string> extra; // options before the URL
     int code;
     std::vector<std::string> wrapper = {};
+    bool fewer = false; // one command of each family: the URL is refused before any of them runs
   } targets[] = {
       {"http://127.0.0.1:1", {}, 7},
       {silentBase, {"-m", "0.3"}, 28},
       {"http://no-such-host.invalid", {}, 6, isolated},
       {"http://127.0.0.1:99999", {}, 3},
-      {"http://127.0.0.1:0", {}, 3},
-      {"http://127.0.0.1:8o80", {}, 3},
-      {"http://127.0.0.1:+80", {}, 3},
+      {"http://127.0.0.1:0", {}, 3, {}, true},
+      {"http://127.0.0.1:8o80", {}, 3, {}, true},
+      {"http://127.0.0.1:+80", {}, 3, {}, true},
   };
   for (const auto& t : targets) {
     const std::string& b = t.base;
@@ -54,6 +55,9 @@ TEST(ExitCodes, EveryCommandFailsFastWithTheCodeOfItsCause) {
         {"river", b + "/db", b + "/alias"},
     };
     for (std::vector<std::string> args : commands) {
+      if (t.fewer && args[0] != "get" && args[0] != "jwt" && args[1] != "view" && args[1] != "search" &&
+          args[0] != "river")
+        continue;
       const size_t at = args[0] == "couch" || args[0] == "es" || args[0] == "jwt" ? 2 : 1;
       args.insert(args.begin() + long(at), t.extra.begin(), t.extra.end());
       args.insert(args.begin(), HTTPTOOLS_CLI);

@@ -110,6 +110,10 @@ TEST_F(Tool, UsageErrorsExitTwo) {
       {"jwt", "verify", "--secret", "s", "--algs", "HS256,XX1", "t"},
       {"url"},
       {"couch", "view", srv.url("/db"), "design-without-view"},
+      {"get", "--parallel-max", "0", echo},
+      {"get", "-Z"},
+      {"get", "-Z", "--bogus", echo},
+      {"get", "-Z", "-o", "/dev/null", "-o", "/dev/null", echo},
   };
   for (const auto& args : cases) {
     const Outcome o = RunTool(args);
@@ -150,6 +154,46 @@ TEST_F(Tool, OutputFileWriteOutAndVerbose) {
   EXPECT_THAT(o.err, AllOf(HasSubstr("> GET /echo HTTP/1.1\n"), HasSubstr("> Host: 127.0.0.1:"),
                            HasSubstr("< HTTP/1.1 200 OK\n"), HasSubstr("> User-Agent: httptools/3.0.0\n"),
                            Not(HasSubstr("DataIn"))));
+}
+
+// get -Z / --parallel: standard output keeps the order of the URLs while three 400 ms answers
+// overlap (one after the other they would add 1.2 s to the tool's own run time).
+TEST_F(Tool, ParallelGetKeepsUrlOrderWhileTransfersOverlap) {
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(RunTool({"get", "-Z", srv.url("/bytes?n=1")}).code, 0);
+  const auto base = std::chrono::steady_clock::now() - start;
+  for (const std::vector<std::string>& flags :
+       {std::vector<std::string>{"get", "-Z"}, {"get", "--parallel", "--parallel-max", "3"}}) {
+    start = std::chrono::steady_clock::now();
+    std::vector<std::string> args = flags;
+    args.insert(args.end(), {srv.url("/stall?ms=400"), srv.url("/bytes?n=5"), srv.url("/stall?ms=400"),
+                             srv.url("/status/200"), srv.url("/stall?ms=400")});
+    const Outcome o = RunTool(args);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, base + std::chrono::milliseconds(900)) << Joined(flags);
+    EXPECT_EQ(o.code, 0) << o.err;
+    EXPECT_EQ(o.out, "lateabcdelatestatus 200late") << Joined(flags);
+    EXPECT_THAT(o.err, IsEmpty());
+  }
+}
+
+// One -o per URL, -w and -f for each transfer, and the exit code of the first URL (in argument
+// order) that failed, whichever failed first in time.
+TEST_F(Tool, ParallelGetOutputFilesWriteOutAndFirstFailure) {
+  const std::string one = file("one"), two = file("two");
+  const Outcome o =
+      RunTool({"get", "-Z", "-f", "-w", "[%{http_code}]", "-o", one, "-o", two, srv.url("/bytes?n=3"),
+               srv.url("/status/404"), srv.url("/echo"), "http://127.0.0.1:1/", srv.url("/stall?ms=300")});
+  EXPECT_EQ(o.code, 22);
+  EXPECT_EQ(read(one), "abc");
+  EXPECT_FALSE(std::ifstream(two).good()); // -f: the failed URL writes nothing
+  EXPECT_THAT(o.out, testing::MatchesRegex("\\[200\\]\\[404\\]GET\n(.|\n)*\\[200\\]\\[000\\]late\\[200\\]"));
+  EXPECT_THAT(o.err, HasSubstr("httptools get: HTTP status 404 from " + srv.url("/status/404")));
+  // Without -f a 404 is an answer; the refused port is the first failure.
+  const Outcome r = RunTool(
+      {"get", "-Z", "-s", srv.url("/status/404"), "http://127.0.0.1:1/", srv.url("/stall?ms=3000"), "-m", "0.5"});
+  EXPECT_EQ(r.code, 7);
+  EXPECT_EQ(r.out, "status 404");
+  EXPECT_THAT(r.err, IsEmpty());
 }
 
 // On a terminal (script(1) gives one), a transfer over a second shows a progress line on stderr;
