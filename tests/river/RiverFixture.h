@@ -153,6 +153,21 @@ protected:
     EXPECT_EQ(differences, 0u);
   }
 
+  // Sends `req` on to pouchdb-server as `method` (GET: without its body) and its answer back.
+  void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,
+               const std::string& method) {
+    httplib::Request out;
+    out.method = method;
+    out.path = target;
+    if (method != "GET") {
+      out.body = req.body;
+      out.set_header("Content-Type", req.get_header_value("Content-Type"));
+    }
+    auto got = httplib::Client("127.0.0.1", couch.port()).send(out);
+    res.status = got ? got->status : 502;
+    res.set_content(got ? got->body : "", "application/json");
+  }
+
   // Polls until `done` holds, at most `seconds`.
   static bool waitFor(const std::function<bool()>& done, int seconds = 20) {
     const auto until = Clock::now() + std::chrono::seconds(seconds);
