@@ -21,6 +21,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <thread>
@@ -191,12 +193,31 @@ protected:
     return !s.empty() && s[0].caughtUp && s[0].lastSeq == seq;
   }
 
-#ifdef HTTPTOOLS_CLI
   void TearDown() override {
     for (const pid_t pid : pids) // a test that failed early leaves its processes
       if (::kill(pid, SIGKILL) == 0)
         ::waitpid(pid, nullptr, 0);
+    if (!dir.empty())
+      std::filesystem::remove_all(dir);
   }
+  // A file of the test's own scratch folder, written with `text` unless empty; its path.
+  std::string scratch(const std::string& name, const std::string& text = {}) {
+    if (dir.empty()) {
+      dir = (std::filesystem::temp_directory_path() / "httptools-river-XXXXXX").string();
+      EXPECT_TRUE(::mkdtemp(dir.data()));
+    }
+    if (!text.empty())
+      std::ofstream(dir + "/" + name) << text;
+    return dir + "/" + name;
+  }
+  std::string read(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  std::set<pid_t> pids;
+  std::string dir;
+
+#ifdef HTTPTOOLS_CLI
   // `httptools river ARGS...` run to its end: its exit status, stdout and stderr in `out`.
   int cli(std::vector<std::string> args, std::string* out = nullptr) {
     args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
@@ -232,7 +253,6 @@ protected:
     pids.erase(pid);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  std::set<pid_t> pids;
 #endif
 
   qztest::PouchDbServer& couch = qztest::SharedPouchDb();

@@ -14,20 +14,13 @@ namespace {
 
 class RiverDeadLetterTest : public RiverTest {
 protected:
-  void SetUp() override {
-    RiverTest::SetUp();
-    file = testing::TempDir() + "dead-letters-" + std::to_string(::getpid()) + ".jsonl";
-    std::remove(file.c_str());
-  }
-  void TearDown() override { std::remove(file.c_str()); }
-
   std::vector<qz::river::RiverDeadLetter> letters() {
     std::vector<qz::river::RiverDeadLetter> read;
     std::string error;
     EXPECT_TRUE(qz::river::ReadDeadLetters(file, read, &error)) << error;
     return read;
   }
-  std::string file;
+  const std::string file = scratch("dead-letters.jsonl");
 };
 
 TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopTheRiverWithout) {
@@ -78,16 +71,12 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
 #ifdef HTTPTOOLS_CLI
 TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
   def.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
-  {
-    std::ofstream mapping(file + ".mapping");
-    mapping << def.mappingJson;
-  }
   load(0, 5);
   for (const char* id : {"fixed", "still", "gone"})
     put({{"_id", id}, {"n", "x"}});
   auto run = [&](std::vector<std::string> flags) {
-    flags.insert(flags.begin(),
-                 {couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r", "--mapping", file + ".mapping"});
+    flags.insert(flags.begin(), {couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r", "--mapping",
+                                 scratch("mapping.json", def.mappingJson)});
     return cli(flags);
   };
   EXPECT_EQ(run({"--once"}), 1); // no destination: stops on the first refused document
@@ -119,7 +108,6 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
     EXPECT_EQ(ids, s.left);
   }
   expectIndexEqualsDatabase();
-  std::remove((file + ".mapping").c_str());
 }
 #endif
 

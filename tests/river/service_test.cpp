@@ -6,8 +6,6 @@
 
 #include "support/FaultProxy.h"
 
-#include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -18,24 +16,6 @@ namespace {
 #ifdef HTTPTOOLS_CLI
 class RiverServiceTest : public RiverTest {
 protected:
-  void SetUp() override {
-    RiverTest::SetUp();
-    m_dir = (std::filesystem::temp_directory_path() / "httptools-river-XXXXXX").string();
-    ASSERT_TRUE(mkdtemp(m_dir.data()));
-  }
-  void TearDown() override {
-    RiverTest::TearDown();
-    std::filesystem::remove_all(m_dir);
-  }
-  std::string file(const std::string& name, const std::string& text) {
-    const std::string path = m_dir + "/" + name;
-    std::ofstream(path) << text;
-    return path;
-  }
-  std::string logOf(const std::string& log) {
-    std::ifstream in(m_dir + "/" + log);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
   // A config of rivers r0.. from databases db0.. into aliases a0.. (the databases created with
   // `docs[i]` documents each).
   std::string config(const std::vector<int>& docs, unsigned leaseMs, const std::string& extra = "") {
@@ -49,7 +29,7 @@ protected:
                 R"(","target":")" + elastic.baseUrl() + R"(","alias":"a)" + n + R"(","options":{"leaseMs":)" +
                 std::to_string(leaseMs) + R"(,"intervalMs":50)" + (i == 0 ? extra : "") + "}}";
     }
-    return file("rivers.json", R"({"workers":2,"rivers":[)" + rivers + "]}");
+    return scratch("rivers.json", R"({"workers":2,"rivers":[)" + rivers + "]}");
   }
   int64_t count(const std::string& alias) {
     std::string text;
@@ -78,8 +58,6 @@ protected:
       ++held[holder("r" + std::to_string(i))];
     return held;
   }
-
-  std::string m_dir;
 };
 
 TEST_F(RiverServiceTest, ConfigErrorsNameTheKey) {
@@ -110,11 +88,11 @@ TEST_F(RiverServiceTest, ConfigErrorsNameTheKey) {
   };
   for (const auto& c : cases) {
     std::string out;
-    EXPECT_EQ(cli({"--config", file("bad.json", c.text), "--once"}, &out), 2) << c.text;
+    EXPECT_EQ(cli({"--config", scratch("bad.json", c.text), "--once"}, &out), 2) << c.text;
     EXPECT_NE(out.find(c.error), std::string::npos) << c.text << "\n" << out;
   }
   std::string out;
-  EXPECT_EQ(cli({s, t, "--config", file("good.json", river(""))}, &out), 2);
+  EXPECT_EQ(cli({s, t, "--config", scratch("good.json", river(""))}, &out), 2);
   EXPECT_NE(out.find("either --config FILE or the two URLs"), std::string::npos) << out;
 }
 
@@ -139,7 +117,7 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   const unsigned leaseMs = 2000;
   const std::string path = config({3, 3, 3, 3, 3, 3}, leaseMs);
   const std::vector<std::string> args{"--config", path, "--follow", "--status-ms", "500", "--log-json"};
-  const pid_t first = spawn(args, m_dir + "/first.log"), second = spawn(args, m_dir + "/second.log");
+  const pid_t first = spawn(args, scratch("first.log")), second = spawn(args, scratch("second.log"));
   ASSERT_TRUE(waitFor(
       [&] {
         return holders(6) == std::map<pid_t, int>{{first, 3}, {second, 3}};
@@ -171,7 +149,7 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   EXPECT_EQ(holders(6), (std::map<pid_t, int>{{0, 6}})); // given back on the way out
   // --log-json: every line one object; the last status of each river counts the late document.
   std::map<std::string, int64_t> indexed;
-  std::istringstream lines(logOf("second.log"));
+  std::istringstream lines(read(scratch("second.log")));
   for (std::string line; std::getline(lines, line);) {
     qzVariantMapImpl object;
     ASSERT_TRUE(qz::json::Json2Variant::Convert(line, object)) << line;
@@ -191,7 +169,7 @@ TEST_F(RiverServiceTest, SigtermDuringABulkStopsAtOnceAndLosesNothing) {
   load(0, 300);
   const pid_t pid =
       spawn({couch.baseUrl() + "/db", proxy.baseUrl() + "/docs", "--name", "r", "--follow", "--batch", "100"},
-            m_dir + "/f.log");
+            scratch("f.log"));
   ASSERT_TRUE(waitFor([&] { return proxy.matched(slow) >= 1; })) << "no bulk request";
   const auto signalled = Clock::now();
   EXPECT_EQ(end(pid, SIGTERM), 0);
@@ -234,7 +212,7 @@ TEST_F(RiverServiceTest, StatusResetAndRemove) {
   expectIndexEqualsDatabase();
 
   // A live lease refuses removal; once it is given back, the state goes, the index stays.
-  const pid_t pid = spawn(with({"--follow", "--lease-ms", "3000"}), m_dir + "/follow.log");
+  const pid_t pid = spawn(with({"--follow", "--lease-ms", "3000"}), scratch("follow.log"));
   ASSERT_TRUE(waitFor([&] { return holder("r") == pid; }));
   EXPECT_EQ(cli(with({"--remove"}), &out), 1);
   EXPECT_NE(out.find("stop it first"), std::string::npos) << out;
