@@ -18,7 +18,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,12 +42,7 @@ Outcome RunTool(std::vector<std::string> args, const std::string& input = "") {
   return o;
 }
 
-std::string Joined(const std::vector<std::string>& args) {
-  std::string s;
-  for (const std::string& a : args)
-    s += (s.empty() ? "" : " ") + a;
-  return s;
-}
+std::string Joined(const std::vector<std::string>& args) { return testing::PrintToString(args); }
 
 class Tool : public testing::Test {
 protected:
@@ -58,29 +52,16 @@ protected:
     m_dir = (std::filesystem::temp_directory_path() / "httptools-cli-XXXXXX").string();
     ASSERT_TRUE(mkdtemp(m_dir.data()));
   }
-  void TearDown() override {
-    for (const std::string& f : m_files)
-      std::remove(f.c_str());
-    rmdir(m_dir.c_str());
-  }
-  std::string file(const std::string& name, const std::string& content = "") {
-    const std::string path = m_dir + "/" + name;
-    if (!content.empty())
-      std::ofstream(path, std::ios::binary) << content;
-    m_files.push_back(path);
-    return path;
-  }
+  void TearDown() override { std::filesystem::remove_all(m_dir); }
+  std::string file(const std::string& name) const { return m_dir + "/" + name; }
   static std::string read(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
-    std::ostringstream s;
-    s << f.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(f), {});
   }
   qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
 
 private:
   std::string m_dir;
-  std::vector<std::string> m_files;
 };
 
 // --version prints the library's version and its dependencies' (every command's --help is checked
