@@ -103,9 +103,7 @@ TEST_F(RiverServiceTest, ThreeRiversOfOneConfigEachFillTheirAliasThrottledWhereA
   std::string out;
   ASSERT_EQ(cli({"--config", path, "--once"}, &out), 0) << out;
   EXPECT_GE(Clock::now() - started, std::chrono::milliseconds(1250));
-  EXPECT_EQ(count("a0"), 30);
-  EXPECT_EQ(count("a1"), 120);
-  EXPECT_EQ(count("a2"), 7);
+  EXPECT_EQ(std::vector<int64_t>({count("a0"), count("a1"), count("a2")}), std::vector<int64_t>({30, 120, 7}));
   ASSERT_EQ(cli({"--config", path, "--status"}, &out), 0) << out;
   for (const char* line :
        {"river r0: db0 -> a0\n  index: a0-1 seq=30\n", "river r1: db1 -> a1\n  index: a1-1 seq=120\n",
@@ -118,20 +116,16 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   const std::string path = config({3, 3, 3, 3, 3, 3}, leaseMs);
   const std::vector<std::string> args{"--config", path, "--follow", "--status-ms", "500", "--log-json"};
   const pid_t first = spawn(args, scratch("first.log")), second = spawn(args, scratch("second.log"));
+  using Held = std::map<pid_t, int>; // pid (0: nobody) to the rivers it holds
   ASSERT_TRUE(waitFor(
       [&] {
-        return holders(6) == std::map<pid_t, int>{{first, 3}, {second, 3}};
-      },
-      30))
-      << "held by pid (0: nobody): " << testing::PrintToString(holders(6));
-  const auto killed = Clock::now();
-  end(first, SIGKILL);
-  ASSERT_TRUE(waitFor(
-      [&] {
-        return holders(6) == std::map<pid_t, int>{{second, 6}};
+        return holders(6) == Held{{first, 3}, {second, 3}};
       },
       30))
       << testing::PrintToString(holders(6));
+  const auto killed = Clock::now();
+  end(first, SIGKILL);
+  ASSERT_TRUE(waitFor([&] { return holders(6) == Held{{second, 6}}; }, 30)) << testing::PrintToString(holders(6));
   const auto takeover = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed).count();
   // The leases expire at most leaseMs after the kill and are taken as they do (a margin for
   // loaded machines).
@@ -146,7 +140,7 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
     return true;
   }));
   EXPECT_EQ(end(second, SIGTERM), 0);
-  EXPECT_EQ(holders(6), (std::map<pid_t, int>{{0, 6}})); // given back on the way out
+  EXPECT_EQ(holders(6), (Held{{0, 6}})); // given back on the way out
   // --log-json: every line one object; the last status of each river counts the late document.
   std::map<std::string, int64_t> indexed;
   std::istringstream lines(read(scratch("second.log")));
