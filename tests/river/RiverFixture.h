@@ -227,18 +227,18 @@ protected:
       *out = o + e;
     return code;
   }
-  // `httptools river ARGS...` started in the background, its output in `log` ("": discarded).
+  // `httptools river ARGS...` started in the background, its output in `log` (by default discarded).
   pid_t spawn(std::vector<std::string> args, const std::string& log = "/dev/null") {
     args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
+    std::vector<char*> argv; // made before the fork: the child only calls async-signal-safe functions
+    for (auto& a : args)
+      argv.push_back(a.data());
+    argv.push_back(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
       const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       ::dup2(out, 1);
       ::dup2(out, 2);
-      std::vector<char*> argv;
-      for (auto& a : args)
-        argv.push_back(a.data());
-      argv.push_back(nullptr);
       ::execv(HTTPTOOLS_CLI, argv.data());
       ::_exit(127);
     }
