@@ -11,7 +11,8 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/ElasticEmulator.h"
-#include "support/PouchDbFixture.h"
+#include "support/PouchDbTest.h"
+#include "support/Process.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -20,8 +21,16 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <set>
 #include <thread>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace rivertest {
 
@@ -35,6 +44,14 @@ protected:
   void SetUp() override {
     ASSERT_TRUE(couch.ok()) << couch.error();
     ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
+    // One pouchdb-server for the program: every database of an earlier test goes first.
+    std::string text;
+    qzVariantMapImpl all;
+    ASSERT_EQ(couch.request("GET", "/_all_dbs", {}, &text), 200);
+    ASSERT_TRUE(qz::json::Json2Variant::Convert("{\"dbs\":" + text + "}", all)) << text;
+    for (const auto& name : all["dbs"].toList())
+      ASSERT_TRUE(name.toString()[0] == '_' || couch.request("DELETE", "/" + name.toString()) == 200)
+          << name.toString();
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
     def.name = "r";
     ASSERT_TRUE(
@@ -138,6 +155,21 @@ protected:
     EXPECT_EQ(differences, 0u);
   }
 
+  // Sends `req` on to pouchdb-server as `method` (GET: without its body) and its answer back.
+  void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,
+               const std::string& method) {
+    httplib::Request out;
+    out.method = method;
+    out.path = target;
+    if (method != "GET") {
+      out.body = req.body;
+      out.set_header("Content-Type", req.get_header_value("Content-Type"));
+    }
+    auto got = httplib::Client("127.0.0.1", couch.port()).send(out);
+    res.status = got ? got->status : 502;
+    res.set_content(got ? got->body : "", "application/json");
+  }
+
   // Polls until `done` holds, at most `seconds`.
   static bool waitFor(const std::function<bool()>& done, int seconds = 20) {
     const auto until = Clock::now() + std::chrono::seconds(seconds);
@@ -161,7 +193,69 @@ protected:
     return !s.empty() && s[0].caughtUp && s[0].lastSeq == seq;
   }
 
-  qztest::PouchDbServer couch;
+  void TearDown() override {
+    for (const pid_t pid : pids) // a test that failed early leaves its processes
+      if (::kill(pid, SIGKILL) == 0)
+        ::waitpid(pid, nullptr, 0);
+    if (!dir.empty())
+      std::filesystem::remove_all(dir);
+  }
+  // A file of the test's own scratch folder, written with `text` unless empty; its path.
+  std::string scratch(const std::string& name, const std::string& text = {}) {
+    if (dir.empty()) {
+      dir = (std::filesystem::temp_directory_path() / "httptools-river-XXXXXX").string();
+      EXPECT_TRUE(::mkdtemp(dir.data()));
+    }
+    if (!text.empty())
+      std::ofstream(dir + "/" + name) << text;
+    return dir + "/" + name;
+  }
+  std::string read(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  std::set<pid_t> pids;
+  std::string dir;
+
+#ifdef HTTPTOOLS_CLI
+  // `httptools river ARGS...` run to its end: its exit status, stdout and stderr in `out`.
+  int cli(std::vector<std::string> args, std::string* out = nullptr) {
+    args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
+    std::string o, e;
+    const int code = qztest::RunProgram(args, "", o, e);
+    if (out)
+      *out = o + e;
+    return code;
+  }
+  // `httptools river ARGS...` started in the background, its output in `log` (by default discarded).
+  pid_t spawn(std::vector<std::string> args, const std::string& log = "/dev/null") {
+    args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
+    std::vector<char*> argv; // made before the fork: the child only calls async-signal-safe functions
+    for (auto& a : args)
+      argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      ::dup2(out, 1);
+      ::dup2(out, 2);
+      ::execv(HTTPTOOLS_CLI, argv.data());
+      ::_exit(127);
+    }
+    pids.insert(pid);
+    return pid;
+  }
+  // Ends `pid` with `signal`; its exit status (-1 unless it exited).
+  int end(pid_t pid, int signal) {
+    ::kill(pid, signal);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    pids.erase(pid);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+#endif
+
+  qztest::PouchDbServer& couch = qztest::SharedPouchDb();
   qztest::ElasticEmulator elastic;
   qz::http::HttpConnectionPool pool;
   qz::river::RiverDefinition def;

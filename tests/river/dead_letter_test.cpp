@@ -14,20 +14,13 @@ namespace {
 
 class RiverDeadLetterTest : public RiverTest {
 protected:
-  void SetUp() override {
-    RiverTest::SetUp();
-    file = testing::TempDir() + "dead-letters-" + std::to_string(::getpid()) + ".jsonl";
-    std::remove(file.c_str());
-  }
-  void TearDown() override { std::remove(file.c_str()); }
-
   std::vector<qz::river::RiverDeadLetter> letters() {
     std::vector<qz::river::RiverDeadLetter> read;
     std::string error;
     EXPECT_TRUE(qz::river::ReadDeadLetters(file, read, &error)) << error;
     return read;
   }
-  std::string file;
+  const std::string file = scratch("dead-letters.jsonl");
 };
 
 TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopTheRiverWithout) {
@@ -78,21 +71,16 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
 #ifdef HTTPTOOLS_CLI
 TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
   def.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
-  {
-    std::ofstream mapping(file + ".mapping");
-    mapping << def.mappingJson;
-  }
   load(0, 5);
   for (const char* id : {"fixed", "still", "gone"})
     put({{"_id", id}, {"n", "x"}});
-  const std::string river = std::string(HTTPTOOLS_CLI) + " river " + couch.baseUrl() + "/db " + elastic.baseUrl() +
-                            "/docs --name r --mapping " + file + ".mapping ";
-  auto run = [&](const std::string& flags) {
-    const int status = std::system((river + flags + " > /dev/null 2>&1").c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  auto run = [&](std::vector<std::string> flags) {
+    flags.insert(flags.begin(), {couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--name", "r", "--mapping",
+                                 scratch("mapping.json", def.mappingJson)});
+    return cli(flags);
   };
-  EXPECT_EQ(run("--once"), 1); // no destination: stops on the first refused document
-  ASSERT_EQ(run("--once --dead-letter " + file), 0);
+  EXPECT_EQ(run({"--once"}), 1); // no destination: stops on the first refused document
+  ASSERT_EQ(run({"--once", "--dead-letter", file}), 0);
   ASSERT_EQ(letters().size(), 3u);
   auto fix = [&](const std::string& id) {
     qzVariantMapImpl doc = couchDoc(id);
@@ -113,14 +101,13 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
       fix(id);
     for (const auto& id : s.removed)
       remove(id);
-    EXPECT_EQ(run("--replay " + file), s.exitCode);
+    EXPECT_EQ(run({"--replay", file}), s.exitCode);
     std::vector<std::string> ids;
     for (const auto& l : letters())
       ids.push_back(l.id);
     EXPECT_EQ(ids, s.left);
   }
   expectIndexEqualsDatabase();
-  std::remove((file + ".mapping").c_str());
 }
 #endif
 
@@ -180,11 +167,9 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
         feeds.push_back(httplib::detail::params_to_query_str(req.params) + " " + req.body);
         params.erase("filter");
       }
-      httplib::Client to("127.0.0.1", couch.port()); // the feed as GET: the selector body left out
-      const std::string path = req.path + "?" + httplib::detail::params_to_query_str(params);
-      auto got = req.method == "PUT" ? to.Put(path, req.body, "application/json") : to.Get(path);
-      res.status = got ? got->status : 502;
-      res.set_content(got ? got->body : "", "application/json");
+      // The feed as GET: the selector body left out.
+      toCouch(req, res, req.path + "?" + httplib::detail::params_to_query_str(params),
+              req.method == "PUT" ? "PUT" : "GET");
     });
     ASSERT_TRUE(proxy.start()) << proxy.lastError();
     qz::river::RiverDefinition d = def;

@@ -63,16 +63,35 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const size_t bulksBefore = elastic.stats().bulkRequests;
-    const auto t0 = Clock::now();
     c.write();
     // Far below flushIntervalMs, with room for sanitizers on a loaded machine.
     ASSERT_TRUE(waitFor([&] { return indexed(c.probe) != c.gone; }, 5));
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-    EXPECT_LT(ms, 5000);
     ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
     EXPECT_GE(elastic.stats().bulkRequests - bulksBefore, 1u);
     EXPECT_LE(elastic.stats().bulkRequests - bulksBefore, c.maxBulks);
   }
+
+  // The status tells lag and backlog while Elasticsearch refuses, and both go back to 0.
+  auto s = rivers.status().at(0);
+  const auto indexedBefore = s.indexed;
+  EXPECT_EQ(std::pair(s.lagSeconds, s.behindChanges), std::pair(0.0, int64_t(0)));
+  qztest::ElasticEmulator::Faults refuse;
+  refuse.unavailable = 1000000;
+  refuse.unavailablePath = "_bulk";
+  elastic.setFaults(refuse);
+  load(20, 23);
+  ASSERT_TRUE(waitFor([&] {
+    s = rivers.status().at(0);
+    return s.lagSeconds >= 0.3 && !s.caughtUp;
+  }));
+  EXPECT_EQ(s.behindChanges, 3);
+  EXPECT_EQ(s.indexed, indexedBefore);
+  elastic.setFaults({});
+  ASSERT_TRUE(waitFor([&] { return settled(rivers); }, 30));
+  s = rivers.status().at(0);
+  EXPECT_EQ(std::pair(s.lagSeconds, s.behindChanges), std::pair(0.0, int64_t(0)));
+  EXPECT_EQ(s.indexed, indexedBefore + 3);
+  EXPECT_GT(s.retries, 0u);
   rivers.stop();
   expectIndexEqualsDatabase();
 }
@@ -84,9 +103,9 @@ TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
   struct Case {
     unsigned feedIdleMs;
     size_t minCouch, maxCouch; // requests in the window
-  } cases[] = {{60000, 0, 0}, {1000, 2, 4}};
-  const auto window = std::chrono::milliseconds(3500);
-  def.leaseMs = 3000; // renewed once a second
+  } cases[] = {{60000, 0, 0}, {600, 2, 4}};
+  const auto window = std::chrono::milliseconds(2100);
+  def.leaseMs = 1800; // renewed every 600 ms
   for (const auto& c : cases) {
     SCOPED_TRACE("feedIdleMs " + std::to_string(c.feedIdleMs));
     def.feedIdleMs = c.feedIdleMs;
@@ -114,38 +133,6 @@ TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
     EXPECT_LT(Clock::now() - t0, std::chrono::seconds(3));
     EXPECT_FALSE(rivers.status().at(0).running);
   }
-}
-
-TEST_F(FollowTest, StatusTellsLagAndBacklogWhileElasticsearchRefuses) {
-  load(0, 20);
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-  rivers.start();
-  ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
-  auto s = rivers.status().at(0);
-  EXPECT_EQ(s.lagSeconds, 0);
-  EXPECT_EQ(s.behindChanges, 0);
-  EXPECT_EQ(s.indexed, 20u);
-
-  qztest::ElasticEmulator::Faults refuse;
-  refuse.unavailable = 1000000;
-  refuse.unavailablePath = "_bulk";
-  elastic.setFaults(refuse);
-  load(20, 23);
-  ASSERT_TRUE(waitFor([&] {
-    s = rivers.status().at(0);
-    return s.lagSeconds >= 0.3 && !s.caughtUp;
-  }));
-  EXPECT_EQ(s.behindChanges, 3);
-  EXPECT_EQ(s.indexed, 20u);
-  elastic.setFaults({});
-  ASSERT_TRUE(waitFor([&] { return settled(rivers); }, 30));
-  s = rivers.status().at(0);
-  EXPECT_EQ(s.lagSeconds, 0);
-  EXPECT_EQ(s.behindChanges, 0);
-  EXPECT_EQ(s.indexed, 23u);
-  EXPECT_GT(s.retries, 0u);
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 using namespace qz::river::detail;
 
@@ -59,15 +60,13 @@ TEST(RiverPipeline, EachChangeBecomesTheOperationItAsksFor) {
   for (const auto& c : cases) {
     BulkOp op;
     bool skipped = true;
-    EXPECT_EQ(ChangeToOp(c.change, "i-1", transform, op, skipped), c.needsOp) << c.change.id;
-    EXPECT_EQ(skipped, c.skipped) << c.change.id;
-    if (!c.needsOp)
-      continue;
-    EXPECT_EQ(op.remove, c.remove) << c.change.id;
-    EXPECT_EQ(op.rev, c.rev) << c.change.id;
-    EXPECT_EQ(op.version, c.version) << c.change.id;
-    EXPECT_EQ(op.source, c.source) << c.change.id;
-    EXPECT_EQ(op.index, "i-1");
+    const bool needsOp = ChangeToOp(c.change, "i-1", transform, op, skipped);
+    EXPECT_EQ(std::tuple(needsOp, skipped), std::tuple(c.needsOp, c.skipped)) << c.change.id;
+    if (needsOp) {
+      EXPECT_EQ(std::tuple(op.remove, op.rev, op.version, op.source, op.index),
+                std::tuple(c.remove, c.rev, c.version, c.source, std::string("i-1")))
+          << c.change.id;
+    }
   }
 }
 

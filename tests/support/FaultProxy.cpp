@@ -165,7 +165,8 @@ bool FaultProxy::start() {
   m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int one = 1;
   ::setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr = Loopback(0);
+  sockaddr_in addr = Loopback(m_port); // started again after stop(): the same port, as a restarted server
+  m_stopping = false;
   socklen_t size = sizeof addr;
   if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       ::listen(m_listen, 64) != 0 || ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &size) != 0) {

@@ -59,7 +59,7 @@ public:
   FaultProxy(const FaultProxy&) = delete;
   FaultProxy& operator=(const FaultProxy&) = delete;
 
-  bool start(); // false (see error()) when it cannot listen
+  bool start(); // false (see error()) when it cannot listen; after stop(), on the same port
   void stop();  // closes every connection and joins the threads
   const std::string& error() const { return m_error; }
   uint16_t port() const { return m_port; }

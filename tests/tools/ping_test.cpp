@@ -107,7 +107,7 @@ TEST(PingBesideFping, RoundTripTimesWithinFpingsVariation) {
         v.push_back(std::stod((*it)[k]));
     return v;
   };
-  const std::vector<std::string> args{"-c", "5", "-p", "200", "-q", "127.0.0.1", "::1"};
+  const std::vector<std::string> args{"-c", "5", "-p", "50", "-q", "127.0.0.1", "::1"};
   std::string report;
   for (int attempt = 0; attempt < 3; ++attempt) {
     const Result f1 = Fping(args), ours = Ping(args), f2 = Fping(args);
