@@ -74,7 +74,8 @@ while IFS= read -r heading; do
   IFS=',' read -ra names <<<"$heading"
   for n in "${names[@]}"; do
     n=$(sed 's/^ *//; s/ *$//' <<<"$n")
-    printf '%s\n' "${commands[@]}" | grep -qxF -- "$n" || missing+=("subsection '$n' names no command")
+    # A here-string, not a pipe: grep -q leaving early would fail printf under pipefail.
+    grep -qxF -- "$n" <<<"$(printf '%s\n' "${commands[@]}")" || missing+=("subsection '$n' names no command")
   done
 done < <(sed -n 's/^\.SS *//p' "$page" | tr -d '"')
 
