@@ -128,6 +128,7 @@ TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
   qz::qzThreadPeriodicalUpdater u(2);
   EXPECT_EQ(u.periodMs(), 2000u);
   u.setPeriodMs(2);
+  EXPECT_EQ(u.periodMs(), 2u);
   Probe a, b, self, slow;
   self.removeFrom = &u; // a callback may remove itself
   for (Probe* p : {&a, &b, &self})
