@@ -72,10 +72,12 @@ TEST_F(ClientsTest, OpenSearchModeAnswersAsEachVersionDoes) {
   } table[] = {{"", 200, 400}, {"1.3.14", 400, 400}, {"2.3.0", 400, 400}, {"2.4.0", 400, 200}, {"2.11.0", 400, 200}};
   for (const auto& row : table) {
     SCOPED_TRACE(row.version);
-    emulator.setOpenSearch(row.version);
-    emulator.reset();
-    ASSERT_EQ(call("PUT", "/i"), 200);
-    httplib::Client client("127.0.0.1", emulator.port());
+    qztest::ElasticEmulator os; // the product is chosen before serving
+    os.setOpenSearch(row.version);
+    ASSERT_TRUE(os.start()) << os.lastError();
+    httplib::Client client("127.0.0.1", os.port());
+    auto index = client.Put("/i", "", "application/json");
+    ASSERT_TRUE(index && index->status == 200);
     auto info = client.Get("/");
     ASSERT_TRUE(info);
     EXPECT_EQ(info->has_header("X-Elastic-Product"), !*row.version);
@@ -95,7 +97,7 @@ TEST_F(ClientsTest, OpenSearchModeAnswersAsEachVersionDoes) {
       ASSERT_TRUE(closed);
       EXPECT_EQ(closed->body,
                 R"({"pits":[{"successful":true,"pit_id":")" + id + R"("},{"successful":false,"pit_id":"unknown"}]})");
-      EXPECT_EQ(emulator.stats().openPits, 0u);
+      EXPECT_EQ(os.stats().openPits, 0u);
     }
   }
 }

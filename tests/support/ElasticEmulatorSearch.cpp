@@ -396,6 +396,12 @@ void count(State& st, const Req& req, Res& res, const std::string& expr) {
 
 } // namespace
 
+// The product may change between tests on a serving emulator: read it under the lock.
+static bool openSearchMode(State& st) {
+  std::lock_guard<std::mutex> lock(st.mu);
+  return !st.openSearchVersion.empty();
+}
+
 void openPit(State& st, const Req& req, Res& res, const std::string& expr) {
   std::unique_lock<std::mutex> lock(st.mu);
   const bool os = !st.openSearchVersion.empty();
@@ -442,9 +448,9 @@ bool serveSearch(State& st, const Req& req, Res& res, const Path& s) {
     if (expr.empty())
       m == "DELETE" ? closePit(st, req, res) : st.badMethod(req, res);
     else
-      m != "POST"                    ? st.badMethod(req, res)
-      : st.openSearchVersion.empty() ? openPit(st, req, res, expr)
-                                     : st.reply(res, 400, noHandler(req)); // OpenSearch has its own route
+      m != "POST"           ? st.badMethod(req, res)
+      : !openSearchMode(st) ? openPit(st, req, res, expr)
+                            : st.reply(res, 400, noHandler(req)); // OpenSearch has its own route
   } else if (op == "_count") {
     count(st, req, res, expr);
   } else {
