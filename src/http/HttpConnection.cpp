@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cstring>
 #include <string_view>
+#include <strings.h>
 
 namespace qz::http {
 
@@ -89,8 +90,7 @@ std::string RedactedHeaders(std::string_view block) {
     const size_t colon = line.find(':');
     const std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
     const auto is = [&](std::string_view secret) {
-      return name.size() == secret.size() &&
-             std::equal(name.begin(), name.end(), secret.begin(), [](char a, char b) { return std::tolower(a) == b; });
+      return name.size() == secret.size() && strncasecmp(name.data(), secret.data(), name.size()) == 0;
     };
     if (!is("authorization") && !is("proxy-authorization") && !is("cookie")) {
       out.append(line);
