@@ -251,9 +251,21 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   EXPECT_TRUE(cap.has("curl", "> GET /bytes?n=10 HTTP/1.1")) << cap.dump();
   EXPECT_TRUE(cap.has("curl", "Authorization: Basic [redacted]")) << cap.dump(); // never dTpzM2NyZXQ=
   EXPECT_THAT(c.getLastDebugInformations(), testing::Not(HasSubstr("dTpzM2NyZXQ")));
+  // A line function alone: each line as it comes, credentials redacted, no data; nothing stored.
   c.editConnectionParameters().verbose = 0;
-  ASSERT_TRUE(get(c, "/bytes?n=10"));
+  std::vector<std::pair<DebugLineKind, std::string>> lines;
+  c.editConnectionParameters().debugLines = [&lines](DebugLineKind k, std::string_view l) { lines.emplace_back(k, l); };
+  ASSERT_TRUE(get(c, "http://u:s3cret@" + srv.url("/bytes?n=10").substr(7)));
   EXPECT_EQ(c.getLastDebugInformations(), "");
+  using testing::Contains;
+  using testing::Pair;
+  EXPECT_THAT(lines,
+              AllOf(Contains(Pair(DebugLineKind::HeaderOut, "GET /bytes?n=10 HTTP/1.1")),
+                    Contains(Pair(DebugLineKind::HeaderOut, "Authorization: Basic [redacted]")),
+                    Contains(Pair(DebugLineKind::HeaderIn, "HTTP/1.1 200 OK")),
+                    Contains(Pair(DebugLineKind::HeaderIn, "")),
+                    Contains(Pair(DebugLineKind::Info, HasSubstr("127.0.0.1"))),
+                    testing::Each(Pair(testing::_, testing::Not(testing::ContainsRegex("dTpz|abcdefghij|\n"))))));
 }
 
 TEST(DebugLines, CredentialsAreRedactedWhateverTheCase) {
