@@ -161,6 +161,19 @@ bool ConnectionOptions::headerLines(std::vector<std::string>& lines, std::string
   return true;
 }
 
+namespace {
+// A libcurl debug line on standard error as it happens, marked as curl -v marks it: "* "
+// information, "> " sent and "< " received header lines. One write per line, so that the lines of
+// parallel transfers do not mix within a line.
+void PrintDebugLine(qz::http::DebugLineKind kind, std::string_view line) {
+  std::string text = kind == qz::http::DebugLineKind::Info       ? "* "
+                     : kind == qz::http::DebugLineKind::HeaderIn ? "< "
+                                                                 : "> ";
+  text.append(line).push_back('\n');
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+} // namespace
+
 void ConnectionOptions::apply(qz::http::HttpConnection::ConnectionParameters& params) const {
   if (insecure)
     params.sslValidatePolicy = qz::http::SVP_NoVerify;
@@ -171,7 +184,7 @@ void ConnectionOptions::apply(qz::http::HttpConnection::ConnectionParameters& pa
   if (maxTime > 0)
     params.totalTimeoutMs = std::max(1L, long(std::ceil(maxTime * 1000)));
   if (verboseFlag)
-    params.verbose = 1;
+    params.debugLines = PrintDebugLine;
 }
 
 void AddConnectionOptions(CLI::App* cmd, ConnectionOptions& o, bool withHeaders) {
@@ -186,7 +199,8 @@ void AddConnectionOptions(CLI::App* cmd, ConnectionOptions& o, bool withHeaders)
   cmd->add_option("-m,--max-time", o.maxTime, "Give up a request after SECONDS")->check(CLI::PositiveNumber);
   cmd->add_option("--connect-timeout", o.connectTimeout, "Give up connecting after SECONDS")
       ->check(CLI::PositiveNumber);
-  cmd->add_flag("-v,--verbose", o.verboseFlag, "Show the library's log lines on standard error");
+  cmd->add_flag("-v,--verbose", o.verboseFlag,
+                "Show request and response headers as they pass, and the library's log lines, on standard error");
 }
 
 bool UseConnectionOptions(const std::string& command, const ConnectionOptions& o) {

@@ -52,7 +52,7 @@ void AddRequestCommand(CLI::App& app, const std::string& method, const std::stri
   cmd->add_flag("--compressed", o->compressed, "Ask for a compressed answer and decode it");
   cmd->add_flag("-s,--silent", o->silent, "No progress line and no error messages");
   cmd->add_flag("-S,--show-error", o->showError, "With -s, still show error messages");
-  cmd->add_flag("-#,--progress-bar", o->progressBar, "Show progress as a bar on a terminal");
+  cmd->add_flag("-#,--progress-bar", o->progressBar, "Show the progress as a bar of #");
   cmd->add_option("--retry", o->retry, "Repeat a transient failure (no connection, time-out, 408, 429, 5xx) N times");
   cmd->add_option("--retry-delay", o->retryDelay, "Wait SECONDS between repetitions (default: 1 s, doubling)")
       ->check(CLI::NonNegativeNumber);

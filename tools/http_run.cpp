@@ -4,12 +4,14 @@
 
 #include <HttpTools/HttpTools.h>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <mutex>
@@ -32,15 +34,27 @@ std::string HumanBytes(double n) {
   return text;
 }
 
+// The width of curl's -# line: COLUMNS, else the terminal's, else 79.
+int ProgressColumns() {
+  const char* env = std::getenv("COLUMNS");
+  const long columns = env ? std::strtol(env, nullptr, 10) : 0;
+  if (columns >= 20 && columns < 10000)
+    return int(columns) - 1;
+  winsize size{};
+  return ::ioctl(2, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20 ? size.ws_col - 1 : 79;
+}
+
 // Writes status lines and headers (-i, -I, head) and the body as they arrive. With -f the body of
-// a status of 400 or more is dropped. On a terminal, a transfer over a second keeps a progress line on
-// standard error.
+// a status of 400 or more is dropped. With `progress`, standard error gets -#'s bar from the first
+// byte, or else a progress line once a transfer has lasted a second.
 class CliSink : public qz::http::ResponseSink {
 public:
   CliSink(const HttpOptions& o, Output& out, bool progress) : m_o(o), m_out(out), m_progress(progress) {}
   ~CliSink() override {
-    if (m_shown)
-      std::cerr << "\n";
+    if (!m_shown)
+      return;
+    showProgress(true); // the final state, as curl leaves it
+    std::cerr << "\n";
   }
   void reset() override {
     m_out.truncate();
@@ -80,19 +94,20 @@ public:
 private:
   bool headersShown() const { return m_o.include || m_o.headOnly; }
   bool suppressed() const { return m_o.fail && !m_o.failWithBody && m_status >= 400; }
-  void showProgress() {
+  void showProgress(bool final = false) {
     const int64_t now = qz::qzSystemUtils::GetTimeBaseMs();
-    if (now - m_start < 1000 || now - m_lastShown < 250)
+    const bool bar = m_o.progressBar && m_length > 0;
+    if (!final && ((!bar && now - m_start < 1000) || now - m_lastShown < 250))
       return;
     m_lastShown = now;
     m_shown = true;
-    const double seconds = double(now - m_start) / 1000.0, got = double(m_received);
+    const double seconds = std::max(0.001, double(now - m_start) / 1000.0), got = double(m_received);
     const double rate = got / seconds;
     std::string line = "\r";
-    if (m_o.progressBar && m_length > 0) {
-      const int width = 40, done = int(width * std::min(1.0, got / m_length));
+    if (bar) { // curl's: '#' over the width but 7 columns, then the percentage
+      const int width = ProgressColumns() - 7, done = int(width * std::min(1.0, got / m_length));
       char percent[16];
-      std::snprintf(percent, sizeof percent, " %5.1f%%", 100.0 * got / m_length);
+      std::snprintf(percent, sizeof percent, " %5.1f%%", 100.0 * std::min(1.0, got / m_length));
       line += std::string(size_t(done), '#') + std::string(size_t(width - done), ' ') + percent;
     } else {
       line += HumanBytes(got);
@@ -104,8 +119,9 @@ private:
       line += "  " + HumanBytes(rate) + "/s";
       if (m_length > got && rate > 0)
         line += "  " + qz::qzStringUtils::humanizeDuration(int64_t((m_length - got) / rate * 1000), 1, true) + " left";
+      line += "    "; // over the end of a longer line before
     }
-    std::cerr << line << "    " << std::flush;
+    std::cerr << line << std::flush;
   }
 
   const HttpOptions& m_o;
@@ -118,37 +134,6 @@ private:
   int64_t m_start = qz::qzSystemUtils::GetTimeBaseMs();
   int64_t m_lastShown = 0;
 };
-
-// libcurl's debug lines as curl -v shows them: "* " information, "> " sent and "< " received
-// header lines; the byte counts of data blocks are left out.
-void PrintDebugLines(const std::string& text) {
-  std::string line, last;
-  char prefix = 0;
-  for (size_t i = 0; i <= text.size(); ++i) {
-    const char c = i < text.size() ? text[i] : '\n';
-    if (c != '\n') {
-      line += c;
-      continue;
-    }
-    if (!line.empty() && line.back() == '\r')
-      line.pop_back();
-    if (line.size() >= 2 && (line[0] == '*' || line[0] == '<' || line[0] == '>') && line[1] == ' ')
-      prefix = line[0];
-    else if (!line.empty() && prefix)
-      line = std::string(1, prefix) + " " + line;
-    for (const char* tag : {"DataIn ", "DataOut ", "SSLIn ", "SSLOut "}) {
-      const size_t at = line.find(tag);
-      if (at != std::string::npos && at > 0)
-        line.erase(at);
-      else if (at == 0)
-        line.clear();
-    }
-    if (!line.empty() && !(line.size() == 2 && line == last))
-      std::cerr << line << "\n";
-    last = std::move(line);
-    line.clear();
-  }
-}
 
 std::string Seconds(int64_t us) {
   char text[32];
@@ -224,7 +209,9 @@ int RunTransfer(const HttpOptions& o, size_t index, Output& out, std::string& er
   params.maxBodyBytes = size_t(o.maxFilesize);
   ApplyProxy(o, request.url, params);
 
-  const bool progress = !o.silent && isatty(2) && (file || !isatty(1));
+  // As curl: whether standard error is a terminal does not matter, a body written to the terminal
+  // hides it; parallel transfers show none (curl shows one meter for all).
+  const bool progress = !o.silent && (file || !isatty(1)) && !(o.parallel && o.urls.size() > 1);
   CliSink sink(o, target, progress);
   qz::http::TransferOutcome outcome;
   const qz::http::RetryPolicy retry = RetryOf(o);
@@ -232,8 +219,6 @@ int RunTransfer(const HttpOptions& o, size_t index, Output& out, std::string& er
   int rc = kExitOk;
   for (unsigned failures = 1;; ++failures) {
     const bool ok = qz::http::PerformTransfer(connection, request, sink, outcome);
-    if (o.conn.verboseFlag)
-      PrintDebugLines(connection.getLastDebugInformations());
     qz::http::TransferError why = outcome.error;
     rc = ok ? kExitOk : ExitCodeOfTransferError(outcome.error);
     if (ok && ((o.fail || o.failWithBody) && outcome.status >= 400)) {

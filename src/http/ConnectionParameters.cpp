@@ -102,7 +102,7 @@ void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, 
   r.lowSpeedLimit = lowSpeed ? p.lowSpeedLimit : 0;
   r.lowSpeedTime = lowSpeed ? p.lowSpeedTime : 0;
   r.tcpKeepAlive = p.tcpKeepAlive > 0 ? p.tcpKeepAlive : 0;
-  r.verbose = p.verbose != 0 ? 1 : 0;
+  r.verbose = p.verbose != 0 || p.debugLines ? 1 : 0;
   r.ipResolve = ResolveIpResolve(p.hostNameResolutionPolicy);
   r.verifyPeer = ResolveVerifyPeer(p.sslValidatePolicy);
   // Exact text on purpose: "localhost" and "[::1]" are still checked.

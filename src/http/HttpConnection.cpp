@@ -21,7 +21,10 @@ const char* const kKeepAliveLine = "Connection: Keep-Alive";
 
 int debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* userPtr) {
   auto* d = static_cast<HttpConnection::HttpConnectionPrivate*>(userPtr);
-  if (d->parameters.verbose == 0 || int(type) > 7)
+  const auto& live = d->parameters.debugLines;
+  if (live)
+    ReportDebugLines(live, type, std::string_view(data, size));
+  if (d->parameters.verbose == 0 || int(type) > 7 || (live && !d->inTransfer))
     return 0;
   try {
     std::string entry;
@@ -107,6 +110,34 @@ std::string RedactedHeaders(std::string_view block) {
     out.append("[redacted]").append(line.ends_with("\r\n") ? "\r\n" : line.ends_with("\n") ? "\n" : "");
   }
   return out;
+}
+
+bool ReportDebugLines(const decltype(HttpConnection::ConnectionParameters::debugLines)& to, curl_infotype type,
+                      std::string_view text) {
+  if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT)
+    return false;
+  const DebugLineKind kind = type == CURLINFO_TEXT        ? DebugLineKind::Info
+                             : type == CURLINFO_HEADER_IN ? DebugLineKind::HeaderIn
+                                                          : DebugLineKind::HeaderOut;
+  try {
+    std::string redacted;
+    if (kind == DebugLineKind::HeaderOut) {
+      redacted = RedactedHeaders(text);
+      text = redacted;
+    }
+    // One block may hold several lines (the sent headers); each ends with LF or CR LF.
+    while (!text.empty()) {
+      const size_t eol = text.find('\n');
+      std::string_view line = text.substr(0, eol);
+      text.remove_prefix(eol == std::string_view::npos ? text.size() : eol + 1);
+      if (line.ends_with('\r'))
+        line.remove_suffix(1);
+      to(kind, line);
+    }
+  } catch (...) {
+    // A caller's function that throws loses its line; libcurl is not unwound.
+  }
+  return true;
 }
 
 int ApplyConnectionOptions(CURL* h) {

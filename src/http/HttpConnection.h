@@ -6,13 +6,19 @@
 #include <HttpTools/url/Url.h>
 
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace qz::http {
 
 class HttpProxyFinder;
+
+/// What a line given to ConnectionParameters::debugLines is: libcurl's information text, a
+/// header line received or a header line sent.
+enum class DebugLineKind { Info, HeaderIn, HeaderOut };
 
 /// One HTTP exchange at a time over one libcurl easy handle that stays open between calls, so
 /// that libcurl reuses the TCP/TLS connection. Not copyable; used by one thread at a time.
@@ -45,6 +51,12 @@ public:
     std::string clientKeyFile;  ///< its PEM private key; empty = in the certificate file
     size_t maxBodyBytes = 0;    ///< largest response body, counted after decoding; 0 = no limit
     long totalTimeoutMs = 0;    ///< time allowed for a whole request; 0 = none
+    /// Receives libcurl's debug lines as they happen, one call per line without its line end:
+    /// information, header lines received and sent (Authorization, Proxy-Authorization and
+    /// Cookie redacted as in the stored debug lines), never body data. Set, it turns libcurl's
+    /// verbose output on whatever `verbose` says. Called on the thread of the transfer: a
+    /// function shared by connections used from several threads must be thread-safe.
+    std::function<void(DebugLineKind kind, std::string_view line)> debugLines;
 
     /// Sets the options on the libcurl easy handle `curlHandle` for a request to `target`: every
     /// field above, requests and redirects over http and https only, certificate checks (the

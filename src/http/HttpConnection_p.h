@@ -65,6 +65,10 @@ int ApplyConnectionOptions(CURL* handle);
 // Sent header lines for the debug log, with the credentials of Authorization, Proxy-Authorization
 // and Cookie replaced: a log is no place for a secret.
 std::string RedactedHeaders(std::string_view block);
+// Hands libcurl's debug text of type `type` to `to`, line by line, sent headers redacted. False
+// for a type it does not report (data). Never throws.
+bool ReportDebugLines(const decltype(HttpConnection::ConnectionParameters::debugLines)& to, curl_infotype type,
+                      std::string_view text);
 
 // Failure texts, shared with the multi-request engine so that both word a failure alike.
 // A failed transfer; a reached total time-out and an exceeded body limit say so.

@@ -51,6 +51,7 @@ HttpMultiConnection::Private::Handle* HttpMultiConnection::Private::takeHandle()
   int rc = ApplyConnectionOptions(e);
   rc |= curl_easy_setopt(e, CURLOPT_NOPROGRESS, 1L);
   rc |= curl_easy_setopt(e, CURLOPT_DEBUGFUNCTION, onDebug);
+  rc |= curl_easy_setopt(e, CURLOPT_DEBUGDATA, h.get());
   rc |= curl_easy_setopt(e, CURLOPT_ERRORBUFFER, h->errorBuffer);
   rc |= curl_easy_setopt(e, CURLOPT_COOKIEFILE, ""); // cookie engine on, no file read
   rc |= curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
@@ -226,12 +227,17 @@ size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t co
   return n;
 }
 
-int HttpMultiConnection::Private::onDebug(CURL*, curl_infotype type, char* data, size_t size, void*) {
+int HttpMultiConnection::Private::onDebug(CURL*, curl_infotype type, char* data, size_t size, void* handle) {
+  const std::string_view text(data, size);
+  const auto& live = static_cast<Handle*>(handle)->engine->parameters.debugLines;
+  if (live) {
+    ReportDebugLines(live, type, text);
+    return 0;
+  }
   if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT)
     return 0;
   try {
     const char* mark = type == CURLINFO_TEXT ? "* " : type == CURLINFO_HEADER_IN ? "< " : "> ";
-    const std::string_view text(data, size);
     qzLogObject(qzLog::Debug, "curl") << mark
                                       << (type == CURLINFO_HEADER_OUT ? RedactedHeaders(text) : std::string(text));
   } catch (...) {

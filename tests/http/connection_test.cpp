@@ -251,9 +251,17 @@ TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
   EXPECT_TRUE(cap.has("curl", "> GET /bytes?n=10 HTTP/1.1")) << cap.dump();
   EXPECT_TRUE(cap.has("curl", "Authorization: Basic [redacted]")) << cap.dump(); // never dTpzM2NyZXQ=
   EXPECT_THAT(c.getLastDebugInformations(), testing::Not(HasSubstr("dTpzM2NyZXQ")));
+  // A line function alone: each line as it comes, credentials redacted, no data; nothing stored.
   c.editConnectionParameters().verbose = 0;
-  ASSERT_TRUE(get(c, "/bytes?n=10"));
+  std::string lines; // '|' after each: a line holds no line end
+  c.editConnectionParameters().debugLines = [&lines](DebugLineKind k, std::string_view l) {
+    lines.append(k == DebugLineKind::HeaderOut ? "> " : k == DebugLineKind::HeaderIn ? "< " : "* ").append(l) += '|';
+  };
+  ASSERT_TRUE(get(c, "http://u:s3cret@" + srv.url("/bytes?n=10").substr(7)));
   EXPECT_EQ(c.getLastDebugInformations(), "");
+  EXPECT_THAT(lines, AllOf(StartsWith("* "), HasSubstr("|> GET /bytes?n=10 HTTP/1.1|"),
+                           HasSubstr("|> Authorization: Basic [redacted]|"), HasSubstr("|< HTTP/1.1 200 OK|"),
+                           HasSubstr("|< |"), testing::Not(testing::ContainsRegex("dTpz|abcdefghij|\r|\n"))));
 }
 
 TEST(DebugLines, CredentialsAreRedactedWhateverTheCase) {

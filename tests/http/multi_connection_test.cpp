@@ -203,7 +203,7 @@ TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
     std::string contentType; // as the server saw it
   };
   const std::vector<Case> cases = {
-      {1, "", {"X-A: 1"}, ""},
+      {1, "", {"X-A: 1", "Authorization: Basic c2VjcmV0"}, ""},
       {4, "gone", {}, "application/octet-stream"},
       {2, "put body", {}, "application/octet-stream"},
       {2, "", {}, "application/octet-stream"},
@@ -220,9 +220,15 @@ TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
     requests.back().headers = k.headers;
   }
   Multi multi(3);
+  std::string lines; // debug lines as the connection reports them
+  multi.editConnectionParameters().debugLines = [&lines](DebugLineKind k, std::string_view l) {
+    lines.append(k == DebugLineKind::HeaderOut ? "> " : k == DebugLineKind::HeaderIn ? "< " : "* ").append(l) += '\n';
+  };
   Collector c;
   const auto ids = c.add(multi, std::move(requests));
   ASSERT_TRUE(multi.perform());
+  EXPECT_THAT(lines, testing::AllOf(HasSubstr("\n> Authorization: Basic [redacted]\n"), HasSubstr("\n> HEAD /headers"),
+                                    HasSubstr("\n< X-One: 1\n"), testing::Not(HasSubstr("c2VjcmV0"))));
   for (size_t i = 0; i + 1 < cases.size(); ++i) {
     const Multi::Response& r = c.byId[ids[i]];
     ASSERT_TRUE(r.success) << i << " " << r.errorMessage;
