@@ -104,6 +104,7 @@ using Winners = std::vector<std::pair<std::string, std::string>>; // id, rev (""
 // "present" (16 bits an id up to 4 million ids, 8 MB at most).
 class IdFilter {
 public:
+  IdFilter() { reset(0); }
   void reset(size_t expected) {
     size_t bits = size_t(1) << 16;
     while (bits < expected * 16 && bits < (size_t(1) << 26))
@@ -148,7 +149,6 @@ public:
   // filter, or writes meanwhile) costs a second scan that looks them up too.
   bool run(std::string& error) {
     const int64_t held = countHeld();
-    m_listed.reset(size_t(std::max<int64_t>(held, 0)));
     if (!couchSide(error))
       return false;
     if (held >= 0 && size_t(held) == m_found)
@@ -204,6 +204,8 @@ private:
       qzVariantMapImpl answer;
       if (!couchCall(m_def.couch.toUrl({m_def.database, "_all_docs"}, query), nullptr, answer, error))
         return false;
+      if (last.empty())
+        m_listed.reset(size_t(std::max<int64_t>(answer["total_rows"].toInt64(), 0)));
       const auto& rows = answer["rows"].toList();
       Winners winners;
       for (const auto& row : rows) {
