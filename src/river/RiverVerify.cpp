@@ -8,11 +8,13 @@
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/river/RiverPipeline_p.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 
@@ -98,6 +100,39 @@ private:
 
 using Winners = std::vector<std::pair<std::string, std::string>>; // id, rev ("": left out of the index)
 
+// The ids CouchDB listed, in a fixed-size Bloom filter: never a false "absent", rarely a false
+// "present" (16 bits an id up to 4 million ids, 8 MB at most).
+class IdFilter {
+public:
+  IdFilter() { reset(0); }
+  void reset(size_t expected) {
+    size_t bits = size_t(1) << 16;
+    while (bits < expected * 16 && bits < (size_t(1) << 26))
+      bits <<= 1;
+    m_bits.assign(bits / 64, 0);
+    m_mask = bits - 1;
+  }
+  void add(std::string_view id) {
+    probe(id, [&](uint64_t bit) { m_bits[bit / 64] |= uint64_t(1) << (bit % 64); });
+  }
+  bool mayHold(std::string_view id) const {
+    bool all = true;
+    probe(id, [&](uint64_t bit) { all = all && (m_bits[bit / 64] >> (bit % 64) & 1); });
+    return all;
+  }
+
+private:
+  template <typename F> void probe(std::string_view id, F f) const {
+    const uint64_t h = std::hash<std::string_view>{}(id);
+    uint64_t step = h * 0x9e3779b97f4a7c15ull;
+    step = (step ^ (step >> 31)) | 1;
+    for (uint64_t i = 0; i < 4; ++i)
+      f((h + i * step) & m_mask);
+  }
+  std::vector<uint64_t> m_bits;
+  uint64_t m_mask = 0;
+};
+
 class Verifier {
 public:
   Verifier(http::HttpConnectionPool& pool, const RiverDefinition& def, bool repair, RiverDrift& drift,
@@ -109,13 +144,17 @@ public:
   // CouchDB's winners are looked up in the index. The index can hold more only when it counts
   // more documents than those lookups found: only then is it scanned for the extra ones. (A
   // count taken before the lookups and equal to what they found leaves no room for an extra.)
+  // The scan looks up in CouchDB only the ids it did not list; when the others number exactly
+  // what the lookups found, they are those ids, and only a mismatch (a false "present" of the
+  // filter, or writes meanwhile) costs a second scan that looks them up too.
   bool run(std::string& error) {
     const int64_t held = countHeld();
     if (!couchSide(error))
       return false;
     if (held >= 0 && size_t(held) == m_found)
       return true;
-    return elasticSide(error);
+    size_t listed = 0;
+    return elasticSide(false, listed, error) && (listed == m_found || elasticSide(true, listed, error));
   }
 
 private:
@@ -165,6 +204,8 @@ private:
       qzVariantMapImpl answer;
       if (!couchCall(m_def.couch.toUrl({m_def.database, "_all_docs"}, query), nullptr, answer, error))
         return false;
+      if (last.empty())
+        m_listed.reset(size_t(std::max<int64_t>(answer["total_rows"].toInt64(), 0)));
       const auto& rows = answer["rows"].toList();
       Winners winners;
       for (const auto& row : rows) {
@@ -172,6 +213,7 @@ private:
         last = r.count("id") ? r.at("id").toString() : last;
         if (last.rfind("_design/", 0) == 0)
           continue;
+        m_listed.add(last);
         std::string rev =
             r.count("value")
                 ? r.at("value").toMap().count("rev") ? r.at("value").toMap().at("rev").toString() : std::string()
@@ -257,11 +299,13 @@ private:
     return !m_repair || (write(rewrite, error) && removeExtra(remove, error));
   }
 
-  // Every document of the alias against _all_docs by keys, looked up while the scan goes on.
-  bool elasticSide(std::string& error) {
+  // The documents of the alias that CouchDB listed (or did not) against _all_docs by keys, looked
+  // up while the scan goes on; `listed` counts the scanned ids CouchDB listed.
+  bool elasticSide(bool lookUpListed, size_t& listed, std::string& error) {
     using Ids = std::vector<std::string>;
     PageChecker<Ids> checker([this](Ids& ids, std::string& why) { return checkHeld(ids, why); });
     Ids page;
+    listed = 0;
     auto flushPage = [&] {
       const bool ok = page.empty() || checker.submit(std::move(page));
       page = Ids();
@@ -274,6 +318,10 @@ private:
         *connection, m_def.elastic, m_def.index,
         JsonText(qzVariantMapImpl{{"_source", qzVariantListImpl{qzVariant(std::string(kRevField))}}}),
         [&](qz::elasticsearch::SearchHit& hit) {
+          const bool known = m_listed.mayHold(hit.id);
+          listed += known;
+          if (known != lookUpListed)
+            return true;
           page.push_back(hit.id);
           return page.size() < kPage || flushPage();
         },
@@ -358,6 +406,7 @@ private:
   RiverDrift& m_drift;
   std::mutex m_mutex; // guards m_drift and m_found: pages are checked on threads of their own
   size_t m_found = 0; // CouchDB's ids the index holds
+  IdFilter m_listed;  // the ids _all_docs listed
   const bool* m_cancel;
   StopSignal m_stop;
   std::unique_ptr<BulkSender> m_sender;

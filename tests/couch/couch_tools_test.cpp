@@ -277,12 +277,14 @@ TEST_F(CouchToolsOnPouchDb, GetterReportsMissingAndDeletedIdsInOrder) {
 }
 
 TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
+  // By i % 7: 3 is deleted, 5 gets an inline attachment, the rest counts up; every batch has each.
   std::vector<std::string> ids;
-  for (int i = 0; i < 30; ++i) {
+  for (int i = 0; i < 35; ++i) {
     ids.push_back("u" + std::to_string(i));
     ASSERT_EQ(put(ids.back(), R"({"n":0})"), 201);
   }
   ids.push_back("absent");
+  auto role = [](const std::string& id) { return id == "absent" ? -1 : std::stoi(id.substr(1)) % 7; };
   std::set<std::string> raced;
   // The first write is applied but its answer lost: the retry must not change those documents again.
   qztest::FaultProxy proxy(s_server->port());
@@ -295,7 +297,12 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
       ids,
       [&](qzVariantMapImpl& d) {
         const std::string id = d["_id"].toString();
-        if (id.back() % 2 == 0 && raced.insert(id).second) { // another writer gets there first, once
+        if (role(id) == 3)
+          return d["_deleted"] = true, true;
+        if (role(id) == 5)
+          d["_attachments"] = qzVariantMapImpl{
+              {"a.txt", qzVariantMapImpl{{"content_type", "text/plain"}, {"data", "aGVsbG8gd29ybGQ="}}}};
+        else if (id.back() % 2 == 0 && raced.insert(id).second) { // another writer gets there first, once
           EXPECT_EQ(put(id, R"({"n":10,"other":true,"_rev":")" + d["_rev"].toString() + "\"}"), 201);
         }
         d["n"] = d["n"].toInt64() + 1;
@@ -303,11 +310,17 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
       },
       &written, &error, nullptr))
       << error;
-  EXPECT_EQ(written, 29u);
-  EXPECT_EQ(raced.size(), 15u);
+  EXPECT_EQ(written, 34u);
+  EXPECT_EQ(raced.size(), 14u);
   for (const std::string& id : ids)
     if (id != "absent") {
-      EXPECT_EQ(State(doc(id)), raced.count(id) ? "n:11 other:true /0" : id == "u29" ? "n:0 /0" : "n:1 /0") << id;
+      const qzVariantMapImpl d = doc(id);
+      EXPECT_EQ(State(d) + (d.count("_attachments") ? " +a" : ""), role(id) == 3 ? "error:not_found reason:missing /0"
+                                                                   : raced.count(id) ? "n:11 other:true /0"
+                                                                   : role(id) == 5   ? "n:1 /0 +a"
+                                                                   : id == "u29"     ? "n:0 /0"
+                                                                                     : "n:1 /0")
+          << id;
     }
   EXPECT_EQ(proxy.acted(0), 1u);
 }
@@ -317,6 +330,11 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   ASSERT_EQ(put("doc-00100", "{}"), 201); // not in the way: that document gets an id of its own
   ASSERT_EQ(put("doc-12345", "{}"), 201);
   const size_t total = 20000;
+  // In every batch, i % 100 == 25 deletes one of these and i % 100 == 50 has an inline attachment.
+  std::string gone;
+  for (size_t i = 25; i < total; i += 100)
+    gone += std::string(gone.empty() ? "" : ",") + R"({"_id":"gone-)" + std::to_string(i) + R"(","_rev":"1-a"})";
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", R"({"new_edits":false,"docs":[)" + gone + "]}"), 201);
   // Answers of applied batches are lost: their retries store nothing twice, fail nothing.
   qztest::FaultProxy proxy(s_server->port());
   const auto lost = qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer).from(2).repeat(3);
@@ -328,6 +346,10 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
     qzVariantMapImpl d{{"i", int64_t(i)}, {"pad", pad}};
     if (i % 100 != 0) // every hundredth has no id
       d["_id"] = id;
+    if (i % 100 == 25)
+      d = {{"_id", "gone-" + std::to_string(i)}, {"_rev", "1-a"}, {"_deleted", true}};
+    if (i % 100 == 50)
+      d["_attachments"] = qzVariantMapImpl{{"a", qzVariantMapImpl{{"content_type", "text/plain"}, {"data", "aGk="}}}};
     ASSERT_TRUE(up.add(std::move(d)));
   }
   std::string error;
@@ -340,8 +362,9 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   EXPECT_EQ(up.uploaded(), total - 2);
   EXPECT_EQ(proxy.acted(0), 3u);
   const qzVariantMapImpl info = get("/" + db).toMap();
-  EXPECT_EQ(info.at("doc_count").toInt64(), int64_t(total + 1));
-  EXPECT_EQ(info.at("update_seq").toInt64(), int64_t(total + 1)); // nothing written twice
+  EXPECT_EQ(info.at("doc_count").toInt64(), int64_t(total + 1 - 200));
+  EXPECT_EQ(info.at("update_seq").toInt64(), int64_t(total + 201)); // nothing written twice
+  EXPECT_EQ(doc("doc-19950")["_attachments"].toMap().at("a").toMap().at("length").toInt64(), 2);
 }
 
 TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
