@@ -285,16 +285,24 @@ Run Measure(const std::vector<std::string>& argv, const std::string& in, const s
   // A tool that stalls is stopped (by its PID) after a generous time.
   const double deadline = t0 + 120 + gDocs / 100.0;
   pid_t ended = 0;
+  // Peak RSS as the program's own high-water mark, read while it runs: wait4's maxrss also
+  // counts the pages the child shared with this process between fork and exec. The mark only
+  // rises after exec, so the last reading is the peak (up to the last 20 ms).
+  double hwmMb = 0;
   while (pid > 0 && (ended = wait4(pid, &status, WNOHANG, &ru)) == 0) {
     if (bench::Now() > deadline)
       kill(pid, SIGKILL);
+    std::ifstream proc("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(proc, line);)
+      if (line.starts_with("VmHWM:"))
+        hwmMb = std::atof(line.c_str() + 6) / 1024;
     usleep(20000);
   }
   if (ended != pid)
     return r;
   r.sec = bench::Now() - t0;
   r.cpuSec = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-  r.rssMb = double(ru.ru_maxrss) / 1024;
+  r.rssMb = hwmMb > 0 ? hwmMb : double(ru.ru_maxrss) / 1024;
   r.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   return r;
 }
