@@ -11,10 +11,12 @@
 // --backup instead compares backup and restore of a database of N documents: `httptools couch
 // backup|restore`, couchbackup|couchrestore (npm @cloudant/couchbackup, with its defaults) and a
 // nano loop (bench/nano/couch_nano.js), each a child process timed with its CPU and peak RSS
-// (wait4), tools in alternating order, each restore into a fresh database checked for N documents.
+// (wait4), tools in rotating order, each restore into a fresh database checked for N documents.
+// All three go through CouchShimProxy, which gives couchbackup what pouchdb-server lacks; each
+// round also times pouchdb-server's own paged _all_docs read, the rate the tools are bound by.
 //
 //   couch_bench [--docs=N] [--rounds=R] [benchmark flags]   (a short --benchmark_min_time: a quick run)
-//   couch_bench --backup [--docs=N] [--rounds=R]
+//   couch_bench --backup [--docs=N] [--rounds=R] [--proxy-log=FILE]
 
 #include <HttpTools/HttpTools.h>
 
@@ -24,6 +26,7 @@
 #include "support/Process.h"
 
 #include "BenchSupport.h"
+#include "CouchShimProxy.h"
 
 #include <benchmark/benchmark.h>
 #include <httplib.h>
@@ -46,6 +49,7 @@ namespace {
 
 int gDocs = 20000;
 int gRounds = 5;
+std::string gProxyLog;
 const unsigned kThreads = 4;
 const size_t kBatch = 500;
 const size_t kPad = 1000;
@@ -281,16 +285,24 @@ Run Measure(const std::vector<std::string>& argv, const std::string& in, const s
   // A tool that stalls is stopped (by its PID) after a generous time.
   const double deadline = t0 + 120 + gDocs / 100.0;
   pid_t ended = 0;
+  // Peak RSS as the program's own high-water mark, read while it runs: wait4's maxrss also
+  // counts the pages the child shared with this process between fork and exec. The mark only
+  // rises after exec, so the last reading is the peak (up to the last 20 ms).
+  double hwmMb = 0;
   while (pid > 0 && (ended = wait4(pid, &status, WNOHANG, &ru)) == 0) {
     if (bench::Now() > deadline)
       kill(pid, SIGKILL);
+    std::ifstream proc("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(proc, line);)
+      if (line.starts_with("VmHWM:"))
+        hwmMb = std::atof(line.c_str() + 6) / 1024;
     usleep(20000);
   }
   if (ended != pid)
     return r;
   r.sec = bench::Now() - t0;
   r.cpuSec = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-  r.rssMb = double(ru.ru_maxrss) / 1024;
+  r.rssMb = hwmMb > 0 ? hwmMb : double(ru.ru_maxrss) / 1024;
   r.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   return r;
 }
@@ -303,72 +315,32 @@ int64_t DocCount(const qztest::PouchDbServer& server, const std::string& db) {
   return m["doc_count"].toInt64();
 }
 
-// couchbackup's change follower reads a one-off feed until an answer says "pending":0, which
-// pouchdb-server never sends: this proxy forwards every request and adds it to _changes answers
-// (0 when the page is shorter than its limit). All three tools go through it. Bodies go
-// uncompressed both ways, as a CouchDB sends them by default (couchbackup gzips its requests).
-class PendingProxy {
-public:
-  explicit PendingProxy(uint16_t upstream) : m_upstream(upstream) {
-    m_server.set_keep_alive_max_count(100000);
-    // A thread per kept-alive connection: the default pool of 8 starves couchbackup's.
-    m_server.new_task_queue = [] { return new httplib::ThreadPool(64); };
-    auto forward = [this](const httplib::Request& req, httplib::Response& res) { handle(req, res); };
-    m_server.Get(".*", forward);
-    m_server.Post(".*", forward);
-    m_server.Put(".*", forward);
-    m_server.Delete(".*", forward);
-    m_port = m_server.bind_to_any_port("127.0.0.1");
-    m_thread = std::thread([this] { m_server.listen_after_bind(); });
+// pouchdb-server's own read rate: _all_docs with include_docs in pages of kBatch, read directly by
+// a minimal client that only finds each page's last key. Returns docs/s; `serverCpu` its CPU s.
+double ServerReadRate(const qztest::PouchDbServer& server, const std::string& db, double& serverCpu) {
+  httplib::Client client("127.0.0.1", server.port());
+  client.set_read_timeout(60);
+  const double srv0 = processCpuSec(server.pid()), t0 = bench::Now();
+  std::string start;
+  int docs = 0;
+  for (;;) {
+    std::string target = "/" + db + "/_all_docs?include_docs=true&limit=" + std::to_string(kBatch);
+    if (!start.empty())
+      target += "&skip=1&startkey=" + httplib::detail::encode_query_param("\"" + start + "\"");
+    const httplib::Result r = client.Get(target);
+    if (!r || r->status != 200)
+      return 0;
+    size_t rows = 0, last = std::string::npos;
+    for (size_t at = r->body.find("{\"id\":\""); at != std::string::npos; at = r->body.find("{\"id\":\"", at + 1))
+      ++rows, last = at + 7;
+    if (rows == 0)
+      break;
+    docs += int(rows);
+    start = r->body.substr(last, r->body.find('"', last) - last);
   }
-  ~PendingProxy() {
-    m_server.stop();
-    m_thread.join();
-  }
-  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(m_port); }
-
-private:
-  void handle(const httplib::Request& req, httplib::Response& res) {
-    thread_local httplib::Client client("127.0.0.1", m_upstream);
-    client.set_keep_alive(true);
-    client.set_read_timeout(60); // pouchdb-server never answers some of couchbackup's requests
-    httplib::Request up;
-    up.method = req.method;
-    up.path = req.target;
-    up.body = req.body;
-    for (const auto& [name, value] : req.headers)
-      if (name != "Host" && name != "Content-Length" && name != "Content-Encoding" && name != "Accept-Encoding" &&
-          name != "Transfer-Encoding" && name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" &&
-          name != "LOCAL_PORT")
-        up.headers.emplace(name, value);
-    const httplib::Result r = client.send(up);
-    if (!r) {
-      res.status = 502;
-      return;
-    }
-    res.status = r->status;
-    std::string body = r->body;
-    if (req.path.ends_with("/_changes") && r->status == 200 && body.find("\"pending\"") == std::string::npos) {
-      qz::qzVariantMapImpl feed;
-      if (qz::json::Json2Variant::Convert(body, feed)) {
-        qz::qzVariantMapImpl q;
-        qz::json::Json2Variant::Convert(req.body, q);
-        long limit = req.has_param("limit") ? std::stol(req.get_param_value("limit")) : q["limit"].toInt64();
-        const size_t rows = feed["results"].toList().size();
-        const size_t close = body.rfind('}');
-        if (close != std::string::npos)
-          body.insert(close, std::string(",\"pending\":") + (limit > 0 && rows >= size_t(limit) ? "1" : "0"));
-      }
-    }
-    // JSON with a charset is a type the proxy does not compress: no tool gets gzip.
-    res.set_content(std::move(body), "application/json; charset=utf-8");
-  }
-
-  httplib::Server m_server;
-  uint16_t m_upstream;
-  int m_port = 0;
-  std::thread m_thread;
-};
+  serverCpu = processCpuSec(server.pid()) - srv0;
+  return docs == gDocs ? gDocs / (bench::Now() - t0) : 0;
+}
 
 bool BackupComparison() {
   qztest::PouchDbServer server;
@@ -383,7 +355,7 @@ bool BackupComparison() {
   }
   const std::string bin = HTTPTOOLS_SOURCE_DIR "/bench/nano/node_modules/@cloudant/couchbackup/bin/";
   const std::string nanoJs = HTTPTOOLS_SOURCE_DIR "/bench/nano/couch_nano.js";
-  PendingProxy proxy(server.port());
+  bench::CouchShimProxy proxy(server.port(), gProxyLog);
   const std::string url = proxy.baseUrl(), dir = HTTPTOOLS_BINARY_DIR;
   // The source: gDocs documents of ~1 KB, and a tenth of it to show that memory stays flat.
   qz::http::HttpConnectionPool pool;
@@ -426,8 +398,16 @@ bool BackupComparison() {
        }},
   };
   const std::string errFile = dir + "/couch_bench_backup.err";
-  const Run small = Measure(tools[0].backup("small"), "", dir + "/couch_bench_small.ndjson", errFile);
-  for (int round = 0; round < gRounds; ++round)
+  const std::string smallFile = dir + "/couch_bench_small.ndjson";
+  const Run small = Measure(tools[0].backup("small"), "", smallFile, errFile);
+  server.request("PUT", "/small-restored");
+  const Run smallRestore = Measure(tools[0].restore("small-restored"), smallFile, "", errFile);
+  server.request("DELETE", "/small-restored");
+  proxy.takeCounts();
+  std::vector<double> readDps, readSrv;
+  for (int round = 0; round < gRounds; ++round) {
+    double srv = 0;
+    readDps.push_back(ServerReadRate(server, "source", srv)), readSrv.push_back(srv);
     for (size_t k = 0; k < tools.size(); ++k) {
       Tool& t = tools[(k + size_t(round)) % tools.size()];
       const std::string file = dir + "/couch_bench_backup.out", target = "restored-" + std::to_string(round);
@@ -449,7 +429,10 @@ bool BackupComparison() {
       t.bDps.push_back(gDocs / b.sec), t.bCpu.push_back(b.cpuSec), t.bRss.push_back(b.rssMb);
       t.rDps.push_back(gDocs / r.sec), t.rCpu.push_back(r.cpuSec), t.rRss.push_back(r.rssMb);
       t.bSrv.push_back(bSrv), t.rSrv.push_back(rSrv);
+      if (round == 0)
+        std::printf("proxy for %s: %s\n", t.name, proxy.takeCounts().c_str());
     }
+  }
   std::printf("backup and restore of %d docs of ~1 KB against one pouchdb-server, %d round(s) (medians)\n", gDocs,
               gRounds);
   std::printf("tool          backup d/s  CPU s  RSS MB  server CPU s | restore d/s  CPU s  RSS MB  server CPU s\n");
@@ -466,10 +449,14 @@ bool BackupComparison() {
           "httptools / %s: backup speed %.2fx, CPU %.2fx; restore speed %.2fx, CPU %.2fx\n", ref->name,
           bench::Median(ours.bDps) / bench::Median(ref->bDps), bench::Median(ours.bCpu) / bench::Median(ref->bCpu),
           bench::Median(ours.rDps) / bench::Median(ref->rDps), bench::Median(ours.rCpu) / bench::Median(ref->rCpu));
-  std::printf("httptools backup peak RSS: %.1f MB for %d docs, %.1f MB for %d docs\n", small.rssMb,
-              std::max(1, gDocs / 10), bench::Median(ours.bRss), gDocs);
+  std::printf("pouchdb-server alone, _all_docs?include_docs=true in pages of %zu: %.0f d/s, server CPU %.2f s\n",
+              kBatch, bench::Median(readDps), bench::Median(readSrv));
+  std::printf(
+      "httptools peak RSS, %d docs: backup %.1f MB, restore %.1f MB; %d docs: backup %.1f MB, restore %.1f MB\n",
+      std::max(1, gDocs / 10), small.rssMb, smallRestore.rssMb, gDocs, bench::Median(ours.bRss),
+      bench::Median(ours.rRss));
   std::fflush(stdout);
-  return small.ok;
+  return small.ok && smallRestore.ok;
 }
 
 void BM_ChangesFeedParser(benchmark::State& state) {
@@ -498,6 +485,8 @@ int main(int argc, char** argv) {
   const bool backup = args.takeSwitch("--backup");
   gDocs = args.takeInt("--docs=", gDocs, 1, 1000);
   gRounds = args.takeInt("--rounds=", gRounds, 1, 1);
+  if (const char* log = args.take("--proxy-log="))
+    gProxyLog = log;
   args.initializeBenchmark();
   if (backup) {
     qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy);
