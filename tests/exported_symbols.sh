@@ -34,7 +34,7 @@ check() { # pattern, what
 for n in $names; do
   check "(^|::|[ <(,])$n(::|\(|$)" "declared in a _p.h header"
 done
-check '_impl::' "an *_impl namespace"
+check '(^|[^_A-Za-z0-9])[A-Za-z][A-Za-z0-9_]*_impl::' "an *_impl namespace" # the standard library's __*_impl are not ours
 check '(Hook|ForTest)\b' "a test hook"
 count=$(wc -l <<<"$symbols")
 if [ $fail = 0 ]; then

@@ -15,6 +15,7 @@
 #include <functional>
 #include <iostream>
 #include <list>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -222,16 +223,31 @@ void RunRiverConfig(const RiverArgs& a) {
     return;
   }
   std::vector<qz::river::RiverDefinition> defs;
+  // The source's header lines by CouchDB server: the pool tells servers apart by host and port
+  // only, so the rivers reading one server agree on them and no target shares its address.
+  std::map<std::pair<std::string, unsigned short>, std::pair<std::string, std::vector<std::string>>> sources;
+  const auto usage = [](const std::string& message) {
+    std::cerr << "httptools river: " << message << "\n";
+    exitCode = kExitUsage;
+  };
   for (auto& entry : config.rivers) {
-    if (!ApplyRiverExtras(entry, error)) {
-      std::cerr << "httptools river: " << error << "\n";
-      exitCode = kExitUsage;
-      return;
-    }
+    std::vector<std::string> lines;
+    if (!ApplyRiverExtras(entry, error))
+      return usage(error);
+    if (!SideHeaderLines("sourceHeaders", entry.sourceHeaders, lines, error))
+      return usage(entry.definition.name + ": " + error);
+    const auto& def = entry.definition;
+    auto [known, added] = sources.try_emplace({def.couch.host, def.couch.port}, def.name, lines);
+    if (!added && known->second.second != lines)
+      return usage(def.name + ": sourceHeaders differ from those of " + known->second.first + " on the same server");
     if (a.maxDocsPerSecond)
       entry.definition.maxDocsPerSecond = a.maxDocsPerSecond;
     defs.push_back(entry.definition);
   }
+  for (const auto& def : defs)
+    if (auto s = sources.find({def.elastic.host, def.elastic.port}); s != sources.end() && !s->second.second.empty())
+      return usage(s->second.first + ": sourceHeaders need the source on another host or port than the target of " +
+                   def.name);
   if (!UseConnectionOptions("httptools river", a.conn)) {
     exitCode = kExitUsage;
     return;
@@ -241,7 +257,15 @@ void RunRiverConfig(const RiverArgs& a) {
     exitCode = kExitUsage;
     return;
   }
-  RunRivers(defs, config.workers, a);
+  RunRivers(defs, config.workers, a, [sources](qz::http::HttpConnection& c, const std::string& h, unsigned short p) {
+    Prepare(c);
+    auto s = sources.find({h, p});
+    if (s == sources.end() || s->second.second.empty())
+      return;
+    std::list<std::string> headers = c.getCommonHeaders();
+    headers.insert(headers.end(), s->second.second.begin(), s->second.second.end());
+    c.setCommonHeaders(headers);
+  });
 }
 
 // --replay FILE: exit 0 when every listed document went through.

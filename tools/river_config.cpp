@@ -193,12 +193,6 @@ bool ApplyRiverExtras(RiverConfigEntry& entry, std::string& error) {
       return false;
     }
   entry.definition.elastic.extraHeaders.insert(entry.definition.elastic.extraHeaders.end(), lines.begin(), lines.end());
-  // Not carried by a definition (the pool tells the sides apart only by host and port): refused
-  // rather than silently dropped.
-  if (!entry.sourceHeaders.empty()) {
-    error = entry.definition.name + ": sourceHeaders: CouchDB headers are not supported by this build";
-    return false;
-  }
   entry.definition.selectorJson = entry.selectorJson;
   return true;
 }

@@ -130,13 +130,14 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopAndPartialAnswer) {
           },
           &cancel);
       EXPECT_EQ(ok, ending == PartialAllowed);
-      const char* expected[] = {"all shards failed",
-                                "failed",
-                                "cancelled",
-                                "stopped by the hit function",
-                                "partial results from docs: the search timed out; 1 of 2 shard(s) failed [shard 1 "
-                                "of emulated: node_disconnected_exception [emulator-2] disconnected (injected fault)]",
-                                ""};
+      const char* expected[] = {
+          "all shards failed",
+          "failed",
+          "cancelled",
+          "stopped by the hit function",
+          ("partial results from docs: the search timed out; 1 of 2 shard(s) failed [shard 1 "
+           "of emulated: node_disconnected_exception [emulator-2] disconnected (injected fault)]"),
+          ""};
       EXPECT_NE(error.find(expected[ending]), std::string::npos) << error;
       if (ending >= Partial)
         EXPECT_EQ(seen, ending == Partial ? 100u : 300u);

@@ -75,6 +75,7 @@ TEST_F(RiverEndpointsCli, HeadersAndCredentialsReachBothSidesAndStayHidden) {
     int exit;
     const char* says;           // in the output
     bool couchOnTarget = false; // the source given at the target's address
+    bool config = false;        // the same through --config: extra[0] and [1] are its header lists
   } table[] = {
       {"no headers: the source refuses", {"--target-header", esLines}, 1, "unauthorized"},
       {"no target headers: the target refuses", {"--source-header", tenant}, 1, "security_exception"},
@@ -86,13 +87,26 @@ TEST_F(RiverEndpointsCli, HeadersAndCredentialsReachBothSidesAndStayHidden) {
        2,
        "another host or port",
        true},
+      {"both sides from a config file", {tenant, esLines}, 0, "river c seq=50", false, true},
+      {"config: source headers on the target's address", {"X-A: b", esLines}, 2, "another host or port", true, true},
   };
   for (const auto& row : table) {
     SCOPED_TRACE(row.name);
     std::vector<std::string> argv{HTTPTOOLS_CLI, "river", couchUrl, esUrl, "--once", "--retry-max-time", "0"};
     if (row.couchOnTarget)
       argv[2] = "http://u:p@127.0.0.1:" + std::to_string(elastic.port()) + "/db";
-    argv.insert(argv.end(), row.extra.begin(), row.extra.end());
+    if (row.config)
+      argv = {HTTPTOOLS_CLI,
+              "river",
+              "--once",
+              "--retry-max-time",
+              "0",
+              "--config",
+              scratch("rivers.json", R"({"rivers":[{"name":"c","source":")" + argv[2] + R"(","target":")" + argv[3] +
+                                         R"(","sourceHeaders":[")" + row.extra[0] + R"("],"targetHeaders":[")" +
+                                         row.extra[1] + R"("]}]})")};
+    else
+      argv.insert(argv.end(), row.extra.begin(), row.extra.end());
     std::string out, err;
     EXPECT_EQ(qztest::RunProgram(argv, "", out, err), row.exit) << out << err;
     EXPECT_NE((out + err).find(row.says), std::string::npos) << out << err;

@@ -37,7 +37,7 @@ std::string mappingError(const Index& ix, const std::string& id, const Value& so
     const Value* v = fieldOf(source, field);
     if (!v || v->IsNull())
       continue;
-    const bool ok = v->IsArray() ? std::all_of(v->Begin(), v->End(), [&](const Value& e) { return fits(type, e); })
+    const bool ok = v->IsArray() ? std::all_of(v->Begin(), v->End(), [&t = type](const Value& e) { return fits(t, e); })
                                  : fits(type, *v);
     if (!ok)
       return "failed to parse field [" + field + "] of type [" + type + "] in document with id '" + id +
