@@ -150,12 +150,13 @@ bool baseRequest(const std::string& queryJson, const SearchOptions& options, qzV
 // Opens a point in time on `index`. True with `pitId` set, or empty when the server has none
 // (scroll then); false with `err`.
 bool openPit(http::HttpConnection& connection, const ElasticConnectionParameters& server, const std::string& index,
-             const http::CancelToken& token, std::string& pitId, std::string& err) {
+             const http::CancelToken* token, std::string& pitId, std::string& err) {
   ElasticResponse r;
   pitId.clear();
   if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr, nullptr,
-                   r, nullptr, &token)) {
-    err = token.isCancelled() ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
+                   r, nullptr, token)) {
+    err =
+        token && token->isCancelled() ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
     return false;
   }
   if (r.status == 200) {
@@ -195,8 +196,8 @@ struct Scan {
   const qzVariantMapImpl& request;
   const SearchOptions& options;
   unsigned pageSize;
-  std::string pitId; // empty: a scroll per slice
-  const http::CancelToken& token;
+  std::string pitId;              // empty: a scroll per slice
+  const http::CancelToken* token; // null: nothing cancels (plain transfers, no polling)
 };
 
 // Reads every page of slice `slice` of `max` (the whole result when max <= 1) into `onHit`. The
@@ -216,12 +217,12 @@ bool scanPages(const Scan& scan, http::HttpConnection& connection, unsigned slic
   // One page's call; a partial answer fails it.
   auto page = [&](const ElasticConnectionParameters& url, const std::string& body) {
     sink.pageChecked = false;
-    return ElasticCall(connection, "POST", url, &body, "application/json", r, &cutter, &scan.token) &&
+    return ElasticCall(connection, "POST", url, &body, "application/json", r, &cutter, scan.token) &&
            (r.status != 200 || sink.whole());
   };
   // Why a page failed, in the caller's words.
   auto pageError = [&]() {
-    if (scan.token.isCancelled())
+    if (scan.token && scan.token->isCancelled())
       return std::string("cancelled");
     if (!sink.partial.empty())
       return "partial results from " + index + ": " + sink.partial;
@@ -334,8 +335,9 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   err.clear();
   const http::CancelToken token = http::CancelToken::Watching(cancel);
   qzVariantMapImpl request;
-  Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, token};
-  if (!baseRequest(queryJson, options, request, err) || !openPit(connection, server, index, token, scan.pitId, err))
+  Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, cancel ? &token : nullptr};
+  if (!baseRequest(queryJson, options, request, err) ||
+      !openPit(connection, server, index, scan.token, scan.pitId, err))
     return false;
   size_t delivered = 0;
   const bool ok = scanPages(scan, connection, 0, 1, onHit, delivered, err);
@@ -361,14 +363,15 @@ bool FetchSlicedSearchResults(http::HttpConnectionPool& pool, const ElasticConne
   }
   const http::CancelToken token = http::CancelToken::Watching(cancel);
   qzVariantMapImpl request;
-  Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, token};
+  // A token even without a caller's flag: the first failure cancels the other slices through it.
+  Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, &token};
   if (!baseRequest(queryJson, options, request, err))
     return false;
   request.erase("slice");
   const http::HttpConnectionPool::ParallelUse use(pool, slices);
   {
     http::HttpConnectionLocker connection(pool, server);
-    if (!openPit(*connection, server, index, token, scan.pitId, err))
+    if (!openPit(*connection, server, index, &token, scan.pitId, err))
       return false;
   }
 
