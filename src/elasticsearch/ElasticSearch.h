@@ -76,6 +76,16 @@ HTTPTOOLS_API bool FetchSearchResults(qz::http::HttpConnection& connection, cons
 /// than 1024 is refused. The first failure in any slice (error answer, partial answer, `onHit`
 /// returning false) ends every slice and is the `error` returned; a cancel ends them all within
 /// about 100 ms.
+///
+/// @code
+/// std::mutex mutex;
+/// qz::elasticsearch::FetchSlicedSearchResults(pool, server, "orders", "",
+///     [&](qz::elasticsearch::SearchHit& hit, unsigned) {
+///       std::lock_guard<std::mutex> lock(mutex);
+///       std::cout << hit.id << '\n';
+///       return true;
+///     }, 4, {}, &error, nullptr);
+/// @endcode
 HTTPTOOLS_API bool FetchSlicedSearchResults(qz::http::HttpConnectionPool& pool,
                                             const ElasticConnectionParameters& server, const std::string& index,
                                             const std::string& queryJson,
