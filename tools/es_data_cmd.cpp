@@ -36,8 +36,10 @@ bool IndexCall(const std::string& method, const ElasticConnectionParameters& url
   answer.clear();
   if (method == "GET")
     qz::http::HttpHelpers::HttpGetJson(connection, bare, answer, &result, nullptr, &headers);
-  else
+  else {
+    result.body = &answer; // the error's text
     qz::http::HttpHelpers::HttpPutJson(connection, bare, body.data(), body.size(), 0, &result, nullptr, &headers);
+  }
   status = result.httpCode;
   if (status == 0)
     answer = message;

@@ -187,6 +187,8 @@ TEST_F(EsCliTest, ExportThenImportGivesTheIndexBack) {
   EXPECT_NE(err.find("line 3 is not"), std::string::npos) << err;
   EXPECT_EQ(run({"es", "import", target, "-u", "u:p"}, "{\"_id\":\"z\",\"_source\":{\"n\":\"abc\"}}\n"), 22);
   EXPECT_NE(err.find("z: 400 mapper_parsing_exception"), std::string::npos) << err;
+  EXPECT_EQ(run({"es", "import", target, "-u", "u:p", "--mapping", mapping}, ""), 22);
+  EXPECT_NE(err.find("cannot create dst: {\"error\""), std::string::npos) << err;
   ::unlink(mapping.c_str());
   ::rmdir(dir.c_str());
 }
