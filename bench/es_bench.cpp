@@ -6,6 +6,10 @@
 // 2. Read every hit back: FetchSearchResults (hits cut while the answer arrives) against the same
 //    point-in-time pages read whole into a RapidJSON DOM and walked into variants; time and peak heap
 //    in use above the start of each read.
+// 3. Export every document as `es export` writes it (a JSON line with _id, _source, _routing):
+//    FetchSlicedSearchResults with 1, 2 and 4 slices of one point in time against the Python
+//    client's helpers.scan (a scroll) doing the same, with each side's peak memory and the emulator's
+//    CPU per document, so that one sees when the emulator is the limit.
 //
 // Rounds interleave the paths (alternating which goes first); figures are medians, ratios the median
 // of each round's own. The machine is shared, so single timings drift; the ratios hold.
@@ -254,6 +258,119 @@ SearchSample domSearch(const std::string& index, unsigned page) {
   return s;
 }
 
+const char* kPythonScan = R"PY(
+import json, resource, sys, time
+from elasticsearch import Elasticsearch, helpers
+es = Elasticsearch(sys.argv[1])
+es.info()
+cpu, wall = time.process_time(), time.perf_counter()
+n = size = 0
+for h in helpers.scan(es, index=sys.argv[2], size=1000):
+    line = {"_id": h["_id"], "_source": h["_source"]}
+    if "_routing" in h:
+        line["_routing"] = h["_routing"]
+    size += len(json.dumps(line, separators=(",", ":"))) + 1
+    n += 1
+print(json.dumps({"n": n, "bytes": size, "cpu": time.process_time() - cpu, "wall": time.perf_counter() - wall,
+                  "rss_kb": resource.getrusage(resource.RUSAGE_SELF).ru_maxrss}))
+)PY";
+
+struct ExportSample {
+  double docsPerSec = 0, cpuPerDoc = 0, emulatorCpuPerDoc = 0, peakMb = 0;
+  size_t docs = 0, bytes = 0;
+};
+
+ExportSample ourExport(qz::http::HttpConnectionPool& pool, const std::string& index, unsigned slices) {
+  ExportSample s;
+  const qz::elasticsearch::ElasticConnectionParameters server{qz::Url(gBase)};
+  const size_t base = heapInUse();
+  std::vector<size_t> docs(slices), bytes(slices), peaks(slices);
+  std::vector<std::string> lines(slices);
+  qz::elasticsearch::SearchOptions options;
+  options.pageSize = 1000;
+  std::string error;
+  const double e0 = emulatorCpu(), c0 = bench::SelfCpuSec(), t0 = bench::Now();
+  const bool ok = qz::elasticsearch::FetchSlicedSearchResults(
+      pool, server, index, "",
+      [&](qz::elasticsearch::SearchHit& hit, unsigned slice) {
+        qzVariantMapImpl line{{"_id", hit.id}, {"_source", std::move(hit.source)}};
+        if (!hit.routing.empty())
+          line["_routing"] = hit.routing;
+        qz::json::Json2Variant::Convert(line, lines[slice], false);
+        bytes[slice] += lines[slice].size() + 1;
+        if ((++docs[slice] & 63) == 0)
+          peaks[slice] = std::max(peaks[slice], heapInUse() - std::min(base, heapInUse()));
+        return true;
+      },
+      slices, options, &error, nullptr);
+  const double t1 = bench::Now(), c1 = bench::SelfCpuSec();
+  if (!ok)
+    std::fprintf(stderr, "FetchSlicedSearchResults: %s\n", error.c_str());
+  for (unsigned i = 0; i < slices; ++i)
+    s.docs += docs[i], s.bytes += bytes[i], s.peakMb = std::max(s.peakMb, double(peaks[i]) / (1 << 20));
+  s.docsPerSec = double(s.docs) / (t1 - t0);
+  s.cpuPerDoc = (c1 - c0) / double(std::max<size_t>(1, s.docs));
+  s.emulatorCpuPerDoc = (emulatorCpu() - e0) / double(std::max<size_t>(1, s.docs));
+  return s;
+}
+
+ExportSample pythonExport(const std::string& index) {
+  ExportSample s;
+  std::string out, err;
+  const double e0 = emulatorCpu();
+  const int rc = qztest::RunProgram({"/usr/bin/python3", "-c", kPythonScan, gBase, index}, "", out, err);
+  qzVariantMapImpl r;
+  if (rc != 0 || !qz::json::Json2Variant::Convert(out, r)) {
+    std::fprintf(stderr, "python helpers.scan failed: %s%s\n", err.c_str(), out.c_str());
+    return s;
+  }
+  s.docs = size_t(r["n"].toInt64());
+  s.bytes = size_t(r["bytes"].toInt64());
+  s.docsPerSec = double(s.docs) / r["wall"].toDouble();
+  s.cpuPerDoc = r["cpu"].toDouble() / double(std::max<size_t>(1, s.docs));
+  s.emulatorCpuPerDoc = (emulatorCpu() - e0) / double(std::max<size_t>(1, s.docs));
+  s.peakMb = double(r["rss_kb"].toInt64()) / 1024; // its whole process's peak resident set
+  return s;
+}
+
+// Export with 1, 2 and 4 slices beside python's helpers.scan, the order turning each round.
+bool exports(qz::http::HttpConnectionPool& pool) {
+  const unsigned slices[] = {1, 2, 4};
+  std::vector<double> rate[4], cpu[4], emu[4], ratio[4];
+  double peak[4] = {0, 0, 0, 0};
+  bool ok = true;
+  size_t pyBytes = 0;
+  for (int round = 0; round < gRounds; ++round) {
+    ExportSample sample[4];
+    for (int k = 0; k < 4; ++k) {
+      const int which = (k + round) % 4; // 3: python
+      sample[which] = which == 3 ? pythonExport("bench") : ourExport(pool, "bench", slices[which]);
+    }
+    pyBytes = sample[3].bytes;
+    for (int which = 0; which < 4; ++which) {
+      const ExportSample& x = sample[which];
+      ok = ok && x.docs == size_t(gDocs) && x.bytes == pyBytes;
+      rate[which].push_back(x.docsPerSec);
+      cpu[which].push_back(x.cpuPerDoc * 1e6);
+      emu[which].push_back(x.emulatorCpuPerDoc * 1e6);
+      ratio[which].push_back(sample[3].docsPerSec > 0 ? x.docsPerSec / sample[3].docsPerSec : 0);
+      peak[which] = std::max(peak[which], x.peakMb);
+    }
+  }
+  std::printf("export, %d documents as JSON lines (%zu bytes), pages of 1000 (medians)\n", gDocs, pyBytes);
+  std::printf("  %-30s %10s %14s %16s %10s %14s\n", "", "docs/s", "client us/doc", "emulator us/doc", "x python",
+              "peak MB");
+  const char* names[] = {"FetchSlicedSearchResults, 1", "FetchSlicedSearchResults, 2", "FetchSlicedSearchResults, 4",
+                         "python helpers.scan"};
+  for (int which = 0; which < 4; ++which)
+    std::printf("  %-30s %10.0f %14.2f %16.2f %10.2f %14.1f\n", names[which], bench::Median(rate[which]),
+                bench::Median(cpu[which]), bench::Median(emu[which]), bench::Median(ratio[which]), peak[which]);
+  std::printf("  peak MB: heap in use above the start for ours, the whole process's resident set for python\n");
+  std::printf("  the emulator alone serves at most %.0f docs/s per core (its CPU per document, 2 slices)\n",
+              1e6 / std::max(1e-9, bench::Median(emu[1])));
+  return ok;
+}
+
 int comparisons() {
   std::vector<qzVariantMapImpl> docs;
   docs.reserve(size_t(gDocs));
@@ -322,6 +439,7 @@ int comparisons() {
   std::printf("  whole page + DOM: %.0f hits/s, peak heap %.2f MB\n", gDocs * gRounds / domSec,
               double(domPeak) / (1 << 20));
   std::printf("  speed ratio streamed/DOM, median of the rounds' own: %.2f\n", bench::Median(timeRatio));
+  ok = exports(pool) && ok;
   std::fflush(stdout);
   return ok ? 0 : 1;
 }

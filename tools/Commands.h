@@ -97,7 +97,7 @@ void AddPingCommand(CLI::App& app);         // ping
 void AddCouchToolCommands(CLI::App& couch); // couch changes, get, upload, conflicts
 void AddRiverCommand(CLI::App& app);        // river
 
-// es search, es get, es bulk
+// es search, es get, es bulk; es export and import (es_data_cmd.cpp)
 void AddElasticCommands(CLI::App& app);
 
 // The group subcommand `name` of `app`, made on first use, so that several files can add

@@ -1,6 +1,6 @@
 // httptools es: search, get and bulk against an Elasticsearch server.
 
-#include "Commands.h"
+#include "ElasticOptions.h"
 
 #include <HttpTools/HttpTools.h>
 
@@ -13,13 +13,11 @@
 #include <string>
 #include <vector>
 
-namespace {
-
+using httptools::ElasticAuth;
 using qz::elasticsearch::ElasticConnectionParameters;
 
-// Splits URL/index (a query string goes to `query`); false (and a message, exit 3) when it is not one.
-bool serverAndIndex(const std::string& given, ElasticConnectionParameters& server, std::string& index,
-                    const char* command, std::string* query = nullptr) {
+bool httptools::ElasticServerAndIndex(const std::string& given, ElasticConnectionParameters& server, std::string& index,
+                                      const char* command, std::string* query) {
   std::string url = given, error;
   if (const size_t q = url.find('?'); q != std::string::npos && query) {
     *query = url.substr(q + 1);
@@ -34,12 +32,7 @@ bool serverAndIndex(const std::string& given, ElasticConnectionParameters& serve
   return false;
 }
 
-// Elasticsearch's own authentication and TLS options, beside the common connection options.
-struct ElasticAuth {
-  std::string apiKey, bearer, cert, key;
-};
-
-void addElasticAuth(CLI::App* cmd, ElasticAuth& a) {
+void httptools::AddElasticAuth(CLI::App* cmd, ElasticAuth& a) {
   cmd->add_option("--api-key", a.apiKey,
                   "API key: ID:KEY, or the encoded form Elasticsearch returns; @FILE reads it from FILE");
   cmd->add_option("--bearer", a.bearer, "Bearer token (Authorization: Bearer); @FILE reads it from FILE");
@@ -51,7 +44,7 @@ void addElasticAuth(CLI::App* cmd, ElasticAuth& a) {
 
 // A secret given on the command line, or read from the file named after '@' (trailing line
 // breaks dropped). False with a message naming the file only.
-bool secretArgument(const std::string& given, std::string& secret, std::string& error) {
+static bool secretArgument(const std::string& given, std::string& secret, std::string& error) {
   if (!httptools::ReadDataArgument(given, secret, error))
     return false;
   while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r'))
@@ -62,8 +55,8 @@ bool secretArgument(const std::string& given, std::string& secret, std::string& 
 // The credentials and TLS files on the server's parameters, which put them on every request:
 // the API key wins over the bearer token, either over -u or the URL's user-info (-u wins over
 // that, as with curl).
-bool applyAuth(const httptools::ConnectionOptions& conn, const ElasticAuth& auth, ElasticConnectionParameters& server,
-               std::string& error) {
+static bool applyAuth(const httptools::ConnectionOptions& conn, const ElasticAuth& auth,
+                      ElasticConnectionParameters& server, std::string& error) {
   if (!conn.user.empty()) {
     const size_t colon = conn.user.find(':');
     server.setCredentialsOnHttpHeaders(conn.user.substr(0, colon),
@@ -93,8 +86,8 @@ bool applyAuth(const httptools::ConnectionOptions& conn, const ElasticAuth& auth
 
 // The connection options, then one request to the server: the pooled tools repeat failed
 // requests, so an unreachable server is reported here at once.
-bool ready(const char* command, const httptools::ConnectionOptions& conn, const ElasticAuth& auth,
-           ElasticConnectionParameters& server, bool probe) {
+bool httptools::ElasticReady(const char* command, const ConnectionOptions& conn, const ElasticAuth& auth,
+                             ElasticConnectionParameters& server, bool probe) {
   const std::string name = std::string("httptools es ") + command;
   httptools::ConnectionOptions common = conn;
   common.user.clear(); // on the server's parameters, below, so that one Authorization is sent
@@ -110,6 +103,8 @@ bool ready(const char* command, const httptools::ConnectionOptions& conn, const 
   return httptools::exitCode == httptools::kExitOk;
 }
 
+namespace {
+
 // {"_id":...,"_source":...} on one line.
 void printDoc(const std::string& id, qz::qzVariant& source) {
   qz::qzVariantMapImpl line{{"_id", id}, {"_source", std::move(source)}};
@@ -123,7 +118,7 @@ struct SearchOptions {
   long size = -1, from = 0;
   unsigned page = 1000;
   httptools::ConnectionOptions conn;
-  ElasticAuth auth;
+  httptools::ElasticAuth auth;
 };
 
 // "size" and "from" of the query body (they page the whole result, not one request), and
@@ -160,7 +155,7 @@ bool searchBody(const SearchOptions& o, const std::string& urlQuery, std::string
 void runSearch(const SearchOptions& o) {
   ElasticConnectionParameters server;
   std::string index, urlQuery, body;
-  if (!serverAndIndex(o.url, server, index, "search", &urlQuery))
+  if (!httptools::ElasticServerAndIndex(o.url, server, index, "search", &urlQuery))
     return;
   long size = o.size, from = o.from;
   if (!searchBody(o, urlQuery, body, size, from)) {
@@ -168,7 +163,7 @@ void runSearch(const SearchOptions& o) {
     httptools::exitCode = httptools::kExitUsage;
     return;
   }
-  if (!ready("search", o.conn, o.auth, server, false))
+  if (!httptools::ElasticReady("search", o.conn, o.auth, server, false))
     return;
   qz::http::HttpConnection connection;
   httptools::Prepare(connection);
@@ -200,13 +195,14 @@ struct GetOptions {
   std::vector<std::string> ids;
   unsigned threads = 2;
   httptools::ConnectionOptions conn;
-  ElasticAuth auth;
+  httptools::ElasticAuth auth;
 };
 
 void runGet(const GetOptions& o) {
   ElasticConnectionParameters server;
   std::string index;
-  if (!serverAndIndex(o.url, server, index, "get") || !ready("get", o.conn, o.auth, server, true))
+  if (!httptools::ElasticServerAndIndex(o.url, server, index, "get") ||
+      !httptools::ElasticReady("get", o.conn, o.auth, server, true))
     return;
   qz::http::HttpConnectionPool pool;
   httptools::Prepare(pool);
@@ -236,13 +232,13 @@ struct BulkOptions {
   size_t batch = 1000;
   bool gzip = false;
   httptools::ConnectionOptions conn;
-  ElasticAuth auth;
+  httptools::ElasticAuth auth;
 };
 
 void runBulk(const BulkOptions& o) {
   ElasticConnectionParameters server;
   std::string index;
-  if (!serverAndIndex(o.url, server, index, "bulk"))
+  if (!httptools::ElasticServerAndIndex(o.url, server, index, "bulk"))
     return;
   std::ifstream file;
   if (o.file != "-") {
@@ -253,7 +249,7 @@ void runBulk(const BulkOptions& o) {
       return;
     }
   }
-  if (!ready("bulk", o.conn, o.auth, server, true))
+  if (!httptools::ElasticReady("bulk", o.conn, o.auth, server, true))
     return;
   std::istream& in = o.file == "-" ? std::cin : file;
   qz::http::HttpConnectionPool pool;
@@ -300,7 +296,7 @@ void runBulk(const BulkOptions& o) {
 } // namespace
 
 void httptools::AddElasticCommands(CLI::App& app) {
-  CLI::App* es = app.add_subcommand("es", "Elasticsearch: search, get and bulk-index documents");
+  CLI::App* es = app.add_subcommand("es", "Elasticsearch: search, get, bulk-index, export and import documents");
   es->require_subcommand(1);
 
   auto search = std::make_shared<SearchOptions>();
@@ -313,7 +309,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   s->add_option("--from", search->from, "skip the first N hits");
   s->add_option("--page", search->page, "hits per request (default 1000)");
   httptools::AddConnectionOptions(s, search->conn);
-  addElasticAuth(s, search->auth);
+  httptools::AddElasticAuth(s, search->auth);
   s->callback([search] { runSearch(*search); });
 
   auto get = std::make_shared<GetOptions>();
@@ -322,7 +318,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   g->add_option("ID", get->ids, "document ids")->required();
   g->add_option("--threads", get->threads, "parallel _mget requests (default 2)");
   httptools::AddConnectionOptions(g, get->conn);
-  addElasticAuth(g, get->auth);
+  httptools::AddElasticAuth(g, get->auth);
   g->callback([get] { runGet(*get); });
 
   auto bulk = std::make_shared<BulkOptions>();
@@ -333,7 +329,9 @@ void httptools::AddElasticCommands(CLI::App& app) {
   b->add_option("--threads", bulk->threads, "parallel _bulk requests (default 2)");
   b->add_option("--batch", bulk->batch, "documents per _bulk request (default 1000)");
   httptools::AddConnectionOptions(b, bulk->conn);
-  addElasticAuth(b, bulk->auth);
+  httptools::AddElasticAuth(b, bulk->auth);
   b->add_flag("--gzip", bulk->gzip, "Send the _bulk bodies gzip-compressed (Content-Encoding: gzip)");
   b->callback([bulk] { runBulk(*bulk); });
+
+  httptools::AddElasticDataCommands(*es);
 }

@@ -4,16 +4,23 @@
 #include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
 #include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <thread>
 
 namespace qz::elasticsearch {
 
 namespace {
 
 const char* const kKeepAlive = "1m";
+constexpr unsigned kMaxSlices = 1024; // Elasticsearch's default index.max_slices_per_scroll
 
 std::string errorType(const ElasticResponse& r) {
   qzVariantMapImpl doc;
@@ -103,6 +110,8 @@ struct HitSink {
       hit.index = v->toString();
     if (qzVariant* v = take("_id"))
       hit.id = v->toString();
+    if (qzVariant* v = take("_routing"))
+      hit.routing = v->toString();
     if (qzVariant* v = take("_score"); v && v->isNumber())
       hit.score = v->toDouble();
     if (qzVariant* v = take("_source"))
@@ -120,78 +129,36 @@ struct HitSink {
   }
 };
 
-} // namespace
-
-bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
-                        const std::string& index, const std::string& queryJson,
-                        const std::function<bool(SearchHit&)>& onHit, unsigned pageSize, std::string* error,
-                        const bool* cancel) {
-  SearchOptions options;
-  options.pageSize = pageSize;
-  return FetchSearchResults(connection, server, index, queryJson, onHit, options, error, cancel);
-}
-
-bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
-                        const std::string& index, const std::string& queryJson,
-                        const std::function<bool(SearchHit&)>& onHit, const SearchOptions& options, std::string* error,
-                        const bool* cancel) {
-  unsigned pageSize = options.pageSize;
-  static const bool notCancelled = false;
-  const bool* stop = cancel ? cancel : &notCancelled;
-  const int64_t start = qzSystemUtils::GetTimeBaseMs();
-  std::string ignored;
-  std::string& err = error ? *error : ignored;
-  err.clear();
-  if (pageSize == 0)
-    pageSize = 1000;
-
-  qzVariantMapImpl request;
+// The request body's fixed part: the caller's query without the members the scan manages, and
+// the source filters.
+bool baseRequest(const std::string& queryJson, const SearchOptions& options, qzVariantMapImpl& request,
+                 std::string& err) {
   if (!queryJson.empty() && !json::Json2Variant::Convert(queryJson, request)) {
     err = "the query is not a JSON object: " + queryJson.substr(0, 200);
     return false;
   }
   for (const char* managed : {"size", "from", "search_after", "pit", "scroll"})
     request.erase(managed);
-  const bool userSort = request.count("sort") != 0;
   if (!options.sourceIncludes.empty() || !options.sourceExcludes.empty()) {
     auto list = [](const std::vector<std::string>& names) { return qzVariantListImpl(names.begin(), names.end()); };
     request["_source"] =
         qzVariantMapImpl{{"includes", list(options.sourceIncludes)}, {"excludes", list(options.sourceExcludes)}};
   }
+  return true;
+}
 
-  HitSink sink{onHit, {}, 0, false, false, {}, nullptr, false, {}};
-  ResponseItemCutter cutter("hits", "hits", [&sink](const char* t, size_t n) { return sink(t, n); });
-  if (!options.allowPartialResults)
-    sink.cutter = &cutter;
+// Opens a point in time on `index`. True with `pitId` set, or empty when the server has none
+// (scroll then); false with `err`.
+bool openPit(http::HttpConnection& connection, const ElasticConnectionParameters& server, const std::string& index,
+             const http::CancelToken* token, std::string& pitId, std::string& err) {
   ElasticResponse r;
-  // One page's call; a partial answer fails it.
-  auto page = [&](const char* method, const ElasticConnectionParameters& url, const std::string& body) {
-    sink.pageChecked = false;
-    return ElasticCall(connection, method, url, &body, "application/json", r, &cutter, stop) &&
-           (r.status != 200 || sink.whole());
-  };
-
-  // Why a page failed, in the caller's words.
-  auto pageError = [&]() {
-    if (http::CancelToken::IsSet(stop))
-      return std::string("cancelled");
-    if (!sink.partial.empty())
-      return "partial results from " + index + ": " + sink.partial;
-    if (sink.stopped)
-      return std::string("stopped by the hit function");
-    if (sink.malformed)
-      return "malformed hit in the answer for index " + index;
-    return "search on " + index + " failed: " + ErrorText(r);
-  };
-
-  // A point in time when the server has one.
+  pitId.clear();
   if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr, nullptr,
-                   r, nullptr, stop)) {
-    err = http::CancelToken::IsSet(stop) ? "cancelled"
-                                         : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
+                   r, nullptr, token)) {
+    err =
+        token && token->isCancelled() ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
     return false;
   }
-  std::string pitId;
   if (r.status == 200) {
     qzVariantMapImpl answer;
     if (json::Json2Variant::Convert(r.body, answer) && answer.count("id"))
@@ -207,25 +174,84 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
     err = "cannot open a point in time on " + index + ": " + ErrorText(r);
     return false;
   }
+  return true;
+}
+
+void closePit(http::HttpConnection& connection, const ElasticConnectionParameters& server, const std::string& index,
+              const std::string& pitId) {
+  std::string closeBody = "{\"id\":";
+  AppendJsonString(closeBody, pitId);
+  closeBody += "}";
+  ElasticResponse closed;
+  if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_pit"}, {}), &closeBody, "application/json", closed) ||
+      closed.status != 200)
+    qzLogObject(qzLog::Warning, "elasticsearch")
+        << "Cannot close the point in time on " << index << ": " << ErrorText(closed);
+}
+
+// One scan's fixed inputs; a slice of it reads its pages with scanPages.
+struct Scan {
+  const ElasticConnectionParameters& server;
+  const std::string& index;
+  const qzVariantMapImpl& request;
+  const SearchOptions& options;
+  unsigned pageSize;
+  std::string pitId;              // empty: a scroll per slice
+  const http::CancelToken* token; // null: nothing cancels (plain transfers, no polling)
+};
+
+// Reads every page of slice `slice` of `max` (the whole result when max <= 1) into `onHit`. The
+// slice's scroll, if any, is cleared at the end. False with `err`.
+bool scanPages(const Scan& scan, http::HttpConnection& connection, unsigned slice, unsigned max,
+               const std::function<bool(SearchHit&)>& onHit, size_t& delivered, std::string& err) {
+  const std::string& index = scan.index;
+  qzVariantMapImpl request = scan.request;
+  const bool userSort = request.count("sort") != 0;
+  if (max > 1)
+    request["slice"] = qzVariantMapImpl{{"id", int64_t(slice)}, {"max", int64_t(max)}};
+  HitSink sink{onHit, {}, 0, false, false, {}, nullptr, false, {}};
+  ResponseItemCutter cutter("hits", "hits", [&sink](const char* t, size_t n) { return sink(t, n); });
+  if (!scan.options.allowPartialResults)
+    sink.cutter = &cutter;
+  ElasticResponse r;
+  // One page's call; a partial answer fails it.
+  auto page = [&](const ElasticConnectionParameters& url, const std::string& body) {
+    sink.pageChecked = false;
+    return ElasticCall(connection, "POST", url, &body, "application/json", r, &cutter, scan.token) &&
+           (r.status != 200 || sink.whole());
+  };
+  // Why a page failed, in the caller's words.
+  auto pageError = [&]() {
+    if (scan.token && scan.token->isCancelled())
+      return std::string("cancelled");
+    if (!sink.partial.empty())
+      return "partial results from " + index + ": " + sink.partial;
+    if (sink.stopped)
+      return std::string("stopped by the hit function");
+    if (sink.malformed)
+      return "malformed hit in the answer for index " + index;
+    return "search on " + index + " failed: " + ErrorText(r);
+  };
 
   bool ok = true;
-  if (!pitId.empty()) {
+  std::string body;
+  if (!scan.pitId.empty()) {
+    std::string pitId = scan.pitId;
     if (!userSort)
       request["sort"] = qzVariantListImpl{qzVariant("_shard_doc")};
     if (!request.count("track_total_hits"))
       request["track_total_hits"] = false;
-    request["size"] = pageSize;
-    const ElasticConnectionParameters searchUrl = server.toApiUrl({"_search"}, {});
+    request["size"] = scan.pageSize;
+    const ElasticConnectionParameters searchUrl = scan.server.toApiUrl({"_search"}, {});
     for (;;) {
       request["pit"] = qzVariantMapImpl{{"id", pitId}, {"keep_alive", kKeepAlive}};
       if (sink.delivered)
         request["search_after"] = sink.lastSort;
-      std::string body;
+      body.clear();
       AppendJson(body, request);
       const size_t before = sink.delivered;
       const qzVariant lastSort = sink.lastSort;
-      const bool answered = page("POST", searchUrl, body);
-      if (!answered || r.status != 200) {
+      if (!page(searchUrl, body) || r.status != 200) {
         err = pageError();
         ok = false;
         break;
@@ -238,26 +264,17 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       }
       if (!cutter.pitId().empty())
         pitId = cutter.pitId();
-      if (sink.delivered - before < pageSize)
+      if (sink.delivered - before < scan.pageSize)
         break;
     }
-    std::string closeBody = "{\"id\":";
-    AppendJsonString(closeBody, pitId);
-    closeBody += "}";
-    ElasticResponse closed;
-    if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_pit"}, {}), &closeBody, "application/json", closed) ||
-        closed.status != 200)
-      qzLogObject(qzLog::Warning, "elasticsearch")
-          << "Cannot close the point in time on " << index << ": " << ErrorText(closed);
   } else {
     // Scroll: for servers without point in time.
     if (!userSort)
       request["sort"] = qzVariantListImpl{qzVariant("_doc")};
-    request["size"] = pageSize;
+    request["size"] = scan.pageSize;
     std::string scrollId;
-    std::string body;
     AppendJson(body, request);
-    bool answered = page("POST", server.toApiUrl({index, "_search"}, {{"scroll", kKeepAlive}}), body);
+    bool answered = page(scan.server.toApiUrl({index, "_search"}, {{"scroll", kKeepAlive}}), body);
     for (;;) {
       if (!cutter.scrollId().empty())
         scrollId = cutter.scrollId();
@@ -271,27 +288,130 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
       body = "{\"scroll\":\"" + std::string(kKeepAlive) + "\",\"scroll_id\":";
       AppendJsonString(body, scrollId);
       body += "}";
-      answered = page("POST", server.toApiUrl({"_search", "scroll"}, {}), body);
+      answered = page(scan.server.toApiUrl({"_search", "scroll"}, {}), body);
     }
     if (!scrollId.empty()) {
       std::string closeBody = "{\"scroll_id\":[";
       AppendJsonString(closeBody, scrollId);
       closeBody += "]}";
       ElasticResponse closed;
-      if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_search", "scroll"}, {}), &closeBody, "application/json",
-                       closed) ||
+      if (!ElasticCall(connection, "DELETE", scan.server.toApiUrl({"_search", "scroll"}, {}), &closeBody,
+                       "application/json", closed) ||
           closed.status != 200)
         qzLogObject(qzLog::Warning, "elasticsearch")
             << "Cannot clear the scroll on " << index << ": " << ErrorText(closed);
     }
   }
-
-  if (ok && qzLog::IsCategoryEnabled("elasticsearch"))
-    qzLogObject(qzLog::Info, "elasticsearch")
-        << "Fetch " << sink.delivered << " hit(s) from " << index << " in "
-        << qzStringUtils::humanizeDuration<long>(long(qzSystemUtils::GetTimeBaseMs() - start), 1, true)
-        << (pitId.empty() ? " (scroll)" : "");
+  delivered = sink.delivered;
   return ok;
+}
+
+void logFetch(const std::string& index, size_t delivered, int64_t start, bool scroll, unsigned slices) {
+  if (qzLog::IsCategoryEnabled("elasticsearch"))
+    qzLogObject(qzLog::Info, "elasticsearch")
+        << "Fetch " << delivered << " hit(s) from " << index << " in "
+        << qzStringUtils::humanizeDuration<long>(long(qzSystemUtils::GetTimeBaseMs() - start), 1, true)
+        << (scroll ? " (scroll)" : "") << (slices > 1 ? " in " + std::to_string(slices) + " slices" : "");
+}
+
+} // namespace
+
+bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
+                        const std::string& index, const std::string& queryJson,
+                        const std::function<bool(SearchHit&)>& onHit, unsigned pageSize, std::string* error,
+                        const bool* cancel) {
+  SearchOptions options;
+  options.pageSize = pageSize;
+  return FetchSearchResults(connection, server, index, queryJson, onHit, options, error, cancel);
+}
+
+bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectionParameters& server,
+                        const std::string& index, const std::string& queryJson,
+                        const std::function<bool(SearchHit&)>& onHit, const SearchOptions& options, std::string* error,
+                        const bool* cancel) {
+  const int64_t start = qzSystemUtils::GetTimeBaseMs();
+  std::string ignored;
+  std::string& err = error ? *error : ignored;
+  err.clear();
+  const http::CancelToken token = http::CancelToken::Watching(cancel);
+  qzVariantMapImpl request;
+  Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, cancel ? &token : nullptr};
+  if (!baseRequest(queryJson, options, request, err) ||
+      !openPit(connection, server, index, scan.token, scan.pitId, err))
+    return false;
+  size_t delivered = 0;
+  const bool ok = scanPages(scan, connection, 0, 1, onHit, delivered, err);
+  if (!scan.pitId.empty())
+    closePit(connection, server, index, scan.pitId);
+  if (ok)
+    logFetch(index, delivered, start, scan.pitId.empty(), 1);
+  return ok;
+}
+
+bool FetchSlicedSearchResults(http::HttpConnectionPool& pool, const ElasticConnectionParameters& server,
+                              const std::string& index, const std::string& queryJson,
+                              const std::function<bool(SearchHit&, unsigned slice)>& onHit, unsigned slices,
+                              const SearchOptions& options, std::string* error, const bool* cancel) {
+  const int64_t start = qzSystemUtils::GetTimeBaseMs();
+  std::string ignored;
+  std::string& err = error ? *error : ignored;
+  err.clear();
+  slices = std::max(1u, slices);
+  if (slices > kMaxSlices) {
+    err = "at most " + std::to_string(kMaxSlices) + " slices";
+    return false;
+  }
+  const http::CancelToken token = http::CancelToken::Watching(cancel);
+  qzVariantMapImpl request;
+  // A token even without a caller's flag: the first failure cancels the other slices through it.
+  Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, &token};
+  if (!baseRequest(queryJson, options, request, err))
+    return false;
+  request.erase("slice");
+  const http::HttpConnectionPool::ParallelUse use(pool, slices);
+  {
+    http::HttpConnectionLocker connection(pool, server);
+    if (!openPit(*connection, server, index, &token, scan.pitId, err))
+      return false;
+  }
+
+  std::mutex mutex; // guards firstError
+  std::string firstError;
+  std::atomic<size_t> total{0};
+  // The first failure ends every slice: the others see the token cancelled.
+  auto runSlice = [&](unsigned slice) {
+    const std::function<bool(SearchHit&)> deliver = [&onHit, slice](SearchHit& hit) { return onHit(hit, slice); };
+    http::HttpConnectionLocker connection(pool, server);
+    size_t delivered = 0;
+    std::string sliceError;
+    const bool ok = scanPages(scan, *connection, slice, slices, deliver, delivered, sliceError);
+    total += delivered;
+    if (!ok) {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (firstError.empty())
+          firstError = sliceError;
+      }
+      token.cancel();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (unsigned s = 1; s < slices; ++s)
+    threads.emplace_back(runSlice, s);
+  runSlice(0);
+  for (auto& t : threads)
+    t.join();
+
+  if (!scan.pitId.empty()) {
+    http::HttpConnectionLocker connection(pool, server);
+    closePit(*connection, server, index, scan.pitId);
+  }
+  if (!firstError.empty()) {
+    err = firstError;
+    return false;
+  }
+  logFetch(index, total, start, scan.pitId.empty(), slices);
+  return true;
 }
 
 } // namespace qz::elasticsearch

@@ -10,7 +10,8 @@
 
 namespace qz::http {
 class HttpConnection;
-}
+class HttpConnectionPool;
+} // namespace qz::http
 
 namespace qz::elasticsearch {
 
@@ -21,9 +22,10 @@ struct HTTPTOOLS_API SearchHit {
   ///@{
   std::string index, id;
   ///@}
-  double score = 0; ///< 0 when the answer gives none
-  qzVariant source; ///< _source, null when the query excluded it
-  qzVariant sort;   ///< the hit's sort values, null for an unsorted search
+  double score = 0;    ///< 0 when the answer gives none
+  qzVariant source;    ///< _source, null when the query excluded it
+  qzVariant sort;      ///< the hit's sort values, null for an unsorted search
+  std::string routing; ///< _routing, "" when the document has none
 };
 
 /// Streams every hit of `queryJson` (a JSON object with "query" and optional "sort", "_source"...;
@@ -64,5 +66,31 @@ HTTPTOOLS_API bool FetchSearchResults(qz::http::HttpConnection& connection, cons
                                       const std::string& index, const std::string& queryJson,
                                       const std::function<bool(SearchHit&)>& onHit, const SearchOptions& options,
                                       std::string* error, const bool* cancel);
+
+/// FetchSearchResults split into `slices` slices ("slice": {"id", "max"}) of one point in time, or
+/// on a server without point in time one scroll per slice, read in parallel: one thread and one
+/// connection of `pool` per slice, each slice paging with its own search_after. Use it for exports.
+/// `onHit` is called from the slice threads at the same time: the calls of one slice come one after
+/// the other, in its order; calls of different slices overlap, so shared state needs a lock.
+/// `slice` is the hit's slice, 0 to slices - 1. With `slices` 0 or 1 this is the plain scan; more
+/// than 1024 is refused. The first failure in any slice (error answer, partial answer, `onHit`
+/// returning false) ends every slice and is the `error` returned; a cancel ends them all within
+/// about 100 ms.
+///
+/// @code
+/// std::mutex mutex;
+/// qz::elasticsearch::FetchSlicedSearchResults(pool, server, "orders", "",
+///     [&](qz::elasticsearch::SearchHit& hit, unsigned) {
+///       std::lock_guard<std::mutex> lock(mutex);
+///       std::cout << hit.id << '\n';
+///       return true;
+///     }, 4, {}, &error, nullptr);
+/// @endcode
+HTTPTOOLS_API bool FetchSlicedSearchResults(qz::http::HttpConnectionPool& pool,
+                                            const ElasticConnectionParameters& server, const std::string& index,
+                                            const std::string& queryJson,
+                                            const std::function<bool(SearchHit& hit, unsigned slice)>& onHit,
+                                            unsigned slices, const SearchOptions& options, std::string* error,
+                                            const bool* cancel);
 
 } // namespace qz::elasticsearch

@@ -1,4 +1,4 @@
-// httptools es search/get/bulk, run as a user runs them, against the emulator.
+// httptools es search/get/bulk/export/import, run as a user runs them, against the emulator.
 #include <HttpTools/elasticsearch/ElasticSearch.h>
 
 #include "EsFixture.h"
@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <sstream>
 #include <unistd.h>
 
 #ifdef HTTPTOOLS_CLI // the program is not built in every configuration
@@ -131,6 +133,63 @@ TEST_F(EsCliTest, AuthenticationOptionsAndGzip) {
   EXPECT_NE(err.find("cannot read " + dir + "/none"), std::string::npos) << err;
   for (const std::string& f : {keyFile, tokenFile})
     ::unlink(f.c_str());
+  ::rmdir(dir.c_str());
+}
+
+// An export imported into an empty index gives the same export: ids, routing, sources and the
+// mapping file; the mapping requests carry the credentials too.
+TEST_F(EsCliTest, ExportThenImportGivesTheIndexBack) {
+  ASSERT_EQ(call("PUT", "/src", R"({"mappings":{"properties":{"n":{"type":"long"}}}})"), 200);
+  std::string bulk;
+  for (int i = 0; i < 300; ++i)
+    bulk += R"({"index":{"_index":"src","_id":"e)" + std::to_string(i) +
+            (i % 4 ? "" : R"(","routing":"r)" + std::to_string(i)) + "\"}}\n" + R"({"n":)" + std::to_string(i) +
+            R"(,"o":{"s":"\u00e9\"","l":[1.5,null,true]}})" + "\n";
+  ASSERT_EQ(call("POST", "/_bulk", bulk), 200);
+  auto f = emulator.faults();
+  f.requireHeader = "Authorization: Basic dTpw"; // u:p
+  emulator.setFaults(f);
+  std::string tmpl = ::testing::TempDir() + "es-export-XXXXXX";
+  const std::string dir = ::mkdtemp(tmpl.data()), mapping = dir + "/mapping.json";
+  std::string mappings[2];
+  auto exported = [&](const std::string& index, std::string& saved) {
+    EXPECT_EQ(run({"es", "export", emulator.baseUrl() + "/" + index, "-u", "u:p", "--slices", "3", "--page", "40",
+                   "--mapping", mapping}),
+              0)
+        << err;
+    std::vector<std::string> lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);)
+      lines.push_back(line);
+    std::sort(lines.begin(), lines.end());
+    std::ifstream file(mapping);
+    std::getline(file, saved);
+    return lines;
+  };
+  const auto source = exported("src", mappings[0]);
+  ASSERT_EQ(source.size(), 300u);
+  EXPECT_EQ(std::count_if(source.begin(), source.end(), [](auto& l) { return l.find("\"_routing\":\"r") < 20; }), 75);
+  std::string lines;
+  for (const auto& line : source)
+    lines += line + "\n";
+  EXPECT_EQ(run({"es", "import", emulator.baseUrl() + "/dst", "-u", "u:p", "--mapping", mapping, "--gzip"}, lines), 0)
+      << err;
+  EXPECT_EQ(out, "imported 300, failed 0\n");
+  EXPECT_EQ(exported("dst", mappings[1]), source);
+  EXPECT_EQ(mappings[1], mappings[0]);
+  EXPECT_NE(mappings[0].find(R"({"mappings":{"properties":{"n":{"type":"long"}}})"), std::string::npos);
+
+  // Bad lines are named by number and the rest goes in (exit 1); an item refused gives 22.
+  const std::string target = emulator.baseUrl() + "/dst";
+  EXPECT_EQ(run({"es", "import", target, "-u", "u:p"}, "{\"_id\":\"x\",\"_source\":{}}\n[1]\n{\"_id\":\"y\"}\n"), 1);
+  EXPECT_EQ(out, "imported 1, failed 2\n");
+  EXPECT_NE(err.find("line 2 is not a JSON object with \"_id\" and \"_source\""), std::string::npos) << err;
+  EXPECT_NE(err.find("line 3 is not"), std::string::npos) << err;
+  EXPECT_EQ(run({"es", "import", target, "-u", "u:p"}, "{\"_id\":\"z\",\"_source\":{\"n\":\"abc\"}}\n"), 22);
+  EXPECT_NE(err.find("z: 400 mapper_parsing_exception"), std::string::npos) << err;
+  EXPECT_EQ(run({"es", "import", target, "-u", "u:p", "--mapping", mapping}, ""), 22);
+  EXPECT_NE(err.find("cannot create dst: {\"error\""), std::string::npos) << err;
+  ::unlink(mapping.c_str());
   ::rmdir(dir.c_str());
 }
 

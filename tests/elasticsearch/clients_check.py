@@ -1,6 +1,6 @@
 # The official Python client (7.17) against the emulator: helpers.bulk with retries of rejected
-# items, helpers.scan over a scroll, mget and the mapping's _meta; then gzip bodies with an API key
-# the emulator demands, and a scan that a partial answer stops. Usage: python3 clients_check.py URL
+# items, helpers.scan over a scroll and in two slices, mget and the mapping's _meta; then gzip
+# bodies with an API key the emulator demands, and a scan that a partial answer stops. Usage: python3 clients_check.py URL
 import json
 import sys
 import urllib.request
@@ -18,6 +18,7 @@ scanned = [h for h in helpers.scan(es, index="py", query={"query": {"match_all":
 ids = sorted(int(h["_id"]) for h in scanned)
 intact = all(h["_source"]["n"] == int(h["_id"]) and h["_source"]["text"] == 'doc "%s" {]' % h["_id"] for h in scanned)
 docs = es.mget(index="py", body={"ids": ["5", "1999", "nope"]})["docs"]
+halves = [{h["_id"] for h in helpers.scan(es, index="py", query={"slice": {"id": s, "max": 2}}, size=500)} for s in (0, 1)]
 
 
 def faults(**f):
@@ -35,6 +36,7 @@ except helpers.ScanError as e:
 print(json.dumps({
     "ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "distinct": len(set(ids)),
     "intact": intact and len(ids) == 2000, "found": [d["found"] for d in docs],
+    "sliced": [len(halves[0] | halves[1]), len(halves[0] & halves[1]), min(map(len, halves)) > 0],
     "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"], "zipped": zipped,
     "zipped_count": es.count(index="gz")["count"], "partial": partial,
 }, separators=(",", ":")))

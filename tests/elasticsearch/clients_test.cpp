@@ -36,12 +36,13 @@ TEST_F(ClientsTest, OfficialPythonClient) {
   const std::string script = qztest::SourceDir() + "/tests/elasticsearch/clients_check.py";
   EXPECT_EQ(check({"/usr/bin/python3", script, emulator.baseUrl()}),
             R"({"ok":2000,"errors":0,"count":2000,"distinct":2000,"intact":true,"found":[true,true,false],)"
+            R"("sliced":[2000,0,true],)"
             R"("meta":{"owner":"py"},"zipped":300,"zipped_count":300,)"
             R"("partial":"Scroll request has only succeeded on 1 (+0 skipped) shards out of 2."})"
             "\n")
       << "the Python client is Debian's python3-elasticsearch";
   EXPECT_EQ(emulator.stats().lastBulkContentEncoding, "gzip");
-  EXPECT_EQ(statsText(), "items 2305, pits 0, scrolls 2, open 0"); // only the rejected items went twice
+  EXPECT_EQ(statsText(), "items 2305, pits 0, scrolls 4, open 0"); // only the rejected items went twice
 }
 
 TEST_F(ClientsTest, OfficialJsClients) {

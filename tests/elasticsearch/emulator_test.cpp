@@ -76,6 +76,10 @@ TEST_F(EmulatorTest, WritesVersionsAliasesAndMappingsAnswerAsElasticsearch) {
       {"PUT", "/live/_doc/1", R"({"n":1})", 201, R"("_index":"v2")"},
       {"GET", "/v2/_count", "", 200, R"({"count":1,)"},
       {"PUT", "/v2/_mapping", R"({"properties":{"n":{"type":"keyword"}}})", 400, "cannot be changed from type [long]"},
+      // Slices need a scroll or a point in time, and at least two of them.
+      {"POST", "/v2/_search?scroll=1m", R"({"slice":{"id":0,"max":1}})", 400, "max must be greater than 1"},
+      {"POST", "/v2/_search", R"({"slice":{"id":0,"max":2}})", 400,
+       "can only be used with [scroll] or [point-in-time]"},
   };
   for (const auto& step : steps) {
     SCOPED_TRACE(std::string(step.method) + " " + step.path);

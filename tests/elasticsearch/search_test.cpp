@@ -7,10 +7,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
+#include <mutex>
 #include <set>
 #include <thread>
 
 using qz::elasticsearch::FetchSearchResults;
+using qz::elasticsearch::FetchSlicedSearchResults;
 using qz::elasticsearch::SearchHit;
 
 namespace {
@@ -165,6 +168,66 @@ TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
   EXPECT_EQ(error, "cancelled");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
   expectClosed();
+}
+
+TEST_F(SearchTest, SlicesOfOnePitOrOfScrollsGiveEveryDocumentOnce) {
+  seed("docs", 1500);
+  for (const bool withPit : {true, false})
+    for (const unsigned slices : {1u, 2u, 4u}) {
+      SCOPED_TRACE(std::string(withPit ? "pit, " : "scroll, ") + std::to_string(slices) + " slice(s)");
+      auto faults = emulator.faults();
+      faults.noPit = !withPit;
+      emulator.setFaults(faults);
+      const auto before = emulator.stats();
+      std::mutex mutex;
+      std::map<std::string, int> times;
+      std::vector<size_t> perSlice(slices);
+      options.pageSize = 97;
+      ASSERT_TRUE(FetchSlicedSearchResults(
+          pool, server, "docs", R"({"query":{"range":{"n":{"gte":100}}}})",
+          [&](SearchHit& hit, unsigned slice) {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++times[hit.id];
+            ++perSlice.at(slice);
+            return hit.source.toMap().at("n").toInt64() >= 100;
+          },
+          slices, options, &error, nullptr))
+          << error;
+      EXPECT_EQ(times.size(), 1400u);
+      EXPECT_EQ(std::count_if(times.begin(), times.end(), [](const auto& t) { return t.second != 1; }), 0);
+      for (size_t n : perSlice) // each slice a share, none the whole
+        EXPECT_TRUE(n > 0 && (slices == 1 || n < 1400u)) << n;
+      const auto after = emulator.stats();
+      EXPECT_EQ(withPit ? after.pitsOpened - before.pitsOpened : after.scrollsOpened - before.scrollsOpened,
+                withPit ? 1u : slices);
+      expectClosed();
+    }
+}
+
+// A failed page in one slice, or the caller's cancel, ends the slice stalled on its answer too.
+TEST_F(SearchTest, FailureOrCancelEndsEverySlice) {
+  seed("docs", 400);
+  for (const bool cancelled : {false, true}) {
+    SCOPED_TRACE(cancelled ? "cancel" : "failed page");
+    auto f = emulator.faults();
+    f.stallSearchMs = 20000;
+    f.failSearchPages = cancelled ? 0 : 1;
+    emulator.setFaults(f);
+    bool cancel = false;
+    std::thread canceller([&] {
+      const size_t base = emulator.stats().searchRequests;
+      for (int i = 0; cancelled && i < 1000 && emulator.stats().searchRequests < base + 2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      std::atomic_ref<bool>(cancel).store(cancelled);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(FetchSlicedSearchResults(
+        pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 2, options, &error, &cancel));
+    canceller.join();
+    EXPECT_NE(error.find(cancelled ? "cancelled" : "all shards failed"), std::string::npos) << error;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    expectClosed();
+  }
 }
 
 TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {

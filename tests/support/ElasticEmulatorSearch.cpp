@@ -11,8 +11,8 @@ using Docs = std::vector<std::pair<std::string, DocPtr>>;
 
 struct Pit {
   Docs docs;
-  std::string cacheKey; // query and sort of the cached order
-  std::vector<Entry> sorted;
+  // The ordered hits per query, sort and slice; never changed once made, so read unlocked.
+  std::map<std::string, std::vector<Entry>> sorted;
 };
 
 // _source: false, a pattern or a list of them, or {includes, excludes}; matched on dotted paths.
@@ -81,6 +81,26 @@ struct Scroll {
 };
 
 namespace {
+
+// "slice": {"id", "max"}; a document is in slice hash(_id) % max.
+struct Slice {
+  int64_t id = 0, max = 1;
+  bool has(const std::string& docId) const {
+    uint64_t h = 14695981039346656037ull; // FNV-1a
+    for (unsigned char c : docId)
+      h = (h ^ c) * 1099511628211ull;
+    return max <= 1 || int64_t(h % uint64_t(max)) == id;
+  }
+  Docs of(const Docs& docs) const {
+    if (max <= 1)
+      return docs;
+    Docs mine;
+    for (const auto& d : docs)
+      if (has(d.second->id))
+        mine.push_back(d);
+    return mine;
+  }
+};
 
 Docs liveDocs(const std::vector<Index*>& found) {
   Docs docs;
@@ -219,6 +239,20 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
   const Value* after = member("search_after");
   std::vector<SortKey> keys = parseSort(member("sort"));
   const bool scroll = req.has_param("scroll");
+  Slice slice;
+  if (const Value* v = member("slice")) {
+    if (!v->IsObject() || !v->HasMember("id") || !v->HasMember("max") || !(*v)["id"].IsInt64() ||
+        !(*v)["max"].IsInt64())
+      return st.fail(res, 400, "x_content_parse_exception", "[slice] needs integers [id] and [max]");
+    slice = Slice{(*v)["id"].GetInt64(), (*v)["max"].GetInt64()};
+    const char* wrong = slice.id < 0            ? "id must be greater than or equal to 0"
+                        : slice.max <= 1        ? "max must be greater than 1"
+                        : slice.id >= slice.max ? "max must be greater than id"
+                        : !pitMember && !scroll ? "[slice] can only be used with [scroll] or [point-in-time] requests"
+                                                : nullptr;
+    if (wrong)
+      return st.fail(res, 400, "illegal_argument_exception", wrong);
+  }
 
   std::unique_lock<std::mutex> lock(st.mu);
   if (st.faults.ignoreSearchAfter)
@@ -249,20 +283,19 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
         keys.push_back(SortKey{"_shard_doc", false});
       pitHold = it->second;
       Pit& pit = *pitHold;
-      // Pages of one pit repeat the query and sort: the ordered hits are kept with the pit.
-      const std::string cacheKey =
-          (query ? toJson(*query) : "") + "|" + (member("sort") ? toJson(*member("sort")) : std::string());
-      if (pit.cacheKey != cacheKey) {
-        pit.sorted.clear();
-        runQuery(pit.sorted, pit.docs, query, keys);
-        pit.cacheKey = cacheKey;
-      }
-      view = &pit.sorted;
+      // Pages of one pit repeat the query, sort and slice: the ordered hits are kept with the pit.
+      const std::string cacheKey = (query ? toJson(*query) : "") + "|" +
+                                   (member("sort") ? toJson(*member("sort")) : std::string()) + "|" +
+                                   std::to_string(slice.id) + "/" + std::to_string(slice.max);
+      auto [cached, made] = pit.sorted.try_emplace(cacheKey);
+      if (made)
+        runQuery(cached->second, slice.of(pit.docs), query, keys);
+      view = &cached->second;
     } else {
       std::vector<Index*> found;
       if (!st.resolveOrReply(expr, found, res))
         return;
-      runQuery(own, liveDocs(found), query, keys);
+      runQuery(own, slice.of(liveDocs(found)), query, keys);
     }
   } catch (const QueryError& e) {
     return st.fail(res, 400, "parsing_exception", e.reason);
@@ -283,9 +316,6 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
                    entries.begin());
   }
   const bool sorted = !keys.empty();
-  StringBuffer sb;
-  Writer w(sb);
-  w.StartObject();
   std::string scrollId;
   if (scroll) {
     auto sc = std::make_shared<Scroll>();
@@ -297,8 +327,13 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
     scrollId = randomId(96, ++st.counter);
     st.scrolls[scrollId] = sc;
     ++st.stats.scrollsOpened;
-    put(w, "_scroll_id", scrollId);
   }
+  lock.unlock(); // `entries` is the request's own or a pit's, which stays as it is
+  StringBuffer sb;
+  Writer w(sb);
+  w.StartObject();
+  if (scroll)
+    put(w, "_scroll_id", scrollId);
   if (!pitId.empty()) {
     put(w, "pit_id", pitId);
   }
@@ -306,7 +341,6 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
   writeHits(w, entries, start, size_t(std::max<int64_t>(0, size)), sorted, member("track_total_hits"), total,
             SourceFilter(member("_source")));
   w.EndObject();
-  lock.unlock();
   answerSearch(st, res, 200, std::string(sb.GetString(), sb.GetSize()));
 }
 
