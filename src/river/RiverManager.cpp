@@ -22,7 +22,8 @@ using detail::RiverRunner;
 
 class RiverManager::Private {
 public:
-  Private(http::HttpConnectionPool& p, unsigned threads) : pool(p), workerThreads(std::max(1u, threads)) {
+  Private(http::HttpConnectionPool& p, unsigned threads)
+      : pool(p), workerThreads(std::max(1u, threads)), use(p, workerThreads + 1) {
     static std::atomic<unsigned> counter{0};
     char host[256] = {};
     ::gethostname(host, sizeof host - 1);
@@ -31,6 +32,9 @@ public:
 
   http::HttpConnectionPool& pool;
   const unsigned workerThreads;
+  // The workers and the heartbeat keep their connections while the manager lives; the pool's own
+  // cap stays as the caller set it.
+  const http::HttpConnectionPool::ParallelUse use;
   std::string owner;
   std::vector<std::unique_ptr<RiverRunner>> rivers;
   std::vector<std::thread> workers;
@@ -228,9 +232,7 @@ public:
 };
 
 RiverManager::RiverManager(http::HttpConnectionPool& pool, unsigned workerThreads)
-    : d(std::make_unique<Private>(pool, workerThreads)) {
-  pool.ensureAtLeastMaxConcurrentConnection(d->workerThreads + 1);
-}
+    : d(std::make_unique<Private>(pool, workerThreads)) {}
 
 RiverManager::~RiverManager() { stop(); }
 

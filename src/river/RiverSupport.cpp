@@ -1,11 +1,11 @@
 #include <HttpTools/river/RiverSupport_p.h>
 
 #include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/http/RetryPolicy.h>
 #include <HttpTools/platform/qzJson.h>
 
 #include <algorithm>
 #include <chrono>
-#include <random>
 
 namespace qz::river::detail {
 
@@ -30,11 +30,7 @@ bool StopSignal::pause(unsigned ms, const bool* cancel) {
   return !stopped(cancel);
 }
 
-unsigned StopSignal::BackoffMs(unsigned failures) {
-  thread_local std::mt19937 random{std::random_device{}()};
-  const unsigned cap = std::min(5000u, 100u << std::min(failures, 6u));
-  return cap / 2 + unsigned(random() % (cap / 2 + 1));
-}
+unsigned StopSignal::BackoffMs(unsigned failures) { return http::RetryPolicy().backoffMs(failures + 1); }
 
 qz::elasticsearch::ElasticResponse CallElastic(http::HttpConnectionPool& pool, const char* method,
                                                const qz::elasticsearch::ElasticConnectionParameters& url,

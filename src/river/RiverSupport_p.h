@@ -54,7 +54,8 @@ public:
   // Sleeps up to `ms`; false when stopped meanwhile. stop() wakes it at once, the cancel flag
   // (not signalled) within 50 ms.
   bool pause(unsigned ms, const bool* cancel);
-  // The pause before the `failures`-th retry in a row: capped exponential, half of it random.
+  // The pause before the `failures`-th retry in a row: RetryPolicy's default backoff (100 ms
+  // doubling up to 5 s, half of it random), one step further.
   static unsigned BackoffMs(unsigned failures);
 
 private:

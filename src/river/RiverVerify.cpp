@@ -418,7 +418,7 @@ private:
 bool VerifyRiver(http::HttpConnectionPool& pool, const RiverDefinition& definition, bool repair, RiverDrift& drift,
                  std::string* error, const bool* cancel) {
   drift = RiverDrift();
-  pool.ensureAtLeastMaxConcurrentConnection(6); // a scan, a lookup and a bulk on each side
+  const http::HttpConnectionPool::ParallelUse use(pool, 6); // a scan, a lookup and a bulk on each side
   std::string why;
   Verifier verifier(pool, definition, repair, drift, cancel);
   const bool ok = verifier.run(why);

@@ -21,7 +21,9 @@ class RiverOnOpenSearch : public RiverTest, public testing::WithParamInterface<c
 TEST_P(RiverOnOpenSearch, LoadsAndFollows) {
   elastic.setOpenSearch(GetParam());
   load(0, 300);
+  const uint64_t cap = pool.getMaxConcurrentConnection();
   qz::river::RiverManager rivers(pool, 1);
+  EXPECT_EQ(pool.getMaxConcurrentConnection(), cap); // the caller's pool keeps its cap
   std::string error;
   ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
   ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;

@@ -168,7 +168,9 @@ protected:
   RiverDrift verify(bool repair) {
     RiverDrift drift;
     std::string error;
+    const uint64_t cap = pool.getMaxConcurrentConnection();
     EXPECT_TRUE(qz::river::VerifyRiver(pool, def, repair, drift, &error, nullptr)) << error;
+    EXPECT_EQ(pool.getMaxConcurrentConnection(), cap); // the caller's pool keeps its cap
     return drift;
   }
 };
