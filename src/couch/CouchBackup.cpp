@@ -262,40 +262,50 @@ bool BackupDatabase(http::HttpConnectionPool& pool, const CouchConnectionParamet
   for (unsigned t = 0; t < threads; ++t)
     workers.emplace_back(worker);
 
+  // The feed is read in pages of several batches: fewer sequential requests, each a cheaper
+  // read per change for the server. A batch ends at its last change's seq, a checkpoint too.
+  const size_t batchSize = std::max<size_t>(1, options.batchSize);
   ChangesOptions feedOptions;
   feedOptions.since = options.since;
   feedOptions.allLeafRevs = true;
-  feedOptions.batchLimit = unsigned(std::max<size_t>(1, options.batchSize));
+  feedOptions.batchLimit = unsigned(std::min<size_t>(batchSize * std::min(threads, 4u), 100000));
   ChangesFeedListener feed(pool, server, db, feedOptions);
   std::string feedError;
+  auto submit = [&](const Change* begin, const Change* end, std::string checkpoint) {
+    Batch batch;
+    batch.checkpoint = std::move(checkpoint);
+    batch.body = "{\"docs\":[";
+    bool first = true;
+    for (const Change* c = begin; c != end; ++c) {
+      // A lone live leaf is the winner: asked for by id alone, which spares the server a
+      // look-up of the revision (PouchDB reads the revision tree for it). Should the
+      // document change meanwhile, its later change brings every leaf.
+      const bool winner = c->revs.size() == 1 && !c->deleted;
+      for (const std::string& rev : c->revs) {
+        batch.body += first ? "{\"id\":" : ",{\"id\":";
+        json::AppendJsonString(batch.body, c->id);
+        if (!winner) {
+          batch.body += ",\"rev\":";
+          json::AppendJsonString(batch.body, rev);
+        }
+        batch.body += "}";
+        first = false;
+      }
+    }
+    batch.body += "]}";
+    std::unique_lock<std::mutex> lock(mutex);
+    counts.documents += size_t(end - begin);
+    batch.index = submitted++;
+    todo.emplace(batch.index, std::move(batch));
+    changed.notify_all();
+  };
   const bool feedOk = feed.runBatches(
       [&](std::vector<Change>& changes, const std::string& checkpoint) {
-        Batch batch;
-        batch.checkpoint = checkpoint;
-        batch.body = "{\"docs\":[";
-        bool first = true;
-        for (const Change& c : changes) {
-          // A lone live leaf is the winner: asked for by id alone, which spares the server a
-          // look-up of the revision (PouchDB reads the revision tree for it). Should the
-          // document change meanwhile, its later change brings every leaf.
-          const bool winner = c.revs.size() == 1 && !c.deleted;
-          for (const std::string& rev : c.revs) {
-            batch.body += first ? "{\"id\":" : ",{\"id\":";
-            json::AppendJsonString(batch.body, c.id);
-            if (!winner) {
-              batch.body += ",\"rev\":";
-              json::AppendJsonString(batch.body, rev);
-            }
-            batch.body += "}";
-            first = false;
-          }
+        for (size_t at = 0; at < changes.size() || at == 0; at += batchSize) {
+          const size_t end = std::min(changes.size(), at + batchSize);
+          submit(changes.data() + at, changes.data() + end, end == changes.size() ? checkpoint : changes[end - 1].seq);
         }
-        batch.body += "]}";
         std::unique_lock<std::mutex> lock(mutex);
-        counts.documents += changes.size();
-        batch.index = submitted++;
-        todo.emplace(batch.index, std::move(batch));
-        changed.notify_all();
         // A few batches ahead of the writer at most.
         for (;;) {
           writeDone(lock);
