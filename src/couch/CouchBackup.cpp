@@ -111,7 +111,8 @@ struct AnswerLines : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerLines
     for (size_t pos = from; const auto& [begin, end] : cuts)
       value.append(text + pos, begin - pos), pos = end;
     value.append(text + (cuts.empty() ? from : cuts.back().second), text + at());
-    if (value.find_first_of("\r\n") != std::string::npos) // spaces between tokens: one line
+    if (value.find('\n') != std::string::npos ||
+        value.find('\r') != std::string::npos) // spaces between tokens: one line
       std::replace_if(
           value.begin(), value.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
     if (kind == kOk) {
