@@ -107,20 +107,22 @@ struct AnswerLines : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerLines
   bool finish() {
     capture = 0;
     const char* text = in->head_;
-    std::string value;
+    std::string& lines = batch->lines; // the copy goes there; an error is taken back out
+    const size_t start = lines.size();
     for (size_t pos = from; const auto& [begin, end] : cuts)
-      value.append(text + pos, begin - pos), pos = end;
-    value.append(text + (cuts.empty() ? from : cuts.back().second), text + at());
-    if (value.find('\n') != std::string::npos ||
-        value.find('\r') != std::string::npos) // spaces between tokens: one line
+      lines.append(text + pos, begin - pos), pos = end;
+    lines.append(text + (cuts.empty() ? from : cuts.back().second), text + at());
+    // Spaces between tokens: the line stays one line.
+    if (lines.find('\n', start) != std::string::npos || lines.find('\r', start) != std::string::npos)
       std::replace_if(
-          value.begin(), value.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
+          lines.begin() + std::ptrdiff_t(start), lines.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
     if (kind == kOk) {
-      batch->lines += value;
-      batch->lines += '\n';
+      lines += '\n';
       ++batch->revisions;
       return true;
     }
+    const std::string value = lines.substr(start);
+    lines.resize(start);
     qzVariantMapImpl e; // a leaf replaced since the feed was read: its later change brings it
     if (json::Json2Variant::Convert(value.data(), value.size(), e) && e["error"].toString() == "not_found")
       return true;
