@@ -9,9 +9,8 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include <rapidjson/reader.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <istream>
@@ -19,6 +18,8 @@
 #include <mutex>
 #include <ostream>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace qz::couch {
 
@@ -34,33 +35,51 @@ struct Batch {
   std::string error; // not written: the backup stops before it
 };
 
-// Cuts the documents of a _bulk_get answer into JSON lines without building them: the events of
-// each "ok" value go straight to a writer, numbers as their text, "_attachments" left out unless
-// wanted. Depths: 1 the answer, 3 a result, 5 an entry of its docs, 6 the document.
+// Cuts the documents of a _bulk_get answer into JSON lines without building them: the text of
+// each "ok" value is copied as it came, an "_attachments" object cut out unless wanted. Depths: 1 the
+// answer, 3 a result, 5 an entry of its docs, 6 the document.
 struct AnswerLines : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerLines> {
   enum Next { kNone, kId, kOk, kError, kSkip };
   bool attachments = false;
   Batch* batch = nullptr;
+  const rapidjson::StringStream* in = nullptr;
   std::string id, error;
   int depth = 0, capture = 0, skip = 0; // containers open; depth of the value copied, left out
+  size_t from = 0, cut = 0;             // where the value copied and the member left out begin
+  std::vector<std::pair<size_t, size_t>> cuts;
   Next next = kNone, kind = kNone;
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer{buffer};
 
+  size_t at() const { return in->Tell(); }
   bool Key(const char* s, rapidjson::SizeType n, bool) {
     const std::string_view key(s, n);
     if (skip)
       return true;
     if (capture) {
       if (depth == capture && !attachments && key == "_attachments")
-        return next = kSkip, true;
-      return writer.Key(s, n);
+        cut = at(), next = kSkip; // the stream stands at the key's opening quote
+      return true;
     }
     next = depth == 3 && key == "id"      ? kId
            : depth == 5 && key == "ok"    ? kOk
            : depth == 5 && key == "error" ? kError
                                           : kNone;
     return true;
+  }
+  // The member left out ends here: cut with the comma before it, or after it when it is first.
+  void endCut() {
+    const char* text = in->head_;
+    size_t begin = cut, end = at();
+    while (begin > from && std::strchr(" \t\r\n", text[begin - 1]))
+      --begin;
+    if (text[begin - 1] == ',')
+      --begin;
+    else {
+      while (std::strchr(" \t\r\n", text[end]) && text[end])
+        ++end;
+      end += text[end] == ',';
+      begin = cut;
+    }
+    cuts.emplace_back(begin, end);
   }
   bool Start(bool object) {
     if (++depth == 1 && !object)
@@ -71,43 +90,51 @@ struct AnswerLines : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerLines
       return skip = skip ? skip : depth, true;
     if (!capture && (was == kOk || was == kError)) {
       capture = depth, kind = was;
-      buffer.Clear();
-      writer.Reset(buffer);
+      from = at() - 1;
+      cuts.clear();
     }
-    return !capture || (object ? writer.StartObject() : writer.StartArray());
+    return true;
   }
-  bool End(bool object) {
-    const int at = depth--;
-    if (skip)
-      return skip = at == skip ? 0 : skip, true;
-    if (!capture)
+  bool End(bool) {
+    const int was = depth--;
+    if (skip) {
+      if (was == skip)
+        skip = 0, endCut();
       return true;
-    if (!(object ? writer.EndObject() : writer.EndArray()))
-      return false;
-    return at != capture || finish();
+    }
+    return !capture || was != capture || finish();
   }
   bool finish() {
     capture = 0;
+    const char* text = in->head_;
+    std::string& lines = batch->lines; // the copy goes there; an error is taken back out
+    const size_t start = lines.size();
+    for (size_t pos = from; const auto& [begin, end] : cuts)
+      lines.append(text + pos, begin - pos), pos = end;
+    lines.append(text + (cuts.empty() ? from : cuts.back().second), text + at());
+    // Spaces between tokens: the line stays one line.
+    if (lines.find('\n', start) != std::string::npos || lines.find('\r', start) != std::string::npos)
+      std::replace_if(
+          lines.begin() + std::ptrdiff_t(start), lines.end(), [](char c) { return c == '\r' || c == '\n'; }, ' ');
     if (kind == kOk) {
-      batch->lines.append(buffer.GetString(), buffer.GetSize());
-      batch->lines += '\n';
+      lines += '\n';
       ++batch->revisions;
       return true;
     }
+    const std::string value = lines.substr(start);
+    lines.resize(start);
     qzVariantMapImpl e; // a leaf replaced since the feed was read: its later change brings it
-    if (json::Json2Variant::Convert(buffer.GetString(), buffer.GetSize(), e) && e["error"].toString() == "not_found")
+    if (json::Json2Variant::Convert(value.data(), value.size(), e) && e["error"].toString() == "not_found")
       return true;
-    error = "reading " + id + ": " + buffer.GetString();
+    error = "reading " + id + ": " + value;
     return false;
   }
-  // A scalar: copied, left out, or the id of a result.
-  template <class Write> bool Scalar(Write write, const char* s = nullptr, rapidjson::SizeType n = 0) {
+  // A scalar: passed over, left out, or the id of a result.
+  bool Scalar(const char* s = nullptr, rapidjson::SizeType n = 0) {
     const Next was = next;
     next = kNone;
-    if (skip || was == kSkip)
+    if (skip || was == kSkip || capture)
       return true;
-    if (capture)
-      return write();
     if (was == kId && s)
       id.assign(s, n);
     return was != kOk && was != kError;
@@ -116,18 +143,10 @@ struct AnswerLines : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerLines
   bool StartArray() { return Start(false); }
   bool EndObject(rapidjson::SizeType) { return End(true); }
   bool EndArray(rapidjson::SizeType) { return End(false); }
-  bool String(const char* s, rapidjson::SizeType n, bool) {
-    return Scalar([&] { return writer.String(s, n); }, s, n);
-  }
-  bool RawNumber(const char* s, rapidjson::SizeType n, bool) {
-    return Scalar([&] { return writer.RawValue(s, n, rapidjson::kNumberType); });
-  }
-  bool Bool(bool b) {
-    return Scalar([&] { return writer.Bool(b); });
-  }
-  bool Null() {
-    return Scalar([&] { return writer.Null(); });
-  }
+  bool String(const char* s, rapidjson::SizeType n, bool) { return Scalar(s, n); }
+  bool RawNumber(const char*, rapidjson::SizeType, bool) { return Scalar(); }
+  bool Bool(bool) { return Scalar(); }
+  bool Null() { return Scalar(); }
 };
 
 // The documents of a _bulk_get answer as JSON lines.
@@ -137,6 +156,7 @@ bool LinesOfAnswer(const std::string& answer, bool attachments, Batch& batch, st
   handler.batch = &batch;
   rapidjson::Reader reader;
   rapidjson::StringStream in(answer.c_str());
+  handler.in = &in;
   if (reader.Parse<rapidjson::kParseNumbersAsStringsFlag>(in, handler).IsError()) {
     error = handler.error.empty() ? "invalid json answer of _bulk_get" : handler.error;
     return false;
@@ -262,40 +282,50 @@ bool BackupDatabase(http::HttpConnectionPool& pool, const CouchConnectionParamet
   for (unsigned t = 0; t < threads; ++t)
     workers.emplace_back(worker);
 
+  // The feed is read in pages of four batches: fewer sequential requests, each a cheaper
+  // read per change for the server. A batch ends at its last change's seq, a checkpoint too.
+  const size_t batchSize = std::max<size_t>(1, options.batchSize);
   ChangesOptions feedOptions;
   feedOptions.since = options.since;
   feedOptions.allLeafRevs = true;
-  feedOptions.batchLimit = unsigned(std::max<size_t>(1, options.batchSize));
+  feedOptions.batchLimit = unsigned(std::min<size_t>(batchSize * 4, 100000));
   ChangesFeedListener feed(pool, server, db, feedOptions);
   std::string feedError;
+  auto submit = [&](const Change* begin, const Change* end, std::string checkpoint) {
+    Batch batch;
+    batch.checkpoint = std::move(checkpoint);
+    batch.body = "{\"docs\":[";
+    bool first = true;
+    for (const Change* c = begin; c != end; ++c) {
+      // A lone live leaf is the winner: asked for by id alone, which spares the server a
+      // look-up of the revision (PouchDB reads the revision tree for it). Should the
+      // document change meanwhile, its later change brings every leaf.
+      const bool winner = c->revs.size() == 1 && !c->deleted;
+      for (const std::string& rev : c->revs) {
+        batch.body += first ? "{\"id\":" : ",{\"id\":";
+        json::AppendJsonString(batch.body, c->id);
+        if (!winner) {
+          batch.body += ",\"rev\":";
+          json::AppendJsonString(batch.body, rev);
+        }
+        batch.body += "}";
+        first = false;
+      }
+    }
+    batch.body += "]}";
+    std::unique_lock<std::mutex> lock(mutex);
+    counts.documents += size_t(end - begin);
+    batch.index = submitted++;
+    todo.emplace(batch.index, std::move(batch));
+    changed.notify_all();
+  };
   const bool feedOk = feed.runBatches(
       [&](std::vector<Change>& changes, const std::string& checkpoint) {
-        Batch batch;
-        batch.checkpoint = checkpoint;
-        batch.body = "{\"docs\":[";
-        bool first = true;
-        for (const Change& c : changes) {
-          // A lone live leaf is the winner: asked for by id alone, which spares the server a
-          // look-up of the revision (PouchDB reads the revision tree for it). Should the
-          // document change meanwhile, its later change brings every leaf.
-          const bool winner = c.revs.size() == 1 && !c.deleted;
-          for (const std::string& rev : c.revs) {
-            batch.body += first ? "{\"id\":" : ",{\"id\":";
-            json::AppendJsonString(batch.body, c.id);
-            if (!winner) {
-              batch.body += ",\"rev\":";
-              json::AppendJsonString(batch.body, rev);
-            }
-            batch.body += "}";
-            first = false;
-          }
+        for (size_t at = 0; at < changes.size() || at == 0; at += batchSize) {
+          const size_t end = std::min(changes.size(), at + batchSize);
+          submit(changes.data() + at, changes.data() + end, end == changes.size() ? checkpoint : changes[end - 1].seq);
         }
-        batch.body += "]}";
         std::unique_lock<std::mutex> lock(mutex);
-        counts.documents += changes.size();
-        batch.index = submitted++;
-        todo.emplace(batch.index, std::move(batch));
-        changed.notify_all();
         // A few batches ahead of the writer at most.
         for (;;) {
           writeDone(lock);

@@ -21,7 +21,7 @@ namespace qz::couch {
 /// How BackupDatabase reads the database.
 struct HTTPTOOLS_API BackupOptions {
   std::string since = "0"; ///< resume after this checkpoint (one handed to onBatchWritten)
-  size_t batchSize = 500;  ///< changes per page of the feed, and so per _bulk_get
+  size_t batchSize = 500;  ///< changes per _bulk_get (and checkpoint); the feed is read four batches a page
   unsigned threads = 4;    ///< _bulk_get requests in flight
   /// Attachments inline, base64 in "data"; without, documents are written without _attachments
   /// (a stub cannot be restored).

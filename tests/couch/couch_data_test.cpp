@@ -131,7 +131,7 @@ TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) 
   Fill(*s_server, db, 40);
   qztest::FaultProxy proxy(s_server->port());
   ASSERT_TRUE(proxy.start()) << proxy.error();
-  // The second _bulk_get is refused: the first batch is written and logged, no more.
+  // The second _bulk_get is refused: the first batch (a quarter of the feed's first page) is logged, no more.
   proxy.addRule(qztest::FaultProxy::Match("POST", "/_bulk_get", qztest::FaultProxy::Refuse).from(2).answer(400));
   const std::string dir = ::testing::TempDir() + db;
   const std::string file = dir + ".ndjson", log = dir + ".log";
