@@ -206,7 +206,7 @@ bool BackupDatabase(http::HttpConnectionPool& pool, const CouchConnectionParamet
                     const std::function<void(const std::string& checkpoint, uint64_t written)>& onBatchWritten,
                     BackupStats* stats, std::string* error, const bool* cancel) {
   const unsigned threads = std::max(1u, options.threads);
-  pool.ensureAtLeastMaxConcurrentConnection(threads + 1);
+  const http::HttpConnectionPool::ParallelUse use(pool, threads + 1); // the workers and the feed
   qz::Url bulkGet =
       server.toDatabaseUrl(db, {}).toUrl(std::vector<std::string>{"_bulk_get"},
                                          {{"revs", "true"}, {"attachments", options.attachments ? "true" : "false"}});
