@@ -88,6 +88,7 @@ TEST_F(EmulatorTest, WritesVersionsAliasesAndMappingsAnswerAsElasticsearch) {
       {"PUT", "/logs-a/_doc/1", R"({"@timestamp":1})", 400, "only write ops with an op_type of create are allowed"},
       {"PUT", "/logs-a/_create/1", R"({"@timestamp":1})", 201, R"({"_index":".ds-logs-a-)"},
       {"GET", "/_data_stream/logs-*", "", 200, R"("generation":1,"status":"GREEN","template":"logs")"},
+      {"DELETE", "/logs-a", "", 400, "is the write index for data stream [logs-a] and cannot be deleted"},
       {"DELETE", "/_data_stream/logs-a", "", 200, "acknowledged"},
       {"GET", "/logs-a/_count", "", 404, "no such index [logs-a]"},
       {"DELETE", "/_index_template/logs", "", 200, "acknowledged"},

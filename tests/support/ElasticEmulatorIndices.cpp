@@ -162,6 +162,11 @@ void indexItself(State& st, const Req& req, Res& res, const std::string& name) {
     return st.reply(res, 404, m == "HEAD" ? "" : err);
   if (m == "DELETE") {
     for (Index* ix : found)
+      if (!ix->dataStream.empty()) // only DELETE /_data_stream/NAME drops them
+        return st.fail(res, 400, "illegal_argument_exception",
+                       "index [" + ix->name + "] is the write index for data stream [" + ix->dataStream +
+                           "] and cannot be deleted");
+    for (Index* ix : found)
       st.indices.erase(std::string(ix->name));
     return st.reply(res, 200, "{\"acknowledged\":true}");
   }
