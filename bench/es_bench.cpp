@@ -1,8 +1,9 @@
 // Elasticsearch tools against the emulator (a child process, so that its CPU is not the client's):
 //
-// 1. Bulk-index N ~1 KB documents through BulkIndexer and through the official Python client's
-//    helpers.bulk with the same batch size: client CPU per document and documents per second; the
-//    emulator's own CPU is shown so that one can see it was not the limit.
+// 1. Bulk-index N ~1 KB documents through BulkIndexer (plain, and gzip at levels 1 and 6) and
+//    through the official Python client's helpers.bulk with the same batch size: client CPU, bytes
+//    sent per document and documents per second; the emulator's own CPU is shown so that one can
+//    see it was not the limit.
 // 2. Read every hit back: FetchSearchResults (hits cut while the answer arrives) against the same
 //    point-in-time pages read whole into a RapidJSON DOM and walked into variants; time and peak heap
 //    in use above the start of each read.
@@ -97,11 +98,14 @@ std::string request(const char* method, const std::string& path, const std::stri
   return r.body;
 }
 
-double emulatorCpu() {
+qzVariantMapImpl emulatorStats() {
   qzVariantMapImpl stats;
   qz::json::Json2Variant::Convert(request("GET", "/_emulator/stats"), stats);
-  return double(stats["cpu_us"].toInt64()) / 1e6;
+  return stats;
 }
+double emulatorCpu() { return double(emulatorStats()["cpu_us"].toInt64()) / 1e6; }
+// _bulk body bytes the emulator has received, as sent.
+double bulkBytes() { return double(emulatorStats()["bulk_bytes"].toInt64()); }
 
 // About 1 KB: a title, a long text with quotes and brackets, tags, numbers and a nested object.
 std::string text(int i) {
@@ -141,17 +145,19 @@ print(json.dumps({"ok": ok, "errors": len(errors), "cpu": time.process_time() - 
 )PY";
 
 struct BulkSample {
-  double cpuPerDoc = 0, docsPerSec = 0, emulatorCpuPerDoc = 0;
+  double cpuPerDoc = 0, docsPerSec = 0, emulatorCpuPerDoc = 0, bytesPerDoc = 0;
   bool ok = false;
 };
 
 BulkSample ourBulk(qz::http::HttpConnectionPool& pool, const std::vector<qzVariantMapImpl>& docs,
-                   const std::string& index) {
+                   const std::string& index, int gzipLevel) {
   BulkSample s;
   const qz::elasticsearch::ElasticConnectionParameters server{qz::Url(gBase)};
+  const double b0 = bulkBytes();
   const double e0 = emulatorCpu(), c0 = bench::SelfCpuSec(), t0 = bench::Now();
   {
     qz::elasticsearch::BulkIndexer indexer(pool, server, 2, 1000, 100 << 20);
+    indexer.setRequestOptions({"", "", gzipLevel});
     for (size_t i = 0; i < docs.size(); ++i)
       indexer.index(index, "d" + std::to_string(i), docs[i]);
     std::string error;
@@ -163,13 +169,14 @@ BulkSample ourBulk(qz::http::HttpConnectionPool& pool, const std::vector<qzVaria
   s.emulatorCpuPerDoc = (emulatorCpu() - e0) / double(docs.size());
   s.cpuPerDoc = (c1 - c0) / double(docs.size());
   s.docsPerSec = double(docs.size()) / (t1 - t0);
+  s.bytesPerDoc = (bulkBytes() - b0) / double(docs.size());
   return s;
 }
 
 BulkSample pythonBulk(const std::string& index) {
   BulkSample s;
   std::string out, err;
-  const double e0 = emulatorCpu();
+  const double b0 = bulkBytes(), e0 = emulatorCpu();
   const int rc =
       qztest::RunProgram({"/usr/bin/python3", "-c", kPython, gBase, index, std::to_string(gDocs)}, "", out, err);
   qzVariantMapImpl r;
@@ -181,6 +188,7 @@ BulkSample pythonBulk(const std::string& index) {
   s.cpuPerDoc = r["cpu"].toDouble() / gDocs;
   s.docsPerSec = gDocs / r["wall"].toDouble();
   s.emulatorCpuPerDoc = (emulatorCpu() - e0) / gDocs; // includes the script's start-up requests
+  s.bytesPerDoc = (bulkBytes() - b0) / gDocs;
   return s;
 }
 
@@ -380,38 +388,45 @@ int comparisons() {
   qz::json::Json2Variant::Convert(docs[0], sample, false);
 
   qz::http::HttpConnectionPool pool;
-  std::vector<double> ourCpu, pyCpu, ourRate, pyRate, ourEmu, pyEmu, cpuRatio;
+  // Paths: BulkIndexer plain, gzip 1, gzip 6 (the CLI's), python; the order turns each round.
+  const char* names[] = {"BulkIndexer (2 threads)", "BulkIndexer gzip level 1", "BulkIndexer gzip level 6",
+                         "python helpers.bulk"};
+  const char* indices[] = {"bench", "gz1", "gz6", "py"};
+  const int levels[] = {0, 1, 6};
+  std::vector<double> cpu[4], rate[4], emu[4], bytes[4], cpuRatio, gzipCost[2];
   bool ok = true;
   for (int round = 0; round < gRounds; ++round) {
-    BulkSample a, b;
-    const std::string keep = "bench";
-    if (round % 2 == 0) {
-      a = ourBulk(pool, docs, keep);
-      b = pythonBulk("py");
-    } else {
-      b = pythonBulk("py");
-      a = ourBulk(pool, docs, keep);
+    BulkSample x[4];
+    for (int k = 0; k < 4; ++k) {
+      const int which = (k + round) % 4;
+      x[which] = which == 3 ? pythonBulk("py") : ourBulk(pool, docs, indices[which], levels[which]);
     }
-    request("DELETE", "/py");
-    ok = ok && a.ok && b.ok;
-    ourCpu.push_back(a.cpuPerDoc * 1e6);
-    pyCpu.push_back(b.cpuPerDoc * 1e6);
-    ourRate.push_back(a.docsPerSec);
-    pyRate.push_back(b.docsPerSec);
-    ourEmu.push_back(a.emulatorCpuPerDoc * 1e6);
-    pyEmu.push_back(b.emulatorCpuPerDoc * 1e6);
-    if (b.cpuPerDoc > 0)
-      cpuRatio.push_back(a.cpuPerDoc / b.cpuPerDoc);
+    for (int which = 0; which < 4; ++which) {
+      if (which) // "bench" stays for the searches
+        request("DELETE", std::string("/") + indices[which]);
+      ok = ok && x[which].ok;
+      cpu[which].push_back(x[which].cpuPerDoc * 1e6);
+      rate[which].push_back(x[which].docsPerSec);
+      emu[which].push_back(x[which].emulatorCpuPerDoc * 1e6);
+      bytes[which].push_back(x[which].bytesPerDoc);
+    }
+    if (x[3].cpuPerDoc > 0)
+      cpuRatio.push_back(x[0].cpuPerDoc / x[3].cpuPerDoc);
+    for (int g = 0; g < 2; ++g)
+      gzipCost[g].push_back((x[g + 1].cpuPerDoc - x[0].cpuPerDoc) * 1e6);
   }
   std::printf("bulk index, %d rounds x %d documents of %zu bytes, batches of 1000 (medians)\n", gRounds, gDocs,
               sample.size());
-  std::printf("  %-28s %10s %14s %16s\n", "", "docs/s", "client us/doc", "emulator us/doc");
-  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "BulkIndexer (2 threads)", bench::Median(ourRate),
-              bench::Median(ourCpu), bench::Median(ourEmu));
-  std::printf("  %-28s %10.0f %14.2f %16.2f\n", "python helpers.bulk", bench::Median(pyRate), bench::Median(pyCpu),
-              bench::Median(pyEmu));
+  std::printf("  %-28s %10s %14s %16s %12s\n", "", "docs/s", "client us/doc", "emulator us/doc", "bytes/doc");
+  for (int which = 0; which < 4; ++which)
+    std::printf("  %-28s %10.0f %14.2f %16.2f %12.1f\n", names[which], bench::Median(rate[which]),
+                bench::Median(cpu[which]), bench::Median(emu[which]), bench::Median(bytes[which]));
   std::printf("  client CPU ratio BulkIndexer/python, median of the rounds' own: %.3f (target <= 0.2)\n",
               bench::Median(cpuRatio));
+  for (int g = 0; g < 2; ++g)
+    std::printf("  gzip level %d costs %.2f client us/doc more than plain (median of the rounds' own) and sends "
+                "%.1f%% of its bytes\n",
+                levels[g + 1], bench::Median(gzipCost[g]), 100 * bench::Median(bytes[g + 1]) / bench::Median(bytes[0]));
 
   const unsigned page = 10000;
   std::vector<double> timeRatio;

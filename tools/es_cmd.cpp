@@ -231,6 +231,7 @@ struct BulkOptions {
   unsigned threads = 2;
   size_t batch = 1000;
   bool gzip = false;
+  bool create = false; // op create: a data stream takes nothing else
   httptools::ConnectionOptions conn;
   httptools::ElasticAuth auth;
 };
@@ -281,7 +282,15 @@ void runBulk(const BulkOptions& o) {
       }
       const std::string docId = id->second.toString();
       doc.erase(id);
-      indexer.index(index, docId, doc);
+      if (o.create) {
+        qz::elasticsearch::BulkItem item;
+        item.op = qz::elasticsearch::BulkOp::Create;
+        item.index = index;
+        item.id = docId;
+        indexer.add(item, doc);
+      } else {
+        indexer.index(index, docId, doc);
+      }
     }
     std::string error;
     indexer.flush(&error);
@@ -331,6 +340,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
   httptools::AddConnectionOptions(b, bulk->conn);
   httptools::AddElasticAuth(b, bulk->auth);
   b->add_flag("--gzip", bulk->gzip, "Send the _bulk bodies gzip-compressed (Content-Encoding: gzip)");
+  b->add_flag("--create", bulk->create, "Op create instead of index: an existing id fails; the op a data stream takes");
   b->callback([bulk] { runBulk(*bulk); });
 
   httptools::AddElasticDataCommands(*es);

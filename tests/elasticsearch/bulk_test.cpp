@@ -187,8 +187,12 @@ BulkItem item(BulkOp op, const std::string& id, const std::string& json = "", in
 }
 
 // Each op type and option reaches Elasticsearch in one request, applied in order, and each item's
-// outcome comes back with the item as sent.
+// outcome comes back with the item as sent; a data stream takes creates only.
 TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
+  ASSERT_EQ(call("PUT", "/_index_template/logs", R"({"index_patterns":["logs-*"],"data_stream":{}})"), 200);
+  auto stream = [](BulkOp op, const char* id, const char* json) {
+    return BulkItem{op, "logs-x", id, "", -1, V::Internal, -1, -1, json, false};
+  };
   struct Case {
     BulkItem item;
     int status;
@@ -209,6 +213,9 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
       {item(BulkOp::Index, "x", R"({"v":"gte"})", 7, V::ExternalGte, "r2"), 200, "updated", 7},
       {item(BulkOp::Delete, "b"), 200, "deleted", 2},
       {item(BulkOp::Delete, "never"), 404, "not_found", 1},
+      {stream(BulkOp::Create, "1", R"({"@timestamp":5})"), 201, "created", 1},
+      {stream(BulkOp::Index, "2", R"({"@timestamp":5})"), 400, "illegal_argument_exception", -1},
+      {stream(BulkOp::Create, "3", R"({"n":3})"), 400, "mapper_parsing_exception", -1},
   };
   BulkIndexer indexer(pool, server, 1, 1000);
   std::vector<std::pair<BulkItem, BulkOutcome>> got;
@@ -217,7 +224,7 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
     ASSERT_TRUE(indexer.add(c.item));
   std::string error;
   EXPECT_FALSE(indexer.flush(&error)); // the expected conflicts
-  EXPECT_NE(error.find("4 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception"), std::string::npos)
+  EXPECT_NE(error.find("6 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception"), std::string::npos)
       << error;
   EXPECT_EQ(emulator.stats().bulkRequests, 1u);
   ASSERT_EQ(got.size(), std::size(cases));
@@ -238,7 +245,10 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
   ASSERT_EQ(call("GET", "/o/_doc/x", "", &back), 200);
   EXPECT_NE(back.find(R"("_version":7,"_seq_no":)"), std::string::npos) << back;
   EXPECT_NE(back.find(R"("_routing":"r2","found":true,"_source":{"v":"gte"})"), std::string::npos) << back;
-  EXPECT_EQ(counts(indexer.stats()), "indexed 7, deleted 2, failed 4, retried 0, cancelled 0");
+  ASSERT_EQ(call("POST", "/logs-x/_search", "{}", &back), 200);
+  EXPECT_NE(back.find(R"("_index":".ds-logs-x-)"), std::string::npos) << back;
+  EXPECT_NE(back.find(R"("_id":"1")"), std::string::npos) << back;
+  EXPECT_EQ(counts(indexer.stats()), "indexed 8, deleted 2, failed 6, retried 0, cancelled 0");
 }
 
 // What Elasticsearch would refuse for the whole request is refused alone, before sending.

@@ -44,6 +44,14 @@ TEST_F(EsCliTest, BulkThenSearchAndGet) {
   EXPECT_NE(err.find("line 1 is not a JSON object with an \"_id\""), std::string::npos) << err;
   EXPECT_NE(err.find("bad: 400 mapper_parsing_exception"), std::string::npos) << err;
 
+  // A data stream takes --create (its documents with a @timestamp).
+  ASSERT_EQ(call("PUT", "/_index_template/logs", R"({"index_patterns":["logs-*"],"data_stream":{}})"), 200);
+  EXPECT_EQ(run({"es", "bulk", emulator.baseUrl() + "/logs-cli", "--create"},
+                "{\"_id\":\"a\",\"@timestamp\":1}\n{\"_id\":\"b\"}\n"),
+            1);
+  EXPECT_EQ(out, "indexed 1, failed 1, retried 0\n");
+  EXPECT_NE(err.find("b: 400 mapper_parsing_exception"), std::string::npos) << err;
+
   EXPECT_EQ(run({"es", "search", index, "--query", R"({"query":{"range":{"n":{"gte":23}}},"sort":["n"]})"}), 0) << err;
   EXPECT_EQ(out, "{\"_id\":\"c23\",\"_source\":{\"n\":23,\"s\":\"x\\\"y\"}}\n"
                  "{\"_id\":\"c24\",\"_source\":{\"n\":24,\"s\":\"x\\\"y\"}}\n");

@@ -1,5 +1,5 @@
 # The official Python client (7.17) against the emulator: helpers.bulk with retries of rejected
-# items, helpers.scan over a scroll and in two slices, mget and the mapping's _meta; then gzip
+# items, helpers.scan over a scroll and in two slices, mget, the mapping's _meta, a data stream; then gzip
 # bodies with an API key the emulator demands, and a scan that a partial answer stops. Usage: python3 clients_check.py URL
 import json
 import sys
@@ -19,6 +19,15 @@ ids = sorted(int(h["_id"]) for h in scanned)
 intact = all(h["_source"]["n"] == int(h["_id"]) and h["_source"]["text"] == 'doc "%s" {]' % h["_id"] for h in scanned)
 docs = es.mget(index="py", body={"ids": ["5", "1999", "nope"]})["docs"]
 halves = [{h["_id"] for h in helpers.scan(es, index="py", query={"slice": {"id": s, "max": 2}}, size=500)} for s in (0, 1)]
+# A data stream made by its first creates; an index op is refused; a search on its name reads them.
+es.indices.put_index_template(name="logs", body={"index_patterns": ["logs-*"], "data_stream": {}})
+created, refused = helpers.bulk(es, [{"_op_type": "create", "_index": "logs-py", "_source": {"@timestamp": n, "n": n}}
+                                     for n in (1, 2, 3)] + [{"_index": "logs-py", "_id": "x", "_source": {"@timestamp": 4}}],
+                                raise_on_error=False)
+hits = es.search(index="logs-py", body={"query": {"match_all": {}}})["hits"]["hits"]
+backing = es.indices.get_data_stream(name="logs-py")["data_streams"][0]["indices"][0]["index_name"]
+stream = [created, refused[0]["index"]["error"]["type"], len(hits), {h["_index"] for h in hits} == {backing},
+          backing.startswith(".ds-logs-py-")]
 
 
 def faults(**f):
@@ -38,5 +47,5 @@ print(json.dumps({
     "intact": intact and len(ids) == 2000, "found": [d["found"] for d in docs],
     "sliced": [len(halves[0] | halves[1]), len(halves[0] & halves[1]), min(map(len, halves)) > 0],
     "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"], "zipped": zipped,
-    "zipped_count": es.count(index="gz")["count"], "partial": partial,
+    "zipped_count": es.count(index="gz")["count"], "partial": partial, "stream": stream,
 }, separators=(",", ":")))

@@ -38,11 +38,12 @@ TEST_F(ClientsTest, OfficialPythonClient) {
             R"({"ok":2000,"errors":0,"count":2000,"distinct":2000,"intact":true,"found":[true,true,false],)"
             R"("sliced":[2000,0,true],)"
             R"("meta":{"owner":"py"},"zipped":300,"zipped_count":300,)"
-            R"("partial":"Scroll request has only succeeded on 1 (+0 skipped) shards out of 2."})"
+            R"("partial":"Scroll request has only succeeded on 1 (+0 skipped) shards out of 2.",)"
+            R"("stream":[3,"illegal_argument_exception",3,true,true]})"
             "\n")
       << "the Python client is Debian's python3-elasticsearch";
   EXPECT_EQ(emulator.stats().lastBulkContentEncoding, "gzip");
-  EXPECT_EQ(statsText(), "items 2305, pits 0, scrolls 4, open 0"); // only the rejected items went twice
+  EXPECT_EQ(statsText(), "items 2309, pits 0, scrolls 4, open 0"); // only the rejected items went twice
 }
 
 TEST_F(ClientsTest, OfficialJsClients) {
@@ -59,9 +60,9 @@ TEST_F(ClientsTest, OfficialJsClients) {
     EXPECT_EQ(check({"node", dir + "/check.js", emulator.baseUrl(), product}),
               std::string(R"({"distribution":")") + product + R"(","number":")" + version +
                   R"(","successful":1200,"failed":0,"dropped":0,"listed":1,"seen":1200,"ordered":true,)"
-                  R"("closed":true,"scrolled":1200,"count":1200,"owner":"js"})"
+                  R"("closed":true,"scrolled":1200,"count":1200,"owner":"js","stream":[3,3,true,true]})"
                   "\n");
-    EXPECT_EQ(statsText(), "items 1205, pits 1, scrolls 1, open 0");
+    EXPECT_EQ(statsText(), "items 1208, pits 1, scrolls 1, open 0");
   }
 }
 

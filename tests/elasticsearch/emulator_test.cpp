@@ -80,6 +80,19 @@ TEST_F(EmulatorTest, WritesVersionsAliasesAndMappingsAnswerAsElasticsearch) {
       {"POST", "/v2/_search?scroll=1m", R"({"slice":{"id":0,"max":1}})", 400, "max must be greater than 1"},
       {"POST", "/v2/_search", R"({"slice":{"id":0,"max":2}})", 400,
        "can only be used with [scroll] or [point-in-time]"},
+      // Data streams come from a data-stream template and go with their backing indices.
+      {"PUT", "/_data_stream/logs-a", "", 400, "no matching index template found for data stream [logs-a]"},
+      {"PUT", "/_index_template/logs", R"({"index_patterns":["logs-*"],"data_stream":{}})", 200, "acknowledged"},
+      {"PUT", "/_data_stream/logs-a", "", 200, "acknowledged"},
+      {"PUT", "/_data_stream/logs-a", "", 400, "data_stream [logs-a] already exists"},
+      {"PUT", "/logs-a/_doc/1", R"({"@timestamp":1})", 400, "only write ops with an op_type of create are allowed"},
+      {"PUT", "/logs-a/_create/1", R"({"@timestamp":1})", 201, R"({"_index":".ds-logs-a-)"},
+      {"GET", "/_data_stream/logs-*", "", 200, R"("generation":1,"status":"GREEN","template":"logs")"},
+      {"DELETE", "/logs-a", "", 400, "is the write index for data stream [logs-a] and cannot be deleted"},
+      {"DELETE", "/_data_stream/logs-a", "", 200, "acknowledged"},
+      {"GET", "/logs-a/_count", "", 404, "no such index [logs-a]"},
+      {"DELETE", "/_index_template/logs", "", 200, "acknowledged"},
+      {"GET", "/_index_template/logs", "", 404, "index template matching [logs] not found"},
   };
   for (const auto& step : steps) {
     SCOPED_TRACE(std::string(step.method) + " " + step.path);

@@ -1,5 +1,6 @@
 // An official JS client against the emulator: cluster info, helpers.bulk (with retries of rejected
-// items), every document read back through a point in time with search_after, then a scroll.
+// items), every document read back through a point in time with search_after, then a scroll; a
+// data stream's round trip.
 // Usage: node check.js URL elasticsearch|opensearch ; prints one JSON line of what it saw.
 'use strict'
 const os = process.argv[3] === 'opensearch'
@@ -49,9 +50,20 @@ async function main () {
   await client.clearScroll({ body: { scroll_id: page._scroll_id } })
   const count = (await call(client.count({ index: 'c' }))).count
   const owner = (await call(client.indices.getMapping({ index: 'c' }))).c.mappings._meta.owner
+  await client.indices.putIndexTemplate({ name: 'logs', body: { index_patterns: ['logs-*'], data_stream: {} } })
+  const created = await client.helpers.bulk({
+    datasource: [1, 2, 3].map(n => ({ '@timestamp': n, n })),
+    onDocument () { return { create: { _index: 'logs-js' } } }
+  })
+  const hits = (await call(client.search({ index: 'logs-js', body: { query: { match_all: {} } } }))).hits.hits
+  const streams = await call(os // this OpenSearch client has no data stream API
+    ? client.transport.request({ method: 'GET', path: '/_data_stream/logs-js' })
+    : client.indices.getDataStream({ name: 'logs-js' }))
+  const backing = streams.data_streams[0].indices[0].index_name
+  const stream = [created.successful, hits.length, hits.every(h => h._index === backing), backing.startsWith('.ds-logs-js-')]
   console.log(JSON.stringify({
     distribution: info.version.distribution || 'elasticsearch', number: info.version.number,
-    successful: result.successful, failed: result.failed, dropped, listed, seen, ordered, closed, scrolled, count, owner
+    successful: result.successful, failed: result.failed, dropped, listed, seen, ordered, closed, scrolled, count, owner, stream
   }))
 }
 

@@ -176,9 +176,9 @@ void control(State& st, const Req& req, Res& res, const std::string& what) {
                         std::to_string(st.scrolls.size()) + ",\"pits_opened\":" + std::to_string(st.stats.pitsOpened) +
                         ",\"scrolls_opened\":" + std::to_string(st.stats.scrollsOpened) +
                         ",\"requests\":" + std::to_string(st.stats.requests) +
-                        ",\"bulk_requests\":" + std::to_string(st.stats.bulkRequests) +
-                        ",\"bulk_items\":" + std::to_string(st.stats.bulkItems) + ",\"docs\":" + std::to_string(docs) +
-                        ",\"cpu_us\":" + std::to_string(cpuMicros()) + "}");
+                        ",\"bulk_requests\":" + std::to_string(st.stats.bulkRequests) + ",\"bulk_items\":" +
+                        std::to_string(st.stats.bulkItems) + ",\"bulk_bytes\":" + std::to_string(st.stats.bulkBytes) +
+                        ",\"docs\":" + std::to_string(docs) + ",\"cpu_us\":" + std::to_string(cpuMicros()) + "}");
   }
   if (what == "reset" && req.method == "POST") {
     st.clear();
@@ -241,7 +241,7 @@ void dispatch(State& st, const Req& req, Res& res) {
                     "{\"cluster_name\":\"httptools-emulator\",\"status\":\"green\",\"timed_out\":false,\"number_of_"
                     "nodes\":1,\"number_of_data_nodes\":1}");
   if (serveOpenSearch(st, req, res, s) || serveDocuments(st, req, res, s) || serveSearch(st, req, res, s) ||
-      serveIndices(st, req, res, s))
+      serveDataStreams(st, req, res, s) || serveIndices(st, req, res, s))
     return;
   st.fail(res, 400, "illegal_argument_exception", "request [" + req.path + "] is not supported by the emulator");
 }
@@ -271,6 +271,13 @@ bool ElasticEmulator::State::resolve(const std::string& expr, std::vector<Index*
       for (auto& [name, ix] : indices)
         if (name.compare(0, prefix.size(), prefix) == 0)
           names.insert(name);
+      for (auto& [name, ds] : dataStreams)
+        if (name.compare(0, prefix.size(), prefix) == 0)
+          names.insert(ds.backing.begin(), ds.backing.end());
+      continue;
+    }
+    if (auto ds = dataStreams.find(part); ds != dataStreams.end()) {
+      names.insert(ds->second.backing.begin(), ds->second.backing.end());
       continue;
     }
     if (indices.count(part)) {
@@ -311,7 +318,15 @@ Index& ElasticEmulator::State::createIndex(const std::string& name) {
   return ix;
 }
 
-Index* ElasticEmulator::State::writeIndex(const std::string& name, int& status, std::string& err) {
+Index* ElasticEmulator::State::writeIndex(const std::string& name, const std::string& op, int& status,
+                                          std::string& err) {
+  auto createOnly = [&] {
+    status = 400;
+    err = "only write ops with an op_type of create are allowed in data streams";
+    return nullptr;
+  };
+  if (auto stream = dataStreams.find(name); stream != dataStreams.end())
+    return op == "create" ? &indices[stream->second.backing.back()] : createOnly();
   auto it = indices.find(name);
   if (it != indices.end())
     return &it->second;
@@ -341,6 +356,8 @@ Index* ElasticEmulator::State::writeIndex(const std::string& name, int& status, 
     err = "no such index [" + name + "] and [action.auto_create_index] is [false]";
     return nullptr;
   }
+  if (!dataStreamTemplate(name).empty())
+    return op == "create" ? createDataStream(name) : createOnly();
   return &createIndex(name);
 }
 

@@ -21,6 +21,11 @@
 //                                   fields, _id, _doc, _shard_doc; from/size; search_after; pit
 //   POST /IDX/_pit?keep_alive=, DELETE /_pit
 //   POST|GET /_search/scroll, DELETE /_search/scroll[/_all]
+//   PUT|GET|DELETE /_index_template/NAME   index_patterns, priority, data_stream, template.mappings
+//   PUT|GET|DELETE /_data_stream/NAME      made by PUT or by the first create into a name a
+//                                   data-stream template matches; writes take op create only and
+//                                   need @timestamp; they land in .ds-NAME-YYYY.MM.DD-000001, which
+//                                   searches on NAME read
 //   OpenSearch mode (setOpenSearch): its cluster info and point in time routes instead
 //
 // Mapped field types long/integer/short/byte/double/float/boolean are enforced: a document whose
@@ -65,6 +70,7 @@ public:
     std::string lastBulkContentType, lastBulkContentEncoding, lastBulkQuery;
     std::string lastSearchBody;
     size_t tooLargeBulks = 0; // _bulk requests refused with 413
+    size_t bulkBytes = 0;     // _bulk bodies as they came (compressed ones compressed)
   };
 
   ElasticEmulator();

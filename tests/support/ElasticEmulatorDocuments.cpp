@@ -12,6 +12,11 @@ const std::set<std::string> kIgnoredMeta = {"retry_on_conflict",      "pipeline"
 const char* const kUpdateVersioning =
     "Update requests do not support versioning. Please use `if_seq_no` and `if_primary_term` instead";
 
+// An index without an id creates a document with a generated one (so data streams take it).
+std::string writeOp(const std::string& op, const std::string& id) {
+  return op == "index" && id.empty() ? "create" : op;
+}
+
 bool knownVersionType(const std::string& t) { return t == "internal" || t == "external" || t == "external_gte"; }
 
 // Reads one write option, from a query parameter or a _bulk metadata member; false for another name.
@@ -169,6 +174,9 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
     st.stats.bulkItems += items.size();
     st.stats.lastBulkContentType = req.get_header_value("Content-Type");
     st.stats.lastBulkContentEncoding = req.get_header_value("Content-Encoding");
+    st.stats.bulkBytes += req.has_header("Content-Length")
+                              ? size_t(std::strtoull(req.get_header_value("Content-Length").c_str(), nullptr, 10))
+                              : text.size();
     st.stats.lastBulkQuery = httplib::detail::params_to_query_str(req.params);
     for (size_t i = 0; i < items.size(); ++i) {
       Item& item = items[i];
@@ -183,7 +191,7 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
                                "max_coordinating_and_primary_bytes=0]");
       else if (!item.parseError.empty())
         r = WriteResult::error(400, "mapper_parsing_exception", item.parseError);
-      else if (!(ix = st.writeIndex(item.index, status, err)))
+      else if (!(ix = st.writeIndex(item.index, writeOp(item.action, item.id), status, err)))
         r = WriteResult::error(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
       if (!ix)
         continue;
@@ -240,7 +248,7 @@ void writeDocument(State& st, const Req& req, Res& res, const std::string& index
   std::unique_lock<std::mutex> lock(st.mu);
   int status = 400;
   std::string err;
-  Index* ix = st.writeIndex(indexName, status, err);
+  Index* ix = st.writeIndex(indexName, writeOp(op, id), status, err);
   if (!ix)
     return st.fail(res, status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
   if (id.empty())

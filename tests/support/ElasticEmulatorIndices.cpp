@@ -18,49 +18,6 @@ void collectFieldTypes(const Value& properties, const std::string& prefix, std::
   }
 }
 
-bool applyMappings(Index& ix, const Value& mappings, std::string& err) {
-  Document merged;
-  merged.Parse(ix.mappings.c_str());
-  if (!mappings.IsObject()) {
-    err = "mappings must be an object";
-    return false;
-  }
-  auto& a = merged.GetAllocator();
-  for (const auto& m : mappings.GetObject()) {
-    const std::string name = m.name.GetString();
-    if (name == "properties" && m.value.IsObject()) {
-      if (!merged.HasMember("properties"))
-        merged.AddMember("properties", Value(rapidjson::kObjectType), a);
-      Value& props = merged["properties"];
-      for (const auto& p : m.value.GetObject()) {
-        auto existing = props.FindMember(p.name.GetString());
-        if (existing != props.MemberEnd()) {
-          const Value& oldType = existing->value.HasMember("type") ? existing->value["type"] : Value().Move();
-          const bool sameType =
-              p.value.IsObject() && p.value.HasMember("type") && oldType.IsString() && oldType == p.value["type"];
-          if (!sameType && oldType.IsString()) {
-            err = std::string("mapper [") + p.name.GetString() + "] cannot be changed from type [" +
-                  oldType.GetString() + "]";
-            return false;
-          }
-          props.RemoveMember(p.name.GetString());
-        }
-        props.AddMember(Value(p.name, a), Value(p.value, a), a);
-      }
-    } else {
-      merged.RemoveMember(name.c_str());
-      merged.AddMember(Value(m.name, a), Value(m.value, a), a);
-    }
-  }
-  ix.mappings = toJson(merged);
-  const Value* routing = fieldOf(merged, "_routing.required");
-  ix.routingRequired = routing && routing->IsBool() && routing->GetBool();
-  ix.fieldTypes.clear();
-  if (merged.HasMember("properties"))
-    collectFieldTypes(merged["properties"], "", ix.fieldTypes);
-  return true;
-}
-
 void writeIndexInfo(Writer& w, const Index& ix, bool aliases, bool mappings, bool settings) {
   w.Key(ix.name.c_str());
   w.StartObject();
@@ -205,6 +162,11 @@ void indexItself(State& st, const Req& req, Res& res, const std::string& name) {
     return st.reply(res, 404, m == "HEAD" ? "" : err);
   if (m == "DELETE") {
     for (Index* ix : found)
+      if (!ix->dataStream.empty()) // only DELETE /_data_stream/NAME drops them
+        return st.fail(res, 400, "illegal_argument_exception",
+                       "index [" + ix->name + "] is the write index for data stream [" + ix->dataStream +
+                           "] and cannot be deleted");
+    for (Index* ix : found)
       st.indices.erase(std::string(ix->name));
     return st.reply(res, 200, "{\"acknowledged\":true}");
   }
@@ -262,6 +224,49 @@ void putOrDeleteAlias(State& st, const Req& req, Res& res, const std::string& ex
 }
 
 } // namespace
+
+bool applyMappings(Index& ix, const Value& mappings, std::string& err) {
+  Document merged;
+  merged.Parse(ix.mappings.c_str());
+  if (!mappings.IsObject()) {
+    err = "mappings must be an object";
+    return false;
+  }
+  auto& a = merged.GetAllocator();
+  for (const auto& m : mappings.GetObject()) {
+    const std::string name = m.name.GetString();
+    if (name == "properties" && m.value.IsObject()) {
+      if (!merged.HasMember("properties"))
+        merged.AddMember("properties", Value(rapidjson::kObjectType), a);
+      Value& props = merged["properties"];
+      for (const auto& p : m.value.GetObject()) {
+        auto existing = props.FindMember(p.name.GetString());
+        if (existing != props.MemberEnd()) {
+          const Value& oldType = existing->value.HasMember("type") ? existing->value["type"] : Value().Move();
+          const bool sameType =
+              p.value.IsObject() && p.value.HasMember("type") && oldType.IsString() && oldType == p.value["type"];
+          if (!sameType && oldType.IsString()) {
+            err = std::string("mapper [") + p.name.GetString() + "] cannot be changed from type [" +
+                  oldType.GetString() + "]";
+            return false;
+          }
+          props.RemoveMember(p.name.GetString());
+        }
+        props.AddMember(Value(p.name, a), Value(p.value, a), a);
+      }
+    } else {
+      merged.RemoveMember(name.c_str());
+      merged.AddMember(Value(m.name, a), Value(m.value, a), a);
+    }
+  }
+  ix.mappings = toJson(merged);
+  const Value* routing = fieldOf(merged, "_routing.required");
+  ix.routingRequired = routing && routing->IsBool() && routing->GetBool();
+  ix.fieldTypes.clear();
+  if (merged.HasMember("properties"))
+    collectFieldTypes(merged["properties"], "", ix.fieldTypes);
+  return true;
+}
 
 bool serveIndices(State& st, const Req& req, Res& res, const Path& s) {
   const std::string& m = req.method;

@@ -8,6 +8,7 @@
 //   ElasticEmulatorQuery.cpp      query matching and sort values
 //   ElasticEmulatorSearch.cpp     _search, scroll, point in time, _count
 //   ElasticEmulatorIndices.cpp    indices, mappings, aliases, refresh
+//   ElasticEmulatorDataStreams.cpp index templates and data streams
 #include "support/ElasticEmulator.h"
 
 #include <rapidjson/document.h>
@@ -52,6 +53,19 @@ struct Index {
   bool routingRequired = false;
   std::set<std::string> aliases;
   size_t live = 0;
+  std::string dataStream; // the stream this index backs, if any
+};
+
+struct IndexTemplate {
+  std::string body; // as the client sent it
+  std::vector<std::string> patterns;
+  int64_t priority = 0;
+  bool dataStream = false;
+};
+
+struct DataStream {
+  std::string templateName;
+  std::vector<std::string> backing; // oldest first; the last one takes writes
 };
 
 struct Pit;    // ElasticEmulatorSearch.cpp
@@ -124,6 +138,8 @@ void writeWriteResult(Writer& w, const std::string& index, const std::string& id
                       bool withStatus);
 // A found document's metadata and source, as GET and _mget give it.
 void writeFoundDoc(Writer& w, const std::string& index, const Doc& d);
+// Merges a mappings object into the index's; false with a reason when it is not an object.
+bool applyMappings(Index& ix, const Value& mappings, std::string& err);
 
 } // namespace emu
 
@@ -132,6 +148,8 @@ struct ElasticEmulator::State {
   std::map<std::string, emu::Index> indices;
   std::map<std::string, std::shared_ptr<emu::Pit>> pits;
   std::map<std::string, std::shared_ptr<emu::Scroll>> scrolls;
+  std::map<std::string, emu::IndexTemplate> templates;
+  std::map<std::string, emu::DataStream> dataStreams;
   Faults faults;
   Stats stats;
   uint64_t counter = 0;
@@ -147,6 +165,8 @@ struct ElasticEmulator::State {
     indices.clear();
     pits.clear();
     scrolls.clear();
+    templates.clear();
+    dataStreams.clear();
     setFaults(Faults());
     stats = Stats();
   }
@@ -173,8 +193,14 @@ struct ElasticEmulator::State {
   bool resolve(const std::string& expr, std::vector<emu::Index*>& out, std::string& err);
   // As resolve(), answering the 404 itself.
   bool resolveOrReply(const std::string& expr, std::vector<emu::Index*>& out, emu::Res& res);
-  // The one index a write goes to; creates it when the name is neither an index nor an alias.
-  emu::Index* writeIndex(const std::string& name, int& status, std::string& err);
+  // The one index a write of `op` goes to: a data stream's write index (create only), or the
+  // index, created when the name is neither an index nor an alias (a stream when a data-stream
+  // template matches it).
+  emu::Index* writeIndex(const std::string& name, const std::string& op, int& status, std::string& err);
+  // The highest-priority template matching `name` when it makes data streams, else "".
+  std::string dataStreamTemplate(const std::string& name) const;
+  // Creates data stream `name` (its template must exist) and returns its first backing index.
+  emu::Index* createDataStream(const std::string& name);
   emu::Index& createIndex(const std::string& name);
 
   const emu::Doc* current(const emu::Index& ix, const std::string& id) const {
@@ -194,6 +220,7 @@ using State = ElasticEmulator::State;
 bool serveDocuments(State& st, const Req& req, Res& res, const Path& path);
 bool serveSearch(State& st, const Req& req, Res& res, const Path& path);
 bool serveIndices(State& st, const Req& req, Res& res, const Path& path);
+bool serveDataStreams(State& st, const Req& req, Res& res, const Path& path);
 // OpenSearch mode's point in time routes (ElasticEmulatorOpenSearch.cpp).
 bool serveOpenSearch(State& st, const Req& req, Res& res, const Path& path);
 // POST /IDX/_pit, or in OpenSearch mode POST /IDX/_search/point_in_time.

@@ -79,7 +79,7 @@ std::vector<std::string> validateWrite(const std::string& op, const WriteOptions
       return {"create operations do not support compare and set. use index instead"};
   }
   std::vector<std::string> e;
-  if (!hasId && op != "index")
+  if (!hasId && op != "index" && op != "create") // both generate one
     e.push_back("id is missing");
   if (!hasId && op == "index" && (!internal || o.version != kAnyVersion))
     e.push_back("an id must be provided if version type or value are set");
@@ -162,6 +162,9 @@ WriteResult ElasticEmulator::State::write(Index& ix, const std::string& op, cons
   };
   if (ix.routingRequired && o.routing.empty())
     return fail(400, "routing_missing_exception", "routing is required for [" + ix.name + "]/[" + id + "]");
+  if (!ix.dataStream.empty() && (op == "create" || op == "index") && parsed && !fieldOf(*parsed, "@timestamp"))
+    return fail(400, "mapper_parsing_exception",
+                "failed to parse: data stream timestamp field [@timestamp] is missing");
   const Doc* cur = current(ix, id);
   auto tomb = ix.deleted.find(id);
   const int64_t known = cur ? cur->version : tomb != ix.deleted.end() ? tomb->second : 0; // 0: never seen
