@@ -225,7 +225,8 @@ TEST_F(SearchTest, FailureOrCancelEndsEverySlice) {
         pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 2, options, &error, &cancel));
     canceller.join();
     EXPECT_NE(error.find(cancelled ? "cancelled" : "all shards failed"), std::string::npos) << error;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    // Well before the stalled answer's 20 s, with room for a loaded machine under sanitizers.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     expectClosed();
   }
 }
