@@ -101,7 +101,7 @@ struct VerifyOptions {
 };
 
 // Keeps the reason the store gave for a key it did not hand out.
-class RecordingProvider : public qz::jwt::KeyProvider {
+class RecordingProvider final : public qz::jwt::KeyProvider {
 public:
   explicit RecordingProvider(qz::jwt::KeyProvider& inner) : m_inner(inner) {}
   std::shared_ptr<qz::jwt::AsymmetricKey> getKeyFromId(const std::string& kid, qz::jwt::Alg alg,
