@@ -60,9 +60,10 @@ TEST_F(ClientsTest, OfficialJsClients) {
     EXPECT_EQ(check({"node", dir + "/check.js", emulator.baseUrl(), product}),
               std::string(R"({"distribution":")") + product + R"(","number":")" + version +
                   R"(","successful":1200,"failed":0,"dropped":0,"listed":1,"seen":1200,"ordered":true,)"
-                  R"("closed":true,"scrolled":1200,"count":1200,"owner":"js","stream":[3,3,true,true]})"
+                  R"("closed":true,"scrolled":1200,"sliced":[1200,0,true],"count":1200,"owner":"js",)"
+                  R"("stream":[3,3,true,true]})"
                   "\n");
-    EXPECT_EQ(statsText(), "items 1208, pits 1, scrolls 1, open 0");
+    EXPECT_EQ(statsText(), "items 1208, pits 1, scrolls 3, open 0");
   }
 }
 
