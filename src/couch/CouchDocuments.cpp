@@ -5,6 +5,7 @@
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzJson_p.h>
+#include <HttpTools/platform/qzThread_p.h>
 
 #include <algorithm>
 #include <atomic>
@@ -29,13 +30,7 @@ bool RunBatches(unsigned threads, size_t count, const std::function<bool(size_t)
       if (!work(i))
         failed = true;
   };
-  const size_t n = std::min<size_t>(std::max(1u, threads), count);
-  std::vector<std::thread> pool;
-  for (size_t t = 1; t < n; ++t)
-    pool.emplace_back(loop);
-  loop();
-  for (auto& t : pool)
-    t.join();
+  qz::impl::RunOnThreads(unsigned(std::min<size_t>(std::max(1u, threads), count)), [&](unsigned) { loop(); });
   return !failed.load();
 }
 

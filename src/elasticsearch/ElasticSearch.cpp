@@ -9,6 +9,7 @@
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzStringUtils.h>
 #include <HttpTools/platform/qzSystemUtils.h>
+#include <HttpTools/platform/qzThread_p.h>
 
 #include <algorithm>
 #include <atomic>
@@ -395,12 +396,7 @@ bool FetchSlicedSearchResults(http::HttpConnectionPool& pool, const ElasticConne
       token.cancel();
     }
   };
-  std::vector<std::thread> threads;
-  for (unsigned s = 1; s < slices; ++s)
-    threads.emplace_back(runSlice, s);
-  runSlice(0);
-  for (auto& t : threads)
-    t.join();
+  qz::impl::RunOnThreads(slices, runSlice);
 
   if (!scan.pitId.empty()) {
     http::HttpConnectionLocker connection(pool, server);

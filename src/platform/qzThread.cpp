@@ -1,6 +1,9 @@
 #include <HttpTools/platform/qzThread.h>
+#include <HttpTools/platform/qzThread_p.h>
 
 #include <chrono>
+#include <system_error>
+#include <vector>
 
 namespace qz {
 
@@ -111,3 +114,31 @@ void qzThreadPeriodicalUpdater::loop() {
 }
 
 } // namespace qz
+
+namespace qz::impl {
+
+void RunOnThreads(unsigned n, const std::function<void(unsigned)>& work) {
+  if (n == 0)
+    return;
+  std::vector<std::thread> threads;
+  std::vector<unsigned> late;
+  struct Joiner {
+    std::vector<std::thread>& threads;
+    ~Joiner() {
+      for (auto& t : threads)
+        t.join();
+    }
+  } joiner{threads};
+  for (unsigned i = 1; i < n; ++i) {
+    try {
+      threads.emplace_back(work, i);
+    } catch (const std::system_error&) {
+      late.push_back(i);
+    }
+  }
+  work(0);
+  for (unsigned i : late)
+    work(i);
+}
+
+} // namespace qz::impl

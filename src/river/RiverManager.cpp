@@ -3,6 +3,7 @@
 
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzThread_p.h>
 #include <HttpTools/river/RiverRunner_p.h>
 
 #include <unistd.h>
@@ -131,12 +132,7 @@ public:
         if (!runRiverOnce(*rivers[i], firstError, errorMutex, cancel))
           ok = false;
     };
-    std::vector<std::thread> threads;
-    for (unsigned w = 1; w < n; ++w)
-      threads.emplace_back(work, w);
-    work(0);
-    for (auto& t : threads)
-      t.join();
+    qz::impl::RunOnThreads(n, work);
     if (!ok && error)
       *error = firstError.empty() ? std::string("cancelled") : firstError;
     return ok;
