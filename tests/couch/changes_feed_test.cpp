@@ -16,7 +16,6 @@
 #include <functional>
 #include <limits>
 #include <mutex>
-#include <set>
 #include <thread>
 
 // Options by designated initializers: the members left out keep their defaults.
