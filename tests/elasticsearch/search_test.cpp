@@ -176,6 +176,9 @@ TEST_F(SearchTest, SlicesOfOnePitOrOfScrollsGiveEveryDocumentOnce) {
                 withPit ? 1u : slices);
       expectClosed();
     }
+  EXPECT_FALSE(FetchSlicedSearchResults(
+      pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 1025, options, &error, nullptr));
+  EXPECT_EQ(error, "at most 1024 slices");
 }
 
 // The caller's cancel, or a failed page in one slice, ends a fetch (and every slice) stalled on its answer.
