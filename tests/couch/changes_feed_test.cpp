@@ -2,6 +2,7 @@
 
 #include <HttpTools/couch/ChangesFeedParser_p.h>
 #include <HttpTools/couch/CouchDocuments.h>
+#include <HttpTools/couch/CouchFind.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
@@ -15,16 +16,14 @@
 #include <functional>
 #include <limits>
 #include <mutex>
-#include <set>
 #include <thread>
 
 // Options by designated initializers: the members left out keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
-using qz::couch::Change;
-using qz::couch::ChangesFeedListener;
-using qz::couch::ChangesFeedParser;
-using qz::couch::ChangesOptions;
+using qz::qzVariant;
+using qz::qzVariantMapImpl;
+using namespace qz::couch;
 
 namespace {
 
@@ -144,14 +143,17 @@ TEST(ChangesFeedParser, RefusedChangeStopsAndResetStartsOver) {
 // ---------------------------------------------------------------------------------------------
 // Behaviours pouchdb-server cannot show, on the in-process server.
 
-class ChangesFeedOnTestServer : public ::testing::Test {
+class CouchOnTestServer : public ::testing::Test {
 protected:
   static void SetUpTestSuite() { qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy); }
   static void TearDownTestSuite() { qz::terminateHttpTools(); }
 
   void startServer() { ASSERT_TRUE(srv.start()) << srv.lastError(); }
-  qz::couch::CouchConnectionParameters server() const {
-    return qz::couch::CouchConnectionParameters(qz::Url(srv.baseUrl()));
+  CouchConnectionParameters server() const { return CouchConnectionParameters(qz::Url(srv.baseUrl())); }
+  static qzVariantMapImpl Json(const std::string& text) {
+    qzVariantMapImpl m;
+    qz::json::Json2Variant::Convert(text, m);
+    return m;
   }
   static std::string Line(const std::string& seq, const std::string& id) {
     return R"({"seq":")" + seq + R"(","id":")" + id + R"(","changes":[{"rev":"1-a"}]})" + "\n";
@@ -162,7 +164,7 @@ protected:
   std::atomic<int> attempt{0};
 };
 
-TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckpoint) {
+TEST_F(CouchOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckpoint) {
   // 1st connection: two changes, half a third, then the connection drops.
   // 2nd: the third change, then silence (no heartbeat). 3rd: the fourth change with heartbeats.
   srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
@@ -208,7 +210,7 @@ TEST_F(ChangesFeedOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckp
   EXPECT_EQ(srv.lastRequest().header("Accept"), "application/json");
 }
 
-TEST_F(ChangesFeedOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
+TEST_F(CouchOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
   srv.route("GET", "/gone/_changes", [](const httplib::Request&, httplib::Response& res) {
     res.status = 404;
     res.set_content(R"({"error":"not_found","reason":"Database does not exist."})", "application/json");
@@ -231,7 +233,7 @@ TEST_F(ChangesFeedOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
   EXPECT_NE(error.find("giving up after 3"), std::string::npos) << error;
 }
 
-TEST_F(ChangesFeedOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
+TEST_F(CouchOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
   // One change, then nothing at all: libcurl's own loop would look at the flags only once a second.
   srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
     res.set_chunked_content_provider("application/json", [this](size_t, httplib::DataSink& sink) {
@@ -288,7 +290,7 @@ TEST_F(ChangesFeedOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
   EXPECT_EQ(attempt.load(), 1);
 }
 
-TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
+TEST_F(CouchOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
   using Clock = std::chrono::steady_clock;
   std::mutex mutex;
   std::vector<Clock::time_point> at;
@@ -319,9 +321,7 @@ TEST_F(ChangesFeedOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
   EXPECT_LT(at[2] - at[1], std::chrono::milliseconds(4000));
 }
 
-using BulkOnTestServer = ChangesFeedOnTestServer;
-
-TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
+TEST_F(CouchOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
   // Batches close at 3 documents or 100 bytes; the first answer is 429 asking for a 1 s pause,
   // the second 503, then each batch is answered per item, "locked" documents with 403.
   std::mutex mutex;
@@ -340,7 +340,7 @@ TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
         res.set_header("Retry-After", "1");
       return;
     }
-    qz::qzVariantMapImpl body;
+    qzVariantMapImpl body;
     ASSERT_TRUE(qz::json::Json2Variant::Convert(req.body, body));
     std::string out = "[";
     for (const auto& d : body["docs"].toList()) {
@@ -354,16 +354,16 @@ TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
   });
   startServer();
   {
-    qz::couch::DocumentUploader up(pool, server(), "db", 1, 3, 100);
+    DocumentUploader up(pool, server(), "db", 1, 3, 100);
     for (const char* id : {"a", "b", "locked-1", "c", "d"})
-      ASSERT_TRUE(up.add(qz::qzVariantMapImpl{{"_id", id}, {"n", 1}}));
-    ASSERT_TRUE(up.add(qz::qzVariantMapImpl{{"_id", "big"}, {"pad", std::string(150, 'x')}}));
+      ASSERT_TRUE(up.add(qzVariantMapImpl{{"_id", id}, {"n", 1}}));
+    ASSERT_TRUE(up.add(qzVariantMapImpl{{"_id", "big"}, {"pad", std::string(150, 'x')}}));
     std::string error;
     EXPECT_FALSE(up.flush(&error));
     EXPECT_EQ(error, "1 document(s) not stored, first locked-1: forbidden: read only");
     EXPECT_EQ(up.uploaded(), 5u);
     EXPECT_EQ(up.failures(), (std::vector<std::pair<std::string, std::string>>{{"locked-1", "forbidden: read only"}}));
-    qz::qzVariantMapImpl nan{{"x", std::numeric_limits<double>::quiet_NaN()}};
+    qzVariantMapImpl nan{{"x", std::numeric_limits<double>::quiet_NaN()}};
     EXPECT_FALSE(up.add(nan));
   }
   // The first batch three times (429, 503, stored), then {c, d} (the big one did not fit), then big alone.
@@ -375,6 +375,138 @@ TEST_F(BulkOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
   EXPECT_EQ(std::vector<std::string>(bodies.begin(), bodies.begin() + 4),
             (std::vector<std::string>{first, first, first, R"({"docs":[{"_id":"c","n":1},{"_id":"d","n":1}]})"}));
   EXPECT_NE(bodies[4].find("\"big\""), std::string::npos);
+}
+
+TEST_F(CouchOnTestServer, GetterAccountsForEveryIdAsked) {
+  srv.route("POST", "/db/_all_docs", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(R"({"rows":[{"key":"a","id":"a","value":{"rev":"1-x"},"doc":{"_id":"a"}},)"
+                    R"({"key":"b","error":"not_found"},{"key":"c","error":"internal_error","reason":"boom"}]})",
+                    "application/json");
+  });
+  startServer();
+  DocumentGetter getter(pool, server(), "db", 1);
+  std::vector<std::string> got, missing;
+  std::string error;
+  EXPECT_FALSE(getter.get(
+      {"a", "b", "c", "d"}, [&](const std::string& id, qzVariant&) { got.push_back(id); }, &missing, &error, nullptr));
+  EXPECT_EQ(got, (std::vector<std::string>{"a"}));
+  EXPECT_EQ(missing, (std::vector<std::string>{"b"}));
+  EXPECT_NE(error.find("c: internal_error: boom (and 1 more id(s) not read)"), std::string::npos) << error;
+}
+
+// CouchDB 3's layout of a normal feed: one change per line, ",\r\n" between rows; with
+// seq_interval=2 every other row's seq is null.
+TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointedByLastSeq) {
+  srv.route("POST", "/db/_changes", [](const httplib::Request& req, httplib::Response& res) {
+    auto row = [](const std::string& seq, const std::string& id) {
+      return R"({"seq":)" + seq + R"(,"id":")" + id + R"(","changes":[{"rev":"1-a"}]})";
+    };
+    const bool first = req.get_param_value("since") == "0";
+    const std::string rows =
+        first ? row("null", "a") + ",\r\n" + row("\"2-g\"", "b") + ",\r\n" + row("null", "c") : row("null", "d");
+    res.set_content("{\"results\":[\r\n" + rows + "\r\n],\r\n\"last_seq\":\"" + (first ? "3-g" : "4-g") +
+                        "\",\"pending\":0}\n",
+                    "application/json");
+  });
+  startServer();
+  const ChangesOptions o{.selector = R"({"type":{"$eq":"x"}})", .seqInterval = 2, .batchLimit = 3};
+  const struct {
+    int refuseAt;        // the batch refused (0: none)
+    std::string batches; // "ids and seqs@checkpoint|..."
+    std::vector<std::string> since;
+    std::string lastSeq;
+  } runs[] = {
+      {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g"},
+      {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g"},
+      {1, "a b2-g c@3-g|", {"0"}, "0"},
+  };
+  for (const auto& r : runs) {
+    SCOPED_TRACE(r.refuseAt);
+    srv.resetCounters();
+    ChangesFeedListener feed(pool, server(), "db", o);
+    std::string batches, error;
+    int count = 0;
+    EXPECT_TRUE(feed.runBatches(
+        [&](std::vector<Change>& batch, const std::string& checkpoint) {
+          for (const Change& c : batch)
+            batches += (&c == &batch[0] ? "" : " ") + c.id + c.seq;
+          batches += "@" + checkpoint + "|";
+          return ++count != r.refuseAt;
+        },
+        &error))
+        << error;
+    EXPECT_EQ(batches, r.batches);
+    EXPECT_EQ(feed.lastSeq(), r.lastSeq);
+    std::vector<std::string> targets, want;
+    for (const auto& req : srv.requests()) {
+      EXPECT_EQ(Json(req.body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
+      targets.push_back(req.target);
+    }
+    for (const std::string& since : r.since)
+      want.push_back("/db/_changes?feed=normal&since=" + since + "&limit=3&seq_interval=2&filter=_selector");
+    EXPECT_EQ(targets, want);
+  }
+}
+
+TEST_F(CouchOnTestServer, FindFollowsBookmarksUpToTheLimit) {
+  srv.route("POST", "/db/_find", [](const httplib::Request& req, httplib::Response& res) {
+    const qzVariantMapImpl q = Json(req.body);
+    if (q.at("selector").toMap().count("bad")) {
+      res.status = 400;
+      res.set_content(R"({"error":"invalid_operator","reason":"Invalid operator: $bad"})", "application/json");
+      return;
+    }
+    const std::string from = q.count("bookmark") ? q.at("bookmark").toString() : "b0";
+    const int page = from[1] - '0', limit = int(q.at("limit").toInt64());
+    std::string docs;
+    for (int i = page * 3; i < std::min(7, page * 3 + limit); ++i)
+      docs += std::string(docs.empty() ? "" : ",") + R"({"_id":"d)" + std::to_string(i) + "\"}";
+    res.set_content(R"({"docs":[)" + docs + R"(],"bookmark":"b)" + std::to_string(page + 1) + "\"}",
+                    "application/json");
+  });
+  startServer();
+  struct Case {
+    long limit;
+    std::string ids;
+    std::vector<std::string> sent; // bookmark and limit of each request
+  };
+  const Case cases[] = {
+      {-1, "d0d1d2d3d4d5d6", {"-3", "b1 3", "b2 3"}},
+      {5, "d0d1d2d3d4", {"-3", "b1 2"}},
+      {6, "d0d1d2d3d4d5", {"-3", "b1 3"}},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.limit);
+    srv.resetCounters();
+    const FindQuery q{.selector = R"({"n":{"$gt":0}})", .limit = k.limit, .pageSize = 3};
+    std::string ids, error;
+    FindStats stats;
+    EXPECT_TRUE(FindDocuments(
+        pool, server(), "db", q,
+        [&](qzVariant& doc) {
+          ids += doc.toMap().at("_id").toString();
+          return true;
+        },
+        &stats, &error, nullptr))
+        << error;
+    EXPECT_EQ(ids, k.ids);
+    EXPECT_FALSE(stats.pagedBySkip);
+    std::vector<std::string> sent;
+    for (const auto& req : srv.requests()) {
+      const qzVariantMapImpl body = Json(req.body);
+      EXPECT_EQ(body.count("skip"), 0u);
+      sent.push_back((body.count("bookmark") ? body.at("bookmark").toString() + " " : "-") +
+                     body.at("limit").toString());
+    }
+    EXPECT_EQ(sent, k.sent);
+  }
+  for (const auto& [selector, why] : {std::pair{R"({"bad":{"$bad":1}})", "invalid_operator: Invalid operator: $bad"},
+                                      std::pair{"[]", "the selector is not a JSON object"}}) {
+    std::string error;
+    EXPECT_FALSE(FindDocuments(
+        pool, server(), "db", {.selector = selector}, [](qzVariant&) { return true; }, nullptr, &error, nullptr));
+    EXPECT_NE(error.find(why), std::string::npos) << error;
+  }
 }
 
 } // namespace

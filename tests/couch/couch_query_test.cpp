@@ -2,14 +2,15 @@
 
 #include <HttpTools/couch/ChangesFeed.h>
 #include <HttpTools/couch/FeedCheckpoint.h>
-#include <HttpTools/frame/HttpToolsLib.h>
-#include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/couch/MangoSelector.h>
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/PouchDbTest.h"
-#include "support/TestHttpServer.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
 
 // Options by designated initializers: the members left out keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -24,131 +25,6 @@ qzVariantMapImpl Json(const std::string& text) {
   qzVariantMapImpl m;
   qz::json::Json2Variant::Convert(text, m);
   return m;
-}
-
-class CouchQuery : public ::testing::Test {
-protected:
-  static void SetUpTestSuite() { qz::initializeHttpTools(true, qz::http::HNRP_Whatever, qz::http::PP_NoProxy); }
-  static void TearDownTestSuite() { qz::terminateHttpTools(); }
-  CouchConnectionParameters at(const std::string& base) const { return CouchConnectionParameters(qz::Url(base)); }
-  qztest::TestHttpServer srv; // stops after the pool closed its connections
-  qz::http::HttpConnectionPool pool;
-};
-
-// CouchDB 3's layout of a normal feed: one change per line, ",\r\n" between rows; with
-// seq_interval=2 every other row's seq is null.
-TEST_F(CouchQuery, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointedByLastSeq) {
-  srv.route("POST", "/db/_changes", [](const httplib::Request& req, httplib::Response& res) {
-    auto row = [](const std::string& seq, const std::string& id) {
-      return R"({"seq":)" + seq + R"(,"id":")" + id + R"(","changes":[{"rev":"1-a"}]})";
-    };
-    const bool first = req.get_param_value("since") == "0";
-    const std::string rows =
-        first ? row("null", "a") + ",\r\n" + row("\"2-g\"", "b") + ",\r\n" + row("null", "c") : row("null", "d");
-    res.set_content("{\"results\":[\r\n" + rows + "\r\n],\r\n\"last_seq\":\"" + (first ? "3-g" : "4-g") +
-                        "\",\"pending\":0}\n",
-                    "application/json");
-  });
-  ASSERT_TRUE(srv.start()) << srv.lastError();
-  const ChangesOptions o{.selector = R"({"type":{"$eq":"x"}})", .seqInterval = 2, .batchLimit = 3};
-  const struct {
-    int refuseAt;        // the batch refused (0: none)
-    std::string batches; // "ids and seqs@checkpoint|..."
-    std::vector<std::string> since;
-    std::string lastSeq;
-  } runs[] = {
-      {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g"},
-      {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g"},
-      {1, "a b2-g c@3-g|", {"0"}, "0"},
-  };
-  for (const auto& r : runs) {
-    SCOPED_TRACE(r.refuseAt);
-    srv.resetCounters();
-    ChangesFeedListener feed(pool, at(srv.baseUrl()), "db", o);
-    std::string batches, error;
-    int count = 0;
-    EXPECT_TRUE(feed.runBatches(
-        [&](std::vector<Change>& batch, const std::string& checkpoint) {
-          for (const Change& c : batch)
-            batches += (&c == &batch[0] ? "" : " ") + c.id + c.seq;
-          batches += "@" + checkpoint + "|";
-          return ++count != r.refuseAt;
-        },
-        &error))
-        << error;
-    EXPECT_EQ(batches, r.batches);
-    EXPECT_EQ(feed.lastSeq(), r.lastSeq);
-    std::vector<std::string> targets, want;
-    for (const auto& req : srv.requests()) {
-      EXPECT_EQ(Json(req.body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
-      targets.push_back(req.target);
-    }
-    for (const std::string& since : r.since)
-      want.push_back("/db/_changes?feed=normal&since=" + since + "&limit=3&seq_interval=2&filter=_selector");
-    EXPECT_EQ(targets, want);
-  }
-}
-
-TEST_F(CouchQuery, FindFollowsBookmarksUpToTheLimit) {
-  srv.route("POST", "/db/_find", [](const httplib::Request& req, httplib::Response& res) {
-    const qzVariantMapImpl q = Json(req.body);
-    if (q.at("selector").toMap().count("bad")) {
-      res.status = 400;
-      res.set_content(R"({"error":"invalid_operator","reason":"Invalid operator: $bad"})", "application/json");
-      return;
-    }
-    const std::string from = q.count("bookmark") ? q.at("bookmark").toString() : "b0";
-    const int page = from[1] - '0', limit = int(q.at("limit").toInt64());
-    std::string docs;
-    for (int i = page * 3; i < std::min(7, page * 3 + limit); ++i)
-      docs += std::string(docs.empty() ? "" : ",") + R"({"_id":"d)" + std::to_string(i) + "\"}";
-    res.set_content(R"({"docs":[)" + docs + R"(],"bookmark":"b)" + std::to_string(page + 1) + "\"}",
-                    "application/json");
-  });
-  ASSERT_TRUE(srv.start()) << srv.lastError();
-  struct Case {
-    long limit;
-    std::string ids;
-    std::vector<std::string> sent; // bookmark and limit of each request
-  };
-  const Case cases[] = {
-      {-1, "d0d1d2d3d4d5d6", {"-3", "b1 3", "b2 3"}},
-      {5, "d0d1d2d3d4", {"-3", "b1 2"}},
-      {6, "d0d1d2d3d4d5", {"-3", "b1 3"}},
-  };
-  for (const Case& k : cases) {
-    SCOPED_TRACE(k.limit);
-    srv.resetCounters();
-    const FindQuery q{.selector = R"({"n":{"$gt":0}})", .limit = k.limit, .pageSize = 3};
-    std::string ids, error;
-    FindStats stats;
-    EXPECT_TRUE(FindDocuments(
-        pool, at(srv.baseUrl()), "db", q,
-        [&](qzVariant& doc) {
-          ids += doc.toMap().at("_id").toString();
-          return true;
-        },
-        &stats, &error, nullptr))
-        << error;
-    EXPECT_EQ(ids, k.ids);
-    EXPECT_FALSE(stats.pagedBySkip);
-    std::vector<std::string> sent;
-    for (const auto& req : srv.requests()) {
-      const qzVariantMapImpl body = Json(req.body);
-      EXPECT_EQ(body.count("skip"), 0u);
-      sent.push_back((body.count("bookmark") ? body.at("bookmark").toString() + " " : "-") +
-                     body.at("limit").toString());
-    }
-    EXPECT_EQ(sent, k.sent);
-  }
-  for (const auto& [selector, why] : {std::pair{R"({"bad":{"$bad":1}})", "invalid_operator: Invalid operator: $bad"},
-                                      std::pair{"[]", "the selector is not a JSON object"}}) {
-    std::string error;
-    EXPECT_FALSE(FindDocuments(
-        pool, at(srv.baseUrl()), "db", {.selector = selector}, [](qzVariant&) { return true; }, nullptr, &error,
-        nullptr));
-    EXPECT_NE(error.find(why), std::string::npos) << error;
-  }
 }
 
 using CouchQueryOnPouchDb = qztest::PouchDbTest;
@@ -238,6 +114,118 @@ TEST_F(CouchQueryOnPouchDb, StoredCheckpointResumesAFeedWhereTheLastConsumerStop
   std::string answer;
   ASSERT_EQ(s_server->request("GET", "/" + db + "/_changes", {}, &answer), 200);
   EXPECT_EQ(answer.find("_local"), std::string::npos); // the checkpoint is no change
+}
+
+const char* const kSelectorDocs[] = {
+    R"({"_id":"a","n":1,"s":"x","tags":["red","blue"],"o":{"k":1},"b":true})",
+    R"({"_id":"b","n":2.5,"s":"y","tags":["red"],"o":{"k":2,"z":null}})",
+    R"({"_id":"c","n":"3","s":"xy","tags":[],"nul":null})",
+    R"({"_id":"d","n":10,"arr":[{"q":1},{"q":5}],"dot.key":7})",
+    R"({"_id":"e"})",
+};
+
+struct Case {
+  const char* selector;
+  const char* ids;  // the documents it matches, in order
+  bool peer = true; // pouchdb-server's _find decides it as CouchDB does
+};
+const Case kCases[] = {
+    {R"({"n":1})", "a"},
+    {R"({"n":{"$gt":2}})", "bcd"}, // the string "3" sorts after every number
+    {R"({"n":{"$lt":"a"}})", "abcd"},
+    {R"({"n":{"$gt":1,"$lt":10}})", "b"},
+    // A missing field matches nothing but $exists false; pouchdb-server lets $ne match it.
+    {R"({"n":{"$ne":1}})", "bcd", false},
+    {R"({"n":{"$in":[1,10]}})", "ad"},
+    {R"({"n":{"$nin":[1,10]}})", "bc"},
+    {R"({"n":{"$type":"string"}})", "c"},
+    {R"({"n":{"$mod":[3,1]}})", "ad"},
+    {R"({"s":{"$regex":"^x"}})", "ac"},
+    {R"({"s":{"$exists":false}})", "de"},
+    {R"({"nul":{"$exists":true}})", "c"},
+    {R"({"tags":"red"})", ""}, // an array is not searched by a plain value
+    {R"({"tags":{"$in":["blue"]}})", "a"},
+    {R"({"tags":{"$all":["red"]}})", "ab"},
+    {R"({"tags":{"$size":0}})", "c"},
+    {R"({"tags":{"$elemMatch":{"$eq":"blue"}}})", "a"},
+    {R"({"tags":{"$allMatch":{"$eq":"red"}}})", "b"},
+    {R"({"arr":{"$elemMatch":{"q":{"$gt":2}}}})", "d"},
+    {R"({"tags.0":"red"})", "ab"},
+    {R"({"o.k":{"$gte":2}})", "b"},
+    {R"({"o":{"k":1}})", "a"},
+    {R"({"o.z":null})", "b"},
+    {R"({"dot\\.key":7})", "d"},
+    {R"({"$or":[{"n":1},{"s":"y"}]})", "ab"},
+    {R"({"$nor":[{"n":1},{"s":"y"}]})", "cde"},
+    {R"({"$and":[{"s":{"$gt":"x"}},{"tags":{"$size":0}}]})", "c"},
+    {R"({"$not":{"n":1}})", "bcde"},
+    {R"({"n":{"$not":{"$gt":2}}})", "a", false}, // pouchdb-server: $not only around a selector
+    {R"({"o":{"$keyMapMatch":{"$eq":"z"}}})", "b", false},
+};
+
+std::string Matches(const qzVariant& selector, std::string* error) {
+  std::string ids;
+  for (const char* text : kSelectorDocs) {
+    qzVariant doc;
+    qz::json::Json2Variant::Convert(text, std::strlen(text), doc);
+    std::string why;
+    if (qz::couch::MatchesSelector(selector, doc, &why))
+      ids += doc.toMap().at("_id").toString();
+    if (error->empty())
+      *error = why;
+  }
+  return ids;
+}
+
+qzVariant Parse(const std::string& text) {
+  qzVariant v;
+  EXPECT_TRUE(qz::json::Json2Variant::Convert(text.data(), text.size(), v)) << text;
+  return v;
+}
+
+using MangoSelectorOnPouchDb = qztest::PouchDbTest;
+
+TEST_F(MangoSelectorOnPouchDb, MatchesAsCouchDbAndAsPouchDbServerFinds) {
+  for (const char* doc : kSelectorDocs)
+    ASSERT_EQ(s_server->request("POST", "/" + db, doc), 201);
+  for (const Case& k : kCases) {
+    SCOPED_TRACE(k.selector);
+    std::string error;
+    EXPECT_EQ(Matches(Parse(k.selector), &error), k.ids);
+    EXPECT_EQ(error, "");
+    if (!k.peer)
+      continue;
+    std::string answer;
+    ASSERT_EQ(
+        s_server->request("POST", "/" + db + "/_find", std::string(R"({"selector":)") + k.selector + "}", &answer), 200)
+        << answer;
+    std::string ids; // one letter each
+    const qzVariant result = Parse(answer);
+    for (const qzVariant& doc : result.toMap().at("docs").toList())
+      ids += doc.toMap().at("_id").toString();
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(ids, k.ids) << "pouchdb-server disagrees";
+  }
+}
+
+TEST(MangoSelector, SelectorsItCannotReadAreErrorsNotMismatches) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"n":{"$foo":1}})", "unknown operator $foo"},
+      {R"({"$where":"1"})", "unknown operator $where"},
+      {R"({"$and":{"n":1}})", "$and takes an array of selectors"},
+      {R"({"n":{"$in":5}})", "bad argument of $in"},
+      {R"({"n":{"$type":"num"}})", "bad argument of $type"},
+      {R"({"n":{"$mod":[0,1]}})", "bad argument of $mod"},
+      {R"({"s":{"$regex":"("}})", "invalid $regex ("},
+      {R"({"n":{"$exists":1}})", "$exists takes a boolean"},
+      {R"([1])", "a selector must be an object"},
+  };
+  for (const auto& [selector, why] : cases) {
+    SCOPED_TRACE(selector);
+    std::string error;
+    EXPECT_EQ(Matches(Parse(selector), &error), "");
+    EXPECT_EQ(error, why);
+  }
 }
 
 } // namespace

@@ -227,24 +227,6 @@ TEST_F(CouchToolsOnPouchDb, ConflictSolverKeepsEveryLeafUntilTheWinnerIsStored) 
   EXPECT_NE(error.find("(and 1 more document(s) not solved)"), std::string::npos) << error;
 }
 
-TEST_F(CouchToolsOnPouchDb, GetterAccountsForEveryIdAsked) {
-  qztest::TestHttpServer srv;
-  srv.route("POST", "/db/_all_docs", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(R"({"rows":[{"key":"a","id":"a","value":{"rev":"1-x"},"doc":{"_id":"a"}},)"
-                    R"({"key":"b","error":"not_found"},{"key":"c","error":"internal_error","reason":"boom"}]})",
-                    "application/json");
-  });
-  ASSERT_TRUE(srv.start()) << srv.lastError();
-  DocumentGetter getter(*s_pool, CouchConnectionParameters(qz::Url(srv.baseUrl())), "db", 1);
-  std::vector<std::string> got, missing;
-  std::string error;
-  EXPECT_FALSE(getter.get(
-      {"a", "b", "c", "d"}, [&](const std::string& id, qzVariant&) { got.push_back(id); }, &missing, &error, nullptr));
-  EXPECT_EQ(got, (std::vector<std::string>{"a"}));
-  EXPECT_EQ(missing, (std::vector<std::string>{"b"}));
-  EXPECT_NE(error.find("c: internal_error: boom (and 1 more id(s) not read)"), std::string::npos) << error;
-}
-
 TEST_F(CouchToolsOnPouchDb, GetterReportsMissingAndDeletedIdsInOrder) {
   std::vector<std::string> ids;
   for (int i = 0; i < 25; ++i) {

@@ -1,11 +1,74 @@
-// What a river needs from the emulator beyond the library's own calls: optimistic concurrency,
-// external versions, aliases swapped atomically and the mapping's _meta.
+// The emulator is checked by code we did not write: the official Python and JS clients (the JS ones
+// of Elasticsearch and of OpenSearch) run their bulk helpers (with rejected items to retry) and their
+// paging against it and read back what they wrote.
 #include "EsFixture.h"
+#include "support/Process.h"
+#include "support/SourcePaths.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 namespace {
 
+using ClientsTest = EsFixture;
+
+TEST_F(ClientsTest, OfficialPythonAndJsClients) {
+  const std::string dir = qztest::SourceDir() + "/tests/";
+  const std::string js = R"(","successful":1200,"failed":0,"dropped":0,)"
+                         R"("listed":1,"seen":1200,"ordered":true,"closed":true,)"
+                         R"("scrolled":1200,"sliced":[1200,0,true],"count":1200,)"
+                         R"("owner":"js","stream":[3,3,true,true]})";
+  const struct {
+    std::vector<std::string> argv;
+    const char *module, *openSearch; // the client's package under tests/esclient; the version served
+    std::string last;                // the check's last line, then the emulator's counts
+  } clients[] = {
+      {{"/usr/bin/python3", dir + "elasticsearch/clients_check.py"},
+       nullptr,
+       "",
+       R"({"ok":2000,"errors":0,"count":2000,"distinct":2000,"intact":true,"found":[true,true,false],)"
+       R"("sliced":[2000,0,true],"meta":{"owner":"py"},"zipped":300,"zipped_count":300,)"
+       R"("partial":"Scroll request has only succeeded on 1 (+0 skipped) shards out of 2.",)"
+       R"("stream":[3,"illegal_argument_exception",3,true,true]})"
+       "\nitems 2309, pits 0, scrolls 4, open 0 gzip"}, // only the rejected items went twice
+      {{"node", dir + "esclient/check.js", "elasticsearch"},
+       "@elastic/elasticsearch",
+       "",
+       R"({"distribution":"elasticsearch","number":"8.11.0)" + js + "\nitems 1208, pits 1, scrolls 3, open 0 "},
+      {{"node", dir + "esclient/check.js", "opensearch"},
+       "@opensearch-project/opensearch",
+       "2.11.0",
+       R"({"distribution":"opensearch","number":"2.11.0)" + js + "\nitems 1208, pits 1, scrolls 3, open 0 "},
+  };
+  for (const auto& c : clients) {
+    SCOPED_TRACE(c.argv[1]);
+    struct stat st {};
+    if (c.module) {
+      ASSERT_EQ(stat((dir + "esclient/node_modules/" + c.module).c_str(), &st), 0)
+          << "the JS clients are not installed: run scripts/install-deps (npm ci in tests/esclient)";
+    }
+    emulator.setOpenSearch(c.openSearch);
+    emulator.reset();
+    auto f = emulator.faults();
+    f.rejectItems = 5;
+    emulator.setFaults(f);
+    std::vector<std::string> argv = c.argv;
+    argv.insert(argv.begin() + 2, emulator.baseUrl());
+    std::string out, err;
+    EXPECT_EQ(qztest::RunProgram(argv, "", out, err), 0) << "the client failed: " << err << out;
+    const size_t start = out.rfind('\n', out.size() >= 2 ? out.size() - 2 : 0);
+    const auto s = emulator.stats();
+    EXPECT_EQ(out.substr(start == std::string::npos ? 0 : start + 1) + "items " + std::to_string(s.bulkItems) +
+                  ", pits " + std::to_string(s.pitsOpened) + ", scrolls " + std::to_string(s.scrollsOpened) +
+                  ", open " + std::to_string(s.openPits + s.openScrolls) + " " + s.lastBulkContentEncoding,
+              c.last)
+        << "the Python client is Debian's python3-elasticsearch";
+  }
+}
+
+// What a river needs from the emulator beyond the library's own calls: optimistic concurrency,
+// external versions, aliases swapped atomically and the mapping's _meta.
 using EmulatorTest = EsFixture;
 
 TEST_F(EmulatorTest, WritesVersionsAliasesAndMappingsAnswerAsElasticsearch) {

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <set>
 
 using qz::elasticsearch::DocumentGetter;
 using qz::elasticsearch::ElasticConnectionParameters;

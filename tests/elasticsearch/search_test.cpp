@@ -1,5 +1,7 @@
 #include <HttpTools/elasticsearch/ElasticSearch.h>
 
+#include <HttpTools/elasticsearch/ResponseItemCutter_p.h>
+
 #include "EsFixture.h"
 #include "support/LogCapture.h"
 
@@ -14,6 +16,7 @@
 
 using qz::elasticsearch::FetchSearchResults;
 using qz::elasticsearch::FetchSlicedSearchResults;
+using qz::elasticsearch::ResponseItemCutter;
 using qz::elasticsearch::SearchHit;
 
 namespace {
@@ -49,7 +52,7 @@ protected:
   qz::elasticsearch::SearchOptions options;
 };
 
-TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScroll) {
+TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScrollKeepingQuerySortAndSourceFilters) {
   seed("docs", 10000);
   for (const bool withPit : {true, false}) {
     SCOPED_TRACE(withPit ? "point in time" : "scroll");
@@ -59,6 +62,7 @@ TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScroll) {
     std::set<std::string> ids;
     int64_t lastN = -1;
     bool ordered = true, sourcesIntact = true;
+    options.sourceIncludes = options.sourceExcludes = {};
     ASSERT_TRUE(fetch("", 777, [&](SearchHit& hit) {
       ids.insert(hit.id);
       const int64_t n = hit.source.toMap().at("n").toInt64();
@@ -74,27 +78,17 @@ TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScroll) {
     const auto s = emulator.stats();
     EXPECT_EQ(withPit ? s.pitsOpened : s.scrollsOpened, 1u);
     expectClosed();
-  }
-}
 
-TEST_F(SearchTest, QuerySortAndSourceFiltersOfTheCallerAreKept) {
-  seed("docs", 500);
-  options.sourceIncludes = {"n", "g*"};
-  options.sourceExcludes = {"group"};
-  for (const bool withPit : {true, false}) {
-    SCOPED_TRACE(withPit ? "point in time" : "scroll");
-    auto faults = emulator.faults();
-    faults.noPit = !withPit;
-    emulator.setFaults(faults);
-    std::vector<int64_t> ns;
-    ASSERT_TRUE(fetch(R"({"query":{"term":{"group":3}},"sort":[{"n":"desc"}]})", 10, [&](SearchHit& hit) {
+    options.sourceIncludes = {"n", "g*"};
+    options.sourceExcludes = {"group"};
+    std::vector<int64_t> ns, expected;
+    ASSERT_TRUE(fetch(R"({"query":{"term":{"group":3}},"sort":[{"n":"desc"}]})", 100, [&](SearchHit& hit) {
       ns.push_back(hit.source.toMap().at("n").toInt64());
       EXPECT_TRUE(hit.sort.isList());
       EXPECT_EQ(hit.source.toMap().size(), 1u);
       return true;
     })) << error;
-    std::vector<int64_t> expected;
-    for (int i = 499; i >= 0; --i)
+    for (int i = 9999; i >= 0; --i)
       if (i % 7 == 3)
         expected.push_back(i);
     EXPECT_EQ(ns, expected);
@@ -150,26 +144,6 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopAndPartialAnswer) {
     }
 }
 
-TEST_F(SearchTest, CancelFromAnotherThreadEndsAStalledAnswer) {
-  seed("docs", 20);
-  auto f = emulator.faults();
-  f.stallSearchMs = 20000;
-  emulator.setFaults(f);
-  bool cancel = false;
-  std::thread canceller([&] { // once the stalled page is on its way
-    for (int i = 0; i < 1000 && emulator.stats().searchRequests == 0; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    std::atomic_ref<bool>(cancel).store(true);
-  });
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(fetch(
-      "", 100, [](SearchHit&) { return true; }, &cancel));
-  canceller.join();
-  EXPECT_EQ(error, "cancelled");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-  expectClosed();
-}
-
 TEST_F(SearchTest, SlicesOfOnePitOrOfScrollsGiveEveryDocumentOnce) {
   seed("docs", 1500);
   for (const bool withPit : {true, false})
@@ -202,29 +176,40 @@ TEST_F(SearchTest, SlicesOfOnePitOrOfScrollsGiveEveryDocumentOnce) {
                 withPit ? 1u : slices);
       expectClosed();
     }
+  EXPECT_FALSE(FetchSlicedSearchResults(
+      pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 1025, options, &error, nullptr));
+  EXPECT_EQ(error, "at most 1024 slices");
 }
 
-// A failed page in one slice, or the caller's cancel, ends the slice stalled on its answer too.
-TEST_F(SearchTest, FailureOrCancelEndsEverySlice) {
+// The caller's cancel, or a failed page in one slice, ends a fetch (and every slice) stalled on its answer.
+TEST_F(SearchTest, CancelOrAFailedSliceEndsAStalledAnswer) {
   seed("docs", 400);
-  for (const bool cancelled : {false, true}) {
-    SCOPED_TRACE(cancelled ? "cancel" : "failed page");
+  const struct {
+    unsigned slices; // 0: not sliced
+    bool cancelled;
+    const char* error;
+  } rows[] = {{0, true, "cancelled"}, {2, false, "all shards failed"}, {2, true, "cancelled"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.slices) + row.error);
     auto f = emulator.faults();
     f.stallSearchMs = 20000;
-    f.failSearchPages = cancelled ? 0 : 1;
+    f.failSearchPages = row.cancelled ? 0 : 1;
     emulator.setFaults(f);
     bool cancel = false;
-    std::thread canceller([&] {
-      const size_t base = emulator.stats().searchRequests;
-      for (int i = 0; cancelled && i < 1000 && emulator.stats().searchRequests < base + 2; ++i)
+    std::thread canceller([&] { // once the stalled pages are on their way
+      const size_t base = emulator.stats().searchRequests, pages = row.slices ? row.slices : 1;
+      for (int i = 0; row.cancelled && i < 1000 && emulator.stats().searchRequests < base + pages; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      std::atomic_ref<bool>(cancel).store(cancelled);
+      std::atomic_ref<bool>(cancel).store(row.cancelled);
     });
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(FetchSlicedSearchResults(
-        pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 2, options, &error, &cancel));
+    EXPECT_FALSE(row.slices ? FetchSlicedSearchResults(
+                                  pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, row.slices,
+                                  options, &error, &cancel)
+                            : fetch(
+                                  "", 100, [](SearchHit&) { return true; }, &cancel));
     canceller.join();
-    EXPECT_NE(error.find(cancelled ? "cancelled" : "all shards failed"), std::string::npos) << error;
+    EXPECT_TRUE(row.slices ? error.find(row.error) != std::string::npos : error == row.error) << error;
     // Well before the stalled answer's 20 s, with room for a loaded machine under sanitizers.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     expectClosed();
@@ -265,6 +250,129 @@ TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {
   EXPECT_NE(error.find("did not advance"), std::string::npos) << error;
   EXPECT_EQ(hits, 4u);
   expectClosed();
+}
+
+// The cutter the search pages go through, on text made by hand.
+
+// What a cut gave: its items one per line, then the ids and the errors flag it read, and whether
+// every chunk was taken and the text ended where the answer does.
+std::string cutInChunks(const std::string& outer, const std::string& inner, const std::string& text,
+                        const std::vector<size_t>& splits) {
+  std::string out;
+  ResponseItemCutter cutter(outer, inner, [&](const char* t, size_t n) {
+    out.append(t, n) += "\n";
+    return true;
+  });
+  bool fed = true;
+  for (size_t i = 0, at = 0; i <= splits.size() && fed; ++i) {
+    const size_t end = i < splits.size() ? splits[i] : text.size();
+    fed = cutter.feed(text.data() + at, end - at);
+    at = end;
+  }
+  return out + "pit " + cutter.pitId() + ", scroll " + cutter.scrollId() + ", errors " +
+         std::to_string(cutter.errors()) + (fed ? "" : ", refused") + (cutter.complete() ? "" : ", incomplete");
+}
+
+// Hits whose strings hold the bytes the cutter reacts to, and decoys: members named "hits" at
+// other depths, and a "hits" array inside a hit's source.
+const std::vector<std::string> kHits = {
+    R"({"_index":"i","_id":"1","_score":null,"_source":{"t":"}{ ][ \"quoted\" \\"},"sort":[0]})",
+    R"({"_index":"i","_id":"2\"}","_score":1.5,"_source":{"hits":{"hits":[{"x":"]"}]}},"sort":["\\",1]})",
+    R"({"_index":"i","_id":"3","_source":{"a":[[{}],{"b":"\\\\\""}],"c":"hits"}})",
+};
+
+std::string join(const std::vector<std::string>& items, const std::string& sep) {
+  std::string s;
+  for (size_t i = 0; i < items.size(); ++i)
+    s += (i ? sep : "") + items[i];
+  return s;
+}
+
+struct Case {
+  const char* name;
+  std::string outer, inner, text, cut;
+};
+
+std::vector<Case> cases() {
+  const std::string hits = join(kHits, "\n");
+  return {
+      {"pit search", "hits", "hits",
+       R"({"pit_id":"P+/=x\"","took":3,"timed_out":false,"_shards":{"total":1,"failures":[{"hits":"{"}]},)"
+       R"("hits":{"total":{"value":3,"relation":"hits"},"max_score":null,"hits":[)" +
+           join(kHits, ",") + R"(]},"aggregations":{"hits":{"hits":[{"decoy":1}]}}})",
+       hits + "\npit P+/=x\", scroll , errors -1"},
+      {"pretty scroll", "hits", "hits",
+       "{\n  \"_scroll_id\" : \"S1==\",\n  \"hits\" : {\n    \"hits\" : [\n      " + join(kHits, ",\n      ") +
+           "\n    ]\n  }\n}\n",
+       hits + "\npit , scroll S1==, errors -1"},
+      {"empty page", "hits", "hits", R"({"hits":{"total":{"value":0},"hits":[]}})", "pit , scroll , errors -1"},
+      {"mget docs", "docs", "",
+       R"({"docs":[{"_id":"a","found":false},{"_id":"b","found":true,"_source":{"docs":[{"z":"}"}]}}]})",
+       R"({"_id":"a","found":false})"
+       "\n"
+       R"({"_id":"b","found":true,"_source":{"docs":[{"z":"}"}]}})"
+       "\npit , scroll , errors -1"},
+      {"bulk items", "items", "",
+       R"({"took":5,"errors":true,"items":[{"index":{"_id":"1","status":201}},)"
+       R"({"delete":{"_id":"2","status":429,"error":{"type":"x","reason":"[items] {"}}}]})",
+       R"({"index":{"_id":"1","status":201}})"
+       "\n"
+       R"({"delete":{"_id":"2","status":429,"error":{"type":"x","reason":"[items] {"}}})"
+       "\npit , scroll , errors 1"},
+      {"bulk without errors", "items", "", R"({"errors" : false, "items":[{"index":{}}]})",
+       "{\"index\":{}}\npit , scroll , errors 0"},
+  };
+}
+
+TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItems) {
+  for (const Case& c : cases()) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(cutInChunks(c.outer, c.inner, c.text, {}), c.cut);
+    for (size_t split = 0; split <= c.text.size(); ++split)
+      ASSERT_EQ(cutInChunks(c.outer, c.inner, c.text, {split}), c.cut) << "split at " << split;
+    std::vector<size_t> everyByte;
+    for (size_t i = 1; i < c.text.size(); ++i)
+      everyByte.push_back(i);
+    EXPECT_EQ(cutInChunks(c.outer, c.inner, c.text, everyByte), c.cut);
+  }
+}
+
+TEST(ResponseItemCutter, MalformedNestingIsRefusedOrIncomplete) {
+  const std::pair<const char*, const char*> table[] = {
+      {R"({"hits":{"hits":[{"a":1}]}}})", ", refused, incomplete"}, // one brace too many
+      {R"({"hits":{"hits":[{"a":1}]]})", ", refused, incomplete"},  // bracket closes an object
+      {R"({"hits":{"hits":[{"a":1})", ", incomplete"},              // cut short
+      {R"({"hits":{"hits":[{"a":"1}]}})", ", incomplete"},          // string never closed
+      {R"({"a":1}{"b":2})", ", refused, incomplete"},               // two values
+      {"", ", incomplete"},
+  };
+  for (const auto& [text, ending] : table) {
+    const std::string cut = cutInChunks("hits", "hits", text, {});
+    EXPECT_EQ(cut.substr(cut.find("errors -1") + 9), ending) << text;
+  }
+}
+
+TEST(ResponseItemCutter, ItemFunctionStopsTheCutAndKeepsOnlyAPartialItem) {
+  std::string text = R"({"hits":{"hits":[)";
+  const std::string big = R"({"_id":"x","_source":{"pad":")" + std::string(100000, 'p') + R"("}})";
+  for (int i = 0; i < 20; ++i)
+    text += (i ? "," : "") + big;
+  text += "]}}";
+  size_t seen = 0;
+  size_t peak = 0;
+  ResponseItemCutter cutter("hits", "hits", [&](const char*, size_t n) {
+    EXPECT_EQ(n, big.size());
+    return ++seen < 5;
+  });
+  bool fed = true;
+  for (size_t at = 0; at < text.size() && fed; at += 16384) {
+    fed = cutter.feed(text.data() + at, std::min<size_t>(16384, text.size() - at));
+    peak = std::max(peak, cutter.bufferCapacity());
+  }
+  EXPECT_FALSE(fed);
+  EXPECT_TRUE(cutter.stoppedByItem());
+  EXPECT_EQ(seen, 5u);
+  EXPECT_LT(peak, 4 * big.size()); // one partial hit and a chunk, not the whole answer
 }
 
 } // namespace

@@ -18,20 +18,21 @@ using testing::Optional;
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+const ProbeTag kTag{0x0123456789abcdefULL, 7, 3};
 
-// An echo reply as a peer sends it: the request with type 0 (or 129) and the checksum redone.
-Bytes Reply(bool ipv6, uint16_t id, uint16_t seq, const ProbeTag& tag) {
+// An echo request as sent, or its reply as a peer sends it: type 0 (or 129) and the checksum redone.
+Bytes Echo(bool ipv6, uint16_t id, uint16_t seq, bool reply = true) {
   unsigned char payload[kPayloadSize];
-  WritePayload(tag, payload);
+  WritePayload(kTag, payload);
   Bytes b(kHeaderSize + kPayloadSize);
   BuildEchoRequest(ipv6, id, seq, payload, sizeof payload, b.data());
+  if (!reply)
+    return b;
   b[0] = ipv6 ? 129 : 0;
   b[2] = b[3] = 0;
-  if (!ipv6) {
-    const uint16_t sum = InternetChecksum(b.data(), b.size());
-    b[2] = static_cast<unsigned char>(sum >> 8);
-    b[3] = static_cast<unsigned char>(sum);
-  }
+  const uint16_t sum = ipv6 ? 0 : InternetChecksum(b.data(), b.size());
+  b[2] = static_cast<unsigned char>(sum >> 8);
+  b[3] = static_cast<unsigned char>(sum);
   return b;
 }
 
@@ -48,20 +49,10 @@ Bytes WithIpHeader(const Bytes& icmp, size_t optionWords = 0, int lengthDelta = 
   return b;
 }
 
-const ProbeTag kTag{0x0123456789abcdefULL, 7, 3};
-
 auto Near(std::vector<double> want) { return testing::Pointwise(DoubleEq(), want); }
 
 std::vector<double> Figures(const HostStatistics& s) {
   return {double(s.sent), double(s.received), double(s.duplicates), s.lossPercent, s.minMs, s.avgMs, s.maxMs, s.mdevMs};
-}
-
-Bytes Request4() {
-  unsigned char payload[kPayloadSize];
-  WritePayload(kTag, payload);
-  Bytes b(kHeaderSize + kPayloadSize);
-  BuildEchoRequest(false, 1, 2, payload, sizeof payload, b.data());
-  return b;
 }
 
 } // namespace
@@ -74,7 +65,7 @@ TEST(IcmpChecksum, Rfc1071Example) {
 }
 
 TEST(IcmpEcho, ParserTakesIntactEchoRepliesOnly) {
-  const Bytes icmp4 = Reply(false, 0x1234, 42, kTag), icmp6 = Reply(true, 0x1234, 42, kTag);
+  const Bytes icmp4 = Echo(false, 0x1234, 42), icmp6 = Echo(true, 0x1234, 42);
   const Bytes framed = WithIpHeader(icmp4);
   Bytes padded = framed;
   padded.push_back(0xee); // bytes past the IP total length are not part of the message
@@ -92,7 +83,7 @@ TEST(IcmpEcho, ParserTakesIntactEchoRepliesOnly) {
       {"with trailing bytes", padded, L::IPv4WithHeader, true},
       {"ICMPv6", icmp6, L::IPv6, true},
       {"flipped payload bit", mutate(icmp4, 20, icmp4[20] ^ 1), L::IPv4Datagram, false},
-      {"echo request", Request4(), L::IPv4Datagram, false},
+      {"echo request", Echo(false, 1, 2, false), L::IPv4Datagram, false},
       {"code 1", mutate(icmp6, 1, 1), L::IPv6, false},
       {"ICMPv6 echo request", mutate(icmp6, 0, 128), L::IPv6, false},
       {"IPv4 reply read as ICMPv6", icmp4, L::IPv6, false},
@@ -189,7 +180,7 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
   EXPECT_EQ(book.record(0, 1, 11, t0 + 200'000, 999), ProbeBook::Matched);
   EXPECT_EQ(book.record(0, 2, 99, t0 + 1, 500), ProbeBook::Unknown) << "sequence of another probe";
   EXPECT_EQ(book.record(1, 0, 0, t0 + 1, 500), ProbeBook::Unknown) << "never sent";
-  EXPECT_EQ(book.record(5, 0, 10, t0 + 1, 500), ProbeBook::Unknown) << "no such host";
+  EXPECT_EQ(book.record(2, 0, 10, t0 + 1, 500), ProbeBook::Unknown) << "no such host";
   EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::TimedOut) << "at its deadline";
   EXPECT_FALSE(book.hasPending());
   EXPECT_EQ(book.record(0, 2, 12, t0 + 1, 1000), ProbeBook::Late) << "stays lost";

@@ -220,34 +220,26 @@ TEST(IcmpLoopback, ConcurrentRoundsAndManyHostsKeepEveryReply) {
 // Payload sizes (with and without room for the tag), TTL and family: each probe answered and
 // reported once to onProbe with the time the statistics keep; what the round refuses says why.
 TEST(IcmpLoopback, OptionsShapeTheProbes) {
-  using qz::IpAddress;
+  using enum qz::IpAddress::Type;
   const std::string family = "= 0/0+0 0% k1 Cannot resolve host name: Address family for hostname not supported";
+  const std::string tooLarge = "127.0.0.1= 0/0+0 0% k3 Payload size 65508 above the largest, 65507";
+  const unsigned largest = ProbeOptions::kMaxPayloadSize;
   const struct {
     const char* name;
     unsigned payload, ttl;
-    IpAddress::Type family;
+    qz::IpAddress::Type family;
     std::vector<std::string> hosts, lines; // no lines: every host answered
   } cases[] = {
-      {"TTL 7", 77, 7, IpAddress::IPT_None, {"127.0.0.1"}, {}}, // first: the sniffer below keeps its requests
-      {"no payload", 0, 0, IpAddress::IPT_None, {"127.0.0.1", "::1"}, {}},
-      {"shorter than the tag", 8, 0, IpAddress::IPT_None, {"127.0.0.1", "::1", "127.0.0.1"}, {}},
-      {"large", 8000, 0, IpAddress::IPT_None, {"127.0.0.1", "::1"}, {}},
-      {"largest", ProbeOptions::kMaxPayloadSize, 0, IpAddress::IPT_None, {"127.0.0.1"}, {}},
-      {"TTL 1", 56, 1, IpAddress::IPT_None, {"127.0.0.1", "::1"}, {}},
-      {"IPv4 only",
-       56,
-       0,
-       IpAddress::IPT_IPv4,
-       {"localhost", "::1"},
-       {"localhost=127.0.0.1 3/3+0 0% k0 t", "::1" + family}},
-      {"IPv6 only", 56, 0, IpAddress::IPT_IPv6, {"127.0.0.1", "::1"}, {"127.0.0.1" + family, Answered("::1", 3)}},
-      {"payload too large",
-       ProbeOptions::kMaxPayloadSize + 1,
-       0,
-       IpAddress::IPT_None,
-       {"127.0.0.1"},
-       {"127.0.0.1= 0/0+0 0% k3 Payload size 65508 above the largest, 65507"}},
-      {"TTL 256", 56, 256, IpAddress::IPT_None, {"::1"}, {"::1= 0/0+0 0% k3 TTL 256 outside 1 to 255"}},
+      {"TTL 7", 77, 7, IPT_None, {"127.0.0.1"}, {}}, // first: the sniffer below keeps its requests
+      {"no payload", 0, 0, IPT_None, {"127.0.0.1", "::1"}, {}},
+      {"shorter than the tag", 8, 0, IPT_None, {"127.0.0.1", "::1", "127.0.0.1"}, {}},
+      {"large", 8000, 0, IPT_None, {"127.0.0.1", "::1"}, {}},
+      {"largest", largest, 0, IPT_None, {"127.0.0.1"}, {}},
+      {"TTL 1", 56, 1, IPT_None, {"127.0.0.1", "::1"}, {}},
+      {"IPv4 only", 56, 0, IPT_IPv4, {"localhost", "::1"}, {"localhost=127.0.0.1 3/3+0 0% k0 t", "::1" + family}},
+      {"IPv6 only", 56, 0, IPT_IPv6, {"127.0.0.1", "::1"}, {"127.0.0.1" + family, Answered("::1", 3)}},
+      {"payload too large", largest + 1, 0, IPT_None, {"127.0.0.1"}, {tooLarge}},
+      {"TTL 256", 56, 256, IPT_None, {"::1"}, {"::1= 0/0+0 0% k3 TTL 256 outside 1 to 255"}},
   };
   // Requests as they leave, on lo: payload 77 is of the TTL 7 case alone.
   const int sniffer = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
@@ -322,53 +314,18 @@ TEST(IcmpLoopback, PeriodAndIntervalPaceTheSends) {
   }
 }
 
-// A round of 100 s ends soon after its first answer once cancelled, by flag or by stop(); a
-// cancelled round is not handed over.
-TEST(IcmpLoopback, CancelAndStopEndALongRound) {
+// Rounds come from the worker until stop(), and a callback may stop its own worker. A round of
+// 100 s ends soon after its first answer once cancelled, by flag or by stop(), and is not handed over.
+TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   std::mutex m;
   std::condition_variable cv;
-  bool answered = false, cancel = false;
-  ProbeOptions o = Opts(1000, 100, 1000);
-  o.onProbe = [&](size_t, unsigned, std::optional<double>) {
-    std::lock_guard<std::mutex> l(m);
-    answered = true;
-    cv.notify_all();
-  };
-  auto waitAnswered = [&] {
-    std::unique_lock<std::mutex> l(m);
-    EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(10), [&] { return std::exchange(answered, false); }));
-  };
-  HostStatisticsRetriever retriever({"127.0.0.1"}, o);
-  std::vector<HostStatistics> out;
-  std::thread canceller([&] {
-    waitAnswered();
-    __atomic_store_n(&cancel, true, __ATOMIC_RELAXED);
-  });
-  int64_t t0 = NowMs();
-  EXPECT_FALSE(retriever.retrieve(out, &cancel));
-  canceller.join();
-  EXPECT_LT(NowMs() - t0, 5000);
-  ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].error, "");
-  EXPECT_GE(out[0].sent, 1u);
-  EXPECT_LT(out[0].sent, 40u);
-
-  std::atomic<int> rounds{0};
-  ASSERT_TRUE(retriever.start([&](const std::vector<HostStatistics>&) { ++rounds; }, 1000));
-  waitAnswered();
-  t0 = NowMs();
-  retriever.stop();
-  EXPECT_LT(NowMs() - t0, 5000);
-  EXPECT_EQ(rounds, 0);
-}
-
-TEST(IcmpThreaded, WorkerDeliversRoundsUntilStopped) {
-  HostStatisticsRetriever retriever({"127.0.0.1", "::1"}, 2, 5, 3000);
-  std::mutex m;
-  std::condition_variable cv;
-  int rounds = 0;
+  int rounds = 0, answers = 0;
   unsigned received = 0;
   std::atomic<bool> stopped{false};
+  auto waitFor = [&](const int& n, int atLeast) {
+    std::unique_lock<std::mutex> l(m);
+    EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(10), [&] { return n >= atLeast; }));
+  };
   auto onRound = [&](const std::vector<HostStatistics>& out) {
     EXPECT_FALSE(stopped) << "a round after stop()";
     std::lock_guard<std::mutex> l(m);
@@ -377,15 +334,12 @@ TEST(IcmpThreaded, WorkerDeliversRoundsUntilStopped) {
       received += h.received;
     cv.notify_all();
   };
+  HostStatisticsRetriever retriever({"127.0.0.1", "::1"}, 2, 5, 3000);
   EXPECT_FALSE(retriever.start(nullptr, 10));
   ASSERT_TRUE(retriever.start(onRound, 20));
   EXPECT_TRUE(retriever.isRunning());
   EXPECT_FALSE(retriever.start(onRound, 20)) << "one worker at a time";
-  auto waitRounds = [&](int n) {
-    std::unique_lock<std::mutex> l(m);
-    EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(10), [&] { return rounds >= n; }));
-  };
-  waitRounds(3);
+  waitFor(rounds, 3);
   retriever.stop();
   stopped = true;
   EXPECT_FALSE(retriever.isRunning());
@@ -394,7 +348,6 @@ TEST(IcmpThreaded, WorkerDeliversRoundsUntilStopped) {
     EXPECT_EQ(received, 4u * unsigned(rounds));
     rounds = 0;
   }
-  // A callback may stop its own worker; the next start() runs a new one.
   stopped = false;
   ASSERT_TRUE(retriever.start(
       [&](const std::vector<HostStatistics>& out) {
@@ -402,9 +355,43 @@ TEST(IcmpThreaded, WorkerDeliversRoundsUntilStopped) {
         onRound(out);
       },
       10));
-  waitRounds(1);
+  waitFor(rounds, 1);
   ASSERT_TRUE(retriever.start([](const std::vector<HostStatistics>&) {}, 10));
   retriever.stop();
-  std::lock_guard<std::mutex> l(m);
-  EXPECT_EQ(rounds, 1);
+  std::unique_lock<std::mutex> l(m);
+  EXPECT_EQ(std::exchange(rounds, 0), 1);
+  l.unlock();
+
+  bool cancel = false;
+  ProbeOptions o = Opts(1000, 100, 1000);
+  o.onProbe = [&](size_t, unsigned, std::optional<double>) {
+    std::lock_guard<std::mutex> l(m);
+    ++answers;
+    cv.notify_all();
+  };
+  HostStatisticsRetriever longRound({"127.0.0.1"}, o);
+  std::vector<HostStatistics> out;
+  std::thread canceller([&] {
+    waitFor(answers, 1);
+    __atomic_store_n(&cancel, true, __ATOMIC_RELAXED);
+  });
+  int64_t t0 = NowMs();
+  EXPECT_FALSE(longRound.retrieve(out, &cancel));
+  canceller.join();
+  EXPECT_LT(NowMs() - t0, 5000);
+  ASSERT_EQ(out.size(), 1u);
+  EXPECT_EQ(out[0].error, "");
+  EXPECT_GE(out[0].sent, 1u);
+  EXPECT_LT(out[0].sent, 40u);
+
+  ASSERT_TRUE(longRound.start(onRound, 1000));
+  l.lock();
+  const int before = answers;
+  l.unlock();
+  waitFor(answers, before + 1);
+  t0 = NowMs();
+  longRound.stop();
+  EXPECT_LT(NowMs() - t0, 5000);
+  l.lock();
+  EXPECT_EQ(rounds, 0);
 }
