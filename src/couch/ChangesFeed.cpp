@@ -8,6 +8,7 @@
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 
+#include <algorithm>
 #include <climits>
 #include <mutex>
 #include <thread>
@@ -47,6 +48,8 @@ public:
   std::atomic<bool> running{false};
   std::atomic<uint64_t> changes{0};
   std::atomic<uint64_t> reconnects{0};
+  std::atomic<int64_t> serverPending{-1}; // the last answer's `pending`
+  std::atomic<uint64_t> changesAtPending{0};
   std::thread thread;
   // The running run()'s token: it watches the caller's flag, and stop() cancels it from any thread.
   std::mutex tokenMutex;
@@ -212,6 +215,10 @@ bool ChangesFeedListener::Private::runFeed(const std::function<bool(const Change
       http::HttpConnectionLocker conn(pool, request.url);
       ok = http::PerformTransfer(*conn, request, sink, outcome, &run);
     }
+    if (parser.pending() >= 0) { // what follows the answer, and what of it was not handed over
+      changesAtPending = changes.load();
+      serverPending = parser.pending() + int64_t(parser.changeCount() - std::min(delivered, parser.changeCount()));
+    }
     const long status = outcome.status;
     if (parser.refused() || batchRefused || stopped())
       return true;
@@ -335,5 +342,11 @@ std::string ChangesFeedListener::lastSeq() const { return d->checkpoint(); }
 void ChangesFeedListener::setSince(const std::string& seq) { d->setCheckpoint(seq); }
 uint64_t ChangesFeedListener::changeCount() const { return d->changes.load(); }
 uint64_t ChangesFeedListener::reconnectCount() const { return d->reconnects.load(); }
+
+int64_t ChangesFeedListener::pending() const {
+  const uint64_t at = d->changesAtPending.load();
+  const int64_t pending = d->serverPending.load();
+  return pending < 0 ? -1 : std::max<int64_t>(0, pending - int64_t(d->changes.load() - at));
+}
 
 } // namespace qz::couch

@@ -114,6 +114,10 @@ public:
   uint64_t changeCount() const;
   uint64_t reconnectCount() const;
   ///@}
+  /// Changes the server holds beyond those handed over, as its last answer counted them (CouchDB
+  /// sends `pending` on normal and longpoll feeds, which batchLimit pages); -1 until an answer
+  /// tells. Any thread.
+  int64_t pending() const;
 
   class Private;
 

@@ -5,6 +5,7 @@
 
 #include <rapidjson/reader.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace qz::couch {
@@ -151,6 +152,8 @@ bool ChangesFeedParser::finishTop() {
     if (last->second.isNull())
       return fail("null last_seq in change feed");
     m_sawLastSeq = true;
+    if (auto pending = top.find("pending"); pending != top.end() && pending->second.isNumber())
+      m_pending = std::max<int64_t>(0, pending->second.toInt64());
     if (m_onLastSeq)
       m_onLastSeq(SeqOf(text, "last_seq", last->second));
   }

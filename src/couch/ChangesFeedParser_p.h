@@ -30,6 +30,8 @@ public:
   bool refused() const { return m_refused; }
   bool sawLastSeq() const { return m_sawLastSeq; }
   size_t changeCount() const { return m_changes; }
+  // The changes the server says follow its last_seq (CouchDB's `pending`); -1 when it did not say.
+  int64_t pending() const { return m_pending; }
   // Bytes of the object being read (a partial change); bounded by the largest change.
   size_t pendingBytes() const { return m_top.size() + m_row.size(); }
 
@@ -53,6 +55,7 @@ private:
   std::string m_lastKey;
   std::string m_error;
   size_t m_changes = 0;
+  int64_t m_pending = -1;
   int m_depth = 0;
   int m_square = 0;
   bool m_inString = false;

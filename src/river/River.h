@@ -93,8 +93,8 @@ struct HTTPTOOLS_API RiverStatus {
   /// Seconds since the oldest change read and not yet acknowledged by Elasticsearch was read;
   /// 0 when everything read is acknowledged.
   double lagSeconds = 0;
-  /// Changes of the database not yet acknowledged, where the server tells (an integer update_seq);
-  /// -1 where it does not (opaque seqs).
+  /// Changes of the database not yet acknowledged, where the server tells (an integer update_seq,
+  /// or the `pending` count of CouchDB's feed pages); -1 where it does not.
   int64_t behindChanges = -1;
   /// A change feed stays open while following (false: the feed is polled once per flushIntervalMs).
   bool live = false;

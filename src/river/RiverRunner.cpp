@@ -193,10 +193,12 @@ RiverOutcome RiverRunner::catchUp(const bool* cancel, bool readsHead) {
   const bool read = feed.run(
       [&](const qz::couch::Change& change) {
         reconnectsAtDelivery = feed.reconnectCount();
+        m_serverPending = feed.pending();
         interrupted = !m_throttle.take(m_stop, cancel) || m_stop.stopped(cancel) || !take(pipeline, change, index);
         return !interrupted;
       },
       &feedError, cancel);
+  m_serverPending = feed.pending();
   if (auto sent = pipeline.wait(); !sent.ok())
     return sent;
   if (interrupted || m_stop.stopped(cancel))
@@ -365,6 +367,8 @@ RiverStatus RiverRunner::status() const {
   const int64_t head = m_headSeq.load(), acked = m_ackedSeq.load();
   if (head >= 0 && acked >= 0)
     s.behindChanges = std::max<int64_t>(0, head - acked);
+  else if (const int64_t pending = m_serverPending.load(); pending >= 0) // opaque seqs: CouchDB 2 and later
+    s.behindChanges = pending + int64_t(m_pipeline ? m_pipeline->unackedChanges() : 0);
   return s;
 }
 

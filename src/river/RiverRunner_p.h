@@ -86,11 +86,12 @@ private:
   RiverState m_state;
   bool m_prepared = false; // the index to write is known for this lease
   int64_t m_lastCaughtUpMs = 0;
-  bool m_quietEnd = false;             // the last step ended on a quiet feed: no need to look at the source again
-  bool m_dirty = false;                // following: a checkpoint reached but not stored yet
-  int64_t m_savedMs = 0;               // when the state was last stored
-  std::atomic<int64_t> m_headSeq{-1};  // highest integer seq the server reported (-1: none)
-  std::atomic<int64_t> m_ackedSeq{-1}; // integer seq acknowledged (-1: none, or opaque)
+  bool m_quietEnd = false;                  // the last step ended on a quiet feed: no need to look at the source again
+  bool m_dirty = false;                     // following: a checkpoint reached but not stored yet
+  int64_t m_savedMs = 0;                    // when the state was last stored
+  std::atomic<int64_t> m_headSeq{-1};       // highest integer seq the server reported (-1: none)
+  std::atomic<int64_t> m_ackedSeq{-1};      // integer seq acknowledged (-1: none, or opaque)
+  std::atomic<int64_t> m_serverPending{-1}; // changes after those read, as the feed's server counts them
   const BulkPipeline* m_livePipeline = nullptr; // set while following (worker thread only)
 
   // Status figures read at status() time: the pipeline at work (null between steps).

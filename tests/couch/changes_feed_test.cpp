@@ -405,7 +405,7 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
     const std::string rows =
         first ? row("null", "a") + ",\r\n" + row("\"2-g\"", "b") + ",\r\n" + row("null", "c") : row("null", "d");
     res.set_content("{\"results\":[\r\n" + rows + "\r\n],\r\n\"last_seq\":\"" + (first ? "3-g" : "4-g") +
-                        "\",\"pending\":0}\n",
+                        "\",\"pending\":" + (first ? "1" : "0") + "}\n",
                     "application/json");
   });
   startServer();
@@ -415,15 +415,17 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
     std::string batches; // "ids and seqs@checkpoint|..."
     std::vector<std::string> since;
     std::string lastSeq;
+    int64_t pending; // the server's count, with the changes of a refused batch
   } runs[] = {
-      {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g"},
-      {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g"},
-      {1, "a b2-g c@3-g|", {"0"}, "0"},
+      {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g", 0},
+      {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g", 1},
+      {1, "a b2-g c@3-g|", {"0"}, "0", 4},
   };
   for (const auto& r : runs) {
     SCOPED_TRACE(r.refuseAt);
     srv.resetCounters();
     ChangesFeedListener feed(pool, server(), "db", o);
+    EXPECT_EQ(feed.pending(), -1);
     std::string batches, error;
     int count = 0;
     EXPECT_TRUE(feed.runBatches(
@@ -437,6 +439,7 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
         << error;
     EXPECT_EQ(batches, r.batches);
     EXPECT_EQ(feed.lastSeq(), r.lastSeq);
+    EXPECT_EQ(feed.pending(), r.pending);
     std::vector<std::string> targets, want;
     for (const auto& req : srv.requests()) {
       EXPECT_EQ(Json(req.body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
