@@ -246,60 +246,27 @@ void runBulk(const BulkOptions& o) {
     file.open(o.file);
     if (!file) {
       std::cerr << "httptools es bulk: cannot read " << o.file << "\n";
-      httptools::exitCode = 1;
+      httptools::exitCode = httptools::kExitFailure;
       return;
     }
   }
   if (!httptools::ElasticReady("bulk", o.conn, o.auth, server, true))
     return;
-  std::istream& in = o.file == "-" ? std::cin : file;
-  qz::http::HttpConnectionPool pool;
-  httptools::Prepare(pool);
-  size_t badLines = 0;
-  qz::elasticsearch::BulkStats stats;
-  {
-    qz::elasticsearch::BulkIndexer indexer(pool, server, o.threads, o.batch);
-    if (o.gzip) {
-      qz::elasticsearch::BulkRequestOptions options;
-      options.gzipLevel = 6;
-      indexer.setRequestOptions(options);
-    }
-    indexer.onItemFailure([](const std::string&, const std::string& id, int status, const std::string& reason) {
-      std::cerr << "httptools es bulk: " << id << ": " << status << " " << reason << "\n";
-    });
-    std::string line;
-    for (size_t n = 1; std::getline(in, line); ++n) {
-      if (line.find_first_not_of(" \t\r") == std::string::npos)
-        continue;
-      qz::qzVariantMapImpl doc;
-      auto id = doc.end();
-      if (qz::json::Json2Variant::Convert(line, doc))
-        id = doc.find("_id");
-      if (id == doc.end() || id->second.isMap() || id->second.isList() || id->second.toString().empty()) {
-        std::cerr << "httptools es bulk: line " << n << " is not a JSON object with an \"_id\"\n";
-        ++badLines;
-        continue;
-      }
-      const std::string docId = id->second.toString();
-      doc.erase(id);
-      if (o.create) {
-        qz::elasticsearch::BulkItem item;
-        item.op = qz::elasticsearch::BulkOp::Create;
-        item.index = index;
-        item.id = docId;
-        indexer.add(item, doc);
-      } else {
-        indexer.index(index, docId, doc);
-      }
-    }
-    std::string error;
-    indexer.flush(&error);
-    stats = indexer.stats();
-  }
-  std::cout << "indexed " << stats.indexed << ", failed " << stats.failed + badLines << ", retried " << stats.retried
-            << "\n";
-  if (stats.failed + badLines)
-    httptools::exitCode = 1;
+  httptools::BulkLines(o.file == "-" ? std::cin : file, "bulk", "indexed", "a JSON object with an \"_id\"", server,
+                       o.threads, o.batch, o.gzip, [&](const std::string& line, qz::elasticsearch::BulkItem& item) {
+                         qz::qzVariantMapImpl doc;
+                         auto id = doc.end();
+                         if (qz::json::Json2Variant::Convert(line, doc))
+                           id = doc.find("_id");
+                         if (id == doc.end() || id->second.isMap() || id->second.isList() ||
+                             id->second.toString().empty())
+                           return false;
+                         item.id = id->second.toString();
+                         doc.erase(id);
+                         item.op = o.create ? qz::elasticsearch::BulkOp::Create : qz::elasticsearch::BulkOp::Index;
+                         item.index = index;
+                         return qz::json::Json2Variant::Convert(doc, item.json, false);
+                       });
 }
 
 } // namespace
@@ -332,7 +299,7 @@ void httptools::AddElasticCommands(CLI::App& app) {
 
   auto bulk = std::make_shared<BulkOptions>();
   CLI::App* b = es->add_subcommand(
-      "bulk", "indexes JSON lines, each with its \"_id\"; prints a summary, failures on stderr (exit 1)");
+      "bulk", "indexes JSON lines, each with its \"_id\"; prints a summary, failures on stderr (exit 22, bad lines 1)");
   b->add_option("URL", bulk->url, "server and index: http://host:9200/index")->required();
   b->add_option("FILE", bulk->file, "JSON lines (default: standard input, -)");
   b->add_option("--threads", bulk->threads, "parallel _bulk requests (default 2)");

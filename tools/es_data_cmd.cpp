@@ -223,27 +223,38 @@ void RunImport(const ImportArgs& a) {
       return;
     }
   }
+  httptools::BulkLines(
+      std::cin, "import", "imported", "a JSON object with \"_id\" and \"_source\"", server, a.threads, a.batch, a.gzip,
+      [&](const std::string& line, qz::elasticsearch::BulkItem& item) { return ImportItem(line, index, item); });
+}
+
+} // namespace
+
+void httptools::BulkLines(std::istream& in, const char* command, const char* done, const char* expected,
+                          const ElasticConnectionParameters& server, unsigned threads, size_t batch, bool gzip,
+                          const std::function<bool(const std::string&, qz::elasticsearch::BulkItem&)>& toItem) {
   qz::http::HttpConnectionPool pool;
   httptools::Prepare(pool);
   size_t badLines = 0;
   qz::elasticsearch::BulkStats stats;
   {
-    qz::elasticsearch::BulkIndexer indexer(pool, server, a.threads, a.batch);
-    if (a.gzip) {
+    qz::elasticsearch::BulkIndexer indexer(pool, server, threads, batch);
+    if (gzip) {
       qz::elasticsearch::BulkRequestOptions options;
       options.gzipLevel = 6;
       indexer.setRequestOptions(options);
     }
-    indexer.onItemFailure([](const std::string&, const std::string& id, int status, const std::string& reason) {
-      std::cerr << "httptools es import: " << id << ": " << status << " " << reason << "\n";
+    indexer.onItemFailure([command](const std::string&, const std::string& id, int status, const std::string& reason) {
+      std::cerr << "httptools es " << command << ": " << id << ": " << status << " " << reason << "\n";
     });
     std::string line;
     qz::elasticsearch::BulkItem item;
-    for (size_t n = 1; std::getline(std::cin, line) && !httptools::Interrupted(); ++n) {
+    for (size_t n = 1; std::getline(in, line) && !httptools::Interrupted(); ++n) {
       if (line.find_first_not_of(" \t\r") == std::string::npos)
         continue;
-      if (!ImportItem(line, index, item)) {
-        std::cerr << "httptools es import: line " << n << " is not a JSON object with \"_id\" and \"_source\"\n";
+      item = {};
+      if (!toItem(line, item)) {
+        std::cerr << "httptools es " << command << ": line " << n << " is not " << expected << "\n";
         ++badLines;
         continue;
       }
@@ -253,14 +264,13 @@ void RunImport(const ImportArgs& a) {
     indexer.flush(&error);
     stats = indexer.stats();
   }
-  std::cout << "imported " << stats.indexed << ", failed " << stats.failed + badLines << "\n";
+  std::cout << done << " " << stats.indexed << ", failed " << stats.failed + badLines << ", retried " << stats.retried
+            << "\n";
   if (stats.failed)
     httptools::exitCode = httptools::kExitHttpStatus;
   else if (badLines || httptools::Interrupted())
     httptools::exitCode = httptools::kExitFailure;
 }
-
-} // namespace
 
 void httptools::AddElasticDataCommands(CLI::App& es) {
   auto exp = std::make_shared<ExportArgs>();
@@ -275,7 +285,8 @@ void httptools::AddElasticDataCommands(CLI::App& es) {
 
   auto imp = std::make_shared<ImportArgs>();
   CLI::App* i = es.add_subcommand(
-      "import", "bulk-indexes the JSON lines of es export from standard input; failures on stderr (exit 22)");
+      "import",
+      "bulk-indexes the JSON lines of es export from standard input; failures on stderr (exit 22, bad lines 1)");
   i->add_option("URL", imp->url, "server and index: http://host:9200/index")->required();
   i->add_option("--mapping", imp->mapping, "Create the index first from FILE (saved by es export --mapping)");
   i->add_option("--threads", imp->threads, "parallel _bulk requests (default 2)");

@@ -37,9 +37,9 @@ TEST_F(EsCliTest, BulkThenSearchAndGet) {
   EXPECT_EQ(run({"es", "bulk", index, "-"}, lines), 0) << err;
   EXPECT_EQ(out, "indexed 25, failed 0, retried 0\n");
 
-  // A bad line and a mapper error: both counted, each named on stderr, exit 1.
+  // A bad line and a mapper error: both counted, each named on stderr; the refused item gives 22.
   EXPECT_EQ(run({"es", "bulk", index}, "{\"n\":1}\n{\"_id\":\"bad\",\"n\":\"NaN-ish\"}\n{\"_id\":\"ok\",\"n\":2}\n"),
-            1);
+            22);
   EXPECT_EQ(out, "indexed 1, failed 2, retried 0\n");
   EXPECT_NE(err.find("line 1 is not a JSON object with an \"_id\""), std::string::npos) << err;
   EXPECT_NE(err.find("bad: 400 mapper_parsing_exception"), std::string::npos) << err;
@@ -48,7 +48,7 @@ TEST_F(EsCliTest, BulkThenSearchAndGet) {
   ASSERT_EQ(call("PUT", "/_index_template/logs", R"({"index_patterns":["logs-*"],"data_stream":{}})"), 200);
   EXPECT_EQ(run({"es", "bulk", emulator.baseUrl() + "/logs-cli", "--create"},
                 "{\"_id\":\"a\",\"@timestamp\":1}\n{\"_id\":\"b\"}\n"),
-            1);
+            22);
   EXPECT_EQ(out, "indexed 1, failed 1, retried 0\n");
   EXPECT_NE(err.find("b: 400 mapper_parsing_exception"), std::string::npos) << err;
 
@@ -182,7 +182,7 @@ TEST_F(EsCliTest, ExportThenImportGivesTheIndexBack) {
     lines += line + "\n";
   EXPECT_EQ(run({"es", "import", emulator.baseUrl() + "/dst", "-u", "u:p", "--mapping", mapping, "--gzip"}, lines), 0)
       << err;
-  EXPECT_EQ(out, "imported 300, failed 0\n");
+  EXPECT_EQ(out, "imported 300, failed 0, retried 0\n");
   EXPECT_EQ(exported("dst", mappings[1]), source);
   EXPECT_EQ(mappings[1], mappings[0]);
   EXPECT_NE(mappings[0].find(R"({"mappings":{"properties":{"n":{"type":"long"}}})"), std::string::npos);
@@ -190,7 +190,7 @@ TEST_F(EsCliTest, ExportThenImportGivesTheIndexBack) {
   // Bad lines are named by number and the rest goes in (exit 1); an item refused gives 22.
   const std::string target = emulator.baseUrl() + "/dst";
   EXPECT_EQ(run({"es", "import", target, "-u", "u:p"}, "{\"_id\":\"x\",\"_source\":{}}\n[1]\n{\"_id\":\"y\"}\n"), 1);
-  EXPECT_EQ(out, "imported 1, failed 2\n");
+  EXPECT_EQ(out, "imported 1, failed 2, retried 0\n");
   EXPECT_NE(err.find("line 2 is not a JSON object with \"_id\" and \"_source\""), std::string::npos) << err;
   EXPECT_NE(err.find("line 3 is not"), std::string::npos) << err;
   EXPECT_EQ(run({"es", "import", target, "-u", "u:p"}, "{\"_id\":\"z\",\"_source\":{\"n\":\"abc\"}}\n"), 22);
