@@ -19,8 +19,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -31,6 +29,9 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+// Faults and definitions are set with designated initializers; the fields left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace rivertest {
 
@@ -154,6 +155,21 @@ protected:
     }
     EXPECT_EQ(differences, 0u);
   }
+
+  // A manager (one worker) with river `d` added.
+  std::unique_ptr<qz::river::RiverManager> manager(const qz::river::RiverDefinition& d) {
+    auto rivers = std::make_unique<qz::river::RiverManager>(pool, 1);
+    std::string error;
+    EXPECT_TRUE(rivers->addRiver(d, &error)) << error;
+    return rivers;
+  }
+  // One run of `rivers` to its end, expected to succeed; the first river's status afterwards.
+  static qz::river::RiverStatus ran(qz::river::RiverManager& rivers) {
+    std::string error;
+    EXPECT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    return rivers.status().at(0);
+  }
+  qz::river::RiverStatus runOnce(const qz::river::RiverDefinition& d) { return ran(*manager(d)); }
 
   // Sends `req` on to pouchdb-server as `method` (GET: without its body) and its answer back.
   void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,

@@ -96,10 +96,7 @@ TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
   EXPECT_EQ(m.size(), std::size(expected));
 
   EXPECT_EQ(healthz(port), 200);
-  qztest::ElasticEmulator::Faults refuse;
-  refuse.unavailable = 1000000;
-  refuse.unavailablePath = "_bulk";
-  elastic.setFaults(refuse);
+  elastic.setFaults({.unavailable = 1000000, .unavailablePath = "_bulk"});
   load(30, 31);
   EXPECT_TRUE(waitFor([&] { return healthz(port) == 503; }, 60));
   elastic.setFaults({});
