@@ -11,6 +11,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/ElasticEmulator.h"
+#include "support/FaultProxy.h"
 #include "support/PouchDbTest.h"
 #include "support/Process.h"
 
@@ -25,9 +26,6 @@
 #include <set>
 #include <thread>
 
-#include <csignal>
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 // Faults and definitions are set with designated initializers; the fields left out keep their defaults.
@@ -211,8 +209,7 @@ protected:
 
   void TearDown() override {
     for (const pid_t pid : pids) // a test that failed early leaves its processes
-      if (::kill(pid, SIGKILL) == 0)
-        ::waitpid(pid, nullptr, 0);
+      qztest::EndProgram(pid, SIGKILL);
     if (!dir.empty())
       std::filesystem::remove_all(dir);
   }
@@ -246,28 +243,14 @@ protected:
   // `httptools river ARGS...` started in the background, its output in `log` (by default discarded).
   pid_t spawn(std::vector<std::string> args, const std::string& log = "/dev/null") {
     args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
-    std::vector<char*> argv; // made before the fork: the child only calls async-signal-safe functions
-    for (auto& a : args)
-      argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      ::dup2(out, 1);
-      ::dup2(out, 2);
-      ::execv(HTTPTOOLS_CLI, argv.data());
-      ::_exit(127);
-    }
+    const pid_t pid = qztest::StartProgram(args, log);
     pids.insert(pid);
     return pid;
   }
   // Ends `pid` with `signal`; its exit status (-1 unless it exited).
   int end(pid_t pid, int signal) {
-    ::kill(pid, signal);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
     pids.erase(pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return qztest::EndProgram(pid, signal, 60000);
   }
 #endif
 

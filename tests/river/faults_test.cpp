@@ -2,8 +2,6 @@
 // its back (VerifyRiver).
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
 using namespace rivertest;
 using qz::river::RiverDrift;
 using qztest::FaultProxy;

@@ -2,8 +2,6 @@
 // status tells lag and backlog.
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
 using namespace rivertest;
 using qztest::FaultProxy;
 

@@ -4,8 +4,6 @@
 // from HTTPTOOLS_RIVER_FIRST_SEED on.
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
 #include <random>
 
 using namespace rivertest;

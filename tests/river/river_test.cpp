@@ -1,7 +1,5 @@
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
 using namespace rivertest;
 
 namespace {
