@@ -11,6 +11,7 @@
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/ElasticEmulator.h"
+#include "support/FaultProxy.h"
 #include "support/PouchDbTest.h"
 #include "support/Process.h"
 
@@ -19,18 +20,16 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <thread>
 
-#include <csignal>
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+// Faults and definitions are set with designated initializers; the fields left out keep their defaults.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace rivertest {
 
@@ -155,6 +154,21 @@ protected:
     EXPECT_EQ(differences, 0u);
   }
 
+  // A manager (one worker) with river `d` added.
+  std::unique_ptr<qz::river::RiverManager> manager(const qz::river::RiverDefinition& d) {
+    auto rivers = std::make_unique<qz::river::RiverManager>(pool, 1);
+    std::string error;
+    EXPECT_TRUE(rivers->addRiver(d, &error)) << error;
+    return rivers;
+  }
+  // One run of `rivers` to its end, expected to succeed; the first river's status afterwards.
+  static qz::river::RiverStatus ran(qz::river::RiverManager& rivers) {
+    std::string error;
+    EXPECT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    return rivers.status().at(0);
+  }
+  qz::river::RiverStatus runOnce(const qz::river::RiverDefinition& d) { return ran(*manager(d)); }
+
   // Sends `req` on to pouchdb-server as `method` (GET: without its body) and its answer back.
   void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,
                const std::string& method) {
@@ -195,8 +209,7 @@ protected:
 
   void TearDown() override {
     for (const pid_t pid : pids) // a test that failed early leaves its processes
-      if (::kill(pid, SIGKILL) == 0)
-        ::waitpid(pid, nullptr, 0);
+      qztest::EndProgram(pid, SIGKILL);
     if (!dir.empty())
       std::filesystem::remove_all(dir);
   }
@@ -230,28 +243,14 @@ protected:
   // `httptools river ARGS...` started in the background, its output in `log` (by default discarded).
   pid_t spawn(std::vector<std::string> args, const std::string& log = "/dev/null") {
     args.insert(args.begin(), {HTTPTOOLS_CLI, "river"});
-    std::vector<char*> argv; // made before the fork: the child only calls async-signal-safe functions
-    for (auto& a : args)
-      argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      ::dup2(out, 1);
-      ::dup2(out, 2);
-      ::execv(HTTPTOOLS_CLI, argv.data());
-      ::_exit(127);
-    }
+    const pid_t pid = qztest::StartProgram(args, log);
     pids.insert(pid);
     return pid;
   }
   // Ends `pid` with `signal`; its exit status (-1 unless it exited).
   int end(pid_t pid, int signal) {
-    ::kill(pid, signal);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
     pids.erase(pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return qztest::EndProgram(pid, signal, 60000);
   }
 #endif
 

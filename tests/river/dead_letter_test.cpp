@@ -4,10 +4,6 @@
 
 #include "support/TestHttpServer.h"
 
-#include <cstdio>
-#include <fstream>
-#include <unistd.h>
-
 using namespace rivertest;
 
 namespace {
@@ -36,12 +32,11 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
     qz::river::RiverDefinition d = def;
     if (destination)
       d.deadLetter = qz::river::DeadLetterFile(file);
-    qz::river::RiverManager rivers(pool, 1);
+    auto rivers = manager(d);
     std::string error;
-    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
     const int64_t before = int64_t(std::time(nullptr)) * 1000 - 1000;
-    const bool ran = rivers.runOnce(&error, nullptr);
-    const auto s = rivers.status().at(0);
+    const bool ran = rivers->runOnce(&error, nullptr);
+    const auto s = rivers->status().at(0);
     if (!destination) {
       EXPECT_FALSE(ran);
       EXPECT_NE(error.find("bad"), std::string::npos) << error;
@@ -115,16 +110,10 @@ TEST_F(RiverDeadLetterTest, BulksTooLargeGoInHalvesDownToOneDocument) {
   load(0, 40);
   put({{"_id", "huge"}, {"text", std::string(6000, 'h')}});
   load(40, 60);
-  qztest::ElasticEmulator::Faults faults;
-  faults.maxBulkBytes = 4000; // about 20 documents of the load
-  elastic.setFaults(faults);
+  elastic.setFaults({.maxBulkBytes = 4000}); // about 20 documents of the load
   def.deadLetter = qz::river::DeadLetterFile(file);
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  const auto s = runOnce(def);
   EXPECT_GE(elastic.stats().tooLargeBulks, 3u); // the batch, a half, ... down to the huge document alone
-  const auto s = rivers.status().at(0);
   EXPECT_EQ(s.indexed, 60u);
   EXPECT_EQ(s.rejected, 1u);
   EXPECT_EQ(s.lastSeq, couchSeq());
@@ -178,12 +167,12 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     qz::river::RiverManager rivers(local, 1);
     std::string error;
     ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    ran(rivers);
     expectIndexEqualsDatabase(matches);
     qzVariantMapImpl moved = couchDoc("d1");
     moved["group"] = int64_t(5); // stops matching
     put(moved);
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    ran(rivers);
     expectIndexEqualsDatabase(matches);
     std::lock_guard<std::mutex> lock(mutex);
     ASSERT_GE(feeds.size(), 2u);

@@ -1,15 +1,7 @@
 // Both ends as users deploy them: credentials in the URLs and headers per side reach CouchDB and
 // Elasticsearch without showing in the output; OpenSearch as the target.
 #include "RiverFixture.h"
-#include "support/Process.h"
 #include "support/TestHttpServer.h"
-
-#include <gtest/gtest.h>
-#include <httplib.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <unistd.h>
 
 using namespace rivertest;
 
@@ -22,18 +14,15 @@ TEST_P(RiverOnOpenSearch, LoadsAndFollows) {
   elastic.setOpenSearch(GetParam());
   load(0, 300);
   const uint64_t cap = pool.getMaxConcurrentConnection();
-  qz::river::RiverManager rivers(pool, 1);
+  auto rivers = manager(def);
   EXPECT_EQ(pool.getMaxConcurrentConnection(), cap); // the caller's pool keeps its cap
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+  ran(*rivers);
   for (int i = 0; i < 10; ++i)
     remove("d" + std::to_string(i));
   auto doc = couchDoc("d20");
   doc["n"] = -1;
   put(doc);
-  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-  EXPECT_EQ(rivers.status().at(0).lastSeq, couchSeq());
+  EXPECT_EQ(ran(*rivers).lastSeq, couchSeq());
   expectIndexEqualsDatabase();
   EXPECT_EQ(elastic.stats().pitsOpened, 0u); // OpenSearch is scanned by scroll
 }

@@ -2,8 +2,6 @@
 // its back (VerifyRiver).
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
 using namespace rivertest;
 using qz::river::RiverDrift;
 using qztest::FaultProxy;
@@ -32,20 +30,18 @@ TEST_F(RiverFaultTest, WinnersThatChangeWithoutARisingGenerationReachTheIndex) {
       {"", "3-ccc", "x", "2-zzz"}, // a lower generation wins
       {"", "2-zzz", "x", ""},      // every leaf deleted
   };
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  auto rivers = manager(def);
   for (const auto& s : steps) {
     if (!s.bulk.empty())
       ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", s.bulk), 201);
     else
       ASSERT_EQ(couch.request("DELETE", std::string("/db/") + s.id + "?rev=" + s.deleteRev), 200);
     ASSERT_EQ(couchDoc(s.id)["_rev"].toString(), s.winner);
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    ran(*rivers);
     SCOPED_TRACE(std::string(s.id) + " won by " + s.winner);
     expectIndexEqualsDatabase();
   }
-  EXPECT_EQ(rivers.status().at(0).failed, 0u);
+  EXPECT_EQ(rivers->status().at(0).failed, 0u);
 }
 
 // A mapping change with one answer lost or refused: the alias, the documents and the state come
@@ -69,28 +65,18 @@ TEST_F(RiverFaultTest, LostAnswersNeverCostTheLiveIndex) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     elastic.reset();
-    qztest::ElasticEmulator::Faults faults;
-    faults.noAutoCreate = true;
-    elastic.setFaults(faults);
+    elastic.setFaults({.noAutoCreate = true});
     proxy.clearRules();
     std::vector<size_t> rules;
     for (const auto& rule : c.rules)
       rules.push_back(proxy.addRule(rule));
-    std::string error;
     qz::river::RiverDefinition d = def;
     d.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
-    {
-      qz::river::RiverManager rivers(pool, 1);
-      ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
-      ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-    }
+    runOnce(d);
     d.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
-    qz::river::RiverManager rivers(pool, 1);
-    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    EXPECT_EQ(runOnce(d).liveIndex, "docs-2");
     for (size_t rule : rules)
       EXPECT_EQ(proxy.acted(rule), 1u) << proxy.matched(rule);
-    EXPECT_EQ(rivers.status().at(0).liveIndex, "docs-2");
     EXPECT_EQ(es("GET", "/docs-1"), 404);
     expectIndexEqualsDatabase();
     std::string mapping;
@@ -117,11 +103,7 @@ TEST_F(RiverFaultTest, ADatabaseCreatedAgainIsFilledIntoANewIndex) {
       ASSERT_EQ(couch.request("DELETE", "/db"), 200);
       ASSERT_EQ(couch.request("PUT", "/db"), 201);
       load(0, round ? 10 : 50, round ? "again" : "d"); // the seqs start over below the checkpoint
-      qz::river::RiverManager rivers(pool, 1);
-      std::string error;
-      ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-      ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-      EXPECT_EQ(rivers.status().at(0).liveIndex, round ? "docs-2" : "docs-1");
+      EXPECT_EQ(runOnce(def).liveIndex, round ? "docs-2" : "docs-1");
       expectIndexEqualsDatabase();
     }
   }
@@ -137,14 +119,13 @@ TEST_F(RiverFaultTest, OneShotRunsGiveUpOnEndlessRejectionsFollowingReportsThemA
   def.retryMaxMs = 2000;
   std::string error;
   {
-    qz::river::RiverManager rivers(pool, 1);
-    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
     const auto started = Clock::now();
-    EXPECT_FALSE(rivers.runOnce(&error, nullptr));
+    auto rivers = manager(def);
+    EXPECT_FALSE(rivers->runOnce(&error, nullptr));
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(60));
     EXPECT_NE(error.find("429"), std::string::npos) << error;
     EXPECT_NE(error.find("gave up"), std::string::npos) << error;
-    EXPECT_EQ(rivers.status().at(0).indexed, 100u);
+    EXPECT_EQ(rivers->status().at(0).indexed, 100u);
   }
   qz::river::RiverManager rivers(pool, 1);
   ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
@@ -178,12 +159,7 @@ protected:
 TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
   load(0, 2100); // pages of 1000 on both sides, the last one short
   ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
-  {
-    qz::river::RiverManager rivers(pool, 1);
-    std::string error;
-    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-  }
+  runOnce(def);
   RiverDrift drift = verify(false);
   EXPECT_TRUE(drift.none());
   EXPECT_EQ(drift.documents, 2100u);

@@ -2,8 +2,6 @@
 // status tells lag and backlog.
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
 using namespace rivertest;
 using qztest::FaultProxy;
 
@@ -35,9 +33,8 @@ protected:
 
 TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
   load(0, 10);
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+  auto managed = manager(def);
+  auto& rivers = *managed;
   rivers.start();
   ASSERT_TRUE(waitFor([&] { return settled(rivers); })) << rivers.status().at(0).error;
   struct Case {
@@ -75,10 +72,7 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
   auto s = rivers.status().at(0);
   const auto indexedBefore = s.indexed;
   EXPECT_EQ(std::pair(s.lagSeconds, s.behindChanges), std::pair(0.0, int64_t(0)));
-  qztest::ElasticEmulator::Faults refuse;
-  refuse.unavailable = 1000000;
-  refuse.unavailablePath = "_bulk";
-  elastic.setFaults(refuse);
+  elastic.setFaults({.unavailable = 1000000, .unavailablePath = "_bulk"});
   load(20, 23);
   ASSERT_TRUE(waitFor([&] {
     s = rivers.status().at(0);
@@ -109,9 +103,8 @@ TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
   for (const auto& c : cases) {
     SCOPED_TRACE("feedIdleMs " + std::to_string(c.feedIdleMs));
     def.feedIdleMs = c.feedIdleMs;
-    qz::river::RiverManager rivers(pool, 1);
-    std::string error;
-    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
+    auto managed = manager(def);
+    auto& rivers = *managed;
     rivers.start();
     ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
     const size_t couchBefore = proxy->matched(couchRequests), esBefore = elastic.stats().requests;

@@ -1,37 +1,50 @@
+// The river's Elasticsearch side on its own: indices and their mappings, the checkpoint and its
+// lease, and the bulk sender.
 #include <HttpTools/river/RiverIndices_p.h>
+#include <HttpTools/river/RiverLease_p.h>
 #include <HttpTools/river/RiverMapping_p.h>
+#include <HttpTools/river/RiverPipeline_p.h>
 
 #include <HttpTools/http/HttpConnectionPool.h>
+#include <HttpTools/platform/qzJson.h>
 
 #include "support/ElasticEmulator.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
+#include <tuple>
 
 using qz::qzVariant;
 using namespace qz::river::detail;
 
 namespace {
 
-class RiverIndicesTest : public testing::Test {
+class RiverElasticTest : public testing::Test {
 protected:
   void SetUp() override {
     ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
+    es = std::make_unique<httplib::Client>("127.0.0.1", elastic.port());
   }
-  IndexManager indices(const std::string& mapping) {
-    return IndexManager(pool, qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), "docs",
-                        mapping);
+  qz::elasticsearch::ElasticConnectionParameters target() {
+    return qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl()));
   }
-  int es(const std::string& method, const std::string& path, const std::string& body = {}) {
-    httplib::Client client("127.0.0.1", elastic.port());
-    auto res = method == "GET" ? client.Get(path) : client.Put(path, body, "application/json");
+  IndexManager indices(const std::string& mapping) { return IndexManager(pool, target(), "docs", mapping); }
+  StateLocation where() { return {target(), "state", "r", "docs", "db"}; }
+  static auto fields(const RiverState& s) {
+    return std::tie(s.owner, s.expires, s.index, s.seq, s.building, s.buildSeq, s.marker, s.recreated);
+  }
+  int put(const std::string& path, const std::string& body) {
+    auto res = es->Put(path, body, "application/json");
     return res ? res->status : 0;
   }
 
   qztest::ElasticEmulator elastic;
+  std::unique_ptr<httplib::Client> es;
   qz::http::HttpConnectionPool pool;
 };
 
-TEST_F(RiverIndicesTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias) {
+TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias) {
   const std::string v1 = R"({"properties":{"n":{"type":"long"},"g":{"type":"integer"}}})";
   const std::string v1Reordered = R"({"properties":{"g":{"type":"integer"},"n":{"type":"long"}}})";
   const std::string v2 = R"({"properties":{"n":{"type":"keyword"}}})";
@@ -55,13 +68,12 @@ TEST_F(RiverIndicesTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
     if (!state.building.empty() && state.buildSeq == "0")
       state.buildSeq = "5";
   }
-  EXPECT_EQ(es("GET", "/docs-2"), 200);
+  EXPECT_EQ(es->Get("/docs-2")->status, 200);
   ASSERT_TRUE(indices(v2).swap(state, nullptr).ok());
   EXPECT_EQ(state.index, "docs-2");
   EXPECT_EQ(state.seq, "5");
   EXPECT_TRUE(state.building.empty());
-  httplib::Client client("127.0.0.1", elastic.port());
-  EXPECT_EQ(client.Get("/_alias/docs")->body, R"({"docs-2":{"aliases":{"docs":{}}}})");
+  EXPECT_EQ(es->Get("/_alias/docs")->body, R"({"docs-2":{"aliases":{"docs":{}}}})");
 
   // A rebuild for a recreated database is resumed, not taken for a mapping gone back.
   ASSERT_TRUE(indices(v2).rebuild(state, nullptr).ok());
@@ -72,7 +84,7 @@ TEST_F(RiverIndicesTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
   EXPECT_TRUE(state.recreated);
 }
 
-TEST_F(RiverIndicesTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
+TEST_F(RiverElasticTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
   struct Case {
     std::vector<std::pair<std::string, std::string>> indices; // name, body
     std::string failure;                                      // "": prepared, into `live`
@@ -87,12 +99,122 @@ TEST_F(RiverIndicesTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
   for (const auto& c : cases) {
     elastic.reset();
     for (const auto& [name, body] : c.indices)
-      ASSERT_EQ(es("PUT", "/" + name, body), 200);
+      ASSERT_EQ(put("/" + name, body), 200);
     RiverState state;
     const RiverOutcome prepared = indices("{}").prepare(state, nullptr);
     EXPECT_EQ(prepared.message, c.failure);
     EXPECT_EQ(prepared.permanent, !c.failure.empty());
     EXPECT_EQ(state.index, c.live);
+  }
+}
+
+TEST_F(RiverElasticTest, CheckpointComesBackAsWrittenAndNeverOverwritesAnotherWrite) {
+  CheckpointStore writer(pool, where()), reader(pool, where());
+  RiverState read;
+  bool found = true;
+  ASSERT_TRUE(reader.read(read, found, nullptr).ok());
+  EXPECT_FALSE(found);
+  const RiverState states[] = {
+      {"me", 123, "docs-1", "0", "", "0", "", false},
+      {"me", 456, "docs-1", "42", "docs-2", "7", "5f0c", true},
+      {"", 0, "docs-3", "17-g1AAAAB7eJzLYWBg4MhgTmHgz8tPSTV0MDQy0TM0\"\\", "", "0", "5f0c",
+       false}, // CouchDB 2+: opaque
+  };
+  for (const auto& state : states) {
+    ASSERT_TRUE(writer.write(state, nullptr).ok());
+    ASSERT_TRUE(reader.read(read, found, nullptr).ok());
+    EXPECT_TRUE(found);
+    EXPECT_EQ(fields(read), fields(state));
+  }
+  // Written since the reader read it: the reader's write is refused, as is a blind create.
+  ASSERT_TRUE(writer.write(states[0], nullptr).ok());
+  EXPECT_TRUE(reader.write(states[1], nullptr).idle());
+  CheckpointStore blind(pool, where());
+  EXPECT_TRUE(blind.write(states[1], nullptr).idle());
+  ASSERT_TRUE(reader.read(read, found, nullptr).ok());
+  EXPECT_EQ(fields(read), fields(states[0]));
+}
+
+TEST_F(RiverElasticTest, OneHolderAtATimeUntilReleasedOrExpired) {
+  CheckpointStore storeA(pool, where()), storeB(pool, where());
+  RiverLease a(storeA, "A", 60000), b(storeB, "B", 1500);
+  RiverState stateA, stateB;
+  using Kind = RiverOutcome::Kind;
+  auto acquire = [](RiverLease& lease, RiverState& state) { return lease.acquire(state, nullptr).kind; };
+  auto renew = [](RiverLease& lease, RiverState& state) { return lease.renew(state, nullptr).kind; };
+
+  ASSERT_EQ(acquire(a, stateA), Kind::Done);
+  EXPECT_EQ(acquire(b, stateB), Kind::Idle);
+  EXPECT_EQ(b.holder(), "A");
+  stateA.seq = "5";
+  EXPECT_EQ(renew(a, stateA), Kind::Done);
+  a.release(stateA);
+  EXPECT_FALSE(a.held());
+  ASSERT_EQ(acquire(b, stateB), Kind::Done); // given back: taken at once, with the checkpoint
+  EXPECT_EQ(stateB.seq, "5");
+  EXPECT_EQ(renew(a, stateA), Kind::Idle); // A's version is stale: it holds nothing
+  EXPECT_FALSE(a.held());
+  EXPECT_EQ(acquire(a, stateA), Kind::Idle);
+  EXPECT_EQ(a.holder(), "B");
+
+  // B stops renewing: once its lease has expired, A takes over and B's next renewal fails.
+  while (NowMs() <= stateB.expires)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_EQ(acquire(a, stateA), Kind::Done);
+  EXPECT_EQ(renew(b, stateB), Kind::Idle);
+  EXPECT_FALSE(b.held());
+  EXPECT_TRUE(a.held());
+}
+
+TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByTheStoredRevision) {
+  ASSERT_EQ(es->Put("/i", R"({"mappings":{"properties":{"n":{"type":"long"}}}})", "application/json")->status, 200);
+  // What the index holds before the batch, each at external version 9.
+  for (const auto& [id, rev] : {std::pair{"same", "5-s"}, {"older", "5-o"}, {"stale", "5-o"}})
+    ASSERT_EQ(es->Put(std::string("/i/_doc/") + id + "?version=9&version_type=external",
+                      std::string(R"({"n":9,"httptools_rev":")") + rev + "\"}", "application/json")
+                  ->status,
+              201);
+  ASSERT_EQ(es->Put("/i/_doc/gone?version=9&version_type=external", R"({"n":9})", "application/json")->status, 201);
+  ASSERT_EQ(es->Delete("/i/_doc/gone?version=10&version_type=external")->status, 200);
+  qztest::ElasticEmulator::Faults faults;
+  faults.rejectItems = 2;
+  faults.unavailable = 1;
+  faults.unavailablePath = "_bulk";
+  elastic.setFaults(faults);
+
+  struct Case {
+    BulkOp op;
+    std::string after; // the stored revision afterwards; "-" when the document is absent
+  } cases[] = {
+      {{"i", "a", "1-a", 1, false, R"({"n":1,"httptools_rev":"1-a"})"}, "1-a"},
+      {{"i", "same", "5-s", 5, false, R"({"n":5,"httptools_rev":"5-s"})"}, "5-s"},  // sent again: done
+      {{"i", "older", "6-n", 8, false, R"({"n":8,"httptools_rev":"6-n"})"}, "6-n"}, // stored is not the winner
+      {{"i", "stale", "5-o", 3, true, ""}, "-"}, // deleted since: the deletion wins over the stored state
+      {{"i", "gone", "3-g", 4, false, R"({"n":4,"httptools_rev":"3-g"})"}, "3-g"}, // recreated below a deletion
+      {{"i", "nothing", "2-x", 2, true, ""}, "-"},                                 // nothing to delete
+  };
+  std::vector<BulkOp> ops;
+  for (const auto& c : cases)
+    ops.push_back(c.op);
+  StopSignal stop;
+  BulkProgress total;
+  auto sender = MakeBulkSender(pool, target(), "r", stop, [&](const BulkProgress& p) {
+    total.indexed += p.indexed;
+    total.deleted += p.deleted;
+    total.retried += p.retried;
+  });
+  const RiverOutcome sent = sender->send(ops, nullptr);
+  ASSERT_TRUE(sent.ok()) << sent.message;
+  EXPECT_TRUE(ops.empty());
+  EXPECT_EQ(total.indexed, 3u); // a, then older and gone written again
+  EXPECT_EQ(total.deleted, 1u); // stale
+  EXPECT_GE(total.retried, 2u); // the rejected items at least
+  for (const auto& c : cases) {
+    auto got = es->Get("/i/_doc/" + c.op.id);
+    ASSERT_TRUE(got);
+    qz::qzVariantMapImpl doc;
+    qz::json::Json2Variant::Convert(got->body, doc);
+    EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", c.after) << c.op.id;
   }
 }
 

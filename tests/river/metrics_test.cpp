@@ -1,30 +1,13 @@
 // httptools river --metrics: the scrape as Prometheus' own parser reads it, and /healthz.
 #include "RiverFixture.h"
 
-#include "support/Process.h"
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "support/Loopback.h"
 
 using namespace rivertest;
 
 namespace {
 
 #ifdef HTTPTOOLS_CLI
-// A port free a moment ago on 127.0.0.1.
-int FreePort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
-}
-
 // Reads the scrape with prometheus_client's parser: "name river value" per sample, or the error.
 const char* kParse = R"(
 import sys, urllib.request
@@ -61,7 +44,7 @@ TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
   for (const char* bad : {"9100", "127.0.0.1:", "127.0.0.1:99999", "127.0.0.1:x1"}) // a usage error
     EXPECT_EQ(cli({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--follow", "--metrics", bad}), 2) << bad;
   load(0, 30);
-  const int port = FreePort();
+  const int port = qztest::FreeLoopbackPort();
   spawn({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--follow", "--name", "orders \"eu\"", "--lease-ms",
          "3000", "--status-ms", "100000", "--metrics", "127.0.0.1:" + std::to_string(port)});
   std::map<std::string, std::string> m;
@@ -96,10 +79,7 @@ TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
   EXPECT_EQ(m.size(), std::size(expected));
 
   EXPECT_EQ(healthz(port), 200);
-  qztest::ElasticEmulator::Faults refuse;
-  refuse.unavailable = 1000000;
-  refuse.unavailablePath = "_bulk";
-  elastic.setFaults(refuse);
+  elastic.setFaults({.unavailable = 1000000, .unavailablePath = "_bulk"});
   load(30, 31);
   EXPECT_TRUE(waitFor([&] { return healthz(port) == 503; }, 60));
   elastic.setFaults({});

@@ -4,9 +4,6 @@
 // from HTTPTOOLS_RIVER_FIRST_SEED on.
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
-#include <cstdlib>
 #include <random>
 
 using namespace rivertest;
@@ -87,9 +84,7 @@ TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
       } else if (what < 16) { // a run, one answer lost
         const char* paths[] = {"/_bulk", "/_aliases", "/httptools-river/_doc/", "/_mget", "/_doc/m"};
         proxy.addRule(FaultProxy::Match("", paths[rng() % 5], FaultProxy::DropAnswer).from(1 + rng() % 3));
-        qz::river::RiverManager rivers(pool, 1);
-        ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-        rivers.runOnce(&error, nullptr); // a lost answer may end it with an error: the next run resumes
+        manager(def)->runOnce(&error, nullptr); // a lost answer may end it with an error: the next run resumes
         proxy.clearRules();
       } else if (what < 18) {
         killedRun(proxy.baseUrl(), int(rng() % 60));
@@ -98,9 +93,7 @@ TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
         ASSERT_EQ(couch.request("PUT", "/db"), 201);
       }
     }
-    qz::river::RiverManager rivers(pool, 1);
-    ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
+    runOnce(def);
     const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
     const int failuresBefore = result->total_part_count();
     expectIndexEqualsDatabase(); // every winner at its revision, nothing else

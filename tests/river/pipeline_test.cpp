@@ -1,10 +1,7 @@
 #include <HttpTools/river/RiverPipeline_p.h>
 
-#include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/river/RiverRunner_p.h>
-
-#include "support/ElasticEmulator.h"
 
 #include <gtest/gtest.h>
 
@@ -136,63 +133,6 @@ TEST(RiverPipeline, BatchesTravelOneAtATimeAndCommitInOrderUntilOneFails) {
     // While batch k is written, the producer fills batch k+1 and waits in the add that completes it.
     for (size_t k = 0; !c.noOpEvery && k + 1 < sender.returnedWhileInFlight.size(); ++k)
       EXPECT_LE(sender.returnedWhileInFlight[k], (k + 2) * 3 - 1) << "batch " << k + 1;
-  }
-}
-
-TEST(RiverPipeline, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByTheStoredRevision) {
-  qztest::ElasticEmulator elastic;
-  ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
-  httplib::Client es("127.0.0.1", elastic.port());
-  ASSERT_EQ(es.Put("/i", R"({"mappings":{"properties":{"n":{"type":"long"}}}})", "application/json")->status, 200);
-  // What the index holds before the batch, each at external version 9.
-  for (const auto& [id, rev] : {std::pair{"same", "5-s"}, {"older", "5-o"}, {"stale", "5-o"}})
-    ASSERT_EQ(es.Put(std::string("/i/_doc/") + id + "?version=9&version_type=external",
-                     std::string(R"({"n":9,"httptools_rev":")") + rev + "\"}", "application/json")
-                  ->status,
-              201);
-  ASSERT_EQ(es.Put("/i/_doc/gone?version=9&version_type=external", R"({"n":9})", "application/json")->status, 201);
-  ASSERT_EQ(es.Delete("/i/_doc/gone?version=10&version_type=external")->status, 200);
-  qztest::ElasticEmulator::Faults faults;
-  faults.rejectItems = 2;
-  faults.unavailable = 1;
-  faults.unavailablePath = "_bulk";
-  elastic.setFaults(faults);
-
-  struct Case {
-    BulkOp op;
-    std::string after; // the stored revision afterwards; "-" when the document is absent
-  } cases[] = {
-      {{"i", "a", "1-a", 1, false, R"({"n":1,"httptools_rev":"1-a"})"}, "1-a"},
-      {{"i", "same", "5-s", 5, false, R"({"n":5,"httptools_rev":"5-s"})"}, "5-s"},  // sent again: done
-      {{"i", "older", "6-n", 8, false, R"({"n":8,"httptools_rev":"6-n"})"}, "6-n"}, // stored is not the winner
-      {{"i", "stale", "5-o", 3, true, ""}, "-"}, // deleted since: the deletion wins over the stored state
-      {{"i", "gone", "3-g", 4, false, R"({"n":4,"httptools_rev":"3-g"})"}, "3-g"}, // recreated below a deletion
-      {{"i", "nothing", "2-x", 2, true, ""}, "-"},                                 // nothing to delete
-  };
-  std::vector<BulkOp> ops;
-  for (const auto& c : cases)
-    ops.push_back(c.op);
-  qz::http::HttpConnectionPool pool;
-  StopSignal stop;
-  BulkProgress total;
-  auto sender = MakeBulkSender(pool, qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl())), "r",
-                               stop, [&](const BulkProgress& p) {
-                                 total.indexed += p.indexed;
-                                 total.deleted += p.deleted;
-                                 total.retried += p.retried;
-                               });
-  const RiverOutcome sent = sender->send(ops, nullptr);
-  ASSERT_TRUE(sent.ok()) << sent.message;
-  EXPECT_TRUE(ops.empty());
-  EXPECT_EQ(total.indexed, 3u); // a, then older and gone written again
-  EXPECT_EQ(total.deleted, 1u); // stale
-  EXPECT_GE(total.retried, 2u); // the rejected items at least
-  for (const auto& c : cases) {
-    auto got = es.Get("/i/_doc/" + c.op.id);
-    ASSERT_TRUE(got);
-    qz::qzVariantMapImpl doc;
-    qz::json::Json2Variant::Convert(got->body, doc);
-    EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", c.after) << c.op.id;
   }
 }
 

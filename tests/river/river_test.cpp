@@ -1,10 +1,5 @@
 #include "RiverFixture.h"
 
-#include "support/FaultProxy.h"
-
-#include <gtest/gtest.h>
-#include <httplib.h>
-
 using namespace rivertest;
 
 namespace {
@@ -20,6 +15,7 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
     return true;
   };
   def.transform = transform;
+  def.leaseMs = 3000; // renewed in time on a loaded machine under sanitizers too
   qz::river::RiverManager rivers(pool, 2);
   std::string error;
   ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
@@ -52,18 +48,31 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
   load(3000, 3100, "new");
   const std::string seq = couchSeq();
   ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); })) << rivers.status().at(0).lastSeq << " vs " << seq;
-  rivers.stop();
+  expectIndexEqualsDatabase(transform);
+
+  // A second manager waits while the first renews the lease past the end it had when taken.
+  auto other = manager(def);
+  ASSERT_TRUE(other->start());
+  ASSERT_TRUE(waitFor([&] { return other->status().at(0).waitingForLease; }));
+  const int64_t taken = stateField("expires");
+  ASSERT_TRUE(waitFor([&] { return stateField("expires") >= taken + def.leaseMs; }));
+  EXPECT_TRUE(other->status().at(0).waitingForLease);
+  EXPECT_EQ(other->status().at(0).indexed, 0u);
+  rivers.stop(); // gives the lease back: the second takes over and follows
   s = rivers.status().at(0);
   EXPECT_FALSE(s.running);
   EXPECT_EQ(s.failed, 0u);
+  load(3100, 3200, "new");
+  const std::string later = couchSeq();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*other, later); }));
+  EXPECT_EQ(other->status().at(0).indexed + other->status().at(0).skipped, 100u);
+  other->stop();
   expectIndexEqualsDatabase(transform);
 
-  // The lease was given back: another manager takes the river at once and has nothing to do.
-  qz::river::RiverManager other(pool, 1);
-  ASSERT_TRUE(other.addRiver(def, &error));
-  ASSERT_TRUE(other.runOnce(&error, nullptr)) << error;
-  EXPECT_EQ(other.status().at(0).indexed, 0u);
-  EXPECT_EQ(other.status().at(0).lastSeq, seq);
+  // Given back again: another manager takes the river at once and has nothing to do.
+  s = runOnce(def);
+  EXPECT_EQ(s.indexed, 0u);
+  EXPECT_EQ(s.lastSeq, later);
 }
 
 TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
@@ -76,11 +85,9 @@ TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
     d.name = c.database + c.alias;
     d.database = c.database;
     d.index = c.alias;
-    qz::river::RiverManager rivers(pool, 1);
     std::string error;
-    ASSERT_TRUE(rivers.addRiver(d, &error)) << error;
     const auto started = Clock::now();
-    EXPECT_FALSE(rivers.runOnce(&error, nullptr));
+    EXPECT_FALSE(manager(d)->runOnce(&error, nullptr));
     EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
   }
@@ -96,12 +103,7 @@ TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
 TEST_F(RiverTest, MappingChangeFillsANewIndexAndSwapsTheAlias) {
   load(0, 3000);
   def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"integer"}}})";
-  {
-    qz::river::RiverManager rivers(pool, 1);
-    std::string error;
-    ASSERT_TRUE(rivers.addRiver(def, &error));
-    ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-  }
+  runOnce(def);
   load(3000, 3500);
   def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"keyword"},"text":{"type":"text"}}})";
   def.batchDocs = 200;
@@ -116,15 +118,11 @@ TEST_F(RiverTest, MappingChangeFillsANewIndexAndSwapsTheAlias) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   });
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error));
-  const bool ok = rivers.runOnce(&error, nullptr);
+  const auto s = runOnce(def);
   done = true;
   searcher.join();
-  ASSERT_TRUE(ok) << error;
-  EXPECT_EQ(rivers.status().at(0).liveIndex, "docs-2");
-  EXPECT_EQ(rivers.status().at(0).indexed, 3500u);
+  EXPECT_EQ(s.liveIndex, "docs-2");
+  EXPECT_EQ(s.indexed, 3500u);
   ASSERT_GT(counts.size(), 3u);
   for (const auto& c : counts)
     EXPECT_TRUE(c == "200 {\"count\":3000" || c == "200 {\"count\":3500") << c;
@@ -137,57 +135,22 @@ TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {
   ASSERT_TRUE(door.start()) << door.error();
   ASSERT_TRUE(qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, door.baseUrl() + "/db"));
   load(0, 1500);
-  qztest::ElasticEmulator::Faults faults;
-  faults.rejectItems = 750; // the first batch: every item once, half of them twice
-  faults.unavailable = 3;
-  faults.unavailablePath = "_bulk";
-  elastic.setFaults(faults);
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error));
-  ASSERT_TRUE(rivers.start());
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, couchSeq()); }));
-  EXPECT_EQ(rivers.status().at(0).retries, 3 * 500u + 500u + 250u); // items sent again
-  EXPECT_EQ(rivers.status().at(0).indexed, 1500u);
+  // The first batch: every item once, half of them twice.
+  elastic.setFaults({.rejectItems = 750, .unavailable = 3, .unavailablePath = "_bulk"});
+  auto rivers = manager(def);
+  ASSERT_TRUE(rivers->start());
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, couchSeq()); }));
+  EXPECT_EQ(rivers->status().at(0).retries, 3 * 500u + 500u + 250u); // items sent again
+  EXPECT_EQ(rivers->status().at(0).indexed, 1500u);
   door.stop();
   load(1500, 2000);
-  ASSERT_TRUE(waitFor([&] { return !rivers.status().at(0).error.empty(); })) << "the river did not notice the outage";
-  EXPECT_FALSE(rivers.status().at(0).caughtUp);
+  ASSERT_TRUE(waitFor([&] { return !rivers->status().at(0).error.empty(); })) << "the river did not notice the outage";
+  EXPECT_FALSE(rivers->status().at(0).caughtUp);
   ASSERT_TRUE(door.start()) << door.error();
   const std::string seq = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); }, 30)) << rivers.status().at(0).error;
-  EXPECT_TRUE(rivers.status().at(0).error.empty());
-  rivers.stop();
-  expectIndexEqualsDatabase();
-}
-
-TEST_F(RiverTest, TwoManagersOneRiverOnlyOneRuns) {
-  def.leaseMs = 3000; // renewed in time on a loaded machine under sanitizers too
-  load(0, 500);
-  qz::river::RiverManager first(pool, 1), second(pool, 1);
-  std::string error;
-  ASSERT_TRUE(first.addRiver(def, &error));
-  ASSERT_TRUE(second.addRiver(def, &error));
-  ASSERT_TRUE(first.start());
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(first, couchSeq()); }));
-  ASSERT_TRUE(second.start());
-  ASSERT_TRUE(waitFor([&] { return second.status().at(0).waitingForLease; }));
-  load(500, 800);
-  const std::string seq = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(first, seq); }));
-  // Past the end of the lease as first took it: first renewed it, second still waits.
-  const int64_t taken = stateField("expires");
-  ASSERT_TRUE(waitFor([&] { return stateField("expires") >= taken + def.leaseMs; }));
-  EXPECT_TRUE(second.status().at(0).waitingForLease);
-  EXPECT_EQ(second.status().at(0).indexed, 0u);
-  EXPECT_EQ(first.status().at(0).indexed, 800u);
-
-  first.stop(); // gives the lease back: second takes over and follows
-  load(800, 900);
-  const std::string later = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(second, later); }));
-  EXPECT_EQ(second.status().at(0).indexed, 100u);
-  second.stop();
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, seq); }, 30)) << rivers->status().at(0).error;
+  EXPECT_TRUE(rivers->status().at(0).error.empty());
+  rivers->stop();
   expectIndexEqualsDatabase();
 }
 

@@ -4,9 +4,6 @@
 
 #include <HttpTools/river/RiverLease_p.h>
 
-#include "support/FaultProxy.h"
-
-#include <set>
 #include <sstream>
 
 using namespace rivertest;

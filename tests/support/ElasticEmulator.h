@@ -68,7 +68,6 @@ public:
     size_t pitsOpened = 0, scrollsOpened = 0;
     size_t requests = 0, bulkRequests = 0, bulkItems = 0, searchRequests = 0, mgetRequests = 0;
     std::string lastBulkContentType, lastBulkContentEncoding, lastBulkQuery;
-    std::string lastSearchBody;
     size_t tooLargeBulks = 0; // _bulk requests refused with 413
     size_t bulkBytes = 0;     // _bulk bodies as they came (compressed ones compressed)
   };

@@ -258,7 +258,6 @@ void search(State& st, const Req& req, Res& res, const std::string& expr) {
   if (st.faults.ignoreSearchAfter)
     after = nullptr;
   ++st.stats.searchRequests;
-  st.stats.lastSearchBody = req.body;
   std::vector<Entry> own;
   const std::vector<Entry>* view = &own;
   std::shared_ptr<Pit> pitHold;

@@ -1,8 +1,7 @@
 #include "support/FaultProxy.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include "support/Loopback.h"
+
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -129,27 +128,6 @@ bool RelayBody(Peer& from, const std::string& head, int sink, std::string* keep,
   return from.relay(0, true, sink, keep);
 }
 
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
-int ConnectTo(uint16_t port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr = Loopback(port);
-  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    if (fd >= 0)
-      ::close(fd);
-    return -1;
-  }
-  const int one = 1;
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  return fd;
-}
-
 // An idle keep-alive connection the upstream has closed reads as ready.
 bool ClosedWhileIdle(int fd) {
   pollfd p{fd, POLLIN, 0};
@@ -165,7 +143,7 @@ bool FaultProxy::start() {
   m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int one = 1;
   ::setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr = Loopback(m_port); // started again after stop(): the same port, as a restarted server
+  sockaddr_in addr = LoopbackAddress(m_port); // started again after stop(): the same port, as a restarted server
   m_stopping = false;
   socklen_t size = sizeof addr;
   if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
@@ -313,7 +291,7 @@ void FaultProxy::serve(int clientFd) {
       break;
     if (upstream.fd >= 0 && ClosedWhileIdle(upstream.fd))
       closeUpstream();
-    if (upstream.fd < 0 && (upstream.fd = ConnectTo(m_upstream)) >= 0)
+    if (upstream.fd < 0 && (upstream.fd = ConnectLoopback(m_upstream)) >= 0)
       track(upstream.fd, true);
     if (upstream.fd < 0 || !WriteAll(upstream.fd, head) || !WriteAll(upstream.fd, body)) {
       WriteAll(clientFd, "HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");

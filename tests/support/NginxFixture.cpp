@@ -1,8 +1,9 @@
 #include "support/NginxFixture.h"
 
+#include "support/Process.h"
+
 #include <httplib.h>
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -10,9 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <netinet/in.h>
 #include <sstream>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -24,20 +23,11 @@ namespace {
 
 const char* kNginx = "/usr/sbin/nginx";
 
-sockaddr_in loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(uint16_t(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
-
 bool canConnect(int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  const sockaddr_in addr = loopback(port);
-  const bool ok = fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
-  ::close(fd);
-  return ok;
+  const int fd = ConnectLoopback(uint16_t(port));
+  if (fd >= 0)
+    ::close(fd);
+  return fd >= 0;
 }
 
 std::string readFile(const std::string& path) {
@@ -48,18 +38,6 @@ std::string readFile(const std::string& path) {
 }
 
 } // namespace
-
-int FreeLoopbackPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr = loopback(0);
-  socklen_t len = sizeof addr;
-  int port = 0;
-  if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-    port = ntohs(addr.sin_port);
-  ::close(fd);
-  return port;
-}
 
 NginxFixture::NginxFixture() : NginxFixture(Options{}) {}
 
@@ -146,17 +124,9 @@ bool NginxFixture::start() {
       return fail("cannot write " + p + "/nginx.conf");
   }
 
-  const std::string confPath = p + "/nginx.conf";
   const std::string errPath = p + "/error.log";
-  pid_t pid = ::fork();
-  if (pid < 0)
+  if ((m_pid = StartProgram({kNginx, "-p", p, "-c", p + "/nginx.conf", "-e", errPath}, p + "/nginx.out")) < 0)
     return fail(std::string("fork failed: ") + std::strerror(errno));
-  if (pid == 0) {
-    ::execl(kNginx, "nginx", "-p", p.c_str(), "-c", confPath.c_str(), "-e", errPath.c_str(),
-            static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  m_pid = pid;
 
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (std::chrono::steady_clock::now() < deadline) {
@@ -180,12 +150,8 @@ bool NginxFixture::start() {
 }
 
 void NginxFixture::stop() {
-  if (m_pid > 0) {
-    ::kill(m_pid, SIGTERM);
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
-    m_pid = -1;
-  }
+  EndProgram(m_pid, SIGTERM, 30000);
+  m_pid = -1;
   if (!m_prefix.empty()) {
     std::error_code ec;
     std::filesystem::remove_all(m_prefix, ec);

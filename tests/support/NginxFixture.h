@@ -16,6 +16,8 @@
 //   /files/...   static files from filesDir() (write them before requesting)
 //   /nginx_status  stub_status; connectionCount() reads its "accepts" counter
 
+#include "support/Loopback.h"
+
 #include <string>
 #include <sys/types.h>
 
@@ -71,8 +73,5 @@ private:
   long m_baseline = 0;            // connections made by start() itself
   mutable long m_statusCalls = 0; // each status read opens a connection of its own
 };
-
-// A free TCP port on 127.0.0.1 (bound then released: a small race with other programs remains).
-int FreeLoopbackPort();
 
 } // namespace qztest

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include "support/Loopback.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -16,9 +14,7 @@ namespace qztest {
 class SilentListener {
 public:
   SilentListener() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a = LoopbackAddress(0);
     socklen_t len = sizeof a;
     if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(m_fd, 8) != 0 ||
         getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
