@@ -148,44 +148,51 @@ bool baseRequest(const std::string& queryJson, const SearchOptions& options, qzV
   return true;
 }
 
-// Opens a point in time on `index`. True with `pitId` set, or empty when the server has none
-// (scroll then); false with `err`.
+// Opens a point in time on `index`: Elasticsearch's _pit, else OpenSearch's (2.4 on). True with
+// `pitId` set, or empty when the server has neither (scroll then); false with `err`.
 bool openPit(http::HttpConnection& connection, const ElasticConnectionParameters& server, const std::string& index,
-             const http::CancelToken* token, std::string& pitId, std::string& err) {
-  ElasticResponse r;
+             const http::CancelToken* token, std::string& pitId, bool& openSearch, std::string& err) {
   pitId.clear();
-  if (!ElasticCall(connection, "POST", server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}}), nullptr, nullptr,
-                   r, nullptr, token)) {
-    err =
-        token && token->isCancelled() ? "cancelled" : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
-    return false;
-  }
-  if (r.status == 200) {
-    qzVariantMapImpl answer;
-    if (json::Json2Variant::Convert(r.body, answer) && answer.count("id"))
-      pitId = answer["id"].toString();
-    if (pitId.empty()) {
-      err = "no point in time id in the answer for index " + index;
+  for (const bool os : {false, true}) {
+    ElasticResponse r;
+    const auto url = os ? server.toApiUrl({index, "_search", "point_in_time"}, {{"keep_alive", kKeepAlive}})
+                        : server.toApiUrl({index, "_pit"}, {{"keep_alive", kKeepAlive}});
+    if (!ElasticCall(connection, "POST", url, nullptr, nullptr, r, nullptr, token)) {
+      err = token && token->isCancelled() ? "cancelled"
+                                          : "cannot reach " + server.toDisplayableUrl() + ": " + ErrorText(r);
       return false;
     }
-  } else if (r.status == 404 && errorType(r) == "index_not_found_exception") {
-    err = ErrorText(r);
-    return false;
-  } else if (r.status != 400 && r.status != 404 && r.status != 405) {
-    err = "cannot open a point in time on " + index + ": " + ErrorText(r);
-    return false;
+    if (r.status == 200) {
+      qzVariantMapImpl answer;
+      if (json::Json2Variant::Convert(r.body, answer) && answer.count(os ? "pit_id" : "id"))
+        pitId = answer[os ? "pit_id" : "id"].toString();
+      if (pitId.empty()) {
+        err = "no point in time id in the answer for index " + index;
+        return false;
+      }
+      openSearch = os;
+      return true;
+    }
+    if (r.status == 404 && errorType(r) == "index_not_found_exception") {
+      err = ErrorText(r);
+      return false;
+    }
+    if (r.status != 400 && r.status != 404 && r.status != 405) {
+      err = "cannot open a point in time on " + index + ": " + ErrorText(r);
+      return false;
+    }
   }
   return true;
 }
 
 void closePit(http::HttpConnection& connection, const ElasticConnectionParameters& server, const std::string& index,
-              const std::string& pitId) {
-  std::string closeBody = "{\"id\":";
+              const std::string& pitId, bool openSearch) {
+  std::string closeBody = openSearch ? "{\"pit_id\":[" : "{\"id\":";
   AppendJsonString(closeBody, pitId);
-  closeBody += "}";
+  closeBody += openSearch ? "]}" : "}";
   ElasticResponse closed;
-  if (!ElasticCall(connection, "DELETE", server.toApiUrl({"_pit"}, {}), &closeBody, "application/json", closed) ||
-      closed.status != 200)
+  const auto url = openSearch ? server.toApiUrl({"_search", "point_in_time"}, {}) : server.toApiUrl({"_pit"}, {});
+  if (!ElasticCall(connection, "DELETE", url, &closeBody, "application/json", closed) || closed.status != 200)
     qzLogObject(qzLog::Warning, "elasticsearch")
         << "Cannot close the point in time on " << index << ": " << ErrorText(closed);
 }
@@ -199,6 +206,7 @@ struct Scan {
   unsigned pageSize;
   std::string pitId;              // empty: a scroll per slice
   const http::CancelToken* token; // null: nothing cancels (plain transfers, no polling)
+  bool openSearchPit = false;     // opened at OpenSearch's _search/point_in_time
 };
 
 // Reads every page of slice `slice` of `max` (the whole result when max <= 1) into `onHit`. The
@@ -338,12 +346,12 @@ bool FetchSearchResults(http::HttpConnection& connection, const ElasticConnectio
   qzVariantMapImpl request;
   Scan scan{server, index, request, options, options.pageSize ? options.pageSize : 1000, {}, cancel ? &token : nullptr};
   if (!baseRequest(queryJson, options, request, err) ||
-      !openPit(connection, server, index, scan.token, scan.pitId, err))
+      !openPit(connection, server, index, scan.token, scan.pitId, scan.openSearchPit, err))
     return false;
   size_t delivered = 0;
   const bool ok = scanPages(scan, connection, 0, 1, onHit, delivered, err);
   if (!scan.pitId.empty())
-    closePit(connection, server, index, scan.pitId);
+    closePit(connection, server, index, scan.pitId, scan.openSearchPit);
   if (ok)
     logFetch(index, delivered, start, scan.pitId.empty(), 1);
   return ok;
@@ -372,7 +380,7 @@ bool FetchSlicedSearchResults(http::HttpConnectionPool& pool, const ElasticConne
   const http::HttpConnectionPool::ParallelUse use(pool, slices);
   {
     http::HttpConnectionLocker connection(pool, server);
-    if (!openPit(*connection, server, index, &token, scan.pitId, err))
+    if (!openPit(*connection, server, index, &token, scan.pitId, scan.openSearchPit, err))
       return false;
   }
 
@@ -400,7 +408,7 @@ bool FetchSlicedSearchResults(http::HttpConnectionPool& pool, const ElasticConne
 
   if (!scan.pitId.empty()) {
     http::HttpConnectionLocker connection(pool, server);
-    closePit(*connection, server, index, scan.pitId);
+    closePit(*connection, server, index, scan.pitId, scan.openSearchPit);
   }
   if (!firstError.empty()) {
     err = firstError;
