@@ -4,8 +4,6 @@
 
 #include "JwtTestUtil.h"
 
-#include <gtest/gtest.h>
-
 using namespace jwttest;
 
 namespace {

@@ -1,11 +1,8 @@
 #include <HttpTools/jwt/StaticKeyProvider.h>
 
 #include <HttpTools/jwt/Verifier.h>
-#include <HttpTools/platform/qzJson.h>
 
 #include "JwtTestUtil.h"
-
-#include <gtest/gtest.h>
 
 using namespace jwttest;
 
@@ -56,9 +53,7 @@ TEST_F(StaticKeys, KeysByKidFromJwkAndPem) {
   };
   for (const auto& [kid, alg, why] : lookups) {
     error.clear();
-    auto key = keys.getKeyFromId(kid, alg, &error);
-    EXPECT_EQ(key != nullptr, *why == 0) << kid;
-    EXPECT_EQ(error, why) << kid;
+    EXPECT_EQ((keys.getKeyFromId(kid, alg, &error) ? "key" : "") + error, *why ? why : "key") << kid;
   }
   Verifier verifier(AlgAsymmetricMask, &keys);
   EXPECT_TRUE(accepts(verifier, get("tokens", "RS256")));
