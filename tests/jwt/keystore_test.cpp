@@ -81,7 +81,8 @@ protected:
 
   // The answer to a lookup and the downloads so far: "key #1", "No such key {k} #2".
   static std::string ask(KeyStore& store, const std::string& kid, Alg alg) {
-    return lookup(store, kid, alg) + " #" + std::to_string(downloads());
+    const std::string answer = lookup(store, kid, alg);
+    return answer + " #" + std::to_string(downloads());
   }
 
   std::unique_ptr<KeyStore> makeStore(const std::string& path = "/jwks") {
