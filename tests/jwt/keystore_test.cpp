@@ -67,16 +67,10 @@ protected:
     return qzVariant(m);
   }
   static std::string token(const std::string& alg) { return peer("tokens", alg).toString(); }
-  static size_t downloads() {
-    size_t n = 0;
-    for (const auto& r : sServer->requests())
-      n += r.path == "/jwks";
-    return n;
-  }
+  static size_t downloads() { return sServer->requestCount(); } // the key set is all it serves
   static std::string lookup(KeyStore& store, const std::string& kid, Alg alg) {
     std::string error;
-    auto key = store.getKeyFromId(kid, alg, &error);
-    return key ? "key" : error;
+    return store.getKeyFromId(kid, alg, &error) ? "key" : error;
   }
 
   // The answer to a lookup and the downloads so far: "key #1", "No such key {k} #2".
@@ -85,8 +79,8 @@ protected:
     return answer + " #" + std::to_string(downloads());
   }
 
-  std::unique_ptr<KeyStore> makeStore(const std::string& path = "/jwks") {
-    return std::make_unique<KeyStore>(pool, Url(sServer->url(path)), true, http::PP_NoProxy, Url());
+  std::unique_ptr<KeyStore> makeStore() {
+    return std::make_unique<KeyStore>(pool, Url(sServer->url("/jwks")), true, http::PP_NoProxy, Url());
   }
 
   http::HttpConnectionPool pool;
@@ -130,13 +124,10 @@ TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
       {jwk("rsa1024", "rsa1024"), "RSA key error : key of 1024 bits, at least 2048 required"},
       {jwk("p256", "offcurve", {{"y", peer("jwk", "p256").toMap().at("x")}}), "ECDSA key error : "},
   };
-  qzVariantListImpl keys;
-  for (const auto& [entry, why] : cases)
-    keys.push_back(entry);
   // Entries that are skipped altogether, and good keys after them: the walk goes on.
-  keys.push_back(qzVariant("not a map"));
-  keys.push_back(jwk("rsa", "x", {}, {"kid"}));
-  keys.push_back(jwk("rsa", "good"));
+  qzVariantListImpl keys{qzVariant("not a map"), jwk("rsa", "x", {}, {"kid"}), jwk("rsa", "good")};
+  for (const auto& [entry, why] : cases)
+    keys.insert(keys.begin(), entry);
   serveKeys(keys);
 
   qztest::LogCapture cap;
