@@ -27,6 +27,12 @@ protected:
   }
 };
 
+// Initialised, with its updater, and libcurl in the version list: while any user is left.
+std::tuple<bool, bool, size_t> running() {
+  return {qz::IsHttpToolsInitialized(), qz::impl::GetPeriodicalUpdater() != nullptr,
+          qz::impl::GetThirdPartyLibVersionInfo().count("libcurl")};
+}
+
 TEST_F(Frame, SecondInitKeepsTheFirstDefaults) {
   qz::initializeHttpTools(true, HNRP_PreferIpv6, PP_AutomaticProxy);
   qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_NoProxy);
@@ -34,16 +40,11 @@ TEST_F(Frame, SecondInitKeepsTheFirstDefaults) {
       std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
       std::tuple(true, HNRP_PreferIpv6, PP_AutomaticProxy));
   EXPECT_NE(qz::impl::GetCurlOpenSSLVersion(), 0);
-  EXPECT_NE(qz::impl::GetPeriodicalUpdater(), nullptr);
-  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), 1u);
-
+  EXPECT_EQ(running(), std::tuple(true, true, 1u));
   qz::terminateHttpTools(); // one user left
-  EXPECT_TRUE(qz::IsHttpToolsInitialized());
-  EXPECT_NE(qz::impl::GetPeriodicalUpdater(), nullptr);
+  EXPECT_EQ(running(), std::tuple(true, true, 1u));
   qz::terminateHttpTools();
-  EXPECT_FALSE(qz::IsHttpToolsInitialized());
-  EXPECT_EQ(qz::impl::GetPeriodicalUpdater(), nullptr);
-  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), 0u);
+  EXPECT_EQ(running(), std::tuple(false, false, 0u));
 }
 
 TEST_F(Frame, TerminationResetsAllButTheProxyDefault) {
