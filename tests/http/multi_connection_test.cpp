@@ -1,7 +1,9 @@
 #include <HttpTools/http/HttpMultiConnection.h>
 
+#include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpHelpers.h>
 
+#include "support/LogCapture.h"
 #include "support/NginxFixture.h"
 #include "support/TestHttpServer.h"
 
@@ -433,6 +435,25 @@ TEST_F(MultiConnection, ThreadedAddWhilePerformRuns) {
   EXPECT_TRUE(c.eachCalledOnce());
   for (uint64_t id : ids)
     EXPECT_TRUE(c.byId[id].success) << c.byId[id].errorMessage;
+}
+
+// Before the library is initialised nothing runs: each request still gets its callback, with the reason.
+TEST_F(MultiConnection, RequestsFailWithTheReasonBeforeInitialisation) {
+  Multi multi(2);
+  Collector c;
+  c.add(multi, {get(srv.url("/echo")), get(srv.url("/echo"))});
+  qz::terminateHttpTools();
+  qztest::LogCapture cap;
+  const bool ran = multi.perform();
+  qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(cap.has("http", "HttpTools library not initialized.")) << cap.dump();
+  ASSERT_EQ(c.count(), 2u);
+  for (const auto& [id, r] : c.byId) {
+    EXPECT_FALSE(r.success);
+    EXPECT_THAT(r.errorMessage, HasSubstr("HttpTools library not initialized."));
+  }
+  EXPECT_EQ(srv.requestCount(), 0u);
 }
 
 // One nginx with HTTP/2 and a log line per request, started on first use and stopped at exit.
