@@ -50,10 +50,18 @@ TEST(StringUtils, HumanizeDuration) {
     bool shortUnits;
     const char* text;
   } cases[] = {
-      {0, 1, true, "0ms"},           {999, 1, true, "999ms"},           {1000, 1, true, "1s"},
-      {1500, 1, true, "1.5s"},       {1549, 2, true, "1.55s"},          {90000, 1, true, "1.5min"},
-      {3600000, 1, true, "1h"},      {86400000 * 2.5, 1, true, "2.5d"}, {250, 1, false, "250 milliseconds"},
-      {2000, 3, false, "2 seconds"}, {-1500, 1, true, "-1.5s"},
+      {0, 1, true, "0ms"},
+      {999, 1, true, "999ms"},
+      {1000, 1, true, "1s"},
+      {1500, 1, true, "1.5s"},
+      {1549, 2, true, "1.55s"},
+      {90000, 1, true, "1.5min"},
+      {3600000, 1, true, "1h"},
+      {86400000 * 2.5, 1, true, "2.5d"},
+      {250, 1, false, "250 milliseconds"},
+      {2000, 3, false, "2 seconds"},
+      {-1500, 1, true, "-1.5s"},
+      {1234.5678901, 7, true, "1.234568s"}, // at most 6 digits
   };
   for (const auto& c : cases)
     EXPECT_EQ(qz::qzStringUtils::humanizeDuration(c.ms, c.precision, c.shortUnits), c.text) << c.ms;
