@@ -220,7 +220,7 @@ TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
     requests.back().body = k.body;
     requests.back().headers = k.headers;
   }
-  Multi multi(1); // one handle, in this order: each request must undo what the one before set
+  Multi multi(1);    // one handle, in this order: each request must undo what the one before set
   std::string lines; // debug lines as the connection reports them
   multi.editConnectionParameters().debugLines = [&lines](DebugLineKind k, std::string_view l) {
     lines.append(k == DebugLineKind::HeaderOut ? "> " : k == DebugLineKind::HeaderIn ? "< " : "* ").append(l) += '\n';
