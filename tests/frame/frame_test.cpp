@@ -11,6 +11,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 using namespace qz::http;
 
@@ -26,56 +27,51 @@ protected:
   }
 };
 
+// Initialised, with its updater, and libcurl in the version list: while any user is left.
+std::tuple<bool, bool, size_t> running() {
+  return {qz::IsHttpToolsInitialized(), qz::impl::GetPeriodicalUpdater() != nullptr,
+          qz::impl::GetThirdPartyLibVersionInfo().count("libcurl")};
+}
+
 TEST_F(Frame, SecondInitKeepsTheFirstDefaults) {
   qz::initializeHttpTools(true, HNRP_PreferIpv6, PP_AutomaticProxy);
   qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_NoProxy);
-  EXPECT_TRUE(qz::IsVerifySSLCertByDefault());
-  EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_PreferIpv6);
-  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_AutomaticProxy);
+  EXPECT_EQ(
+      std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
+      std::tuple(true, HNRP_PreferIpv6, PP_AutomaticProxy));
   EXPECT_NE(qz::impl::GetCurlOpenSSLVersion(), 0);
-  EXPECT_NE(qz::impl::GetPeriodicalUpdater(), nullptr);
-  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), 1u);
-
+  EXPECT_EQ(running(), std::tuple(true, true, 1u));
   qz::terminateHttpTools(); // one user left
-  EXPECT_TRUE(qz::IsHttpToolsInitialized());
-  EXPECT_NE(qz::impl::GetPeriodicalUpdater(), nullptr);
+  EXPECT_EQ(running(), std::tuple(true, true, 1u));
   qz::terminateHttpTools();
-  EXPECT_FALSE(qz::IsHttpToolsInitialized());
-  EXPECT_EQ(qz::impl::GetPeriodicalUpdater(), nullptr);
-  EXPECT_EQ(qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), 0u);
+  EXPECT_EQ(running(), std::tuple(false, false, 0u));
 }
 
 TEST_F(Frame, TerminationResetsAllButTheProxyDefault) {
   qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_AutomaticProxy);
   EXPECT_FALSE(qz::IsVerifySSLCertByDefault());
   qz::terminateHttpTools();
-  EXPECT_TRUE(qz::IsVerifySSLCertByDefault());
-  EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_Whatever);
-  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_AutomaticProxy);
+  EXPECT_EQ(
+      std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
+      std::tuple(true, HNRP_Whatever, PP_AutomaticProxy));
   // A new first initialisation takes its own defaults again.
   qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
   EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
 }
 
 TEST_F(Frame, SettersClampOutOfRangeValues) {
-  struct {
-    int in;
-    HostNameResolutionPolicy out;
-  } resolution[] = {{0, HNRP_Whatever}, {1, HNRP_Whatever},  {2, HNRP_PreferIpv6}, {3, HNRP_PreferIpv4},
-                    {4, HNRP_Whatever}, {-1, HNRP_Whatever}, {1000, HNRP_Whatever}};
-  for (auto c : resolution) {
-    qz::SetDefaultHostNameResolutionPolicy(HostNameResolutionPolicy(c.in));
-    EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), c.out) << c.in;
-  }
-  struct {
-    int in;
-    ProxyPolicy out;
-  } proxy[] = {{0, PP_NoProxy}, {1, PP_NoProxy},  {2, PP_AutomaticProxy},
-               {3, PP_NoProxy}, {-5, PP_NoProxy}, {9, PP_NoProxy}};
-  for (auto c : proxy) {
+  // in, resolution policy, proxy policy read back
+  const std::tuple<int, HostNameResolutionPolicy, ProxyPolicy> rows[] = {
+      {0, HNRP_Whatever, PP_NoProxy},    {1, HNRP_Whatever, PP_NoProxy},  {2, HNRP_PreferIpv6, PP_AutomaticProxy},
+      {3, HNRP_PreferIpv4, PP_NoProxy},  {4, HNRP_Whatever, PP_NoProxy},  {-1, HNRP_Whatever, PP_NoProxy},
+      {1000, HNRP_Whatever, PP_NoProxy}, {-5, HNRP_Whatever, PP_NoProxy}, {9, HNRP_Whatever, PP_NoProxy}};
+  for (auto [in, resolution, proxy] : rows) {
     qz::SetDefaultProxyPolicy(PP_AutomaticProxy); // so that a kept value would show
-    qz::SetDefaultProxyPolicy(ProxyPolicy(c.in));
-    EXPECT_EQ(qz::GetDefaultProxyPolicy(), c.out) << c.in;
+    qz::SetDefaultHostNameResolutionPolicy(HostNameResolutionPolicy(in));
+    qz::SetDefaultProxyPolicy(ProxyPolicy(in));
+    EXPECT_EQ(std::pair(qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
+              std::pair(resolution, proxy))
+        << in;
   }
   qz::initializeHttpTools(true, HostNameResolutionPolicy(7), PP_ManualProxy);
   EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_Whatever);
@@ -83,14 +79,15 @@ TEST_F(Frame, SettersClampOutOfRangeValues) {
 }
 
 TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
-  using qz::impl::FindOpenSSLVersionInCurlVersion;
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13"), 0x101010bf);
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("LIBCURL/7.88.1  OPENSSL/3.0.11"), 0x300000b0);
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13"), 0);
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 OpenSSL/garbage"), 0);
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion("libcurl/7.88.1 xopenssl/3.0.1"), 0);
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion(""), 0);
-  EXPECT_EQ(FindOpenSSLVersionInCurlVersion(nullptr), 0);
+  for (const auto& [text, version] :
+       {std::pair<const char*, int>{"libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13", 0x101010bf},
+        {"LIBCURL/7.88.1  OPENSSL/3.0.11", 0x300000b0},
+        {"libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13", 0},
+        {"libcurl/7.88.1 OpenSSL/garbage", 0},
+        {"libcurl/7.88.1 xopenssl/3.0.1", 0},
+        {"", 0},
+        {nullptr, 0}})
+    EXPECT_EQ(qz::impl::FindOpenSSLVersionInCurlVersion(text), version) << (text ? text : "null");
 }
 
 TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {

@@ -110,8 +110,8 @@ TEST_F(Helpers, ExpectedCodeAndFailureLogging) {
   r.errorMessage = &err;
   qztest::LogCapture cap;
   EXPECT_FALSE(HttpPut(conn, url("/echo"), "x", 201, &r));
-  EXPECT_THAT(err, StartsWith("HttpConnection error : bad html response code, got 200, expect 201 "));
-  EXPECT_EQ(r.httpCode, 200);
+  EXPECT_THAT(std::to_string(r.httpCode) + err,
+              StartsWith("200HttpConnection error : bad html response code, got 200, expect 201 "));
   EXPECT_TRUE(HttpPut(conn, url("/status/201"), "x", 201, &r));
   EXPECT_TRUE(HttpPut(conn, url("/status/299"), "x", 0, &r)); // 0 accepts any code
   EXPECT_EQ(err, "Http return code 299 ");
@@ -137,11 +137,10 @@ TEST_F(Helpers, ExpectedCodeAndFailureLogging) {
     cap.clear();
     EXPECT_FALSE(call());
     ASSERT_EQ(cap.size(), 1u) << prefix;
-    const auto line = cap.lines()[0];
-    EXPECT_EQ(line.category, "http");
-    EXPECT_EQ(line.type, qz::qzLog::Error);
-    EXPECT_EQ(line.text, prefix + conn.getLastErrorMsg());
-    EXPECT_THAT(line.text, StartsWith(prefix + "HttpConnection error : bad html response code, got 500, expect 200 "));
+    EXPECT_TRUE(cap.has("http", prefix + conn.getLastErrorMsg())) << cap.dump();
+    EXPECT_EQ(cap.lines()[0].type, qz::qzLog::Error);
+    EXPECT_THAT(conn.getLastErrorMsg(),
+                StartsWith("HttpConnection error : bad html response code, got 500, expect 200 "));
   }
 }
 
@@ -168,15 +167,12 @@ TEST_F(Helpers, ResultRecordFields) {
   EXPECT_EQ(body, "chunk-1;chunk-2;chunk-3;");
 
   r.clearResultAttributes(); // the device and the byte count are kept
-  EXPECT_TRUE(body.empty() && headers.empty() && r.httpCode == 0);
-  EXPECT_EQ(r.outputDevice, &dev);
-  EXPECT_EQ(r.receivedBytes, 24u);
+  EXPECT_TRUE(body.empty() && headers.empty() && r.httpCode == 0 && r.outputDevice == &dev && r.receivedBytes == 24);
 }
 
 TEST_F(Helpers, ExplicitParametersApplyForOneCallOnly) {
   conn.editConnectionParameters().maxRedirects = 0;
   conn.editConnectionParameters().hostNameResolutionPolicy = HNRP_PreferIpv4;
-  const auto before = conn.getConnectionParameters();
   HttpConnection::ConnectionParameters p;
   p.maxRedirects = 5;
   p.hostNameResolutionPolicy = HNRP_PreferIpv4;
@@ -185,8 +181,8 @@ TEST_F(Helpers, ExplicitParametersApplyForOneCallOnly) {
   EXPECT_EQ(out, "landed");
   // The call's retry fallback must not outlive it either.
   EXPECT_FALSE(HttpGet(conn, qz::Url("http://no-such-host.invalid/"), nullptr, &p));
-  EXPECT_EQ(conn.getConnectionParameters().maxRedirects, before.maxRedirects);
-  EXPECT_EQ(conn.getConnectionParameters().hostNameResolutionPolicy, HNRP_PreferIpv4);
+  EXPECT_TRUE(conn.getConnectionParameters().maxRedirects == 0 &&
+              conn.getConnectionParameters().hostNameResolutionPolicy == HNRP_PreferIpv4);
   EXPECT_FALSE(HttpGet(conn, url("/redirect/1"))); // own parameters again: no redirect allowed
 }
 
@@ -270,10 +266,7 @@ TEST_F(Helpers, CallbackFailuresFailTheCallWithTheirReason) {
 }
 
 TEST(ParseHttpHeader, SplitsTrimsAndLowerCases) {
-  struct Case {
-    std::string line, name, value;
-  };
-  const std::vector<Case> cases{
+  const std::tuple<std::string, std::string, std::string> cases[] = {
       {"Content-Type: text/plain\r\n", "content-type", "text/plain"},
       {"X-Empty:\r\n", "x-empty", ""},
       {"  Spaced Name  :  a: b  \r\n", "spaced name", "a: b"},
@@ -281,11 +274,10 @@ TEST(ParseHttpHeader, SplitsTrimsAndLowerCases) {
       {"\r\n", "", ""},
       {":value\r\n", "", "value"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [line, name, value] : cases) {
     std::string n = "junk", v = "junk";
-    HttpMultiConnection::ParseHttpHeader(c.line.data(), c.line.size(), n, v);
-    EXPECT_EQ(n, c.name) << c.line;
-    EXPECT_EQ(v, c.value) << c.line;
+    HttpMultiConnection::ParseHttpHeader(line.data(), line.size(), n, v);
+    EXPECT_EQ(n + "|" + v, name + "|" + value) << line;
   }
 }
 

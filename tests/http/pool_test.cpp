@@ -53,18 +53,16 @@ TEST_F(Pool, IdleListOrderKeyAndCap) {
   EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
   pool.releaseHttpConnection(take(pool)); // never made a call: deleted, not pooled
   EXPECT_EQ(pool.idleCount(), 0u);
-  HttpConnection* a = used(pool);
-  HttpConnection* b = used(pool);
+  HttpConnection *a = used(pool), *b = used(pool);
   pool.releaseHttpConnection(a);
   pool.releaseHttpConnection(b); // default cap 1: a is deleted at once
   EXPECT_EQ(pool.idleCount(), 1u);
-  pool.setMaxPendingConnection(0);
-  EXPECT_EQ(pool.getMaxConcurrentConnection(), 1u);
-  pool.setMaxPendingConnection(5);
-  pool.ensureAtLeastMaxConcurrentConnection(3);
-  EXPECT_EQ(pool.getMaxConcurrentConnection(), 5u);
-  pool.ensureAtLeastMaxConcurrentConnection(7);
-  EXPECT_EQ(pool.getMaxConcurrentConnection(), 7u);
+  // The cap: at least 1, raised (never lowered) by ensureAtLeast...
+  for (auto [pending, atLeast, cap] : {std::tuple{0, 0, 1u}, {5, 3, 5u}, {5, 7, 7u}}) {
+    pool.setMaxPendingConnection(pending);
+    pool.ensureAtLeastMaxConcurrentConnection(atLeast);
+    EXPECT_EQ(pool.getMaxConcurrentConnection(), cap) << pending << " " << atLeast;
+  }
   std::vector<HttpConnection*> many;
   for (int i = 0; i < 7; ++i)
     many.push_back(used(pool));
@@ -98,8 +96,7 @@ TEST_F(Pool, SetupOnNewConnectionsAndAgeing) {
   });
   pool.setMaxPendingConnection(10);
   pool.setKeepOpenDurationSec(2);
-  HttpConnection* old = used(pool);
-  HttpConnection* young = used(pool);
+  HttpConnection *old = used(pool), *young = used(pool);
   EXPECT_EQ(srv.lastRequest().header("X-From-Pool"), "1");
   pool.releaseHttpConnection(old);
   clock.advance(1000);
@@ -192,9 +189,9 @@ TEST_F(Pool, LockersBorrowReturnAndWarnWhenUsedElsewhere) {
     HttpConnectionLocker lk(pool, "127.0.0.1", uint16_t(srv.port()));
     ASSERT_TRUE(HttpHelpers::HttpGet(*lk, qz::Url(other.url("/echo"))));
   }
-  const std::string expected = "Http connection from pool was used with an other host/port '" + other.url("/echo") +
-                               "' than the one declared 127.0.0.1:" + std::to_string(srv.port());
-  EXPECT_TRUE(cap.has("http", expected)) << cap.dump();
+  EXPECT_TRUE(cap.has("http", "Http connection from pool was used with an other host/port '" + other.url("/echo") +
+                                  "' than the one declared 127.0.0.1:" + std::to_string(srv.port())))
+      << cap.dump();
   for (const auto& l : cap.lines()) // this one and the connection's own host:port change
     EXPECT_EQ(l.type, qz::qzLog::Warning) << l.text;
   EXPECT_EQ(take(pool, other.port()), first); // pooled under the host:port it really talked to

@@ -236,19 +236,18 @@ TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
   p.jitter = 0.5;
   for (int i = 0; i < 50; ++i) {
     const unsigned ms = p.backoffMs(2);
-    EXPECT_GE(ms, 100u);
-    EXPECT_LE(ms, 200u);
+    EXPECT_TRUE(ms >= 100 && ms <= 200) << ms;
   }
 
-  TransferError busy{.kind = ErrorKind::HttpStatus, .httpStatus = 503};
-  TransferError gone{.kind = ErrorKind::HttpStatus, .httpStatus = 404};
-  p.jitter = 0;
-  p.retryAfterCapMs = 1500;
-  EXPECT_EQ(p.nextDelayMs(busy, "1", 1, 0), 1000);  // asked for
-  EXPECT_EQ(p.nextDelayMs(busy, "60", 1, 0), 1500); // capped
-  EXPECT_EQ(p.nextDelayMs(busy, "", 2, 0), 200);    // backoff
-  EXPECT_EQ(p.nextDelayMs(gone, "1", 1, 0), -1);    // permanent
-  EXPECT_EQ(p.nextDelayMs(busy, "1", 5, 0), -1);    // attempts used up
+  const TransferError busy{.kind = ErrorKind::HttpStatus, .httpStatus = 503},
+      gone{.kind = ErrorKind::HttpStatus, .httpStatus = 404};
+  p = {.attempts = 5, .initialBackoffMs = 100, .maxBackoffMs = 400, .jitter = 0, .retryAfterCapMs = 1500};
+  EXPECT_EQ(p.nextDelayMs(busy, "1", 1, 0), 1000);                        // asked for
+  EXPECT_EQ(p.nextDelayMs(busy, "60", 1, 0), 1500);                       // capped
+  EXPECT_EQ(p.nextDelayMs(busy, "", 2, 0), 200);                          // backoff
+  EXPECT_EQ(p.nextDelayMs(gone, "1", 1, 0), -1);                          // permanent
+  EXPECT_EQ(p.nextDelayMs({.kind = ErrorKind::Connect}, "1", 1, 0), 100); // Retry-After only on 429 and 503
+  EXPECT_EQ(p.nextDelayMs(busy, "1", 5, 0), -1);                          // attempts used up
   p.totalTimeMs = 1000;
   EXPECT_EQ(p.nextDelayMs(busy, "", 1, 950), -1); // past the total time
   EXPECT_EQ(RetryPolicy::None().nextDelayMs(busy, "", 1, 0), -1);

@@ -6,16 +6,10 @@
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/jwt/Verifier.h>
-#include <HttpTools/platform/qzJson.h>
-#include <HttpTools/platform/qzSystemUtils.h>
-#include <HttpTools/platform/qzSystemUtils_p.h>
-#include <HttpTools/url/Url.h>
 
 #include "JwtTestUtil.h"
 #include "support/LogCapture.h"
 #include "support/TestHttpServer.h"
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <mutex>
@@ -31,7 +25,6 @@ class KeyStoreTest : public testing::Test {
 protected:
   static void SetUpTestSuite() {
     qz::initializeHttpTools(true, http::HNRP_Whatever, http::PP_NoProxy);
-
     sServer = new qztest::TestHttpServer;
     sServer->route("GET", "/jwks", [](const httplib::Request&, httplib::Response& res) {
       std::lock_guard lock(sMutex);
@@ -74,20 +67,20 @@ protected:
     return qzVariant(m);
   }
   static std::string token(const std::string& alg) { return peer("tokens", alg).toString(); }
-  static size_t downloads() {
-    size_t n = 0;
-    for (const auto& r : sServer->requests())
-      n += r.path == "/jwks";
-    return n;
-  }
+  static size_t downloads() { return sServer->requestCount(); } // the key set is all it serves
   static std::string lookup(KeyStore& store, const std::string& kid, Alg alg) {
     std::string error;
-    auto key = store.getKeyFromId(kid, alg, &error);
-    return key ? "key" : error;
+    return store.getKeyFromId(kid, alg, &error) ? "key" : error;
   }
 
-  std::unique_ptr<KeyStore> makeStore(const std::string& path = "/jwks") {
-    return std::make_unique<KeyStore>(pool, Url(sServer->url(path)), true, http::PP_NoProxy, Url());
+  // The answer to a lookup and the downloads so far: "key #1", "No such key {k} #2".
+  static std::string ask(KeyStore& store, const std::string& kid, Alg alg) {
+    const std::string answer = lookup(store, kid, alg);
+    return answer + " #" + std::to_string(downloads());
+  }
+
+  std::unique_ptr<KeyStore> makeStore() {
+    return std::make_unique<KeyStore>(pool, Url(sServer->url("/jwks")), true, http::PP_NoProxy, Url());
   }
 
   http::HttpConnectionPool pool;
@@ -101,18 +94,13 @@ TEST_F(KeyStoreTest, DownloadsOnFirstLookupOnlyAndRefetchesUnknownKids) {
   serveKeys({jwk("rsa", "r1"), jwk("p256", "e1")});
   auto store = makeStore();
   EXPECT_EQ(downloads(), 0u); // nothing before the first lookup
-  EXPECT_EQ(lookup(*store, "r1", RS256), "key");
-  EXPECT_EQ(downloads(), 1u);
-  EXPECT_EQ(lookup(*store, "e1", ES256), "key");
-  EXPECT_EQ(lookup(*store, "r1", RS384), "key");
-  EXPECT_EQ(downloads(), 1u);
+  EXPECT_EQ(ask(*store, "r1", RS256), "key #1");
+  EXPECT_EQ(ask(*store, "e1", ES256), "key #1");
+  EXPECT_EQ(ask(*store, "r1", RS384), "key #1");
   // An unknown kid costs one whole download per lookup.
-  for (int i = 1; i <= 3; ++i) {
-    EXPECT_EQ(lookup(*store, "k1", RS256), "No such key {k1}");
-    EXPECT_EQ(downloads(), 1u + i);
-  }
-  // A null error pointer is allowed.
-  EXPECT_EQ(store->getKeyFromId("k1", RS256, nullptr), nullptr);
+  for (int i = 1; i <= 3; ++i)
+    EXPECT_EQ(ask(*store, "k1", RS256), "No such key {k1} #" + std::to_string(1 + i));
+  EXPECT_EQ(store->getKeyFromId("k1", RS256, nullptr), nullptr); // a null error pointer is allowed
 }
 
 TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
@@ -136,13 +124,10 @@ TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
       {jwk("rsa1024", "rsa1024"), "RSA key error : key of 1024 bits, at least 2048 required"},
       {jwk("p256", "offcurve", {{"y", peer("jwk", "p256").toMap().at("x")}}), "ECDSA key error : "},
   };
-  qzVariantListImpl keys;
-  for (const auto& [entry, why] : cases)
-    keys.push_back(entry);
   // Entries that are skipped altogether, and good keys after them: the walk goes on.
-  keys.push_back(qzVariant("not a map"));
-  keys.push_back(jwk("rsa", "x", {}, {"kid"}));
-  keys.push_back(jwk("rsa", "good"));
+  qzVariantListImpl keys{qzVariant("not a map"), jwk("rsa", "x", {}, {"kid"}), jwk("rsa", "good")};
+  for (const auto& [entry, why] : cases)
+    keys.insert(keys.begin(), entry);
   serveKeys(keys);
 
   qztest::LogCapture cap;
@@ -184,31 +169,25 @@ TEST_F(KeyStoreTest, KeysAreCachedForEveryAlgorithmOfTheirFamily) {
 TEST_F(KeyStoreTest, EntriesLiveTwelveHoursExactly) {
   serveKeys({jwk("rsa", "r1")});
   auto store = makeStore();
-  EXPECT_EQ(lookup(*store, "r1", RS256), "key");
-  EXPECT_EQ(downloads(), 1u);
+  EXPECT_EQ(ask(*store, "r1", RS256), "key #1");
   gNowMs += 43200 * 1000;
-  EXPECT_EQ(lookup(*store, "r1", RS256), "key"); // exactly 12 h: still there
-  EXPECT_EQ(downloads(), 1u);
+  EXPECT_EQ(ask(*store, "r1", RS256), "key #1"); // exactly 12 h: still there
   gNowMs += 1000;
   serveKeys({}); // the key is gone from the set meanwhile
-  EXPECT_EQ(lookup(*store, "r1", RS256), "No such key {r1}");
-  EXPECT_EQ(downloads(), 2u);
+  EXPECT_EQ(ask(*store, "r1", RS256), "No such key {r1} #2");
 }
 
 TEST_F(KeyStoreTest, ClearExpiredDropsOnlyOldEntriesAndRefreshesRestamp) {
   serveKeys({jwk("rsa", "old")});
   auto store = makeStore();
-  EXPECT_EQ(lookup(*store, "old", RS256), "key");
+  EXPECT_EQ(ask(*store, "old", RS256), "key #1");
   gNowMs += 40000 * 1000;
   serveKeys({jwk("p256", "young")});
-  EXPECT_EQ(lookup(*store, "young", ES256), "key");
-  EXPECT_EQ(downloads(), 2u);
+  EXPECT_EQ(ask(*store, "young", ES256), "key #2");
   gNowMs += 4000 * 1000; // "old" is now 44 000 s old, "young" 4 000 s
   store->clearExpired();
-  EXPECT_EQ(lookup(*store, "young", ES256), "key");
-  EXPECT_EQ(downloads(), 2u);
-  EXPECT_EQ(lookup(*store, "old", RS256), "No such key {old}"); // gone: asked the server again
-  EXPECT_EQ(downloads(), 3u);
+  EXPECT_EQ(ask(*store, "young", ES256), "key #2");
+  EXPECT_EQ(ask(*store, "old", RS256), "No such key {old} #3"); // gone: asked the server again
   // A refused entry and a key replace each other under the same kid, with a new age.
   serveKeys({jwk("p256", "young", {{"use", qzVariant("enc")}})});
   EXPECT_EQ(lookup(*store, "other", ES256), "No such key {other}");
@@ -271,16 +250,13 @@ TEST_F(KeyStoreTest, CooldownLimitsDownloadsForUnknownKids) {
   serveKeys({jwk("rsa", "r1")});
   auto store = makeStore();
   store->setUnknownKidCooldownSec(30);
-  EXPECT_EQ(lookup(*store, "r1", RS256), "key");
-  for (int i = 0; i < 5; ++i)
-    EXPECT_EQ(lookup(*store, "random" + std::to_string(i), RS256), "No such key {random" + std::to_string(i) + "}");
-  EXPECT_EQ(downloads(), 1u);
+  EXPECT_EQ(ask(*store, "r1", RS256), "key #1");
+  for (const char* kid : {"a", "b", "c"})
+    EXPECT_EQ(ask(*store, kid, RS256), "No such key {" + std::string(kid) + "} #1");
   gNowMs += 30 * 1000;
   serveKeys({jwk("rsa", "r1"), jwk("p256", "new")});
-  EXPECT_EQ(lookup(*store, "new", ES256), "key"); // cooldown over: one more download
-  EXPECT_EQ(downloads(), 2u);
-  EXPECT_EQ(lookup(*store, "r1", RS256), "key");
-  EXPECT_EQ(downloads(), 2u);
+  EXPECT_EQ(ask(*store, "new", ES256), "key #2"); // cooldown over: one more download
+  EXPECT_EQ(ask(*store, "r1", RS256), "key #2");
 }
 
 } // namespace

@@ -4,8 +4,6 @@
 #include "JwtTestUtil.h"
 #include "support/LogCapture.h"
 
-#include <gtest/gtest.h>
-
 using namespace jwttest;
 using RC = Verifier::RejectCause;
 
@@ -110,11 +108,7 @@ TEST_F(VerifierTest, TimeClaimsAroundTheLeeway) {
 }
 
 TEST_F(VerifierTest, TypAndAlgHeaders) {
-  struct Row {
-    std::string header;
-    int mask, cause;
-  };
-  const Row rows[] = {
+  const std::tuple<std::string, int, int> rows[] = {
       {R"({"alg":"HS256","typ":"jwt"})", AlgAllMask, 0},
       {R"({"alg":"HS256"})", AlgAllMask, 0},
       {R"({"alg":"HS256","typ":""})", AlgAllMask, 0},
@@ -128,9 +122,9 @@ TEST_F(VerifierTest, TypAndAlgHeaders) {
       {R"({"alg":"HS256","crit":["exp"]})", AlgAllMask, 2}, // no extension is understood
       {R"({"alg":"HS256","crit":[]})", AlgAllMask, 2},
   };
-  for (const auto& r : rows) {
-    v.setClientInfo("s3cret", &provider, r.mask);
-    EXPECT_EQ(check(hsToken(r.header, kGoodClaims)), r.cause) << r.header;
+  for (const auto& [header, mask, cause] : rows) {
+    v.setClientInfo("s3cret", &provider, mask);
+    EXPECT_EQ(check(hsToken(header, kGoodClaims)), cause) << header;
   }
   EXPECT_EQ(check(hsToken(R"({"alg":"HS384"})", kGoodClaims, "s3cret", qzOpenSSL::HT_SHA384)), 0);
   EXPECT_EQ(check(b64(R"({"alg":"none"})") + "." + b64(kGoodClaims) + "."), 2); // unsigned
@@ -186,14 +180,11 @@ TEST_F(VerifierTest, KeyLookupFailuresAreInternalErrors) {
   const std::string token = signedToken(*rsa, RS384);
   auto key = provider.keys["rsa"];
   provider.keys.erase("rsa");
-  {
-    qztest::LogCapture cap;
-    EXPECT_EQ(check(token), 5);
-    EXPECT_TRUE(cap.has("jwt", "No such key {rsa}")) << cap.dump();
-    EXPECT_EQ(cap.lines().at(0).type, 2);
-  }
-  EXPECT_EQ(provider.askedKid, "rsa");
-  EXPECT_EQ(provider.askedAlg, RS384);
+  qztest::LogCapture cap;
+  EXPECT_EQ(check(token), 5);
+  EXPECT_TRUE(cap.has("jwt", "No such key {rsa}")) << cap.dump();
+  EXPECT_EQ(cap.lines().at(0).type, 2);
+  EXPECT_EQ(std::pair(provider.askedKid, provider.askedAlg), std::pair(std::string("rsa"), RS384));
   // A key that could not be built: the check cannot run.
   provider.keys["rsa"] = std::make_shared<qzOpenSSL::RSAKey>(std::string("garbage"));
   EXPECT_EQ(check(token), 5);

@@ -141,6 +141,16 @@ TEST(UrlSecrets, SettersAndDestructionWipeTheOldValue) {
   u.setCredentialsOnHttpHeaders("a", "b");
   EXPECT_TRUE(ZeroFrom(u.authDbName, db)) << "header credentials drop the database name";
 
+  // A copy assignment wipes each old value before the shorter new one goes into its buffer.
+  u.host = std::string(60, 'h');
+  u.setCredentialsOnQueryParameter(std::string(60, 'u'), std::string(60, 'p'), std::string(60, 'd'));
+  const auto bufs = {Buf(u.user), Buf(u.password), Buf(u.authDbName), Buf(u.host)};
+  const qz::Url shorter("http://a:b@c/");
+  u = shorter;
+  auto buf = bufs.begin();
+  for (const std::string* s : {&u.user, &u.password, &u.authDbName, &u.host})
+    EXPECT_TRUE(ZeroFrom(*s, *buf++, 1)) << *s;
+
   // Destruction: a short password sits inside the object, whose storage we can still read.
   alignas(qz::Url) unsigned char storage[sizeof(qz::Url)];
   auto* p = new (storage) qz::Url("http://user:hunter2@h/");
