@@ -7,6 +7,7 @@
 #include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/LogCapture.h"
+#include "support/Loopback.h"
 #include "support/NginxFixture.h"
 #include "support/TestHttpServer.h"
 
@@ -143,7 +144,7 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
        true},
       {"file:///etc/hostname", false,
        Eq("HttpConnection error : Unsupported scheme 'file', only http and https are requested "), false},
-      {"http://no-such-host.invalid/", false, curlError(CURLE_COULDNT_RESOLVE_HOST), true},
+      {"http://" + qztest::kUnresolvableHost + "/", false, curlError(CURLE_COULDNT_RESOLVE_HOST), true},
       {"http://bad host/", false, Eq("HttpConnection error : Invalid URL without a scheme, nothing sent "),
        false}, // unparsed: an empty URL
   };
@@ -254,9 +255,10 @@ TEST_F(Connection, NameThatFailsUnderPreferredFamilyIsRetriedOnce) {
     std::string url;
     HostNameResolutionPolicy after;
   };
-  for (const Case& k : {Case{HNRP_PreferIpv4, HNRP_Whatever, "http://no-such-host.invalid/", HNRP_Whatever},
-                        Case{HNRP_PreferIpv6, HNRP_Whatever, srv.url("/echo"), HNRP_PreferIpv6}, // v4 literal
-                        Case{HNRP_Default, HNRP_PreferIpv4, "http://no-such-host.invalid/", HNRP_Default}}) {
+  for (const Case& k :
+       {Case{HNRP_PreferIpv4, HNRP_Whatever, "http://" + qztest::kUnresolvableHost + "/", HNRP_Whatever},
+        Case{HNRP_PreferIpv6, HNRP_Whatever, srv.url("/echo"), HNRP_PreferIpv6}, // v4 literal
+        Case{HNRP_Default, HNRP_PreferIpv4, "http://" + qztest::kUnresolvableHost + "/", HNRP_Default}}) {
     qz::SetDefaultHostNameResolutionPolicy(k.processDefault);
     HttpConnection c;
     c.editConnectionParameters().hostNameResolutionPolicy = k.own;

@@ -4,6 +4,7 @@
 #include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/LogCapture.h"
+#include "support/Loopback.h"
 #include "support/TestHttpServer.h"
 
 #include <gmock/gmock.h>
@@ -180,7 +181,7 @@ TEST_F(Helpers, ExplicitParametersApplyForOneCallOnly) {
   ASSERT_TRUE(HttpGetJson(conn, url("/redirect/4"), out, nullptr, &p));
   EXPECT_EQ(out, "landed");
   // The call's retry fallback must not outlive it either.
-  EXPECT_FALSE(HttpGet(conn, qz::Url("http://no-such-host.invalid/"), nullptr, &p));
+  EXPECT_FALSE(HttpGet(conn, qz::Url("http://" + qztest::kUnresolvableHost + "/"), nullptr, &p));
   EXPECT_TRUE(conn.getConnectionParameters().maxRedirects == 0 &&
               conn.getConnectionParameters().hostNameResolutionPolicy == HNRP_PreferIpv4);
   EXPECT_FALSE(HttpGet(conn, url("/redirect/1"))); // own parameters again: no redirect allowed

@@ -5,6 +5,7 @@
 #include <HttpTools/http/HttpHelpers.h>
 #include <HttpTools/platform/qzIoDevice.h>
 
+#include "support/Loopback.h"
 #include "support/NginxFixture.h"
 #include "support/SilentListener.h"
 #include "support/TestHttpServer.h"
@@ -58,7 +59,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     long idleMs = 0;
   } cases[] = {
       {refused, ErrorKind::Connect, true},
-      {"http://no-such-host.invalid/", ErrorKind::Resolve, true},
+      {"http://" + qztest::kUnresolvableHost + "/", ErrorKind::Resolve, true},
       {silent.url(), ErrorKind::Timeout, true, 300},
       {"https://127.0.0.1:" + std::to_string(srv.port()) + "/echo", ErrorKind::Tls, false},
       {"/status/404", ErrorKind::HttpStatus, false},

@@ -8,8 +8,13 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <string>
 
 namespace qztest {
+
+// A name whose lookup fails in the resolver itself: a label longer than DNS allows (63 bytes) is
+// never sent to a name server, so the failure needs no network.
+inline const std::string kUnresolvableHost = std::string(64, 'x') + ".invalid";
 
 inline sockaddr_in LoopbackAddress(uint16_t port) {
   sockaddr_in addr{};

@@ -2,6 +2,7 @@
 #include <HttpTools/url/IpAddress_p.h>
 
 #include "support/LogCapture.h"
+#include "support/Loopback.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -156,7 +157,7 @@ TEST(ResolveHostName, ReplacesTheListAndLogsFailures) {
   EXPECT_TRUE(addresses.empty());
   EXPECT_EQ(cap.size(), 0u) << "an empty name is refused silently";
   addresses.emplace_back("1.1.1.1", IpAddress::IPT_None);
-  EXPECT_FALSE(qz::ResolveHostName("no-such-host.invalid", 80, addresses));
+  EXPECT_FALSE(qz::ResolveHostName(qztest::kUnresolvableHost, 80, addresses));
   EXPECT_TRUE(addresses.empty());
   EXPECT_TRUE(cap.has("url", "getaddrinfo return " + std::to_string(EAI_NONAME) + " (EAI_NONAME)")) << cap.dump();
 }
