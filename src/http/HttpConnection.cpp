@@ -315,7 +315,7 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
 
   for (const std::list<std::string>* lines : {&d->commonHeaders, &extraHeaders})
     for (const std::string& line : *lines)
-      if (line.find_first_of("\r\n") != std::string::npos) {
+      if (line.find('\r') != std::string::npos || line.find('\n') != std::string::npos) {
         // Nothing was sent; the callback's options are set again by the next call.
         d->forgetHandleState();
         d->fail(ErrorKind::BadRequest,

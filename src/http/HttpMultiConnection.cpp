@@ -28,7 +28,7 @@ void wipe(std::string& s) {
 // A header line with CR or LF would let a caller's value smuggle in lines of its own.
 const std::string* lineWithBreak(const std::list<std::string>& lines) {
   for (const std::string& line : lines)
-    if (line.find_first_of("\r\n") != std::string::npos)
+    if (line.find('\r') != std::string::npos || line.find('\n') != std::string::npos)
       return &line;
   return nullptr;
 }

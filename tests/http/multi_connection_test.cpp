@@ -313,13 +313,13 @@ TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
 // started there. The parameters' limits hold per request.
 TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
   Multi multi(1); // one transfer at a time
-  multi.editConnectionParameters().totalTimeoutMs = 400;
+  multi.editConnectionParameters().totalTimeoutMs = 800; // less than the three stalls in a row
   multi.editConnectionParameters().maxBodyBytes = 1000;
   Collector c;
   const auto ids =
-      c.add(multi, {get(srv.url("/stall?ms=150")), get(srv.url("/stall?ms=150")), get(srv.url("/stall?ms=150")),
+      c.add(multi, {get(srv.url("/stall?ms=300")), get(srv.url("/stall?ms=300")), get(srv.url("/stall?ms=300")),
                     get(srv.url("/bytes?n=1000")), get(srv.url("/stall?ms=3000")), get(srv.url("/bytes?n=1001")),
-                    get(srv.url("/stall?ms=450"), nullptr, 200, 1000)}); // its own time-out wins
+                    get(srv.url("/stall?ms=900"), nullptr, 200, 2000)}); // its own time-out wins
   ASSERT_TRUE(multi.perform());
   for (size_t i : {0, 1, 2, 3, 6})
     EXPECT_TRUE(c.byId[ids[i]].success) << i << c.byId[ids[i]].errorMessage;
@@ -328,15 +328,15 @@ TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
   EXPECT_FALSE(tooBig.success || tooBig.timedOut);
   EXPECT_THAT(tooBig.errorMessage, HasSubstr("larger than the limit of 1000 bytes"));
 
-  // Two per host: five rounds of two, each 400 ms time-out long expired had it run while queued.
+  // Two per host: five rounds of two, each 700 ms time-out long expired had it run while queued.
   Multi perHost(16);
   perHost.setMaxConnectionsPerHost(2);
   const size_t before = srv.connectionCount();
   Collector queued;
-  queued.add(perHost, std::vector<Multi::Request>(10, get(srv.url("/stall?ms=100"), nullptr, 200, 400)));
+  queued.add(perHost, std::vector<Multi::Request>(10, get(srv.url("/stall?ms=200"), nullptr, 200, 700)));
   const auto start = Clock::now();
   ASSERT_TRUE(perHost.perform());
-  EXPECT_GE(msSince(start), 495);
+  EXPECT_GE(msSince(start), 995);
   ASSERT_EQ(queued.count(), 10u);
   for (const auto& [id, r] : queued.byId)
     EXPECT_TRUE(r.success) << r.errorMessage;
