@@ -32,6 +32,8 @@ http::RetryPolicy CouchRetryPolicy(unsigned attempts) {
 
 bool RequestWithRetry(http::HttpConnectionPool& pool, const qz::Url& url, http::Method method, const std::string* body,
                       Reply& out, const bool* cancel, unsigned attempts) {
+  std::string room = std::move(out.body); // a caller's earlier answer: its memory takes this one
+  room.clear();
   out = Reply();
   http::TransferRequest request;
   request.method = method;
@@ -42,6 +44,7 @@ bool RequestWithRetry(http::HttpConnectionPool& pool, const qz::Url& url, http::
     request.contentType = "application/json";
   }
   http::StringSink sink;
+  sink.body = std::move(room);
   http::TransferOutcome outcome;
   const http::CancelToken token = http::CancelToken::Watching(cancel);
   const bool answered = http::PerformTransfer(pool, request, sink, outcome, CouchRetryPolicy(attempts), &token);
