@@ -312,7 +312,7 @@ TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
 // Queued requests wait here, and a request's time-out would expire while it waits if its clock
 // started there. The parameters' limits hold per request.
 TEST_F(MultiConnection, LimitsCountFromTheTransferStart) {
-  Multi multi(1); // one transfer at a time
+  Multi multi(1);                                        // one transfer at a time
   multi.editConnectionParameters().totalTimeoutMs = 800; // less than the three stalls in a row
   multi.editConnectionParameters().maxBodyBytes = 1000;
   Collector c;
