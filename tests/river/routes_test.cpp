@@ -82,6 +82,24 @@ TEST_F(RiverRouteTest, EachDocumentIsHeldOnceWhereItsRouteSaysThroughEditsRepair
   EXPECT_EQ(es("GET", "/docs-2-g1"), 404);
 }
 
+#ifdef HTTPTOOLS_CLI
+TEST_F(RiverRouteTest, TheProgramRoutesByFieldsNestedOrNot) {
+  put({{"_id", "a"}, {"n", 7}, {"meta", qzVariantMapImpl{{"tenant", "acme"}}}});
+  put({{"_id", "b"}, {"n", true}});
+  put({{"_id", "c"}, {"meta", "flat"}});
+  std::string out;
+  ASSERT_EQ(cli({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--once", "--routing-field", "n",
+                 "--index-suffix-field", "meta.tenant"},
+                &out),
+            0)
+      << out;
+  EXPECT_EQ(docStatus("docs-1-acme", "a", "7"), 200);
+  EXPECT_EQ(docStatus("docs-1", "b", "true"), 200);
+  EXPECT_EQ(es("GET", "/docs-1/_doc/c"), 200);
+  EXPECT_EQ(aliased(), (std::vector<std::string>{"docs-1", "docs-1-acme"}));
+}
+#endif
+
 TEST_F(RiverRouteTest, ASuffixThatMakesNoIndexNameStopsTheRiverNamingTheDocument) {
   load(0, 3);
   def.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
