@@ -3,6 +3,7 @@
 
 #include <HttpTools/river/River.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,12 +23,17 @@ struct RiverConfig {
 };
 
 // Reads a configuration file (a JSON object: "workers" and "rivers", each river with "name",
-// "source", "target", "alias", "mapping", "selector", "sourceHeaders", "targetHeaders" and
-// "options"). False with a message naming the key at fault.
+// "source", "target", "alias", "mapping", "selector", "routingField", "indexSuffixField",
+// "sourceHeaders", "targetHeaders" and "options"). False with a message naming the key at fault.
 bool ReadRiverConfig(const std::string& path, RiverConfig& config, std::string& error);
 // Puts the selector and the header lines of `entry` into its definition; false with a message
 // for what the definition cannot carry.
 bool ApplyRiverExtras(RiverConfigEntry& entry, std::string& error);
+
+// A route from two fields of the document (dotted paths; "" or a missing field: the default):
+// its routing value and its index suffix, as text.
+std::function<void(const qz::qzVariantMapImpl&, qz::river::RiverRoute&)> RouteByFields(const std::string& routingField,
+                                                                                       const std::string& suffixField);
 
 // --status, --reset, --remove [--delete-index] for each of `rivers`; sets the exit code.
 enum class RiverAdminAction { Status, Reset, Remove };

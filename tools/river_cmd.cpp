@@ -39,7 +39,7 @@ struct RiverArgs {
   std::string configFile;
   bool status = false, reset = false, remove = false, deleteIndex = false, logJson = false;
   unsigned maxDocsPerSecond = 0;
-  std::string deadLetterFile, replayFile, selector;
+  std::string deadLetterFile, replayFile, selector, routingField, suffixField;
   std::string metrics; // HOST:PORT serving /metrics and /healthz
 };
 
@@ -348,6 +348,7 @@ void RunRiver(const RiverArgs& a) {
   if (!a.deadLetterFile.empty())
     def.deadLetter = qz::river::DeadLetterFile(a.deadLetterFile);
   def.selectorJson = a.selector;
+  def.route = RouteByFields(a.routingField, a.suffixField);
 
   if (a.verify || a.repair || !a.replayFile.empty()) {
     qz::http::HttpConnectionPool pool;
@@ -480,6 +481,9 @@ void AddRiverCommand(CLI::App& app) {
       ->excludes(follow)
       ->excludes(verify);
   cmd->add_option("--selector", a->selector, "Mango selector (JSON): only matching documents are indexed");
+  cmd->add_option("--routing-field", a->routingField, "Route each document by this field's value (a.b: nested)");
+  cmd->add_option("--index-suffix-field", a->suffixField,
+                  "Index each document in <index>-<this field's value>, behind the alias (a.b: nested)");
   AddConnectionOptions(cmd, a->conn, false);
   cmd->add_option("--source-header", a->sourceHeaders,
                   "Header line for CouchDB: \"Name: value\", \"Name: @FILE\" (value read from FILE) or @FILE of lines "

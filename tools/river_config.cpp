@@ -109,10 +109,11 @@ bool ReadRiver(const qzVariant& item, const std::string& path, const std::filesy
   }
   Fields f(item.toMap(), path, error);
   auto& d = entry.definition;
-  std::string source, target, alias, mapping;
-  if (!f.onlyKnown(
-          {"name", "source", "target", "alias", "mapping", "selector", "sourceHeaders", "targetHeaders", "options"}) ||
+  std::string source, target, alias, mapping, routingField, suffixField;
+  if (!f.onlyKnown({"name", "source", "target", "alias", "mapping", "selector", "routingField", "indexSuffixField",
+                    "sourceHeaders", "targetHeaders", "options"}) ||
       !f.string("name", d.name, true) || !f.string("source", source, true) || !f.string("target", target, true) ||
+      !f.string("routingField", routingField) || !f.string("indexSuffixField", suffixField) ||
       !f.string("alias", alias) || !f.string("mapping", mapping) || !f.strings("sourceHeaders", entry.sourceHeaders) ||
       !f.strings("targetHeaders", entry.targetHeaders) || !ReadOptions(f, f.find("options"), path, d, error))
     return false;
@@ -141,10 +142,42 @@ bool ReadRiver(const qzVariant& item, const std::string& path, const std::filesy
       return f.fail("selector", "must be a JSON object (a Mango selector)");
     qz::json::Json2Variant::Convert(*selector, entry.selectorJson, false);
   }
+  d.route = RouteByFields(routingField, suffixField);
   return true;
 }
 
 } // namespace
+
+std::function<void(const qzVariantMapImpl&, qz::river::RiverRoute&)> RouteByFields(const std::string& routingField,
+                                                                                   const std::string& suffixField) {
+  if (routingField.empty() && suffixField.empty())
+    return {};
+  auto text = [](const qzVariantMapImpl& doc, const std::string& path) {
+    const qzVariantMapImpl* map = &doc;
+    for (size_t at = 0;;) {
+      const size_t dot = path.find('.', at);
+      const auto it = map->find(path.substr(at, dot == std::string::npos ? dot : dot - at));
+      if (it == map->end())
+        return std::string();
+      if (dot == std::string::npos) { // a number or a boolean as its JSON text
+        std::string out;
+        if (!it->second.isNull() && !it->second.isString())
+          qz::json::Json2Variant::Convert(it->second, out, false);
+        return it->second.isString() ? it->second.toString() : out;
+      }
+      if (!it->second.isMap())
+        return std::string();
+      map = &it->second.toMap();
+      at = dot + 1;
+    }
+  };
+  return [=](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
+    if (!routingField.empty())
+      route.routing = text(doc, routingField);
+    if (!suffixField.empty())
+      route.indexSuffix = text(doc, suffixField);
+  };
+}
 
 bool ReadRiverConfig(const std::string& path, RiverConfig& config, std::string& error) {
   std::string text;

@@ -31,6 +31,14 @@ struct HTTPTOOLS_API RiverDeadLetter {
   std::string source;    ///< the document sent (JSON); empty for a delete
 };
 
+/// Where one document goes, as RiverDefinition::route sets it.
+struct HTTPTOOLS_API RiverRoute {
+  std::string routing; ///< Elasticsearch's routing value; "": the default
+  /// "": the river's index; "x": the index `<river index>-x` beside it, behind the same alias,
+  /// made with the same mapping. Lower case letters, digits, `_`, `-` and `.`.
+  std::string indexSuffix;
+};
+
 /// One CouchDB database kept in step with one Elasticsearch alias.
 struct HTTPTOOLS_API RiverDefinition {
   std::string name;                                       ///< unique among the rivers sharing `stateIndex`
@@ -40,7 +48,12 @@ struct HTTPTOOLS_API RiverDefinition {
   std::string index;       ///< an alias name; the river writes into `<index>-<n>` behind it
   std::string mappingJson; ///< the wanted mapping ("{}" = dynamic)
   std::function<bool(qzVariantMapImpl& doc)> transform; ///< edit the document; false skips it
-  size_t batchDocs = 1000;                              ///< changes per batch, each written with one _bulk request
+  /// Sets each document's route, after the transform. A document whose route changes is deleted
+  /// at its old place when it is written at the new one; a deleted or skipped one is deleted
+  /// wherever it is held. Changing the function itself re-routes documents as they are next
+  /// edited; ResetRiver() re-routes them all.
+  std::function<void(const qzVariantMapImpl& doc, RiverRoute& route)> route;
+  size_t batchDocs = 1000;         ///< changes per batch, each written with one _bulk request
   unsigned flushIntervalMs = 1000; ///< following several rivers on one worker: how often each feed is polled
 
   /// Where the river keeps its checkpoint and lease (one document named after the river).

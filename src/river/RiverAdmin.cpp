@@ -72,14 +72,20 @@ bool RemoveRiver(http::HttpConnectionPool& pool, const RiverDefinition& definiti
     return Fail(error, "the river " + definition.name + " has no stored state in " + definition.stateIndex);
   if (state.leaseLive)
     return Fail(error, "the river " + definition.name + " runs in " + state.owner + "; stop it first");
-  if (deleteIndices)
-    for (const std::string& index : {state.buildingIndex, state.liveIndex}) {
-      if (index.empty())
-        continue;
-      const auto resp = detail::CallElastic(pool, "DELETE", definition.elastic.toIndexUrl(index, {}), nullptr, nullptr);
+  detail::IndexManager indices(pool, definition.elastic, definition.index, definition.mappingJson);
+  for (const std::string& base : {state.buildingIndex, state.liveIndex}) {
+    std::vector<std::pair<std::string, bool>> members; // with the suffix indices of routed documents
+    if (!deleteIndices || base.empty())
+      continue;
+    if (auto listed = indices.family(base, members, nullptr); !listed.ok())
+      return Fail(error, listed.message);
+    for (const auto& member : members) {
+      const auto resp =
+          detail::CallElastic(pool, "DELETE", definition.elastic.toIndexUrl(member.first, {}), nullptr, nullptr);
       if (resp.status != 200 && resp.status != 404)
-        return Fail(error, detail::ElasticFailure("deleting " + index, resp).message);
+        return Fail(error, detail::ElasticFailure("deleting " + member.first, resp).message);
     }
+  }
   const auto resp = detail::CallElastic(
       pool, "DELETE", definition.elastic.toDocumentUrl(definition.stateIndex, definition.name, {}), nullptr, nullptr);
   if (resp.status != 200 && resp.status != 404)

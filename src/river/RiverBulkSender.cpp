@@ -112,9 +112,13 @@ private:
   // as too large is Done with `tooLarge` holding the refusal and nothing else kept.
   RiverOutcome sendRound(std::vector<BulkOp>& ops, bool overwrite, std::vector<BulkOp>& conflicts,
                          std::vector<RiverDeadLetter>& letters, RiverDeadLetter& tooLarge, const bool* cancel) {
+    // By place and id: a routed document's old copy is deleted beside its new one.
+    auto key = [](const std::string& index, const std::string& routing, const std::string& id) {
+      return index + '\n' + routing + '\n' + id;
+    };
     std::unordered_map<std::string, size_t> byId;
     for (size_t i = 0; i < ops.size(); ++i)
-      byId[ops[i].id] = i; // a document twice in a batch: its later state wins
+      byId[key(ops[i].index, ops[i].routing, ops[i].id)] = i; // a document twice in a batch: its later state wins
     std::mutex mutex;
     BulkProgress progress;
     std::vector<size_t> conflicted, refused;
@@ -126,9 +130,9 @@ private:
     indexer.setRetries(m_retries, 100);
     indexer.onItemOutcome([&](const BulkItem& item, const BulkOutcome& out) {
       std::lock_guard<std::mutex> lock(mutex);
-      const size_t i = byId.at(item.id);
-      if (out.ok()) {
-        if (out.result != "not_found")
+      const size_t i = byId.at(key(item.index, item.routing, item.id));
+      if (out.ok() || (out.status == 409 && ops[i].relocation)) {
+        if (out.result != "not_found" && !ops[i].relocation)
           ++(ops[i].remove ? progress.deleted : progress.indexed);
       } else if (out.errorType == "cancelled") {
         ++cancelled;
@@ -154,6 +158,7 @@ private:
       item.op = op.remove ? qz::elasticsearch::BulkOp::Delete : qz::elasticsearch::BulkOp::Index;
       item.index = op.index;
       item.id = op.id;
+      item.routing = op.routing;
       if (!overwrite && op.version >= 0) { // a negative version: above whatever is stored
         item.version = op.version;
         item.versionType = qz::elasticsearch::BulkVersionType::External;
@@ -193,7 +198,10 @@ private:
   // otherwise the stored state is older (a purge, a recreated database, an index of the earlier
   // versioning) and `op` goes `again`, written above it.
   RiverOutcome settle(const BulkOp& op, bool& again, const bool* cancel) {
-    const auto resp = CallElastic(m_pool, "GET", m_elastic.toDocumentUrl(op.index, op.id, {}), nullptr, cancel);
+    qz::Url::QueryParameters query;
+    if (!op.routing.empty())
+      query.emplace_back("routing", op.routing);
+    const auto resp = CallElastic(m_pool, "GET", m_elastic.toDocumentUrl(op.index, op.id, query), nullptr, cancel);
     if (resp.status != 200 && resp.status != 404)
       return ElasticFailure("reading " + op.id + " after a version conflict", resp);
     qzVariantMapImpl doc;

@@ -131,11 +131,14 @@ bool ReplayDeadLetters(qz::http::HttpConnectionPool& pool, const RiverDefinition
     qz::couch::ChangesFeedListener feed(pool, definition.couch, definition.database, options);
     std::vector<BulkOp> ops;
     const Transform transform = RiverTransform(definition);
+    std::string index;
+    if (auto found = WriteIndex(pool, definition, index, cancel); !found.ok())
+      return fail(found.message);
     if (!feed.run(
             [&](const qz::couch::Change& change) {
               BulkOp op;
               bool skipped = false;
-              if (ChangeToOp(change, definition.index, transform, op, skipped))
+              if (ChangeToOp(change, index, transform, op, skipped))
                 ops.push_back(std::move(op));
               return true;
             },
@@ -143,12 +146,13 @@ bool ReplayDeadLetters(qz::http::HttpConnectionPool& pool, const RiverDefinition
       return fail("CouchDB: " + why);
     StopSignal stop;
     const size_t count = ops.size();
-    auto sender = MakeBulkSender(
-        pool, definition.elastic, definition.name, stop, [](const BulkProgress&) {}, 5,
-        [&](const RiverDeadLetter& letter) {
-          still.push_back(letter);
-          return true;
-        });
+    auto sender = RouteIfNeeded(pool, definition,
+                                MakeBulkSender(
+                                    pool, definition.elastic, definition.name, stop, [](const BulkProgress&) {}, 5,
+                                    [&](const RiverDeadLetter& letter) {
+                                      still.push_back(letter);
+                                      return true;
+                                    }));
     if (const RiverOutcome sent = sender->send(ops, cancel); !sent.ok())
       return fail(sent.idle() ? "cancelled" : sent.message);
     replay.refused = still.size();

@@ -20,15 +20,24 @@ std::string SelectorError(const std::string& selectorJson) {
 }
 
 Transform RiverTransform(const RiverDefinition& def) {
-  if (def.selectorJson.empty())
-    return def.transform;
-  qzVariantMapImpl parsed;
-  qz::json::Json2Variant::Convert(def.selectorJson, parsed);
-  return [selector = qzVariant(std::move(parsed)), transform = def.transform](qzVariantMapImpl& doc) {
+  if (def.selectorJson.empty() && !def.transform && !def.route)
+    return {};
+  qzVariant selector;
+  if (!def.selectorJson.empty()) {
+    qzVariantMapImpl parsed;
+    qz::json::Json2Variant::Convert(def.selectorJson, parsed);
+    selector = std::move(parsed);
+  }
+  return [selector = std::move(selector), transform = def.transform, route = def.route](qzVariantMapImpl& doc,
+                                                                                        RiverRoute& where) {
     // Matched on a copy: MatchesSelector takes variants, the transform edits the map itself.
-    if (!qz::couch::MatchesSelector(selector, qzVariant(doc)))
+    if (selector.isMap() && !qz::couch::MatchesSelector(selector, qzVariant(doc)))
       return false;
-    return !transform || transform(doc);
+    if (transform && !transform(doc))
+      return false;
+    if (route)
+      route(doc, where);
+    return true;
   };
 }
 

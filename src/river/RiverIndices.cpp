@@ -2,6 +2,7 @@
 
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/river/RiverMapping_p.h>
+#include <HttpTools/river/RiverPipeline_p.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -52,14 +53,20 @@ RiverOutcome IndexManager::findLive(std::string& live, const bool* cancel) {
     return ElasticFailure("reading the alias " + m_alias, resp);
   qzVariantMapImpl all;
   qz::json::Json2Variant::Convert(resp.body, all);
-  for (const auto& [name, info] : all) {
-    if (!info.isMap() || !mapAt(info.toMap(), "aliases").count(m_alias))
-      continue;
-    if (!live.empty())
+  std::vector<std::string> held;
+  for (const auto& [name, info] : all)
+    if (info.isMap() && mapAt(info.toMap(), "aliases").count(m_alias))
+      held.push_back(name);
+  if (held.empty())
+    return all.count(m_alias) ? notAnAlias() : RiverOutcome::Done();
+  // One river index, and suffix indices of that one only.
+  live = RiverIndexOf(m_alias, held.front());
+  for (const auto& name : held)
+    if (live.empty() || RiverIndexOf(m_alias, name) != live || !std::count(held.begin(), held.end(), live)) {
+      live.clear();
       return RiverOutcome::Failure(Side::Elastic, true, "the alias " + m_alias + " points to more than one index");
-    live = name;
-  }
-  return live.empty() && all.count(m_alias) ? notAnAlias() : RiverOutcome::Done();
+    }
+  return RiverOutcome::Done();
 }
 
 RiverOutcome IndexManager::compare(const std::string& index, Match& match, const bool* cancel) {
@@ -105,23 +112,38 @@ RiverOutcome IndexManager::create(const std::string& index, bool withAlias, bool
   return ElasticFailure("creating " + index, resp);
 }
 
-RiverOutcome IndexManager::drop(const std::string& index, const bool* cancel) {
-  // An index that an alias points to is live (a swap whose answer was lost moved it there).
-  const auto aliases = CallElastic(m_pool, "GET", m_elastic.toApiUrl({index, "_alias"}, {}), nullptr, cancel);
+RiverOutcome IndexManager::family(const std::string& base, std::vector<std::pair<std::string, bool>>& members,
+                                  const bool* cancel) {
+  members.clear();
+  // A pattern: no 404 when nothing matches, and "<base>*" also names other generations' indices.
+  const auto aliases = CallElastic(m_pool, "GET", m_elastic.toApiUrl({base + "*", "_alias"}, {}), nullptr, cancel);
   if (aliases.status == 404)
     return RiverOutcome::Done();
   if (aliases.status != 200)
-    return ElasticFailure("reading the aliases of " + index, aliases);
+    return ElasticFailure("reading the aliases of " + base, aliases);
   qzVariantMapImpl all;
   if (!qz::json::Json2Variant::Convert(aliases.body, all))
-    return RiverOutcome::Failure(Side::Elastic, false, "reading the aliases of " + index + ": malformed answer");
+    return RiverOutcome::Failure(Side::Elastic, false, "reading the aliases of " + base + ": malformed answer");
   for (const auto& [name, info] : all)
-    if (info.isMap() && !mapAt(info.toMap(), "aliases").empty())
-      return RiverOutcome::Failure(Side::Elastic, true, "not deleting " + index + ": an alias points to it");
-  const auto resp = CallElastic(m_pool, "DELETE", m_elastic.toIndexUrl(index, {}), nullptr, cancel);
-  if (resp.status == 200 || resp.status == 404)
-    return RiverOutcome::Done();
-  return ElasticFailure("deleting " + index, resp);
+    if (name == base || RiverIndexOf(m_alias, name) == base)
+      members.emplace_back(name, info.isMap() && !mapAt(info.toMap(), "aliases").empty());
+  return RiverOutcome::Done();
+}
+
+RiverOutcome IndexManager::drop(const std::string& index, const bool* cancel) {
+  std::vector<std::pair<std::string, bool>> members;
+  if (auto listed = family(index, members, cancel); !listed.ok())
+    return listed;
+  // An index that an alias points to is live (a swap whose answer was lost moved it there).
+  for (const auto& [name, aliased] : members)
+    if (aliased)
+      return RiverOutcome::Failure(Side::Elastic, true, "not deleting " + name + ": an alias points to it");
+  for (const auto& member : members) {
+    const auto resp = CallElastic(m_pool, "DELETE", m_elastic.toIndexUrl(member.first, {}), nullptr, cancel);
+    if (resp.status != 200 && resp.status != 404)
+      return ElasticFailure("deleting " + member.first, resp);
+  }
+  return RiverOutcome::Done();
 }
 
 RiverOutcome IndexManager::prepare(RiverState& state, const bool* cancel) {
@@ -229,10 +251,19 @@ RiverOutcome IndexManager::swap(RiverState& state, const bool* cancel) {
   const std::string& fresh = state.building;
   CallElastic(m_pool, "POST", m_elastic.toApiUrl({fresh, "_refresh"}, {}), nullptr, cancel);
   auto action = [&](const char* name, const std::string& index) {
-    return qzVariantMapImpl{{name, qzVariantMapImpl{{"index", index}, {"alias", m_alias}}}};
+    return qzVariant(qzVariantMapImpl{{name, qzVariantMapImpl{{"index", index}, {"alias", m_alias}}}});
   };
-  const std::string body =
-      JsonText(qzVariantMapImpl{{"actions", qzVariantListImpl{action("remove", state.index), action("add", fresh)}}});
+  // The alias moves with the suffix indices of both river indices.
+  qzVariantListImpl actions;
+  for (const auto& [base, verb] : {std::pair<std::string, const char*>{state.index, "remove"}, {fresh, "add"}}) {
+    std::vector<std::pair<std::string, bool>> members;
+    if (auto listed = family(base, members, cancel); !listed.ok())
+      return listed;
+    for (const auto& [name, aliased] : members)
+      if (aliased == (verb[0] == 'r'))
+        actions.push_back(action(verb, name));
+  }
+  const std::string body = JsonText(qzVariantMapImpl{{"actions", std::move(actions)}});
   const auto resp = CallElastic(m_pool, "POST", m_elastic.toApiUrl({"_aliases"}, {}), &body, cancel);
   if (resp.status != 200) {
     // A lost answer may have been sent again and refused: the alias tells whether it moved.

@@ -3,10 +3,13 @@
 #include <HttpTools/river/RiverCheckpoint_p.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qz::river::detail {
 
-// The indices behind a river's alias, named `<alias>-<n>`. Each is created with the wanted
+// The indices behind a river's alias, named `<alias>-<n>`, each with the suffix indices
+// `<alias>-<n>-<suffix>` a route writes to (the river index's family). Each is created with the wanted
 // mapping, a copy of which is kept in its `_meta`, so that a change of mapping is told from the
 // way the server echoes one. A new mapping is filled into `<alias>-<n+1>` beside the live index;
 // the alias moves once it has caught up.
@@ -29,10 +32,13 @@ public:
   // Fills a new index from seq 0 beside the live one whatever the mapping (the source database
   // was created again); the alias moves once it has caught up.
   RiverOutcome rebuild(RiverState& state, const bool* cancel);
-  // A missing index is no failure; one that an alias points to is never deleted.
+  // Drops a river index with its suffix indices. A missing index is no failure; one that an
+  // alias points to is never deleted.
   RiverOutcome drop(const std::string& index, const bool* cancel);
+  // The river index `base` and its suffix indices, each with whether an alias points to it.
+  RiverOutcome family(const std::string& base, std::vector<std::pair<std::string, bool>>& members, const bool* cancel);
 
-  // The live index behind the alias ("" when there is none).
+  // The live river index behind the alias ("" when there is none).
   RiverOutcome findLive(std::string& live, const bool* cancel);
   enum class Match : uint8_t { Same, Different, Missing };
   RiverOutcome compare(const std::string& index, Match& match, const bool* cancel);

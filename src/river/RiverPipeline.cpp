@@ -24,14 +24,16 @@ bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const
   op.id = change.id;
   op.seq = change.seq;
   op.source.clear();
+  op.routing.clear();
   op.remove = change.deleted || change.id.rfind("_design/", 0) == 0 || !change.doc.isMap();
   if (op.remove)
     return true;
   qzVariantMapImpl doc = change.doc.toMap();
   bool keep = true;
+  RiverRoute route;
   if (transform) {
     try {
-      keep = transform(doc);
+      keep = transform(doc, route);
     } catch (...) {
       keep = false;
     }
@@ -39,6 +41,9 @@ bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const
   op.remove = skipped = !keep;
   if (op.remove)
     return true;
+  op.routing = std::move(route.routing);
+  if (!route.indexSuffix.empty())
+    op.index += "-" + route.indexSuffix;
   for (const char* meta : {"_id", "_rev", "_attachments", "_conflicts", "_deleted", "_revisions"})
     doc.erase(meta);
   doc[kRevField] = op.rev;

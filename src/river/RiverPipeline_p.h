@@ -24,18 +24,23 @@ struct BulkOp {
   bool remove = false;
   std::string source;   // index: the document as JSON, `kRevField` included
   std::string seq = {}; // the change that asked for it
-  size_t size() const { return index.size() + id.size() + source.size() + 96; }
+  std::string routing = {};
+  // Removes a routed document's copy at its old place: a conflict means a copy at least as new
+  // is held there, which is done; not counted as a deletion.
+  bool relocation = false;
+  size_t size() const { return index.size() + id.size() + source.size() + routing.size() + 96; }
 };
 
-using Transform = std::function<bool(qzVariantMapImpl& doc)>;
+// Edits a document and sets its route; false leaves it out.
+using Transform = std::function<bool(qzVariantMapImpl& doc, RiverRoute& route)>;
 
-// The operation a change (read with every leaf revision) asks for in `index`: the document,
-// transformed; or a delete, for deleted and design documents and those the transform leaves out
-// (`skipped`). False when the change carries no revision.
+// The operation a change (read with every leaf revision) asks for in `index` (or in the index of
+// its route's suffix): the document, transformed; or a delete, for deleted and design documents
+// and those the transform leaves out (`skipped`). False when the change carries no revision.
 bool ChangeToOp(const qz::couch::Change& change, const std::string& index, const Transform& transform, BulkOp& op,
                 bool& skipped);
 
-// The definition's transform behind its selector: a document the selector leaves out is
+// The definition's selector, transform and route in one: a document the selector leaves out is
 // skipped. SelectorError() tells a selector that cannot be read ("" when it can).
 Transform RiverTransform(const RiverDefinition& def);
 std::string SelectorError(const std::string& selectorJson);
@@ -71,6 +76,22 @@ std::unique_ptr<BulkSender> MakeBulkSender(http::HttpConnectionPool& pool,
                                            StopSignal& stop, std::function<void(const BulkProgress&)> progress,
                                            unsigned retries = 5,
                                            std::function<bool(const RiverDeadLetter&)> deadLetter = {});
+
+// For rivers with a route: before `inner` sends a batch, creates the suffix indices it writes
+// to (with the wanted mapping, and the alias when their river index has it), then finds where
+// the batch's documents are held in their river index and its suffix indices, and deletes the
+// copies at other places. A delete goes to every place the document is held.
+std::unique_ptr<BulkSender> MakeRoutedSender(http::HttpConnectionPool& pool,
+                                             qz::elasticsearch::ElasticConnectionParameters elastic,
+                                             const RiverDefinition& def, std::unique_ptr<BulkSender> inner);
+// `inner`, routed when `def` has a route.
+std::unique_ptr<BulkSender> RouteIfNeeded(http::HttpConnectionPool& pool, const RiverDefinition& def,
+                                          std::unique_ptr<BulkSender> inner);
+// Where a repair or replay writes: the alias, or for a routed river the live river index.
+RiverOutcome WriteIndex(http::HttpConnectionPool& pool, const RiverDefinition& def, std::string& index,
+                        const bool* cancel);
+// "<alias>-<n>" for "<alias>-<n>" and its suffix indices "<alias>-<n>-<suffix>"; "" otherwise.
+std::string RiverIndexOf(const std::string& alias, const std::string& index);
 
 // Gathers operations into batches of `batchDocs` (or `batchBytes`) and writes each full batch
 // on a thread of its own while the next one fills: one batch in flight at most, add() waits for

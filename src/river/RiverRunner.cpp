@@ -30,6 +30,7 @@ RiverRunner::RiverRunner(http::HttpConnectionPool& pool, RiverDefinition definit
         });
       },
       5, m_def.deadLetter);
+  m_sender = RouteIfNeeded(pool, m_def, std::move(m_sender));
   m_status.name = m_def.name;
 }
 

@@ -138,7 +138,8 @@ public:
   Verifier(http::HttpConnectionPool& pool, const RiverDefinition& def, bool repair, RiverDrift& drift,
            const bool* cancel)
       : m_pool(pool), m_def(def), m_repair(repair), m_drift(drift), m_cancel(cancel),
-        m_sender(MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {})),
+        m_sender(
+            RouteIfNeeded(pool, def, MakeBulkSender(pool, def.elastic, def.name, m_stop, [](const BulkProgress&) {}))),
         m_transform(RiverTransform(def)) {}
 
   // CouchDB's winners are looked up in the index. The index can hold more only when it counts
@@ -148,6 +149,10 @@ public:
   // what the lookups found, they are those ids, and only a mismatch (a false "present" of the
   // filter, or writes meanwhile) costs a second scan that looks them up too.
   bool run(std::string& error) {
+    if (auto found = WriteIndex(m_pool, m_def, m_index, m_cancel); !found.ok())
+      return error = found.message, false;
+    if (m_def.route) // documents are looked up by a search, which sees refreshed writes only
+      CallElastic(m_pool, "POST", m_def.elastic.toApiUrl({m_def.index, "_refresh"}, {}), nullptr, m_cancel);
     const int64_t held = countHeld();
     if (!couchSide(error))
       return false;
@@ -221,8 +226,9 @@ private:
         if (m_transform && r.count("doc") && r.at("doc").isMap()) {
           qzVariantMapImpl doc = r.at("doc").toMap();
           bool keep = false;
+          RiverRoute route;
           try {
-            keep = m_transform(doc);
+            keep = m_transform(doc, route);
           } catch (...) {
           }
           if (!keep)
@@ -249,15 +255,22 @@ private:
     return answer["count"].toInt64();
   }
 
-  // One page of winners against _mget on the alias.
+  // One page of winners against _mget on the alias, or a search by ids where routes spread
+  // documents over several indices (a document held twice shows as stale).
   bool checkWinners(const Winners& winners, std::string& error) {
     qzVariantListImpl ids;
     for (const auto& w : winners)
       ids.emplace_back(w.first);
-    const std::string body = JsonText(qzVariantMapImpl{{"ids", std::move(ids)}});
-    const auto resp =
-        CallElastic(m_pool, "POST", m_def.elastic.toApiUrl({m_def.index, "_mget"}, {{"_source_includes", kRevField}}),
-                    &body, m_cancel);
+    const size_t count = ids.size();
+    const std::string body =
+        m_def.route ? JsonText(qzVariantMapImpl{{"query", qzVariantMapImpl{{"ids", qzVariantMapImpl{{"values", ids}}}}},
+                                                {"size", int64_t(count * 4)},
+                                                {"_source", qzVariantListImpl{kRevField}}})
+                    : JsonText(qzVariantMapImpl{{"ids", std::move(ids)}});
+    const auto resp = CallElastic(
+        m_pool, "POST",
+        m_def.elastic.toApiUrl({m_def.index, m_def.route ? "_search" : "_mget"}, {{"_source_includes", kRevField}}),
+        &body, m_cancel);
     qzVariantMapImpl answer;
     if (resp.status == 404) { // no index yet: everything is missing
       answer["docs"] = qzVariantListImpl{};
@@ -266,6 +279,14 @@ private:
       return false;
     }
     std::unordered_map<std::string, std::string> stored; // id -> revision held ("" without one)
+    const qzVariant hits = m_def.route ? qzVariant(answer["hits"]).asMap()["hits"] : qzVariant();
+    if (m_def.route)
+      for (const auto& hit : hits.toList()) {
+        qzVariantMapImpl h = hit.toMap();
+        const std::string id = h["_id"].toString();
+        const std::string rev = qzVariant(h["_source"]).asMap()[kRevField].toString();
+        stored[id] = stored.count(id) ? std::string() : rev;
+      }
     for (const auto& d : answer["docs"].toList()) {
       const auto& doc = d.toMap();
       if (doc.count("error"))
@@ -372,7 +393,7 @@ private:
             [&](const qz::couch::Change& change) {
               BulkOp op;
               bool skipped = false;
-              if (ChangeToOp(change, m_def.index, m_transform, op, skipped))
+              if (ChangeToOp(change, m_index, m_transform, op, skipped))
                 ops.push_back(std::move(op));
               return true;
             },
@@ -411,6 +432,7 @@ private:
   StopSignal m_stop;
   std::unique_ptr<BulkSender> m_sender;
   const Transform m_transform; // the selector, then the definition's transform
+  std::string m_index;         // where repairs write: the alias, or a routed river's live index
 };
 
 } // namespace

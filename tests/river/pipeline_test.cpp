@@ -29,10 +29,14 @@ qz::couch::Change MakeChange(const std::string& id, std::vector<std::string> rev
 }
 
 TEST(RiverPipeline, EachChangeBecomesTheOperationItAsksFor) {
-  const Transform transform = [](qz::qzVariantMapImpl& doc) {
+  const Transform transform = [](qz::qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
     if (doc.count("boom"))
       throw std::runtime_error("boom");
     doc["seen"] = 1;
+    route.routing = doc["owner"].toString();
+    route.indexSuffix = doc["tenant"].toString();
+    doc.erase("owner");
+    doc.erase("tenant");
     return !doc.count("drop");
   };
   struct Case {
@@ -40,8 +44,11 @@ TEST(RiverPipeline, EachChangeBecomesTheOperationItAsksFor) {
     bool needsOp, skipped, remove;
     std::string rev;
     int64_t version;
-    std::string source;
+    std::string source, index = "i-1", routing = "";
   } cases[] = {
+      {MakeChange("o", {"1-x"}, R"({"_rev":"1-x","owner":"ann","tenant":"t1"})"), true, false, false, "1-x", 1,
+       R"({"httptools_rev":"1-x","seen":1})", "i-1-t1", "ann"},
+      {MakeChange("p", {"1-x"}, R"({"_rev":"1-x","owner":"bob","drop":1})"), true, true, true, "1-x", 1, ""},
       {MakeChange("a", {"3-x"}, R"({"_id":"a","_rev":"3-x","_revisions":{},"n":1})"), true, false, false, "3-x", 3,
        R"({"httptools_rev":"3-x","n":1,"seen":1})"},
       // A lower leaf won after the winner was deleted: the leaves in feed order, the sum rises.
@@ -60,8 +67,8 @@ TEST(RiverPipeline, EachChangeBecomesTheOperationItAsksFor) {
     const bool needsOp = ChangeToOp(c.change, "i-1", transform, op, skipped);
     EXPECT_EQ(std::tuple(needsOp, skipped), std::tuple(c.needsOp, c.skipped)) << c.change.id;
     if (needsOp) {
-      EXPECT_EQ(std::tuple(op.remove, op.rev, op.version, op.source, op.index),
-                std::tuple(c.remove, c.rev, c.version, c.source, std::string("i-1")))
+      EXPECT_EQ(std::tuple(op.remove, op.rev, op.version, op.source, op.index, op.routing),
+                std::tuple(c.remove, c.rev, c.version, c.source, c.index, c.routing))
           << c.change.id;
     }
   }

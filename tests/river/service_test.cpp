@@ -75,6 +75,7 @@ TEST_F(RiverServiceTest, ConfigErrorsNameTheKey) {
       {river(R"(,"options":{"lease":1})"), "rivers[0].options.lease: unknown key"},
       {river(R"(,"mapping":"absent.json")"), "rivers[0].mapping: cannot read"},
       {river(R"(,"targetHeaders":"X: 1")"), "rivers[0].targetHeaders: must be a list of strings"},
+      {river(R"(,"indexSuffixField":["a"])"), "rivers[0].indexSuffixField: must be a non-empty string"},
       {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":"http://127.0.0.1:1"}]})",
        "rivers[0].alias: missing"},
       {R"({"rivers":[{"name":"a","source":"http://127.0.0.1:99999/db","target":")" + t + "\"}]}",

@@ -1,0 +1,115 @@
+#include "RiverFixture.h"
+
+using namespace rivertest;
+
+namespace {
+
+class RiverRouteTest : public RiverTest {
+protected:
+  void SetUp() override {
+    RiverTest::SetUp();
+    // Groups 0-2 go to an index of their own; routing by the parity of n.
+    def.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
+      const int64_t group = doc.at("group").toInt64();
+      route.indexSuffix = group < 3 ? "g" + std::to_string(group) : "";
+      route.routing = "o" + std::to_string(doc.at("n").toInt64() % 2);
+    };
+  }
+  // The indices the alias points to, sorted.
+  std::vector<std::string> aliased() {
+    std::string text;
+    qzVariantMapImpl all;
+    if (es("GET", "/_alias/docs", {}, &text) == 200)
+      qz::json::Json2Variant::Convert(text, all);
+    std::vector<std::string> names;
+    for (const auto& entry : all)
+      names.push_back(entry.first);
+    return names;
+  }
+  int docStatus(const std::string& index, const std::string& id, const std::string& routing) {
+    return es("GET", "/" + index + "/_doc/" + id + "?routing=" + routing);
+  }
+  void edit(const std::string& id, int64_t group) {
+    auto doc = couchDoc(id);
+    doc["group"] = group;
+    put(doc);
+  }
+};
+
+TEST_F(RiverRouteTest, EachDocumentIsHeldOnceWhereItsRouteSaysThroughEditsRepairsAndANewMapping) {
+  load(0, 30);
+  EXPECT_TRUE(runOnce(def).caughtUp);
+  expectIndexEqualsDatabase();
+  const std::vector<std::string> family1{"docs-1", "docs-1-g0", "docs-1-g1", "docs-1-g2"};
+  EXPECT_EQ(aliased(), family1);
+  EXPECT_EQ(docStatus("docs-1-g1", "d1", "o1"), 200); // group 1, n odd
+  EXPECT_EQ(docStatus("docs-1", "d4", "o0"), 200);
+
+  // Moves out of a suffix index, into one, between routings, and a deletion.
+  edit("d1", 5);
+  edit("d3", 0);
+  auto d6 = couchDoc("d6");
+  d6["n"] = 7; // routing o0 -> o1 in the river index
+  put(d6);
+  remove("d2");
+  EXPECT_TRUE(runOnce(def).caughtUp);
+  expectIndexEqualsDatabase();
+  EXPECT_EQ(docStatus("docs-1", "d1", "o1"), 200);
+  EXPECT_EQ(docStatus("docs-1-g0", "d3", "o1"), 200);
+  EXPECT_EQ(docStatus("docs-1-g2", "d2", "o0"), 404);
+
+  // A stray copy and a missing document, found and repaired.
+  ASSERT_EQ(es("PUT", "/docs-1-g0/_doc/d4?routing=o0", R"({"httptools_rev":"x"})"), 201);
+  ASSERT_EQ(es("DELETE", "/docs-1-g2/_doc/d9?routing=o1"), 200);
+  qz::river::RiverDrift drift;
+  std::string error;
+  ASSERT_TRUE(qz::river::VerifyRiver(pool, def, true, drift, &error, nullptr)) << error;
+  EXPECT_EQ(std::tuple(drift.stale, drift.missing, drift.extra), std::tuple(1u, 1u, 0u));
+  expectIndexEqualsDatabase();
+  ASSERT_TRUE(qz::river::VerifyRiver(pool, def, false, drift, &error, nullptr)) << error;
+  EXPECT_TRUE(drift.none());
+
+  // A new mapping fills a second family; the alias moves with it and the first one goes.
+  def.mappingJson = R"({"properties":{"n":{"type":"long"}}})";
+  EXPECT_EQ(runOnce(def).liveIndex, "docs-2");
+  expectIndexEqualsDatabase();
+  EXPECT_EQ(aliased(), (std::vector<std::string>{"docs-2", "docs-2-g0", "docs-2-g1", "docs-2-g2"}));
+  for (const auto& index : family1)
+    EXPECT_EQ(es("GET", "/" + index), 404) << index;
+
+  ASSERT_TRUE(qz::river::RemoveRiver(pool, def, true, &error)) << error;
+  EXPECT_TRUE(aliased().empty());
+  EXPECT_EQ(es("GET", "/docs-2-g1"), 404);
+}
+
+#ifdef HTTPTOOLS_CLI
+TEST_F(RiverRouteTest, TheProgramRoutesByFieldsNestedOrNot) {
+  put({{"_id", "a"}, {"n", 7}, {"meta", qzVariantMapImpl{{"tenant", "acme"}}}});
+  put({{"_id", "b"}, {"n", true}});
+  put({{"_id", "c"}, {"meta", "flat"}});
+  std::string out;
+  ASSERT_EQ(cli({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--once", "--routing-field", "n",
+                 "--index-suffix-field", "meta.tenant"},
+                &out),
+            0)
+      << out;
+  EXPECT_EQ(docStatus("docs-1-acme", "a", "7"), 200);
+  EXPECT_EQ(docStatus("docs-1", "b", "true"), 200);
+  EXPECT_EQ(es("GET", "/docs-1/_doc/c"), 200);
+  EXPECT_EQ(aliased(), (std::vector<std::string>{"docs-1", "docs-1-acme"}));
+}
+#endif
+
+TEST_F(RiverRouteTest, ASuffixThatMakesNoIndexNameStopsTheRiverNamingTheDocument) {
+  load(0, 3);
+  def.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
+    route.indexSuffix = doc.at("_id").toString() == "d1" ? "Upper" : "";
+  };
+  auto rivers = manager(def);
+  std::string error;
+  EXPECT_FALSE(rivers->runOnce(&error, nullptr));
+  EXPECT_NE(error.find("document d1: its route's index suffix \"Upper\" makes no valid index name"), std::string::npos)
+      << error;
+}
+
+} // namespace
