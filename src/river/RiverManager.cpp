@@ -191,9 +191,10 @@ public:
       qzLogObject(qzLog::Warning, "river") << "Heartbeat: " << beaten.message;
     return beaten.ok();
   }
-  // Beats every quarter of the shortest lease time until stopped, then removes the heartbeat.
+  // Beats every third of the shortest lease time (10 s at the default 30 s, as often as a lease
+  // is renewed) until stopped, then removes the heartbeat.
   void beatUntilStopped(detail::ProcessRegistry& registry, unsigned failures) {
-    while (stop.pause(failures ? detail::StopSignal::BackoffMs(failures + 3) : shortestLeaseMs() / 4, nullptr))
+    while (stop.pause(failures ? detail::StopSignal::BackoffMs(failures + 3) : shortestLeaseMs() / 3, nullptr))
       failures = beat(registry) ? 0 : failures + 1;
     registry.beat(true, nullptr);
   }
@@ -217,8 +218,8 @@ public:
     const RiverDefinition& first = rivers.front()->definition();
     detail::StateLocation where{first.elastic, first.stateIndex, processesDocument(), {}, {}};
     registryStore = std::make_unique<detail::CheckpointStore>(pool, where);
-    // A heartbeat lives half a lease (two beats): a process gone is seen before its leases expire.
-    registry = std::make_unique<detail::ProcessRegistry>(*registryStore, pool, where, owner, shortestLeaseMs() / 2);
+    // A heartbeat lives two beats: a process gone is seen before its leases expire.
+    registry = std::make_unique<detail::ProcessRegistry>(*registryStore, pool, where, owner, shortestLeaseMs() / 3 * 2);
     // The first beat before the rivers start, so that they start with this process's share.
     const unsigned failures = beat(*registry) ? 0 : 1;
     workers.emplace_back([this, failures] { beatUntilStopped(*registry, failures); });
