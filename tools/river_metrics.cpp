@@ -42,7 +42,7 @@ std::string MetricsText(const std::vector<qz::river::RiverStatus>& rivers) {
       {"httptools_river_deleted_total", "counter", "Documents deleted from the index since start.",
        [](const Status& s) { return double(s.deleted); }},
       {"httptools_river_rejected_total", "counter", "Documents Elasticsearch refused for good since start.",
-       [](const Status& s) { return double(s.failed); }},
+       [](const Status& s) { return double(s.rejected + s.failed); }}, // dead letters, and those that stopped it
       {"httptools_river_retries_total", "counter", "Items sent again after 429, 503 or a lost connection.",
        [](const Status& s) { return double(s.retries); }},
       {"httptools_river_lag_seconds", "gauge",

@@ -46,7 +46,8 @@ TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
   load(0, 30);
   const int port = qztest::FreeLoopbackPort();
   spawn({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--follow", "--name", "orders \"eu\"", "--lease-ms",
-         "3000", "--status-ms", "100000", "--metrics", "127.0.0.1:" + std::to_string(port)});
+         "3000", "--status-ms", "100000", "--metrics", "127.0.0.1:" + std::to_string(port), "--mapping",
+         scratch("mapping.json", R"({"properties":{"n":{"type":"long"}}})"), "--dead-letter", scratch("letters")});
   std::map<std::string, std::string> m;
   const std::string river = "|orders \"eu\"";
   ASSERT_TRUE(waitFor([&] {
@@ -60,14 +61,19 @@ TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
            return all;
          }();
   remove("d7");
-  ASSERT_TRUE(waitFor([&] { return scrape(port)["httptools_river_deleted_total" + river] == "1.0 counter"; }));
+  put({{"_id", "bad"}, {"n", "x"}}); // refused by the mapping: a dead letter
+  ASSERT_TRUE(waitFor([&] {
+    m = scrape(port);
+    return m["httptools_river_deleted_total" + river] == "1.0 counter" &&
+           m["httptools_river_rejected_total" + river] == "1.0 counter";
+  }));
   struct Expected {
     const char *sample, *value;
   } expected[] = {
       {"content-type", "text/plain;version=0.0.4;charset=utf-8"},
       {"httptools_river_indexed_total|orders \"eu\"", "30.0 counter"},
       {"httptools_river_deleted_total|orders \"eu\"", "1.0 counter"},
-      {"httptools_river_rejected_total|orders \"eu\"", "0.0 counter"},
+      {"httptools_river_rejected_total|orders \"eu\"", "1.0 counter"},
       {"httptools_river_retries_total|orders \"eu\"", "0.0 counter"},
       {"httptools_river_lag_seconds|orders \"eu\"", "0.0 gauge"},
       {"httptools_river_behind_changes|orders \"eu\"", "0.0 gauge"},
