@@ -45,11 +45,12 @@ std::string MetricsText(const std::vector<qz::river::RiverStatus>& rivers) {
        [](const Status& s) { return double(s.rejected + s.failed); }}, // dead letters, and those that stopped it
       {"httptools_river_retries_total", "counter", "Items sent again after 429, 503 or a lost connection.",
        [](const Status& s) { return double(s.retries); }},
+      // Gauges only for the rivers this process holds: their holder reports the others.
       {"httptools_river_lag_seconds", "gauge",
        "Seconds since the oldest change not yet acknowledged was read; 0 when caught up.",
-       [](const Status& s) { return s.lagSeconds; }},
+       [](const Status& s) { return s.waitingForLease ? NAN : s.lagSeconds; }},
       {"httptools_river_behind_changes", "gauge", "Changes of the database not yet acknowledged.",
-       [](const Status& s) { return s.behindChanges < 0 ? NAN : double(s.behindChanges); }},
+       [](const Status& s) { return s.waitingForLease || s.behindChanges < 0 ? NAN : double(s.behindChanges); }},
   };
   std::string out;
   for (const Family& f : families) {

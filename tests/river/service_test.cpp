@@ -2,6 +2,8 @@
 // their leases, signals, and the administration commands.
 #include "RiverFixture.h"
 
+#include "support/Loopback.h"
+
 #include <HttpTools/river/RiverLease_p.h>
 
 #include <sstream>
@@ -113,7 +115,10 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   const unsigned leaseMs = 2000;
   const std::string path = config({3, 3, 3, 3, 3, 3}, leaseMs);
   const std::vector<std::string> args{"--config", path, "--follow", "--status-ms", "500", "--log-json"};
-  const pid_t first = spawn(args, scratch("first.log")), second = spawn(args, scratch("second.log"));
+  const int port = qztest::FreeLoopbackPort();
+  std::vector<std::string> metered = args;
+  metered.insert(metered.end(), {"--metrics", "127.0.0.1:" + std::to_string(port)});
+  const pid_t first = spawn(args, scratch("first.log")), second = spawn(metered, scratch("second.log"));
   using Held = std::map<pid_t, int>; // pid (0: nobody) to the rivers it holds
   ASSERT_TRUE(waitFor(
       [&] {
@@ -121,6 +126,14 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
       },
       30))
       << testing::PrintToString(holders(6));
+  auto lagSamples = [&] { // the rivers whose lag `second` reports
+    auto res = httplib::Client("127.0.0.1", port).Get("/metrics");
+    size_t n = 0;
+    for (size_t at = 0; res && (at = res->body.find("\nhttptools_river_lag_seconds{", at)) != std::string::npos; ++at)
+      ++n;
+    return n;
+  };
+  EXPECT_TRUE(waitFor([&] { return lagSamples() == 3; })) << lagSamples();
   const auto killed = Clock::now();
   end(first, SIGKILL);
   ASSERT_TRUE(waitFor([&] { return holders(6) == Held{{second, 6}}; }, 30)) << testing::PrintToString(holders(6));
@@ -129,6 +142,7 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   // loaded machines).
   RecordProperty("takeover_ms", int(takeover));
   EXPECT_LE(takeover, leaseMs + 1000) << "taken over after " << takeover << " ms";
+  EXPECT_TRUE(waitFor([&] { return lagSamples() == 6; }));
   for (int i = 0; i < 6; ++i)
     ASSERT_EQ(couch.request("PUT", "/db" + std::to_string(i) + "/late", "{}"), 201);
   EXPECT_TRUE(waitFor([&] {
