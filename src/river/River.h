@@ -98,7 +98,7 @@ struct HTTPTOOLS_API RiverStatus {
   bool running = false;         ///< the river is being run
   std::string liveIndex;        ///< the index behind the alias
   std::string buildingIndex;    ///< the index being filled for a new mapping, if any
-  bool waitingForLease = false; ///< another process holds the lease
+  bool waitingForLease = false; ///< another process holds the lease (sharing: or it is beyond this one's share)
   size_t retries = 0;           ///< items sent again after 429/503 or a lost connection
   size_t failures = 0;          ///< steps failed in a row (retried; the cause is in `error`)
   int64_t lagMs = 0;            ///< time since the river was last caught up (0 when it is)

@@ -324,8 +324,12 @@ void RiverManager::stop() {
 
 std::vector<RiverStatus> RiverManager::status() const {
   std::vector<RiverStatus> out;
-  for (const auto& r : d->rivers)
-    out.push_back(r->status());
+  for (size_t i = 0; i < d->rivers.size(); ++i) {
+    out.push_back(d->rivers[i]->status());
+    // Sharing, a river this process does not hold is left to the others.
+    if (d->sharing && i < d->holding.size() && !d->holding[i].load())
+      out.back().waitingForLease = true;
+  }
   return out;
 }
 

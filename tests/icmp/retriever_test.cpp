@@ -43,7 +43,7 @@ std::string Line(const HostStatistics& h) {
   const std::string address = h.address.getAddressAsString(false);
   s << h.host << (address == h.host ? "" : "=" + address) << ' ' << h.sent << '/' << h.received << '+' << h.duplicates
     << ' ' << h.lossPercent << "% k" << h.errorKind << (h.error.empty() ? "" : " " + h.error);
-  if (h.minMs > 0 && h.minMs <= h.avgMs && h.avgMs <= h.maxMs && h.maxMs < 1000 &&
+  if (h.maxMs > 0 && h.minMs >= 0 && h.minMs <= h.avgMs && h.avgMs <= h.maxMs && h.maxMs < 1000 &&
       h.mdevMs <= h.maxMs - h.minMs + 0.001)
     s << " t";
   else if (h.minMs != 0 || h.avgMs != 0 || h.maxMs != 0 || h.mdevMs != 0)
