@@ -477,6 +477,7 @@ TEST_F(CouchOnTestServer, FindFollowsBookmarksUpToTheLimit) {
       {-1, "d0d1d2d3d4d5d6", {"-3", "b1 3", "b2 3"}},
       {5, "d0d1d2d3d4", {"-3", "b1 2"}},
       {6, "d0d1d2d3d4d5", {"-3", "b1 3"}},
+      {0, "", {}}, // nothing asked for, nothing sent
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.limit);

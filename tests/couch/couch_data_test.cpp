@@ -115,6 +115,17 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
               1u); // the check sees conflicts
     EXPECT_EQ(s_server->request("GET", "/" + target + "/_local/mine"), 404);
   }
+  { // A stream that refuses writes: the backup fails and hands on no checkpoint.
+    std::stringstream refused;
+    refused.setstate(std::ios::badbit);
+    std::vector<std::string> checkpoints;
+    std::string error;
+    EXPECT_FALSE(BackupDatabase(
+        *s_pool, server(), db, {.batchSize = 10}, refused,
+        [&](const std::string& seq, uint64_t) { checkpoints.push_back(seq); }, nullptr, &error, nullptr));
+    EXPECT_EQ(error, "writing the backup failed");
+    EXPECT_TRUE(checkpoints.empty());
+  }
   // Lines that are not documents with an id are counted and skipped; the last, longer than a read, has no newline.
   std::stringstream odd("[1]\n{\"_id\":5}\n\n{\"a\":{\"_id\":\"x\"}}\n{\"_id\":\"x\",\"_rev\":\"1-ab\",\"p\":\"" +
                         std::string(150000, 'p') + "\"} ");

@@ -139,18 +139,22 @@ bool Merge(const std::string&, const std::vector<qzVariantMapImpl>& leaves, qzVa
 }
 
 TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedByDefaultOrByMergingAndStaySolved) {
-  for (const char* id : {"c1", "c2", "c3"})
+  for (const char* id : {"c1", "c2", "c3", "z1"}) // z1 on the second page of the listing
     MakeConflict(*s_server, db, id);
-  ASSERT_EQ(put("plain", "{}"), 201);
+  std::string plain = R"({"docs":[{"_id":"plain"})";
+  for (int i = 0; i < 500; ++i)
+    plain += R"(,{"_id":"p)" + std::to_string(1000 + i) + "\"}";
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", plain + "]}"), 201);
   ConflictSolver solver(*s_pool, server(), db);
   std::vector<std::string> ids;
   std::string error;
   ASSERT_TRUE(solver.findConflicts(ids, &error, nullptr)) << error;
-  EXPECT_EQ(ids, (std::vector<std::string>{"c1", "c2", "c3"}));
+  EXPECT_EQ(ids, (std::vector<std::string>{"c1", "c2", "c3", "z1"}));
+  bool solved = false;
+  ASSERT_TRUE(solver.solve("z1", &error, &solved)) << error;
 
   // Default: CouchDB's winner stays as it is; the other leaf goes.
   const qzVariantMapImpl before = doc("c1");
-  bool solved = false;
   ASSERT_TRUE(solver.solve("c1", &error, &solved)) << error;
   EXPECT_TRUE(solved);
   EXPECT_EQ(doc("c1", "?conflicts=true"), before);
