@@ -74,9 +74,9 @@ bool RemoveRiver(http::HttpConnectionPool& pool, const RiverDefinition& definiti
     return Fail(error, "the river " + definition.name + " runs in " + state.owner + "; stop it first");
   detail::IndexManager indices(pool, definition.elastic, definition.index, definition.mappingJson);
   for (const std::string& base : {state.buildingIndex, state.liveIndex}) {
-    std::vector<std::pair<std::string, bool>> members; // with the suffix indices of routed documents
     if (!deleteIndices || base.empty())
       continue;
+    std::vector<std::pair<std::string, bool>> members; // with the suffix indices of routed documents
     if (auto listed = indices.family(base, members, nullptr); !listed.ok())
       return Fail(error, listed.message);
     for (const auto& member : members) {

@@ -255,13 +255,13 @@ RiverOutcome IndexManager::swap(RiverState& state, const bool* cancel) {
   };
   // The alias moves with the suffix indices of both river indices.
   qzVariantListImpl actions;
-  for (const auto& [base, verb] : {std::pair<std::string, const char*>{state.index, "remove"}, {fresh, "add"}}) {
+  for (const auto& [base, add] : {std::pair<std::string, bool>{state.index, false}, {fresh, true}}) {
     std::vector<std::pair<std::string, bool>> members;
     if (auto listed = family(base, members, cancel); !listed.ok())
       return listed;
     for (const auto& [name, aliased] : members)
-      if (aliased == (verb[0] == 'r'))
-        actions.push_back(action(verb, name));
+      if (aliased != add)
+        actions.push_back(action(add ? "add" : "remove", name));
   }
   const std::string body = JsonText(qzVariantMapImpl{{"actions", std::move(actions)}});
   const auto resp = CallElastic(m_pool, "POST", m_elastic.toApiUrl({"_aliases"}, {}), &body, cancel);

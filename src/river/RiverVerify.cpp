@@ -200,7 +200,7 @@ private:
     std::string last;
     for (;;) {
       qz::Url::QueryParameters query{{"limit", std::to_string(kPage)}};
-      if (m_transform)
+      if (m_filters)
         query.emplace_back("include_docs", "true");
       if (!last.empty()) {
         query.emplace_back("startkey", JsonText(qzVariant(last)));
@@ -223,7 +223,7 @@ private:
             r.count("value")
                 ? r.at("value").toMap().count("rev") ? r.at("value").toMap().at("rev").toString() : std::string()
                 : std::string();
-        if (m_transform && r.count("doc") && r.at("doc").isMap()) {
+        if (m_filters && r.count("doc") && r.at("doc").isMap()) {
           qzVariantMapImpl doc = r.at("doc").toMap();
           bool keep = false;
           RiverRoute route;
@@ -431,8 +431,10 @@ private:
   const bool* m_cancel;
   StopSignal m_stop;
   std::unique_ptr<BulkSender> m_sender;
-  const Transform m_transform; // the selector, then the definition's transform
-  std::string m_index;         // where repairs write: the alias, or a routed river's live index
+  const Transform m_transform; // the selector, then the definition's transform and route
+  // Whether some documents are left out: only then are documents read with _all_docs.
+  const bool m_filters = m_def.transform || !m_def.selectorJson.empty();
+  std::string m_index; // where repairs write: the alias, or a routed river's live index
 };
 
 } // namespace
