@@ -18,7 +18,7 @@ TEST_F(RiverTest, BehindChangesComesFromThePendingCountWhereSeqsAreOpaque) {
   auto opaque = [](const std::string& body) {
     return std::regex_replace(body, std::regex(R"re("(seq|last_seq|update_seq)":(\d+))re"), "\"$1\":\"$2-g1x\"");
   };
-  int64_t lastPending = -1;
+  std::atomic<int64_t> lastPending{-1}; // written on the proxy's threads
   qztest::TestHttpServer proxy;
   proxy.route("*", "/db.*", [&](const httplib::Request& req, httplib::Response& res) {
     httplib::Params params = req.params;
@@ -41,7 +41,7 @@ TEST_F(RiverTest, BehindChangesComesFromThePendingCountWhereSeqsAreOpaque) {
   ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
   const auto s = ran(rivers);
   EXPECT_EQ(s.lastSeq, couchSeq() + "-g1x");
-  EXPECT_EQ(lastPending, 0);
+  EXPECT_EQ(lastPending.load(), 0);
   EXPECT_EQ(s.behindChanges, 0); // -1 unless the count was read
   expectIndexEqualsDatabase();
 }
