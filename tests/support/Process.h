@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,14 +23,18 @@ int RunProgram(const std::vector<std::string>& argv, const std::string& input, s
 int RunPython(const std::string& script, const std::string& input, std::string& out, std::string& err);
 
 // Starts argv[0] with its arguments in the background (in `dir` when set), its standard output and
-// error into the file `log`; its pid, -1 when it cannot fork.
+// error into the file `log`; its pid, -1 when it cannot fork. It gets SIGTERM when the thread that
+// started it ends, so a suite that is killed leaves no server behind: start it from the main thread.
 inline pid_t StartProgram(const std::vector<std::string>& argv, const std::string& log, const std::string& dir = "") {
   std::vector<char*> args; // made before the fork: the child only calls async-signal-safe functions
   for (const auto& a : argv)
     args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
+  const pid_t parent = ::getpid();
   const pid_t pid = ::fork();
   if (pid == 0) {
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent)
+      ::_exit(125);
     const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0 || ::dup2(fd, 1) < 0 || ::dup2(fd, 2) < 0 || (!dir.empty() && ::chdir(dir.c_str()) != 0))
       ::_exit(126);
