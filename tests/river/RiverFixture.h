@@ -63,17 +63,21 @@ protected:
     def.leaseMs = 1000;
   }
 
-  int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
-    httplib::Client client("127.0.0.1", elastic.port());
-    auto res = method == "GET"      ? client.Get(path)
-               : method == "DELETE" ? client.Delete(path)
-               : method == "PUT"    ? client.Put(path, body, "application/json")
-                                    : client.Post(path, body, "application/json");
-    if (!res)
-      return 0;
-    if (out)
+  // `method` `target` (with a JSON `body`) to the server at `port`: its status (0 unreachable), its body in `out`.
+  static int send(int port, const std::string& method, const std::string& target, const std::string& body = {},
+                  std::string* out = nullptr) {
+    httplib::Request req;
+    req.method = method;
+    req.path = target;
+    req.body = body;
+    req.set_header("Content-Type", "application/json");
+    auto res = httplib::Client("127.0.0.1", port).send(req);
+    if (res && out)
       *out = res->body;
-    return res->status;
+    return res ? res->status : 0;
+  }
+  int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
+    return send(elastic.port(), method, path, body, out);
   }
 
   // Writes documents {"_id": prefix+i, "n": i, "group": i % 7} for i in [from, to).
@@ -144,14 +148,11 @@ protected:
         1000, &error, nullptr))
         << error;
     ASSERT_EQ(actual.size(), expected.size());
-    size_t differences = 0;
-    for (const auto& [id, doc] : expected) {
-      auto it = actual.find(id);
-      if (it == actual.end() || it->second != doc)
-        if (++differences <= 5)
-          ADD_FAILURE() << id << (it == actual.end() ? " is missing" : " differs");
-    }
-    EXPECT_EQ(differences, 0u);
+    std::vector<std::string> wrong;
+    for (const auto& [id, doc] : expected)
+      if (auto it = actual.find(id); it == actual.end() || it->second != doc)
+        wrong.push_back(id);
+    EXPECT_TRUE(wrong.empty()) << wrong.size() << " missing or different, the first " << wrong[0];
   }
 
   // A manager (one worker) with river `d` added.
@@ -172,16 +173,9 @@ protected:
   // Sends `req` on to pouchdb-server as `method` (GET: without its body) and its answer back.
   void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,
                const std::string& method) {
-    httplib::Request out;
-    out.method = method;
-    out.path = target;
-    if (method != "GET") {
-      out.body = req.body;
-      out.set_header("Content-Type", req.get_header_value("Content-Type"));
-    }
-    auto got = httplib::Client("127.0.0.1", couch.port()).send(out);
-    res.status = got ? got->status : 502;
-    res.set_content(got ? got->body : "", "application/json");
+    std::string body;
+    res.status = send(couch.port(), method, target, method == "GET" ? "" : req.body, &body);
+    res.set_content(body, "application/json");
   }
 
   // Polls until `done` holds, at most `seconds`.
@@ -222,10 +216,6 @@ protected:
     if (!text.empty())
       std::ofstream(dir + "/" + name) << text;
     return dir + "/" + name;
-  }
-  std::string read(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
   }
   std::set<pid_t> pids;
   std::string dir;

@@ -2,49 +2,10 @@
 #include "RiverFixture.h"
 
 #include "support/Loopback.h"
-#include "support/TestHttpServer.h"
-
-#include <regex>
 
 using namespace rivertest;
 
 namespace {
-
-// Behind a proxy that makes pouchdb-server's seqs opaque as CouchDB 2's ("7-g1x") and adds the
-// feed's `pending` count, the river's figure of changes behind comes from that count.
-TEST_F(RiverTest, BehindChangesComesFromThePendingCountWhereSeqsAreOpaque) {
-  load(0, 25);
-  def.batchDocs = 10;
-  auto opaque = [](const std::string& body) {
-    return std::regex_replace(body, std::regex(R"re("(seq|last_seq|update_seq)":(\d+))re"), "\"$1\":\"$2-g1x\"");
-  };
-  std::atomic<int64_t> lastPending{-1}; // written on the proxy's threads
-  qztest::TestHttpServer proxy;
-  proxy.route("*", "/db.*", [&](const httplib::Request& req, httplib::Response& res) {
-    httplib::Params params = req.params;
-    if (auto since = params.find("since"); since != params.end())
-      since->second = since->second.substr(0, since->second.find('-'));
-    toCouch(req, res, req.path + "?" + httplib::detail::params_to_query_str(params),
-            req.method == "PUT" ? "PUT" : "GET");
-    std::smatch last;
-    if (req.path == "/db/_changes" && std::regex_search(res.body, last, std::regex(R"re("last_seq":(\d+))re"))) {
-      lastPending = std::stoll(couchSeq()) - std::stoll(last[1]);
-      res.body.insert(res.body.rfind('}'), ",\"pending\":" + std::to_string(lastPending));
-    }
-    res.body = opaque(res.body);
-  });
-  ASSERT_TRUE(proxy.start()) << proxy.lastError();
-  ASSERT_TRUE(qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, proxy.url("/db")));
-  qz::http::HttpConnectionPool local; // its connections to the proxy close before the proxy stops
-  qz::river::RiverManager rivers(local, 1);
-  std::string error;
-  ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
-  const auto s = ran(rivers);
-  EXPECT_EQ(s.lastSeq, couchSeq() + "-g1x");
-  EXPECT_EQ(lastPending.load(), 0);
-  EXPECT_EQ(s.behindChanges, 0); // -1 unless the count was read
-  expectIndexEqualsDatabase();
-}
 
 #ifdef HTTPTOOLS_CLI
 // Reads the scrape with prometheus_client's parser: "name river value" per sample, or the error.
