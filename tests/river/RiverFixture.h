@@ -45,10 +45,8 @@ protected:
     ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
     // One pouchdb-server for the program: every database of an earlier test goes first.
     std::string text;
-    qzVariantMapImpl all;
     ASSERT_EQ(couch.request("GET", "/_all_dbs", {}, &text), 200);
-    ASSERT_TRUE(qz::json::Json2Variant::Convert("{\"dbs\":" + text + "}", all)) << text;
-    for (const auto& name : all["dbs"].toList())
+    for (const auto& name : qz::qzVariantListImpl(parsed("{\"dbs\":" + text + "}")["dbs"].toList()))
       ASSERT_TRUE(name.toString()[0] == '_' || couch.request("DELETE", "/" + name.toString()) == 200)
           << name.toString();
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
@@ -63,21 +61,22 @@ protected:
     def.leaseMs = 1000;
   }
 
-  // `method` `target` (with a JSON `body`) to the server at `port`: its status (0 unreachable), its body in `out`.
-  static int send(int port, const std::string& method, const std::string& target, const std::string& body = {},
-                  std::string* out = nullptr) {
+  // `method` `path` (with a JSON `body`) to Elasticsearch: its status (0 unreachable), its body in `out`.
+  int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
     httplib::Request req;
     req.method = method;
-    req.path = target;
+    req.path = path;
     req.body = body;
     req.set_header("Content-Type", "application/json");
-    auto res = httplib::Client("127.0.0.1", port).send(req);
+    auto res = httplib::Client("127.0.0.1", elastic.port()).send(req);
     if (res && out)
       *out = res->body;
     return res ? res->status : 0;
   }
-  int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
-    return send(elastic.port(), method, path, body, out);
+  static qzVariantMapImpl parsed(const std::string& json) {
+    qzVariantMapImpl object;
+    qz::json::Json2Variant::Convert(json, object);
+    return object;
   }
 
   // Writes documents {"_id": prefix+i, "n": i, "group": i % 7} for i in [from, to).
@@ -95,37 +94,34 @@ protected:
 
   qzVariantMapImpl couchDoc(const std::string& id) {
     std::string text;
-    qzVariantMapImpl doc;
-    if (couch.request("GET", "/db/" + id, {}, &text) == 200)
-      qz::json::Json2Variant::Convert(text, doc);
-    return doc;
+    return couch.request("GET", "/db/" + id, {}, &text) == 200 ? parsed(text) : qzVariantMapImpl();
   }
   void put(qzVariantMapImpl doc) {
     std::string text;
     qz::json::Json2Variant::Convert(doc, text, false);
     ASSERT_EQ(couch.request("PUT", "/db/" + doc["_id"].toString(), text), 201) << text;
   }
+  // Document `id` written again with `fields` changed (created when absent).
+  void edit(const std::string& id, const qzVariantMapImpl& fields) {
+    qzVariantMapImpl doc = couchDoc(id);
+    doc["_id"] = id;
+    for (const auto& [name, value] : fields)
+      doc[name] = value;
+    put(doc);
+  }
   void remove(const std::string& id) {
     const std::string rev = couchDoc(id)["_rev"].toString();
     ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + rev), 200);
   }
-  std::string couchSeq() {
-    std::string text;
-    qzVariantMapImpl info;
-    couch.request("GET", "/db", {}, &text);
-    qz::json::Json2Variant::Convert(text, info);
-    return info["update_seq"].toString();
-  }
+  std::string couchSeq() { return couchDoc("")["update_seq"].toString(); }
 
   // Every document of the database (design documents aside) is in the index under the alias as
   // `transform` makes it, at its winning revision, and nothing else is; compared document by document.
   void expectIndexEqualsDatabase(const std::function<bool(qzVariantMapImpl&)>& transform = {}) {
     std::string text;
     ASSERT_EQ(couch.request("GET", "/db/_all_docs?include_docs=true", {}, &text), 200);
-    qzVariantMapImpl all;
-    ASSERT_TRUE(qz::json::Json2Variant::Convert(text, all));
     std::map<std::string, qzVariantMapImpl> expected;
-    for (const auto& row : all["rows"].toList()) {
+    for (const auto& row : qz::qzVariantListImpl(parsed(text)["rows"].toList())) { // a copy: parsed() is a temporary
       qzVariantMapImpl doc = row.toMap().at("doc").toMap();
       const std::string id = doc["_id"].toString();
       if (id.rfind("_design/", 0) == 0 || (transform && !transform(doc)))
@@ -174,7 +170,7 @@ protected:
   void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,
                const std::string& method) {
     std::string body;
-    res.status = send(couch.port(), method, target, method == "GET" ? "" : req.body, &body);
+    res.status = couch.request(method, target, method == "GET" ? "" : req.body, &body);
     res.set_content(body, "application/json");
   }
 
@@ -191,10 +187,7 @@ protected:
   // A field of the river's state document (0 when it cannot be read).
   int64_t stateField(const char* name) {
     std::string text;
-    qzVariantMapImpl doc;
-    if (es("GET", "/httptools-river/_doc/r", {}, &text) == 200 && qz::json::Json2Variant::Convert(text, doc))
-      return doc["_source"].asMap()[name].toInt64();
-    return 0;
+    return es("GET", "/httptools-river/_doc/r", {}, &text) == 200 ? parsed(text)["_source"].asMap()[name].toInt64() : 0;
   }
   static bool caughtUpTo(qz::river::RiverManager& rivers, const std::string& seq) {
     auto s = rivers.status();

@@ -156,9 +156,7 @@ TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
        &RiverDrift::missingIds},
       {"updated in CouchDB only",
        [&] {
-         auto doc = couchDoc("d1500");
-         doc["n"] = -1;
-         put(doc);
+         edit("d1500", {{"n", -1}});
        },
        "d1500", &RiverDrift::staleIds},
       {"written by an earlier release (no revision)",

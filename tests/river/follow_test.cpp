@@ -55,12 +55,8 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
       load(100, 400, "b");
     else if (c.gone)
       remove("d3");
-    else { // a creation, then an edit
-      qzVariantMapImpl doc = couchDoc("solo");
-      doc["_id"] = "solo";
-      doc["v"] = c.what;
-      put(doc);
-    }
+    else // a creation, then an edit
+      edit("solo", {{"v", c.what}});
     // Far below flushIntervalMs, with room for sanitizers on a loaded machine.
     ASSERT_TRUE(waitFor([&] { return indexed(c.probe) != c.gone; }, 5));
     ASSERT_TRUE(waitFor([&] { return settled(rivers); }));

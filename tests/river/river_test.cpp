@@ -28,18 +28,10 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
 
   ASSERT_TRUE(rivers.start());
   EXPECT_FALSE(rivers.start());
-  for (int i = 1; i < 40; i += 3) {
-    auto doc = couchDoc("d" + std::to_string(i));
-    doc["n"] = i + 7; // moves it to another group; n + 7 keeps the parity, 14 | n + 7 for i = 7
-    put(doc);
-  }
-  auto doc = couchDoc("d14"); // skipped so far: now kept
-  doc["group"] = 1;
-  put(doc);
-  doc = couchDoc("d3"); // kept so far: now skipped
-  doc["group"] = 0;
-  doc["n"] = 4;
-  put(doc);
+  for (int i = 1; i < 40; i += 3) // n + 7 keeps the parity, 14 | n + 7 for i = 7
+    edit("d" + std::to_string(i), {{"n", i + 7}});
+  edit("d14", {{"group", 1}});          // skipped so far: now kept
+  edit("d3", {{"group", 0}, {"n", 4}}); // kept so far: now skipped
   for (int i = 100; i < 120; ++i)
     remove("d" + std::to_string(i));
   load(3000, 3100, "new");
@@ -118,13 +110,19 @@ TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
     EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
   }
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  def.mappingJson = "[1]";
-  EXPECT_FALSE(rivers.addRiver(def, &error));
-  def.mappingJson = "{}";
-  def.index = def.stateIndex;
-  EXPECT_FALSE(rivers.addRiver(def, &error));
+  // Definitions refused up front.
+  const std::pair<std::function<void(qz::river::RiverDefinition&)>, const char*> refused[] = {
+      {[](auto& d) { d.mappingJson = "[1]"; }, ""},
+      {[](auto& d) { d.index = d.stateIndex; }, ""},
+      {[](auto& d) { d.selectorJson = R"({"group":{"$bogus":1}})"; }, "$bogus"},
+  };
+  for (const auto& [edit, says] : refused) {
+    qz::river::RiverDefinition d = def;
+    edit(d);
+    std::string error;
+    EXPECT_FALSE(qz::river::RiverManager(pool, 1).addRiver(d, &error));
+    EXPECT_NE(error.find(says), std::string::npos) << error;
+  }
 }
 
 TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {

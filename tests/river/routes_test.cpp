@@ -18,21 +18,13 @@ protected:
   // The indices the alias points to, sorted.
   std::vector<std::string> aliased() {
     std::string text;
-    qzVariantMapImpl all;
-    if (es("GET", "/_alias/docs", {}, &text) == 200)
-      qz::json::Json2Variant::Convert(text, all);
     std::vector<std::string> names;
-    for (const auto& entry : all)
+    for (const auto& entry : es("GET", "/_alias/docs", {}, &text) == 200 ? parsed(text) : qzVariantMapImpl())
       names.push_back(entry.first);
     return names;
   }
   int docStatus(const std::string& index, const std::string& id, const std::string& routing = "") {
     return es("GET", "/" + index + "/_doc/" + id + (routing.empty() ? "" : "?routing=" + routing));
-  }
-  void edit(const std::string& id, int64_t group) {
-    auto doc = couchDoc(id);
-    doc["group"] = group;
-    put(doc);
   }
 };
 
@@ -45,11 +37,9 @@ TEST_F(RiverRouteTest, EachDocumentIsHeldOnceWhereItsRouteSaysThroughEditsRepair
   EXPECT_EQ(std::pair(docStatus("docs-1-g1", "d1", "o1"), docStatus("docs-1", "d4", "o0")), std::pair(200, 200));
 
   // Moves out of a suffix index, into one, between routings, and a deletion.
-  edit("d1", 5);
-  edit("d3", 0);
-  auto d6 = couchDoc("d6");
-  d6["n"] = 7; // routing o0 -> o1 in the river index
-  put(d6);
+  edit("d1", {{"group", 5}});
+  edit("d3", {{"group", 0}});
+  edit("d6", {{"n", 7}}); // routing o0 -> o1 in the river index
   remove("d2");
   EXPECT_TRUE(runOnce(def).caughtUp);
   expectIndexEqualsDatabase();

@@ -36,10 +36,8 @@ protected:
   // The process (pid) holding river `name`'s live lease; 0 when none does.
   pid_t holder(const std::string& name) {
     std::string text;
-    qzVariantMapImpl doc;
-    if (es("GET", "/httptools-river/_doc/" + name, {}, &text) != 200 || !qz::json::Json2Variant::Convert(text, doc))
-      return 0;
-    auto& src = doc["_source"].asMap();
+    es("GET", "/httptools-river/_doc/" + name, {}, &text);
+    auto src = parsed(text)["_source"].toMap();
     const std::string owner = src["owner"].toString(); // host:pid:n
     return owner.empty() || src["expires"].toInt64() <= qz::river::detail::NowMs()
                ? 0
