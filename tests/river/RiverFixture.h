@@ -45,10 +45,8 @@ protected:
     ASSERT_TRUE(elastic.start()) << "the Elasticsearch emulator cannot start: " << elastic.lastError();
     // One pouchdb-server for the program: every database of an earlier test goes first.
     std::string text;
-    qzVariantMapImpl all;
     ASSERT_EQ(couch.request("GET", "/_all_dbs", {}, &text), 200);
-    ASSERT_TRUE(qz::json::Json2Variant::Convert("{\"dbs\":" + text + "}", all)) << text;
-    for (const auto& name : all["dbs"].toList())
+    for (const auto& name : qz::qzVariantListImpl(parsed("{\"dbs\":" + text + "}")["dbs"].toList()))
       ASSERT_TRUE(name.toString()[0] == '_' || couch.request("DELETE", "/" + name.toString()) == 200)
           << name.toString();
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
@@ -63,17 +61,22 @@ protected:
     def.leaseMs = 1000;
   }
 
+  // `method` `path` (with a JSON `body`) to Elasticsearch: its status (0 unreachable), its body in `out`.
   int es(const std::string& method, const std::string& path, const std::string& body = {}, std::string* out = nullptr) {
-    httplib::Client client("127.0.0.1", elastic.port());
-    auto res = method == "GET"      ? client.Get(path)
-               : method == "DELETE" ? client.Delete(path)
-               : method == "PUT"    ? client.Put(path, body, "application/json")
-                                    : client.Post(path, body, "application/json");
-    if (!res)
-      return 0;
-    if (out)
+    httplib::Request req;
+    req.method = method;
+    req.path = path;
+    req.body = body;
+    req.set_header("Content-Type", "application/json");
+    auto res = httplib::Client("127.0.0.1", elastic.port()).send(req);
+    if (res && out)
       *out = res->body;
-    return res->status;
+    return res ? res->status : 0;
+  }
+  static qzVariantMapImpl parsed(const std::string& json) {
+    qzVariantMapImpl object;
+    qz::json::Json2Variant::Convert(json, object);
+    return object;
   }
 
   // Writes documents {"_id": prefix+i, "n": i, "group": i % 7} for i in [from, to).
@@ -91,37 +94,34 @@ protected:
 
   qzVariantMapImpl couchDoc(const std::string& id) {
     std::string text;
-    qzVariantMapImpl doc;
-    if (couch.request("GET", "/db/" + id, {}, &text) == 200)
-      qz::json::Json2Variant::Convert(text, doc);
-    return doc;
+    return couch.request("GET", "/db/" + id, {}, &text) == 200 ? parsed(text) : qzVariantMapImpl();
   }
   void put(qzVariantMapImpl doc) {
     std::string text;
     qz::json::Json2Variant::Convert(doc, text, false);
     ASSERT_EQ(couch.request("PUT", "/db/" + doc["_id"].toString(), text), 201) << text;
   }
+  // Document `id` written again with `fields` changed (created when absent).
+  void edit(const std::string& id, const qzVariantMapImpl& fields) {
+    qzVariantMapImpl doc = couchDoc(id);
+    doc["_id"] = id;
+    for (const auto& [name, value] : fields)
+      doc[name] = value;
+    put(doc);
+  }
   void remove(const std::string& id) {
     const std::string rev = couchDoc(id)["_rev"].toString();
     ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + rev), 200);
   }
-  std::string couchSeq() {
-    std::string text;
-    qzVariantMapImpl info;
-    couch.request("GET", "/db", {}, &text);
-    qz::json::Json2Variant::Convert(text, info);
-    return info["update_seq"].toString();
-  }
+  std::string couchSeq() { return couchDoc("")["update_seq"].toString(); }
 
   // Every document of the database (design documents aside) is in the index under the alias as
   // `transform` makes it, at its winning revision, and nothing else is; compared document by document.
   void expectIndexEqualsDatabase(const std::function<bool(qzVariantMapImpl&)>& transform = {}) {
     std::string text;
     ASSERT_EQ(couch.request("GET", "/db/_all_docs?include_docs=true", {}, &text), 200);
-    qzVariantMapImpl all;
-    ASSERT_TRUE(qz::json::Json2Variant::Convert(text, all));
     std::map<std::string, qzVariantMapImpl> expected;
-    for (const auto& row : all["rows"].toList()) {
+    for (const auto& row : qz::qzVariantListImpl(parsed(text)["rows"].toList())) { // a copy: parsed() is a temporary
       qzVariantMapImpl doc = row.toMap().at("doc").toMap();
       const std::string id = doc["_id"].toString();
       if (id.rfind("_design/", 0) == 0 || (transform && !transform(doc)))
@@ -144,14 +144,11 @@ protected:
         1000, &error, nullptr))
         << error;
     ASSERT_EQ(actual.size(), expected.size());
-    size_t differences = 0;
-    for (const auto& [id, doc] : expected) {
-      auto it = actual.find(id);
-      if (it == actual.end() || it->second != doc)
-        if (++differences <= 5)
-          ADD_FAILURE() << id << (it == actual.end() ? " is missing" : " differs");
-    }
-    EXPECT_EQ(differences, 0u);
+    std::vector<std::string> wrong;
+    for (const auto& [id, doc] : expected)
+      if (auto it = actual.find(id); it == actual.end() || it->second != doc)
+        wrong.push_back(id);
+    EXPECT_TRUE(wrong.empty()) << wrong.size() << " missing or different, the first " << wrong[0];
   }
 
   // A manager (one worker) with river `d` added.
@@ -172,16 +169,9 @@ protected:
   // Sends `req` on to pouchdb-server as `method` (GET: without its body) and its answer back.
   void toCouch(const httplib::Request& req, httplib::Response& res, const std::string& target,
                const std::string& method) {
-    httplib::Request out;
-    out.method = method;
-    out.path = target;
-    if (method != "GET") {
-      out.body = req.body;
-      out.set_header("Content-Type", req.get_header_value("Content-Type"));
-    }
-    auto got = httplib::Client("127.0.0.1", couch.port()).send(out);
-    res.status = got ? got->status : 502;
-    res.set_content(got ? got->body : "", "application/json");
+    std::string body;
+    res.status = couch.request(method, target, method == "GET" ? "" : req.body, &body);
+    res.set_content(body, "application/json");
   }
 
   // Polls until `done` holds, at most `seconds`.
@@ -197,10 +187,7 @@ protected:
   // A field of the river's state document (0 when it cannot be read).
   int64_t stateField(const char* name) {
     std::string text;
-    qzVariantMapImpl doc;
-    if (es("GET", "/httptools-river/_doc/r", {}, &text) == 200 && qz::json::Json2Variant::Convert(text, doc))
-      return doc["_source"].asMap()[name].toInt64();
-    return 0;
+    return es("GET", "/httptools-river/_doc/r", {}, &text) == 200 ? parsed(text)["_source"].asMap()[name].toInt64() : 0;
   }
   static bool caughtUpTo(qz::river::RiverManager& rivers, const std::string& seq) {
     auto s = rivers.status();
@@ -222,10 +209,6 @@ protected:
     if (!text.empty())
       std::ofstream(dir + "/" + name) << text;
     return dir + "/" + name;
-  }
-  std::string read(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
   }
   std::set<pid_t> pids;
   std::string dir;

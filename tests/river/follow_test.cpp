@@ -2,6 +2,8 @@
 // status tells lag and backlog.
 #include "RiverFixture.h"
 
+#include <HttpTools/river/RiverLease_p.h>
+
 using namespace rivertest;
 using qztest::FaultProxy;
 
@@ -38,29 +40,23 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
   rivers.start();
   ASSERT_TRUE(waitFor([&] { return settled(rivers); })) << rivers.status().at(0).error;
   struct Case {
-    const char* what;
-    std::function<void()> write;
+    const char* what;  // the write
     const char* probe; // the document whose arrival ends the case
     bool gone;         // it arrives as a deletion
     size_t maxBulks;
-  } cases[] = {
-      {"one new document",
-       [&] {
-         put({{"_id", "solo"}, {"v", 1}});
-       },
-       "solo", false, 1},
-      {"an edit",
-       [&] {
-         put({{"_id", "solo"}, {"_rev", couchDoc("solo")["_rev"]}, {"v", 2}});
-       },
-       "solo", false, 1},
-      {"a deletion", [&] { remove("d3"); }, "d3", true, 1},
-      {"a burst of 300", [&] { load(100, 400, "b"); }, "b399", false, 100}, // never one bulk per change
-  };
+  } cases[] = {{"one new document", "solo", false, 1},
+               {"an edit", "solo", false, 1},
+               {"a deletion", "d3", true, 1},
+               {"a burst of 300", "b399", false, 100}}; // never one bulk per change
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const size_t bulksBefore = elastic.stats().bulkRequests;
-    c.write();
+    if (c.maxBulks > 1)
+      load(100, 400, "b");
+    else if (c.gone)
+      remove("d3");
+    else // a creation, then an edit
+      edit("solo", {{"v", c.what}});
     // Far below flushIntervalMs, with room for sanitizers on a loaded machine.
     ASSERT_TRUE(waitFor([&] { return indexed(c.probe) != c.gone; }, 5));
     ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
@@ -76,15 +72,14 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
   load(20, 23);
   ASSERT_TRUE(waitFor([&] {
     s = rivers.status().at(0);
-    return s.lagSeconds >= 0.3 && !s.caughtUp;
-  }));
-  EXPECT_EQ(s.behindChanges, 3);
-  EXPECT_EQ(s.indexed, indexedBefore);
+    return s.lagSeconds >= 0.3 && !s.caughtUp && s.failures >= 1 && s.error.find("503") != std::string::npos;
+  })) << s.error;
+  EXPECT_EQ(std::pair(s.behindChanges, s.indexed), std::pair(int64_t(3), indexedBefore));
   elastic.setFaults({});
   ASSERT_TRUE(waitFor([&] { return settled(rivers); }, 30));
   s = rivers.status().at(0);
-  EXPECT_EQ(std::pair(s.lagSeconds, s.behindChanges), std::pair(0.0, int64_t(0)));
-  EXPECT_EQ(s.indexed, indexedBefore + 3);
+  EXPECT_EQ(std::tuple(s.lagSeconds, s.behindChanges, s.indexed, s.failures, s.error),
+            std::tuple(0.0, int64_t(0), indexedBefore + 3, 0u, ""));
   EXPECT_GT(s.retries, 0u);
   rivers.stop();
   expectIndexEqualsDatabase();
@@ -111,13 +106,9 @@ TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
     std::this_thread::sleep_for(window); // the idle spell is what is measured
     const size_t couchIdle = proxy->matched(couchRequests) - couchBefore;
     const size_t esIdle = elastic.stats().requests - esBefore;
-    EXPECT_GE(couchIdle, c.minCouch);
-    EXPECT_LE(couchIdle, c.maxCouch);
-    EXPECT_GE(esIdle, 2u); // the lease is kept
-    EXPECT_LE(esIdle, 5u);
-    EXPECT_GT(stateField("expires"),
-              std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-                  .count());
+    EXPECT_TRUE(couchIdle >= c.minCouch && couchIdle <= c.maxCouch) << couchIdle;
+    EXPECT_TRUE(esIdle >= 2 && esIdle <= 5) << esIdle; // the lease is kept
+    EXPECT_GT(stateField("expires"), qz::river::detail::NowMs());
     // The feed is still alive after its heartbeats.
     put({{"_id", "late" + std::to_string(c.feedIdleMs)}});
     EXPECT_TRUE(waitFor([&] { return indexed("late" + std::to_string(c.feedIdleMs)); }, 5));

@@ -4,7 +4,7 @@ using namespace rivertest;
 
 namespace {
 
-TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
+TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMapping) {
   load(0, 3000);
   ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
   // Even numbers in group 0 are left out; the others gain a field.
@@ -22,27 +22,16 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
   EXPECT_FALSE(rivers.addRiver(def, &error)); // same name
   ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
   auto s = rivers.status().at(0);
-  EXPECT_TRUE(s.caughtUp);
-  EXPECT_EQ(s.lastSeq, couchSeq());
-  EXPECT_EQ(s.indexed + s.skipped, 3000u);
-  EXPECT_EQ(s.skipped, 215u); // n % 14 == 0
-  EXPECT_EQ(s.liveIndex, "docs-1");
+  EXPECT_EQ(std::tuple(s.caughtUp, s.lastSeq, s.indexed, s.skipped, s.liveIndex),
+            std::tuple(true, couchSeq(), 3000u - 215u, 215u, "docs-1")); // skipped: n % 14 == 0
   expectIndexEqualsDatabase(transform);
 
   ASSERT_TRUE(rivers.start());
   EXPECT_FALSE(rivers.start());
-  for (int i = 1; i < 40; i += 3) {
-    auto doc = couchDoc("d" + std::to_string(i));
-    doc["n"] = i + 7; // moves it to another group; n + 7 keeps the parity, 14 | n + 7 for i = 7
-    put(doc);
-  }
-  auto doc = couchDoc("d14"); // skipped so far: now kept
-  doc["group"] = 1;
-  put(doc);
-  doc = couchDoc("d3"); // kept so far: now skipped
-  doc["group"] = 0;
-  doc["n"] = 4;
-  put(doc);
+  for (int i = 1; i < 40; i += 3) // n + 7 keeps the parity, 14 | n + 7 for i = 7
+    edit("d" + std::to_string(i), {{"n", i + 7}});
+  edit("d14", {{"group", 1}});          // skipped so far: now kept
+  edit("d3", {{"group", 0}, {"n", 4}}); // kept so far: now skipped
   for (int i = 100; i < 120; ++i)
     remove("d" + std::to_string(i));
   load(3000, 3100, "new");
@@ -60,8 +49,7 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
   EXPECT_EQ(other->status().at(0).indexed, 0u);
   rivers.stop(); // gives the lease back: the second takes over and follows
   s = rivers.status().at(0);
-  EXPECT_FALSE(s.running);
-  EXPECT_EQ(s.failed, 0u);
+  EXPECT_EQ(std::tuple(s.running, s.failed), std::tuple(false, 0u));
   load(3100, 3200, "new");
   const std::string later = couchSeq();
   ASSERT_TRUE(waitFor([&] { return caughtUpTo(*other, later); }));
@@ -71,63 +59,70 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkips) {
 
   // Given back again: another manager takes the river at once and has nothing to do.
   s = runOnce(def);
-  EXPECT_EQ(s.indexed, 0u);
-  EXPECT_EQ(s.lastSeq, later);
+  EXPECT_EQ(std::tuple(s.indexed, s.lastSeq), std::tuple(0u, later));
+
+  // A new mapping fills docs-2: searches through the alias see the whole old index during the
+  // rebuild, then the whole new one.
+  def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"keyword"},"text":{"type":"text"}}})";
+  def.batchDocs = 200;
+  std::string before;
+  ASSERT_EQ(es("GET", "/docs/_count", {}, &before), 200);
+  std::atomic<bool> done{false};
+  std::vector<std::string> counts;
+  std::thread searcher([&] {
+    for (std::string text; !done; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+      const int status = es("GET", "/docs/_count", {}, &text);
+      counts.push_back(std::to_string(status) + " " + text.substr(0, text.find(',')));
+    }
+  });
+  s = runOnce(def);
+  done = true;
+  searcher.join();
+  EXPECT_EQ(std::tuple(s.liveIndex, s.indexed + s.skipped), std::tuple("docs-2", 3180u));
+  ASSERT_GT(counts.size(), 3u);
+  for (const auto& c : counts)
+    EXPECT_EQ(c, "200 " + before.substr(0, before.find(',')));
+  EXPECT_EQ(es("GET", "/docs-1"), 404);
+  expectIndexEqualsDatabase(transform);
 }
 
 TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
   ASSERT_EQ(es("PUT", "/plain", "{}"), 200);
+  load(0, 3);
   struct Case {
     std::string database, alias, reason;
-  } cases[] = {{"missing", "docs", "not_found"}, {"db", "plain", "plain is an index, not an alias"}};
+    bool upper = false; // d1 routed to an index suffix no index name may carry
+  } cases[] = {{"missing", "docs", "not_found"},
+               {"db", "plain", "plain is an index, not an alias"},
+               {"db", "docs", "document d1: its route's index suffix \"Upper\" makes no valid index name", true}};
   for (const auto& c : cases) {
     qz::river::RiverDefinition d = def;
     d.name = c.database + c.alias;
     d.database = c.database;
     d.index = c.alias;
+    if (c.upper)
+      d.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
+        route.indexSuffix = doc.at("_id").toString() == "d1" ? "Upper" : "";
+      };
     std::string error;
     const auto started = Clock::now();
     EXPECT_FALSE(manager(d)->runOnce(&error, nullptr));
     EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
   }
-  qz::river::RiverManager rivers(pool, 1);
-  std::string error;
-  def.mappingJson = "[1]";
-  EXPECT_FALSE(rivers.addRiver(def, &error));
-  def.mappingJson = "{}";
-  def.index = def.stateIndex;
-  EXPECT_FALSE(rivers.addRiver(def, &error));
-}
-
-TEST_F(RiverTest, MappingChangeFillsANewIndexAndSwapsTheAlias) {
-  load(0, 3000);
-  def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"integer"}}})";
-  runOnce(def);
-  load(3000, 3500);
-  def.mappingJson = R"({"properties":{"n":{"type":"long"},"group":{"type":"keyword"},"text":{"type":"text"}}})";
-  def.batchDocs = 200;
-  // Searches through the alias during the rebuild see the whole old index, then the whole new one.
-  std::atomic<bool> done{false};
-  std::vector<std::string> counts;
-  std::thread searcher([&] {
-    while (!done) {
-      std::string text;
-      const int status = es("GET", "/docs/_count", {}, &text);
-      counts.push_back(std::to_string(status) + " " + text.substr(0, text.find(',')));
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-  });
-  const auto s = runOnce(def);
-  done = true;
-  searcher.join();
-  EXPECT_EQ(s.liveIndex, "docs-2");
-  EXPECT_EQ(s.indexed, 3500u);
-  ASSERT_GT(counts.size(), 3u);
-  for (const auto& c : counts)
-    EXPECT_TRUE(c == "200 {\"count\":3000" || c == "200 {\"count\":3500") << c;
-  EXPECT_EQ(es("GET", "/docs-1"), 404);
-  expectIndexEqualsDatabase();
+  // Definitions refused up front.
+  const std::pair<std::function<void(qz::river::RiverDefinition&)>, const char*> refused[] = {
+      {[](auto& d) { d.mappingJson = "[1]"; }, ""},
+      {[](auto& d) { d.index = d.stateIndex; }, ""},
+      {[](auto& d) { d.selectorJson = R"({"group":{"$bogus":1}})"; }, "$bogus"},
+  };
+  for (const auto& [edit, says] : refused) {
+    qz::river::RiverDefinition d = def;
+    edit(d);
+    std::string error;
+    EXPECT_FALSE(qz::river::RiverManager(pool, 1).addRiver(d, &error));
+    EXPECT_NE(error.find(says), std::string::npos) << error;
+  }
 }
 
 TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {
@@ -140,8 +135,8 @@ TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {
   auto rivers = manager(def);
   ASSERT_TRUE(rivers->start());
   ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, couchSeq()); }));
-  EXPECT_EQ(rivers->status().at(0).retries, 3 * 500u + 500u + 250u); // items sent again
-  EXPECT_EQ(rivers->status().at(0).indexed, 1500u);
+  EXPECT_EQ(std::tuple(rivers->status().at(0).retries, rivers->status().at(0).indexed),
+            std::tuple(3 * 500u + 500u + 250u, 1500u)); // items sent again
   door.stop();
   load(1500, 2000);
   ASSERT_TRUE(waitFor([&] { return !rivers->status().at(0).error.empty(); })) << "the river did not notice the outage";
