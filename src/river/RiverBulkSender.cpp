@@ -131,8 +131,9 @@ private:
     indexer.onItemOutcome([&](const BulkItem& item, const BulkOutcome& out) {
       std::lock_guard<std::mutex> lock(mutex);
       const size_t i = byId.at(key(item.index, item.routing, item.id));
-      if (out.ok() || (out.status == 409 && ops[i].relocation)) {
-        if (out.result != "not_found" && !ops[i].relocation)
+      // A delete answered 404 holds nothing there, even when the index itself went meanwhile.
+      if (out.ok() || (ops[i].remove && out.status == 404) || (out.status == 409 && ops[i].relocation)) {
+        if (out.ok() && out.result != "not_found" && !ops[i].relocation)
           ++(ops[i].remove ? progress.deleted : progress.indexed);
       } else if (out.errorType == "cancelled") {
         ++cancelled;
