@@ -180,6 +180,7 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
       {{"i", "stale", "5-o", 3, true, ""}, "-"}, // deleted since: the deletion wins over the stored state
       {{"i", "gone", "3-g", 4, false, R"({"n":4,"httptools_rev":"3-g"})"}, "3-g"}, // recreated below a deletion
       {{"i", "nothing", "2-x", 2, true, ""}, "-"},                                 // nothing to delete
+      {{"i-gone", "moved", "4-m", -1, true, "", "", "", true}, "-"}, // an old copy's index dropped meanwhile
   };
   std::vector<BulkOp> ops;
   for (const auto& c : cases)

@@ -184,6 +184,7 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
       int status = 400;
       std::string err;
       Index* ix = nullptr;
+      std::vector<Index*> none;
       if (st.faults.rejectItems > 0 && st.faults.rejectItems--)
         r = WriteResult::error(429, "es_rejected_execution_exception",
                                "rejected execution of coordinating operation [coordinating_and_primary_bytes=0, "
@@ -191,6 +192,8 @@ void bulk(State& st, const Req& req, Res& res, const std::string& defaultIndex) 
                                "max_coordinating_and_primary_bytes=0]");
       else if (!item.parseError.empty())
         r = WriteResult::error(400, "mapper_parsing_exception", item.parseError);
+      else if (item.action == "delete" && item.opts.versionType == "internal" && !st.resolve(item.index, none, err))
+        r = WriteResult::error(404, "index_not_found_exception", "no such index [" + item.index + "]"); // not created
       else if (!(ix = st.writeIndex(item.index, writeOp(item.action, item.id), status, err)))
         r = WriteResult::error(status, status == 404 ? "index_not_found_exception" : "illegal_argument_exception", err);
       if (!ix)
