@@ -47,6 +47,22 @@ protected:
     return get("/" + db + "/" + id + query).toMap();
   }
   std::string rev(const std::string& id) const { return doc(id)["_rev"].toString(); }
+  // Two leaves for `id`: the one PUT made and a sibling written with new_edits=false.
+  void conflict(const std::string& id) const {
+    ASSERT_EQ(put(id, R"({"a":1})"), 201);
+    ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs",
+                                R"({"docs":[{"_id":")" + id + R"(","_rev":"1-ffff","b":2}],"new_edits":false})"),
+              201);
+  }
+  // The winner's fields and how many conflicts it has, e.g. "a:1 b:2 /0".
+  std::string state(const std::string& id) const {
+    std::string out;
+    const qzVariantMapImpl d = doc(id, "?conflicts=true");
+    for (const auto& [k, v] : d)
+      if (k[0] != '_')
+        out += k + ":" + v.toString() + " ";
+    return out + "/" + std::to_string(d.count("_conflicts") ? d.at("_conflicts").toList().size() : 0);
+  }
 };
 
 TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
@@ -73,19 +89,17 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   o.since = "5";
   ChangesFeedListener follow(*s_pool, server(), db, o);
   std::mutex mutex;
-  std::vector<std::string> followed;
+  std::string followed;
   ASSERT_TRUE(follow.start([&](const Change& c) {
     std::lock_guard<std::mutex> lock(mutex);
-    followed.push_back(c.id + (c.deleted ? "-" : "+"));
-    return true;
+    return followed += c.id + (c.deleted ? "- " : "+ "), true;
   }));
   ASSERT_EQ(put("d5", "{}"), 201);
   ASSERT_EQ(s_server->request("DELETE", "/" + db + "/d2?rev=" + rev("d2")), 200);
   for (int i = 0; i < 1000 && follow.changeCount() < 2; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   follow.stop();
-  EXPECT_EQ(followed, (std::vector<std::string>{"d5+", "d2-"}));
-  EXPECT_EQ(follow.lastSeq(), "7");
+  EXPECT_EQ(followed, "d5+ d2- ");
   ASSERT_EQ(put("d6", "{}"), 201);
   ASSERT_EQ(put("d7", "{}"), 201);
   ChangesOptions rest{.since = follow.lastSeq()};
@@ -112,23 +126,6 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   EXPECT_NE(error.find("not_found"), std::string::npos) << error;
 }
 
-// Two leaves for `id`: the one PUT made and a sibling written with new_edits=false.
-void MakeConflict(qztest::PouchDbServer& s, const std::string& db, const std::string& id) {
-  ASSERT_EQ(s.request("PUT", "/" + db + "/" + id, R"({"a":1})"), 201);
-  ASSERT_EQ(s.request("POST", "/" + db + "/_bulk_docs",
-                      R"({"docs":[{"_id":")" + id + R"(","_rev":"1-ffff","b":2}],"new_edits":false})"),
-            201);
-}
-
-// The winner's fields and how many conflicts it has, e.g. "a:1 b:2 /0".
-std::string State(const qzVariantMapImpl& d) {
-  std::string out;
-  for (const auto& [k, v] : d)
-    if (k[0] != '_')
-      out += k + ":" + v.toString() + " ";
-  return out + "/" + std::to_string(d.count("_conflicts") ? d.at("_conflicts").toList().size() : 0);
-}
-
 // The resolver that merges: the union of every leaf's fields.
 bool Merge(const std::string&, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& winner) {
   for (const auto& leaf : leaves)
@@ -138,9 +135,9 @@ bool Merge(const std::string&, const std::vector<qzVariantMapImpl>& leaves, qzVa
   return true;
 }
 
-TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedByDefaultOrByMergingAndStaySolved) {
+TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedAndEveryLeafIsKeptUntilTheWinnerIsStored) {
   for (const char* id : {"c1", "c2", "c3", "z1"}) // z1 on the second page of the listing
-    MakeConflict(*s_server, db, id);
+    conflict(id);
   std::string plain = R"({"docs":[{"_id":"plain"})";
   for (int i = 0; i < 500; ++i)
     plain += R"(,{"_id":"p)" + std::to_string(1000 + i) + "\"}";
@@ -169,38 +166,31 @@ TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedByDefaultOrByMergingAndStaySolved)
   ASSERT_TRUE(solver.solveAll(&count, &error, nullptr)) << error;
   EXPECT_EQ(count, 2u);
   EXPECT_EQ(seenLeaves, 2u);
-  EXPECT_EQ(State(doc("c2", "?conflicts=true")) + State(doc("c3", "?conflicts=true")), "a:1 b:2 /0a:1 b:2 /0");
+  EXPECT_EQ(state("c2") + state("c3"), "a:1 b:2 /0a:1 b:2 /0");
   ASSERT_TRUE(solver.solveAll(&count, &error, nullptr)) << error;
   EXPECT_EQ(count, 0u);
   ASSERT_TRUE(solver.findConflicts(ids, &error, nullptr));
   EXPECT_TRUE(ids.empty());
 
   // A resolver that declines leaves the document conflicted.
-  MakeConflict(*s_server, db, "c4");
+  conflict("c4");
   solver.setResolver([](const std::string&, const std::vector<qzVariantMapImpl>&, qzVariantMapImpl&) { return false; });
   ASSERT_TRUE(solver.solve("c4", &error, &solved));
   EXPECT_FALSE(solved);
-  EXPECT_EQ(doc("c4", "?conflicts=true")["_conflicts"].toList().size(), 1u);
-}
+  EXPECT_EQ(state("c4"), "b:2 /1");
 
-TEST_F(CouchToolsOnPouchDb, ConflictSolverKeepsEveryLeafUntilTheWinnerIsStored) {
+  // Through a proxy: lost answers, another writer, a resolver that throws.
   using P = qztest::FaultProxy;
-  struct Case {
-    const char* id;
-    P::Rule rule;
-    bool ok;
-    const char* error;
-    std::string state; // the winner's afterwards (or its end)
-  };
-  const std::vector<Case> cases = {
-      {"lost-winner", P::Match("POST", "/_bulk_docs", P::DropAnswer), true, "", "a:1 b:2 /0"},
-      {"lost-tombstones", P::Match("POST", "/_bulk_docs", P::DropAnswer).from(2), true, "", "a:1 b:2 /0"},
-      {"raced", P::Match("", ""), false, "changed by another writer meanwhile", "/1"},
-      {"throws", P::Match("", ""), false, "the resolver failed: boom", "/1"},
+  const std::tuple<const char*, P::Rule, const char*, std::string> cases[] = {
+      // error; the winner's state (its end)
+      {"lost-winner", P::Match("POST", "/_bulk_docs", P::DropAnswer), "", "a:1 b:2 /0"},
+      {"lost-tombstones", P::Match("POST", "/_bulk_docs", P::DropAnswer).from(2), "", "a:1 b:2 /0"},
+      {"raced", P::Match("", ""), "changed by another writer meanwhile", "/1"},
+      {"throws", P::Match("", ""), "the resolver failed: boom", "/1"},
   };
   P proxy(s_server->port());
-  ConflictSolver solver(*s_pool, through(proxy, P::Match("", "")), db);
-  solver.setResolver([&](const std::string& id, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& winner) {
+  ConflictSolver faulty(*s_pool, through(proxy, P::Match("", "")), db);
+  faulty.setResolver([&](const std::string& id, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& winner) {
     if (id == "throws")
       throw std::runtime_error("boom");
     if (id == "raced") { // another writer updates the winner first
@@ -208,61 +198,29 @@ TEST_F(CouchToolsOnPouchDb, ConflictSolverKeepsEveryLeafUntilTheWinnerIsStored) 
     }
     return Merge(id, leaves, winner);
   });
-  for (const Case& k : cases) {
-    SCOPED_TRACE(k.id);
-    MakeConflict(*s_server, db, k.id);
+  for (const auto& [id, rule, why, after] : cases) {
+    SCOPED_TRACE(id);
+    conflict(id);
     proxy.clearRules();
-    proxy.addRule(k.rule);
-    bool solved = false;
-    std::string error;
-    EXPECT_EQ(solver.solve(k.id, &error, &solved), k.ok);
-    EXPECT_EQ(solved, k.ok);
-    EXPECT_NE(error.find(k.error), std::string::npos) << error;
+    proxy.addRule(rule);
+    const bool ok = !*why;
+    EXPECT_EQ(faulty.solve(id, &error, &solved), ok);
+    EXPECT_EQ(solved, ok);
+    EXPECT_NE(error.find(why), std::string::npos) << error;
     EXPECT_EQ(proxy.acted(0), 1u); // the fault did happen
-    EXPECT_TRUE(State(doc(k.id, "?conflicts=true")).ends_with(k.state)) << State(doc(k.id, "?conflicts=true"));
-    if (!k.ok) { // nothing lost: the other leaf is there
-      EXPECT_EQ(doc(k.id, "?rev=1-ffff")["b"].toInt64(), 2);
+    EXPECT_TRUE(state(id).ends_with(after)) << state(id);
+    if (!ok) { // nothing lost: the other leaf is there
+      EXPECT_EQ(doc(id, "?rev=1-ffff")["b"].toInt64(), 2);
     }
   }
-  size_t count = 9;
-  std::string error;
-  EXPECT_FALSE(solver.solveAll(&count, &error, nullptr));
-  EXPECT_EQ(count, 0u);
+  // The two that fail again do not hold c4 back.
+  EXPECT_FALSE(faulty.solveAll(&count, &error, nullptr));
+  EXPECT_EQ(count, 1u);
+  EXPECT_EQ(state("c4"), "a:1 b:2 /0");
   EXPECT_NE(error.find("(and 1 more document(s) not solved)"), std::string::npos) << error;
 }
 
-TEST_F(CouchToolsOnPouchDb, GetterReportsMissingAndDeletedIdsInOrder) {
-  std::vector<std::string> ids;
-  for (int i = 0; i < 25; ++i) {
-    ids.push_back("g" + std::to_string(i));
-    ASSERT_EQ(put(ids.back(), R"({"i":)" + std::to_string(i) + "}"), 201);
-  }
-  ASSERT_EQ(s_server->request("DELETE", "/" + db + "/g3?rev=" + rev("g3")), 200);
-  ids.insert(ids.begin() + 10, "absent-1");
-  ids.push_back("absent-2");
-  DocumentGetter getter(*s_pool, server(), db, 3);
-  getter.setBatchSize(4);
-  std::mutex mutex;
-  std::map<std::string, int64_t> got;
-  std::vector<std::string> missing;
-  std::string error;
-  ASSERT_TRUE(getter.get(
-      ids,
-      [&](const std::string& id, qzVariant& d) {
-        std::lock_guard<std::mutex> lock(mutex);
-        got[id] = d.toMap().at("i").toInt64();
-      },
-      &missing, &error, nullptr))
-      << error;
-  EXPECT_EQ(missing, (std::vector<std::string>{"g3", "absent-1", "absent-2"}));
-  EXPECT_EQ(got.size(), 24u);
-  EXPECT_EQ(got["g24"], 24);
-
-  const bool cancel = true;
-  EXPECT_FALSE(getter.get(ids, nullptr, &missing, &error, &cancel));
-}
-
-TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
+TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChangedAndGetterReportsTheMissing) {
   // By i % 7: 3 is deleted, 5 gets an inline attachment, the rest counts up; every batch has each.
   std::vector<std::string> ids;
   for (int i = 0; i < 35; ++i) {
@@ -298,17 +256,38 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChanged) {
       << error;
   EXPECT_EQ(written, 34u);
   EXPECT_EQ(raced.size(), 14u);
-  for (const std::string& id : ids)
+  for (const std::string& id : ids) {
+    const std::string want = role(id) == 3     ? "error:not_found reason:missing /0"
+                             : raced.count(id) ? "n:11 other:true /0"
+                             : role(id) == 5   ? "n:1 /0 +a"
+                             : id == "u29"     ? "n:0 /0"
+                                               : "n:1 /0";
     if (id != "absent") {
-      const qzVariantMapImpl d = doc(id);
-      EXPECT_EQ(State(d) + (d.count("_attachments") ? " +a" : ""), role(id) == 3 ? "error:not_found reason:missing /0"
-                                                                   : raced.count(id) ? "n:11 other:true /0"
-                                                                   : role(id) == 5   ? "n:1 /0 +a"
-                                                                   : id == "u29"     ? "n:0 /0"
-                                                                                     : "n:1 /0")
-          << id;
+      EXPECT_EQ(state(id) + (doc(id).count("_attachments") ? " +a" : ""), want) << id;
     }
+  }
   EXPECT_EQ(proxy.acted(0), 1u);
+
+  // The getter: deleted and absent ids are reported missing, in the order asked.
+  ids.insert(ids.begin() + 10, "absent-1");
+  DocumentGetter getter(*s_pool, server(), db, 3);
+  getter.setBatchSize(4);
+  std::mutex mutex;
+  std::map<std::string, int64_t> got;
+  std::vector<std::string> missing;
+  ASSERT_TRUE(getter.get(
+      ids,
+      [&](const std::string& id, qzVariant& d) {
+        std::lock_guard<std::mutex> lock(mutex);
+        got[id] = d.toMap().at("n").toInt64();
+      },
+      &missing, &error, nullptr))
+      << error;
+  EXPECT_EQ(missing, (std::vector<std::string>{"u3", "absent-1", "u10", "u17", "u24", "u31", "absent"}));
+  EXPECT_EQ(got.size(), 30u);
+  EXPECT_EQ(got["u29"] + got["u34"], 11);
+  const bool cancel = true;
+  EXPECT_FALSE(getter.get(ids, nullptr, &missing, &error, &cancel));
 }
 
 TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerItemFailures) {
@@ -424,7 +403,7 @@ TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
   EXPECT_EQ(out, "{\"_id\":\"b\",\"_rev\":\"" + rev("b") + "\",\"s\":\"\xc3\xa9\"}\n");
   EXPECT_EQ(err, "not found: zz\n");
 
-  MakeConflict(*s_server, db, "c");
+  conflict("c");
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url, "--resolve"}, "", out, err), 0) << err;
   EXPECT_EQ(out, "c\nsolved 1\n");
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url}, "", out, err), 0) << err;
