@@ -82,9 +82,7 @@ TEST(ChangesFeedParser, SeqsAreTheTextTheServerSentAndMalformedFeedsStopIt) {
       {R"({"results":[{"id":"a","seq":12345678901234567890},{"seq":1.0e3,"id":"b"}],)"
        R"("last_seq":123456789012345678901234567890})",
        "12345678901234567890 a|1.0e3 b|@123456789012345678901234567890", ""},
-      {R"({"seq":9007199254740993,"id":"a","doc":{"seq":1}})"
-       "\n"
-       R"({"last_seq":9007199254740993})",
+      {"{\"seq\":9007199254740993,\"id\":\"a\",\"doc\":{\"seq\":1}}\n{\"last_seq\":9007199254740993}",
        R"(9007199254740993 a {"seq":1}|@9007199254740993)", ""},
       // Under seq_interval most rows have no seq: they are changes, not checkpoints.
       {R"({"results":[{"seq":null,"id":"a"},{"seq":"7-x","id":"b"}],"last_seq":"7-x"})", " a|7-x b|@7-x", ""},
@@ -357,19 +355,15 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
   });
   startServer();
   const ChangesOptions o{.selector = R"({"type":{"$eq":"x"}})", .seqInterval = 2, .batchLimit = 3};
-  const struct {
-    int refuseAt;        // the batch refused (0: none)
-    std::string batches; // "ids and seqs@checkpoint|..."
-    std::vector<std::string> since;
-    std::string lastSeq;
-    int64_t pending; // the server's count, with the changes of a refused batch
-  } runs[] = {
+  // The batch refused (0: none), the batches ("ids and seqs@checkpoint|..."), the since of each
+  // request, the last seq, and the pending count of the server (with the changes of a refused batch).
+  const std::tuple<int, std::string, std::vector<std::string>, std::string, int64_t> runs[] = {
       {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g", 0},
       {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g", 1},
       {1, "a b2-g c@3-g|", {"0"}, "0", 4},
   };
-  for (const auto& r : runs) {
-    SCOPED_TRACE(r.refuseAt);
+  for (const auto& [refuseAt, wantBatches, since, lastSeq, pending] : runs) {
+    SCOPED_TRACE(refuseAt);
     srv.resetCounters();
     ChangesFeedListener feed(pool, server(), "db", o);
     EXPECT_EQ(feed.pending(), -1);
@@ -380,16 +374,14 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
           for (const Change& c : batch)
             batches += (&c == &batch[0] ? "" : " ") + c.id + c.seq;
           batches += "@" + checkpoint + "|";
-          return ++count != r.refuseAt;
+          return ++count != refuseAt;
         },
         &error))
         << error;
-    EXPECT_EQ(batches, r.batches);
-    EXPECT_EQ(feed.lastSeq(), r.lastSeq);
-    EXPECT_EQ(feed.pending(), r.pending);
+    EXPECT_EQ(std::tuple(batches, feed.lastSeq(), feed.pending()), std::tuple(wantBatches, lastSeq, pending));
     std::vector<std::string> want;
-    for (const std::string& since : r.since)
-      want.push_back("/db/_changes?feed=normal&since=" + since + "&limit=3&seq_interval=2&filter=_selector");
+    for (const std::string& from : since)
+      want.push_back("/db/_changes?feed=normal&since=" + from + "&limit=3&seq_interval=2&filter=_selector");
     EXPECT_EQ(targets(), want);
     EXPECT_EQ(Json(srv.lastRequest().body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
   }
