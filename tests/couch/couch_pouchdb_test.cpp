@@ -480,8 +480,9 @@ const char* const kSelectorDocs[] = {
 
 struct Case {
   const char* selector;
-  const char* ids;  // the documents it matches, in order
-  bool peer = true; // pouchdb-server's _find decides it as CouchDB does
+  const char* ids;        // the documents it matches, in order
+  bool peer = true;       // pouchdb-server's _find decides it as CouchDB does
+  const char* error = ""; // a selector it cannot read is an error, not a mismatch
 };
 const Case kCases[] = {
     {R"({"n":1})", "a"},
@@ -515,6 +516,15 @@ const Case kCases[] = {
     {R"({"$not":{"n":1}})", "bcde"},
     {R"({"n":{"$not":{"$gt":2}}})", "a", false}, // pouchdb-server: $not only around a selector
     {R"({"o":{"$keyMapMatch":{"$eq":"z"}}})", "b", false},
+    {R"({"n":{"$foo":1}})", "", false, "unknown operator $foo"},
+    {R"({"$where":"1"})", "", false, "unknown operator $where"},
+    {R"({"$and":{"n":1}})", "", false, "$and takes an array of selectors"},
+    {R"({"n":{"$in":5}})", "", false, "bad argument of $in"},
+    {R"({"n":{"$type":"num"}})", "", false, "bad argument of $type"},
+    {R"({"n":{"$mod":[0,1]}})", "", false, "bad argument of $mod"},
+    {R"({"s":{"$regex":"("}})", "", false, "invalid $regex ("},
+    {R"({"n":{"$exists":1}})", "", false, "$exists takes a boolean"},
+    {R"([1])", "", false, "a selector must be an object"},
 };
 
 std::string Matches(const qzVariant& selector, std::string* error) {
@@ -546,7 +556,7 @@ TEST_F(MangoSelectorOnPouchDb, MatchesAsCouchDbAndAsPouchDbServerFinds) {
     SCOPED_TRACE(k.selector);
     std::string error;
     EXPECT_EQ(Matches(Parse(k.selector), &error), k.ids);
-    EXPECT_EQ(error, "");
+    EXPECT_EQ(error, k.error);
     if (!k.peer)
       continue;
     std::string answer;
@@ -559,26 +569,6 @@ TEST_F(MangoSelectorOnPouchDb, MatchesAsCouchDbAndAsPouchDbServerFinds) {
       ids += doc.toMap().at("_id").toString();
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(ids, k.ids) << "pouchdb-server disagrees";
-  }
-}
-
-TEST(MangoSelector, SelectorsItCannotReadAreErrorsNotMismatches) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"n":{"$foo":1}})", "unknown operator $foo"},
-      {R"({"$where":"1"})", "unknown operator $where"},
-      {R"({"$and":{"n":1}})", "$and takes an array of selectors"},
-      {R"({"n":{"$in":5}})", "bad argument of $in"},
-      {R"({"n":{"$type":"num"}})", "bad argument of $type"},
-      {R"({"n":{"$mod":[0,1]}})", "bad argument of $mod"},
-      {R"({"s":{"$regex":"("}})", "invalid $regex ("},
-      {R"({"n":{"$exists":1}})", "$exists takes a boolean"},
-      {R"([1])", "a selector must be an object"},
-  };
-  for (const auto& [selector, why] : cases) {
-    SCOPED_TRACE(selector);
-    std::string error;
-    EXPECT_EQ(Matches(Parse(selector), &error), "");
-    EXPECT_EQ(error, why);
   }
 }
 
@@ -608,19 +598,16 @@ void Fill(const qztest::PouchDbServer& s, const std::string& db, int plain) {
 
 TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflicts) {
   Fill(*s_server, db, 60);
-  struct Case {
-    bool attachments;
-    size_t batch;
-    unsigned threads;
-  };
-  for (const Case& k : {Case{true, 10, 2}, Case{false, 1000, 1}}) { // 7 batches: the feed waits for the writer
-    SCOPED_TRACE(k.attachments);
-    const std::string target = db + (k.attachments ? "_att" : "_plain");
+  // 7 batches on two threads: the feed waits for the writer.
+  for (const auto& [attachments, batch, threads] :
+       {std::tuple{true, size_t(10), 2u}, std::tuple{false, size_t(1000), 1u}}) {
+    SCOPED_TRACE(attachments);
+    const std::string target = db + (attachments ? "_att" : "_plain");
     s_server->request("DELETE", "/" + target); // left by an earlier repeat
     ASSERT_EQ(s_server->request("PUT", "/" + target), 201);
     std::stringstream file;
     std::vector<std::string> checkpoints;
-    const BackupOptions o{.batchSize = k.batch, .threads = k.threads, .attachments = k.attachments};
+    const BackupOptions o{.batchSize = batch, .threads = threads, .attachments = attachments};
     BackupStats stats;
     std::string error;
     ASSERT_TRUE(BackupDatabase(
@@ -629,17 +616,17 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
         << error;
     EXPECT_EQ(stats.documents, 65u); // 60 plain, c, gone, dw, att, the design document; not _local/mine
     EXPECT_EQ(stats.revisions, 65u + 3u);
-    EXPECT_EQ(checkpoints.size(), (65 + k.batch - 1) / k.batch);
+    EXPECT_EQ(checkpoints.size(), (65 + batch - 1) / batch);
     EXPECT_EQ(checkpoints.back(), stats.lastSeq);
     EXPECT_EQ(file.str().find("_local"), std::string::npos);
     EXPECT_EQ(file.str().find("\"stub\""), std::string::npos);
-    EXPECT_EQ(file.str().find("aGVsbG8=") != std::string::npos, k.attachments);
+    EXPECT_EQ(file.str().find("aGVsbG8=") != std::string::npos, attachments);
 
     RestoreStats restored;
     ASSERT_TRUE(RestoreDatabase(*s_pool, server(), target, file, 2, 50, &restored, &error, nullptr)) << error;
     EXPECT_EQ(restored.stored, stats.revisions);
     std::map<std::string, std::string> want = contents(db), got = contents(target);
-    if (!k.attachments) { // the same revision, without its attachment
+    if (!attachments) { // the same revision, without its attachment
       EXPECT_EQ(get("/" + target + "/att").toMap().count("_attachments"), 0u);
       for (auto* m : {&want, &got})
         std::erase_if(*m, [](const auto& e) { return e.first.starts_with("leaf att") || e.first == "winner att"; });
@@ -686,8 +673,7 @@ TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
   EXPECT_NE(err.find("taken: conflict"), std::string::npos) << err;
 
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", url, "--since", "1"}, "", out, err), 0) << err;
-  const std::string revA = rev("a");
-  EXPECT_EQ(out, "{\"deleted\":false,\"doc\":null,\"id\":\"a\",\"revs\":[\"" + revA +
+  EXPECT_EQ(out, "{\"deleted\":false,\"doc\":null,\"id\":\"a\",\"revs\":[\"" + rev("a") +
                      "\"],\"seq\":\"2\"}\n"
                      "{\"deleted\":false,\"doc\":null,\"id\":\"b\",\"revs\":[\"" +
                      rev("b") + "\"],\"seq\":\"3\"}\n");
