@@ -281,14 +281,10 @@ TEST_F(CouchViewOnPouchDb, LimitsKeysAndFailuresWithTheirLogLines) {
   const auto failed = [](std::string v) { return "Error while fetching view " + v + " of document app "; };
   const std::string missing =
       R"(Error while parsing result, missing 'id' entry in json {"key":"nope","error":"not_found"})";
-  struct Case {
-    std::string design, view;
-    std::vector<std::string> keys; // none: no keys query
-    long limit;
-    size_t accept; // rows taken before refusing
-    std::vector<std::string> ids;
-    std::string log; // the line, or the start of the only line
-  };
+  // Design and view, keys (none: no keys query), limit, rows taken before refusing, the ids taken,
+  // the log line (or the start of the only one).
+  using Case = std::tuple<std::string, std::string, std::vector<std::string>, long, size_t, std::vector<std::string>,
+                          std::string>;
   const std::vector<Case> cases = {
       {"app", "by_k", {"alpha", "}{ ][", "back\\slash\\"}, -1, 2, {"d1", "d2"}, failed("by_k")},
       {"app", "nope", {}, -1, SIZE_MAX, {}, failed("nope")},
@@ -300,22 +296,19 @@ TEST_F(CouchViewOnPouchDb, LimitsKeysAndFailuresWithTheirLogLines) {
       {"", "", {"d3", "d1"}, -1, SIZE_MAX, {"d3", "d1"}, allDocs(2)},
       {"app", "by_k", {"}{ ][", "back\\slash\\"}, -1, SIZE_MAX, {"d2", "d3"}, byK}, // keys escaped in the body
   };
-  for (const auto& c : cases) {
+  for (const auto& [design, view, keys, limit, accept, ids, log] : cases) {
     qztest::LogCapture cap;
     Rows got;
-    got.acceptCount = c.accept;
-    const bool ok = c.log.starts_with("Fetch ");
-    EXPECT_EQ(fetch(got, db, c.design, c.view, c.keys.empty() ? nullptr : &c.keys, c.limit), ok) << c.log;
-    EXPECT_EQ(got.ids(), c.ids) << c.log;
-    if (c.log == byK) { // keys and values as the documents emit them, through the cutter's bytes
-      EXPECT_EQ(got.rows[0], (Row{"d2", qzVariant("}{ ]["), qzVariant("{{ \"quoted\" }} \"}\"")})) << c.log;
+    got.acceptCount = accept;
+    EXPECT_EQ(fetch(got, db, design, view, keys.empty() ? nullptr : &keys, limit), log.starts_with("Fetch ")) << log;
+    EXPECT_EQ(got.ids(), ids) << log;
+    if (log == byK) { // keys and values as the documents emit them, through the cutter's bytes
+      EXPECT_EQ(got.rows[0], (Row{"d2", qzVariant("}{ ]["), qzVariant("{{ \"quoted\" }} \"}\"")}));
       EXPECT_EQ(got.rows[1].value.toList().size(), 2u);
     }
-    EXPECT_EQ(size_t(got.seen), c.ids.size() + (c.accept < SIZE_MAX)) << c.log; // nothing after a refusal
-    EXPECT_TRUE(cap.hasPrefix(c.log)) << cap.dump();
-    if (!c.log.starts_with("Error while parsing")) {
-      EXPECT_EQ(cap.size(), 1u) << cap.dump();
-    }
+    EXPECT_EQ(size_t(got.seen), ids.size() + (accept < SIZE_MAX)) << log; // nothing after a refusal
+    EXPECT_TRUE(cap.hasPrefix(log)) << cap.dump();
+    EXPECT_TRUE(log.starts_with("Error while parsing") || cap.size() == 1u) << cap.dump();
   }
 }
 
