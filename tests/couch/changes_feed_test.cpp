@@ -17,6 +17,7 @@
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <tuple>
 
 // Options by designated initializers: the members left out keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -28,100 +29,67 @@ using namespace qz::couch;
 namespace {
 
 struct Parsed {
-  std::vector<std::string> entries; // "seq id revs... [deleted] [doc]"
-  std::string lastSeq;
+  std::string changes; // "seq id revs... [deleted] [doc]|..." then "@last_seq"
   std::string error;
 };
 
 // Feeds `text` in pieces of `piece` bytes.
 Parsed ParseInPieces(const std::string& text, size_t piece) {
   Parsed out;
+  std::string last;
   ChangesFeedParser parser(
       [&](Change& c) {
-        std::string e = c.seq + " " + c.id;
+        out.changes += c.seq + " " + c.id;
         for (const auto& r : c.revs)
-          e += " " + r;
-        if (c.deleted)
-          e += " deleted";
-        if (!c.doc.isNull())
-          e += " " + c.doc.toString();
-        out.entries.push_back(e);
+          out.changes += " " + r;
+        out.changes += std::string(c.deleted ? " deleted" : "") + (c.doc.isNull() ? "" : " " + c.doc.toString()) + "|";
         return true;
       },
-      [&](const std::string& seq) { out.lastSeq = seq; });
-  for (size_t at = 0; at < text.size(); at += piece)
-    if (!parser.feed(text.data() + at, std::min(piece, text.size() - at))) {
+      [&](const std::string& seq) { last = seq; });
+  for (size_t at = 0; at < text.size() && out.error.empty(); at += piece)
+    if (!parser.feed(text.data() + at, std::min(piece, text.size() - at)))
       out.error = parser.error();
-      break;
-    }
+  out.changes += "@" + last;
   return out;
 }
 
-TEST(ChangesFeedParser, EveryLayoutGivesTheSameChangesAtEveryChunking) {
-  const std::vector<std::string> expected = {"1 a 1-x", "2 b 2-y deleted",
-                                             R"(3 c 1-z {"_id":"c","s":"}{ ][ \"q\" \\"})"};
-  struct Case {
-    const char* name;
-    std::string text;
-    std::string lastSeq;
-  };
+// Every layout, seq form and fault, fed at every chunking.
+TEST(ChangesFeedParser, LayoutsAndSeqsAtEveryChunkingAndMalformedFeedsStopIt) {
   const std::string a = R"({"seq":1,"id":"a","changes":[{"rev":"1-x"}]})";
   const std::string b = R"({"seq":2,"id":"b","changes":[{"rev":"2-y"}],"deleted":true})";
   const std::string c = R"({"seq":3,"id":"c","changes":[{"rev":"1-z"}],"doc":{"_id":"c","s":"}{ ][ \"q\" \\"}})";
-  const std::vector<Case> cases = {
-      {"one line", R"({"results":[)" + a + "," + b + "," + c + R"(],"last_seq":3})", "3"},
-      {"a change per line",
-       "{\"results\":[\r\n" + a + ",\r\n" + b + ",\r\n" + c + "\r\n],\r\n\"last_seq\":3,\"pending\":0}\n", "3"},
-      {"continuous with heartbeats", "\n" + a + "\n\n\n" + b + "\n" + c + "\n\n" + R"({"last_seq":3})" + "\n", "3"},
-      {"continuous cut before its end", a + "\n" + b + "\n" + c + "\n", ""},
-      {"results key after others", R"({"pending":0,"last_seq":3,"results":[)" + a + "," + b + "," + c + "]}", "3"},
-  };
-  for (const Case& k : cases)
-    for (size_t piece : {size_t(1), size_t(2), size_t(7), size_t(64), k.text.size()}) {
-      SCOPED_TRACE(std::string(k.name) + ", pieces of " + std::to_string(piece));
-      const Parsed p = ParseInPieces(k.text, piece);
-      EXPECT_EQ(p.error, "");
-      EXPECT_EQ(p.entries, expected);
-      EXPECT_EQ(p.lastSeq, k.lastSeq);
-    }
-}
-
-TEST(ChangesFeedParser, SeqsAreTheTextTheServerSentAndMalformedFeedsStopIt) {
-  struct Case {
-    std::string text;
-    std::vector<std::string> entries;
-    std::string lastSeq;
-    std::string error = {}; // a part of it
-  };
-  const std::vector<Case> cases = {
+  const std::string abc = R"(1 a 1-x|2 b 2-y deleted|3 c 1-z {"_id":"c","s":"}{ ][ \"q\" \\"}|@)";
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      // the feed, its changes, a part of the error
+      {R"({"results":[)" + a + "," + b + "," + c + R"(],"last_seq":3})", abc + "3", ""},
+      {"{\"results\":[\r\n" + a + ",\r\n" + b + ",\r\n" + c + "\r\n],\r\n\"last_seq\":3,\"pending\":0}\n", abc + "3",
+       ""},
+      {"\n" + a + "\n\n\n" + b + "\n" + c + "\n\n" + R"({"last_seq":3})" + "\n", abc + "3", ""}, // with heartbeats
+      {a + "\n" + b + "\n" + c + "\n", abc, ""}, // continuous, cut short
+      {R"({"pending":0,"last_seq":3,"results":[)" + a + "," + b + "," + c + "]}", abc + "3", ""},
       {R"({"results":[{"seq":"12-g1AAAA\"x","id":"a","changes":[]},)"
        R"({"seq":[4,"abc"],"id":"b","changes":[]}],"last_seq":"13-g1AAAB"})",
-       {"12-g1AAAA\"x a", R"([4,"abc"] b)"},
-       "13-g1AAAB"},
+       R"(12-g1AAAA"x a|[4,"abc"] b|@13-g1AAAB)", ""},
       {R"({"results":[{"id":"a","seq":12345678901234567890},{"seq":1.0e3,"id":"b"}],)"
        R"("last_seq":123456789012345678901234567890})",
-       {"12345678901234567890 a", "1.0e3 b"},
-       "123456789012345678901234567890"},
-      {R"({"seq":9007199254740993,"id":"a","doc":{"seq":1}})"
-       "\n"
-       R"({"last_seq":9007199254740993})",
-       {R"(9007199254740993 a {"seq":1})"},
-       "9007199254740993"},
+       "12345678901234567890 a|1.0e3 b|@123456789012345678901234567890", ""},
+      {"{\"seq\":9007199254740993,\"id\":\"a\",\"doc\":{\"seq\":1}}\n{\"last_seq\":9007199254740993}",
+       R"(9007199254740993 a {"seq":1}|@9007199254740993)", ""},
       // Under seq_interval most rows have no seq: they are changes, not checkpoints.
-      {R"({"results":[{"seq":null,"id":"a"},{"seq":"7-x","id":"b"}],"last_seq":"7-x"})", {" a", "7-x b"}, "7-x"},
-      {"<html>proxy error</html>", {}, "", "unexpected byte"},
-      {R"({"error":"not_found","reason":"missing"})", {}, "", "not_found: missing"},
-      {R"({"results":[{"seq":1,"changes":[]}],"last_seq":1})", {}, "", "without id"},
-      {R"({"results":[{"seq":1,"id":"a",}],"last_seq":1})", {}, "", "invalid json"},
-      {R"({"results":]})", {}, "", "unbalanced"},
-      {R"({"results":[],"last_seq":null})", {}, "", "null last_seq"},
+      {R"({"results":[{"seq":null,"id":"a"},{"seq":"7-x","id":"b"}],"last_seq":"7-x"})", " a|7-x b|@7-x", ""},
+      {"<html>proxy error</html>", "@", "unexpected byte"},
+      {R"({"error":"not_found","reason":"missing"})", "@", "not_found: missing"},
+      {R"({"results":[{"seq":1,"changes":[]}],"last_seq":1})", "@", "without id"},
+      {R"({"results":[{"seq":1,"id":"a",}],"last_seq":1})", "@", "invalid json"},
+      {R"({"results":]})", "@", "unbalanced"},
+      {R"({"results":[],"last_seq":null})", "@", "null last_seq"},
   };
-  for (const Case& k : cases) {
-    const Parsed p = ParseInPieces(k.text, 3);
-    EXPECT_TRUE(k.error.empty() ? p.error.empty() : p.error.find(k.error) != std::string::npos) << p.error;
-    EXPECT_EQ(p.entries, k.entries) << k.text;
-    EXPECT_EQ(p.lastSeq, k.lastSeq) << k.text;
-  }
+  for (const auto& [text, changes, error] : cases)
+    for (size_t piece : {size_t(1), size_t(2), size_t(7), size_t(64), text.size()}) {
+      const Parsed p = ParseInPieces(text, piece);
+      EXPECT_EQ(p.changes, changes) << "pieces of " << piece << ": " << text;
+      EXPECT_TRUE(error.empty() ? p.error.empty() : p.error.find(error) != std::string::npos) << p.error;
+    }
 }
 
 TEST(ChangesFeedParser, RefusedChangeStopsAndResetStartsOver) {
@@ -158,6 +126,12 @@ protected:
   static std::string Line(const std::string& seq, const std::string& id) {
     return R"({"seq":")" + seq + R"(","id":")" + id + R"(","changes":[{"rev":"1-a"}]})" + "\n";
   }
+  std::vector<std::string> targets() const {
+    std::vector<std::string> out;
+    for (const auto& r : srv.requests())
+      out.push_back(r.target);
+    return out;
+  }
 
   qztest::TestHttpServer srv;
   qz::http::HttpConnectionPool pool;
@@ -165,66 +139,66 @@ protected:
 };
 
 TEST_F(CouchOnTestServer, CutFeedAndHeartbeatSilenceReconnectFromTheCheckpoint) {
-  // 1st connection: two changes, half a third, then the connection drops.
-  // 2nd: the third change, then silence (no heartbeat). 3rd: the fourth change with heartbeats.
+  // 1st connection: a, b (its seq null under seq_interval: the checkpoint stays at a's), half of c,
+  // then the connection drops. 2nd: c, then silence (no heartbeat). 3rd: d, then heartbeats.
   srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
     const int n = ++attempt;
     res.set_chunked_content_provider("application/json", [this, n](size_t, httplib::DataSink& sink) {
-      std::string out;
-      if (n == 1) {
-        // b's seq is null (seq_interval): the checkpoint stays at a's.
-        out = Line("1-g1", "a") + R"({"seq":null,"id":"b"})" + "\n" + R"({"seq":"3-g1","id":"c","cha)";
-        sink.write(out.data(), out.size());
-        return false;
-      }
-      out = n == 2 ? Line("3-g1", "c") : Line("4-g1", "d");
+      const std::string out = n == 1
+                                  ? Line("1-g1", "a") + R"({"seq":null,"id":"b"})" + "\n" + R"({"seq":"3-g1","id":"c)"
+                                  : Line(n == 2 ? "3-g1" : "4-g1", n == 2 ? "c" : "d");
       sink.write(out.data(), out.size());
-      while (srv.sleepUnlessStopping(100))
+      while (n > 1 && srv.sleepUnlessStopping(100))
         if (n > 2)
           sink.write("\n", 1);
       return false;
     });
   });
   startServer();
-  const ChangesOptions o{.since = "0", .continuous = true, .heartbeatMs = 200, .backoffInitialMs = 10};
-  ChangesFeedListener feed(pool, server(), "db", o);
-  std::vector<std::string> ids;
-  std::string error;
+  ChangesFeedListener feed(pool, server(), "db",
+                           {.since = "0", .continuous = true, .heartbeatMs = 200, .backoffInitialMs = 10});
+  std::string ids, error;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_TRUE(feed.run(
-      [&](const Change& c) {
-        ids.push_back(c.id);
-        return c.id != "d";
-      },
-      &error, nullptr))
-      << error;
+  EXPECT_TRUE(feed.run([&](const Change& c) { return ids += c.id, c.id != "d"; }, &error, nullptr)) << error;
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
-  EXPECT_EQ(ids, (std::vector<std::string>{"a", "b", "c", "d"}));
-  std::vector<std::string> targets;
-  for (const auto& r : srv.requests())
-    targets.push_back(r.target);
+  EXPECT_EQ(ids, "abcd");
   const std::string q = "/db/_changes?feed=continuous&since=", hb = "&heartbeat=200";
-  EXPECT_EQ(targets, (std::vector<std::string>{q + "0" + hb, q + "1-g1" + hb, q + "3-g1" + hb}));
+  EXPECT_EQ(targets(), (std::vector<std::string>{q + "0" + hb, q + "1-g1" + hb, q + "3-g1" + hb}));
   EXPECT_EQ(feed.lastSeq(), "3-g1"); // d was refused: not a checkpoint
   EXPECT_EQ(feed.reconnectCount(), 2u);
   EXPECT_EQ(srv.lastRequest().header("Accept"), "application/json");
 }
 
-TEST_F(CouchOnTestServer, ClientErrorsEndTheRunAndRetriesRunOut) {
+TEST_F(CouchOnTestServer, RetryAfterUpToTheCapClientErrorsEndTheRunAndRetriesRunOut) {
+  // 429 asking for 1 s, 503 asking for a day (capped at backoffMaxMs), then the feed.
+  srv.route("GET", "/db/_changes", [this](const httplib::Request&, httplib::Response& res) {
+    const int n = ++attempt;
+    if (n <= 2)
+      res.set_header("Retry-After", n == 1 ? "1" : "86400");
+    res.status = n == 1 ? 429 : n == 2 ? 503 : 200;
+    res.set_content(n <= 2 ? R"({"error":"too_many_requests","reason":"later"})"
+                           : R"({"results":[)" + Line("5-r", "a") + R"(],"last_seq":"5-r"})",
+                    "application/json");
+  });
   srv.route("GET", "/gone/_changes", [](const httplib::Request&, httplib::Response& res) {
     res.status = 404;
     res.set_content(R"({"error":"not_found","reason":"Database does not exist."})", "application/json");
   });
   startServer();
-  ChangesOptions o{.backoffInitialMs = 10};
+  ChangesOptions o{.backoffInitialMs = 10, .backoffMaxMs = 1500}; // computed delays: a few ms
   std::string error;
   {
     qz::http::HttpConnectionPool own; // closed before the server stops: no kept-alive connection to wait for
-    ChangesFeedListener gone(own, server(), "gone", o);
+    ChangesFeedListener feed(own, server(), "db", o), gone(own, server(), "gone", o);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2400));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(5500));
+    EXPECT_EQ(feed.lastSeq(), "5-r");
     EXPECT_FALSE(gone.run([](const Change&) { return true; }, &error));
   }
   EXPECT_NE(error.find("not_found: Database does not exist."), std::string::npos) << error;
-  EXPECT_EQ(srv.requestCount(), 1u);
+  EXPECT_EQ(srv.requestCount(), 4u); // the 404 is not retried
 
   o.maxRetries = 2;
   srv.stop(); // nothing listens any more
@@ -250,16 +224,15 @@ TEST_F(CouchOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
     res.set_header("Retry-After", "3600");
   });
   startServer();
-  using Clock = std::chrono::steady_clock;
   // Once one change (or answer) is in and the transfer has been quiet a while, `end` returns at once.
   auto promptly = [](const std::atomic<int>& seen, const std::function<void()>& end) {
     for (int i = 0; i < 1000 && seen.load() == 0; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_EQ(seen.load(), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(350)); // quiet: what is measured
-    const auto t0 = Clock::now();
+    const auto t0 = std::chrono::steady_clock::now();
     end();
-    EXPECT_LT(Clock::now() - t0, std::chrono::milliseconds(400));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(400));
   };
   ChangesOptions o{.continuous = true};
   ChangesFeedListener feed(pool, server(), "db", o);
@@ -290,69 +263,40 @@ TEST_F(CouchOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
   EXPECT_EQ(attempt.load(), 1);
 }
 
-TEST_F(CouchOnTestServer, RetryAfterSetsTheReconnectDelayUpToTheCap) {
-  using Clock = std::chrono::steady_clock;
-  std::mutex mutex;
-  std::vector<Clock::time_point> at;
-  srv.route("GET", "/db/_changes", [&](const httplib::Request&, httplib::Response& res) {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      at.push_back(Clock::now());
-    }
-    const int n = ++attempt;
-    if (n <= 2) {
-      res.status = n == 1 ? 429 : 503;
-      res.set_header("Retry-After", n == 1 ? "1" : "86400");
-      res.set_content(R"({"error":"too_many_requests","reason":"later"})", "application/json");
-    } else {
-      res.set_content(R"({"results":[)" + Line("5-r", "a") + R"(],"last_seq":"5-r"})", "application/json");
-    }
-  });
-  startServer();
-  const ChangesOptions o{.backoffInitialMs = 10, .backoffMaxMs = 1500}; // computed delays: a few ms
-  ChangesFeedListener feed(pool, server(), "db", o);
-  std::string error;
-  EXPECT_TRUE(feed.run([](const Change&) { return true; }, &error)) << error;
-  EXPECT_EQ(feed.lastSeq(), "5-r");
-  std::lock_guard<std::mutex> lock(mutex); // the handler's writes, seen by ThreadSanitizer too
-  ASSERT_EQ(at.size(), 3u);
-  EXPECT_GE(at[1] - at[0], std::chrono::milliseconds(950));
-  EXPECT_GE(at[2] - at[1], std::chrono::milliseconds(1450)); // a day, capped at backoffMaxMs
-  EXPECT_LT(at[2] - at[1], std::chrono::milliseconds(4000));
-}
-
-TEST_F(CouchOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
+TEST_F(CouchOnTestServer, UploaderRetriesBusyAnswersAndGetterAccountsForEveryId) {
   // Batches close at 3 documents or 100 bytes; the first answer is 429 asking for a 1 s pause,
   // the second 503, then each batch is answered per item, "locked" documents with 403.
   std::mutex mutex;
   std::vector<std::string> bodies;
-  std::vector<std::chrono::steady_clock::time_point> arrivals;
   srv.route("POST", "/db/_bulk_docs", [&](const httplib::Request& req, httplib::Response& res) {
     const int n = ++attempt;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      bodies.push_back(req.body);
-      arrivals.push_back(std::chrono::steady_clock::now());
-    }
+    std::lock_guard<std::mutex> lock(mutex);
+    bodies.push_back(req.body);
     if (n <= 2) {
       res.status = n == 1 ? 429 : 503;
       if (n == 1)
         res.set_header("Retry-After", "1");
       return;
     }
-    qzVariantMapImpl body;
-    ASSERT_TRUE(qz::json::Json2Variant::Convert(req.body, body));
-    std::string out = "[";
+    std::string out;
+    qzVariantMapImpl body = Json(req.body);
     for (const auto& d : body["docs"].toList()) {
       const std::string id = d.toMap().at("_id").toString();
-      out += std::string(out.size() > 1 ? "," : "") +
-             (id.rfind("locked", 0) == 0 ? R"({"id":")" + id + R"(","error":"forbidden","reason":"read only"})"
-                                         : R"({"ok":true,"id":")" + id + R"(","rev":"1-a"})");
+      out += (out.empty() ? "[" : ",") + (id.starts_with("locked")
+                                              ? R"({"id":")" + id + R"(","error":"forbidden","reason":"read only"})"
+                                              : R"({"ok":true,"id":")" + id + R"(","rev":"1-a"})");
     }
     res.status = 201;
     res.set_content(out + "]", "application/json");
   });
+  // The getter: a row, a missing id, a failed one, and no row at all for the last.
+  srv.route("POST", "/db/_all_docs", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(R"({"rows":[{"key":"a","id":"a","value":{"rev":"1-x"},"doc":{"_id":"a"}},)"
+                    R"({"key":"b","error":"not_found"},{"key":"c","error":"internal_error","reason":"boom"}]})",
+                    "application/json");
+  });
   startServer();
+  const auto start = std::chrono::steady_clock::now();
   {
     DocumentUploader up(pool, server(), "db", 1, 3, 100);
     for (const char* id : {"a", "b", "locked-1", "c", "d"})
@@ -363,27 +307,20 @@ TEST_F(CouchOnTestServer, UploaderRetriesBusyAnswersAndKeepsPerItemErrors) {
     EXPECT_EQ(error, "1 document(s) not stored, first locked-1: forbidden: read only");
     EXPECT_EQ(up.uploaded(), 5u);
     EXPECT_EQ(up.failures(), (std::vector<std::pair<std::string, std::string>>{{"locked-1", "forbidden: read only"}}));
-    qzVariantMapImpl nan{{"x", std::numeric_limits<double>::quiet_NaN()}};
-    EXPECT_FALSE(up.add(nan));
+    EXPECT_FALSE(up.add(qzVariantMapImpl{{"x", std::numeric_limits<double>::quiet_NaN()}}));
   }
+  // As Retry-After asked, and no more: the 503 is followed by the backoff's own short delay.
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(950));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
   // The first batch three times (429, 503, stored), then {c, d} (the big one did not fit), then big alone.
   const std::string first = R"({"docs":[{"_id":"a","n":1},{"_id":"b","n":1},{"_id":"locked-1","n":1}]})";
-  std::lock_guard<std::mutex> lock(mutex);
-  ASSERT_EQ(bodies.size(), 5u);
-  EXPECT_GE(arrivals[1] - arrivals[0], std::chrono::milliseconds(950)); // as Retry-After asked
-  EXPECT_LT(arrivals[2] - arrivals[1], std::chrono::milliseconds(900)); // the backoff's own delay
-  EXPECT_EQ(std::vector<std::string>(bodies.begin(), bodies.begin() + 4),
-            (std::vector<std::string>{first, first, first, R"({"docs":[{"_id":"c","n":1},{"_id":"d","n":1}]})"}));
-  EXPECT_NE(bodies[4].find("\"big\""), std::string::npos);
-}
-
-TEST_F(CouchOnTestServer, GetterAccountsForEveryIdAsked) {
-  srv.route("POST", "/db/_all_docs", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(R"({"rows":[{"key":"a","id":"a","value":{"rev":"1-x"},"doc":{"_id":"a"}},)"
-                    R"({"key":"b","error":"not_found"},{"key":"c","error":"internal_error","reason":"boom"}]})",
-                    "application/json");
-  });
-  startServer();
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(bodies.size(), 5u);
+    EXPECT_EQ(std::vector<std::string>(bodies.begin(), bodies.begin() + 4),
+              (std::vector<std::string>{first, first, first, R"({"docs":[{"_id":"c","n":1},{"_id":"d","n":1}]})"}));
+    EXPECT_NE(bodies[4].find("\"big\""), std::string::npos);
+  }
   DocumentGetter getter(pool, server(), "db", 1);
   std::vector<std::string> got, missing;
   std::string error;
@@ -410,19 +347,15 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
   });
   startServer();
   const ChangesOptions o{.selector = R"({"type":{"$eq":"x"}})", .seqInterval = 2, .batchLimit = 3};
-  const struct {
-    int refuseAt;        // the batch refused (0: none)
-    std::string batches; // "ids and seqs@checkpoint|..."
-    std::vector<std::string> since;
-    std::string lastSeq;
-    int64_t pending; // the server's count, with the changes of a refused batch
-  } runs[] = {
+  // The batch refused (0: none), the batches ("ids and seqs@checkpoint|..."), the since of each
+  // request, the last seq, and the pending count of the server (with the changes of a refused batch).
+  const std::tuple<int, std::string, std::vector<std::string>, std::string, int64_t> runs[] = {
       {0, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "4-g", 0},
       {2, "a b2-g c@3-g|d@4-g|", {"0", "3-g"}, "3-g", 1},
       {1, "a b2-g c@3-g|", {"0"}, "0", 4},
   };
-  for (const auto& r : runs) {
-    SCOPED_TRACE(r.refuseAt);
+  for (const auto& [refuseAt, wantBatches, since, lastSeq, pending] : runs) {
+    SCOPED_TRACE(refuseAt);
     srv.resetCounters();
     ChangesFeedListener feed(pool, server(), "db", o);
     EXPECT_EQ(feed.pending(), -1);
@@ -433,21 +366,16 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
           for (const Change& c : batch)
             batches += (&c == &batch[0] ? "" : " ") + c.id + c.seq;
           batches += "@" + checkpoint + "|";
-          return ++count != r.refuseAt;
+          return ++count != refuseAt;
         },
         &error))
         << error;
-    EXPECT_EQ(batches, r.batches);
-    EXPECT_EQ(feed.lastSeq(), r.lastSeq);
-    EXPECT_EQ(feed.pending(), r.pending);
-    std::vector<std::string> targets, want;
-    for (const auto& req : srv.requests()) {
-      EXPECT_EQ(Json(req.body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
-      targets.push_back(req.target);
-    }
-    for (const std::string& since : r.since)
-      want.push_back("/db/_changes?feed=normal&since=" + since + "&limit=3&seq_interval=2&filter=_selector");
-    EXPECT_EQ(targets, want);
+    EXPECT_EQ(std::tuple(batches, feed.lastSeq(), feed.pending()), std::tuple(wantBatches, lastSeq, pending));
+    std::vector<std::string> want;
+    for (const std::string& from : since)
+      want.push_back("/db/_changes?feed=normal&since=" + from + "&limit=3&seq_interval=2&filter=_selector");
+    EXPECT_EQ(targets(), want);
+    EXPECT_EQ(Json(srv.lastRequest().body), Json(R"({"selector":{"type":{"$eq":"x"}}})"));
   }
 }
 
@@ -468,41 +396,30 @@ TEST_F(CouchOnTestServer, FindFollowsBookmarksUpToTheLimit) {
                     "application/json");
   });
   startServer();
-  struct Case {
-    long limit;
-    std::string ids;
-    std::vector<std::string> sent; // bookmark and limit of each request
+  const std::tuple<long, std::string, std::string> cases[] = {
+      // limit, ids, the bookmark and limit of each request
+      {-1, "d0d1d2d3d4d5d6", "-3 b1 3 b2 3 "},
+      {5, "d0d1d2d3d4", "-3 b1 2 "},
+      {6, "d0d1d2d3d4d5", "-3 b1 3 "},
+      {0, "", ""}, // nothing asked for, nothing sent
   };
-  const Case cases[] = {
-      {-1, "d0d1d2d3d4d5d6", {"-3", "b1 3", "b2 3"}},
-      {5, "d0d1d2d3d4", {"-3", "b1 2"}},
-      {6, "d0d1d2d3d4d5", {"-3", "b1 3"}},
-      {0, "", {}}, // nothing asked for, nothing sent
-  };
-  for (const Case& k : cases) {
-    SCOPED_TRACE(k.limit);
+  for (const auto& [limit, want, wantSent] : cases) {
+    SCOPED_TRACE(limit);
     srv.resetCounters();
-    const FindQuery q{.selector = R"({"n":{"$gt":0}})", .limit = k.limit, .pageSize = 3};
-    std::string ids, error;
+    std::string ids, error, sent;
     FindStats stats;
     EXPECT_TRUE(FindDocuments(
-        pool, server(), "db", q,
-        [&](qzVariant& doc) {
-          ids += doc.toMap().at("_id").toString();
-          return true;
-        },
-        &stats, &error, nullptr))
+        pool, server(), "db", {.selector = R"({"n":{"$gt":0}})", .limit = limit, .pageSize = 3},
+        [&](qzVariant& doc) { return ids += doc.toMap().at("_id").toString(), true; }, &stats, &error, nullptr))
         << error;
-    EXPECT_EQ(ids, k.ids);
+    EXPECT_EQ(ids, want);
     EXPECT_FALSE(stats.pagedBySkip);
-    std::vector<std::string> sent;
     for (const auto& req : srv.requests()) {
       const qzVariantMapImpl body = Json(req.body);
       EXPECT_EQ(body.count("skip"), 0u);
-      sent.push_back((body.count("bookmark") ? body.at("bookmark").toString() + " " : "-") +
-                     body.at("limit").toString());
+      sent += (body.count("bookmark") ? body.at("bookmark").toString() + " " : "-") + body.at("limit").toString() + " ";
     }
-    EXPECT_EQ(sent, k.sent);
+    EXPECT_EQ(sent, wantSent);
   }
   for (const auto& [selector, why] : {std::pair{R"({"bad":{"$bad":1}})", "invalid_operator: Invalid operator: $bad"},
                                       std::pair{"[]", "the selector is not a JSON object"}}) {
