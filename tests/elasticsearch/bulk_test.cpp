@@ -42,13 +42,6 @@ protected:
            std::to_string(s.failed) + ", retried " + std::to_string(s.retried) + ", cancelled " +
            std::to_string(s.cancelled);
   }
-  // Waits up to 5 s for `done`.
-  template <typename F> static bool eventually(F done) {
-    for (int i = 0; i < 500 && !done(); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return done();
-  }
-
   std::mutex mutex;
   std::vector<Failure> failures;
 };
@@ -114,11 +107,9 @@ TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     emulator.reset();
-    auto f = emulator.faults();
-    f.rejectItems = row.rejectItems;
-    f.unavailable = row.unavailable;
-    f.unavailablePath = "_bulk";
-    emulator.setFaults(f);
+    inject([&](auto& f) {
+      f.rejectItems = row.rejectItems, f.unavailable = row.unavailable, f.unavailablePath = "_bulk";
+    });
     failures.clear();
     const qz::Url nowhere("http://127.0.0.1:1"); // nothing listens there
     BulkIndexer indexer(pool, row.bulkRequests ? server : ElasticConnectionParameters(nowhere), row.threads, row.batch);
@@ -180,8 +171,9 @@ BulkItem item(BulkOp op, const std::string& id, const std::string& json = "", in
 }
 
 // Each op type and option reaches Elasticsearch in one request, applied in order, and each item's
-// outcome comes back with the item as sent; a data stream takes creates only.
-TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
+// outcome comes back with the item as sent; a data stream takes creates only. Items Elasticsearch
+// would refuse with the whole request never leave.
+TEST_F(BulkTest, EveryOpAndOptionHasItsOutcomeAndItemsElasticsearchRefusesNeverLeave) {
   ASSERT_EQ(call("PUT", "/_index_template/logs", R"({"index_patterns":["logs-*"],"data_stream":{}})"), 200);
   auto stream = [](BulkOp op, const char* id, const char* json) {
     return BulkItem{op, "logs-x", id, "", -1, V::Internal, -1, -1, json, false};
@@ -210,12 +202,29 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
       {stream(BulkOp::Index, "2", R"({"@timestamp":5})"), 400, "illegal_argument_exception", -1},
       {stream(BulkOp::Create, "3", R"({"n":3})"), 400, "mapper_parsing_exception", -1},
   };
+  // What Elasticsearch would refuse for the whole request is refused alone, before sending.
+  const std::pair<BulkItem, const char*> refused[] = {
+      {item(BulkOp::Create, "c", "{}", 2, V::External), "create operations only support internal versioning"},
+      {item(BulkOp::Update, "u", "{}", 2, V::External), "update requests do not support versioning"},
+      {item(BulkOp::Index, "i", "{}", 2), "a version needs an external version"},
+      {item(BulkOp::Index, "i", "{}", -1, V::External), "needs a version >= 0"},
+      {item(BulkOp::Index, "i", "{}", -1, V::Internal, "", 3), "go together"},
+      {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
+      {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
+      {item(BulkOp::Create, "c"), "one JSON object on one line"},
+  };
   BulkIndexer indexer(pool, server, 1, 1000);
   watch(indexer);
   std::vector<std::pair<BulkItem, BulkOutcome>> got;
   indexer.onItemOutcome([&](const BulkItem& i, const BulkOutcome& o) { got.emplace_back(i, o); });
-  for (const auto& c : cases)
-    ASSERT_TRUE(indexer.add(c.item));
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    std::string why;
+    ASSERT_TRUE(indexer.add(cases[i].item));
+    if (i < std::size(refused)) {
+      EXPECT_FALSE(indexer.add(refused[i].first, &why)) << refused[i].second;
+      EXPECT_NE(why.find(refused[i].second), std::string::npos) << why;
+    }
+  }
   std::string error;
   EXPECT_FALSE(indexer.flush(&error)); // the expected conflicts
   EXPECT_NE(error.find("6 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception"), std::string::npos)
@@ -225,15 +234,10 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
   for (size_t i = 0; i < got.size(); ++i) {
     const auto& [sent, o] = got[i];
     const Case& c = cases[i];
-    SCOPED_TRACE("case " + std::to_string(i) + " " + c.item.id);
-    EXPECT_EQ(sent.op, c.item.op);
-    EXPECT_EQ(sent.id, c.item.id);
-    EXPECT_EQ(sent.json, c.item.json);
-    EXPECT_EQ(sent.routing, c.item.routing);
-    EXPECT_EQ(o.status, c.status);
-    EXPECT_EQ(o.ok() ? o.result : o.errorType, c.result) << o.errorReason;
-    EXPECT_EQ(o.version, c.version);
-    EXPECT_EQ(o.ok(), o.seqNo >= 0);
+    EXPECT_EQ(std::tuple(sent.op, sent.id, sent.json, sent.routing, o.status, o.ok() ? o.result : o.errorType,
+                         o.version, o.seqNo >= 0),
+              std::tuple(c.item.op, c.item.id, c.item.json, c.item.routing, c.status, c.result, c.version, o.ok()))
+        << "case " << i << " " << o.errorReason;
   }
   std::string back;
   ASSERT_EQ(call("GET", "/o/_doc/x", "", &back), 200);
@@ -252,35 +256,10 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcome) {
   EXPECT_EQ(counts(indexer.stats()), "indexed 9, deleted 2, failed 6, retried 0, cancelled 0");
 }
 
-// What Elasticsearch would refuse for the whole request is refused alone, before sending.
-TEST_F(BulkTest, ItemsElasticsearchRefusesNeverLeave) {
-  const struct {
-    BulkItem item;
-    const char* why;
-  } refused[] = {
-      {item(BulkOp::Create, "c", "{}", 2, V::External), "create operations only support internal versioning"},
-      {item(BulkOp::Update, "u", "{}", 2, V::External), "update requests do not support versioning"},
-      {item(BulkOp::Index, "i", "{}", 2), "a version needs an external version"},
-      {item(BulkOp::Index, "i", "{}", -1, V::External), "needs a version >= 0"},
-      {item(BulkOp::Index, "i", "{}", -1, V::Internal, "", 3), "go together"},
-      {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
-      {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
-      {item(BulkOp::Create, "c"), "one JSON object on one line"},
-  };
-  BulkIndexer indexer(pool, server, 1, 1000);
-  for (const auto& r : refused) {
-    std::string why;
-    EXPECT_FALSE(indexer.add(r.item, &why)) << r.why;
-    EXPECT_NE(why.find(r.why), std::string::npos) << why;
-  }
-  std::string error;
-  EXPECT_TRUE(indexer.flush(&error)) << error;
-  EXPECT_EQ(emulator.stats().bulkRequests, 0u);
-}
-
 // stop() and the destructor end a retry backoff, or a request on the wire, at once; what was not
-// acknowledged is reported cancelled. The bounds leave room for sanitizers on a loaded machine.
-TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
+// acknowledged is reported cancelled. Before the destructor in a backoff, flush() waits through it
+// until its flag is set from another thread. The bounds leave room for sanitizers on a loaded machine.
+TEST_F(BulkTest, StopFlushFlagAndDestructorEndBackoffAndCancelTheRest) {
   using Clock = std::chrono::steady_clock;
   const struct {
     const char* name;
@@ -291,9 +270,7 @@ TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     emulator.reset();
-    auto f = emulator.faults();
-    f.rejectItems = 1000; // every attempt is refused: the first batch waits in a 10 s backoff
-    emulator.setFaults(f);
+    inject([](auto& f) { f.rejectItems = 1000; }); // every attempt is refused: the first batch waits in a 10 s backoff
     qztest::SilentListener silent;
     std::atomic<size_t> cancelled{0}, others{0};
     auto indexer = std::make_unique<BulkIndexer>(
@@ -304,6 +281,15 @@ TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
     for (int i = 0; i < 10; ++i) // a batch of 4 sent, one queued, 2 not yet full
       ASSERT_TRUE(indexer->index("s", std::to_string(i), doc(i)));
     ASSERT_TRUE(eventually([&] { return row.onTheWire ? silent.accepted() == 1 : indexer->stats().retried == 4; }));
+    if (row.byDestructor && !row.onTheWire) {
+      std::atomic<bool> cancel{false};
+      std::thread canceller([&] { cancel = true; });
+      std::string error;
+      EXPECT_FALSE(indexer->flush(&error, &cancel));
+      canceller.join();
+      EXPECT_EQ(error, "interrupted with 10 bulk item(s) not yet acknowledged");
+      EXPECT_EQ(indexer->stats().failed + cancelled, 0u); // still in their backoff
+    }
     const auto t0 = Clock::now();
     if (row.byDestructor)
       indexer.reset();
@@ -323,27 +309,6 @@ TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
     }
     EXPECT_EQ(emulator.stats().bulkRequests, row.onTheWire ? 0u : 1u);
   }
-}
-
-// flush() waits through retries, and returns when its cancel flag is set from another thread.
-TEST_F(BulkTest, FlushIsInterruptedByItsFlag) {
-  auto f = emulator.faults();
-  f.rejectItems = 1000;
-  emulator.setFaults(f);
-  BulkIndexer indexer(pool, server, 1, 100);
-  indexer.setRetries(3, 10000);
-  for (int i = 0; i < 3; ++i)
-    indexer.index("i", std::to_string(i), doc(i));
-  std::atomic<bool> cancel{false};
-  std::thread canceller([&] {
-    eventually([&] { return indexer.stats().retried == 3; });
-    cancel = true;
-  });
-  std::string error;
-  EXPECT_FALSE(indexer.flush(&error, &cancel));
-  canceller.join();
-  EXPECT_EQ(error, "interrupted with 3 bulk item(s) not yet acknowledged");
-  EXPECT_EQ(indexer.stats().failed + indexer.stats().cancelled, 0u); // still in their backoff
 }
 
 } // namespace

@@ -55,32 +55,25 @@ TEST_F(GetterTest, FindsDocumentsOverThreadsAndListsMissingInOrder) {
   EXPECT_EQ(emulator.stats().mgetRequests, 2u * 31u);
 }
 
+// A missing index, a 503, an answer that leaves an id out and the caller's cancel each fail the call.
 TEST_F(GetterTest, MissingIndexErrorShortAnswerAndCancel) {
   seed(10);
   std::string error;
-  DocumentGetter nowhere(pool, server, "nope", 2);
-  EXPECT_FALSE(nowhere.get(
-      {"a", "b"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, nullptr));
+  auto get = [&](const char* index, const std::vector<std::string>& ids, const bool* cancel = nullptr) {
+    DocumentGetter getter(pool, server, index, 2);
+    return getter.get(
+        ids, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, cancel);
+  };
+  EXPECT_FALSE(get("nope", {"a", "b"}));
   EXPECT_NE(error.find("index_not_found_exception"), std::string::npos) << error;
-
-  auto f = emulator.faults();
-  f.unavailable = 1;
-  emulator.setFaults(f);
-  DocumentGetter getter(pool, server, "g", 2);
-  EXPECT_FALSE(getter.get(
-      {"k1"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, nullptr));
+  inject([](auto& f) { f.unavailable = 1; });
+  EXPECT_FALSE(get("g", {"k1"}));
   EXPECT_NE(error.find("503"), std::string::npos) << error;
-
-  f.unavailable = 0;
-  f.mgetDropLast = true; // an answer that leaves an id out
-  emulator.setFaults(f);
-  EXPECT_FALSE(getter.get(
-      {"k1", "k2", "k3"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, nullptr));
+  inject([](auto& f) { f.unavailable = 0, f.mgetDropLast = true; });
+  EXPECT_FALSE(get("g", {"k1", "k2", "k3"}));
   EXPECT_NE(error.find("answered 2 of 3 ids"), std::string::npos) << error;
-
-  bool cancel = true;
-  EXPECT_FALSE(getter.get(
-      {"k1", "k2"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, &cancel));
+  const bool cancel = true;
+  EXPECT_FALSE(get("g", {"k1", "k2"}, &cancel));
   EXPECT_EQ(error, "cancelled");
 }
 

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <tuple>
 
 using qz::elasticsearch::FetchSearchResults;
 using qz::elasticsearch::FetchSlicedSearchResults;
@@ -52,13 +53,14 @@ protected:
   qz::elasticsearch::SearchOptions options;
 };
 
-TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScrollKeepingQuerySortAndSourceFilters) {
+// Every hit once and in order, through point in time and through scroll, with the query, the sort
+// and the source filters kept from page to page; then slices of one point in time, or one scroll
+// each, share the documents out.
+TEST_F(SearchTest, PagedAndSlicedFetchesGiveEveryDocumentOnceKeepingQuerySortAndSourceFilters) {
   seed("docs", 10000);
   for (const bool withPit : {true, false}) {
     SCOPED_TRACE(withPit ? "point in time" : "scroll");
-    auto faults = emulator.faults();
-    faults.noPit = !withPit;
-    emulator.setFaults(faults);
+    inject([&](auto& f) { f.noPit = !withPit; });
     std::set<std::string> ids;
     int64_t lastN = -1;
     bool ordered = true, sourcesIntact = true;
@@ -72,11 +74,8 @@ TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScrollKeepingQuerySortAndSo
                       hit.source.toMap().at("t").toString() == "}{ ][ \"q\" \\ " + std::to_string(n);
       return true;
     })) << error;
-    EXPECT_EQ(ids.size(), 10000u);
-    EXPECT_TRUE(ordered);
-    EXPECT_TRUE(sourcesIntact);
-    const auto s = emulator.stats();
-    EXPECT_EQ(withPit ? s.pitsOpened : s.scrollsOpened, 1u);
+    EXPECT_EQ(std::tuple(ids.size(), ordered, sourcesIntact), std::tuple(10000u, true, true));
+    EXPECT_EQ(withPit ? emulator.stats().pitsOpened : emulator.stats().scrollsOpened, 1u);
     expectClosed();
 
     options.sourceIncludes = {"n", "g*"};
@@ -84,8 +83,7 @@ TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScrollKeepingQuerySortAndSo
     std::vector<int64_t> ns, expected;
     ASSERT_TRUE(fetch(R"({"query":{"term":{"group":3}},"sort":[{"n":"desc"}]})", 100, [&](SearchHit& hit) {
       ns.push_back(hit.source.toMap().at("n").toInt64());
-      EXPECT_TRUE(hit.sort.isList());
-      EXPECT_EQ(hit.source.toMap().size(), 1u);
+      EXPECT_TRUE(hit.sort.isList() && hit.source.toMap().size() == 1u);
       return true;
     })) << error;
     for (int i = 9999; i >= 0; --i)
@@ -93,7 +91,38 @@ TEST_F(SearchTest, TenThousandHitsPagedWithPitAndWithScrollKeepingQuerySortAndSo
         expected.push_back(i);
     EXPECT_EQ(ns, expected);
     expectClosed();
+
+    options.sourceIncludes = options.sourceExcludes = {};
+    for (const unsigned slices : {1u, 2u, 4u}) {
+      SCOPED_TRACE(std::to_string(slices) + " slice(s)");
+      const auto before = emulator.stats();
+      std::mutex mutex;
+      std::map<std::string, int> times;
+      std::vector<size_t> perSlice(slices);
+      options.pageSize = 97;
+      ASSERT_TRUE(FetchSlicedSearchResults(
+          pool, server, "docs", R"({"query":{"range":{"n":{"gte":8600}}}})",
+          [&](SearchHit& hit, unsigned slice) {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++times[hit.id];
+            ++perSlice.at(slice);
+            return hit.source.toMap().at("n").toInt64() >= 8600;
+          },
+          slices, options, &error, nullptr))
+          << error;
+      EXPECT_EQ(times.size(), 1400u);
+      EXPECT_EQ(std::count_if(times.begin(), times.end(), [](const auto& t) { return t.second != 1; }), 0);
+      for (size_t n : perSlice) // each slice a share, none the whole
+        EXPECT_TRUE(n > 0 && (slices == 1 || n < 1400u)) << n;
+      const auto after = emulator.stats();
+      EXPECT_EQ(withPit ? after.pitsOpened - before.pitsOpened : after.scrollsOpened - before.scrollsOpened,
+                withPit ? 1u : slices);
+      expectClosed();
+    }
   }
+  EXPECT_FALSE(FetchSlicedSearchResults(
+      pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 1025, options, &error, nullptr));
+  EXPECT_EQ(error, "at most 1024 slices");
 }
 
 // Every way a fetch can end early closes what it opened; a partial page gives none of its hits.
@@ -103,24 +132,19 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopAndPartialAnswer) {
   for (const bool withPit : {true, false})
     for (const Ending ending : {PageError, CutBody, Cancel, Stop, Partial, PartialAllowed}) {
       SCOPED_TRACE(std::string(withPit ? "pit " : "scroll ") + std::to_string(int(ending)));
-      auto faults = emulator.faults();
-      faults.noPit = !withPit;
-      emulator.setFaults(faults);
+      inject([&](auto& f) { f.noPit = !withPit; });
       bool cancel = false;
       size_t seen = 0;
       options.allowPartialResults = ending == PartialAllowed;
       const bool ok = fetch(
           "", 50,
           [&](SearchHit&) {
-            if (++seen == 60) {
-              auto f = emulator.faults();
-              if (ending == PageError)
-                f.failSearchPages = 1;
-              if (ending == CutBody)
-                f.cutSearchAfter = 300;
-              f.partialSearchPages = ending >= Partial;
-              emulator.setFaults(f);
-            }
+            if (++seen == 60)
+              inject([&](auto& f) {
+                f.failSearchPages = ending == PageError;
+                f.cutSearchAfter = ending == CutBody ? 300 : 0;
+                f.partialSearchPages = ending >= Partial;
+              });
             if (seen == 75 && ending == Cancel)
               cancel = true;
             return !(seen == 75 && ending == Stop);
@@ -144,43 +168,6 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopAndPartialAnswer) {
     }
 }
 
-TEST_F(SearchTest, SlicesOfOnePitOrOfScrollsGiveEveryDocumentOnce) {
-  seed("docs", 1500);
-  for (const bool withPit : {true, false})
-    for (const unsigned slices : {1u, 2u, 4u}) {
-      SCOPED_TRACE(std::string(withPit ? "pit, " : "scroll, ") + std::to_string(slices) + " slice(s)");
-      auto faults = emulator.faults();
-      faults.noPit = !withPit;
-      emulator.setFaults(faults);
-      const auto before = emulator.stats();
-      std::mutex mutex;
-      std::map<std::string, int> times;
-      std::vector<size_t> perSlice(slices);
-      options.pageSize = 97;
-      ASSERT_TRUE(FetchSlicedSearchResults(
-          pool, server, "docs", R"({"query":{"range":{"n":{"gte":100}}}})",
-          [&](SearchHit& hit, unsigned slice) {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++times[hit.id];
-            ++perSlice.at(slice);
-            return hit.source.toMap().at("n").toInt64() >= 100;
-          },
-          slices, options, &error, nullptr))
-          << error;
-      EXPECT_EQ(times.size(), 1400u);
-      EXPECT_EQ(std::count_if(times.begin(), times.end(), [](const auto& t) { return t.second != 1; }), 0);
-      for (size_t n : perSlice) // each slice a share, none the whole
-        EXPECT_TRUE(n > 0 && (slices == 1 || n < 1400u)) << n;
-      const auto after = emulator.stats();
-      EXPECT_EQ(withPit ? after.pitsOpened - before.pitsOpened : after.scrollsOpened - before.scrollsOpened,
-                withPit ? 1u : slices);
-      expectClosed();
-    }
-  EXPECT_FALSE(FetchSlicedSearchResults(
-      pool, server, "docs", "", [](SearchHit&, unsigned) { return true; }, 1025, options, &error, nullptr));
-  EXPECT_EQ(error, "at most 1024 slices");
-}
-
 // The caller's cancel, or a failed page in one slice, ends a fetch (and every slice) stalled on its answer.
 TEST_F(SearchTest, CancelOrAFailedSliceEndsAStalledAnswer) {
   seed("docs", 400);
@@ -191,15 +178,14 @@ TEST_F(SearchTest, CancelOrAFailedSliceEndsAStalledAnswer) {
   } rows[] = {{0, true, "cancelled"}, {2, false, "all shards failed"}, {2, true, "cancelled"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(std::to_string(row.slices) + row.error);
-    auto f = emulator.faults();
-    f.stallSearchMs = 20000;
-    f.failSearchPages = row.cancelled ? 0 : 1;
-    emulator.setFaults(f);
+    inject([&](auto& f) {
+      f.stallSearchMs = 20000;
+      f.failSearchPages = !row.cancelled;
+    });
     bool cancel = false;
     std::thread canceller([&] { // once the stalled pages are on their way
       const size_t base = emulator.stats().searchRequests, pages = row.slices ? row.slices : 1;
-      for (int i = 0; row.cancelled && i < 1000 && emulator.stats().searchRequests < base + pages; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      eventually([&] { return !row.cancelled || emulator.stats().searchRequests >= base + pages; });
       std::atomic_ref<bool>(cancel).store(row.cancelled);
     });
     const auto start = std::chrono::steady_clock::now();
@@ -229,9 +215,7 @@ TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {
 
   // An answer without the product header is read, and said once.
   qztest::LogCapture log;
-  auto f = emulator.faults();
-  f.noProductHeader = true;
-  emulator.setFaults(f);
+  inject([](auto& f) { f.noProductHeader = true; });
   size_t hits = 0;
   EXPECT_TRUE(fetch("", 10, [&](SearchHit&) { return ++hits > 0; })) << error;
   EXPECT_TRUE(fetch("", 10, [&](SearchHit&) { return ++hits > 0; })) << error;
@@ -242,9 +226,7 @@ TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {
   EXPECT_EQ(warnings, 1u) << log.dump();
 
   // A server that ignores search_after sends the first page again and again.
-  f.noProductHeader = false;
-  f.ignoreSearchAfter = true;
-  emulator.setFaults(f);
+  inject([](auto& f) { f.noProductHeader = false, f.ignoreSearchAfter = true; });
   hits = 0;
   EXPECT_FALSE(fetch("", 2, [&](SearchHit&) { return ++hits > 0; }));
   EXPECT_NE(error.find("did not advance"), std::string::npos) << error;
@@ -294,7 +276,8 @@ struct Case {
 };
 
 std::vector<Case> cases() {
-  const std::string hits = join(kHits, "\n");
+  const std::string hits = join(kHits, "\n"), incomplete = "\npit , scroll , errors -1, incomplete",
+                    malformed = "\npit , scroll , errors -1, refused, incomplete";
   return {
       {"pit search", "hits", "hits",
        R"({"pit_id":"P+/=x\"","took":3,"timed_out":false,"_shards":{"total":1,"failures":[{"hits":"{"}]},)"
@@ -321,10 +304,17 @@ std::vector<Case> cases() {
        "\npit , scroll , errors 1"},
       {"bulk without errors", "items", "", R"({"errors" : false, "items":[{"index":{}}]})",
        "{\"index\":{}}\npit , scroll , errors 0"},
+      // Malformed nesting is refused, or leaves the cut incomplete.
+      {"one brace too many", "hits", "hits", R"({"hits":{"hits":[{"a":1}]}}})", R"({"a":1})" + malformed},
+      {"bracket closes an object", "hits", "hits", R"({"hits":{"hits":[{"a":1}]]})", R"({"a":1})" + malformed},
+      {"cut short", "hits", "hits", R"({"hits":{"hits":[{"a":1})", R"({"a":1})" + incomplete},
+      {"string never closed", "hits", "hits", R"({"hits":{"hits":[{"a":"1}]}})", incomplete.substr(1)},
+      {"two values", "hits", "hits", R"({"a":1}{"b":2})", malformed.substr(1)},
+      {"nothing", "hits", "hits", "", incomplete.substr(1)},
   };
 }
 
-TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItems) {
+TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItemsAndRefusesTheSameNesting) {
   for (const Case& c : cases()) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(cutInChunks(c.outer, c.inner, c.text, {}), c.cut);
@@ -334,21 +324,6 @@ TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItems) {
     for (size_t i = 1; i < c.text.size(); ++i)
       everyByte.push_back(i);
     EXPECT_EQ(cutInChunks(c.outer, c.inner, c.text, everyByte), c.cut);
-  }
-}
-
-TEST(ResponseItemCutter, MalformedNestingIsRefusedOrIncomplete) {
-  const std::pair<const char*, const char*> table[] = {
-      {R"({"hits":{"hits":[{"a":1}]}}})", ", refused, incomplete"}, // one brace too many
-      {R"({"hits":{"hits":[{"a":1}]]})", ", refused, incomplete"},  // bracket closes an object
-      {R"({"hits":{"hits":[{"a":1})", ", incomplete"},              // cut short
-      {R"({"hits":{"hits":[{"a":"1}]}})", ", incomplete"},          // string never closed
-      {R"({"a":1}{"b":2})", ", refused, incomplete"},               // two values
-      {"", ", incomplete"},
-  };
-  for (const auto& [text, ending] : table) {
-    const std::string cut = cutInChunks("hits", "hits", text, {});
-    EXPECT_EQ(cut.substr(cut.find("errors -1") + 9), ending) << text;
   }
 }
 

@@ -72,19 +72,11 @@ TEST(StringUtils, HumanizeDurationFromIntAndStartsWith) {
 }
 
 TEST(OpenSSLVersion, ParsesReleaseTexts) {
-  for (const auto& [text, version] : {std::pair{"1.1.1k", 0x101010bf},
-                                      {"1.0.2", 0x1000200f},
-                                      {"3.0.11", 0x300000b0},
-                                      {"3.2", 0x30200000},
-                                      {"", 0},
-                                      {"x1.1", 0},
-                                      {"3", 0},
-                                      {"3.", 0},
-                                      {".1.1", 0},
-                                      {"0.9.8", 0},
-                                      {"1.1.x", 0},
-                                      {"3.999.1", 0}})
+  for (const auto& [text, version] :
+       {std::pair{"1.1.1k", 0x101010bf}, {"1.0.2", 0x1000200f}, {"3.0.11", 0x300000b0}, {"3.2", 0x30200000}})
     EXPECT_EQ(qz::qzOpenSSL::ParseOpenSSLVersionString(text), version) << text;
+  for (const char* text : {"", "x1.1", "3", "3.", ".1.1", "0.9.8", "1.1.x", "3.999.1"})
+    EXPECT_EQ(qz::qzOpenSSL::ParseOpenSSLVersionString(text), 0) << text;
 }
 
 // Only the first and the last user do the work, also when threads race.
