@@ -38,7 +38,7 @@ protected:
   std::string out, err, dir;
 };
 
-TEST_F(EsCliTest, BulkThenSearchAndGet) {
+TEST_F(EsCliTest, BulkThenSearchAndGetAndUsageAndServerErrors) {
   ASSERT_EQ(call("PUT", "/cli", R"({"mappings":{"properties":{"n":{"type":"long"}}}})"), 200);
   const std::string index = emulator.baseUrl() + "/cli";
   std::string lines;
@@ -73,9 +73,8 @@ TEST_F(EsCliTest, BulkThenSearchAndGet) {
   EXPECT_EQ(out, "{\"_id\":\"c3\",\"_source\":{\"n\":3,\"s\":\"x\\\"y\"}}\n"
                  "{\"_id\":\"c1\",\"_source\":{\"n\":1,\"s\":\"x\\\"y\"}}\n");
   EXPECT_EQ(err, "httptools es get: nope not found\n");
-}
 
-TEST_F(EsCliTest, UsageAndServerErrors) {
+  // Usage and server errors.
   const struct {
     std::vector<std::string> args;
     int code;
@@ -85,14 +84,13 @@ TEST_F(EsCliTest, UsageAndServerErrors) {
       {{"es", "get", "http://127.0.0.1:1/i"}, 2, "ID is required"},
       {{"es", "search", "http://127.0.0.1:1/i"}, 7, "httptools es search: cannot reach"},
       {{"es", "bulk", "http://127.0.0.1:1/i", "/no/such/file"}, 1, "cannot read /no/such/file"},
+      {{"es", "search", emulator.baseUrl() + "/missing"}, 22, "index_not_found_exception"},
   };
   for (const auto& row : table) {
     SCOPED_TRACE(row.args.back());
     EXPECT_EQ(run(row.args), row.code) << err;
     EXPECT_NE(err.find(row.err), std::string::npos) << err;
   }
-  EXPECT_EQ(run({"es", "search", emulator.baseUrl() + "/missing"}), 22);
-  EXPECT_NE(err.find("index_not_found_exception"), std::string::npos) << err;
 }
 
 // Each way of authenticating reaches the server as the header it demands, and the secrets stay

@@ -143,8 +143,10 @@ TEST_F(VerifierTest, MalformedForms) {
   EXPECT_EQ(check("." + c + ".sig"), 2);
 }
 
-TEST_F(VerifierTest, MissingSecretOrProviderAndTheKeyConfusionAttack) {
-  // The classic confusion: a MAC keyed with the public key's PEM text, claiming HS256 and the RSA key.
+// Without the secret or the provider a token's check cannot run; the classic key confusion (a MAC
+// keyed with the public key's PEM text, claiming HS256 and the RSA key) fails unless that text is
+// the secret. Keys the provider cannot give are internal errors.
+TEST_F(VerifierTest, MissingSecretProviderOrKeyAndTheKeyConfusionAttack) {
   const std::string pem = rsa->toPublicPem();
   const std::string forged = hsToken(R"({"alg":"HS256","kid":"rsa"})", kGoodClaims, pem);
   v.setClientInfo("", &provider, AlgAllMask);
@@ -162,9 +164,8 @@ TEST_F(VerifierTest, MissingSecretOrProviderAndTheKeyConfusionAttack) {
   qzVariantMapImpl claims;
   EXPECT_FALSE(fresh.validateJwtWithTimeBase(hsToken(kHs256, kGoodClaims), claims, 1000, &cause));
   EXPECT_EQ(cause, Verifier::RC_UnsupportedAlg);
-}
 
-TEST_F(VerifierTest, KeyLookupFailuresAreInternalErrors) {
+  v.setClientInfo("s3cret", &provider, AlgAllMask);
   const std::string token = signedToken(*rsa, RS384);
   auto key = provider.keys["rsa"];
   provider.keys.erase("rsa");
