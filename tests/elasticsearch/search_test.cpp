@@ -204,7 +204,7 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopPartialAnswerAndStal
   }
 }
 
-TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {
+TEST_F(SearchTest, BadQueryMissingIndexForeignServerPagesThatDoNotAdvanceAndFailedGets) {
   seed("docs", 3);
   EXPECT_FALSE(fetch("[1,2]", 10, [](SearchHit&) { return true; }));
   EXPECT_NE(error.find("not a JSON object"), std::string::npos) << error;
@@ -234,6 +234,24 @@ TEST_F(SearchTest, BadQueryMissingIndexForeignServerAndPagesThatDoNotAdvance) {
   EXPECT_NE(error.find("did not advance"), std::string::npos) << error;
   EXPECT_EQ(hits, 4u);
   expectClosed();
+
+  // _mget: a missing index, a 503, an answer that leaves an id out and the caller's cancel each fail the call.
+  auto get = [&](const char* index, const std::vector<std::string>& ids, const bool* cancel = nullptr) {
+    DocumentGetter getter(pool, server, index, 2);
+    return getter.get(
+        ids, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, cancel);
+  };
+  EXPECT_FALSE(get("nope", {"a", "b"}));
+  EXPECT_NE(error.find("index_not_found_exception"), std::string::npos) << error;
+  inject([](auto& f) { f.unavailable = 1; });
+  EXPECT_FALSE(get("docs", {"doc-1"}));
+  EXPECT_NE(error.find("503"), std::string::npos) << error;
+  inject([](auto& f) { f.unavailable = 0, f.mgetDropLast = true; });
+  EXPECT_FALSE(get("docs", {"doc-1", "doc-2", "doc-3"}));
+  EXPECT_NE(error.find("answered 2 of 3 ids"), std::string::npos) << error;
+  const bool cancel = true;
+  EXPECT_FALSE(get("docs", {"doc-1", "doc-2"}, &cancel));
+  EXPECT_EQ(error, "cancelled");
 }
 
 // Documents by id, through _mget.
@@ -268,27 +286,6 @@ TEST_F(GetterTest, FindsDocumentsOverThreadsAndListsMissingInOrder) {
     EXPECT_TRUE(consistent);
   }
   EXPECT_EQ(emulator.stats().mgetRequests, 2u * 31u);
-}
-
-// A missing index, a 503, an answer that leaves an id out and the caller's cancel each fail the call.
-TEST_F(GetterTest, MissingIndexErrorShortAnswerAndCancel) {
-  seed("docs", 10);
-  auto get = [&](const char* index, const std::vector<std::string>& ids, const bool* cancel = nullptr) {
-    DocumentGetter getter(pool, server, index, 2);
-    return getter.get(
-        ids, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, cancel);
-  };
-  EXPECT_FALSE(get("nope", {"a", "b"}));
-  EXPECT_NE(error.find("index_not_found_exception"), std::string::npos) << error;
-  inject([](auto& f) { f.unavailable = 1; });
-  EXPECT_FALSE(get("docs", {"doc-1"}));
-  EXPECT_NE(error.find("503"), std::string::npos) << error;
-  inject([](auto& f) { f.unavailable = 0, f.mgetDropLast = true; });
-  EXPECT_FALSE(get("docs", {"doc-1", "doc-2", "doc-3"}));
-  EXPECT_NE(error.find("answered 2 of 3 ids"), std::string::npos) << error;
-  const bool cancel = true;
-  EXPECT_FALSE(get("docs", {"doc-1", "doc-2"}, &cancel));
-  EXPECT_EQ(error, "cancelled");
 }
 
 TEST(ElasticConnectionParameters, IndexAndDocumentUrls) {
