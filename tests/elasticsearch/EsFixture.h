@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 // A fresh emulator per test, its address and a pool.
 class EsFixture : public testing::Test {
@@ -30,6 +32,19 @@ protected:
     if (out)
       *out = r ? r->body : "";
     return r ? r->status : 0;
+  }
+
+  // Changes the emulator's faults: inject([](auto& f) { f.noPit = true; }).
+  template <typename F> void inject(F change) {
+    auto f = emulator.faults();
+    change(f);
+    emulator.setFaults(f);
+  }
+  // Waits up to 5 s for `done`.
+  template <typename F> static bool eventually(F done) {
+    for (int i = 0; i < 500 && !done(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
   }
 
   qztest::ElasticEmulator emulator;

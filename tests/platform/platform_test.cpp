@@ -16,7 +16,7 @@ using qz::EnumHelperInterface;
 
 namespace {
 
-TEST(EnumText, ParsesValuesAliasesAndSkipsMalformedPieces) {
+TEST(EnumHelper, ParsesValuesAliasesSkipsMalformedPiecesAndUnknownNamesAreInvalidNotFatal) {
   using Map = EnumHelperInterface::EnumMap;
   struct Case {
     const char* text;
@@ -29,9 +29,7 @@ TEST(EnumText, ParsesValuesAliasesAndSkipsMalformedPieces) {
                         Case{" , A, = 3, 9B, C = x, D ,", Map{{0, {"A"}}, {1, {"D"}}}}, Case{"", Map{}}})
     EXPECT_EQ(EnumHelperInterface::GetEnumToStringMap(c.text), c.want) << c.text;
   EXPECT_TRUE(EnumHelperInterface::GetEnumToStringMap(nullptr).empty());
-}
-
-TEST(EnumHelper, UnknownNamesAndValuesAreInvalidNotFatal) {
+  // Unknown names and values are invalid, not fatal.
   static const auto vals = EnumHelperInterface::GetEnumToStringMap("E_A = 0, E_B");
   static const std::string type = "ns::E";
   EnumHelperInterface qualified(std::string("ns::E::E_B"), vals, type);
@@ -43,7 +41,7 @@ TEST(EnumHelper, UnknownNamesAndValuesAreInvalidNotFatal) {
   EXPECT_EQ(out.toString() + out.toQualifiedString(), "");
 }
 
-TEST(StringUtils, HumanizeDuration) {
+TEST(StringUtils, HumanizeDurationFromIntAndStartsWith) {
   struct Case {
     double ms;
     int precision;
@@ -66,9 +64,6 @@ TEST(StringUtils, HumanizeDuration) {
   for (const auto& c : cases)
     EXPECT_EQ(qz::qzStringUtils::humanizeDuration(c.ms, c.precision, c.shortUnits), c.text) << c.ms;
   EXPECT_EQ(qz::qzStringUtils::humanizeDuration<long>(1500L, 1, true), "1.5s");
-}
-
-TEST(StringUtils, FromIntPadsWithZerosAndStartsWith) {
   EXPECT_EQ(qz::qzStringUtils::fromInt(7, 3) + " " + qz::qzStringUtils::fromInt(1234, 2) + " " +
                 qz::qzStringUtils::fromInt(-5, 2) + " " + qz::qzStringUtils::fromInt(INT64_MIN),
             "007 1234 -05 -9223372036854775808");
@@ -77,19 +72,11 @@ TEST(StringUtils, FromIntPadsWithZerosAndStartsWith) {
 }
 
 TEST(OpenSSLVersion, ParsesReleaseTexts) {
-  for (const auto& [text, version] : {std::pair{"1.1.1k", 0x101010bf},
-                                      {"1.0.2", 0x1000200f},
-                                      {"3.0.11", 0x300000b0},
-                                      {"3.2", 0x30200000},
-                                      {"", 0},
-                                      {"x1.1", 0},
-                                      {"3", 0},
-                                      {"3.", 0},
-                                      {".1.1", 0},
-                                      {"0.9.8", 0},
-                                      {"1.1.x", 0},
-                                      {"3.999.1", 0}})
+  for (const auto& [text, version] :
+       {std::pair{"1.1.1k", 0x101010bf}, {"1.0.2", 0x1000200f}, {"3.0.11", 0x300000b0}, {"3.2", 0x30200000}})
     EXPECT_EQ(qz::qzOpenSSL::ParseOpenSSLVersionString(text), version) << text;
+  for (const char* text : {"", "x1.1", "3", "3.", ".1.1", "0.9.8", "1.1.x", "3.999.1"})
+    EXPECT_EQ(qz::qzOpenSSL::ParseOpenSSLVersionString(text), 0) << text;
 }
 
 // Only the first and the last user do the work, also when threads race.
