@@ -28,7 +28,6 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(); // not every compil
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -248,65 +247,6 @@ TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
   EXPECT_EQ(h.body + "|" + h.headers.at("x-one") + "|" + h.headers.at("x-dup"), "|1|first");
   const auto seen = srv.requests();
   EXPECT_EQ(std::count_if(seen.begin(), seen.end(), [](const auto& r) { return r.method == "HEAD"; }), 1);
-}
-
-TEST_F(MultiConnection, FailuresAreWordedAsHttpConnectionWordsThem) {
-  using K = qz::http::ErrorKind;
-  const std::string tls = "https://localhost:" + std::to_string(srv.port()) + "/echo";
-  const std::string refused = "http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/x";
-  struct Case {
-    std::string url;
-    K kind;
-    long expected = 200;
-    long timeoutMs = 0;
-    std::list<std::string> headers = {};
-  };
-  const std::vector<Case> cases{{srv.url("/status/404"), K::HttpStatus},
-                                {srv.url("/status/404"), K::None, 0},
-                                {refused, K::Connect},
-                                {srv.url("/stall?ms=3000"), K::Timeout, 200, 200},
-                                {tls, K::Tls},
-                                {srv.url("/echo"), K::BadRequest, 200, 0, {"X-A: 1\r\nX-Injected: yes"}},
-                                {srv.url("/echo"), K::None}};
-  Multi multi(4);
-  Collector c;
-  std::vector<Multi::Request> requests;
-  for (const Case& k : cases) {
-    requests.push_back(get(k.url, nullptr, k.expected, k.timeoutMs));
-    requests.back().headers = k.headers;
-  }
-  const auto ids = c.add(multi, std::move(requests));
-  const auto start = Clock::now();
-  ASSERT_TRUE(multi.perform());
-  EXPECT_LT(msSince(start), 2500);
-  ASSERT_EQ(c.count(), cases.size());
-  auto untimed = [](const std::string& s) {
-    return std::regex_replace(s, std::regex("[0-9]+(\\.[0-9]+)? ?(ms|s)\\b"), "T");
-  };
-  for (size_t i = 0; i < cases.size(); ++i) {
-    const Case& k = cases[i];
-    const Multi::Response& r = c.byId[ids[i]];
-    SCOPED_TRACE(k.url + " -> " + r.errorMessage);
-    EXPECT_EQ(r.error.kind, k.kind);
-    EXPECT_EQ(r.success, k.kind == K::None);
-    EXPECT_EQ(r.timedOut, k.kind == K::Timeout);
-    EXPECT_FALSE(r.cancelled);
-    if (k.kind == K::None || k.kind == K::Timeout)
-      continue;
-    // The same call through a single connection gives the same text, the duration aside.
-    HttpConnection conn;
-    std::string error;
-    HttpHelpers::HttpResult result;
-    result.errorMessage = &error;
-    EXPECT_FALSE(HttpHelpers::HttpGet(conn, qz::Url(k.url), &result, nullptr, &k.headers));
-    EXPECT_EQ(untimed(r.errorMessage), untimed(error));
-  }
-  const Multi::Response &notFound = c.byId[ids[0]], &timedOut = c.byId[ids[3]];
-  EXPECT_EQ(notFound.body + " " + std::to_string(notFound.error.httpStatus), "status 404 404");
-  EXPECT_EQ(c.byId[ids[2]].error.curlCode, CURLE_COULDNT_CONNECT);
-  EXPECT_THAT(timedOut.errorMessage, HasSubstr("Curl error : " + std::to_string(CURLE_OPERATION_TIMEDOUT) + " ("));
-  const auto seen = srv.requests();
-  EXPECT_TRUE(std::none_of(seen.begin(), seen.end(), [](const auto& r) { return r.headerCount("X-Injected") > 0; }));
 }
 
 // Queued requests wait here, and a request's time-out would expire while it waits if its clock

@@ -3,6 +3,7 @@
 #include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/http/HttpHelpers.h>
+#include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/Loopback.h"
@@ -17,6 +18,8 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
+#include <regex>
 #include <thread>
 
 using namespace qz::http;
@@ -43,6 +46,8 @@ protected:
   qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
 };
 
+// Every failure gets its kind from codes, not texts, and the same words from the connection, the
+// outcome and the multi connection (which runs the rows it can take all at once).
 TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
   SilentListener silent;
   const std::string refused = "http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/";
@@ -72,7 +77,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},                  // announced length
       {"/slow?blocks=9&size=50&delay=0", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100}, // counted
       {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
-      {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-B: 2"}},
+      {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-Injected: yes"}},
       {"ftp://127.0.0.1/x", ErrorKind::BadRequest, false},
       {"/bytes?n=100", ErrorKind::LocalIo, false, 0, {}, nullptr, 0, 0, true},
       {"/echo", ErrorKind::None, false},
@@ -81,6 +86,19 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     int64_t writeBytes(const char*, unsigned long n) override { return int64_t(n); }
     bool hasError() const override { return true; }
   } full;
+  HttpMultiConnection multi(4);
+  std::map<uint64_t, HttpMultiConnection::Response> answers;
+  std::vector<std::tuple<uint64_t, ErrorKind, std::string>> expected; // the single engine's kind and words
+  auto viaMulti = [&](const qz::Url& url, const std::vector<std::string>& headers, long timeoutMs, long status,
+                      ErrorKind kind, const std::string& message) {
+    HttpMultiConnection::Request m;
+    m.url = url;
+    m.headers = {headers.begin(), headers.end()};
+    m.timeoutMs = timeoutMs;
+    m.expectedHttpCode = status;
+    m.onFinished = [&answers](HttpMultiConnection::Response& a) { answers[a.id] = a; };
+    expected.emplace_back(multi.addRequest(std::move(m)), kind, message);
+  };
   for (const Case& c : cases) {
     HttpConnection conn;
     conn.editConnectionParameters().maxBodyBytes = c.maxBody;
@@ -103,7 +121,32 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     EXPECT_TRUE(ok || conn.getLastErrorMsg() == out.error.message()) << conn.getLastErrorMsg();
     EXPECT_TRUE(!c.failingDevice ||
                 out.error.message().find("Output device failed after 100 bytes") != std::string::npos);
+    // The multi connection has no per-request form of these, and leaves other schemes to libcurl
+    // (same kind, libcurl's words).
+    if (c.token || c.maxBody || c.idleMs || c.failingDevice || c.url.starts_with("ftp:"))
+      continue;
+    viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
   }
+  viaMulti(qz::Url(srv.url("/status/404")), {}, 0, 0, ErrorKind::None, ""); // 0 accepts any status
+  const auto start = Clock::now();
+  ASSERT_TRUE(multi.perform());
+  EXPECT_LT(elapsedMs(start), 2500);
+  auto untimed = [](const std::string& s) {
+    return std::regex_replace(s, std::regex("[0-9]+(\\.[0-9]+)? ?(ms|s)\\b"), "T");
+  };
+  for (const auto& [id, kind, message] : expected) {
+    const HttpMultiConnection::Response& a = answers.at(id);
+    SCOPED_TRACE(a.errorMessage);
+    EXPECT_STREQ(ErrorKindName(a.error.kind), ErrorKindName(kind));
+    EXPECT_EQ(std::tuple(a.success, a.timedOut, a.cancelled),
+              std::tuple(kind == ErrorKind::None, kind == ErrorKind::Timeout, false));
+    EXPECT_EQ(untimed(a.success ? "" : a.errorMessage), untimed(message));
+  }
+  const auto& notFound = answers.at(std::get<0>(expected[4]));
+  EXPECT_EQ(notFound.body + " " + std::to_string(notFound.error.httpStatus), "status 404 404");
+  EXPECT_EQ(answers.at(std::get<0>(expected[0])).error.curlCode, CURLE_COULDNT_CONNECT);
+  const auto seen = srv.requests();
+  EXPECT_TRUE(std::none_of(seen.begin(), seen.end(), [](const auto& q) { return q.headerCount("X-Injected") > 0; }));
 }
 
 // The outcome carries the raw lines, the effective URL and timings. Requests go out as built: none

@@ -268,8 +268,9 @@ TEST(UrlRender, EncodedAndDisplayableForms) {
      "http://u%20ser:*******@h:8080/a%20b"},
     {Make("http://h", "u", ""), "http://h", "http://h"},
     {Make("http://h", "", "p"), "http://h", "http://h"},
-    {Make("https://db:443/x", "u", "p w", "admin"), "https://db:443/x?user=u&password=p%20w&authdbname=admin",
-     "https://db:443/x?user=********&password=********&authdbname=admin"},
+    {Make("https://db:443/x", "u s", "p&w=d", "ad min"), "https://db:443/x?user=u%20s&password=p%26w%3Dd&authdbname=ad%20min",
+     "https://db:443/x?user=********&password=********&authdbname=ad%20min"},
+    {Make("http://h", "u", "p", ""), "http://u:p@h", "http://u:*******@h"}, // no database: on the headers
     {Make("http://h?a=1", "u", "p", "db"), "http://h?a=1&user=u&password=p&authdbname=db",
      "http://h?a=1&user=********&password=********&authdbname=db"},
     {Make("http://h", "u", "", "db"), "http://h", "http://h"},
@@ -281,21 +282,6 @@ TEST(UrlRender, EncodedAndDisplayableForms) {
   // clang-format on
   for (const auto& [url, encoded, displayable] : cases)
     EXPECT_EQ(url.toEncodedUrl() + " " + url.toDisplayableUrl(), std::string(encoded) + " " + displayable);
-}
-
-TEST(UrlQuery, CredentialsOnQueryParameters) {
-  qz::Url url = Make("http://h/", "us er", "p&w=d", "admin");
-  EXPECT_EQ(url.getQueryParameters(false) + " " + url.getQueryParameters(true),
-            "user=us%20er&password=p%26w%3Dd&authdbname=admin user=********&password=********&authdbname=admin");
-  const qz::Url back(url.toEncodedUrl());
-  EXPECT_TRUE(back.user.empty()) << back.user;
-  EXPECT_EQ(back.queryParameters, Items({{"user", "us er"}, {"password", "p&w=d"}, {"authdbname", "admin"}}));
-  url.setCredentialsOnQueryParameter("u", "p", "");
-  EXPECT_EQ(url.getQueryParameters(false), "");
-  // Switching to header credentials drops the database name.
-  url.setCredentialsOnQueryParameter("u", "p", "admin");
-  url.setCredentialsOnHttpHeaders("v", "q");
-  EXPECT_EQ(url.toEncodedUrl() + url.authDbName, "http://v:q@h");
 }
 
 TEST(UrlToUrl, AppendsSegmentsAndReplacesQuery) {
