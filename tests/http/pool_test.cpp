@@ -2,7 +2,6 @@
 
 #include <HttpTools/frame/HttpToolsLib_p.h>
 #include <HttpTools/http/HttpHelpers.h>
-#include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzSystemUtils_p.h>
 
 #include "support/LogCapture.h"

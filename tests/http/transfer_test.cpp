@@ -7,7 +7,6 @@
 #include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/Loopback.h"
-#include "support/NginxFixture.h"
 #include "support/SilentListener.h"
 #include "support/TestHttpServer.h"
 
@@ -32,7 +31,6 @@ int64_t elapsedMs(Clock::time_point t) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
 
-using qztest::SilentListener;
 
 class Transfer : public testing::Test {
 protected:
@@ -49,7 +47,7 @@ protected:
 // Every failure gets its kind from codes, not texts, and the same words from the connection, the
 // outcome and the multi connection (which runs the rows it can take all at once).
 TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
-  SilentListener silent;
+  qztest::SilentListener silent;
   const std::string refused = "http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/";
   CancelToken cancelled;
   cancelled.cancel();
