@@ -31,7 +31,6 @@ int64_t elapsedMs(Clock::time_point t) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
 
-
 class Transfer : public testing::Test {
 protected:
   void SetUp() override { ASSERT_TRUE(srv.isRunning()); }
