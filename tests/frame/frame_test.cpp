@@ -7,6 +7,7 @@
 
 #include "support/LogCapture.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -33,28 +34,23 @@ std::tuple<bool, bool, size_t> running() {
           qz::impl::GetThirdPartyLibVersionInfo().count("libcurl")};
 }
 
-TEST_F(Frame, SecondInitKeepsTheFirstDefaults) {
-  qz::initializeHttpTools(true, HNRP_PreferIpv6, PP_AutomaticProxy);
-  qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_NoProxy);
-  EXPECT_EQ(
-      std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
-      std::tuple(true, HNRP_PreferIpv6, PP_AutomaticProxy));
+// The first initialisation sets the defaults and each one adds a user; the last termination stops
+// everything and resets all defaults but the proxy's, until a new first initialisation sets them.
+TEST_F(Frame, FirstInitSetsTheDefaultsAndTheLastTerminationStops) {
+  auto defaults = [] {
+    return std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(),
+                      qz::GetDefaultProxyPolicy());
+  };
+  qz::initializeHttpTools(false, HNRP_PreferIpv6, PP_AutomaticProxy);
+  qz::initializeHttpTools(true, HNRP_PreferIpv4, PP_NoProxy);
+  EXPECT_EQ(defaults(), std::tuple(false, HNRP_PreferIpv6, PP_AutomaticProxy));
   EXPECT_NE(qz::impl::GetCurlOpenSSLVersion(), 0);
   EXPECT_EQ(running(), std::tuple(true, true, 1u));
   qz::terminateHttpTools(); // one user left
   EXPECT_EQ(running(), std::tuple(true, true, 1u));
   qz::terminateHttpTools();
   EXPECT_EQ(running(), std::tuple(false, false, 0u));
-}
-
-TEST_F(Frame, TerminationResetsAllButTheProxyDefault) {
-  qz::initializeHttpTools(false, HNRP_PreferIpv4, PP_AutomaticProxy);
-  EXPECT_FALSE(qz::IsVerifySSLCertByDefault());
-  qz::terminateHttpTools();
-  EXPECT_EQ(
-      std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
-      std::tuple(true, HNRP_Whatever, PP_AutomaticProxy));
-  // A new first initialisation takes its own defaults again.
+  EXPECT_EQ(defaults(), std::tuple(true, HNRP_Whatever, PP_AutomaticProxy));
   qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
   EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
 }
@@ -93,12 +89,8 @@ TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
 TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {
   qztest::LogCapture cap;
   qz::impl::SetCurlVersionTextForTest("libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13");
-  try {
-    qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "qzHttpTools : ssl versionning error");
-  }
+  EXPECT_THAT([] { qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy); },
+              testing::ThrowsMessage<std::runtime_error>(testing::StrEq("qzHttpTools : ssl versionning error")));
   EXPECT_TRUE(cap.has("qzHttpTools", "Cannot get curl openssl version (unknown version)"));
   EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Error);
   // Nothing is rolled back: the library counts as initialised until terminated.

@@ -48,12 +48,6 @@ TEST(Chunked, FramingAfterEachWriteAndAtTheEnd) {
       EXPECT_EQ(out.data(), frame(input, m) + "0\r\n\r\n") << "m=" << m;
     }
   }
-  qz::qzIoDeviceMemory out; // the reference itself, on one literal case
-  qzIoDeviceHttpChuncked dev(4);
-  ASSERT_TRUE(dev.beginDelegation(&out));
-  dev.write("abcdef", 6);
-  EXPECT_TRUE(dev.endDelegation());
-  EXPECT_EQ(out.data(), "4\r\nabcd\r\n2\r\nef\r\n0\r\n\r\n");
 }
 
 TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughAChain) {
@@ -69,10 +63,10 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughA
   EXPECT_FALSE(dev.endDelegation());
   EXPECT_EQ(a.data() + b.data(), "");
   EXPECT_EQ(after(dev.beginDelegation(&b)), "true");
-  dev.write("z", 1);
+  dev.write("abcdef", 6);
   EXPECT_TRUE(dev.endDelegation());
-  EXPECT_EQ(b.data(), "1\r\nz\r\n0\r\n\r\n");
-  { // the destructor drops buffered bytes without a terminator
+  EXPECT_EQ(b.data(), "4\r\nabcd\r\n2\r\nef\r\n0\r\n\r\n"); // also checks the reference framing
+  {                                                         // the destructor drops buffered bytes without a terminator
     qzIoDeviceHttpChuncked pending(16);
     pending.beginDelegation(&a);
     pending.write("pending", 7);

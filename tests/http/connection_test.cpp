@@ -17,7 +17,6 @@
 
 #include <fstream>
 #include <functional>
-#include <memory>
 
 using namespace qz::http;
 using testing::AllOf;
@@ -41,10 +40,6 @@ int collectBody(void* curl, void*, std::list<std::string>& extra) {
          curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_NOPROGRESS, 1L);
 }
 int refuse(void*, void*, std::list<std::string>&) { return 7; }
-int collectWithTimeout(void* curl, void* user, std::list<std::string>& extra) {
-  curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_TIMEOUT_MS, 300L);
-  return collectBody(curl, user, extra);
-}
 // A proxy text longer than libcurl accepts: the set-up fails.
 void hugeProxy(Params& p) {
   p.proxyPolicy = PP_ManualProxy;
@@ -71,27 +66,6 @@ protected:
   qztest::TestHttpServer& srv = qztest::TestHttpServer::Shared();
   std::string body;
 };
-
-TEST_F(Connection, SuccessRecordsOutcomeAndSendsHeaders) {
-  HttpConnection c;
-  c.addCommonHeader("X-Common: a");
-  c.addCommonHeader("X-Common: a"); // identical: ignored
-  c.addCommonHeader("X-Common: b");
-  c.editConnectionParameters().proxyPolicy = PP_ManualProxy; // invalid manual proxy: only logged
-  qztest::LogCapture cap;
-  ASSERT_TRUE(get(c, "/echo")) << c.getLastErrorMsg();
-  EXPECT_TRUE(cap.hasPrefix("Manual proxy url is invalid ")) << cap.dump();
-  // The status shows in the message even on success.
-  EXPECT_EQ(std::to_string(c.getLastHttpReturnCode()) + " " + c.getLastReceivedType() + " " +
-                c.getLastUrl().toEncodedUrl() + " " + c.getLastErrorMsg(),
-            "200 text/plain " + srv.url("/echo") + " Http return code 200 ");
-  auto r = srv.lastRequest();
-  EXPECT_EQ(std::to_string(r.headerCount("X-Common")) + r.header("X-Extra") + r.header("Connection"), "21Keep-Alive");
-  EXPECT_NE(r.header("Accept-Encoding"), ""); // every encoding libcurl supports
-  c.setCommonHeaders({});
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.lastRequest().headerCount("X-Common"), 0u);
-}
 
 // Outcome of each kind of call. HTTP-level failures keep the handle (and its TCP connection);
 // libcurl-level and set-up failures drop it, so the next call connects again.
@@ -132,7 +106,6 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
              HasSubstr(") Curl internal error : ")),
        true},
       {"/echo", false, Eq("HttpConnection error : User callback return and error "), true, 200, "", nullptr, refuse},
-      {"/stall?ms=3000", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "", nullptr, collectWithTimeout},
       {"/slow?blocks=20&size=1&delay=300", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "",
        [](Params& p) { p.lowSpeedTime = 1; }},
       {"/stall?ms=3000", false,
@@ -282,6 +255,23 @@ int foreignOptions(void* curl, void* user, std::list<std::string>& extra) {
 
 TEST_F(Connection, KeptHandleSeesEveryChange) {
   HttpConnection c;
+  c.addCommonHeader("X-Trace: 6");
+  c.addCommonHeader("X-Trace: 6"); // identical: ignored
+  c.addCommonHeader("X-Trace: 7");
+  c.editConnectionParameters().proxyPolicy = PP_ManualProxy; // invalid manual proxy: only logged
+  qztest::LogCapture cap;
+  ASSERT_TRUE(get(c, "/echo")) << c.getLastErrorMsg();
+  EXPECT_TRUE(cap.has("http", "Manual proxy url is invalid " + Params().manualProxyUrl.toDisplayableUrl() +
+                                  " disable proxy for this call"))
+      << cap.dump();
+  // The status shows in the message even on success.
+  EXPECT_EQ(std::to_string(c.getLastHttpReturnCode()) + " " + c.getLastReceivedType() + " " +
+                c.getLastUrl().toEncodedUrl() + " " + c.getLastErrorMsg(),
+            "200 text/plain " + srv.url("/echo") + " Http return code 200 ");
+  const auto first = srv.lastRequest();
+  EXPECT_EQ(std::to_string(first.headerCount("X-Trace")) + first.header("X-Extra") + first.header("Connection"),
+            "21Keep-Alive");
+  EXPECT_NE(first.header("Accept-Encoding"), ""); // every encoding libcurl supports
   auto helperGet = [&](const std::string& path) { return HttpHelpers::HttpGet(c, qz::Url(srv.url(path))); };
   struct Step {
     std::function<bool()> call;
@@ -290,7 +280,8 @@ TEST_F(Connection, KeptHandleSeesEveryChange) {
     const char* trace;
   };
   const std::vector<Step> steps{
-      {[&] { return helperGet("/redirect/1"); }, true, "/redirect/0", ""},
+      {[&] { return c.setCommonHeaders({}), c.setConnectionParameters(Params()), helperGet("/redirect/1"); }, true,
+       "/redirect/0", ""},
       {[&] { return c.editConnectionParameters().followLocation = false, helperGet("/redirect/1"); }, false,
        "/redirect/1", ""},
       {[&] { return c.editConnectionParameters().followLocation = true, helperGet("/redirect/2"); }, true,
@@ -308,20 +299,6 @@ TEST_F(Connection, KeptHandleSeesEveryChange) {
     EXPECT_EQ(req.headerCount("X-Foreign"), 0u) << i;
   }
   EXPECT_EQ(srv.connectionCount(), 1u); // resets keep the live connection
-}
-
-TEST_F(Connection, RefusesToRunBeforeInitialisation) {
-  qz::terminateHttpTools();
-  ASSERT_FALSE(qz::IsHttpToolsInitialized());
-  qztest::LogCapture cap;
-  HttpConnection c;
-  EXPECT_FALSE(get(c, "/echo"));
-  const std::vector<qztest::LogLine> lines = cap.lines();
-  qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
-  EXPECT_EQ(c.getLastErrorMsg(), "HttpConnection error : Fail to setupconnection ");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].text + " " + std::to_string(lines[0].type),
-            "HttpTools library not initialized. " + std::to_string(qz::qzLog::Error));
 }
 
 // TLS and interop against one nginx, started on first use and stopped at exit.
@@ -394,24 +371,15 @@ TEST_F(Tls, DownloadIntoDeviceAndGetJsonWithBody) {
   EXPECT_EQ(nginx.connectionCount() - before, 1);
 }
 
-ResolvedParameters resolve(const Params& p, const std::string& target = "https://example.org/") {
-  HttpProxyFinder finder;
-  ResolvedParameters r;
-  ResolveConnectionParameters(p, qz::Url(target), finder, r);
-  return r;
-}
-
 // Restores the process-wide defaults a test changes.
 class ParamsTest : public testing::Test {
 protected:
-  void TearDown() override {
-    setDefaults(true, HNRP_Whatever, PP_NoProxy);
-    qz::SetLoopbackCertificateExemption(true);
-  }
-  static void setDefaults(bool verify, HostNameResolutionPolicy ip, ProxyPolicy proxy) {
+  void TearDown() override { set(true, HNRP_Whatever, PP_NoProxy, true); }
+  static void set(bool verify, HostNameResolutionPolicy ip, ProxyPolicy proxy, bool exemption) {
     qz::SetVerifySSLCertByDefault(verify);
     qz::SetDefaultHostNameResolutionPolicy(ip);
     qz::SetDefaultProxyPolicy(proxy);
+    qz::SetLoopbackCertificateExemption(exemption);
   }
 };
 
@@ -420,83 +388,55 @@ protected:
 TEST_F(ParamsTest, PoliciesMeetDefaultsAndExemption) {
   struct Case {
     std::function<void(Params&)> edit;
-    std::function<bool(const ResolvedParameters&)> holds;
+    const char* expected; // low-speed limit/time, verify and exemption, address family, proxy ('-': libcurl's)
     const char* target = "https://example.org/";
     bool verifyDefault = true;
     HostNameResolutionPolicy ipDefault = HNRP_Whatever;
     ProxyPolicy proxyDefault = PP_NoProxy;
     bool exemption = true;
   };
-  using R = const ResolvedParameters&;
   const char* org = "https://example.org/";
+  auto none = [](Params&) {};
   const std::vector<Case> cases{
-      {[](Params& p) { p.lowSpeedTime = 0; }, [](R r) { return r.lowSpeedLimit == 0 && r.lowSpeedTime == 0; }},
-      {[](Params& p) { p.lowSpeedLimit = 5; }, [](R r) { return r.lowSpeedLimit == 5 && r.lowSpeedTime == 10; }},
+      {[](Params& p) { p.lowSpeedTime = 0; }, "0/0 10 0 []"},
+      {[](Params& p) { p.lowSpeedLimit = 5; }, "5/10 10 0 []"},
       // Certificate checking: policy, process default, and the loopback exemption by exact text.
-      {[](Params&) {}, [](R r) { return r.verifyPeer && !r.loopbackExempt; }},
-      {[](Params& p) { p.sslValidatePolicy = SVP_VerifyPeerAndHost; }, [](R r) { return r.verifyPeer; }, org, false},
-      {[](Params&) {}, [](R r) { return !r.verifyPeer; }, org, false},
-      {[](Params& p) { p.sslValidatePolicy = SVP_NoVerify; }, [](R r) { return !r.verifyPeer && !r.loopbackExempt; }},
-      {[](Params&) {}, [](R r) { return r.verifyPeer && r.loopbackExempt; }, "https://127.0.0.1:8443/"},
-      {[](Params&) {}, [](R r) { return r.verifyPeer && !r.loopbackExempt; }, "https://127.0.0.1/", true, HNRP_Whatever,
-       PP_NoProxy, false},
-      {[](Params&) {}, [](R r) { return !r.loopbackExempt; }, "https://localhost/"},
-      {[](Params&) {}, [](R r) { return !r.loopbackExempt; }, "https://[::1]/"},
-      {[](Params&) {}, [](R r) { return !r.loopbackExempt; }, "https://127.0.0.2/"},
+      {none, "10/10 10 0 []"},
+      {[](Params& p) { p.sslValidatePolicy = SVP_VerifyPeerAndHost; }, "10/10 10 0 []", org, false},
+      {none, "10/10 00 0 []", org, false},
+      {[](Params& p) { p.sslValidatePolicy = SVP_NoVerify; }, "10/10 00 0 []"},
+      {none, "10/10 11 0 []", "https://127.0.0.1:8443/"},
+      {none, "10/10 10 0 []", "https://127.0.0.1/", true, HNRP_Whatever, PP_NoProxy, false},
+      {none, "10/10 10 0 []", "https://localhost/"},
+      {none, "10/10 10 0 []", "https://[::1]/"},
+      {none, "10/10 10 0 []", "https://127.0.0.2/"},
       // Address family: own policy, or the process default when it is HNRP_Default.
-      {[](Params&) {}, [](R r) { return r.ipResolve == CURL_IPRESOLVE_V4; }, org, true, HNRP_PreferIpv4},
-      {[](Params& p) { p.hostNameResolutionPolicy = HNRP_PreferIpv6; },
-       [](R r) { return r.ipResolve == CURL_IPRESOLVE_V6; }, org, true, HNRP_PreferIpv4},
-      {[](Params& p) { p.hostNameResolutionPolicy = HNRP_Whatever; },
-       [](R r) { return r.ipResolve == CURL_IPRESOLVE_WHATEVER; }, org, true, HNRP_PreferIpv6},
+      {none, "10/10 10 1 []", org, true, HNRP_PreferIpv4},
+      {[](Params& p) { p.hostNameResolutionPolicy = HNRP_PreferIpv6; }, "10/10 10 2 []", org, true, HNRP_PreferIpv4},
+      {[](Params& p) { p.hostNameResolutionPolicy = HNRP_Whatever; }, "10/10 10 0 []", org, true, HNRP_PreferIpv6},
       // Proxy: empty text means none at all (environment included), null leaves it to libcurl.
-      {[](Params&) {}, [](R r) { return !r.proxyNull && r.proxy.empty(); }},
-      {[](Params& p) { p.proxyPolicy = PP_AutomaticProxy; }, [](R r) { return r.proxyNull; }},
-      {[](Params& p) { p.proxyPolicy = PP_NoProxy; }, [](R r) { return !r.proxyNull && r.proxy.empty(); }, org, true,
-       HNRP_Whatever, PP_AutomaticProxy},
-      {[](Params& p) {
+      {[](Params& p) { p.proxyPolicy = PP_AutomaticProxy; }, "10/10 10 0 -"},
+      {[](Params& p) { p.proxyPolicy = PP_NoProxy; }, "10/10 10 0 []", org, true, HNRP_Whatever, PP_AutomaticProxy},
+      {[](Params& p) { // credentials travel in the user-info
          p.proxyPolicy = PP_ManualProxy;
          p.manualProxyUrl = qz::Url("http://pu:pp@proxy.example:3128");
        },
-       [](R r) { return r.proxy == "http://pu:pp@proxy.example:3128"; }}, // credentials travel in the user-info
+       "10/10 10 0 [http://pu:pp@proxy.example:3128]"},
   };
-  for (size_t i = 0; i < cases.size(); ++i) {
-    const Case& c = cases[i];
-    setDefaults(c.verifyDefault, c.ipDefault, c.proxyDefault);
-    qz::SetLoopbackCertificateExemption(c.exemption);
+  for (const Case& c : cases) {
+    set(c.verifyDefault, c.ipDefault, c.proxyDefault, c.exemption);
     Params p;
     c.edit(p);
+    HttpProxyFinder finder;
+    ResolvedParameters r;
     qztest::LogCapture cap;
-    EXPECT_TRUE(c.holds(resolve(p, c.target))) << "case " << i;
-    EXPECT_EQ(cap.size(), 0u) << "case " << i << cap.dump();
+    ResolveConnectionParameters(p, qz::Url(c.target), finder, r);
+    EXPECT_EQ(std::to_string(r.lowSpeedLimit) + "/" + std::to_string(r.lowSpeedTime) + " " +
+                  std::to_string(r.verifyPeer) + std::to_string(r.loopbackExempt) + " " + std::to_string(r.ipResolve) +
+                  " " + (r.proxyNull ? "-" : "[" + r.proxy + "]") + cap.dump(),
+              c.expected)
+        << c.target;
   }
-}
-
-TEST_F(ParamsTest, InvalidManualProxyIsLoggedAndNotUsed) {
-  Params p;
-  p.proxyPolicy = PP_ManualProxy;
-  qztest::LogCapture cap;
-  const ResolvedParameters r = resolve(p);
-  EXPECT_TRUE(!r.proxyNull && r.proxy.empty());
-  EXPECT_TRUE(cap.has("http", "Manual proxy url is invalid " + p.manualProxyUrl.toDisplayableUrl() +
-                                  " disable proxy for this call"))
-      << cap.dump();
-}
-
-TEST_F(ParamsTest, ApplyOrsResultsOfEveryOption) {
-  std::unique_ptr<CURL, CurlEasyDeleter> h(curl_easy_init());
-  ASSERT_TRUE(h);
-  HttpProxyFinder finder;
-  Params p;
-  p.caFile = "ca.pem";
-  p.totalTimeoutMs = 500;
-  p.maxBodyBytes = 1000;
-  EXPECT_EQ(p.applyParameters(h.get(), qz::Url("https://127.0.0.1/"), finder), 0);
-  // A proxy text longer than libcurl accepts is refused; the result shows it.
-  p.proxyPolicy = PP_ManualProxy;
-  p.manualProxyUrl = qz::Url("http://proxy.example:3128");
-  p.manualProxyUrl.host = std::string(9 * 1024 * 1024, 'p');
-  EXPECT_NE(p.applyParameters(h.get(), qz::Url("http://example.org/"), finder), 0);
 }
 
 } // namespace

@@ -89,55 +89,41 @@ TEST(IpAddress, ComparesAddressesIgnoringPorts) {
   }
 }
 
-TEST(IpAddress, FromSocketAddressesKeepsThePort) {
-  sockaddr_in v4{};
-  v4.sin_family = AF_INET;
-  v4.sin_port = htons(8080);
+// Socket addresses keep their port; copies are deep, moves empty the source, and reusing the
+// storage of an earlier address (or clearing it) leaves nothing of it behind.
+TEST(IpAddress, SocketAddressesCopiesAndReusedStorage) {
+  sockaddr_in v4{AF_INET, htons(8080), {}, {}};
   inet_pton(AF_INET, "192.168.1.2", &v4.sin_addr);
-  IpAddress a, b;
-  a.fromIPv4(&v4);
-  EXPECT_EQ(a.getAddressAsString(true), "192.168.1.2:8080");
-  EXPECT_EQ(a, IpAddress("192.168.1.2", IpAddress::IPT_IPv4));
-
-  sockaddr_in6 v6{};
-  v6.sin6_family = AF_INET6;
-  v6.sin6_port = htons(8080);
+  sockaddr_in6 v6{AF_INET6, htons(8080), 0, {}, 0};
   inet_pton(AF_INET6, "fe80::1", &v6.sin6_addr);
+  IpAddress a, b, reused("10.9.8.7", IpAddress::IPT_IPv4);
+  a.fromIPv4(&v4);
   b.fromIPv6(&v6);
+  EXPECT_EQ(a, IpAddress("192.168.1.2", IpAddress::IPT_IPv4));
   // No brackets, also with a port.
-  EXPECT_EQ(b.getAddressAsString(true) + " " + b.getAddressAsString(false), "fe80::1:8080 fe80::1");
-
-  // Reusing the block of an earlier address leaves nothing of it behind.
-  IpAddress reused("10.9.8.7", IpAddress::IPT_IPv4);
-  reused.fromIPv6(&v6);
-  ASSERT_EQ(reused.getSockaddrLen(), b.getSockaddrLen());
-  EXPECT_EQ(std::memcmp(reused.getSockaddr(), b.getSockaddr(), b.getSockaddrLen()), 0);
-  reused.fromIPv4(&v4);
-  ASSERT_EQ(reused.getSockaddrLen(), a.getSockaddrLen());
-  EXPECT_EQ(std::memcmp(reused.getSockaddr(), a.getSockaddr(), a.getSockaddrLen()), 0);
-
+  EXPECT_EQ(a.getAddressAsString(true) + " " + b.getAddressAsString(true) + " " + b.getAddressAsString(false),
+            "192.168.1.2:8080 fe80::1:8080 fe80::1");
+  for (const IpAddress* next : {&b, &a}) {
+    next == &b ? reused.fromIPv6(&v6) : reused.fromIPv4(&v4);
+    ASSERT_EQ(reused.getSockaddrLen(), next->getSockaddrLen());
+    EXPECT_EQ(std::memcmp(reused.getSockaddr(), next->getSockaddr(), next->getSockaddrLen()), 0);
+  }
+  IpAddress copied(b), assigned;
+  assigned = b;
+  b.fromStringAddress("10.0.0.1", IpAddress::IPT_None);
+  EXPECT_EQ(copied.getAddressAsString(false) + " " + assigned.getAddressAsString(false), "fe80::1 fe80::1");
+  EXPECT_NE(copied.getSockaddr(), assigned.getSockaddr());
+  IpAddress moved(std::move(copied));
+  EXPECT_TRUE(!copied.isValid() && moved.getAddressAsString(false) == "fe80::1");
+  moved.clear();
+  EXPECT_EQ(moved.getSockaddr(), nullptr);
   // Wrong family or null: left empty.
   v4.sin_family = AF_INET6;
-  a.fromIPv4(&v4);
   v6.sin6_family = AF_INET;
+  a.fromIPv4(&v4);
   b.fromIPv6(&v6);
-  IpAddress c("::1", IpAddress::IPT_None);
-  c.fromIPv6(nullptr);
-  EXPECT_FALSE(a.isValid() || b.isValid() || c.isValid());
-}
-
-TEST(IpAddress, CopiesAreDeepAndMovesEmptyTheSource) {
-  IpAddress a("::1", IpAddress::IPT_None);
-  IpAddress b(a), c;
-  c = a;
-  a.fromStringAddress("10.0.0.1", IpAddress::IPT_None);
-  EXPECT_EQ(b.getAddressAsString(false) + " " + c.getAddressAsString(false), "::1 ::1");
-  EXPECT_NE(b.getSockaddr(), c.getSockaddr());
-  IpAddress d(std::move(b));
-  EXPECT_FALSE(b.isValid());
-  EXPECT_EQ(d.getAddressAsString(false), "::1");
-  d.clear();
-  EXPECT_EQ(d.getSockaddr(), nullptr);
+  assigned.fromIPv6(nullptr);
+  EXPECT_FALSE(a.isValid() || b.isValid() || assigned.isValid());
 }
 
 TEST(ResolveHostName, ReplacesTheListAndLogsFailures) {

@@ -101,17 +101,23 @@ bool ZeroFrom(const std::string& s, const std::pair<const char*, size_t>& buf, s
 
 std::pair<const char*, size_t> Buf(const std::string& s) { return {s.data(), s.capacity()}; }
 
-TEST(UrlSecrets, ClearingWipesTheWholeBuffer) {
+// Clearing, new credentials and copy assignments wipe each old value before anything else goes
+// into its buffer: past the new value, no byte of the old one remains.
+TEST(UrlSecrets, SettersClearingAndDestructionWipeTheOldValue) {
   struct Step {
     const char* name;
     void (*clear)(qz::Url&);
     bool hostWiped;
+    size_t kept; // bytes of the new value and its terminator
   };
   const Step steps[] = {
-      {"clearCredentials", [](qz::Url& u) { u.clearCredentials(); }, false},
-      {"clearUrl(ClearAll)", [](qz::Url& u) { u.clearUrl(qz::Url::ClearAll); }, true},
-      {"clearUrl(ClearToLocalHttps)", [](qz::Url& u) { u.clearUrl(qz::Url::ClearToLocalHttps); }, false},
-      {"failed parse", [](qz::Url& u) { u.fromEncodedUtf8String("http://x@y/", nullptr, false); }, true},
+      {"clearCredentials", [](qz::Url& u) { u.clearCredentials(); }, false, 0},
+      {"clearUrl(ClearAll)", [](qz::Url& u) { u.clearUrl(qz::Url::ClearAll); }, true, 0},
+      {"clearUrl(ClearToLocalHttps)", [](qz::Url& u) { u.clearUrl(qz::Url::ClearToLocalHttps); }, false, 0},
+      {"failed parse", [](qz::Url& u) { u.fromEncodedUtf8String("http://x@y/", nullptr, false); }, true, 0},
+      // header credentials drop the database name
+      {"header credentials", [](qz::Url& u) { u.setCredentialsOnHttpHeaders("a", "b"); }, false, 2},
+      {"copy assignment", [](qz::Url& u) { u = qz::Url("http://a:b@c/"); }, true, 2},
   };
   // Long secrets live on the heap, short ones inside the string object: both are checked.
   for (size_t len : {5u, 15u, 16u, 100u}) {
@@ -121,35 +127,18 @@ TEST(UrlSecrets, ClearingWipesTheWholeBuffer) {
       u.setCredentialsOnQueryParameter(std::string(len, 'U'), std::string(len, 'P'), std::string(len, 'D'));
       const auto user = Buf(u.user), pw = Buf(u.password), db = Buf(u.authDbName), host = Buf(u.host);
       step.clear(u);
-      EXPECT_TRUE(ZeroFrom(u.user, user) && ZeroFrom(u.password, pw) && ZeroFrom(u.authDbName, db))
+      EXPECT_TRUE(ZeroFrom(u.user, user, step.kept) && ZeroFrom(u.password, pw, step.kept) &&
+                  ZeroFrom(u.authDbName, db, step.kept))
           << step.name << " len " << len;
-      EXPECT_TRUE(!step.hostWiped || ZeroFrom(u.host, host)) << step.name << " len " << len;
+      EXPECT_TRUE(!step.hostWiped || ZeroFrom(u.host, host, step.kept)) << step.name << " len " << len;
     }
   }
-}
-
-TEST(UrlSecrets, SettersAndDestructionWipeTheOldValue) {
   qz::Url u;
   u.setCredentialsOnHttpHeaders(std::string(80, 'U'), std::string(80, 'P'));
   const auto pw = Buf(u.password);
   u.setCredentialsOnHttpHeaders("new-user", "short");
   EXPECT_EQ(u.password, "short");
-  EXPECT_TRUE(ZeroFrom(u.password, pw, 6)) << "past the new value no byte of the old one remains";
-
-  u.setCredentialsOnQueryParameter(std::string(70, 'u'), std::string(70, 'p'), std::string(70, 'd'));
-  const auto db = Buf(u.authDbName);
-  u.setCredentialsOnHttpHeaders("a", "b");
-  EXPECT_TRUE(ZeroFrom(u.authDbName, db)) << "header credentials drop the database name";
-
-  // A copy assignment wipes each old value before the shorter new one goes into its buffer.
-  u.host = std::string(60, 'h');
-  u.setCredentialsOnQueryParameter(std::string(60, 'u'), std::string(60, 'p'), std::string(60, 'd'));
-  const auto bufs = {Buf(u.user), Buf(u.password), Buf(u.authDbName), Buf(u.host)};
-  const qz::Url shorter("http://a:b@c/");
-  u = shorter;
-  auto buf = bufs.begin();
-  for (const std::string* s : {&u.user, &u.password, &u.authDbName, &u.host})
-    EXPECT_TRUE(ZeroFrom(*s, *buf++, 1)) << *s;
+  EXPECT_TRUE(ZeroFrom(u.password, pw, 6));
 
   // Destruction: a short password sits inside the object, whose storage we can still read.
   alignas(qz::Url) unsigned char storage[sizeof(qz::Url)];
