@@ -259,10 +259,8 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   d->lastDebugInformations.clear();
   d->lastErrorKind = ErrorKind::None;
 
-  if (!isHttpScheme(url.scheme)) {
-    d->fail(ErrorKind::BadRequest, url.scheme.empty() ? "Invalid URL without a scheme, nothing sent"
-                                                      : "Unsupported scheme '" + qz::qzLog::EscapeControls(url.scheme) +
-                                                            "', only http and https are requested");
+  if (std::string refusal = SchemeRefusal(url.scheme); !refusal.empty()) {
+    d->fail(ErrorKind::BadRequest, refusal);
     return false;
   }
   if (!prepareHandle(url, setup, shape)) {
@@ -486,6 +484,14 @@ TransferError HttpConnection::getLastError() const {
 
 void HttpConnection::addErrorDetail(const std::string& reason) {
   d->internalErrorMsg = d->internalErrorMsg.empty() ? reason : reason + ", " + d->internalErrorMsg;
+}
+
+std::string SchemeRefusal(const std::string& scheme) {
+  if (isHttpScheme(scheme))
+    return {};
+  return scheme.empty()
+             ? "Invalid URL without a scheme, nothing sent"
+             : "Unsupported scheme '" + qz::qzLog::EscapeControls(scheme) + "', only http and https are requested";
 }
 
 std::string TransferFailedText(CURLcode code, int64_t elapsedMs, long totalTimeoutMs, long long maxBodyBytes,

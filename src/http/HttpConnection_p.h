@@ -75,6 +75,8 @@ bool ReportDebugLines(const decltype(HttpConnection::ConnectionParameters::debug
 std::string TransferFailedText(CURLcode code, int64_t elapsedMs, long totalTimeoutMs, long long maxBodyBytes,
                                const qz::Url& url);
 std::string UnexpectedStatusText(long got, long expected, const qz::Url& url);
+// Why a URL whose scheme is not http or https is refused before anything is sent; "" when it is.
+std::string SchemeRefusal(const std::string& scheme);
 
 struct CurlEasyDeleter {
   void operator()(CURL* h) const { curl_easy_cleanup(h); }

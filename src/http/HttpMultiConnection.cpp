@@ -64,10 +64,12 @@ void HttpMultiConnection::Private::admit() {
     }
     std::unique_ptr<Job> owner = std::move(*it);
     it = queue.erase(it);
-    if (const std::string* bad = lineWithBreak(owner->request.headers)) {
+    std::string refusal = SchemeRefusal(owner->request.url.scheme);
+    if (const std::string* bad = lineWithBreak(owner->request.headers); bad && refusal.empty())
+      refusal = "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad);
+    if (!refusal.empty()) {
       owner->badRequest = true;
-      owner->response.error.context =
-          "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad);
+      owner->response.error.context = std::move(refusal);
       finish(std::move(owner));
       continue;
     }

@@ -118,9 +118,8 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     EXPECT_TRUE(ok || conn.getLastErrorMsg() == out.error.message()) << conn.getLastErrorMsg();
     EXPECT_TRUE(!c.failingDevice ||
                 out.error.message().find("Output device failed after 100 bytes") != std::string::npos);
-    // The multi connection has no per-request form of these, and leaves other schemes to libcurl
-    // (same kind, libcurl's words).
-    if (c.token || c.maxBody || c.idleMs || c.failingDevice || c.url.starts_with("ftp:"))
+    // The multi connection has no per-request form of these.
+    if (c.token || c.maxBody || c.idleMs || c.failingDevice)
       continue;
     viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
   }
