@@ -149,7 +149,7 @@ TEST(IcmpStatistics, ComputedByHand) {
   }
 }
 
-TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
+TEST(IcmpProbeBook, MatchesDuplicatesLateStrangersAndExpiry) {
   ProbeBook book(2, 3);
   const int64_t t0 = 1'000'000'000'000;
   for (unsigned k = 0; k < 3; ++k)
@@ -173,23 +173,20 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
   EXPECT_THAT(Figures(s), Near({3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081}));
   // The probes in order, the duplicate left out: 0.1, 0.2, and the third lost.
   EXPECT_THAT(s.probeMs, ElementsAre(Optional(DoubleEq(0.1)), Optional(DoubleEq(0.2)), std::nullopt));
-}
 
-TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
-  ProbeBook book(1, 4);
-  book.markSent(0, 0, 1, 0, 100);
-  book.markSent(0, 1, 2, 0, 200);
-  book.markSent(0, 2, 3, 0, 300, true);
+  // Expiry: unanswered probes are lost once each; a refused one is sent but waits for nothing.
+  ProbeBook expiring(1, 4);
+  for (unsigned k = 0; k < 3; ++k)
+    expiring.markSent(0, k, static_cast<uint16_t>(k + 1), 0, 100 * (k + 1), k == 2);
   std::vector<unsigned> lost;
   auto onLost = [&lost](size_t host, unsigned probe) { lost.push_back(static_cast<unsigned>(host * 10 + probe)); };
-  book.expire(150, onLost);
-  EXPECT_EQ(book.nextDeadline(), 200) << "the first probe is given up, the second still waits";
-  book.expire(200, onLost);
+  expiring.expire(150, onLost);
+  EXPECT_EQ(expiring.nextDeadline(), 200) << "the first probe is given up, the second still waits";
+  expiring.expire(200, onLost);
   EXPECT_EQ(lost, (std::vector<unsigned>{0, 1})) << "each once; the refused one is not a time-out";
-  EXPECT_FALSE(book.hasPending()) << "a refused probe waits for nothing";
-  EXPECT_EQ(book.nextDeadline(), INT64_MAX);
-  HostStatistics s;
-  book.fill(0, s);
+  EXPECT_FALSE(expiring.hasPending()) << "a refused probe waits for nothing";
+  EXPECT_EQ(expiring.nextDeadline(), INT64_MAX);
+  expiring.fill(0, s = {});
   // The refused probe counts as sent; the unsent fourth has no place.
   EXPECT_THAT(Figures(s), Near({3, 0, 0, 100, 0, 0, 0, 0}));
   EXPECT_EQ(s.probeMs.size(), 3u);

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,14 @@ Outcome Sh(const std::string& script, std::vector<std::string> env = {}, const s
 std::string Read(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+// Header lines that differ between the two clients by design, and the answer's date.
+bool Ignored(std::string name, bool keepAgent) {
+  for (char& c : name)
+    c = char(std::tolower(static_cast<unsigned char>(c)));
+  return (name == "user-agent" && !keepAgent) || name == "accept-encoding" || name == "connection" || name == "date" ||
+         name == "keep-alive";
 }
 
 // Runs against the shared server, $S in the scripts, with a directory of its own, $D.
@@ -121,6 +130,81 @@ TEST_F(Tool, OutputFileWriteOutAndVerbose) {
   EXPECT_THAT(Read(err), AllOf(HasSubstr("*   Trying 127.0.0.1:"), HasSubstr("> GET /held HTTP/1.1\n"),
                                HasSubstr("> Authorization: Basic [redacted]\n"), HasSubstr("> Cookie: [redacted]\n"),
                                HasSubstr("\n< \n"), Not(testing::ContainsRegex("s3cret|YWw6czNjcmV0|k=v|DataIn"))));
+}
+
+// curl as the oracle: each case runs through curl and through httptools against one local server,
+// and both must exit alike, print alike and send the server the same requests (User-Agent,
+// Accept-Encoding, Connection and header order aside). A case is a shell command line whose first
+// word (after any NAME=value) is a function: curl with the method flags of that name, or the
+// httptools command. Only the case's proxy variables are set; $B is the server, $P its port.
+TEST_F(Tool, SameExitOutputAndRequestsAsCurl) {
+  const std::string unset = "unset http_proxy no_proxy NO_PROXY ALL_PROXY all_proxy; ";
+  const std::string clients[] = {
+      unset + R"(get() { /usr/bin/curl -sS "$@"; }; post() { get "$@"; }; head() { get -I "$@"; }; )" +
+          R"(put() { get -X PUT "$@"; }; delete() { get -X DELETE "$@"; }; )",
+      unset + R"(for c in get head post put delete; do eval "$c() { \"\$CLI\" $c -sS \"\$@\"; }"; done; )"};
+  qztest::TestHttpServer server;
+  server.installStandardRoutes();
+  // What a proxy gets: the absolute URL as the target.
+  server.route("*", "http://.*", [](const httplib::Request& req, httplib::Response& res) {
+    res.set_content("proxied " + req.method + " " + req.target, "text/plain");
+  });
+  ASSERT_TRUE(server.start()) << server.lastError();
+  std::ofstream(m_dir + "/lines") << "a=1\r\nb=2\n";
+  std::ofstream(m_dir + "/headers") << "X-From-File: 1\r\nX-Other: two\n";
+  std::ofstream(m_dir + "/netrc") << "machine 127.0.0.1 login al password s3cret\n";
+  const std::vector<std::string> env{"B=" + server.baseUrl(), "P=" + std::to_string(server.port()), "D=" + m_dir};
+  for (const std::string command :
+       {"get $B/echo", "get -H 'X-A: 1' -H 'X-B: 2' -H Accept: -H @$D/headers -A agent/1 -u al:pw $B/echo",
+        "get --netrc-file $D/netrc $B/echo", "get -i $B/headers", "head $B/headers", "get -I $B/bytes?n=5",
+        "get $B/status/404", "get -f $B/status/404", "get -f -i $B/status/500", "get --fail-with-body $B/status/404",
+        "get -f $B/status/302", "get $B/redirect/2", "get -L $B/redirect/2", "get -L -i $B/redirect/1",
+        "get -L -w '%{http_code} %{response_code} %{url_effective} %{content_type} %{num_redirects} "
+        "%{size_download} %{exitcode} %header{x-one}|\\n' $B/redirect/1",
+        "get -w %{http_code}:%{exitcode}:%{url_effective} http://127.0.0.1:1/", "get $B/chunked", "get $B/truncated",
+        "get -o $D/no/such/dir/file $B/echo", "get -m 0.5 $B/stall?ms=3000", "get 127.0.0.1:$P/echo",
+        "get http://127.0.0.1:99999/echo", "get http://127.0.0.1:-1/echo", "get http://127.0.0.1:8x/echo",
+        "get http://127.0.0.1:0$P/echo", "get 'http://[::1/echo'", "get --retry 1 --retry-delay 1 $B/status/503",
+        "get --retry 1 --retry-delay 1 $B/status/501",
+        // Proxied names are never resolved; a client that would resolve one finds "localhost" in /etc/hosts.
+        "get -x $B 'http://localhost/path?q=1'", "http_proxy=$B get http://localhost/env",
+        "http_proxy=http://127.0.0.1:1 no_proxy=127.0.0.1 get $B/echo",
+        "http_proxy=http://127.0.0.1:1 get --noproxy '*' $B/echo", "post -d a=1 -d b=2 $B/echo",
+        "post -d @$D/lines $B/echo", "post --data-binary @$D/lines $B/echo",
+        "post --data-binary @- $B/echo", // reads the standard input
+        "post --data-urlencode 'name=a b&c' --data-urlencode =x/y -d z=1 $B/echo",
+        "post --data-urlencode f@$D/lines $B/echo", "post --json '{\"a\":1}' $B/echo",
+        "post -d a,b -H 'Content-Type: text/csv' $B/echo", "post -d x $B/status/201", "post -X PATCH -d x $B/echo",
+        "put -d 'inline text' $B/echo", "put --data-binary @$D/lines -i $B/status/201", "delete $B/echo",
+        "delete -w '%{http_code}\\n' $B/status/204"}) {
+    SCOPED_TRACE(command);
+    const bool keepAgent = command.find(" -A ") != std::string::npos;
+    Outcome o[2];
+    std::vector<std::string> requests[2];
+    for (int tool = 0; tool < 2; ++tool) {
+      server.resetCounters();
+      o[tool] = Sh(clients[tool] + command, env, "from\nstdin");
+      std::istringstream in(o[tool].out);
+      o[tool].out.clear();
+      for (std::string line; std::getline(in, line);) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos || line.find(' ') < colon || !Ignored(line.substr(0, colon), keepAgent))
+          o[tool].out += line + "\n";
+      }
+      for (const qztest::RecordedRequest& req : server.requests()) {
+        std::string text = req.method + " " + req.target + "\n";
+        for (const auto& [name, value] : req.headers) // a multimap: sorted by name
+          if (!Ignored(name, keepAgent))
+            text += name + ": " + value + "\n";
+        requests[tool].push_back(text + "\n" + req.body);
+      }
+    }
+    EXPECT_NE(o[0].code, 127) << "curl or the tool not run";
+    EXPECT_EQ(o[1].code, o[0].code) << "curl: " << o[0].err << "\nhttptools: " << o[1].err;
+    EXPECT_EQ(o[1].out, o[0].out);
+    EXPECT_EQ(requests[1], requests[0]);
+    EXPECT_EQ(o[1].err.empty(), o[0].err.empty()) << "curl: " << o[0].err << "\nhttptools: " << o[1].err;
+  }
 }
 
 // get -Z / --parallel: standard output keeps the order of the URLs while three 400 ms answers
@@ -296,15 +380,16 @@ TEST(ToolCouch, ViewOfADatabaseUrl) {
   });
   ASSERT_TRUE(server.start()) << server.lastError();
   const std::vector<std::string> env{"S=" + server.baseUrl()};
-  for (const char* db : {"$S/shop", "$S/shop/"}) {
-    const Outcome o = Sh(std::string("$CLI couch view ") + db + " app by_city", env);
-    EXPECT_EQ(o.code, 0) << db << ": " << o.err;
-    EXPECT_EQ(o.out, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t{\"n\":40}\n") << db;
-  }
-  for (const char* keys : {"--keys '[1,\"a\",[2,3]]'", "--keys 1 --keys a --keys [2,3]"}) {
-    const Outcome o = Sh(std::string("$CLI couch view $S/shop app by_city ") + keys, env);
-    EXPECT_EQ(o.code, 0) << keys << ": " << o.err;
-    EXPECT_EQ(server.lastRequest().body, R"({"keys":[1,"a",[2,3]]})") << keys;
+  const std::pair<const char*, const char*> cases[] = {
+      {"$S/shop", ""},
+      {"$S/shop/", ""},
+      {"$S/shop --keys '[1,\"a\",[2,3]]'", R"({"keys":[1,"a",[2,3]]})"},
+      {"$S/shop --keys 1 --keys a --keys [2,3]", R"({"keys":[1,"a",[2,3]]})"}};
+  for (const auto& [args, body] : cases) {
+    const Outcome o = Sh(std::string("$CLI couch view ") + args + " app by_city", env);
+    EXPECT_EQ(o.code, 0) << args << ": " << o.err;
+    EXPECT_EQ(o.out, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t{\"n\":40}\n") << args;
+    EXPECT_EQ(server.lastRequest().body, body) << args;
   }
   const Outcome missing = Sh("$CLI couch view $S/other app by_city", env);
   EXPECT_EQ(missing.code, 22) << missing.err;
