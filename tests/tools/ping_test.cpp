@@ -106,7 +106,6 @@ TEST(PingBesideFping, RoundTripTimesWithinFpingsVariation) {
 // figures after fping's in each summary line.
 TEST(PingBesideFping, SameLayouts) {
   // Times, and the blanks that pad them, become "t".
-  // Times, and the blanks that pad them, become "t".
   const std::regex time(R"( *\d+\.\d+)"), extra(", stddev =t, p50/p90/p99 =t/t/t, jitter =t\n");
   for (const char* mode : {"-c 2", "-c 2 -q", "-C 2 -q", "-c 2 -q -s"}) {
     SCOPED_TRACE(mode);
