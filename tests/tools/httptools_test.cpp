@@ -19,7 +19,9 @@
 #include <string>
 #include <vector>
 
+using testing::_;
 using testing::AllOf;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -30,7 +32,16 @@ namespace {
 struct Outcome {
   int code = -1;
   std::string out, err;
+  friend void PrintTo(const Outcome& o, std::ostream* os) {
+    *os << "exit " << o.code << ", out: " << o.out << ", err: " << o.err;
+  }
 };
+
+// An outcome: the exit code, and what went to stdout and to stderr.
+testing::Matcher<const Outcome&> Is(int code, testing::Matcher<const std::string&> out = _,
+                                    testing::Matcher<const std::string&> err = _) {
+  return AllOf(Field(&Outcome::code, code), Field(&Outcome::out, out), Field(&Outcome::err, err));
+}
 
 // `script` run by bash with $CLI the program and the variables of `env` ("NAME=value") set.
 Outcome Sh(const std::string& script, std::vector<std::string> env = {}, const std::string& input = "") {
@@ -71,43 +82,33 @@ protected:
 // --version names the library and its dependencies. Usage errors exit 2 with a message on stderr
 // and nothing on stdout, before any request (every --help is checked by man_page_check.sh).
 TEST_F(Tool, VersionAndUsageErrors) {
-  const Outcome v = run("$CLI --version");
-  EXPECT_EQ(v.code, 0);
-  EXPECT_THAT(v.out, AllOf(StartsWith("HttpTools 3.0.0.17 2022-7\n"), HasSubstr("libcurl/"), HasSubstr("OpenSSL")));
+  EXPECT_THAT(run("$CLI --version"),
+              Is(0, AllOf(StartsWith("HttpTools 3.0.0.17 2022-7\n"), HasSubstr("libcurl/"), HasSubstr("OpenSSL"))));
   for (const char* args :
        {"", "nonsense", "get", "get --expect abc $S/echo", "get --expect 99 $S/echo", "get --expect 600 $S/echo",
         "get --no-such-option $S/echo", "post -d x --json {} $S/echo", "jwt", "jwt sign --alg HS256 {}",
         "jwt sign --alg HS999 --secret s {}", "jwt sign --alg HS256 --secret s --key /no/such.pem {}",
         "jwt verify --secret s --algs HS256,XX1 t", "url", "couch view $S/db design-without-view",
-        "get --parallel-max 0 $S/echo", "get -Z", "get -Z --bogus $S/echo",
-        "get -Z -o /dev/null -o /dev/null $S/echo"}) {
-    const Outcome o = run(std::string("$CLI ") + args);
-    EXPECT_EQ(o.code, 2) << args << ": " << o.err;
-    EXPECT_THAT(o.err, Not(IsEmpty())) << args;
-    EXPECT_THAT(o.out, IsEmpty()) << args;
-  }
+        "get --parallel-max 0 $S/echo", "get -Z", "get -Z --bogus $S/echo", "get -Z -o /dev/null -o /dev/null $S/echo"})
+    EXPECT_THAT(run(std::string("$CLI ") + args), Is(2, IsEmpty(), Not(IsEmpty()))) << args;
   EXPECT_EQ(srv.requestCount(), 0u);
 }
 
 TEST_F(Tool, OutputFileWriteOutAndVerbose) {
-  Outcome o = run("$CLI get -o $D/out -w '%{http_code} %{size_download} %%\\n' $S/bytes?n=70000");
-  EXPECT_EQ(o.code, 0) << o.err;
-  EXPECT_EQ(o.out, "200 70000 %\n"); // -w goes to stdout, the body to the file
+  // -w goes to stdout, the body to the file.
+  EXPECT_THAT(run("$CLI get -o $D/out -w '%{http_code} %{size_download} %%\\n' $S/bytes?n=70000"),
+              Is(0, "200 70000 %\n"));
   const std::string body = Read(m_dir + "/out");
   ASSERT_EQ(body.size(), 70000u);
   EXPECT_EQ(body.substr(0, 3), "abc");
 
   // --expect: any other status exits 22, the body still written; -s: no message.
-  o = run("$CLI put -s --expect 201 -w %{http_code}:%{size_upload}:%{exitcode} -d 12345 $S/status/409");
-  EXPECT_EQ(o.code, 22);
-  EXPECT_EQ(o.out, "status 409409:5:22");
-  EXPECT_THAT(o.err, IsEmpty());
-  EXPECT_EQ(run("$CLI delete --expect 409 $S/status/409").code, 0);
+  EXPECT_THAT(run("$CLI put -s --expect 201 -w %{http_code}:%{size_upload}:%{exitcode} -d 12345 $S/status/409"),
+              Is(22, "status 409409:5:22", IsEmpty()));
+  EXPECT_THAT(run("$CLI delete --expect 409 $S/status/409"), Is(0));
 
   // A closed pipe ends the transfer quietly with 23, not with SIGPIPE.
-  o = run("$CLI get $S/bytes?n=3000000 | head -c 10 >/dev/null; exit ${PIPESTATUS[0]}");
-  EXPECT_EQ(o.code, 23);
-  EXPECT_THAT(o.err, IsEmpty());
+  EXPECT_THAT(run("$CLI get $S/bytes?n=3000000 | head -c 10 >/dev/null; exit ${PIPESTATUS[0]}"), Is(23, _, IsEmpty()));
 
   // -v: the lines as they happen (the body waits until the status line is on stderr), credentials
   // redacted.
@@ -124,9 +125,7 @@ TEST_F(Tool, OutputFileWriteOutAndVerbose) {
     });
   });
   ASSERT_TRUE(own.start()) << own.lastError();
-  o = run("$CLI get -v -u al:s3cret -H 'Cookie: k=v' " + own.url("/held") + " 2>" + err);
-  EXPECT_EQ(o.code, 0);
-  EXPECT_EQ(o.out, "live");
+  EXPECT_THAT(run("$CLI get -v -u al:s3cret -H 'Cookie: k=v' " + own.url("/held") + " 2>" + err), Is(0, "live"));
   EXPECT_THAT(Read(err), AllOf(HasSubstr("*   Trying 127.0.0.1:"), HasSubstr("> GET /held HTTP/1.1\n"),
                                HasSubstr("> Authorization: Basic [redacted]\n"), HasSubstr("> Cookie: [redacted]\n"),
                                HasSubstr("\n< \n"), Not(testing::ContainsRegex("s3cret|YWw6czNjcmV0|k=v|DataIn"))));
@@ -217,26 +216,22 @@ TEST_F(Tool, ParallelGet) {
   const auto base = std::chrono::steady_clock::now() - start;
   for (const char* flags : {"-Z", "--parallel --parallel-max 3"}) {
     start = std::chrono::steady_clock::now();
-    const Outcome o = run(std::string("$CLI get ") + flags +
-                          " $S/stall?ms=400 $S/bytes?n=5 $S/stall?ms=400 $S/status/200 $S/stall?ms=400");
+    EXPECT_THAT(run(std::string("$CLI get ") + flags +
+                    " $S/stall?ms=400 $S/bytes?n=5 $S/stall?ms=400 $S/status/200 $S/stall?ms=400"),
+                Is(0, "lateabcdelatestatus 200late", IsEmpty()))
+        << flags;
     EXPECT_LT(std::chrono::steady_clock::now() - start, base + std::chrono::milliseconds(900)) << flags;
-    EXPECT_EQ(o.code, 0) << o.err;
-    EXPECT_EQ(o.out, "lateabcdelatestatus 200late") << flags;
-    EXPECT_THAT(o.err, IsEmpty());
   }
 
-  Outcome o = run("$CLI get -Z -f -w [%{http_code}] -o $D/one -o $D/two $S/bytes?n=3 $S/status/404 $S/echo "
-                  "http://127.0.0.1:1/ $S/stall?ms=300");
-  EXPECT_EQ(o.code, 22);
+  EXPECT_THAT(run("$CLI get -Z -f -w [%{http_code}] -o $D/one -o $D/two $S/bytes?n=3 $S/status/404 $S/echo "
+                  "http://127.0.0.1:1/ $S/stall?ms=300"),
+              Is(22, testing::MatchesRegex("\\[200\\]\\[404\\]GET\n(.|\n)*\\[200\\]\\[000\\]late\\[200\\]"),
+                 HasSubstr("httptools get: HTTP status 404 from " + srv.url("/status/404"))));
   EXPECT_EQ(Read(m_dir + "/one"), "abc");
   EXPECT_FALSE(std::filesystem::exists(m_dir + "/two")); // -f: the failed URL writes nothing
-  EXPECT_THAT(o.out, testing::MatchesRegex("\\[200\\]\\[404\\]GET\n(.|\n)*\\[200\\]\\[000\\]late\\[200\\]"));
-  EXPECT_THAT(o.err, HasSubstr("httptools get: HTTP status 404 from " + srv.url("/status/404")));
   // Without -f a 404 is an answer; the refused port is the first failure.
-  o = run("$CLI get -Z -s $S/status/404 http://127.0.0.1:1/ $S/stall?ms=3000 -m 0.5");
-  EXPECT_EQ(o.code, 7);
-  EXPECT_EQ(o.out, "status 404");
-  EXPECT_THAT(o.err, IsEmpty());
+  EXPECT_THAT(run("$CLI get -Z -s $S/status/404 http://127.0.0.1:1/ $S/stall?ms=3000 -m 0.5"),
+              Is(7, "status 404", IsEmpty()));
 }
 
 // The progress meter where curl shows one: on stderr, a terminal or not (script(1) gives one), not
@@ -245,7 +240,7 @@ TEST_F(Tool, ParallelGet) {
 TEST_F(Tool, ProgressMeter) {
   // T runs its command line in a terminal; $U answers slowly.
   const std::string prelude = "U=\"$S/slow?blocks=12&size=1000&delay=100\"; T() { script -qec \"$1\" /dev/null; }; ";
-  const std::pair<std::string, testing::Matcher<std::string>> cases[] = {
+  const std::pair<std::string, testing::Matcher<const std::string&>> cases[] = {
       {"T \"$CLI get -o $D/out '$U'\"", AllOf(HasSubstr("\r"), HasSubstr(" KiB/s"))}, // no length announced: no "of"
       {"T \"$CLI get -s -o $D/out '$U'\"", Not(HasSubstr("KiB/s"))},
       {"$CLI get \"$U\" 2>&1 >/dev/null", HasSubstr(" KiB/s")},
@@ -253,11 +248,8 @@ TEST_F(Tool, ProgressMeter) {
       {"COLUMNS=50 $CLI get -# -o $D/out $S/bytes?n=2000 2>&1",
        testing::EndsWith("\r" + std::string(42, '#') + " 100.0%\n")},
   };
-  for (const auto& [command, shown] : cases) {
-    const Outcome o = run(prelude + command);
-    EXPECT_EQ(o.code, 0) << command << o.out << o.err;
-    EXPECT_THAT(o.out, shown) << command;
-  }
+  for (const auto& [command, shown] : cases)
+    EXPECT_THAT(run(prelude + command), Is(0, shown)) << command;
 }
 
 // Ctrl-C ends a follow at once, with what it printed so far and exit 0, also while the feed is
@@ -345,26 +337,24 @@ TEST(ToolJwt, SignVerifyDecode) {
   ASSERT_NE(exp, std::string::npos) << decoded.out;
   EXPECT_NEAR(std::stoll(decoded.out.substr(exp + 7)) - std::time(nullptr), 3600, 30);
   // $T: the token; $K: RS256 with kid "nope" and any signature, refused at the key lookup.
-  const std::tuple<std::string, int, testing::Matcher<std::string>, testing::Matcher<std::string>> cases[] = {
-      {"verify --secret s3 $T", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
-      {"verify --secret s3 - <<<$T", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
-      {"verify --secret other $T", 1, IsEmpty(), HasSubstr("ignature")},
-      {"verify --secret s3 --algs HS256,HS512 $T", 1, IsEmpty(), Not(IsEmpty())},
-      {"decode $T", 0, AllOf(HasSubstr(R"("alg": "HS384")"), HasSubstr(R"("sub": "al")")), IsEmpty()},
-      {"decode a.b", 1, IsEmpty(), HasSubstr("Malformed jwt")},
-      // The key set: fetched with -H, a status of its own, a kid it lacks.
-      {"verify --jwks $J -H 'X-Key: k' $K", 1, IsEmpty(),
-       HasSubstr("no usable key for kid 'nope' in the key set: No such key {nope}")},
-      {"verify --jwks $J $K", 22, IsEmpty(), HasSubstr("cannot fetch the key set http://127.0.0.1:")},
-  };
-  for (const auto& [args, code, out, err] : cases) {
-    const Outcome o = Sh("$CLI jwt " + args,
-                         {"T=" + token, "J=" + keys.url("/jwks"),
-                          "K=eyJhbGciOiJSUzI1NiIsImtpZCI6Im5vcGUifQ.eyJzdWIiOiJ4IiwiZXhwIjo0MTAyNDQ0ODAwfQ.c2ln"});
-    EXPECT_EQ(o.code, code) << args << ": " << o.err;
-    EXPECT_THAT(o.out, out) << args;
-    EXPECT_THAT(o.err, err) << args;
-  }
+  const std::tuple<std::string, int, testing::Matcher<const std::string&>, testing::Matcher<const std::string&>>
+      cases[] = {
+          {"verify --secret s3 $T", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
+          {"verify --secret s3 - <<<$T", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
+          {"verify --secret other $T", 1, IsEmpty(), HasSubstr("ignature")},
+          {"verify --secret s3 --algs HS256,HS512 $T", 1, IsEmpty(), Not(IsEmpty())},
+          {"decode $T", 0, AllOf(HasSubstr(R"("alg": "HS384")"), HasSubstr(R"("sub": "al")")), IsEmpty()},
+          {"decode a.b", 1, IsEmpty(), HasSubstr("Malformed jwt")},
+          // The key set: fetched with -H, a status of its own, a kid it lacks.
+          {"verify --jwks $J -H 'X-Key: k' $K", 1, IsEmpty(),
+           HasSubstr("no usable key for kid 'nope' in the key set: No such key {nope}")},
+          {"verify --jwks $J $K", 22, IsEmpty(), HasSubstr("cannot fetch the key set http://127.0.0.1:")},
+      };
+  const std::vector<std::string> env{
+      "T=" + token, "J=" + keys.url("/jwks"),
+      "K=eyJhbGciOiJSUzI1NiIsImtpZCI6Im5vcGUifQ.eyJzdWIiOiJ4IiwiZXhwIjo0MTAyNDQ0ODAwfQ.c2ln"};
+  for (const auto& [args, code, out, err] : cases)
+    EXPECT_THAT(Sh("$CLI jwt " + args, env), Is(code, out, err)) << args;
 }
 
 // couch view takes the database URL with or without a trailing slash; --keys JSON values, one
@@ -386,14 +376,12 @@ TEST(ToolCouch, ViewOfADatabaseUrl) {
       {"$S/shop --keys '[1,\"a\",[2,3]]'", R"({"keys":[1,"a",[2,3]]})"},
       {"$S/shop --keys 1 --keys a --keys [2,3]", R"({"keys":[1,"a",[2,3]]})"}};
   for (const auto& [args, body] : cases) {
-    const Outcome o = Sh(std::string("$CLI couch view ") + args + " app by_city", env);
-    EXPECT_EQ(o.code, 0) << args << ": " << o.err;
-    EXPECT_EQ(o.out, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t{\"n\":40}\n") << args;
+    EXPECT_THAT(Sh(std::string("$CLI couch view ") + args + " app by_city", env),
+                Is(0, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t{\"n\":40}\n"))
+        << args;
     EXPECT_EQ(server.lastRequest().body, body) << args;
   }
-  const Outcome missing = Sh("$CLI couch view $S/other app by_city", env);
-  EXPECT_EQ(missing.code, 22) << missing.err;
-  EXPECT_THAT(missing.err, HasSubstr("httptools couch view: "));
+  EXPECT_THAT(Sh("$CLI couch view $S/other app by_city", env), Is(22, _, HasSubstr("httptools couch view: ")));
 }
 
 // es search pages the whole result with "size" and "from" of the query, and takes ?q= of the URL.
@@ -429,19 +417,17 @@ TEST(ToolTls, SelfSignedCertificateOnLoopback) {
   qztest::NginxFixture nginx;
   ASSERT_TRUE(nginx.start()) << nginx.lastError();
   const std::vector<std::string> env{"S=" + nginx.httpsUrl(""), "C=" + nginx.certificatePath()};
-  const Outcome refused = Sh("$CLI get $S/small", env);
-  EXPECT_THAT(refused.err, HasSubstr("Curl error : 60 ("));
-  EXPECT_THAT(refused.out, IsEmpty());
+  EXPECT_THAT(Sh("$CLI get $S/small", env), Is(60, IsEmpty(), HasSubstr("Curl error : 60 (")));
   const std::tuple<std::string, std::string, int> tools[] = {{"get -s", "$S/small", 0},
                                                              {"couch view", "$S/db", 22},
                                                              {"es search", "$S/idx", 22},
                                                              {"jwt verify", "--jwks $S/small a.b.c", 1}};
   for (const auto& [command, rest, trustedCode] : tools)
-    for (const char* trust : {"", "-k", "--cacert $C"}) {
-      const Outcome o = Sh("$CLI " + command + " " + trust + " " + rest, env);
-      EXPECT_EQ(o.code, *trust ? trustedCode : 60) << command << " " << trust << ": " << o.err;
-      EXPECT_TRUE(!*trust || trustedCode || o.out == "ok") << command << " " << trust << ": " << o.out;
-    }
+    for (const char* trust : {"", "-k", "--cacert $C"})
+      EXPECT_THAT(
+          Sh("$CLI " + command + " " + trust + " " + rest, env),
+          Is(*trust ? trustedCode : 60, *trust && !trustedCode ? testing::Matcher<const std::string&>("ok") : _))
+          << command << " " << trust;
 }
 
 } // namespace
