@@ -62,67 +62,51 @@ std::string Answered(const std::string& host, unsigned n) {
   return host + " " + std::to_string(n) + "/" + std::to_string(n) + "+0 0% k0 t";
 }
 
-struct NsRun {
-  const char* name;
-  std::string setup; // shell commands run as root in the namespace after lo is up
-  bool asNobody;
-  std::vector<std::string> hosts;
-  unsigned count, periodMs, timeoutMs;
-  std::string head; // "ok|failed v4:KIND v6:KIND answered:N lost:N" as the child reports it
-  std::vector<Matcher<std::string>> lines;
-  int64_t atLeastMs = 0;
-  std::string onProbe = {}; // shell commands run once host 1's probe 3 is reported
-};
-NsRun Ns(const char* name, std::string setup, bool nobody, std::vector<std::string> hosts, unsigned count,
-         unsigned periodMs, unsigned timeoutMs, std::string head, std::vector<Matcher<std::string>> lines,
-         int64_t atLeastMs = 0, std::string onProbe = {}) {
-  return {name, setup, nobody, hosts, count, periodMs, timeoutMs, head, lines, atLeastMs, onProbe};
-}
-
-// The round of `run` as a child with a network namespace of its own reports it: a head line, then
-// a Line() per host; or why it could not run.
-std::string RoundInNamespace(const NsRun& run) {
-  constexpr uid_t kNobody = 65534;
-  const std::string setup = "ip link set lo up" + (run.setup.empty() ? "" : " && " + run.setup);
-  if (::unshare(CLONE_NEWNET) != 0)
-    return std::string("cannot make a network namespace (root or CAP_SYS_ADMIN needed): ") + std::strerror(errno);
-  if (std::system(setup.c_str()) != 0)
-    return "namespace set-up failed: " + setup;
-  if (run.asNobody && (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-                       ::setresuid(kNobody, kNobody, kNobody) != 0))
-    return std::string("cannot become uid 65534: ") + std::strerror(errno);
-  unsigned answered = 0, lost = 0;
-  HostStatisticsRetriever retriever(run.hosts, {.count = run.count,
-                                                .periodMs = run.periodMs,
-                                                .timeoutMs = run.timeoutMs,
-                                                .onProbe = [&](size_t host, unsigned probe, std::optional<double> rtt) {
-                                                  ++(rtt ? answered : lost);
-                                                  if (host == 1 && probe == 3 && !run.onProbe.empty() &&
-                                                      std::system(run.onProbe.c_str()) != 0)
-                                                    std::fputs("onProbe command failed\n", stderr);
-                                                }});
-  std::vector<HostStatistics> stats;
-  const int64_t t0 = NowMs();
-  const bool ok = retriever.retrieve(stats, nullptr);
-  const int64_t ms = NowMs() - t0;
-  std::string out = (ok ? "ok" : "failed") + std::string(" v4:") +
-                    std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv4)) +
-                    " v6:" + std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv6)) +
-                    " answered:" + std::to_string(answered) + " lost:" + std::to_string(lost) +
-                    (ms >= run.atLeastMs && ms < run.atLeastMs + 5000 ? "" : " took " + std::to_string(ms) + " ms");
-  for (const HostStatistics& h : stats)
-    out += "\n" + Line(h);
-  return out;
-}
-
-std::vector<std::string> RunInNamespace(const NsRun& run) {
+// A round in a child with a network namespace of its own: `setup` (shell commands) runs as root
+// once lo is up, the round as uid 65534 when `nobody`, and `onProbe` (shell commands) once host 1's
+// probe 3 is reported. The child reports a head line, "ok|failed v4:KIND v6:KIND answered:N lost:N"
+// (and how long the round took when not `atLeastMs` to 5 s more), then a Line() per host; or why
+// it could not run.
+void ExpectRoundInNamespace(const char* name, const std::string& setup, bool nobody,
+                            const std::vector<std::string>& hosts, unsigned count, unsigned periodMs,
+                            unsigned timeoutMs, const std::string& head, std::vector<Matcher<std::string>> lines,
+                            int64_t atLeastMs = 0, const std::string& onProbe = "") {
+  SCOPED_TRACE(name);
   int fds[2];
-  if (::pipe(fds) != 0)
-    return {"pipe failed"};
+  ASSERT_EQ(::pipe(fds), 0);
   std::fflush(nullptr);
   const pid_t pid = ::fork();
   if (pid == 0) {
-    const std::string out = RoundInNamespace(run);
+    const std::string out = [&]() -> std::string {
+      constexpr uid_t kNobody = 65534;
+      if (::unshare(CLONE_NEWNET) != 0)
+        return std::string("cannot make a network namespace (root or CAP_SYS_ADMIN needed): ") + std::strerror(errno);
+      if (std::system(("ip link set lo up" + (setup.empty() ? "" : " && " + setup)).c_str()) != 0)
+        return "namespace set-up failed: " + setup;
+      if (nobody && (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
+                     ::setresuid(kNobody, kNobody, kNobody) != 0))
+        return std::string("cannot become uid 65534: ") + std::strerror(errno);
+      unsigned answered = 0, lost = 0;
+      auto reported = [&](size_t host, unsigned probe, std::optional<double> rtt) {
+        ++(rtt ? answered : lost);
+        if (host == 1 && probe == 3 && !onProbe.empty() && std::system(onProbe.c_str()) != 0)
+          std::fputs("onProbe command failed\n", stderr);
+      };
+      HostStatisticsRetriever retriever(
+          hosts, {.count = count, .periodMs = periodMs, .timeoutMs = timeoutMs, .onProbe = reported});
+      std::vector<HostStatistics> stats;
+      const int64_t t0 = NowMs();
+      const bool ok = retriever.retrieve(stats, nullptr);
+      const int64_t ms = NowMs() - t0;
+      std::string out = (ok ? "ok" : "failed") + std::string(" v4:") +
+                        std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv4)) +
+                        " v6:" + std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv6)) +
+                        " answered:" + std::to_string(answered) + " lost:" + std::to_string(lost) +
+                        (ms >= atLeastMs && ms < atLeastMs + 5000 ? "" : " took " + std::to_string(ms) + " ms");
+      for (const HostStatistics& h : stats)
+        out += "\n" + Line(h);
+      return out;
+    }();
     _exit(::write(fds[1], out.data(), out.size()) == ssize_t(out.size()) ? 0 : 1);
   }
   ::close(fds[1]);
@@ -133,11 +117,13 @@ std::vector<std::string> RunInNamespace(const NsRun& run) {
   ::close(fds[0]);
   if (pid > 0)
     ::waitpid(pid, nullptr, 0);
-  std::vector<std::string> lines;
+  std::vector<std::string> got;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
+    got.push_back(line);
+  ASSERT_FALSE(got.empty()) << "the child died";
+  EXPECT_EQ(got[0], head);
+  EXPECT_THAT(std::vector<std::string>(got.begin() + 1, got.end()), testing::ElementsAreArray(lines));
 }
 
 } // namespace
@@ -148,43 +134,36 @@ TEST(IcmpNamespace, SocketKindsLossAndErrors) {
                                "65534, outside net.ipv4.ping_group_range \"1 0\"; raw sockets need root or CAP_NET_RAW";
   const std::string unresolved = "no-such-host.invalid= 0/0+0 0% k1 Cannot resolve host name: ";
   const std::vector<std::string> both = {"127.0.0.1", "::1"};
-  const std::vector<NsRun> runs = {
-      // A new namespace starts with ping_group_range "1 0": root gets raw sockets, others none;
-      // datagram sockets come first once the range is widened.
-      Ns("root, datagram", widen, false, both, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
-         {Answered("127.0.0.1", 3), Answered("::1", 3)}),
-      Ns("nobody, datagram", widen, true, both, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
-         {Answered("127.0.0.1", 3), Answered("::1", 3)}),
-      Ns("nobody, none", "", true, both, 3, 20, 2000, "failed v4:0 v6:0 answered:0 lost:0",
-         {"127.0.0.1" + noSocket, "::1" + noSocket}),
-      // Raw sockets for root. Blackhole and unreachable routes refuse the send (not a time-out);
-      // 10.9.9.9 routed to lo leaves and is dropped. The last probe leaves at 100 ms and is given
-      // up 300 ms later.
-      Ns("root, raw, lost",
-         "ip route add blackhole 127.0.0.2 && ip route add unreachable 127.0.0.3 && ip route add 10.9.9.9 dev lo && "
-         "ip -6 route add blackhole ::2 && ip -6 route add unreachable ::3",
-         false, {"127.0.0.2", "127.0.0.3", "::2", "::3", "10.9.9.9", "127.0.0.1", "::1"}, 3, 50, 300,
-         "ok v4:2 v6:2 answered:6 lost:3",
-         {"127.0.0.2 3/0+0 100% k0", "127.0.0.3 3/0+0 100% k0", "::2 3/0+0 100% k0", "::3 3/0+0 100% k0",
-          "10.9.9.9 3/0+0 100% k0", Answered("127.0.0.1", 3), Answered("::1", 3)},
-         395),
-      // The route comes back once the fourth probes are out: the last six get through.
-      Ns("route back mid-run", "ip route add blackhole 127.0.0.2", false, {"127.0.0.2", "127.0.0.1"}, 10, 50, 2000,
-         "ok v4:2 v6:0 answered:16 lost:0", {"127.0.0.2 10/6+0 40% k0 t", Answered("127.0.0.1", 10)}, 0,
-         "ip route del blackhole 127.0.0.2"),
-      // A DNS query has nowhere to go in the namespace: the name fails without leaving the machine.
-      Ns("unresolved", "", false, {"no-such-host.invalid", "127.0.0.1"}, 3, 20, 2000, "ok v4:2 v6:0 answered:3 lost:0",
-         {StartsWith(unresolved), Answered("127.0.0.1", 3)}),
-      Ns("nothing probed", "", false, {"no-such-host.invalid"}, 3, 20, 2000, "failed v4:0 v6:0 answered:0 lost:0",
-         {StartsWith(unresolved)}),
-  };
-  for (const NsRun& run : runs) {
-    SCOPED_TRACE(run.name);
-    const std::vector<std::string> got = RunInNamespace(run);
-    ASSERT_FALSE(got.empty()) << "the child died";
-    EXPECT_EQ(got[0], run.head);
-    EXPECT_THAT(std::vector<std::string>(got.begin() + 1, got.end()), testing::ElementsAreArray(run.lines));
-  }
+  // A new namespace starts with ping_group_range "1 0": root gets raw sockets, others none;
+  // datagram sockets come first once the range is widened.
+  ExpectRoundInNamespace("root, datagram", widen, false, both, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
+                         {Answered("127.0.0.1", 3), Answered("::1", 3)});
+  ExpectRoundInNamespace("nobody, datagram", widen, true, both, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
+                         {Answered("127.0.0.1", 3), Answered("::1", 3)});
+  ExpectRoundInNamespace("nobody, none", "", true, both, 3, 20, 2000, "failed v4:0 v6:0 answered:0 lost:0",
+                         {"127.0.0.1" + noSocket, "::1" + noSocket});
+  // Raw sockets for root. Blackhole and unreachable routes refuse the send (not a time-out);
+  // 10.9.9.9 routed to lo leaves and is dropped. The last probe leaves at 100 ms and is given
+  // up 300 ms later.
+  ExpectRoundInNamespace(
+      "root, raw, lost",
+      "ip route add blackhole 127.0.0.2 && ip route add unreachable 127.0.0.3 && ip route add 10.9.9.9 dev lo && "
+      "ip -6 route add blackhole ::2 && ip -6 route add unreachable ::3",
+      false, {"127.0.0.2", "127.0.0.3", "::2", "::3", "10.9.9.9", "127.0.0.1", "::1"}, 3, 50, 300,
+      "ok v4:2 v6:2 answered:6 lost:3",
+      {"127.0.0.2 3/0+0 100% k0", "127.0.0.3 3/0+0 100% k0", "::2 3/0+0 100% k0", "::3 3/0+0 100% k0",
+       "10.9.9.9 3/0+0 100% k0", Answered("127.0.0.1", 3), Answered("::1", 3)},
+      395);
+  // The route comes back once the fourth probes are out: the last six get through.
+  ExpectRoundInNamespace("route back mid-run", "ip route add blackhole 127.0.0.2", false, {"127.0.0.2", "127.0.0.1"},
+                         10, 50, 2000, "ok v4:2 v6:0 answered:16 lost:0",
+                         {"127.0.0.2 10/6+0 40% k0 t", Answered("127.0.0.1", 10)}, 0,
+                         "ip route del blackhole 127.0.0.2");
+  // A DNS query has nowhere to go in the namespace: the name fails without leaving the machine.
+  ExpectRoundInNamespace("unresolved", "", false, {"no-such-host.invalid", "127.0.0.1"}, 3, 20, 2000,
+                         "ok v4:2 v6:0 answered:3 lost:0", {StartsWith(unresolved), Answered("127.0.0.1", 3)});
+  ExpectRoundInNamespace("nothing probed", "", false, {"no-such-host.invalid"}, 3, 20, 2000,
+                         "failed v4:0 v6:0 answered:0 lost:0", {StartsWith(unresolved)});
 }
 
 // Raw sockets see every echo reply of the host: each round must keep to its own, and a hundred
