@@ -220,8 +220,7 @@ TEST(IcmpLoopback, OptionsShapeTheProbes) {
     std::vector<std::string> want = lines;
     for (size_t i = 0; lines.empty() && i < hosts.size(); ++i)
       want.push_back(Answered(hosts[i], 3));
-    std::mutex m;
-    std::vector<std::vector<std::optional<double>>> reported(hosts.size());
+    std::vector<std::vector<std::optional<double>>> reported(hosts.size()); // on this thread, the round's
     unsigned calls = 0, sent = 0;
     const ProbeOptions o{.count = 3,
                          .periodMs = 10,
@@ -230,7 +229,6 @@ TEST(IcmpLoopback, OptionsShapeTheProbes) {
                          .ttl = ttl,
                          .family = family,
                          .onProbe = [&](size_t host, unsigned probe, std::optional<double> rtt) {
-                           std::lock_guard<std::mutex> l(m);
                            reported[host].resize(std::max<size_t>(reported[host].size(), probe + 1));
                            reported[host][probe] = rtt;
                            ++calls;
@@ -298,6 +296,10 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
     std::unique_lock<std::mutex> l(m);
     EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(10), [&] { return n >= atLeast; }));
   };
+  auto locked = [&](auto read) {
+    std::lock_guard<std::mutex> l(m);
+    return read();
+  };
   auto onRound = [&](const std::vector<HostStatistics>& out) {
     EXPECT_FALSE(stopped) << "a round after stop()";
     std::lock_guard<std::mutex> l(m);
@@ -315,10 +317,8 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   retriever.stop();
   stopped = true;
   EXPECT_FALSE(retriever.isRunning());
-  std::unique_lock<std::mutex> l(m);
-  EXPECT_EQ(received, 4u * unsigned(std::exchange(rounds, 0)));
+  EXPECT_EQ(locked([&] { return received; }), 4u * unsigned(locked([&] { return std::exchange(rounds, 0); })));
   stopped = false;
-  l.unlock();
   ASSERT_TRUE(retriever.start(
       [&](const std::vector<HostStatistics>& out) {
         retriever.stop(); // before the round counts, so that the start() below finds it stopped
@@ -328,9 +328,7 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   waitFor(rounds, 1);
   ASSERT_TRUE(retriever.start([](const std::vector<HostStatistics>&) {}, 10));
   retriever.stop();
-  l.lock();
-  EXPECT_EQ(std::exchange(rounds, 0), 1);
-  l.unlock();
+  EXPECT_EQ(locked([&] { return std::exchange(rounds, 0); }), 1);
 
   bool cancel = false;
   HostStatisticsRetriever longRound(
@@ -355,13 +353,9 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   EXPECT_LT(out[0].sent, 40u);
 
   ASSERT_TRUE(longRound.start(onRound, 1000));
-  l.lock();
-  const int before = answers;
-  l.unlock();
-  waitFor(answers, before + 1);
+  waitFor(answers, locked([&] { return answers; }) + 1);
   t0 = NowMs();
   longRound.stop();
   EXPECT_LT(NowMs() - t0, 5000);
-  l.lock();
-  EXPECT_EQ(rounds, 0);
+  EXPECT_EQ(locked([&] { return rounds; }), 0);
 }
