@@ -43,7 +43,8 @@ testing::Matcher<const Outcome&> Is(int code, testing::Matcher<const std::string
   return AllOf(Field(&Outcome::code, code), Field(&Outcome::out, out), Field(&Outcome::err, err));
 }
 
-// `script` run by bash with $CLI the program and the variables of `env` ("NAME=value") set.
+// `script` run by bash with $CLI the program and the variables of `env` ("NAME=value") set;
+// without globbing, so that URLs keep their "?" and "[]" unquoted.
 Outcome Sh(const std::string& script, std::vector<std::string> env = {}, const std::string& input = "") {
   env.insert(env.begin(), {"env", "CLI=" HTTPTOOLS_CLI});
   env.insert(env.end(), {"bash", "-c", "set -f; " + script});
