@@ -2,8 +2,6 @@
 // network namespaces whose routes lose probes, fping's output layouts, and the JSON document.
 #include "support/Process.h"
 
-#include <rapidjson/document.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -128,28 +126,16 @@ TEST(PingCommand, LostProbesInLinesAndJson) {
             "10.9.9.9 : [0], timed out (NaN avg, 100% loss)\n10.9.9.9 : [1], timed out (NaN avg, 100% loss)\n"
             "\n10.9.9.9 : xmt/rcv/%loss = 2/0/100%\n");
 
+  // Times (keys ending in _ms or _s, and the probes' list) become "t".
   const Result r = Ping("--json -C 3 -s -p 10 -t 300 -b 100 127.0.0.1 127.0.0.2", "ip route add blackhole 127.0.0.2");
   EXPECT_EQ(r.code, 1) << r.err;
-  rapidjson::Document doc;
-  ASSERT_FALSE(doc.Parse(r.out.c_str()).HasParseError()) << r.out;
-  ASSERT_EQ(doc["hosts"].Size(), 2u) << r.out;
-  const auto &alive = doc["hosts"][0], &lost = doc["hosts"][1];
-  EXPECT_EQ(alive["received"].GetUint(), 3u);
-  ASSERT_EQ(alive["rtts_ms"].Size(), 3u);
-  for (const auto& v : alive["rtts_ms"].GetArray()) {
-    EXPECT_GE(v.GetDouble(), alive["min_ms"].GetDouble());
-    EXPECT_LE(v.GetDouble(), alive["max_ms"].GetDouble());
-  }
-  for (const char* key : {"stddev_ms", "p50_ms", "p90_ms", "p99_ms", "jitter_ms"})
-    EXPECT_TRUE(alive.HasMember(key)) << key;
-  EXPECT_EQ(alive["p99_ms"].GetDouble(), alive["max_ms"].GetDouble()) << "three probes: p99 is the largest";
-  EXPECT_EQ(lost["sent"].GetUint(), 3u);
-  EXPECT_EQ(lost["loss_percent"].GetDouble(), 100);
-  EXPECT_FALSE(lost.HasMember("min_ms"));
-  ASSERT_EQ(lost["rtts_ms"].Size(), 3u);
-  EXPECT_TRUE(lost["rtts_ms"][2].IsNull());
-  EXPECT_EQ(doc["stats"]["alive"].GetUint(), 1u);
-  EXPECT_EQ(doc["stats"]["timeouts"].GetUint(), 3u);
+  EXPECT_EQ(std::regex_replace(r.out, std::regex(R"(("\w+_m?s":|[\[,])[-\d.e]+)"), "$1t"),
+            R"({"hosts":[{"host":"127.0.0.1","address":"127.0.0.1","sent":3,"received":3,"duplicates":0,)"
+            R"("loss_percent":0.0,"min_ms":t,"avg_ms":t,"max_ms":t,"mdev_ms":t,"stddev_ms":t,"p50_ms":t,"p90_ms":t,)"
+            R"("p99_ms":t,"jitter_ms":t,"rtts_ms":[t,t,t]},{"host":"127.0.0.2","address":"127.0.0.2","sent":3,)"
+            R"("received":0,"duplicates":0,"loss_percent":100.0,"rtts_ms":[null,null,null]}],"stats":{"targets":2,)"
+            R"("alive":1,"unreachable":1,"unknown_addresses":0,"timeouts":3,"sent":6,"received":3,"min_ms":t,)"
+            R"("avg_ms":t,"max_ms":t,"elapsed_s":t}})");
 }
 
 TEST(PingCommand, ExitStatusesOfFailures) {
