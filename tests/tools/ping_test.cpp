@@ -23,7 +23,7 @@ struct Result {
 
 // `command` ($CLI is httptools) by bash, in a network namespace of its own after `setup` when
 // `setup` is set (lo is up first), on the machine's loopback otherwise.
-Result InNs(const std::string& command, const std::string& setup = "") {
+Result Shell(const std::string& command, const std::string& setup = "") {
   const std::string script =
       setup.empty() ? command : "unshare -n bash -c 'ip link set lo up && " + setup + " && " + command + "'";
   Result r;
@@ -32,7 +32,7 @@ Result InNs(const std::string& command, const std::string& setup = "") {
   EXPECT_THAT(r.err, testing::Not(HasSubstr("not found"))) << "fping (scripts/install-deps installs it)";
   return r;
 }
-Result Ping(const std::string& args, const std::string& setup = "") { return InNs("$CLI ping " + args, setup); }
+Result Ping(const std::string& args, const std::string& setup = "") { return Shell("$CLI ping " + args, setup); }
 
 // The summary lines of -c (host to "sent/received/loss") or -C (host to the times, each "-" or "t").
 std::map<std::string, std::string> Summary(const std::string& text) {
@@ -61,7 +61,7 @@ TEST(PingBesideFping, SameCountsAndExitStatus) {
     for (const char* mode : {"-c", "-C"}) {
       SCOPED_TRACE(hosts + " " + mode);
       const std::string args = std::string(mode) + " 3 -p 20 -t 300 -q " + hosts;
-      const Result fping = InNs("fping " + args, setup), ours = Ping(args, setup);
+      const Result fping = Shell("fping " + args, setup), ours = Ping(args, setup);
       EXPECT_EQ(Summary(fping.err).size(), summaries) << fping.err;
       EXPECT_EQ(Summary(ours.out), Summary(fping.err)) << ours.out;
       EXPECT_EQ(ours.code, fping.code) << ours.err;
@@ -88,7 +88,7 @@ TEST(PingBesideFping, RoundTripTimesWithinFpingsVariation) {
   const std::string args = "-c 5 -p 50 -q 127.0.0.1 ::1", fping = "fping " + args + " 2>&1";
   std::string report;
   for (int attempt = 0; attempt < 3; ++attempt) {
-    const Result f1 = InNs(fping), ours = Ping(args), f2 = InNs(fping);
+    const Result f1 = Shell(fping), ours = Ping(args), f2 = Shell(fping);
     const std::vector<double> a = figures(f1), o = figures(ours), b = figures(f2);
     bool close = a.size() == 6 && b.size() == 6 && o.size() == 6;
     for (size_t k = 0; close && k < 6; ++k)
@@ -109,7 +109,7 @@ TEST(PingBesideFping, SameLayouts) {
     SCOPED_TRACE(mode);
     // -i 10 as fping's default: the two hosts' replies come in the same order.
     const std::string args = std::string(mode) + " -p 10 -i 10 -t 2000 127.0.0.1 ::1";
-    const Result fping = InNs("fping " + args), ours = Ping(args);
+    const Result fping = Shell("fping " + args), ours = Ping(args);
     EXPECT_EQ(ours.code, 0) << ours.err;
     EXPECT_THAT(ours.err, IsEmpty());
     const std::string text = std::regex_replace(ours.out, time, "t");
@@ -135,7 +135,8 @@ TEST(PingCommand, LostProbesInLinesAndJson) {
             R"("p99_ms":t,"jitter_ms":t,"rtts_ms":[t,t,t]},{"host":"127.0.0.2","address":"127.0.0.2","sent":3,)"
             R"("received":0,"duplicates":0,"loss_percent":100.0,"rtts_ms":[null,null,null]}],"stats":{"targets":2,)"
             R"("alive":1,"unreachable":1,"unknown_addresses":0,"timeouts":3,"sent":6,"received":3,"min_ms":t,)"
-            R"("avg_ms":t,"max_ms":t,"elapsed_s":t}})");
+            R"("avg_ms":t,"max_ms":t,"elapsed_s":t}})"
+            "\n");
 }
 
 TEST(PingCommand, ExitStatusesOfFailures) {
@@ -153,7 +154,7 @@ TEST(PingCommand, ExitStatusesOfFailures) {
   };
   for (const auto& [args, code, err] : cases) {
     const Result r =
-        code == 4 ? InNs("setpriv --reuid 65534 --regid 65534 --clear-groups $CLI ping " + args, "true") : Ping(args);
+        code == 4 ? Shell("setpriv --reuid 65534 --regid 65534 --clear-groups $CLI ping " + args, "true") : Ping(args);
     EXPECT_EQ(r.code, code) << args << ": " << r.err;
     EXPECT_THAT(r.err, HasSubstr(err)) << args;
     EXPECT_THAT(r.out, IsEmpty()) << args;
