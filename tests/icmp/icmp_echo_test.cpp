@@ -57,26 +57,18 @@ std::vector<double> Figures(const HostStatistics& s) {
 
 } // namespace
 
-TEST(IcmpChecksum, Rfc1071Example) {
-  const unsigned char even[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7};
-  EXPECT_EQ(InternetChecksum(even, sizeof even), 0x220d);
-  const unsigned char odd[] = {0x01};
-  EXPECT_EQ(InternetChecksum(odd, 1), 0xfeff);
-}
-
+// The checksum (RFC 1071's example, and an odd length), then replies intact and damaged.
 TEST(IcmpEcho, ParserTakesIntactEchoRepliesOnly) {
+  const unsigned char even[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}, odd[] = {0x01};
+  EXPECT_EQ(InternetChecksum(even, sizeof even), 0x220d);
+  EXPECT_EQ(InternetChecksum(odd, 1), 0xfeff);
   const Bytes icmp4 = Echo(false, 0x1234, 42), icmp6 = Echo(true, 0x1234, 42);
   const Bytes framed = WithIpHeader(icmp4);
   Bytes padded = framed;
   padded.push_back(0xee); // bytes past the IP total length are not part of the message
   auto mutate = [](Bytes b, size_t at, unsigned char v) { return b[at] = v, b; };
   using L = ReplyLayout;
-  const struct {
-    const char* name;
-    Bytes bytes;
-    ReplyLayout layout;
-    bool ok;
-  } cases[] = {
+  const std::tuple<const char*, Bytes, ReplyLayout, bool> cases[] = {
       {"datagram", icmp4, L::IPv4Datagram, true},
       {"with header", framed, L::IPv4WithHeader, true},
       {"with header and options", WithIpHeader(icmp4, 2), L::IPv4WithHeader, true},
@@ -97,12 +89,12 @@ TEST(IcmpEcho, ParserTakesIntactEchoRepliesOnly) {
       {"protocol UDP", mutate(framed, 9, 17), L::IPv4WithHeader, false},
       {"datagram read as with header", icmp4, L::IPv4WithHeader, false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, bytes, layout, ok] : cases) {
+    SCOPED_TRACE(name);
     EchoReply r;
-    ASSERT_EQ(ParseEchoReply(c.bytes.data(), c.bytes.size(), c.layout, r), c.ok);
     ProbeTag tag;
-    if (c.ok) {
+    ASSERT_EQ(ParseEchoReply(bytes.data(), bytes.size(), layout, r), ok);
+    if (ok) {
       ASSERT_TRUE(ReadPayload(r.payload, r.payloadSize, tag));
       EXPECT_EQ(std::tuple(r.identifier, r.sequence, tag.token, tag.host, tag.probe),
                 std::tuple(0x1234, 42, kTag.token, kTag.host, kTag.probe));
@@ -129,44 +121,35 @@ TEST(IcmpEcho, PayloadTagOnlyFromAnUnchangedPayload) {
   }
 }
 
-TEST(IcmpStatistics, IntegerSqrtAsPingTakesIt) {
-  // Newton's iteration from above stops one step late when a + 1 is a square.
-  const long long cases[][2] = {{0, 0},  {1, 1},   {2, 1},    {3, 2},    {8, 3},     {24, 5}, {25, 5},
-                                {26, 5}, {99, 10}, {100, 10}, {101, 10}, {6666, 81}, {-4, -4}};
-  for (const auto& c : cases)
-    EXPECT_EQ(IntegerSqrt(c[0]), c[1]) << c[0];
-}
-
 TEST(IcmpStatistics, ComputedByHand) {
-  const struct {
-    const char* name;
-    std::vector<long long> rtt;
-    unsigned sent, received, duplicates;
-    double loss, min, avg, max, mdev;
-  } cases[] = {
+  // Newton's iteration from above stops one step late when a + 1 is a square.
+  const long long roots[][2] = {{0, 0},  {1, 1},   {2, 1},    {3, 2},    {8, 3},     {24, 5}, {25, 5},
+                                {26, 5}, {99, 10}, {100, 10}, {101, 10}, {6666, 81}, {-4, -4}};
+  for (const auto& c : roots)
+    EXPECT_EQ(IntegerSqrt(c[0]), c[1]) << c[0];
+  // Times in us, then sent, received and duplicates (given and expected back), loss, min, avg, max, mdev.
+  const std::tuple<const char*, std::vector<long long>, std::vector<double>> cases[] = {
       // sum 600, sum of squares 140000: variance (140000 - 360000 / 3) / 3 = 6666, sqrt 81
-      {"three of four", {100, 200, 300}, 4, 3, 0, 25, 0.1, 0.2, 0.3, 0.081},
+      {"three of four", {100, 200, 300}, {4, 3, 0, 25, 0.1, 0.2, 0.3, 0.081}},
       // avg 1001 / 2 = 500 in integers; variance (1000001 - 1002001 / 2) / 2 = 249500, sqrt 499
-      {"spread", {1, 1000}, 2, 2, 0, 0, 0.001, 0.5, 1.0, 0.499},
+      {"spread", {1, 1000}, {2, 2, 0, 0, 0.001, 0.5, 1.0, 0.499}},
       // variance (456 - 1296 / 3) / 3 = 8: ping reports 3, the square root of 9
-      {"sqrt quirk", {10, 10, 16}, 3, 3, 0, 0, 0.010, 0.012, 0.016, 0.003},
-      {"all lost", {}, 5, 0, 0, 100, 0, 0, 0, 0},
-      {"nothing sent", {}, 0, 0, 0, 0, 0, 0, 0, 0},
+      {"sqrt quirk", {10, 10, 16}, {3, 3, 0, 0, 0.010, 0.012, 0.016, 0.003}},
+      {"all lost", {}, {5, 0, 0, 100, 0, 0, 0, 0}},
+      {"nothing sent", {}, {0, 0, 0, 0, 0, 0, 0, 0}},
       // a duplicate's time counts in the times, not in the received count
-      {"duplicate", {100, 300, 200}, 3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081},
+      {"duplicate", {100, 300, 200}, {3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081}},
       // sums past INT_MAX take the other order: sum2 / n - avg^2 = 1625000001500000000 - 1250000000^2
-      {"large sums", {1000000000, 1500000001}, 2, 2, 0, 0, 1000000.0, 1250000.0, 1500000.001, 250000.002},
+      {"large sums", {1000000000, 1500000001}, {2, 2, 0, 0, 1000000.0, 1250000.0, 1500000.001, 250000.002}},
   };
-  for (const auto& c : cases) {
+  for (const auto& [name, rtt, want] : cases) {
     HostStatistics s;
-    ComputeStatistics(c.rtt, c.sent, c.received, c.duplicates, s);
-    EXPECT_THAT(Figures(s),
-                Near({double(c.sent), double(c.received), double(c.duplicates), c.loss, c.min, c.avg, c.max, c.mdev}))
-        << c.name;
+    ComputeStatistics(rtt, unsigned(want[0]), unsigned(want[1]), unsigned(want[2]), s);
+    EXPECT_THAT(Figures(s), Near(want)) << name;
   }
 }
 
-TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
+TEST(IcmpProbeBook, MatchesDuplicatesLateStrangersAndExpiry) {
   ProbeBook book(2, 3);
   const int64_t t0 = 1'000'000'000'000;
   for (unsigned k = 0; k < 3; ++k)
@@ -190,23 +173,20 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateAndStrangers) {
   EXPECT_THAT(Figures(s), Near({3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081}));
   // The probes in order, the duplicate left out: 0.1, 0.2, and the third lost.
   EXPECT_THAT(s.probeMs, ElementsAre(Optional(DoubleEq(0.1)), Optional(DoubleEq(0.2)), std::nullopt));
-}
 
-TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
-  ProbeBook book(1, 4);
-  book.markSent(0, 0, 1, 0, 100);
-  book.markSent(0, 1, 2, 0, 200);
-  book.markSent(0, 2, 3, 0, 300, true);
+  // Expiry: unanswered probes are lost once each; a refused one is sent but waits for nothing.
+  ProbeBook expiring(1, 4);
+  for (unsigned k = 0; k < 3; ++k)
+    expiring.markSent(0, k, static_cast<uint16_t>(k + 1), 0, 100 * (k + 1), k == 2);
   std::vector<unsigned> lost;
   auto onLost = [&lost](size_t host, unsigned probe) { lost.push_back(static_cast<unsigned>(host * 10 + probe)); };
-  book.expire(150, onLost);
-  EXPECT_EQ(book.nextDeadline(), 200) << "the first probe is given up, the second still waits";
-  book.expire(200, onLost);
+  expiring.expire(150, onLost);
+  EXPECT_EQ(expiring.nextDeadline(), 200) << "the first probe is given up, the second still waits";
+  expiring.expire(200, onLost);
   EXPECT_EQ(lost, (std::vector<unsigned>{0, 1})) << "each once; the refused one is not a time-out";
-  EXPECT_FALSE(book.hasPending()) << "a refused probe waits for nothing";
-  EXPECT_EQ(book.nextDeadline(), INT64_MAX);
-  HostStatistics s;
-  book.fill(0, s);
+  EXPECT_FALSE(expiring.hasPending()) << "a refused probe waits for nothing";
+  EXPECT_EQ(expiring.nextDeadline(), INT64_MAX);
+  expiring.fill(0, s = {});
   // The refused probe counts as sent; the unsent fourth has no place.
   EXPECT_THAT(Figures(s), Near({3, 0, 0, 100, 0, 0, 0, 0}));
   EXPECT_EQ(s.probeMs.size(), 3u);
@@ -215,29 +195,25 @@ TEST(IcmpProbeBook, ExpiryCountsUnansweredProbesLost) {
 TEST(IcmpStatistics, ProbeFiguresComputedByHand) {
   using Us = std::optional<long long>;
   const Us lost;
-  const struct {
-    const char* name;
-    std::vector<Us> probes;
-    double stddev, p50, p90, p99, jitter;
-  } cases[] = {
+  // Probe times in us, then stddev, p50, p90, p99 and jitter.
+  const std::tuple<const char*, std::vector<Us>, std::vector<double>> cases[] = {
       // mean 0.25, squares 0.0225 + 0.0025 + 0.0025 + 0.0225 over 4: sqrt(0.0125)
-      {"four", {100, 200, 300, 400}, 0.11180339887498948, 0.2, 0.4, 0.4, 0.1},
+      {"four", {100, 200, 300, 400}, {0.11180339887498948, 0.2, 0.4, 0.4, 0.1}},
       // jitter over the answered neighbours: |0.3 - 0.1| and |0.2 - 0.3|; ranks of 0.1 0.2 0.3
-      {"lost ones skipped", {lost, 100, lost, 300, 200}, 0.081649658092772609, 0.2, 0.3, 0.3, 0.15},
-      {"one reply", {lost, 500}, 0, 0.5, 0.5, 0.5, 0},
-      {"none", {lost, lost}, 0, 0, 0, 0, 0},
+      {"lost ones skipped", {lost, 100, lost, 300, 200}, {0.081649658092772609, 0.2, 0.3, 0.3, 0.15}},
+      {"one reply", {lost, 500}, {0, 0.5, 0.5, 0.5, 0}},
+      {"none", {lost, lost}, {0, 0, 0, 0, 0}},
       // ten times 1..10 ms: p50 the 5th, p90 the 9th, p99 the 10th
-      {"ten", {1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000}, 2.8722813232690143, 5, 9, 10, 1},
+      {"ten", {1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000}, {2.8722813232690143, 5, 9, 10, 1}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, probes, figures] : cases) {
+    SCOPED_TRACE(name);
     HostStatistics s;
-    ComputeProbeFigures(c.probes, s);
-    std::vector<std::optional<double>> want;
-    for (const Us& us : c.probes)
-      want.push_back(us ? std::optional(double(*us) / 1000) : std::nullopt);
-    EXPECT_EQ(s.probeMs, want);
-    EXPECT_THAT((std::vector{s.stddevMs, s.p50Ms, s.p90Ms, s.p99Ms, s.jitterMs}),
-                Near({c.stddev, c.p50, c.p90, c.p99, c.jitter}));
+    ComputeProbeFigures(probes, s);
+    std::vector<std::optional<double>> ms;
+    for (const Us& us : probes)
+      ms.push_back(us ? std::optional(double(*us) / 1000) : std::nullopt);
+    EXPECT_EQ(s.probeMs, ms);
+    EXPECT_THAT((std::vector{s.stddevMs, s.p50Ms, s.p90Ms, s.p99Ms, s.jitterMs}), Near(figures));
   }
 }

@@ -62,73 +62,51 @@ std::string Answered(const std::string& host, unsigned n) {
   return host + " " + std::to_string(n) + "/" + std::to_string(n) + "+0 0% k0 t";
 }
 
-struct NsRun {
-  const char* name;
-  std::string setup; // shell commands run as root in the namespace after lo is up
-  bool asNobody;
-  std::vector<std::string> hosts;
-  unsigned count, periodMs, timeoutMs;
-  std::string head; // "ok|failed v4:KIND v6:KIND answered:N lost:N" as the child reports it
-  std::vector<Matcher<std::string>> lines;
-  int64_t atLeastMs = 0;
-  std::string onProbe = {}; // shell commands run once host 1's probe 3 is reported
-};
-NsRun Ns(const char* name, std::string setup, bool nobody, std::vector<std::string> hosts, unsigned count,
-         unsigned periodMs, unsigned timeoutMs, std::string head, std::vector<Matcher<std::string>> lines,
-         int64_t atLeastMs = 0, std::string onProbe = {}) {
-  return {name, setup, nobody, hosts, count, periodMs, timeoutMs, head, lines, atLeastMs, onProbe};
-}
-
-ProbeOptions Opts(unsigned count, unsigned periodMs, unsigned timeoutMs = 3000) {
-  ProbeOptions o;
-  o.count = count;
-  o.periodMs = periodMs;
-  o.timeoutMs = timeoutMs;
-  return o;
-}
-
-// The round of `run` as a child with a network namespace of its own reports it: a head line, then
-// a Line() per host; or why it could not run.
-std::string RoundInNamespace(const NsRun& run) {
-  constexpr uid_t kNobody = 65534;
-  const std::string setup = "ip link set lo up" + (run.setup.empty() ? "" : " && " + run.setup);
-  std::string out;
-  if (::unshare(CLONE_NEWNET) != 0)
-    return std::string("cannot make a network namespace (root or CAP_SYS_ADMIN needed): ") + std::strerror(errno);
-  if (std::system(setup.c_str()) != 0)
-    return "namespace set-up failed: " + setup;
-  if (run.asNobody && (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-                       ::setresuid(kNobody, kNobody, kNobody) != 0))
-    return std::string("cannot become uid 65534: ") + std::strerror(errno);
-  unsigned answered = 0, lost = 0;
-  ProbeOptions o = Opts(run.count, run.periodMs, run.timeoutMs);
-  o.onProbe = [&](size_t host, unsigned probe, std::optional<double> rtt) {
-    ++(rtt ? answered : lost);
-    if (host == 1 && probe == 3 && !run.onProbe.empty() && std::system(run.onProbe.c_str()) != 0)
-      std::fputs("onProbe command failed\n", stderr);
-  };
-  HostStatisticsRetriever retriever(run.hosts, o);
-  std::vector<HostStatistics> stats;
-  const int64_t t0 = NowMs();
-  const bool ok = retriever.retrieve(stats, nullptr);
-  const int64_t ms = NowMs() - t0;
-  out = (ok ? "ok" : "failed") + std::string(" v4:") + std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv4)) +
-        " v6:" + std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv6)) +
-        " answered:" + std::to_string(answered) + " lost:" + std::to_string(lost) +
-        (ms >= run.atLeastMs && ms < run.atLeastMs + 5000 ? "" : " took " + std::to_string(ms) + " ms");
-  for (const HostStatistics& h : stats)
-    out += "\n" + Line(h);
-  return out;
-}
-
-std::vector<std::string> RunInNamespace(const NsRun& run) {
+// A round in a child with a network namespace of its own: `setup` (shell commands) runs as root
+// once lo is up, the round as uid 65534 when `nobody`, and `onProbe` (shell commands) once host 1's
+// probe 3 is reported. The child reports a head line, "ok|failed v4:KIND v6:KIND answered:N lost:N"
+// (and how long the round took when not `atLeastMs` to 5 s more), then a Line() per host; or why
+// it could not run.
+void ExpectRoundInNamespace(const char* name, const std::string& setup, bool nobody,
+                            const std::vector<std::string>& hosts, unsigned count, unsigned periodMs,
+                            unsigned timeoutMs, const std::string& head, std::vector<Matcher<std::string>> lines,
+                            int64_t atLeastMs = 0, const std::string& onProbe = "") {
+  SCOPED_TRACE(name);
   int fds[2];
-  if (::pipe(fds) != 0)
-    return {"pipe failed"};
+  ASSERT_EQ(::pipe(fds), 0);
   std::fflush(nullptr);
   const pid_t pid = ::fork();
   if (pid == 0) {
-    const std::string out = RoundInNamespace(run);
+    const std::string out = [&]() -> std::string {
+      constexpr uid_t kNobody = 65534;
+      if (::unshare(CLONE_NEWNET) != 0)
+        return std::string("cannot make a network namespace (root or CAP_SYS_ADMIN needed): ") + std::strerror(errno);
+      if (std::system(("ip link set lo up" + (setup.empty() ? "" : " && " + setup)).c_str()) != 0)
+        return "namespace set-up failed: " + setup;
+      if (nobody && (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
+                     ::setresuid(kNobody, kNobody, kNobody) != 0))
+        return std::string("cannot become uid 65534: ") + std::strerror(errno);
+      unsigned answered = 0, lost = 0;
+      auto reported = [&](size_t host, unsigned probe, std::optional<double> rtt) {
+        ++(rtt ? answered : lost);
+        if (host == 1 && probe == 3 && !onProbe.empty() && std::system(onProbe.c_str()) != 0)
+          std::fputs("onProbe command failed\n", stderr);
+      };
+      HostStatisticsRetriever retriever(
+          hosts, {.count = count, .periodMs = periodMs, .timeoutMs = timeoutMs, .onProbe = reported});
+      std::vector<HostStatistics> stats;
+      const int64_t t0 = NowMs();
+      const bool ok = retriever.retrieve(stats, nullptr);
+      const int64_t ms = NowMs() - t0;
+      std::string out = (ok ? "ok" : "failed") + std::string(" v4:") +
+                        std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv4)) +
+                        " v6:" + std::to_string(retriever.socketKind(qz::IpAddress::IPT_IPv6)) +
+                        " answered:" + std::to_string(answered) + " lost:" + std::to_string(lost) +
+                        (ms >= atLeastMs && ms < atLeastMs + 5000 ? "" : " took " + std::to_string(ms) + " ms");
+      for (const HostStatistics& h : stats)
+        out += "\n" + Line(h);
+      return out;
+    }();
     _exit(::write(fds[1], out.data(), out.size()) == ssize_t(out.size()) ? 0 : 1);
   }
   ::close(fds[1]);
@@ -139,11 +117,13 @@ std::vector<std::string> RunInNamespace(const NsRun& run) {
   ::close(fds[0]);
   if (pid > 0)
     ::waitpid(pid, nullptr, 0);
-  std::vector<std::string> lines;
+  std::vector<std::string> got;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
+    got.push_back(line);
+  ASSERT_FALSE(got.empty()) << "the child died";
+  EXPECT_EQ(got[0], head);
+  EXPECT_THAT(std::vector<std::string>(got.begin() + 1, got.end()), testing::ElementsAreArray(lines));
 }
 
 } // namespace
@@ -153,43 +133,37 @@ TEST(IcmpNamespace, SocketKindsLossAndErrors) {
   const std::string noSocket = " 0/0+0 0% k2 No ICMP socket could be opened: datagram sockets are refused to group "
                                "65534, outside net.ipv4.ping_group_range \"1 0\"; raw sockets need root or CAP_NET_RAW";
   const std::string unresolved = "no-such-host.invalid= 0/0+0 0% k1 Cannot resolve host name: ";
-  const std::vector<NsRun> runs = {
-      // A new namespace starts with ping_group_range "1 0": root gets raw sockets, others none.
-      Ns("root, raw", "", false, {"127.0.0.1", "::1", "127.0.0.5"}, 3, 20, 2000, "ok v4:2 v6:2 answered:9 lost:0",
-         {Answered("127.0.0.1", 3), Answered("::1", 3), Answered("127.0.0.5", 3)}),
-      Ns("root, datagram", widen, false, {"127.0.0.1", "::1"}, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
-         {Answered("127.0.0.1", 3), Answered("::1", 3)}),
-      Ns("nobody, datagram", widen, true, {"127.0.0.1", "::1"}, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
-         {Answered("127.0.0.1", 3), Answered("::1", 3)}),
-      Ns("nobody, none", "", true, {"127.0.0.1", "::1"}, 3, 20, 2000, "failed v4:0 v6:0 answered:0 lost:0",
-         {"127.0.0.1" + noSocket, "::1" + noSocket}),
-      // blackhole and unreachable routes refuse the send (not a time-out); 10.9.9.9 routed to lo
-      // leaves and is dropped. The last probe leaves at 100 ms and is given up 300 ms later.
-      Ns("lost",
-         "ip route add blackhole 127.0.0.2 && ip route add unreachable 127.0.0.3 && ip route add 10.9.9.9 dev lo && "
-         "ip -6 route add blackhole ::2 && ip -6 route add unreachable ::3",
-         false, {"127.0.0.2", "127.0.0.3", "::2", "::3", "10.9.9.9", "127.0.0.1"}, 3, 50, 300,
-         "ok v4:2 v6:2 answered:3 lost:3",
-         {"127.0.0.2 3/0+0 100% k0", "127.0.0.3 3/0+0 100% k0", "::2 3/0+0 100% k0", "::3 3/0+0 100% k0",
-          "10.9.9.9 3/0+0 100% k0", Answered("127.0.0.1", 3)},
-         395),
-      // The route comes back once the fourth probes are out: the last six get through.
-      Ns("route back mid-run", "ip route add blackhole 127.0.0.2", false, {"127.0.0.2", "127.0.0.1"}, 10, 50, 2000,
-         "ok v4:2 v6:0 answered:16 lost:0", {"127.0.0.2 10/6+0 40% k0 t", Answered("127.0.0.1", 10)}, 0,
-         "ip route del blackhole 127.0.0.2"),
-      // A DNS query has nowhere to go in the namespace: the name fails without leaving the machine.
-      Ns("unresolved", "", false, {"no-such-host.invalid", "127.0.0.1"}, 3, 20, 2000, "ok v4:2 v6:0 answered:3 lost:0",
-         {StartsWith(unresolved), Answered("127.0.0.1", 3)}),
-      Ns("nothing probed", "", false, {"no-such-host.invalid"}, 3, 20, 2000, "failed v4:0 v6:0 answered:0 lost:0",
-         {StartsWith(unresolved)}),
-  };
-  for (const NsRun& run : runs) {
-    SCOPED_TRACE(run.name);
-    const std::vector<std::string> got = RunInNamespace(run);
-    ASSERT_FALSE(got.empty()) << "the child died";
-    EXPECT_EQ(got[0], run.head);
-    EXPECT_THAT(std::vector<std::string>(got.begin() + 1, got.end()), testing::ElementsAreArray(run.lines));
-  }
+  const std::vector<std::string> both = {"127.0.0.1", "::1"};
+  // A new namespace starts with ping_group_range "1 0": root gets raw sockets, others none;
+  // datagram sockets come first once the range is widened.
+  ExpectRoundInNamespace("root, datagram", widen, false, both, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
+                         {Answered("127.0.0.1", 3), Answered("::1", 3)});
+  ExpectRoundInNamespace("nobody, datagram", widen, true, both, 3, 20, 2000, "ok v4:1 v6:1 answered:6 lost:0",
+                         {Answered("127.0.0.1", 3), Answered("::1", 3)});
+  ExpectRoundInNamespace("nobody, none", "", true, both, 3, 20, 2000, "failed v4:0 v6:0 answered:0 lost:0",
+                         {"127.0.0.1" + noSocket, "::1" + noSocket});
+  // Raw sockets for root. Blackhole and unreachable routes refuse the send (not a time-out);
+  // 10.9.9.9 routed to lo leaves and is dropped. The last probe leaves at 100 ms and is given
+  // up 300 ms later.
+  ExpectRoundInNamespace(
+      "root, raw, lost",
+      "ip route add blackhole 127.0.0.2 && ip route add unreachable 127.0.0.3 && ip route add 10.9.9.9 dev lo && "
+      "ip -6 route add blackhole ::2 && ip -6 route add unreachable ::3",
+      false, {"127.0.0.2", "127.0.0.3", "::2", "::3", "10.9.9.9", "127.0.0.1", "::1"}, 3, 50, 300,
+      "ok v4:2 v6:2 answered:6 lost:3",
+      {"127.0.0.2 3/0+0 100% k0", "127.0.0.3 3/0+0 100% k0", "::2 3/0+0 100% k0", "::3 3/0+0 100% k0",
+       "10.9.9.9 3/0+0 100% k0", Answered("127.0.0.1", 3), Answered("::1", 3)},
+      395);
+  // The route comes back once the fourth probes are out: the last six get through.
+  ExpectRoundInNamespace("route back mid-run", "ip route add blackhole 127.0.0.2", false, {"127.0.0.2", "127.0.0.1"},
+                         10, 50, 2000, "ok v4:2 v6:0 answered:16 lost:0",
+                         {"127.0.0.2 10/6+0 40% k0 t", Answered("127.0.0.1", 10)}, 0,
+                         "ip route del blackhole 127.0.0.2");
+  // A DNS query has nowhere to go in the namespace: the name fails without leaving the machine.
+  ExpectRoundInNamespace("unresolved", "", false, {"no-such-host.invalid", "127.0.0.1"}, 3, 20, 2000,
+                         "ok v4:2 v6:0 answered:3 lost:0", {StartsWith(unresolved), Answered("127.0.0.1", 3)});
+  ExpectRoundInNamespace("nothing probed", "", false, {"no-such-host.invalid"}, 3, 20, 2000,
+                         "failed v4:0 v6:0 answered:0 lost:0", {StartsWith(unresolved)});
 }
 
 // Raw sockets see every echo reply of the host: each round must keep to its own, and a hundred
@@ -224,47 +198,44 @@ TEST(IcmpLoopback, OptionsShapeTheProbes) {
   const std::string family = "= 0/0+0 0% k1 Cannot resolve host name: Address family for hostname not supported";
   const std::string tooLarge = "127.0.0.1= 0/0+0 0% k3 Payload size 65508 above the largest, 65507";
   const unsigned largest = ProbeOptions::kMaxPayloadSize;
-  const struct {
-    const char* name;
-    unsigned payload, ttl;
-    qz::IpAddress::Type family;
-    std::vector<std::string> hosts, lines; // no lines: every host answered
-  } cases[] = {
-      {"TTL 7", 77, 7, IPT_None, {"127.0.0.1"}, {}}, // first: the sniffer below keeps its requests
-      {"no payload", 0, 0, IPT_None, {"127.0.0.1", "::1"}, {}},
-      {"shorter than the tag", 8, 0, IPT_None, {"127.0.0.1", "::1", "127.0.0.1"}, {}},
-      {"large", 8000, 0, IPT_None, {"127.0.0.1", "::1"}, {}},
-      {"largest", largest, 0, IPT_None, {"127.0.0.1"}, {}},
-      {"TTL 1", 56, 1, IPT_None, {"127.0.0.1", "::1"}, {}},
-      {"IPv4 only", 56, 0, IPT_IPv4, {"localhost", "::1"}, {"localhost=127.0.0.1 3/3+0 0% k0 t", "::1" + family}},
-      {"IPv6 only", 56, 0, IPT_IPv6, {"127.0.0.1", "::1"}, {"127.0.0.1" + family, Answered("::1", 3)}},
-      {"payload too large", largest + 1, 0, IPT_None, {"127.0.0.1"}, {tooLarge}},
-      {"TTL 256", 56, 256, IPT_None, {"::1"}, {"::1= 0/0+0 0% k3 TTL 256 outside 1 to 255"}},
-  };
+  // Payload, TTL, family, hosts, and the lines when not every host answered.
+  const std::tuple<unsigned, unsigned, qz::IpAddress::Type, std::vector<std::string>, std::vector<std::string>>
+      cases[] = {
+          {77, 7, IPT_None, {"127.0.0.1"}, {}}, // first: the sniffer below keeps its requests
+          {0, 0, IPT_None, {"127.0.0.1", "::1"}, {}},
+          {8, 0, IPT_None, {"127.0.0.1", "::1", "127.0.0.1"}, {}}, // shorter than the tag
+          {8000, 0, IPT_None, {"127.0.0.1", "::1"}, {}},
+          {largest, 0, IPT_None, {"127.0.0.1"}, {}},
+          {56, 1, IPT_None, {"127.0.0.1", "::1"}, {}},
+          {56, 0, IPT_IPv4, {"localhost", "::1"}, {"localhost=127.0.0.1 3/3+0 0% k0 t", "::1" + family}},
+          {56, 0, IPT_IPv6, {"127.0.0.1", "::1"}, {"127.0.0.1" + family, Answered("::1", 3)}},
+          {largest + 1, 0, IPT_None, {"127.0.0.1"}, {tooLarge}},
+          {56, 256, IPT_None, {"::1"}, {"::1= 0/0+0 0% k3 TTL 256 outside 1 to 255"}},
+      };
   // Requests as they leave, on lo: payload 77 is of the TTL 7 case alone.
   const int sniffer = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
   ASSERT_GE(sniffer, 0) << "a raw ICMP socket needs root or CAP_NET_RAW: " << std::strerror(errno);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::vector<std::string> want = c.lines;
-    for (size_t i = 0; c.lines.empty() && i < c.hosts.size(); ++i)
-      want.push_back(Answered(c.hosts[i], 3));
-    std::mutex m;
-    std::vector<std::vector<std::optional<double>>> reported(c.hosts.size());
+  for (const auto& [payload, ttl, family, hosts, lines] : cases) {
+    SCOPED_TRACE(testing::Message() << "payload " << payload << ", TTL " << ttl << ", family " << family);
+    std::vector<std::string> want = lines;
+    for (size_t i = 0; lines.empty() && i < hosts.size(); ++i)
+      want.push_back(Answered(hosts[i], 3));
+    std::vector<std::vector<std::optional<double>>> reported(hosts.size()); // on this thread, the round's
     unsigned calls = 0, sent = 0;
-    ProbeOptions o = Opts(3, 10);
-    o.payloadSize = c.payload;
-    o.ttl = c.ttl;
-    o.family = c.family;
-    o.onProbe = [&](size_t host, unsigned probe, std::optional<double> rtt) {
-      std::lock_guard<std::mutex> l(m);
-      reported[host].resize(std::max<size_t>(reported[host].size(), probe + 1));
-      reported[host][probe] = rtt;
-      ++calls;
-    };
+    const ProbeOptions o{.count = 3,
+                         .periodMs = 10,
+                         .timeoutMs = 3000,
+                         .payloadSize = payload,
+                         .ttl = ttl,
+                         .family = family,
+                         .onProbe = [&](size_t host, unsigned probe, std::optional<double> rtt) {
+                           reported[host].resize(std::max<size_t>(reported[host].size(), probe + 1));
+                           reported[host][probe] = rtt;
+                           ++calls;
+                         }};
     std::vector<HostStatistics> out;
     const bool anyProbed = std::any_of(want.begin(), want.end(), [](auto& l) { return l.find(" k0") != l.npos; });
-    EXPECT_EQ(HostStatisticsRetriever(c.hosts, o).retrieve(out, nullptr), anyProbed);
+    EXPECT_EQ(HostStatisticsRetriever(hosts, o).retrieve(out, nullptr), anyProbed);
     EXPECT_EQ(Lines(out), want);
     for (size_t i = 0; i < out.size(); ++i) {
       EXPECT_EQ(reported[i], out[i].probeMs) << out[i].host;
@@ -285,32 +256,31 @@ TEST(IcmpLoopback, OptionsShapeTheProbes) {
 
 // The period spaces one host's probes, the interval any two sends; both show in the round's length.
 TEST(IcmpLoopback, PeriodAndIntervalPaceTheSends) {
-  const struct {
-    unsigned hosts, count, periodMs, intervalMs;
-    int64_t atLeastMs; // when the last probe leaves
-  } cases[] = {
+  // Hosts, count, period, interval, and when the last probe leaves.
+  const unsigned cases[][5] = {
       {2, 3, 150, 0, 300},   // two bursts a period apart after the first
       {3, 2, 0, 60, 300},    // six sends an interval apart
       {2, 2, 100, 100, 200}, // host 2 waits an interval; its second probe a period after its first
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.hosts << " hosts, -c " << c.count << " -p " << c.periodMs << " -i "
-                                    << c.intervalMs);
-    ProbeOptions o = Opts(c.count, c.periodMs);
-    o.intervalMs = c.intervalMs;
+  for (const auto& [hosts, count, periodMs, intervalMs, atLeastMs] : cases) {
+    SCOPED_TRACE(testing::Message() << hosts << " hosts, -c " << count << " -p " << periodMs << " -i " << intervalMs);
     std::vector<int64_t> answeredAt;
     const int64_t t0 = NowMs();
-    o.onProbe = [&](size_t, unsigned, std::optional<double> rtt) {
-      if (rtt)
-        answeredAt.push_back(NowMs() - t0);
-    };
-    HostStatisticsRetriever retriever(std::vector<std::string>(c.hosts, "127.0.0.1"), o);
+    const ProbeOptions o{.count = count,
+                         .periodMs = periodMs,
+                         .intervalMs = intervalMs,
+                         .timeoutMs = 3000,
+                         .onProbe = [&](size_t, unsigned, std::optional<double> rtt) {
+                           if (rtt)
+                             answeredAt.push_back(NowMs() - t0);
+                         }};
     std::vector<HostStatistics> out;
-    ASSERT_TRUE(retriever.retrieve(out, nullptr)) << out[0].error;
-    ASSERT_EQ(answeredAt.size(), c.hosts * c.count);
-    EXPECT_GE(answeredAt.back(), c.atLeastMs);
-    EXPECT_LT(answeredAt.back(), c.atLeastMs + 3000);
-    EXPECT_EQ(Lines(out), std::vector<std::string>(c.hosts, Answered("127.0.0.1", c.count)));
+    ASSERT_TRUE(HostStatisticsRetriever(std::vector<std::string>(hosts, "127.0.0.1"), o).retrieve(out, nullptr))
+        << out[0].error;
+    ASSERT_EQ(answeredAt.size(), hosts * count);
+    EXPECT_GE(answeredAt.back(), atLeastMs);
+    EXPECT_LT(answeredAt.back(), atLeastMs + 3000);
+    EXPECT_EQ(Lines(out), std::vector<std::string>(hosts, Answered("127.0.0.1", count)));
   }
 }
 
@@ -325,6 +295,10 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   auto waitFor = [&](const int& n, int atLeast) {
     std::unique_lock<std::mutex> l(m);
     EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(10), [&] { return n >= atLeast; }));
+  };
+  auto locked = [&](auto read) {
+    std::lock_guard<std::mutex> l(m);
+    return read();
   };
   auto onRound = [&](const std::vector<HostStatistics>& out) {
     EXPECT_FALSE(stopped) << "a round after stop()";
@@ -343,11 +317,7 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   retriever.stop();
   stopped = true;
   EXPECT_FALSE(retriever.isRunning());
-  {
-    std::lock_guard<std::mutex> l(m);
-    EXPECT_EQ(received, 4u * unsigned(rounds));
-    rounds = 0;
-  }
+  EXPECT_EQ(locked([&] { return received; }), 4u * unsigned(locked([&] { return std::exchange(rounds, 0); })));
   stopped = false;
   ASSERT_TRUE(retriever.start(
       [&](const std::vector<HostStatistics>& out) {
@@ -358,22 +328,20 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   waitFor(rounds, 1);
   ASSERT_TRUE(retriever.start([](const std::vector<HostStatistics>&) {}, 10));
   retriever.stop();
-  std::unique_lock<std::mutex> l(m);
-  EXPECT_EQ(std::exchange(rounds, 0), 1);
-  l.unlock();
+  EXPECT_EQ(locked([&] { return std::exchange(rounds, 0); }), 1);
 
   bool cancel = false;
-  ProbeOptions o = Opts(1000, 100, 1000);
-  o.onProbe = [&](size_t, unsigned, std::optional<double>) {
-    std::lock_guard<std::mutex> l(m);
-    ++answers;
-    cv.notify_all();
-  };
-  HostStatisticsRetriever longRound({"127.0.0.1"}, o);
+  HostStatisticsRetriever longRound(
+      {"127.0.0.1"},
+      {.count = 1000, .periodMs = 100, .timeoutMs = 1000, .onProbe = [&](size_t, unsigned, std::optional<double>) {
+         std::lock_guard<std::mutex> l(m);
+         ++answers;
+         cv.notify_all();
+       }});
   std::vector<HostStatistics> out;
   std::thread canceller([&] {
     waitFor(answers, 1);
-    __atomic_store_n(&cancel, true, __ATOMIC_RELAXED);
+    std::atomic_ref<bool>(cancel).store(true);
   });
   int64_t t0 = NowMs();
   EXPECT_FALSE(longRound.retrieve(out, &cancel));
@@ -385,13 +353,9 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   EXPECT_LT(out[0].sent, 40u);
 
   ASSERT_TRUE(longRound.start(onRound, 1000));
-  l.lock();
-  const int before = answers;
-  l.unlock();
-  waitFor(answers, before + 1);
+  waitFor(answers, locked([&] { return answers; }) + 1);
   t0 = NowMs();
   longRound.stop();
   EXPECT_LT(NowMs() - t0, 5000);
-  l.lock();
-  EXPECT_EQ(rounds, 0);
+  EXPECT_EQ(locked([&] { return rounds; }), 0);
 }

@@ -8,80 +8,58 @@
 set -uo pipefail
 cli=$1
 page=$2
-
-# The page as text: "\-" as "-", font changes dropped, one line per source line; sections are
-# cut at .SS and .SH lines.
+# The page as text: "\-" as "-", font changes dropped, one line per source line.
 text=$(sed -e 's/\\-/-/g' -e 's/\\f[BIRP]//g' -e 's/\\(aq/'"'"'/g' "$page")
+# The subsection headings, one command name a line (headings: "get, head, put").
+headings=$(sed -n 's/^\.SS *//p' "$page" | tr -d '"' | sed 's/ *, */\n/g; s/^ *//; s/ *$//')
+unused=$headings
 missing=()
+errors=$(mktemp)
+trap 'rm -f "$errors"' EXIT
 
 # The options of a --help text: first token of the lines that start with a dash after two blanks
 # (four in an option group).
 options_of() { awk '/^  -|^    -/ { n = split($1, names, ","); for (i = 1; i <= n; i++) print names[i] }' <<<"$1"; }
-# The subcommands of a --help text.
-subcommands_of() { awk '/^Subcommands:/ { on = 1; next } /^[^ ]/ { on = 0 } on && /^  [a-z]/ { print $1 }' <<<"$1"; }
-# The text of the subsection whose heading lists the command (headings: "get, head, put").
+# The text of the subsection whose heading lists the command, up to the next .SS or .SH.
 section_of() {
-  awk -v cmd="$1" '
-    /^\.S[SH]/ { on = 0 }
-    /^\.SS/ {
-      h = $0; sub(/^\.SS +/, "", h); gsub(/"/, "", h)
-      n = split(h, names, / *, */)
-      for (i = 1; i <= n; i++) if (names[i] == cmd) { on = 1; found = 1; next }
-    }
-    on { print }
-    END { if (!found) exit 1 }' <<<"$text"
+  awk -v cmd="$1" '/^\.S[SH]/ { on = 0 } /^\.SS/ { h = $0; sub(/^\.SS +/, "", h); gsub(/"/, "", h)
+    n = split(h, names, / *, */); for (i = 1; i <= n; i++) if (names[i] == cmd) { on = 1; next } } on' <<<"$text"
 }
 # Whether `name` occurs in `body` as a whole option name (not inside a longer one).
 has_option() { grep -qE -- "(^|[^-A-Za-z0-9])$(sed 's/[.]/\\./g' <<<"$1")([^-A-Za-z0-9]|$)" <<<"$2"; }
 
-commands=()
-errors=$(mktemp)
-trap 'rm -f "$errors"' EXIT
+count=0
 walk() {
-  local help subs
+  local help subs body o
   help=$("$cli" "$@" --help 2>"$errors")
-  local rc=$?
-  if [ $rc != 0 ] || [ -s "$errors" ] || ! grep -q "^Usage: httptools${*:+ $*}\( \|$\)" <<<"$help"; then
-    echo "'httptools $* --help' exited $rc:"
-    cat "$errors"
-    echo "$help"
+  if [ $? != 0 ] || [ -s "$errors" ] || ! grep -q "^Usage: httptools${*:+ $*}\( \|$\)" <<<"$help"; then
+    printf "'httptools %s --help' failed:\n%s\n%s\n" "$*" "$(cat "$errors")" "$help"
     exit 1
   fi
-  subs=$(subcommands_of "$help")
-  if [ -z "$subs" ]; then
-    commands+=("$*")
-    local body
-    if ! body=$(section_of "$*"); then
-      missing+=("command '$*' (no .SS subsection names it)")
-      return
-    fi
-    for o in $(options_of "$help"); do
-      [ "$o" = -h ] || [ "$o" = --help ] || has_option "$o" "$body" || missing+=("$o of '$*'")
-    done
+  subs=$(awk '/^Subcommands:/ { on = 1; next } /^[^ ]/ { on = 0 } on && /^  [a-z]/ { print $1 }' <<<"$help")
+  if [ -n "$subs" ]; then
+    # The program's own options may be documented anywhere.
+    [ $# != 0 ] || for o in $(options_of "$help"); do has_option "$o" "$text" || missing+=("program option $o"); done
+    for s in $subs; do walk "$@" "$s"; done
     return
   fi
-  if [ $# = 0 ]; then
-    for o in $(options_of "$help"); do
-      has_option "$o" "$text" || missing+=("program option $o")
-    done
+  count=$((count + 1))
+  if ! grep -qxF -- "$*" <<<"$headings"; then
+    missing+=("command '$*' (no .SS subsection names it)")
+    return
   fi
-  for s in $subs; do walk "$@" "$s"; done
+  unused=$(grep -vxF -- "$*" <<<"$unused")
+  body=$(section_of "$*")
+  for o in $(options_of "$help"); do
+    [ "$o" = -h ] || [ "$o" = --help ] || has_option "$o" "$body" || missing+=("$o of '$*'")
+  done
 }
 walk
-
-# Subsections for commands that do not exist.
-while IFS= read -r heading; do
-  IFS=',' read -ra names <<<"$heading"
-  for n in "${names[@]}"; do
-    n=$(sed 's/^ *//; s/ *$//' <<<"$n")
-    # A here-string, not a pipe: grep -q leaving early would fail printf under pipefail.
-    grep -qxF -- "$n" <<<"$(printf '%s\n' "${commands[@]}")" || missing+=("subsection '$n' names no command")
-  done
-done < <(sed -n 's/^\.SS *//p' "$page" | tr -d '"')
+while IFS= read -r n; do [ -z "$n" ] || missing+=("subsection '$n' names no command"); done <<<"$unused"
 
 if [ ${#missing[@]} -gt 0 ]; then
   echo "$(basename "$page") is out of step with the program:"
   printf '  %s\n' "${missing[@]}"
   exit 1
 fi
-echo "$(basename "$page"): ${#commands[@]} commands, every option documented"
+echo "$(basename "$page"): $count commands, every option documented"
