@@ -259,8 +259,8 @@ bool HttpConnection::getHttpData(const qz::Url& url, const std::string& expected
   d->lastDebugInformations.clear();
   d->lastErrorKind = ErrorKind::None;
 
-  if (std::string refusal = SchemeRefusal(url.scheme); !refusal.empty()) {
-    d->fail(ErrorKind::BadRequest, refusal);
+  if (!isHttpScheme(url.scheme)) {
+    d->fail(ErrorKind::BadRequest, SchemeRefusal(url.scheme));
     return false;
   }
   if (!prepareHandle(url, setup, shape)) {
@@ -311,33 +311,43 @@ bool HttpConnection::getHttpDataImpl(const std::string& encodedUrl, const std::s
   if (setupResult != 0)
     return failWithReset("User callback return and error", ErrorKind::BadRequest);
 
-  for (const std::list<std::string>* lines : {&d->commonHeaders, &extraHeaders})
-    for (const std::string& line : *lines)
-      if (line.find('\r') != std::string::npos || line.find('\n') != std::string::npos) {
-        // Nothing was sent; the callback's options are set again by the next call.
-        d->forgetHandleState();
-        d->fail(ErrorKind::BadRequest,
-                "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(line));
-        return false;
-      }
+  // The lines in the order they go out: the connection's, the transfer request's, the callback's.
+  static const std::vector<std::string> kNoLines;
+  const std::vector<std::string>& requestLines = d->hooks.headerLines ? *d->hooks.headerLines : kNoLines;
+  auto eachLine = [&](auto&& f) {
+    for (const std::string& line : d->commonHeaders)
+      f(line);
+    for (const std::string& line : requestLines)
+      f(line);
+    for (const std::string& line : extraHeaders)
+      f(line);
+  };
+  const std::string* broken = nullptr;
+  eachLine([&](const std::string& line) {
+    if (!broken && (line.find('\r') != std::string::npos || line.find('\n') != std::string::npos))
+      broken = &line;
+  });
+  if (broken) {
+    // Nothing was sent; the callback's options are set again by the next call.
+    d->forgetHandleState();
+    d->fail(ErrorKind::BadRequest,
+            "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*broken));
+    return false;
+  }
 
   // The header list is rebuilt only when its lines change.
-  const size_t lineCount = d->commonHeaders.size() + extraHeaders.size() + 1;
+  const size_t lineCount = d->commonHeaders.size() + requestLines.size() + extraHeaders.size() + 1;
   std::vector<std::string>& known = d->state.headerLines;
   bool sameLines = d->state.headersValid && known.size() == lineCount;
   if (sameLines) {
     auto k = known.begin();
-    for (const std::string& line : d->commonHeaders)
-      sameLines = sameLines && *k++ == line;
-    for (const std::string& line : extraHeaders)
-      sameLines = sameLines && *k++ == line;
+    eachLine([&](const std::string& line) { sameLines = sameLines && *k++ == line; });
     sameLines = sameLines && *k == kKeepAliveLine;
   }
   if (!sameLines) {
     d->state.headersValid = false;
     known.clear();
-    known.insert(known.end(), d->commonHeaders.begin(), d->commonHeaders.end());
-    known.insert(known.end(), extraHeaders.begin(), extraHeaders.end());
+    eachLine([&](const std::string& line) { known.push_back(line); });
     known.emplace_back(kKeepAliveLine);
     curl_slist* list = nullptr;
     for (const std::string& line : known)

@@ -7,6 +7,7 @@
 #include <HttpTools/http/BodyReader_p.h>
 #include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
+#include <HttpTools/http/Transfer.h>
 #include <HttpTools/platform/Export.h>
 
 #include <curl/curl.h>
@@ -138,6 +139,10 @@ public:
     std::vector<std::string> headerLines;
     bool headersValid = false;
     std::string url;
+    // The transfer engine's options that only a reset undoes (callbacks, progress off) are set,
+    // and the time-out it set last.
+    bool transferOptions = false;
+    long transferTimeoutMs = 0;
   };
   HandleState state;
   ResolvedParameters resolving; // scratch, kept for its buffers
@@ -147,6 +152,7 @@ public:
     state.valid = false;
     state.headersValid = false;
     state.url.clear();
+    state.transferOptions = false;
   }
 
   char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -168,8 +174,12 @@ public:
     bool (*stopNow)(void* data) = nullptr; // looked at every CancelToken::PollMs at most
     void (*afterPerform)(CURL* handle, void* data) = nullptr;
     void* data = nullptr;
+    const std::vector<std::string>* headerLines = nullptr; // sent before the set-up callback's lines
   };
   TransferHooks hooks;
+  // The helpers' request, reused so that its buffers stay allocated between calls.
+  RequestSpec helperRequest;
+  bool helperRequestBusy = false;
   std::unique_ptr<InterruptibleTransfer> tokenTransfer; // made on the first call with a token
 
   void fail(ErrorKind kind, std::string message) {

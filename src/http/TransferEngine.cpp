@@ -34,6 +34,7 @@ struct Context {
   enum class Stop { None, Cancelled, Sink, Limit, Exception, Idle } stop = Stop::None;
   std::string stopText;
   ErrorKind stopKind = ErrorKind::None;
+  HttpConnection::HttpConnectionPrivate* conn = nullptr;
 
   bool cancelled() const { return token && token->isCancelled(); }
   void arrived() {
@@ -181,21 +182,27 @@ int install(void* curl, void* userData, std::list<std::string>& headers) {
   CURL* h = static_cast<CURL*>(curl);
   auto* c = static_cast<Context*>(userData);
   const RequestSpec& r = c->request;
-  headers.insert(headers.end(), r.headers.begin(), r.headers.end());
-  if (!r.contentType.empty())
+  if (!r.contentType.empty()) // r.headers go out through the connection's hooks, not copied here
     headers.push_back("Content-Type: " + r.contentType);
   const bool sendsBody = r.hasBody() || r.method == Method::Post || r.method == Method::Put;
   if (sendsBody)
     headers.emplace_back("Expect:"); // the body goes at once, not after a wait for 100 Continue
 
+  // The same shape on a handle not reset since: the callbacks and the progress switch are still set.
+  auto& state = c->conn->state;
+  const bool fresh = !state.transferOptions;
+  const long timeoutMs = r.timeoutMs > 0 || r.streaming ? r.timeoutMs : c->defaultTimeoutMs;
   int rc = 0;
-  rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &onBody);
-  if (c->details || c->headers) {
-    rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &onHeader);
-    rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
+  if (fresh) {
+    rc |= curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &onBody);
+    rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L); // cancellation: data callbacks and the token's wake-up
+    if (c->details || c->headers)
+      rc |= curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, &onHeader);
   }
-  rc |= curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L); // cancellation: data callbacks and the token's wake-up
-  rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, r.timeoutMs > 0 || r.streaming ? r.timeoutMs : c->defaultTimeoutMs);
+  if (c->details || c->headers)
+    rc |= curl_easy_setopt(h, CURLOPT_HEADERDATA, c);
+  if (fresh || state.transferTimeoutMs != timeoutMs)
+    rc |= curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, timeoutMs);
   if (r.streaming) { // the shape tells, so the connection's values return with the next other request
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 0L);
     rc |= curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, 0L);
@@ -222,13 +229,15 @@ int install(void* curl, void* userData, std::list<std::string>& headers) {
   }
   if (!r.customMethod.empty())
     rc |= curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, r.customMethod.c_str());
+  state.transferOptions = rc == 0;
+  state.transferTimeoutMs = timeoutMs;
   return rc;
 }
 
 // Runs right after the transfer, while the handle still exists.
 void collect(CURL* h, void* userData) {
   TransferOutcome& out = static_cast<Context*>(userData)->out;
-  curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &out.status);
+  out.status = static_cast<Context*>(userData)->conn->lastHttpReturnCode; // read by the connection just before
   if (!static_cast<Context*>(userData)->details)
     return;
   char* text = nullptr;
@@ -266,11 +275,12 @@ bool Perform(HttpConnection& connection, const qz::Url& url, const RequestSpec& 
 
   // The resolution fallback of getHttpData lasts for the designed calls only.
   const HostNameResolutionPolicy keptPolicy = d.parameters.hostNameResolutionPolicy;
+  c.conn = &d;
   c.details = parts & Details;
   c.headers = parts & HeaderLines;
   if (request.idleTimeoutMs > 0)
     c.lastDataMs = qzSystemUtils::GetTimeBaseMs();
-  d.hooks = {cancel, request.idleTimeoutMs > 0 ? &idleTooLong : nullptr, &collect, &c};
+  d.hooks = {cancel, request.idleTimeoutMs > 0 ? &idleTooLong : nullptr, &collect, &c, &request.headers};
   bool ok = false;
   try {
     ok = connection.getHttpData(url, std::string(), wanted.size() == 1 ? wanted.front() : 0, &install, &c,
