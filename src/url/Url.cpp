@@ -11,6 +11,7 @@
 #include <openssl/crypto.h>
 #include <uriparser/Uri.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -20,10 +21,27 @@ namespace qz {
 
 namespace url_impl {
 
+namespace {
+
+// Inlined: this runs on every request of a kept connection, where the fields are mostly equal
+// and short or empty.
+inline bool same(const std::string& x, const std::string& y) {
+  return x.size() == y.size() && (x.empty() || std::memcmp(x.data(), y.data(), x.size()) == 0);
+}
+
+} // namespace
+
 bool IsSameUrlValue(const Url& a, const Url& b) {
-  if (a.port != b.port || a.ipAddress.getType() != b.ipAddress.getType() || a.host != b.host || a.scheme != b.scheme ||
-      a.pathSegments != b.pathSegments || a.queryParameters != b.queryParameters || a.user != b.user ||
-      a.password != b.password || a.authDbName != b.authDbName)
+  auto sameQuery = [](const Url::QueryParameters& x, const Url::QueryParameters& y) {
+    return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(), [](const auto& p, const auto& q) {
+             return same(p.first, q.first) && same(p.second, q.second);
+           });
+  };
+  if (a.port != b.port || a.ipAddress.getType() != b.ipAddress.getType() || !same(a.host, b.host) ||
+      !same(a.scheme, b.scheme) || a.pathSegments.size() != b.pathSegments.size() ||
+      !std::equal(a.pathSegments.begin(), a.pathSegments.end(), b.pathSegments.begin(), same) ||
+      !sameQuery(a.queryParameters, b.queryParameters) || !same(a.user, b.user) || !same(a.password, b.password) ||
+      !same(a.authDbName, b.authDbName))
     return false;
   const sockaddr* x = a.ipAddress.getSockaddr();
   const sockaddr* y = b.ipAddress.getSockaddr();
