@@ -248,7 +248,7 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
   for (std::string& line : job->request.headers)
     wipe(line);
   job->request.headers.clear();
-  job->request.url = qz::Url();
+  job->request.url.clearUrl(qz::Url::ClearAll); // secrets wiped in place, no temporary to wipe too
   wipe(job->encodedUrl);
   wipe(job->request.body);
   wipe(job->response.body);

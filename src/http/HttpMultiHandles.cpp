@@ -13,10 +13,13 @@ namespace qz::http {
 
 namespace {
 
+// The C locale's white space, without a locale lookup per byte: this runs for every header line.
+inline bool blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
 void assignTrimmed(std::string& out, const char* begin, const char* end) {
-  while (begin < end && std::isspace(static_cast<unsigned char>(*begin)))
+  while (begin < end && blank(*begin))
     ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(end[-1])))
+  while (end > begin && blank(end[-1]))
     --end;
   out.assign(begin, end);
 }
@@ -255,8 +258,9 @@ void HttpMultiConnection::ParseHttpHeader(const char* line, unsigned long length
   if (!colon)
     return;
   assignTrimmed(name, line, colon);
-  for (char& c : name)
-    c = char(std::tolower(static_cast<unsigned char>(c)));
+  for (char& c : name) // ASCII only, as header names are
+    if (c >= 'A' && c <= 'Z')
+      c = char(c - 'A' + 'a');
   assignTrimmed(value, colon + 1, line + length);
 }
 

@@ -54,7 +54,14 @@ bool IsSameUrlValue(const Url& a, const Url& b) {
 using qzOpenSSL::WipeString;
 using url_impl::AppendDecoded;
 
-Url::Url(ClearStrategy strategy) { clearUrl(strategy); }
+// What clearUrl(strategy) leaves, without wiping fields that never held anything.
+Url::Url(ClearStrategy strategy) {
+  if (strategy == ClearToLocalHttp || strategy == ClearToLocalHttps) {
+    scheme = strategy == ClearToLocalHttp ? "http" : "https";
+    host = "127.0.0.1";
+    port = strategy == ClearToLocalHttp ? 80 : 443;
+  }
+}
 
 Url::Url(const std::string& text) { fromEncodedUtf8String(text, nullptr, false); }
 
