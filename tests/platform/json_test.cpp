@@ -113,6 +113,7 @@ TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   JsonStreamer s(dev);
   s.begin();
   s.arrayBegin("k");
+  s.arrayEnd();
   EXPECT_FALSE(s.end() || s.good());
 }
 
