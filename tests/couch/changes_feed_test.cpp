@@ -361,12 +361,13 @@ TEST_F(CouchOnTestServer, SelectorFeedWithSeqIntervalDeliversBatchesCheckpointed
     EXPECT_EQ(feed.pending(), -1);
     std::string batches, error;
     int count = 0;
+    const int refuse = refuseAt; // a lambda cannot capture a structured binding before clang 16
     EXPECT_TRUE(feed.runBatches(
         [&](std::vector<Change>& batch, const std::string& checkpoint) {
           for (const Change& c : batch)
             batches += (&c == &batch[0] ? "" : " ") + c.id + c.seq;
           batches += "@" + checkpoint + "|";
-          return ++count != refuseAt;
+          return ++count != refuse;
         },
         &error))
         << error;

@@ -420,7 +420,7 @@ TEST_F(CouchQueryOnPouchDb, FindPagesBySkipWithFieldsAndSort) {
         *s_pool, server(), db, q,
         [&](qzVariant& doc) {
           const qzVariantMapImpl& d = doc.toMap();
-          EXPECT_EQ(d.size(), fields.size());
+          EXPECT_EQ(d.size(), q.fields.size());
           return ns += d.at("n").toString() + (d.count("_id") ? d.at("_id").toString() : "") + " ", true;
         },
         &stats, &error, nullptr))
