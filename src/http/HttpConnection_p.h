@@ -7,7 +7,6 @@
 #include <HttpTools/http/BodyReader_p.h>
 #include <HttpTools/http/CancelToken.h>
 #include <HttpTools/http/HttpConnection.h>
-#include <HttpTools/http/Transfer.h>
 #include <HttpTools/platform/Export.h>
 
 #include <curl/curl.h>
@@ -177,9 +176,6 @@ public:
     const std::vector<std::string>* headerLines = nullptr; // sent before the set-up callback's lines
   };
   TransferHooks hooks;
-  // The helpers' request, reused so that its buffers stay allocated between calls.
-  RequestSpec helperRequest;
-  bool helperRequestBusy = false;
   std::unique_ptr<InterruptibleTransfer> tokenTransfer; // made on the first call with a token
 
   void fail(ErrorKind kind, std::string message) {

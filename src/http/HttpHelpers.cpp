@@ -1,6 +1,5 @@
 #include <HttpTools/http/HttpHelpers.h>
 
-#include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/http/Transfer_p.h>
 #include <HttpTools/platform/qzJson.h>
@@ -80,24 +79,16 @@ int refuseMethod(void*, void*, std::list<std::string>&) { return 2; }
 
 bool fillRequest(const RequestContext& ctx, const std::list<std::string>* headers, RequestSpec& req) {
   bool callerContentType = false;
-  size_t n = 0; // lines are assigned over the kept ones: their buffers are reused
-  auto put = [&](const auto& line) {
-    if (n < req.headers.size())
-      req.headers[n] = line;
-    else
-      req.headers.emplace_back(line);
-    ++n;
-  };
-  if (headers)
-    for (const std::string& line : *headers) {
-      put(line);
+  req.headers.reserve((headers ? headers->size() : 0) + 1);
+  if (headers) {
+    req.headers.assign(headers->begin(), headers->end());
+    for (const std::string& line : *headers)
       callerContentType = callerContentType || qzStringUtils::Contains(line, "Content-Type:");
-    }
+  }
   if (ctx.jsonBody)
-    put(kJsonContentType);
+    req.headers.emplace_back(kJsonContentType);
   else if (!callerContentType)
-    put(kOctetContentType);
-  req.headers.resize(n);
+    req.headers.emplace_back(kOctetContentType);
   const std::string_view body(ctx.body ? ctx.body : "", ctx.body ? ctx.bodySize : 0);
   switch (ctx.method) {
   case MethodGet:
@@ -171,27 +162,7 @@ bool GenericCall(HttpConnection& conn, const qz::Url& url, HttpResult& result, c
                  const bool* cancel) {
   const auto* ctx = static_cast<const RequestContext*>(requestContext);
   result.clearResultAttributes();
-  // The connection's kept request, unless a call on it is already under way.
-  HttpConnection::HttpConnectionPrivate& d = HttpConnectionAccess::Of(conn);
-  RequestSpec own;
-  RequestSpec& req = d.helperRequestBusy ? own : d.helperRequest;
-  const bool borrowed = &req == &d.helperRequest;
-  struct Release {
-    bool* busy;
-    ~Release() {
-      if (busy)
-        *busy = false;
-    }
-  } release{borrowed ? &d.helperRequestBusy : nullptr};
-  if (borrowed) {
-    d.helperRequestBusy = true;
-    std::vector<std::string> lines = std::move(req.headers);
-    std::vector<long> statuses = std::move(req.successStatuses);
-    req = RequestSpec();
-    req.headers = std::move(lines);
-    req.successStatuses = std::move(statuses);
-    req.successStatuses.clear();
-  }
+  RequestSpec req;
   const bool known = fillRequest(*ctx, headers, req);
   if (expectedHttpCode > 0)
     req.successStatuses.push_back(expectedHttpCode);
