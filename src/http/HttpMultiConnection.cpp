@@ -242,23 +242,28 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
       qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw";
     }
   }
-  // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
-  // requests would otherwise grow and shrink the heap each time.
-  job->request.onFinished = nullptr;
+  // What no destructor wipes: header lines, bodies, header values, the rendered URL, messages.
   for (std::string& line : job->request.headers)
     wipe(line);
-  job->request.headers.clear();
-  job->request.url.clearUrl(qz::Url::ClearAll); // secrets wiped in place, no temporary to wipe too
   wipe(job->encodedUrl);
   wipe(job->request.body);
   wipe(job->response.body);
   keepHeaderNodes(job->response.headers);
   wipe(job->response.errorMessage);
+  // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
+  // requests would otherwise grow and shrink the heap each time. Only this thread adds to them.
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (spareJobs.size() >= maxInFlight)
+      return; // the job's destructor wipes its URL
+  }
+  job->request.onFinished = nullptr;
+  job->request.headers.clear();
+  job->request.url.clearUrl(qz::Url::ClearAll); // secrets wiped in place, no temporary to wipe too
   job->response.error = TransferError();
   job->origin.clear();
   std::lock_guard<std::mutex> lock(mutex);
-  if (spareJobs.size() < maxInFlight)
-    spareJobs.push_back(std::move(job));
+  spareJobs.push_back(std::move(job));
 }
 
 bool HttpMultiConnection::Private::runCancelled(const bool* cancel) const {
@@ -289,16 +294,18 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
       d->spareJobs.pop_back();
     }
   }
-  if (!job)
-    job = std::make_unique<Private::Job>();
-  job->encodedUrl = r.url.toEncodedUrl();
-  job->request = std::move(r);
-  job->startMs = 0;
-  job->anyFamily = job->badRequest = false;
+  if (job) { // finish() left its buffers empty and its error cleared
+    job->request = std::move(r);
+    job->startMs = 0;
+    job->anyFamily = job->badRequest = false;
+    Response& resp = job->response;
+    resp.success = resp.timedOut = resp.cancelled = false;
+    resp.httpCode = 0;
+  } else {
+    job = std::make_unique<Private::Job>(std::move(r));
+  }
+  job->encodedUrl = job->request.url.toEncodedUrl();
   Response& resp = job->response;
-  resp.success = resp.timedOut = resp.cancelled = false;
-  resp.httpCode = 0;
-  resp.error = TransferError();
   uint64_t id = 0;
   {
     std::lock_guard<std::mutex> lock(d->mutex);

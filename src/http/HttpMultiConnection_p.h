@@ -33,6 +33,8 @@ class HttpMultiConnection::Private {
 public:
   using HeaderNode = std::map<std::string, std::string>::node_type;
   struct Job {
+    Job() = default;
+    explicit Job(Request&& r) : request(std::move(r)) {}
     uint64_t id = 0;
     Request request;
     Response response;

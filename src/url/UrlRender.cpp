@@ -2,6 +2,8 @@
 
 #include <HttpTools/url/Url_p.h>
 
+#include <charconv>
+
 namespace qz {
 
 using namespace url_impl;
@@ -84,11 +86,11 @@ std::string Url::ToQueryEncoding(const QueryParameters& params) { return JoinIte
 
 std::string Url::ToPostEncoding(const QueryParameters& params) { return JoinItems(params, false); }
 
-std::string Url::ToEncodedPath(const std::vector<std::string>& segments) {
-  std::string out;
+namespace {
+void AppendPath(std::string& out, const std::vector<std::string>& segments) {
   for (size_t i = 0; i < segments.size(); ++i) {
     if (i)
-      out += kPathSeparator;
+      out += '/';
     // A segment that is exactly "." or ".." would be a dot segment, which clients remove.
     const std::string& segment = segments[i];
     if (segment == "." || segment == "..")
@@ -96,6 +98,12 @@ std::string Url::ToEncodedPath(const std::vector<std::string>& segments) {
     else
       AppendEncoded(out, segment);
   }
+}
+} // namespace
+
+std::string Url::ToEncodedPath(const std::vector<std::string>& segments) {
+  std::string out;
+  AppendPath(out, segments);
   return out;
 }
 
@@ -137,18 +145,21 @@ std::string Render(const Url& url, bool displayable) {
   }
   out += url.host;
   if (url.port != 0) {
+    char digits[8];
     out += ':';
-    out += std::to_string(url.port);
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, url.port).ptr);
   }
-  std::string path = url.getEncodedPath();
-  if (!path.empty()) {
-    out += kPathSeparator;
-    out += path;
+  // Appended in place: a URL is rendered for every request.
+  if (!url.pathSegments.empty() && !(url.pathSegments.size() == 1 && url.pathSegments[0].empty())) {
+    out += '/';
+    AppendPath(out, url.pathSegments);
   }
-  std::string query = url.getQueryParameters(displayable);
-  if (!query.empty()) {
-    out += '?';
-    out += query;
+  if (!url.queryParameters.empty() || !url.authDbName.empty()) {
+    std::string query = url.getQueryParameters(displayable);
+    if (!query.empty()) {
+      out += '?';
+      out += query;
+    }
   }
   return out;
 }
