@@ -42,10 +42,9 @@ try:
     partial = "not seen: %d hits" % len(list(helpers.scan(es, index="gz", size=100)))
 except helpers.ScanError as e:
     partial = str(e)
-print(json.dumps({
-    "ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "distinct": len(set(ids)),
-    "intact": intact and len(ids) == 2000, "found": [d["found"] for d in docs],
-    "sliced": [len(halves[0] | halves[1]), len(halves[0] & halves[1]), min(map(len, halves)) > 0],
-    "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"], "zipped": zipped,
-    "zipped_count": es.count(index="gz")["count"], "partial": partial, "stream": stream,
-}, separators=(",", ":")))
+print(json.dumps({"ok": ok, "errors": len(errors), "count": es.count(index="py")["count"], "distinct": len(set(ids)),
+                  "intact": intact and len(ids) == 2000, "found": [d["found"] for d in docs],
+                  "sliced": [len(halves[0] | halves[1]), len(halves[0] & halves[1]), min(map(len, halves)) > 0],
+                  "meta": es.indices.get_mapping(index="py")["py"]["mappings"]["_meta"], "zipped": zipped,
+                  "zipped_count": es.count(index="gz")["count"], "partial": partial, "stream": stream},
+                 separators=(",", ":")))
