@@ -112,35 +112,29 @@ TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
   }
 }
 
+// A batch leaves when it holds enough items, or bytes, or at the interval; the destructor cancels
+// what has not left.
 TEST_F(BulkTest, BatchesLeaveByCountBytesAndInterval) {
-  std::atomic<size_t> cancelled{0}, acknowledged{0};
-  {
-    BulkIndexer byCount(pool, server, 1, 10, 1 << 30);
-    byCount.onItemOutcome(
-        [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : acknowledged); });
-    for (int i = 0; i < 35; ++i)
-      byCount.index("c", std::to_string(i), doc(i));
-    // Acknowledged, not only stored: the destructor cuts a request whose answer is not yet read.
-    EXPECT_TRUE(eventually([&] { return acknowledged == 30; })) << acknowledged;
+  const struct {
+    unsigned batch, bytes, intervalMs;
+    size_t docs, stored, requests;
+  } rows[] = {{10, 1u << 30, 0, 35, 30, 3}, {100000, 2000, 0, 20, 18, 3}, {100000, 1u << 30, 50, 2, 2, 1}};
+  for (const auto& r : rows) {
+    emulator.reset();
+    std::atomic<size_t> cancelled{0}, acknowledged{0};
+    {
+      BulkIndexer indexer(pool, server, 1, r.batch, r.bytes);
+      indexer.setFlushIntervalMs(r.intervalMs);
+      indexer.onItemOutcome(
+          [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : acknowledged); });
+      for (size_t i = 0; i < r.docs; ++i) // about 350 bytes each: 6 of them pass 2000 bytes
+        indexer.indexJson("b", std::to_string(i), R"({"pad":")" + std::string(300, 'x') + "\"}");
+      // Acknowledged, not only stored: the destructor cuts a request whose answer is not yet read.
+      EXPECT_TRUE(eventually([&] { return acknowledged == r.stored; })) << acknowledged;
+    }
+    EXPECT_EQ(std::tuple(emulator.docCount("b"), emulator.stats().bulkRequests, size_t(cancelled)),
+              std::tuple(r.stored, r.requests, r.docs - r.stored));
   }
-  // The destructor sent nothing more: the rest was cancelled.
-  EXPECT_EQ(std::tuple(emulator.docCount("c"), emulator.stats().bulkRequests, size_t(cancelled)),
-            std::tuple(30u, 3u, 5u));
-  emulator.reset();
-  {
-    BulkIndexer byBytes(pool, server, 1, 100000, 2000);
-    for (int i = 0; i < 20; ++i) // about 350 bytes each: a batch leaves every 6 documents
-      byBytes.indexJson("b", std::to_string(i), R"({"pad":")" + std::string(300, 'x') + "\"}");
-    EXPECT_TRUE(eventually([&] { return emulator.docCount("b") == 18; })) << emulator.docCount("b");
-    EXPECT_EQ(emulator.stats().bulkRequests, 3u);
-  }
-  emulator.reset();
-  BulkIndexer byTime(pool, server, 1, 100000, 1 << 30);
-  byTime.setFlushIntervalMs(50);
-  byTime.index("t", "1", doc(1));
-  byTime.index("t", "2", doc(2));
-  EXPECT_TRUE(eventually([&] { return emulator.docCount("t") == 2; }));
-  EXPECT_EQ(emulator.stats().bulkRequests, 1u);
 }
 
 using V = BulkVersionType;
