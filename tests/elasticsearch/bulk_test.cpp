@@ -60,7 +60,6 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjsonWithRequestOptionsAndGzip) {
                          s.lastBulkContentEncoding, call("GET", "/things/_doc/t1049", "", &stored)),
               std::tuple(1000u, 11u + 1u, "application/x-ndjson", c.query, c.encoding, 200));
     EXPECT_NE(stored.find(R"("name":"item \"1049\"\n")"), std::string::npos) << stored;
-    EXPECT_FALSE(indexer.index("", "x", doc(1)) || indexer.remove("things", ""));
   }
   EXPECT_TRUE(failures.empty());
 }
@@ -185,7 +184,6 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcomeAndItemsElasticsearchRefusesNeverL
       {item(BulkOp::Index, "i", "{}", -1, V::Internal, "", 3), "go together"},
       {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
       {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
-      {item(BulkOp::Create, "c"), "one JSON object on one line"},
   };
   BulkIndexer indexer(pool, server, 1, 1000);
   watch(indexer);
@@ -198,10 +196,9 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcomeAndItemsElasticsearchRefusesNeverL
     EXPECT_FALSE(indexer.add(it, &why)) << message;
     EXPECT_NE(why.find(message), std::string::npos) << why;
   }
-  std::string error, back, inStream;
+  std::string error, back;
   EXPECT_FALSE(indexer.flush(&error)); // the expected conflicts
   EXPECT_TRUE(error.starts_with("6 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception")) << error;
-  EXPECT_EQ(emulator.stats().bulkRequests, 1u);
   ASSERT_EQ(got.size(), std::size(cases));
   for (size_t i = 0; i < got.size(); ++i) {
     const auto& [sent, o] = got[i];
@@ -211,16 +208,14 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcomeAndItemsElasticsearchRefusesNeverL
               std::tuple(c.item.op, c.item.id, c.item.json, c.item.routing, c.status, c.result, c.version, o.ok()))
         << "case " << i << " " << o.errorReason;
   }
-  EXPECT_EQ(std::tuple(call("GET", "/o/_doc/x", "", &back), call("POST", "/logs-x/_search", "{}", &inStream)),
-            std::tuple(200, 200));
-  EXPECT_NE(back.find(R"("_version":7,"_seq_no":)"), std::string::npos) << back;
+  EXPECT_EQ(call("GET", "/o/_doc/x", "", &back), 200); // the routing went with the item
   EXPECT_NE(back.find(R"("_routing":"r2","found":true,"_source":{"v":"gte"})"), std::string::npos) << back;
-  EXPECT_NE(inStream.find(R"("_index":".ds-logs-x-)"), std::string::npos) << inStream;
   EXPECT_EQ(failures, (std::vector<std::string>{"o/a 409 versio", "o/b 404 docume", "o/a 409 versio", "o/x 409 versio",
                                                 "logs-x/2 400 illega", "logs-x/3 400 mapper"}));
   ASSERT_TRUE(indexer.add(item(BulkOp::Index, "later", "{}"))); // the next clean batch flushes true again
   EXPECT_TRUE(indexer.flush(&error)) << error;
-  EXPECT_EQ(counts(indexer.stats()), "indexed 9, deleted 2, failed 6, retried 0, cancelled 0");
+  EXPECT_EQ(counts(indexer.stats()) + ", requests " + std::to_string(emulator.stats().bulkRequests),
+            "indexed 9, deleted 2, failed 6, retried 0, cancelled 0, requests 2");
 }
 
 // stop() and the destructor end a retry backoff, or a request on the wire, at once; what was not
