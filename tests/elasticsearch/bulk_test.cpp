@@ -37,9 +37,7 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjsonWithRequestOptionsAndGzip) {
   const struct {
     int gzipLevel;
     const char *refresh, *pipeline, *query, *encoding;
-  } cases[] = {{0, "", "", "", ""},
-               {6, "wait_for", "", "refresh=wait_for", "gzip"},
-               {1, "true", "geo", "pipeline=geo&refresh=true", "gzip"}};
+  } cases[] = {{0, "", "", "", ""}, {1, "wait_for", "geo", "pipeline=geo&refresh=wait_for", "gzip"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.query);
     emulator.reset();
@@ -68,7 +66,6 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjsonWithRequestOptionsAndGzip) {
 // twice. The last row has no server at all.
 TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
   const struct {
-    const char* name;
     int rejectItems, unavailable;
     unsigned threads, batch, retries, docs;
     const char* error; // the start of flush()'s, "" when it succeeds
@@ -76,18 +73,19 @@ TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
     size_t stored, bulkItems;
     int bulkRequests; // -1: any
   } rows[] = {
-      {"items rejected, spread over the first request and its retries", 7, 0, 2, 5, 5, 20, "",
-       "indexed 20, deleted 0, failed 0, retried 7, cancelled 0", 20, 27, -1},
-      {"one item rejected more often than it is retried", 3, 0, 1, 10, 2, 1,
-       "1 bulk item(s) failed; first: r/0: 429 es_rejected_execution_exception",
+      // Items rejected, spread over the first request and its retries.
+      {7, 0, 2, 5, 5, 20, "", "indexed 20, deleted 0, failed 0, retried 7, cancelled 0", 20, 27, -1},
+      // One item rejected more often than it is retried.
+      {3, 0, 1, 10, 2, 1, "1 bulk item(s) failed; first: r/0: 429 es_rejected_execution_exception",
        "indexed 0, deleted 0, failed 1, retried 2, cancelled 0", 0, 3, 3},
-      {"whole request answered 503 twice", 0, 2, 1, 1000, 3, 30, "",
-       "indexed 30, deleted 0, failed 0, retried 60, cancelled 0", 30, 30, 1},
-      {"no server", 0, 0, 1, 10, 1, 2, "2 bulk item(s) failed; first: r/0: no answer: ",
+      // The whole request answered 503 twice.
+      {0, 2, 1, 1000, 3, 30, "", "indexed 30, deleted 0, failed 0, retried 60, cancelled 0", 30, 30, 1},
+      // No server.
+      {0, 0, 1, 10, 1, 2, "2 bulk item(s) failed; first: r/0: no answer: ",
        "indexed 0, deleted 0, failed 2, retried 2, cancelled 0", 0, 0, 0},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.counts);
     emulator.reset();
     inject([&](auto& f) {
       f.rejectItems = row.rejectItems, f.unavailable = row.unavailable, f.unavailablePath = "_bulk";
