@@ -35,9 +35,9 @@ protected:
   }
   size_t open() { return emulator.stats().openPits + emulator.stats().openScrolls; }
   bool get(const ElasticConnectionParameters& params, const char* index, const bool* cancel = nullptr) {
-    return DocumentGetter(pool, params, index, 2)
-        .get(
-            {"doc-1", "doc-2", "doc-3"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, cancel);
+    DocumentGetter getter(pool, params, index, 2);
+    return getter.get(
+        {"doc-1", "doc-2", "doc-3"}, [](const std::string&, qz::qzVariant&) {}, nullptr, &error, cancel);
   }
   static bool all(SearchHit&) { return true; }
   static bool allSliced(SearchHit&, unsigned) { return true; }
@@ -162,13 +162,12 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopPartialAnswerAndStal
 
 TEST_F(SearchTest, BadQueryMissingIndexForeignServerPagesThatDoNotAdvanceAndFailedGets) {
   seed(3);
-  for (const auto& [query, message] :
-       {std::pair{"[1,2]", "not a JSON object"}, {R"({"query":{"nonsense":{}}})", "unknown query"}}) {
-    EXPECT_FALSE(fetch(query, 10, all));
+  for (const auto& [index, query, message] : {std::tuple{"docs", "[1,2]", "not a JSON object"},
+                                              {"docs", R"({"query":{"nonsense":{}}})", "unknown query"},
+                                              {"nope", "", "index_not_found_exception"}}) {
+    EXPECT_FALSE(FetchSearchResults(connection, server, index, query, all, 10, &error, nullptr));
     EXPECT_NE(error.find(message), std::string::npos) << error;
   }
-  EXPECT_FALSE(FetchSearchResults(connection, server, "nope", "", all, 10, &error, nullptr));
-  EXPECT_NE(error.find("index_not_found_exception"), std::string::npos) << error;
 
   // An answer without the product header is read, and said once.
   qztest::LogCapture log;
@@ -188,21 +187,14 @@ TEST_F(SearchTest, BadQueryMissingIndexForeignServerPagesThatDoNotAdvanceAndFail
   EXPECT_NE(error.find("did not advance"), std::string::npos) << error;
   EXPECT_EQ(std::tuple(hits, open()), std::tuple(4u, 0u));
 
-  // _mget: a missing index, a 503, an answer that leaves an id out and the caller's cancel each fail the call.
+  // _mget: a missing index, a 503, an answer that leaves an id out and the caller's cancel, in that
+  // order, each fail the call.
   const bool cancel = true;
-  const struct {
-    const char* index;
-    bool unavailable, dropLast;
-    const bool* cancel;
-    const char* error;
-  } gets[] = {{"nope", false, false, nullptr, "index_not_found_exception"},
-              {"docs", true, false, nullptr, "503"},
-              {"docs", false, true, nullptr, "answered 2 of 3 ids"},
-              {"docs", false, false, &cancel, "cancelled"}};
-  for (const auto& g : gets) {
-    inject([&](auto& f) { f.unavailable = g.unavailable, f.mgetDropLast = g.dropLast; });
-    EXPECT_FALSE(get(server, g.index, g.cancel));
-    EXPECT_NE(error.find(g.error), std::string::npos) << error;
+  const char* getErrors[] = {"index_not_found_exception", "503", "answered 2 of 3 ids", "cancelled"};
+  for (int i = 0; i < 4; ++i) {
+    inject([&](auto& f) { f.unavailable = i == 1, f.mgetDropLast = i == 2; });
+    EXPECT_FALSE(get(server, i ? "docs" : "nope", i == 3 ? &cancel : nullptr));
+    EXPECT_NE(error.find(getErrors[i]), std::string::npos) << error;
   }
 }
 
@@ -216,9 +208,8 @@ TEST_F(SearchTest, SecretsStayOutOfErrorsAndLogs) {
   params.extraHeaders = {"X-Token: t0ken"};
   BulkIndexer indexer(pool, params, 1);
   indexer.indexJson("docs", "doc-1", R"({"n":1})");
-  std::string errors;
   EXPECT_FALSE(indexer.flush(&error));
-  errors += error + "\n";
+  std::string errors = error + "\n";
   EXPECT_FALSE(FetchSearchResults(connection, params, "docs", "", all, 10, &error, nullptr));
   errors += error + "\n";
   EXPECT_FALSE(get(params, "docs"));
@@ -274,23 +265,15 @@ std::string cutInChunks(const std::string& outer, const std::string& inner, cons
          std::to_string(cutter.errors()) + (fed ? "" : ", refused") + (cutter.complete() ? "" : ", incomplete");
 }
 
-std::string join(const std::vector<std::string>& items, const std::string& sep) {
-  std::string s;
-  for (size_t i = 0; i < items.size(); ++i)
-    s += (i ? sep : "") + items[i];
-  return s;
-}
-
 TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItemsAndRefusesTheSameNesting) {
   // Hits whose strings hold the bytes the cutter reacts to, and decoys: members named "hits" at
   // other depths, and a "hits" array inside a hit's source.
-  const std::vector<std::string> kHits = {
-      R"({"_index":"i","_id":"1","_score":null,"_source":{"t":"}{ ][ \"quoted\" \\"},"sort":[0]})",
-      R"({"_index":"i","_id":"2\"}","_score":1.5,"_source":{"hits":{"hits":[{"x":"]"}]}},"sort":["\\",1]})",
-      R"({"_index":"i","_id":"3","_source":{"a":[[{}],{"b":"\\\\\""}],"c":"hits"}})",
-  };
-  const std::string hits = join(kHits, "\n"), none = "pit , scroll , errors -1", incomplete = none + ", incomplete",
-                    malformed = none + ", refused, incomplete";
+  const std::string
+      h1 = R"({"_index":"i","_id":"1","_score":null,"_source":{"t":"}{ ][ \"quoted\" \\"},"sort":[0]})",
+      h2 = R"({"_index":"i","_id":"2\"}","_score":1.5,"_source":{"hits":{"hits":[{"x":"]"}]}},"sort":["\\",1]})",
+      h3 = R"({"_index":"i","_id":"3","_source":{"a":[[{}],{"b":"\\\\\""}],"c":"hits"}})";
+  const std::string hits = h1 + "\n" + h2 + "\n" + h3, none = "pit , scroll , errors -1",
+                    incomplete = none + ", incomplete", malformed = none + ", refused, incomplete";
   const std::string bulk[] = {R"({"index":{"_id":"1","status":201}})",
                               R"({"delete":{"_id":"2","status":429,"error":{"type":"x","reason":"[items] {"}}})"};
   const struct {
@@ -300,11 +283,11 @@ TEST(ResponseItemCutter, EveryChunkSplitCutsTheSameItemsAndRefusesTheSameNesting
       {"pit search", "hits", "hits",
        R"({"pit_id":"P+/=x\"","took":3,"timed_out":false,"_shards":{"total":1,"failures":[{"hits":"{"}]},)"
        R"("hits":{"total":{"value":3,"relation":"hits"},"max_score":null,"hits":[)" +
-           join(kHits, ",") + R"(]},"aggregations":{"hits":{"hits":[{"decoy":1}]}}})",
+           h1 + "," + h2 + "," + h3 + R"(]},"aggregations":{"hits":{"hits":[{"decoy":1}]}}})",
        hits + "\npit P+/=x\", scroll , errors -1"},
       {"pretty scroll", "hits", "hits",
-       "{\n  \"_scroll_id\" : \"S1==\",\n  \"hits\" : {\n    \"hits\" : [\n      " + join(kHits, ",\n      ") +
-           "\n    ]\n  }\n}\n",
+       "{\n  \"_scroll_id\" : \"S1==\",\n  \"hits\" : {\n    \"hits\" : [\n      " + h1 + ",\n      " + h2 +
+           ",\n      " + h3 + "\n    ]\n  }\n}\n",
        hits + "\npit , scroll S1==, errors -1"},
       {"empty page", "hits", "hits", R"({"hits":{"total":{"value":0},"hits":[]}})", none},
       {"bulk items", "items", "", R"({"took":5,"errors":true,"items":[)" + bulk[0] + "," + bulk[1] + "]}",
