@@ -143,8 +143,8 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopPartialAnswerAndStal
     SCOPED_TRACE(std::to_string(slices) + (cancelled ? " cancelled" : " failed"));
     inject([&](auto& f) { f.stallSearchMs = 20000, f.failSearchPages = !cancelled; });
     bool cancel = false;
+    const size_t base = emulator.stats().searchRequests;
     std::thread canceller([&] { // once the stalled pages are on their way
-      const size_t base = emulator.stats().searchRequests;
       eventually([&] { return !cancelled || emulator.stats().searchRequests >= base + slices; });
       std::atomic_ref<bool>(cancel).store(cancelled);
     });
