@@ -209,6 +209,7 @@ TEST_F(EsCliTest, ExportThenImportGivesTheIndexBack) {
         {"{\"_id\":\"z\",\"_source\":{\"n\":\"abc\"}}\n", 22, "z: 400 mapper_parsing_exception"},
         {"", 22, "cannot create dst: {\"error\""}}) {
     std::vector<std::string> args{"import", url + "dst", "-u", "u:p", "--mapping", mapping};
+    // --mapping for the last row only: dst exists, so it cannot be made again.
     EXPECT_EQ(run({args.begin(), args.end() - (input.empty() ? 0 : 2)}, input), code);
     EXPECT_NE(err.find(message), std::string::npos) << err;
   }
