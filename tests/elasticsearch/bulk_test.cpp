@@ -6,63 +6,47 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
-#include <thread>
-#include <tuple>
 
-using qz::elasticsearch::BulkIndexer;
-using qz::elasticsearch::BulkItem;
-using qz::elasticsearch::BulkOp;
-using qz::elasticsearch::BulkOutcome;
-using qz::elasticsearch::BulkVersionType;
-using qz::elasticsearch::ElasticConnectionParameters;
+using namespace qz::elasticsearch;
 
 namespace {
 
-struct Failure {
-  std::string index, id;
-  int status;
-  std::string reason;
-};
-
 class BulkTest : public EsFixture {
 protected:
+  // Failures as "index/id status reason's first 6 bytes".
   void watch(BulkIndexer& indexer) {
-    indexer.onItemFailure(
-        [this](const std::string& index, const std::string& id, int status, const std::string& reason) {
-          std::lock_guard<std::mutex> lock(mutex);
-          failures.push_back({index, id, status, reason});
-        });
+    indexer.onItemFailure([this](const std::string& index, const std::string& id, int status, const std::string& why) {
+      std::lock_guard<std::mutex> lock(mutex);
+      failures.push_back(index + "/" + id + " " + std::to_string(status) + " " + why.substr(0, 6));
+    });
   }
   static qz::qzVariantMapImpl doc(int n) {
     return {{"n", n}, {"name", "item \"" + std::to_string(n) + "\"\n"}, {"tags", qz::qzVariantListImpl{"a", n % 3}}};
   }
-  static std::string counts(const qz::elasticsearch::BulkStats& s) {
+  static std::string counts(const BulkStats& s) {
     return "indexed " + std::to_string(s.indexed) + ", deleted " + std::to_string(s.deleted) + ", failed " +
            std::to_string(s.failed) + ", retried " + std::to_string(s.retried) + ", cancelled " +
            std::to_string(s.cancelled);
   }
   std::mutex mutex;
-  std::vector<Failure> failures;
+  std::vector<std::string> failures;
 };
 
 TEST_F(BulkTest, IndexesDeletesAndCountsInNdjsonWithRequestOptionsAndGzip) {
   const struct {
     int gzipLevel;
     const char *refresh, *pipeline, *query, *encoding;
-  } cases[] = {{0, "", "", "", ""},
-               {6, "wait_for", "", "refresh=wait_for", "gzip"},
-               {1, "true", "geo", "pipeline=geo&refresh=true", "gzip"}};
+  } cases[] = {{0, "", "", "", ""}, {1, "wait_for", "geo", "pipeline=geo&refresh=wait_for", "gzip"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.query);
     emulator.reset();
     BulkIndexer indexer(pool, server, 3, 100);
     indexer.setRequestOptions({c.refresh, c.pipeline, c.gzipLevel});
     watch(indexer);
+    std::string error, stored;
     for (int i = 0; i < 1050; ++i)
       ASSERT_TRUE(indexer.index("things", "t" + std::to_string(i), doc(i)));
-    std::string error, stored;
     ASSERT_TRUE(indexer.flush(&error)) << error;
     for (int i = 0; i < 50; ++i)
       ASSERT_TRUE(indexer.remove("things", "t" + std::to_string(i)));
@@ -71,11 +55,9 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjsonWithRequestOptionsAndGzip) {
     EXPECT_EQ(counts(indexer.stats()), "indexed 1050, deleted 51, failed 0, retried 0, cancelled 0");
     const auto s = emulator.stats();
     EXPECT_EQ(std::tuple(emulator.docCount("things"), s.bulkRequests, s.lastBulkContentType, s.lastBulkQuery,
-                         s.lastBulkContentEncoding),
-              std::tuple(1000u, 11u + 1u, "application/x-ndjson", c.query, c.encoding));
-    EXPECT_EQ(call("GET", "/things/_doc/t1049", "", &stored), 200);
+                         s.lastBulkContentEncoding, call("GET", "/things/_doc/t1049", "", &stored)),
+              std::tuple(1000u, 11u + 1u, "application/x-ndjson", c.query, c.encoding, 200));
     EXPECT_NE(stored.find(R"("name":"item \"1049\"\n")"), std::string::npos) << stored;
-    EXPECT_FALSE(indexer.index("", "x", doc(1)) || indexer.remove("things", ""));
   }
   EXPECT_TRUE(failures.empty());
 }
@@ -84,7 +66,6 @@ TEST_F(BulkTest, IndexesDeletesAndCountsInNdjsonWithRequestOptionsAndGzip) {
 // twice. The last row has no server at all.
 TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
   const struct {
-    const char* name;
     int rejectItems, unavailable;
     unsigned threads, batch, retries, docs;
     const char* error; // the start of flush()'s, "" when it succeeds
@@ -92,78 +73,70 @@ TEST_F(BulkTest, RetriesOfRejectedItemsUnavailableServerAndNoServer) {
     size_t stored, bulkItems;
     int bulkRequests; // -1: any
   } rows[] = {
-      {"items rejected, spread over the first request and its retries", 7, 0, 2, 5, 5, 20, "",
-       "indexed 20, deleted 0, failed 0, retried 7, cancelled 0", 20, 27, -1},
-      {"one item rejected more often than it is retried", 3, 0, 1, 10, 2, 1,
-       "1 bulk item(s) failed; first: r/0: 429 es_rejected_execution_exception",
+      // Items rejected, spread over the first request and its retries.
+      {7, 0, 2, 5, 5, 20, "", "indexed 20, deleted 0, failed 0, retried 7, cancelled 0", 20, 27, -1},
+      // One item rejected more often than it is retried.
+      {3, 0, 1, 10, 2, 1, "1 bulk item(s) failed; first: r/0: 429 es_rejected_execution_exception",
        "indexed 0, deleted 0, failed 1, retried 2, cancelled 0", 0, 3, 3},
-      {"whole request answered 503 twice", 0, 2, 1, 1000, 3, 30, "",
-       "indexed 30, deleted 0, failed 0, retried 60, cancelled 0", 30, 30, 1},
-      {"no server", 0, 0, 1, 10, 1, 2, "2 bulk item(s) failed; first: r/0: no answer: ",
+      // The whole request answered 503 twice.
+      {0, 2, 1, 1000, 3, 30, "", "indexed 30, deleted 0, failed 0, retried 60, cancelled 0", 30, 30, 1},
+      // No server.
+      {0, 0, 1, 10, 1, 2, "2 bulk item(s) failed; first: r/0: no answer: ",
        "indexed 0, deleted 0, failed 2, retried 2, cancelled 0", 0, 0, 0},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  const ElasticConnectionParameters nowhere(qz::Url("http://127.0.0.1:1")); // nothing listens on port 1
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.counts);
     emulator.reset();
-    inject([&](auto& f) {
-      f.rejectItems = row.rejectItems, f.unavailable = row.unavailable, f.unavailablePath = "_bulk";
-    });
+    inject([&](auto& f) { f.rejectItems = r.rejectItems, f.unavailable = r.unavailable, f.unavailablePath = "_bulk"; });
     failures.clear();
-    const qz::Url nowhere("http://127.0.0.1:1"); // nothing listens there
-    BulkIndexer indexer(pool, row.bulkRequests ? server : ElasticConnectionParameters(nowhere), row.threads, row.batch);
-    indexer.setRetries(row.retries, 1);
+    BulkIndexer indexer(pool, r.bulkRequests ? server : nowhere, r.threads, r.batch);
+    indexer.setRetries(r.retries, 1);
     watch(indexer);
-    for (unsigned i = 0; i < row.docs; ++i)
+    for (unsigned i = 0; i < r.docs; ++i)
       indexer.index("r", std::to_string(i), doc(i));
     std::string error;
-    EXPECT_EQ(indexer.flush(&error), !*row.error);
-    EXPECT_TRUE(error.starts_with(row.error)) << error;
-    EXPECT_EQ(counts(indexer.stats()), row.counts);
+    EXPECT_EQ(indexer.flush(&error), !*r.error);
+    EXPECT_TRUE(error.starts_with(r.error)) << error;
+    EXPECT_EQ(counts(indexer.stats()), r.counts);
     const auto s = emulator.stats(); // -1: as the threads' timing makes it
-    EXPECT_EQ(std::tuple(failures.size(), emulator.docCount("r"), s.bulkItems,
-                         row.bulkRequests < 0 ? -1 : int(s.bulkRequests)),
-              std::tuple(size_t(indexer.stats().failed), row.stored, row.bulkItems, row.bulkRequests));
+    EXPECT_EQ(
+        std::tuple(failures.size(), emulator.docCount("r"), s.bulkItems, r.bulkRequests < 0 ? -1 : int(s.bulkRequests)),
+        std::tuple(size_t(indexer.stats().failed), r.stored, r.bulkItems, r.bulkRequests));
   }
 }
 
+// A batch leaves when it holds enough items, or bytes, or at the interval; the destructor cancels
+// what has not left.
 TEST_F(BulkTest, BatchesLeaveByCountBytesAndInterval) {
-  std::atomic<size_t> cancelled{0}, acknowledged{0};
-  {
-    BulkIndexer byCount(pool, server, 1, 10, 1 << 30);
-    byCount.onItemOutcome(
-        [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : acknowledged); });
-    for (int i = 0; i < 35; ++i)
-      byCount.index("c", std::to_string(i), doc(i));
-    // Acknowledged, not only stored: the destructor cuts a request whose answer is not yet read.
-    EXPECT_TRUE(eventually([&] { return acknowledged == 30; })) << acknowledged;
-    EXPECT_EQ(emulator.stats().bulkRequests, 3u);
+  const struct {
+    unsigned batch, bytes, intervalMs;
+    size_t docs, stored, requests;
+  } rows[] = {{10, 1u << 30, 0, 35, 30, 3}, {100000, 2000, 0, 20, 18, 3}, {100000, 1u << 30, 50, 2, 2, 1}};
+  for (const auto& r : rows) {
+    emulator.reset();
+    std::atomic<size_t> cancelled{0}, acknowledged{0};
+    {
+      BulkIndexer indexer(pool, server, 1, r.batch, r.bytes);
+      indexer.setFlushIntervalMs(r.intervalMs);
+      indexer.onItemOutcome(
+          [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : acknowledged); });
+      for (size_t i = 0; i < r.docs; ++i) // about 350 bytes each: 6 of them pass 2000 bytes
+        indexer.indexJson("b", std::to_string(i), R"({"pad":")" + std::string(300, 'x') + "\"}");
+      // Acknowledged, not only stored: the destructor cuts a request whose answer is not yet read.
+      EXPECT_TRUE(eventually([&] { return acknowledged == r.stored; })) << acknowledged;
+    }
+    EXPECT_EQ(std::tuple(emulator.docCount("b"), emulator.stats().bulkRequests, size_t(cancelled)),
+              std::tuple(r.stored, r.requests, r.docs - r.stored));
   }
-  EXPECT_EQ(emulator.docCount("c"), 30u); // the destructor sent nothing more: the rest was cancelled
-  EXPECT_EQ(cancelled, 5u);
-  emulator.reset();
-  {
-    BulkIndexer byBytes(pool, server, 1, 100000, 2000);
-    const std::string pad(300, 'x');
-    for (int i = 0; i < 20; ++i) // about 350 bytes each: a batch leaves every 6 documents
-      byBytes.indexJson("b", std::to_string(i), R"({"pad":")" + pad + "\"}");
-    EXPECT_TRUE(eventually([&] { return emulator.docCount("b") == 18; })) << emulator.docCount("b");
-    EXPECT_EQ(emulator.stats().bulkRequests, 3u);
-  }
-  emulator.reset();
-  BulkIndexer byTime(pool, server, 1, 100000, 1 << 30);
-  byTime.setFlushIntervalMs(50);
-  byTime.index("t", "1", doc(1));
-  byTime.index("t", "2", doc(2));
-  EXPECT_TRUE(eventually([&] { return emulator.docCount("t") == 2; }));
-  EXPECT_EQ(emulator.stats().bulkRequests, 1u);
 }
 
 using V = BulkVersionType;
 // An item of index "o" with the options given.
 BulkItem item(BulkOp op, const std::string& id, const std::string& json = "", int64_t version = -1,
               V type = V::Internal, const std::string& routing = "", int64_t ifSeqNo = -1, int64_t ifPrimaryTerm = -1,
-              bool upsert = false) {
-  return {op, "o", id, routing, version, type, ifSeqNo, ifPrimaryTerm, json, upsert};
+              bool upsert = false, const std::string& index = "o") {
+  return {op, index, id, routing, version, type, ifSeqNo, ifPrimaryTerm, json, upsert};
 }
 
 // Each op type and option reaches Elasticsearch in one request, applied in order, and each item's
@@ -172,15 +145,14 @@ BulkItem item(BulkOp op, const std::string& id, const std::string& json = "", in
 TEST_F(BulkTest, EveryOpAndOptionHasItsOutcomeAndItemsElasticsearchRefusesNeverLeave) {
   ASSERT_EQ(call("PUT", "/_index_template/logs", R"({"index_patterns":["logs-*"],"data_stream":{}})"), 200);
   auto stream = [](BulkOp op, const char* id, const char* json) {
-    return BulkItem{op, "logs-x", id, "", -1, V::Internal, -1, -1, json, false};
+    return item(op, id, json, -1, V::Internal, "", -1, -1, false, "logs-x");
   };
-  struct Case {
+  const struct {
     BulkItem item;
     int status;
     const char* result; // or the error type
     int64_t version;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {item(BulkOp::Index, "a", R"({"n":1})"), 201, "created", 1},
       {item(BulkOp::Create, "a", R"({"n":2})"), 409, "version_conflict_engine_exception", -1},
       {item(BulkOp::Update, "a", R"({"m":2})"), 200, "updated", 2},
@@ -207,93 +179,71 @@ TEST_F(BulkTest, EveryOpAndOptionHasItsOutcomeAndItemsElasticsearchRefusesNeverL
       {item(BulkOp::Index, "i", "{}", -1, V::Internal, "", 3), "go together"},
       {item(BulkOp::Index, "", "{}"), "needs an index and an id"},
       {item(BulkOp::Update, "u", "{\n}"), "one JSON object on one line"},
-      {item(BulkOp::Create, "c"), "one JSON object on one line"},
   };
   BulkIndexer indexer(pool, server, 1, 1000);
   watch(indexer);
   std::vector<std::pair<BulkItem, BulkOutcome>> got;
   indexer.onItemOutcome([&](const BulkItem& i, const BulkOutcome& o) { got.emplace_back(i, o); });
-  for (size_t i = 0; i < std::size(cases); ++i) {
+  for (const auto& c : cases)
+    ASSERT_TRUE(indexer.add(c.item));
+  for (const auto& [it, message] : refused) {
     std::string why;
-    ASSERT_TRUE(indexer.add(cases[i].item));
-    if (i < std::size(refused)) {
-      EXPECT_FALSE(indexer.add(refused[i].first, &why)) << refused[i].second;
-      EXPECT_NE(why.find(refused[i].second), std::string::npos) << why;
-    }
+    EXPECT_FALSE(indexer.add(it, &why)) << message;
+    EXPECT_NE(why.find(message), std::string::npos) << why;
   }
-  std::string error;
+  std::string error, back;
   EXPECT_FALSE(indexer.flush(&error)); // the expected conflicts
-  EXPECT_NE(error.find("6 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception"), std::string::npos)
-      << error;
-  EXPECT_EQ(emulator.stats().bulkRequests, 1u);
+  EXPECT_TRUE(error.starts_with("6 bulk item(s) failed; first: o/a: 409 version_conflict_engine_exception")) << error;
   ASSERT_EQ(got.size(), std::size(cases));
   for (size_t i = 0; i < got.size(); ++i) {
     const auto& [sent, o] = got[i];
-    const Case& c = cases[i];
+    const auto& c = cases[i];
     EXPECT_EQ(std::tuple(sent.op, sent.id, sent.json, sent.routing, o.status, o.ok() ? o.result : o.errorType,
                          o.version, o.seqNo >= 0),
               std::tuple(c.item.op, c.item.id, c.item.json, c.item.routing, c.status, c.result, c.version, o.ok()))
         << "case " << i << " " << o.errorReason;
   }
-  std::string back;
-  ASSERT_EQ(call("GET", "/o/_doc/x", "", &back), 200);
-  EXPECT_NE(back.find(R"("_version":7,"_seq_no":)"), std::string::npos) << back;
+  EXPECT_EQ(call("GET", "/o/_doc/x", "", &back), 200); // the routing went with the item
   EXPECT_NE(back.find(R"("_routing":"r2","found":true,"_source":{"v":"gte"})"), std::string::npos) << back;
-  ASSERT_EQ(call("POST", "/logs-x/_search", "{}", &back), 200);
-  EXPECT_NE(back.find(R"("_index":".ds-logs-x-)"), std::string::npos) << back;
-  EXPECT_NE(back.find(R"("_id":"1")"), std::string::npos) << back;
-  std::string failed; // as onItemFailure names them
-  for (const Failure& f : failures)
-    failed += f.index + "/" + f.id + " " + std::to_string(f.status) + " " + f.reason.substr(0, 6) + ", ";
-  EXPECT_EQ(failed, "o/a 409 versio, o/b 404 docume, o/a 409 versio, o/x 409 versio, logs-x/2 400 illega, "
-                    "logs-x/3 400 mapper, ");
+  EXPECT_EQ(failures, (std::vector<std::string>{"o/a 409 versio", "o/b 404 docume", "o/a 409 versio", "o/x 409 versio",
+                                                "logs-x/2 400 illega", "logs-x/3 400 mapper"}));
   ASSERT_TRUE(indexer.add(item(BulkOp::Index, "later", "{}"))); // the next clean batch flushes true again
   EXPECT_TRUE(indexer.flush(&error)) << error;
-  EXPECT_EQ(counts(indexer.stats()), "indexed 9, deleted 2, failed 6, retried 0, cancelled 0");
+  EXPECT_EQ(counts(indexer.stats()) + ", requests " + std::to_string(emulator.stats().bulkRequests),
+            "indexed 9, deleted 2, failed 6, retried 0, cancelled 0, requests 2");
 }
 
 // stop() and the destructor end a retry backoff, or a request on the wire, at once; what was not
 // acknowledged is reported cancelled. The bounds leave room for sanitizers on a loaded machine.
 TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
-  using Clock = std::chrono::steady_clock;
-  const struct {
-    const char* name;
-    bool byDestructor, onTheWire; // onTheWire: the first batch waits for a server that never answers
-  } rows[] = {{"stop() in a backoff", false, false},
-              {"~BulkIndexer in a backoff", true, false},
-              {"~BulkIndexer during a request", true, true}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  // onTheWire: the first batch waits for a server that never answers
+  for (const auto& [byDestructor, onTheWire] : {std::pair{false, false}, {true, false}, {true, true}}) {
+    SCOPED_TRACE(std::string(byDestructor ? "~BulkIndexer" : "stop()") + (onTheWire ? " during a request" : ""));
     emulator.reset();
     inject([](auto& f) { f.rejectItems = 1000; }); // every attempt is refused: the first batch waits in a 10 s backoff
     qztest::SilentListener silent;
     std::atomic<size_t> cancelled{0}, others{0};
     auto indexer = std::make_unique<BulkIndexer>(
-        pool, row.onTheWire ? qz::elasticsearch::ElasticConnectionParameters(qz::Url(silent.url())) : server, 1, 4);
+        pool, onTheWire ? ElasticConnectionParameters(qz::Url(silent.url())) : server, 1, 4);
     indexer->setRetries(3, 10000);
     indexer->onItemOutcome(
         [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : others); });
     for (int i = 0; i < 10; ++i) // a batch of 4 sent, one queued, 2 not yet full
       ASSERT_TRUE(indexer->index("s", std::to_string(i), doc(i)));
-    ASSERT_TRUE(eventually([&] { return row.onTheWire ? silent.accepted() == 1 : indexer->stats().retried == 4; }));
-    const auto t0 = Clock::now();
-    if (row.byDestructor)
+    ASSERT_TRUE(eventually([&] { return onTheWire ? silent.accepted() == 1 : indexer->stats().retried == 4; }));
+    const auto t0 = std::chrono::steady_clock::now();
+    if (byDestructor)
       indexer.reset();
     else
       indexer->stop();
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-    std::printf("[ measured ] %s: returned in %lld ms\n", row.name, static_cast<long long>(ms));
-    EXPECT_LT(ms, 1000);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
     EXPECT_TRUE(eventually([&] { return cancelled == 10; })) << cancelled;
-    EXPECT_EQ(others, 0u);
+    EXPECT_EQ(std::tuple(size_t(others), emulator.stats().bulkRequests), std::tuple(0u, onTheWire ? 0u : 1u));
+    std::string error;
     if (indexer) {
-      EXPECT_FALSE(indexer->index("s", "late", doc(1)));
-      std::string error;
-      EXPECT_FALSE(indexer->flush(&error));
-      EXPECT_NE(error.find("10 bulk item(s) failed"), std::string::npos) << error;
-      EXPECT_EQ(indexer->stats().cancelled, 10u);
+      EXPECT_FALSE(indexer->index("s", "late", doc(1)) || indexer->flush(&error));
+      EXPECT_TRUE(error.starts_with("10 bulk item(s) failed")) << error;
     }
-    EXPECT_EQ(emulator.stats().bulkRequests, row.onTheWire ? 0u : 1u);
   }
 }
 
@@ -313,8 +263,9 @@ TEST_F(BulkTest, FlushIsInterruptedByItsFlag) {
   std::string error;
   EXPECT_FALSE(indexer.flush(&error, &cancel));
   canceller.join();
-  EXPECT_EQ(error, "interrupted with 3 bulk item(s) not yet acknowledged");
-  EXPECT_EQ(indexer.stats().failed + indexer.stats().cancelled, 0u); // still in their backoff
+  // Still in their backoff: neither failed nor cancelled.
+  EXPECT_EQ(std::tuple(error, indexer.stats().failed + indexer.stats().cancelled),
+            std::tuple("interrupted with 3 bulk item(s) not yet acknowledged", 0u));
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // An official JS client against the emulator: cluster info, helpers.bulk (with retries of rejected
-// items), every document read back through a point in time with search_after, then a scroll. (The
-// Python check covers slices and data streams.)
+// items), every document read back through a point in time with search_after. (The Python check
+// covers scrolls, slices and data streams.)
 // Usage: node check.js URL elasticsearch|opensearch ; prints one JSON line of what it saw.
 'use strict'
 const os = process.argv[3] === 'opensearch'
@@ -14,20 +14,13 @@ async function main () {
   const docs = Array.from({ length: 1200 }, (_, i) => ({ id: 'c' + i, n: i, text: 'doc "' + i + '" {]' }))
   let dropped = 0
   const result = await client.helpers.bulk({
-    datasource: docs,
-    onDocument (doc) { return { index: { _index: 'c', _id: doc.id } } },
-    flushBytes: 20000,
-    retries: 5,
-    wait: 10,
-    onDrop () { dropped++ }
+    datasource: docs, flushBytes: 20000, retries: 5, wait: 10, onDrop () { dropped++ },
+    onDocument (doc) { return { index: { _index: 'c', _id: doc.id } } }
   })
   await client.indices.refresh({ index: 'c' })
   const pit = os ? (await call(client.createPit({ index: 'c', keep_alive: '1m' }))).pit_id
     : (await client.openPointInTime({ index: 'c', keep_alive: '1m' })).id
-  const listed = os ? (await call(client.getAllPits())).pits.length : 1
-  let after
-  let ordered = true
-  let seen = 0
+  let after, ordered = true, seen = 0
   for (;;) {
     const body = { pit: { id: pit, keep_alive: '1m' }, size: 500, sort: [{ n: 'asc' }] }
     if (after) body.search_after = after
@@ -41,18 +34,9 @@ async function main () {
   }
   const closed = os ? (await call(client.deletePit({ body: { pit_id: [pit] } }))).pits[0].successful
     : (await client.closePointInTime({ id: pit })).succeeded
-  let scrolled = 0
-  let page = await call(client.search({ index: 'c', scroll: '1m', body: { size: 500, sort: ['_doc'] } }))
-  while (page.hits.hits.length) {
-    scrolled += page.hits.hits.length
-    page = await call(client.scroll({ body: { scroll: '1m', scroll_id: page._scroll_id } }))
-  }
-  await client.clearScroll({ body: { scroll_id: page._scroll_id } })
-  const count = (await call(client.count({ index: 'c' }))).count
-  const owner = (await call(client.indices.getMapping({ index: 'c' }))).c.mappings._meta.owner
   console.log(JSON.stringify({
     distribution: info.version.distribution || 'elasticsearch', number: info.version.number,
-    successful: result.successful, failed: result.failed, dropped, listed, seen, ordered, closed, scrolled, count, owner
+    successful: result.successful, failed: result.failed, dropped, seen, ordered, closed
   }))
 }
 
