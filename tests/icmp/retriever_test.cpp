@@ -1,14 +1,13 @@
 // The retriever on real sockets: loopback in this process (the raw path on these machines) and,
-// for the datagram path, loss and errors, in network namespaces made by forked children.
+// for the datagram path, loss and errors, in network namespaces of threads of their own.
 #include <HttpTools/icmp/HostStatistics.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <grp.h>
 #include <netinet/in.h>
 #include <sched.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,58 +52,41 @@ std::string Answered(const std::vector<std::string>& hosts, unsigned n) {
   return text;
 }
 
-// A round in a child with a network namespace of its own: `setup` (shell commands) runs as root
+// A round on a thread with a network namespace of its own: `setup` (shell commands) runs as root
 // once lo is up, the round as uid 65534 when `nobody`, and `onProbe` (shell commands) once host 1's
-// probe 3 is reported. The child's report: "ok|failed v4:KIND v6:KIND answered:N lost:N" (and how
-// long the round took when not `atLeastMs` to 5 s more), then Lines(); or why it could not
-// run.
+// probe 3 is reported. The report: "ok|failed v4:KIND v6:KIND answered:N lost:N" (and how long the
+// round took when not `atLeastMs` to 5 s more), then Lines(); or why it could not run.
 std::string RoundInNamespace(const std::string& setup, bool nobody, const std::vector<std::string>& hosts,
                              unsigned count, unsigned periodMs, unsigned timeoutMs, int64_t atLeastMs = 0,
                              const std::string& onProbe = "") {
-  int fds[2];
-  if (::pipe(fds) != 0)
-    return "no pipe";
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    const std::string out = [&]() -> std::string {
-      constexpr uid_t kNobody = 65534;
-      if (::unshare(CLONE_NEWNET) != 0)
-        return std::string("cannot make a network namespace (root or CAP_SYS_ADMIN needed): ") + std::strerror(errno);
-      if (std::system(("ip link set lo up" + (setup.empty() ? "" : " && " + setup)).c_str()) != 0)
-        return "namespace set-up failed: " + setup;
-      if (nobody && (::setgroups(0, nullptr) != 0 || ::setresgid(kNobody, kNobody, kNobody) != 0 ||
-                     ::setresuid(kNobody, kNobody, kNobody) != 0))
-        return std::string("cannot become uid 65534: ") + std::strerror(errno);
-      unsigned answered = 0, lost = 0;
-      auto reported = [&](size_t host, unsigned probe, std::optional<double> rtt) {
-        ++(rtt ? answered : lost);
-        if (host == 1 && probe == 3 && !onProbe.empty() && std::system(onProbe.c_str()) != 0)
-          std::fputs("onProbe command failed\n", stderr);
-      };
-      HostStatisticsRetriever retriever(
-          hosts, {.count = count, .periodMs = periodMs, .timeoutMs = timeoutMs, .onProbe = reported});
-      std::vector<HostStatistics> stats;
-      const int64_t t0 = NowMs();
-      const bool ok = retriever.retrieve(stats, nullptr);
-      const int64_t ms = NowMs() - t0;
-      std::ostringstream s;
-      s << (ok ? "ok" : "failed") << " v4:" << retriever.socketKind(qz::IpAddress::IPT_IPv4)
-        << " v6:" << retriever.socketKind(qz::IpAddress::IPT_IPv6) << " answered:" << answered << " lost:" << lost;
-      if (ms < atLeastMs || ms >= atLeastMs + 5000)
-        s << " took " << ms << " ms";
-      return s.str() + "\n" + Lines(stats);
-    }();
-    _exit(::write(fds[1], out.data(), out.size()) == ssize_t(out.size()) ? 0 : 1);
-  }
-  ::close(fds[1]);
-  std::string text;
-  char buf[4096];
-  for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;)
-    text.append(buf, size_t(n));
-  ::close(fds[0]);
-  ::waitpid(pid, nullptr, 0);
-  return text;
+  std::string report = "cannot set up the namespace (root or CAP_SYS_ADMIN needed): " + setup;
+  // unshare() and the bare system calls (not glibc's process-wide setresuid()) change this thread alone.
+  std::thread([&] {
+    if (::unshare(CLONE_NEWNET) != 0 ||
+        std::system(("ip link set lo up" + (setup.empty() ? "" : " && " + setup)).c_str()) != 0 ||
+        (nobody && (::syscall(SYS_setgroups, 0, nullptr) != 0 || ::syscall(SYS_setresgid, 65534, 65534, 65534) != 0 ||
+                    ::syscall(SYS_setresuid, 65534, 65534, 65534) != 0)))
+      return;
+    unsigned answered = 0, lost = 0;
+    auto reported = [&](size_t host, unsigned probe, std::optional<double> rtt) {
+      ++(rtt ? answered : lost);
+      if (host == 1 && probe == 3 && !onProbe.empty() && std::system(onProbe.c_str()) != 0)
+        std::fputs("onProbe command failed\n", stderr);
+    };
+    HostStatisticsRetriever retriever(
+        hosts, {.count = count, .periodMs = periodMs, .timeoutMs = timeoutMs, .onProbe = reported});
+    std::vector<HostStatistics> stats;
+    const int64_t t0 = NowMs();
+    const bool ok = retriever.retrieve(stats, nullptr);
+    const int64_t ms = NowMs() - t0;
+    std::ostringstream s;
+    s << (ok ? "ok" : "failed") << " v4:" << retriever.socketKind(qz::IpAddress::IPT_IPv4)
+      << " v6:" << retriever.socketKind(qz::IpAddress::IPT_IPv6) << " answered:" << answered << " lost:" << lost;
+    if (ms < atLeastMs || ms >= atLeastMs + 5000)
+      s << " took " << ms << " ms";
+    report = s.str() + "\n" + Lines(stats);
+  }).join();
+  return report;
 }
 
 } // namespace
