@@ -229,8 +229,7 @@ TEST_F(Tool, InterruptEndsAQuietFollow) {
   qztest::TestHttpServer own;
   own.route("GET", "/db/_changes", [&own](const httplib::Request&, httplib::Response& res) {
     res.set_chunked_content_provider("application/json", [&own](size_t, httplib::DataSink& sink) {
-      sink.os << R"({"seq":"1-q","id":"a","changes":[{"rev":"1-x"}]})"
-                 "\n";
+      sink.os << "{\"seq\":\"1-q\",\"id\":\"a\",\"changes\":[{\"rev\":\"1-x\"}]}\n";
       while (own.sleepUnlessStopping(50)) {
       }
       return false;
@@ -255,8 +254,7 @@ TEST_F(Tool, InterruptEndsAQuietFollow) {
 // cause on every command, within a bound, and no library log line.
 TEST(ToolExitCodes, EveryCommandFailsFastWithTheCodeOfItsCause) {
   qztest::SilentListener silent;
-  std::string silentBase = silent.url();
-  silentBase.pop_back();
+  const std::string silentBase = silent.url().substr(0, silent.url().size() - 1); // without the "/"
   // A network namespace of its own without routes: the name's DNS query cannot leave it.
   const std::string isolated = "unshare -n sh -c 'ip link set lo up && exec \"$@\"' sh ";
   const std::tuple<std::string, std::string, int, std::string, bool> targets[] = {
@@ -279,12 +277,10 @@ TEST(ToolExitCodes, EveryCommandFailsFastWithTheCodeOfItsCause) {
       if (!all && i++ == 6)
         break;
       const auto start = std::chrono::steady_clock::now();
-      const Outcome o = Sh(wrapper + "$CLI " + command, {"B=" + base, "X=" + extra});
-      const auto took = std::chrono::steady_clock::now() - start;
+      EXPECT_THAT(Sh(wrapper + "$CLI " + command, {"B=" + base, "X=" + extra}), Is(code, _, Not(HasSubstr("[error]"))))
+          << base << ": " << command;
+      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << base << ": " << command;
       silent.accepted(); // keeps the backlog free
-      EXPECT_EQ(o.code, code) << base << ": " << command << "\n" << o.err;
-      EXPECT_LT(took, std::chrono::seconds(3)) << base << ": " << command;
-      EXPECT_THAT(o.err, Not(HasSubstr("[error]"))) << "no library log line";
     }
   }
 }
@@ -324,24 +320,24 @@ TEST(ToolJwt, SignVerifyDecode) {
 // array of them or one per option, a text that is not JSON as a string.
 TEST(ToolCouch, ViewOfADatabaseUrl) {
   qztest::TestHttpServer server;
-  server.route("*", "/shop/_design/app/_view/by_city", [](const httplib::Request&, httplib::Response& res) {
+  // The second row's value: the request's body, null without one.
+  server.route("*", "/shop/_design/app/_view/by_city", [](const httplib::Request& req, httplib::Response& res) {
     res.set_content(R"({"total_rows":2,"offset":0,"rows":[{"id":"o1","key":"Lyon","value":12.5},)"
-                    R"({"id":"o2","key":["Paris",1],"value":{"n":40}}]})",
+                    R"({"id":"o2","key":["Paris",1],"value":)" +
+                        (req.body.empty() ? "null" : req.body) + "}]}",
                     "application/json");
   });
   ASSERT_TRUE(server.start()) << server.lastError();
   const std::vector<std::string> env{"S=" + server.baseUrl()};
   const std::pair<const char*, const char*> cases[] = {
-      {"$S/shop", ""},
-      {"$S/shop/", ""},
+      {"$S/shop", "null"},
+      {"$S/shop/", "null"},
       {"$S/shop --keys '[1,\"a\",[2,3]]'", R"({"keys":[1,"a",[2,3]]})"},
       {"$S/shop --keys 1 --keys a --keys [2,3]", R"({"keys":[1,"a",[2,3]]})"}};
-  for (const auto& [args, body] : cases) {
+  for (const auto& [args, body] : cases)
     EXPECT_THAT(Sh(std::string("$CLI couch view ") + args + " app by_city", env),
-                Is(0, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t{\"n\":40}\n"))
+                Is(0, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t" + std::string(body) + "\n"))
         << args;
-    EXPECT_EQ(server.lastRequest().body, body) << args;
-  }
   EXPECT_THAT(Sh("$CLI couch view $S/other app by_city", env), Is(22, _, HasSubstr("httptools couch view: ")));
 }
 
