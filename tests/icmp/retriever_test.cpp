@@ -144,9 +144,9 @@ TEST(IcmpLoopback, ConcurrentRoundsAndManyHostsKeepEveryReply) {
     EXPECT_TRUE(HostStatisticsRetriever(hosts, count, 5, 3000).retrieve(out, nullptr));
     EXPECT_EQ(Lines(out), Answered(hosts, count));
   };
-  const std::vector<std::string> three = {"127.0.0.1", "::1", "127.0.0.1"};
   { // three rounds at once, joined here
-    std::jthread a(round, three, 5), b(round, three, 5), c(round, three, 5);
+    const std::vector<std::string> hosts = {"127.0.0.1", "::1", "127.0.0.1"};
+    std::jthread a(round, hosts, 5), b(round, hosts, 5), c(round, hosts, 5);
   }
   std::vector<std::string> many;
   for (int i = 1; i <= 100; ++i)
@@ -249,9 +249,7 @@ TEST(IcmpThreaded, WorkerRoundsStopAndCancel) {
   EXPECT_FALSE(longRound.retrieve(out, &cancel));
   EXPECT_LT(NowMs() - t0, 5000);
   ASSERT_EQ(out.size(), 1u);
-  EXPECT_EQ(out[0].error, "");
-  EXPECT_GE(out[0].sent, 1u);
-  EXPECT_LT(out[0].sent, 40u);
+  EXPECT_TRUE(out[0].error.empty() && out[0].sent >= 1 && out[0].sent < 40) << out[0].sent << " sent, " << out[0].error;
 
   ASSERT_TRUE(longRound.start(onRound, 1000));
   waitFor(answers, answers + 1);

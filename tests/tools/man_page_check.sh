@@ -11,7 +11,7 @@ cli=$1 page=$2
 text=$(sed -e 's/\\-/-/g' -e 's/\\f[BIRP]//g' -e 's/\\(aq/'"'"'/g' "$page")
 # The subsection headings, one command name a line (headings: "get, head, put").
 headings=$(sed -n 's/^\.SS *//p' "$page" | tr -d '"' | sed 's/ *, */\n/g; s/^ *//; s/ *$//')
-unused=$headings missing=()
+unused=$headings missing=() count=0
 errors=$(mktemp)
 trap 'rm -f "$errors"' EXIT
 
@@ -26,7 +26,6 @@ section_of() {
 # Whether `name` occurs in `body` as a whole option name (not inside a longer one).
 has_option() { grep -qE -- "(^|[^-A-Za-z0-9])$(sed 's/[.]/\\./g' <<<"$1")([^-A-Za-z0-9]|$)" <<<"$2"; }
 
-count=0
 walk() {
   local help subs body o
   help=$("$cli" "$@" --help 2>"$errors")
@@ -46,7 +45,7 @@ walk() {
   unused=$(grep -vxF -- "$*" <<<"$unused")
   body=$(section_of "$*")
   for o in $(options_of "$help"); do
-    [ "$o" = -h ] || [ "$o" = --help ] || has_option "$o" "$body" || missing+=("$o of '$*'")
+    [[ $o == -h || $o == --help ]] || has_option "$o" "$body" || missing+=("$o of '$*'")
   done
 }
 walk
