@@ -126,9 +126,8 @@ TEST_F(Tool, SameExitOutputAndRequestsAsCurl) {
     res.set_content("proxied " + req.method + " " + req.target, "text/plain");
   });
   ASSERT_TRUE(server.start()) << server.lastError();
-  std::ofstream(m_dir + "/lines") << "a=1\r\nb=2\n";
-  std::ofstream(m_dir + "/headers") << "X-From-File: 1\r\nX-Other: two\n";
-  std::ofstream(m_dir + "/netrc") << "machine 127.0.0.1 login al password s3cret\n";
+  run(R"(printf 'a=1\r\nb=2\n' >$D/lines; printf 'X-From-File: 1\r\nX-Other: two\n' >$D/headers; )"
+      R"(echo machine 127.0.0.1 login al password s3cret >$D/netrc)");
   const std::vector<std::string> env{"B=" + server.baseUrl(), "P=" + std::to_string(server.port()), "D=" + m_dir};
   for (const std::string command :
        {"get -H 'X-A: 1' -H 'X-B: 2' -H Accept: -H @$D/headers -A agent/1 -u al:pw $B/echo",
@@ -150,7 +149,6 @@ TEST_F(Tool, SameExitOutputAndRequestsAsCurl) {
         "post --json '{\"a\":1}' $B/echo", "post -d a,b -H 'Content-Type: text/csv' $B/echo",
         "post -X PATCH -d x $B/echo", "put --data-binary @$D/lines -i $B/status/201",
         "delete -w '%{http_code}\\n' $B/status/204"}) {
-    SCOPED_TRACE(command);
     // Header lines that differ between the two clients by design (User-Agent unless -A sets it),
     // and the answer's date.
     const std::regex ignored(std::string("\n(") + (command.find(" -A ") == std::string::npos ? "user-agent|" : "") +
@@ -171,7 +169,7 @@ TEST_F(Tool, SameExitOutputAndRequestsAsCurl) {
       err[tool] = o.err;
     }
     EXPECT_EQ(std::regex_replace(seen[1], ignored, ""), std::regex_replace(seen[0], ignored, ""))
-        << "curl: " << err[0] << "\nhttptools: " << err[1];
+        << command << "\ncurl: " << err[0] << "\nhttptools: " << err[1];
   }
 }
 
@@ -251,10 +249,9 @@ TEST(ToolExitCodes, EveryCommandFailsFastWithTheCodeOfItsCause) {
           "couch upload $X $B/db", "couch conflicts $X $B/db", "es get $X $B/idx id", "es bulk $X $B/idx"}) {
       if (!all && i++ == 6)
         break;
-      const auto start = std::chrono::steady_clock::now();
-      EXPECT_THAT(Sh(wrapper + "$CLI " + command, {"B=" + base, "X=" + extra}), Is(code, _, Not(HasSubstr("[error]"))))
+      EXPECT_THAT(Sh(wrapper + "timeout 3 $CLI " + command, {"B=" + base, "X=" + extra}),
+                  Is(code, _, Not(HasSubstr("[error]"))))
           << base << ": " << command;
-      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << base << ": " << command;
       silent.accepted(); // keeps the backlog free
     }
   }
@@ -272,7 +269,6 @@ TEST(ToolJwt, SignVerifyDecode) {
   // the key lookup.
   const std::string sign = R"(T=$($CLI jwt sign --alg hs384 --secret s3 '{"sub":"al"}') || exit 9; )";
   const std::tuple<std::string, int, Matcher<const std::string&>, Matcher<const std::string&>> cases[] = {
-      {"verify --secret s3 $T", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
       {"verify --secret s3 - <<<$T", 0, HasSubstr(R"("sub": "al")"), IsEmpty()},
       {"verify --secret other $T", 1, IsEmpty(), HasSubstr("ignature")},
       {"verify --secret s3 --algs HS256,HS512 $T", 1, IsEmpty(), Not(IsEmpty())},
@@ -306,8 +302,7 @@ TEST(ToolCouch, ViewOfADatabaseUrl) {
   const std::vector<std::string> env{"S=" + server.baseUrl()};
   const std::pair<const char*, const char*> cases[] = {
       {"$S/shop", "0"},
-      {"$S/shop/", "0"},
-      {"$S/shop --keys '[1,\"a\",[2,3]]'", R"({"keys":[1,"a",[2,3]]})"},
+      {"$S/shop/ --keys '[1,\"a\",[2,3]]'", R"({"keys":[1,"a",[2,3]]})"},
       {"$S/shop --keys 1 --keys a --keys [2,3]", R"({"keys":[1,"a",[2,3]]})"}};
   for (const auto& [args, body] : cases)
     EXPECT_THAT(Sh(std::string("$CLI couch view ") + args + " app by_city", env),
@@ -343,11 +338,9 @@ TEST(ToolTls, SelfSignedCertificateOnLoopback) {
   qztest::NginxFixture nginx;
   ASSERT_TRUE(nginx.start()) << nginx.lastError();
   const std::vector<std::string> env{"S=" + nginx.httpsUrl(""), "C=" + nginx.certificatePath()};
-  EXPECT_THAT(Sh("$CLI get $S/small", env), Is(60, IsEmpty(), HasSubstr("Curl error : 60 (")));
-  const std::tuple<std::string, std::string, int> tools[] = {{"get -s", "$S/small", 0},
-                                                             {"couch view", "$S/db", 22},
-                                                             {"es search", "$S/idx", 22},
-                                                             {"jwt verify", "--jwks $S/small a.b.c", 1}};
+  // get answers "ok"; es search shares its connection options with the couch commands.
+  const std::tuple<std::string, std::string, int> tools[] = {
+      {"get -s", "$S/small", 0}, {"es search", "$S/idx", 22}, {"jwt verify", "--jwks $S/small a.b.c", 1}};
   for (const auto& [command, rest, trustedCode] : tools)
     for (const char* trust : {"", "-k", "--cacert $C"})
       EXPECT_THAT(Sh("$CLI " + command + " " + trust + " " + rest, env),
