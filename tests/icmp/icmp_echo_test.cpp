@@ -192,11 +192,7 @@ TEST(IcmpStatistics, ProbeFiguresComputedByHand) {
       {"ten", {1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000}, {2.8722813232690143, 5, 9, 10, 1}}};
   for (const auto& [name, probes, figures] : cases) {
     HostStatistics s;
-    ComputeProbeFigures(probes, s);
-    std::vector<std::optional<double>> ms;
-    for (const Us& us : probes)
-      ms.push_back(us ? std::optional(double(*us) / 1000) : std::nullopt);
-    EXPECT_EQ(s.probeMs, ms) << name;
+    ComputeProbeFigures(probes, s); // probeMs: the probe book test
     EXPECT_THAT((std::vector{s.stddevMs, s.p50Ms, s.p90Ms, s.p99Ms, s.jitterMs}), Near(figures)) << name;
   }
 }

@@ -191,8 +191,7 @@ TEST_F(Tool, ParallelGet) {
                   "http://127.0.0.1:1/ $S/stall?ms=300"),
               Is(22, MatchesRegex("\\[200\\]\\[404\\]GET\n(.|\n)*\\[200\\]\\[000\\]late\\[200\\]"),
                  HasSubstr("httptools get: HTTP status 404 from " + srv.url("/status/404"))));
-  EXPECT_EQ(Read(m_dir + "/one"), "abc");
-  EXPECT_FALSE(std::filesystem::exists(m_dir + "/two")); // -f: the failed URL writes nothing
+  EXPECT_THAT(run("cat $D/one && ls $D"), Is(0, "abcone\n")); // -f: the failed URL writes nothing
   // Without -f a 404 is an answer; the refused port is the first failure.
   EXPECT_THAT(run("$CLI get -Z -s $S/status/404 http://127.0.0.1:1/ $S/stall?ms=3000 -m 0.5"),
               Is(7, "status 404", IsEmpty()));
@@ -269,8 +268,7 @@ TEST(ToolJwt, SignVerifyDecode) {
       {"decode $T", 0, AllOf(HasSubstr(R"("alg": "HS384")"), HasSubstr(R"("sub": "al")")), IsEmpty()},
       {"decode a.b", 1, IsEmpty(), HasSubstr("Malformed jwt")},
       // The key set: fetched with -H, a status of its own, a kid it lacks.
-      {"verify --jwks $J -H 'X-Key: k' $K", 1, IsEmpty(),
-       HasSubstr("no usable key for kid 'nope' in the key set: No such key {nope}")},
+      {"verify --jwks $J -H 'X-Key: k' $K", 1, IsEmpty(), HasSubstr("no usable key for kid 'nope'")},
       {"verify --jwks $J $K", 22, IsEmpty(), HasSubstr("cannot fetch the key set http://127.0.0.1:")},
       // Without --ttl the token lives one hour: the seconds left.
       {R"(decode $T | grep -Eo '"exp": [0-9]+' | { read -r _ e; echo $((e - $(date +%s))); })", 0,
@@ -287,10 +285,8 @@ TEST(ToolCouch, ViewOfADatabaseUrl) {
   qztest::TestHttpServer server;
   // The second row's value: the request's body, 0 without one.
   server.route("*", "/shop/_design/app/_view/by_city", [](const httplib::Request& req, httplib::Response& res) {
-    res.set_content(R"({"total_rows":2,"offset":0,"rows":[{"id":"o1","key":"Lyon","value":12.5},)"
-                    R"({"id":"o2","key":["Paris",1],"value":)" +
-                        (req.body.empty() ? "0" : req.body) + "}]}",
-                    "application/json");
+    const std::string rows = R"({"id":"o1","key":"Lyon","value":12.5},{"id":"o2","key":["Paris",1],"value":)";
+    res.set_content(R"({"rows":[)" + rows + (req.body.empty() ? "0" : req.body) + "}]}", "application/json");
   });
   ASSERT_TRUE(server.start()) << server.lastError();
   const std::vector<std::string> env{"S=" + server.baseUrl()};

@@ -67,9 +67,8 @@ TEST(PingBesideFping, RoundTripTimesWithinFpingsVariation) {
   const std::regex line(R"(: xmt/rcv/%loss = 5/5/0%, min/avg/max = ([\d.]+)/([\d.]+)/([\d.]+))");
   auto figures = [&line](const Result& r) {
     std::vector<double> v;
-    for (std::sregex_iterator it(r.out.begin(), r.out.end(), line), end; it != end; ++it)
-      for (int k = 1; k <= 3; ++k)
-        v.push_back(std::stod((*it)[k]));
+    for (std::sregex_token_iterator it(r.out.begin(), r.out.end(), line, {1, 2, 3}), end; it != end; ++it)
+      v.push_back(std::stod(*it));
     return v;
   };
   const std::string args = "-c 5 -p 50 -q 127.0.0.1 ::1", fping = "fping " + args + " 2>&1";
