@@ -10,7 +10,8 @@ using namespace qz::icmp::impl;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using u8 = unsigned char;
+using Bytes = std::vector<u8>;
 const ProbeTag kTag{0x0123456789abcdefULL, 7, 3};
 
 // An echo message of `type` (0 or 129 a reply) carrying kTag, as a peer sends it: checksum redone.
@@ -22,24 +23,15 @@ Bytes Echo(bool ipv6, unsigned char type) {
   b[0] = type;
   b[2] = b[3] = 0;
   const uint16_t sum = ipv6 ? 0 : InternetChecksum(b.data(), b.size());
-  b[2] = static_cast<unsigned char>(sum >> 8);
-  b[3] = static_cast<unsigned char>(sum);
+  b[2] = u8(sum >> 8);
+  b[3] = u8(sum);
   return b;
 }
 
 // An IPv4 header (version, header length, total length, TTL, protocol ICMP), then `icmp`.
 Bytes WithIpHeader(const Bytes& icmp, size_t optionWords = 0, int lengthDelta = 0) {
   const size_t header = 20 + 4 * optionWords, total = header + icmp.size() + lengthDelta;
-  Bytes b{static_cast<unsigned char>(0x40 | header / 4),
-          0,
-          static_cast<unsigned char>(total >> 8),
-          static_cast<unsigned char>(total),
-          0,
-          0,
-          0,
-          0,
-          64,
-          1};
+  Bytes b{u8(0x40 | header / 4), 0, u8(total >> 8), u8(total), 0, 0, 0, 0, 64, 1};
   b.resize(header);
   b.insert(b.end(), icmp.begin(), icmp.end());
   return b;

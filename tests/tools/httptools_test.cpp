@@ -1,6 +1,5 @@
 // The httptools program run as a separate process, as a user runs it from a shell: exit codes,
 // what goes to stdout, stderr and -o, and what the server receives.
-#include "support/ElasticEmulator.h"
 #include "support/NginxFixture.h"
 #include "support/Process.h"
 #include "support/SilentListener.h"
@@ -210,17 +209,16 @@ TEST_F(Tool, InterruptEndsAQuietFollow) {
     });
   });
   ASSERT_TRUE(own.start()) << own.lastError();
-  // Once the line is out, the tool waits on a silent connection. The script prints the ms from the
-  // SIGINT to the tool's end (killed after 5 s) and exits with the tool's status. Job control: a
-  // background job of a script would ignore SIGINT otherwise.
-  const Outcome o = run("set -m; $CLI couch changes " + own.url("/db") +
-                        " --follow >$D/feed & p=$!; for i in $(seq 1000); do [ -s $D/feed ] && break; sleep 0.01; "
-                        "done; t=$(date +%s%N); kill -INT $p; for i in $(seq 500); do kill -0 $p 2>/dev/null || "
-                        "break; sleep 0.01; done; kill -9 $p 2>/dev/null; wait $p; rc=$?; "
-                        "echo $((($(date +%s%N) - t) / 1000000)); exit $rc");
-  EXPECT_EQ(o.code, 0) << o.err;
-  EXPECT_LT(std::atoi(o.out.c_str()), 700) << o.out; // libcurl alone: up to 1 s
-  EXPECT_THAT(Read(m_dir + "/feed"), HasSubstr(R"("id":"a")"));
+  // Once the line is out, the tool waits on a silent connection. The script tells when the tool
+  // took 700 ms or more from the SIGINT to its end (libcurl alone: up to 1 s; killed after 5 s),
+  // prints the feed and exits with the tool's status. Job control: a background job of a script
+  // would ignore SIGINT otherwise.
+  EXPECT_THAT(run("set -m; $CLI couch changes " + own.url("/db") +
+                  " --follow >$D/feed & p=$!; for i in $(seq 1000); do [ -s $D/feed ] && break; sleep 0.01; done; "
+                  "t=$(date +%s%N); kill -INT $p; for i in $(seq 500); do kill -0 $p 2>/dev/null || break; sleep 0.01; "
+                  "done; kill -9 $p 2>/dev/null; wait $p; rc=$?; ms=$((($(date +%s%N) - t) / 1000000)); "
+                  "[ $ms -lt 700 ] || echo took $ms ms; cat $D/feed; exit $rc"),
+              Is(0, AllOf(HasSubstr(R"("id":"a")"), Not(HasSubstr("took")))));
 }
 
 // Each family of network commands but ping, against a refused port, a server that never answers,
@@ -299,23 +297,6 @@ TEST(ToolCouch, ViewOfADatabaseUrl) {
                 Is(0, "o1\tLyon\t12.5\no2\t[\"Paris\",1]\t" + std::string(body) + "\n"))
         << args;
   EXPECT_THAT(Sh("$CLI couch view $S/other app by_city", env), Is(22, _, HasSubstr("httptools couch view: ")));
-}
-
-// es search pages the whole result with "size" and "from" of the query, and takes ?q= of the URL.
-TEST(ToolElastic, SearchSizeFromAndQueryString) {
-  qztest::ElasticEmulator elastic;
-  ASSERT_TRUE(elastic.start()) << elastic.lastError();
-  const std::vector<std::string> env{"I=" + elastic.baseUrl() + "/shop"};
-  // Five documents (stored again by each case), then the ids of the hits, one line each.
-  const std::string bulk = R"(printf '{"_id":"d%s","n":%s,"city":"%s"}\n' 1 1 Lyon 2 2 Paris 3 3 Lyon 4 4 Paris )"
-                           R"(5 5 Lyon | $CLI es bulk $I >/dev/null && set -o pipefail && )";
-  const std::pair<std::string, std::string> cases[] = {
-      {R"(--query '{"size":2,"from":1,"sort":[{"n":"asc"}]}' $I)", "d2 d3 "},
-      {R"(--query '{"sort":[{"n":"desc"}]}' --size 1 $I)", "d5 "},
-      {R"(--query '{"sort":[{"n":"asc"}]}' "$I?q=city:Lyon")", "d1 d3 d5 "}};
-  for (const auto& [args, ids] : cases)
-    EXPECT_THAT(Sh(bulk + "$CLI es search --page 1 " + args + " | cut -d'\"' -f4 | tr '\\n' ' '", env), Is(0, ids))
-        << args;
 }
 
 // TLS against nginx's self-signed certificate for 127.0.0.1: every command refuses it as curl does
