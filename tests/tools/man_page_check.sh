@@ -6,14 +6,12 @@
 # nothing on stderr.
 #   man_page_check.sh HTTPTOOLS PAGE
 set -uo pipefail
-cli=$1
-page=$2
+cli=$1 page=$2
 # The page as text: "\-" as "-", font changes dropped, one line per source line.
 text=$(sed -e 's/\\-/-/g' -e 's/\\f[BIRP]//g' -e 's/\\(aq/'"'"'/g' "$page")
 # The subsection headings, one command name a line (headings: "get, head, put").
 headings=$(sed -n 's/^\.SS *//p' "$page" | tr -d '"' | sed 's/ *, */\n/g; s/^ *//; s/ *$//')
-unused=$headings
-missing=()
+unused=$headings missing=() count=0
 errors=$(mktemp)
 trap 'rm -f "$errors"' EXIT
 
@@ -28,7 +26,6 @@ section_of() {
 # Whether `name` occurs in `body` as a whole option name (not inside a longer one).
 has_option() { grep -qE -- "(^|[^-A-Za-z0-9])$(sed 's/[.]/\\./g' <<<"$1")([^-A-Za-z0-9]|$)" <<<"$2"; }
 
-count=0
 walk() {
   local help subs body o
   help=$("$cli" "$@" --help 2>"$errors")
@@ -44,14 +41,11 @@ walk() {
     return
   fi
   count=$((count + 1))
-  if ! grep -qxF -- "$*" <<<"$headings"; then
-    missing+=("command '$*' (no .SS subsection names it)")
-    return
-  fi
+  grep -qxF -- "$*" <<<"$headings" || { missing+=("command '$*' (no .SS subsection names it)"); return; }
   unused=$(grep -vxF -- "$*" <<<"$unused")
   body=$(section_of "$*")
   for o in $(options_of "$help"); do
-    [ "$o" = -h ] || [ "$o" = --help ] || has_option "$o" "$body" || missing+=("$o of '$*'")
+    [[ $o == -h || $o == --help ]] || has_option "$o" "$body" || missing+=("$o of '$*'")
   done
 }
 walk

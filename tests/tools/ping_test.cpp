@@ -1,18 +1,13 @@
-// httptools ping as a process, beside fping: the same counts and exit statuses on loopback and in
-// network namespaces whose routes lose probes, fping's output layouts, and the JSON document.
+// httptools ping as a process, beside fping: fping's output layouts, counts and exit statuses on
+// loopback and in network namespaces whose routes lose probes, and the JSON document.
 #include "support/Process.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <map>
 #include <regex>
-#include <string>
-#include <vector>
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 
@@ -28,48 +23,41 @@ Result Shell(const std::string& command, const std::string& setup = "") {
       setup.empty() ? command : "unshare -n bash -c 'ip link set lo up && " + setup + " && " + command + "'";
   Result r;
   r.code = qztest::RunProgram({"env", "CLI=" HTTPTOOLS_CLI, "bash", "-c", script}, "", r.out, r.err);
-  EXPECT_THAT(r.err, testing::Not(HasSubstr("unshare:"))) << "these tests need root or CAP_SYS_ADMIN";
-  EXPECT_THAT(r.err, testing::Not(HasSubstr("not found"))) << "fping (scripts/install-deps installs it)";
+  EXPECT_THAT(r.err, testing::Not(testing::ContainsRegex("unshare:|not found")))
+      << "these tests need root or CAP_SYS_ADMIN, and fping (scripts/install-deps installs it)";
   return r;
 }
 Result Ping(const std::string& args, const std::string& setup = "") { return Shell("$CLI ping " + args, setup); }
 
-// The summary lines of -c (host to "sent/received/loss") or -C (host to the times, each "-" or "t").
-std::map<std::string, std::string> Summary(const std::string& text) {
-  static const std::regex c(R"((\S+) +: xmt/rcv/%loss = (\d+/\d+/\d+)%)"), vc(R"((\S+) +:((?: (?:-|[\d.]+))+)\n)");
-  std::map<std::string, std::string> hosts;
-  for (std::sregex_iterator it(text.begin(), text.end(), c), end; it != end; ++it)
-    hosts[(*it)[1]] = (*it)[2];
-  for (std::sregex_iterator it(text.begin(), text.end(), vc), end; it != end; ++it)
-    hosts[(*it)[1]] = std::regex_replace((*it)[2].str(), std::regex(R"([\d.]+)"), "t");
-  return hosts;
-}
-
 } // namespace
 
-// fping on stderr, ours on stdout: the same hosts with the same counts (or the same lost probes
-// with -C) and the same exit status. In a namespace a name has no DNS to reach and fails at once.
-TEST(PingBesideFping, SameCountsAndExitStatus) {
-  const std::tuple<std::string, std::string, size_t, int> cases[] = {
-      {"true", "127.0.0.1 ::1", 2, 0},
-      {"ip route add blackhole 127.0.0.2 && ip route add unreachable 127.0.0.3 && ip -6 route add blackhole ::2 && "
-       "ip -6 route add unreachable ::3 && ip route add 10.9.9.9 dev lo",
-       "127.0.0.1 127.0.0.2 127.0.0.3 ::1 ::2 ::3 10.9.9.9", 7, 1},
-      {"true", "127.0.0.1 no-such-host.invalid", 1, 2},
-  };
-  for (const auto& [setup, hosts, summaries, code] : cases)
-    for (const char* mode : {"-c", "-C"}) {
-      SCOPED_TRACE(hosts + " " + mode);
-      const std::string args = std::string(mode) + " 3 -p 20 -t 300 -q " + hosts;
-      const Result fping = Shell("fping " + args, setup), ours = Ping(args, setup);
-      EXPECT_EQ(Summary(fping.err).size(), summaries) << fping.err;
-      EXPECT_EQ(Summary(ours.out), Summary(fping.err)) << ours.out;
-      EXPECT_EQ(ours.code, fping.code) << ours.err;
-      EXPECT_EQ(ours.code, code);
-      // One line, no library log.
-      EXPECT_THAT(ours.err,
-                  testing::MatchesRegex(code == 2 ? "no-such-host.invalid: Cannot resolve host name: [^\n]*\n" : ""));
-    }
+// fping and ours side by side in each of fping's layouts (fping's stdout then stderr, ours all on
+// stdout): the same text with times as "t" and our own figures after fping's in each summary line,
+// and the same exit status. In a namespace of its own, blackhole and unreachable routes refuse the
+// sends and 10.9.9.9 routed to lo drops them.
+TEST(PingBesideFping, SameLayoutsCountsAndExitStatus) {
+  const std::regex time(R"( *\d+\.\d+)"), extra(", stddev =t, p50/p90/p99 =t/t/t, jitter =t\n");
+  const std::string lossy = "ip route add blackhole 127.0.0.2 && ip route add unreachable 127.0.0.3 && ip -6 route add "
+                            "blackhole ::2 && ip -6 route add unreachable ::3 && ip route add 10.9.9.9 dev lo",
+                    all = " 127.0.0.1 127.0.0.2 127.0.0.3 ::1 ::2 ::3 10.9.9.9";
+  // Setup, the options (-i 10 as fping's default: the hosts' replies come in the same order), the
+  // hosts and fping's exit status.
+  const std::tuple<std::string, std::string, std::string, int> cases[] = {{"", "-c 2", " 127.0.0.1 ::1", 0},
+                                                                          {"", "-c 2 -q", " 127.0.0.1 ::1", 0},
+                                                                          {"", "-C 2 -q", " 127.0.0.1 ::1", 0},
+                                                                          {"", "-c 2 -q -s", " 127.0.0.1 ::1", 0},
+                                                                          {lossy, "-c 2", all, 1},
+                                                                          {lossy, "-C 3 -q", all, 1}};
+  for (const auto& [setup, mode, hosts, code] : cases) {
+    SCOPED_TRACE(mode + hosts);
+    const std::string args = mode + " -p 10 -i 10 -t 300" + hosts;
+    const Result fping = Shell("fping " + args, setup), ours = Ping(args, setup);
+    EXPECT_EQ(fping.code, code) << fping.err;
+    EXPECT_EQ(std::to_string(ours.code) + ours.err, std::to_string(code));
+    const std::string text = std::regex_replace(ours.out, time, "t");
+    EXPECT_EQ(std::regex_search(text, extra), mode[1] == 'c');
+    EXPECT_EQ(std::regex_replace(text, extra, "\n"), std::regex_replace(fping.out + fping.err, time, "t"));
+  }
 }
 
 // min/avg/max on loopback against fping's own variation: the difference between two fping runs,
@@ -79,10 +67,8 @@ TEST(PingBesideFping, RoundTripTimesWithinFpingsVariation) {
   const std::regex line(R"(: xmt/rcv/%loss = 5/5/0%, min/avg/max = ([\d.]+)/([\d.]+)/([\d.]+))");
   auto figures = [&line](const Result& r) {
     std::vector<double> v;
-    for (std::sregex_iterator it(r.out.begin(), r.out.end(), line), end; it != end; ++it)
-      for (int k = 1; k <= 3; ++k)
-        v.push_back(std::stod((*it)[k]));
-    EXPECT_EQ(v.size(), 6u) << r.out << r.err;
+    for (std::sregex_token_iterator it(r.out.begin(), r.out.end(), line, {1, 2, 3}), end; it != end; ++it)
+      v.push_back(std::stod(*it));
     return v;
   };
   const std::string args = "-c 5 -p 50 -q 127.0.0.1 ::1", fping = "fping " + args + " 2>&1";
@@ -100,32 +86,8 @@ TEST(PingBesideFping, RoundTripTimesWithinFpingsVariation) {
   ADD_FAILURE() << "min/avg/max outside fping's variation in three attempts:\n" << report;
 }
 
-// Each of fping's layouts as fping prints it (stdout, then stderr), times aside, with our own
-// figures after fping's in each summary line.
-TEST(PingBesideFping, SameLayouts) {
-  // Times, and the blanks that pad them, become "t".
-  const std::regex time(R"( *\d+\.\d+)"), extra(", stddev =t, p50/p90/p99 =t/t/t, jitter =t\n");
-  for (const char* mode : {"-c 2", "-c 2 -q", "-C 2 -q", "-c 2 -q -s"}) {
-    SCOPED_TRACE(mode);
-    // -i 10 as fping's default: the two hosts' replies come in the same order.
-    const std::string args = std::string(mode) + " -p 10 -i 10 -t 2000 127.0.0.1 ::1";
-    const Result fping = Shell("fping " + args), ours = Ping(args);
-    EXPECT_EQ(ours.code, 0) << ours.err;
-    EXPECT_THAT(ours.err, IsEmpty());
-    const std::string text = std::regex_replace(ours.out, time, "t");
-    EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), extra), {}), mode[1] == 'c' ? 2 : 0);
-    EXPECT_EQ(std::regex_replace(text, extra, "\n"), std::regex_replace(fping.out + fping.err, time, "t"));
-  }
-}
-
-// A timed-out probe gets fping's line; --json is one document with each probe's time or null.
-TEST(PingCommand, LostProbesInLinesAndJson) {
-  const Result lines = Ping("-c 2 -p 10 -t 200 10.9.9.9", "ip route add 10.9.9.9 dev lo");
-  EXPECT_EQ(lines.code, 1);
-  EXPECT_EQ(lines.out,
-            "10.9.9.9 : [0], timed out (NaN avg, 100% loss)\n10.9.9.9 : [1], timed out (NaN avg, 100% loss)\n"
-            "\n10.9.9.9 : xmt/rcv/%loss = 2/0/100%\n");
-
+// --json is one document with each probe's time or null.
+TEST(PingCommand, LostProbesInJson) {
   // Times (keys ending in _ms or _s, and the probes' list) become "t".
   const Result r = Ping("--json -C 3 -s -p 10 -t 300 -b 100 127.0.0.1 127.0.0.2", "ip route add blackhole 127.0.0.2");
   EXPECT_EQ(r.code, 1) << r.err;
@@ -140,23 +102,22 @@ TEST(PingCommand, LostProbesInLinesAndJson) {
 }
 
 TEST(PingCommand, ExitStatusesOfFailures) {
-  // The last case in a namespace, as uid 65534: no ICMP socket.
+  // In a namespace: a name has no DNS to reach and fails at once; the last case as uid 65534, with
+  // no ICMP socket.
   const std::tuple<std::string, int, std::string> cases[] = {
       {"", 3, "hosts is required"},
       {"-c 0 127.0.0.1", 3, "--count: Value 0 not in range"},
-      {"-p x 127.0.0.1", 3, "--period"},
       {"-4 -6 127.0.0.1", 3, "--ipv4 excludes --ipv6"},
-      {"-H 0 127.0.0.1", 3, "--ttl"},
-      {"-b 65508 127.0.0.1", 3, "--size"},
       {"-W 0 127.0.0.1", 3, "--timeout"}, // the earlier name of -t
       {"-4 -c 1 ::1", 2, "::1: Cannot resolve host name: Address family"},
+      {"-c 1 no-such-host.invalid", 2, "no-such-host.invalid: Cannot resolve host name: "},
       {"-c 1 127.0.0.1", 4, "127.0.0.1: No ICMP socket could be opened"},
   };
   for (const auto& [args, code, err] : cases) {
     const Result r =
-        code == 4 ? Shell("setpriv --reuid 65534 --regid 65534 --clear-groups $CLI ping " + args, "true") : Ping(args);
-    EXPECT_EQ(r.code, code) << args << ": " << r.err;
+        Shell(std::string(code == 4 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "") + "$CLI ping " + args,
+              "true");
+    EXPECT_EQ(std::to_string(r.code) + r.out, std::to_string(code)) << args << ": " << r.err;
     EXPECT_THAT(r.err, HasSubstr(err)) << args;
-    EXPECT_THAT(r.out, IsEmpty()) << args;
   }
 }
