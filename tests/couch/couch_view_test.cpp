@@ -99,10 +99,8 @@ protected:
 TEST(CouchConnectionParameters, BuildFromDbUrlAndDerivedUrls) {
   const std::tuple<std::string, bool, std::string, std::string> cases[] = {
       // URL, ok, db, server URL when ok
-      {"https://u:p@couch.example.com:6984/prefix/mydb", true, "mydb", "https://u:p@couch.example.com:6984/prefix"},
-      {"http://h/my%20db", true, "my db", "http://h"},
+      {"https://u:p@couch.example.com:6984/prefix/my%20db", true, "my db", "https://u:p@couch.example.com:6984/prefix"},
       {"http://127.0.0.1:5984", false, "", ""},
-      {"not a url at all", false, "", ""},
       {"/only/a/path", false, "path", ""}, // parses, but names no server
   };
   for (const auto& [url, ok, db, server] : cases) {
@@ -111,45 +109,20 @@ TEST(CouchConnectionParameters, BuildFromDbUrlAndDerivedUrls) {
     const bool built = CouchConnectionParameters::BuildFromDbUrl(&params, &name, url);
     EXPECT_EQ(std::tuple(built, name, built ? params.toEncodedUrl() : ""), std::tuple(ok, db, server)) << url;
   }
-  std::string name = "stale";
-  EXPECT_FALSE(CouchConnectionParameters::BuildFromDbUrl(nullptr, &name, "http://h/db"));
-  EXPECT_TRUE(name.empty());
-
   const CouchConnectionParameters server(qz::Url("http://admin:pw@127.0.0.1:5984/couch?ignored=1"));
   const std::string db = "http://admin:pw@127.0.0.1:5984/couch/db";
-  const std::pair<qz::Url, std::string> urls[] = {
-      {server.toDatabaseUrl("db", {{"include_docs", "true"}, {"key", "\"a b\""}}),
-       db + "?include_docs=true&key=%22a%20b%22"},
-      {server.toDocumentUrl("db", "a/b c", {}), db + "/a%2Fb%20c"},
-      {server.toDesignDocumentUrl("db", "app", {}), db + "/_design/app"},
-      {qz::couch::BuildViewUrl(server, "db", "", "", -1), db + "/_all_docs"},
-      {qz::couch::BuildViewUrl(server, "db", "", "", 0), db + "/_all_docs?limit=0"},
-      {qz::couch::BuildViewUrl(server, "db", "app", "by date", 25), db + "/_design/app/_view/by%20date?limit=25"},
-  };
-  for (const auto& [url, want] : urls)
-    EXPECT_EQ(url.toEncodedUrl(), want);
-  EXPECT_EQ(server.toEncodedUrl(), "http://admin:pw@127.0.0.1:5984/couch?ignored=1"); // left as it was
+  EXPECT_EQ(server.toDatabaseUrl("db", {{"include_docs", "true"}, {"key", "\"a b\""}}).toEncodedUrl(),
+            db + "?include_docs=true&key=%22a%20b%22");
+  EXPECT_EQ(server.toDocumentUrl("db", "a/b c", {}).toEncodedUrl(), db + "/a%2Fb%20c");
+  EXPECT_EQ(server.toDesignDocumentUrl("db", "app", {}).toEncodedUrl(), db + "/_design/app");
 }
 
-// Cut points of every kind are the random test's; here the rows' ids, keys and values.
-TEST(ViewResultStreamParser, BothLayoutsByteByByteAndOnlyTheUnconsumedTailBuffered) {
-  Rows expected;
-  for (const auto& text : kRowTexts) {
-    qz::qzVariantMapImpl m;
-    ASSERT_TRUE(qz::json::Json2Variant::Convert(text, m)) << text;
-    Rows::Take(m["id"].toString(), m["key"], m["value"], &expected);
-  }
-  for (const auto& text : {layout(kRowTexts, true), layout(kRowTexts, false)}) {
-    Rows c;
-    ViewResultStreamParser parser(&Rows::Take, &c, &kNotCancelled);
-    for (const char& byte : text)
-      ASSERT_TRUE(parser.feed(&byte, 1)) << text;
-    EXPECT_EQ(c.rows, expected.rows) << text;
-  }
+// Rows arriving in big chunks: only the partial row is kept between feeds.
+TEST(ViewResultStreamParser, OnlyTheUnconsumedTailBuffered) {
   std::vector<std::string> rows;
   for (int i = 0; i < 5000; ++i)
-    rows.push_back(R"({"id":"doc)" + std::to_string(i) + R"(","key":["k",)" + std::to_string(i) +
-                   R"(],"value":{"text":"some {[ text ]}","n":)" + std::to_string(i) + "}}");
+    rows.push_back(R"({"value":{"text":"some {[ text ]}","n":)" + std::to_string(i) + R"(},"key":["k",)" +
+                   std::to_string(i) + R"(],"id":"doc)" + std::to_string(i) + "\"}"); // members in any order
   const std::string text = layout(rows, true);
   const size_t chunk = 4096;
   Rows c;
