@@ -107,12 +107,8 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
 
   // Follow from the checkpoint while documents change; stop; change more; resume.
   ChangesFeedListener follow(*s_pool, server(), db, {.since = "5", .continuous = true});
-  std::mutex mutex;
-  std::string followed;
-  ASSERT_TRUE(follow.start([&](const Change& c) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return followed += c.id + (c.deleted ? "- " : "+ "), true;
-  }));
+  std::string followed; // read once the feed's thread is stopped
+  ASSERT_TRUE(follow.start([&](const Change& c) { return followed += c.id + (c.deleted ? "- " : "+ "), true; }));
   ASSERT_EQ(put("d5", "{}"), 201);
   ASSERT_EQ(s_server->request("DELETE", "/" + db + "/d2?rev=" + rev("d2")), 200);
   for (int i = 0; i < 1000 && follow.changeCount() < 2; ++i)
@@ -252,15 +248,13 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChangedAndGetter
       &written, &error, nullptr))
       << error;
   EXPECT_EQ(std::tuple(written, raced.size(), proxy.acted(0)), std::tuple(34u, 14u, 1u));
-  for (const std::string& id : ids) {
+  for (const std::string& id : std::vector(ids.begin(), ids.end() - 1)) { // not "absent"
     const std::string want = role(id) == 3     ? "error:not_found reason:missing /0"
                              : raced.count(id) ? "n:11 other:true /0"
                              : role(id) == 5   ? "n:1 /0 +a"
                              : id == "u29"     ? "n:0 /0"
                                                : "n:1 /0";
-    if (id != "absent") {
-      EXPECT_EQ(state(id) + (doc(id).count("_attachments") ? " +a" : ""), want) << id;
-    }
+    EXPECT_EQ(state(id) + (doc(id).count("_attachments") ? " +a" : ""), want) << id;
   }
 
   // The getter: deleted and absent ids are reported missing, in the order asked.
@@ -280,8 +274,8 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChangedAndGetter
 }
 
 TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerItemFailures) {
-  for (const char* id :
-       {"doc-00077", "doc-00100", "doc-12345"}) // doc-00100 is not in the way: it gets an id of its own
+  // doc-00100 is not in the way: that document gets an id of its own.
+  for (const char* id : {"doc-00077", "doc-00100", "doc-12345"})
     ASSERT_EQ(put(id, "{}"), 201);
   const size_t total = 20000;
   // In every batch, i % 100 == 25 deletes one of these and i % 100 == 50 has an inline attachment.
@@ -308,14 +302,12 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   std::string error;
   EXPECT_FALSE(up.flush(&error));
   EXPECT_NE(error.find("2 document(s) not stored"), std::string::npos) << error;
-  auto failures = up.failures();
-  std::sort(failures.begin(), failures.end());
-  EXPECT_THAT(failures, testing::ElementsAre(testing::Pair("doc-00077", testing::HasSubstr("conflict")),
-                                             testing::Pair("doc-12345", testing::HasSubstr("conflict"))));
+  EXPECT_THAT(up.failures(), testing::UnorderedElementsAre(testing::Pair("doc-00077", testing::HasSubstr("conflict")),
+                                                           testing::Pair("doc-12345", testing::HasSubstr("conflict"))));
   EXPECT_EQ(std::tuple(up.uploaded(), proxy.acted(0)), std::tuple(total - 2, 3u));
   const qzVariantMapImpl info = get("/" + db).toMap();
-  EXPECT_EQ(info.at("doc_count").toInt64(), int64_t(total + 1 - 200));
-  EXPECT_EQ(info.at("update_seq").toInt64(), int64_t(total + 201)); // nothing written twice
+  EXPECT_EQ(std::tuple(info.at("doc_count").toInt64(), info.at("update_seq").toInt64()), // nothing written twice
+            std::tuple(int64_t(total + 1 - 200), int64_t(total + 201)));
   EXPECT_EQ(doc("doc-19950")["_attachments"].toMap().at("a").toMap().at("length").toInt64(), 2);
 }
 
@@ -414,14 +406,11 @@ TEST_F(CouchQueryOnPouchDb, StoredCheckpointResumesAFeedWhereTheLastConsumerStop
   // Another writer moved the checkpoint meanwhile: the save reads it again and wins.
   FeedCheckpoint stale(*s_pool, server(), db, "one");
   std::string seq;
-  ASSERT_TRUE(stale.load(seq));
-  EXPECT_EQ(seq, "3");
+  ASSERT_TRUE(stale.load(seq) && seq == "3") << seq;
   ASSERT_EQ(put("_local/one", R"({"seq":"2","_rev":")" + rev("_local/one") + "\"}"), 201);
   EXPECT_TRUE(stale.save("4"));
   EXPECT_EQ(follow("one"), "");
-  std::string answer;
-  ASSERT_EQ(s_server->request("GET", "/" + db + "/_changes", {}, &answer), 200);
-  EXPECT_EQ(answer.find("_local"), std::string::npos); // the checkpoint is no change
+  EXPECT_EQ(get("/" + db + "/_changes").toString().find("_local"), std::string::npos); // the checkpoint is no change
 }
 
 const char* const kSelectorDocs[] = {
@@ -441,7 +430,6 @@ struct Case {
 const Case kCases[] = {
     {R"({"n":1})", "a"},
     {R"({"n":{"$gt":2}})", "bcd"}, // the string "3" sorts after every number
-    {R"({"n":{"$lt":"a"}})", "abcd"},
     {R"({"n":{"$gt":1,"$lt":10}})", "b"},
     // A missing field matches nothing but $exists false; pouchdb-server lets $ne match it.
     {R"({"n":{"$ne":1}})", "bcd", false},
@@ -629,8 +617,7 @@ TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) 
   Fill(*s_server, db, 40);
   qztest::FaultProxy proxy(s_server->port());
   // The second _bulk_get is refused: the first batch (a quarter of the feed's first page) is logged, no more.
-  const CouchConnectionParameters viaProxy =
-      through(proxy, qztest::FaultProxy::Match("POST", "/_bulk_get", qztest::FaultProxy::Refuse).from(2).answer(400));
+  through(proxy, qztest::FaultProxy::Match("POST", "/_bulk_get", qztest::FaultProxy::Refuse).from(2).answer(400));
   const std::string file = ::testing::TempDir() + db + ".ndjson", log = ::testing::TempDir() + db + ".log";
   std::remove(file.c_str());
   std::remove(log.c_str());
@@ -663,11 +650,9 @@ TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) 
 
   s_server->request("DELETE", "/" + db + "_copy");
   ASSERT_EQ(s_server->request("PUT", "/" + db + "_copy"), 201);
-  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "restore", s_server->baseUrl() + "/" + db + "_copy", file}, "",
-                               out, err),
-            0)
-      << err;
-  EXPECT_EQ(out, "{\"revisions\":48,\"stored\":48,\"failed\":0,\"invalid\":0}\n");
+  const int rc = qztest::RunProgram({HTTPTOOLS_CLI, "couch", "restore", s_server->baseUrl() + "/" + db + "_copy", file},
+                                    "", out, err);
+  EXPECT_EQ(std::to_string(rc) + " " + out, "0 {\"revisions\":48,\"stored\":48,\"failed\":0,\"invalid\":0}\n") << err;
   EXPECT_EQ(contents(db + "_copy"), contents(db));
 }
 #endif
