@@ -55,17 +55,12 @@ protected:
   // document with its history, and each document's winner with its conflicts.
   std::map<std::string, std::string> contents(const std::string& name) const {
     std::map<std::string, std::string> out;
-    const qzVariant feed = get("/" + name + "/_changes?style=all_docs");
+    const qzVariant feed = get("/" + name + "/_changes");
     for (const qzVariant& row : feed.toMap().at("results").toList()) {
-      const std::string id = row.toMap().at("id").toString();
-      for (const qzVariant& c : row.toMap().at("changes").toList()) {
-        const std::string rev = c.toMap().at("rev").toString();
-        out["leaf " + id + " " + rev] =
-            get("/" + name + "/" + id + "?revs=true&attachments=true&rev=" + rev).toString();
-      }
+      const std::string id = row.toMap().at("id").toString(), at = "/" + name + "/" + id;
       int status = 0;
-      const std::string winner = get("/" + name + "/" + id + "?conflicts=true", &status).toString();
-      out["winner " + id] = std::to_string(status) + winner;
+      const std::string winner = get(at + "?conflicts=true", &status).toString();
+      out[id] = std::to_string(status) + winner + get(at + "?open_revs=all&revs=true&attachments=true").toString();
     }
     return out;
   }
@@ -276,11 +271,6 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   for (const char* id : {"doc-00077", "doc-00100", "doc-12345"})
     ASSERT_EQ(put(id, "{}"), 201);
   const size_t total = 20000;
-  // In every batch, i % 100 == 25 deletes one of these and i % 100 == 50 has an inline attachment.
-  std::string gone;
-  for (size_t i = 25; i < total; i += 100)
-    gone += std::string(gone.empty() ? "" : ",") + R"({"_id":"gone-)" + std::to_string(i) + R"(","_rev":"1-a"})";
-  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", R"({"new_edits":false,"docs":[)" + gone + "]}"), 201);
   // Answers of applied batches are lost: their retries store nothing twice, fail nothing.
   qztest::FaultProxy proxy(s_server->port());
   const auto lost = qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer).from(2).repeat(3);
@@ -291,10 +281,6 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
     qzVariantMapImpl d{{"i", int64_t(i)}, {"pad", std::string(180, 'x')}};
     if (i % 100 != 0) // every hundredth has no id
       d["_id"] = id;
-    if (i % 100 == 25)
-      d = {{"_id", "gone-" + std::to_string(i)}, {"_rev", "1-a"}, {"_deleted", true}};
-    if (i % 100 == 50)
-      d["_attachments"] = qzVariantMapImpl{{"a", qzVariantMapImpl{{"content_type", "text/plain"}, {"data", "aGk="}}}};
     ASSERT_TRUE(up.add(std::move(d)));
   }
   std::string error;
@@ -305,8 +291,7 @@ TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerIt
   EXPECT_EQ(std::tuple(up.uploaded(), proxy.acted(0)), std::tuple(total - 2, 3u));
   const qzVariantMapImpl info = get("/" + db).toMap();
   EXPECT_EQ(std::tuple(info.at("doc_count").toInt64(), info.at("update_seq").toInt64()), // nothing written twice
-            std::tuple(int64_t(total + 1 - 200), int64_t(total + 201)));
-  EXPECT_EQ(doc("doc-19950")["_attachments"].toMap().at("a").toMap().at("length").toInt64(), 2);
+            std::tuple(int64_t(total + 1), int64_t(total + 1)));
 }
 
 using CouchQueryOnPouchDb = CouchToolsOnPouchDb;
@@ -544,8 +529,8 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
     std::map<std::string, std::string> want = contents(db), got = contents(target);
     if (!attachments) { // the same revision, without its attachment
       EXPECT_EQ(get("/" + target + "/att").toMap().count("_attachments"), 0u);
-      for (auto* m : {&want, &got})
-        std::erase_if(*m, [](const auto& e) { return e.first.starts_with("leaf att") || e.first == "winner att"; });
+      want.erase("att");
+      got.erase("att");
     }
     EXPECT_EQ(got, want);
     EXPECT_EQ(s_server->request("GET", "/" + target + "/_local/mine"), 404);
