@@ -70,9 +70,8 @@ TEST(ChangesFeedParser, LayoutsAndSeqsAtEveryChunkingAndMalformedFeedsStopIt) {
       {R"({"results":[{"seq":"12-g1AAAA\"x","id":"a","changes":[]},)"
        R"({"seq":[4,"abc"],"id":"b","changes":[]}],"last_seq":"13-g1AAAB"})",
        R"(12-g1AAAA"x a|[4,"abc"] b|@13-g1AAAB)", ""},
-      {R"({"results":[{"id":"a","seq":12345678901234567890},{"seq":1.0e3,"id":"b"}],)"
-       R"("last_seq":123456789012345678901234567890})",
-       "12345678901234567890 a|1.0e3 b|@123456789012345678901234567890", ""},
+      {R"({"results":[{"id":"a","seq":12345678901234567890},{"seq":1.0e3,"id":"b"}],"last_seq":1e30})",
+       "12345678901234567890 a|1.0e3 b|@1e30", ""},
       {"{\"seq\":9007199254740993,\"id\":\"a\",\"doc\":{\"seq\":1}}\n{\"last_seq\":9007199254740993}",
        R"(9007199254740993 a {"seq":1}|@9007199254740993)", ""},
       // Under seq_interval most rows have no seq: they are changes, not checkpoints.
@@ -352,8 +351,7 @@ TEST_F(CouchOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
     end();
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(400));
   };
-  ChangesOptions o{.continuous = true};
-  ChangesFeedListener feed(pool, server(), "db", o);
+  ChangesFeedListener feed(pool, server(), "db", {.continuous = true});
   std::atomic<int> seen{0};
   ASSERT_TRUE(feed.start([&](const Change&) { return ++seen, true; }));
   EXPECT_FALSE(feed.start([](const Change&) { return true; }));
@@ -371,9 +369,7 @@ TEST_F(CouchOnTestServer, StopAndCancelEndAQuietFollowOrAWaitPromptly) {
   EXPECT_TRUE(runOk.load());
 
   // A wait of an hour for Retry-After (capped at ten minutes) ends too.
-  o.continuous = false;
-  o.backoffMaxMs = 600000;
-  ChangesFeedListener slow(pool, server(), "slow", o);
+  ChangesFeedListener slow(pool, server(), "slow", {.backoffMaxMs = 600000});
   ASSERT_TRUE(slow.start([](const Change&) { return true; }));
   promptly(attempt, [&] { slow.stop(); });
   EXPECT_EQ(attempt.load(), 1);
