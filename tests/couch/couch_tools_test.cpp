@@ -7,30 +7,25 @@
 #include <HttpTools/couch/CouchViewQuery.h>
 #include <HttpTools/couch/FeedCheckpoint.h>
 #include <HttpTools/couch/MangoSelector.h>
-#include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnection.h>
-#include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
 #include "support/FaultProxy.h"
 #include "support/PouchDbTest.h"
 #include "support/Process.h"
-#include "support/TestHttpServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <tuple>
 
 // Options by designated initializers: the members left out keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -60,17 +55,12 @@ protected:
   // document with its history, and each document's winner with its conflicts.
   std::map<std::string, std::string> contents(const std::string& name) const {
     std::map<std::string, std::string> out;
-    const qzVariant feed = get("/" + name + "/_changes?style=all_docs");
+    const qzVariant feed = get("/" + name + "/_changes");
     for (const qzVariant& row : feed.toMap().at("results").toList()) {
-      const std::string id = row.toMap().at("id").toString();
-      for (const qzVariant& c : row.toMap().at("changes").toList()) {
-        const std::string rev = c.toMap().at("rev").toString();
-        out["leaf " + id + " " + rev] =
-            get("/" + name + "/" + id + "?revs=true&attachments=true&rev=" + rev).toString();
-      }
+      const std::string id = row.toMap().at("id").toString(), at = "/" + name + "/" + id;
       int status = 0;
-      const std::string winner = get("/" + name + "/" + id + "?conflicts=true", &status).toString();
-      out["winner " + id] = std::to_string(status) + winner;
+      const std::string winner = get(at + "?conflicts=true", &status).toString();
+      out[id] = std::to_string(status) + winner + get(at + "?open_revs=all&revs=true&attachments=true").toString();
     }
     return out;
   }
@@ -95,32 +85,25 @@ protected:
 TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   for (int i = 0; i < 5; ++i)
     ASSERT_EQ(put("d" + std::to_string(i), R"({"n":)" + std::to_string(i) + "}"), 201);
-  std::string error;
   // The ids a run delivers and its checkpoint; the documents, when asked for, are the ids' own.
-  auto run = [&](const ChangesOptions& o, const std::string& name, const CouchConnectionParameters& at) {
-    ChangesFeedListener feed(*s_pool, at, name, o);
-    std::string ids;
-    const bool ok = feed.run(
+  auto run = [&](const ChangesOptions& o, const CouchConnectionParameters& at) {
+    ChangesFeedListener feed(*s_pool, at, db, o);
+    std::string ids, error;
+    EXPECT_TRUE(feed.run(
         [&](const Change& c) {
           EXPECT_EQ(c.doc.isNull() ? -1 : c.doc.toMap().at("n").toInt64(), o.includeDocs ? c.id[1] - '0' : -1);
           return ids += c.id + " ", true;
         },
-        &error);
-    return (ok ? "" : "failed ") + ids + "@" + feed.lastSeq();
+        &error))
+        << error;
+    return ids + "@" + feed.lastSeq();
   };
-  ChangesOptions o{.includeDocs = true, .batchLimit = 2}; // three requests
-  EXPECT_EQ(run(o, db, server()), "d0 d1 d2 d3 d4 @5") << error;
+  EXPECT_EQ(run({.includeDocs = true, .batchLimit = 2}, server()), "d0 d1 d2 d3 d4 @5"); // three requests
 
   // Follow from the checkpoint while documents change; stop; change more; resume.
-  o.continuous = true;
-  o.since = "5";
-  ChangesFeedListener follow(*s_pool, server(), db, o);
-  std::mutex mutex;
-  std::string followed;
-  ASSERT_TRUE(follow.start([&](const Change& c) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return followed += c.id + (c.deleted ? "- " : "+ "), true;
-  }));
+  ChangesFeedListener follow(*s_pool, server(), db, {.since = "5", .continuous = true});
+  std::string followed; // read once the feed's thread is stopped
+  ASSERT_TRUE(follow.start([&](const Change& c) { return followed += c.id + (c.deleted ? "- " : "+ "), true; }));
   ASSERT_EQ(put("d5", "{}"), 201);
   ASSERT_EQ(s_server->request("DELETE", "/" + db + "/d2?rev=" + rev("d2")), 200);
   for (int i = 0; i < 1000 && follow.changeCount() < 2; ++i)
@@ -129,8 +112,8 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
   EXPECT_EQ(followed, "d5+ d2- ");
   ASSERT_EQ(put("d6", "{}"), 201);
   ASSERT_EQ(put("d7", "{}"), 201);
-  ChangesOptions rest{.since = follow.lastSeq()};
-  EXPECT_EQ(run(rest, db, server()), "d6 d7 @9") << error;
+  EXPECT_EQ(run({.since = follow.lastSeq()}, server()), "d6 d7 @9");
+  EXPECT_EQ(run({.docIds = {"d7", "d1", "nope"}}, server()), "d1 d7 @9"); // d7's change
 
   // Longpoll from the end: the request waits for the next change, written once it is out.
   qztest::FaultProxy proxy(s_server->port());
@@ -140,17 +123,8 @@ TEST_F(CouchToolsOnPouchDb, FeedCatchesUpFollowsAndResumesWithoutLossOrRepeat) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(put("d8", "{}"), 201);
   });
-  rest.longpoll = true;
-  rest.since = "9";
-  EXPECT_EQ(run(rest, db, viaProxy), "d8 @10") << error;
+  EXPECT_EQ(run({.since = "9", .longpoll = true}, viaProxy), "d8 @10");
   writer.join();
-
-  rest.longpoll = false;
-  rest.since = "0";
-  rest.docIds = {"d7", "d1", "nope"};
-  EXPECT_EQ(run(rest, db, server()), "d1 d7 @9") << error; // d7's change
-  EXPECT_EQ(run(rest, db + "-none", server()).substr(0, 7), "failed ");
-  EXPECT_NE(error.find("not_found"), std::string::npos) << error;
 }
 
 // The resolver that merges: the union of every leaf's fields.
@@ -174,16 +148,12 @@ TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedAndEveryLeafIsKeptUntilTheWinnerIs
   std::string error;
   ASSERT_TRUE(solver.findConflicts(ids, &error, nullptr)) << error;
   EXPECT_EQ(ids, (std::vector<std::string>{"c1", "c2", "c3", "z1"}));
-  bool solved = false;
-  ASSERT_TRUE(solver.solve("z1", &error, &solved)) << error;
 
-  // Default: CouchDB's winner stays as it is; the other leaf goes.
+  // Default: CouchDB's winner stays as it is; the other leaf goes, and there is nothing left to solve.
   const qzVariantMapImpl before = doc("c1");
-  ASSERT_TRUE(solver.solve("c1", &error, &solved)) << error;
-  EXPECT_TRUE(solved);
-  EXPECT_EQ(doc("c1", "?conflicts=true"), before);
-  ASSERT_TRUE(solver.solve("c1", &error, &solved)) << error;
-  EXPECT_FALSE(solved);
+  bool solved = false, again = true;
+  ASSERT_TRUE(solver.solve("c1", &error, &solved) && solver.solve("c1", &error, &again)) << error;
+  EXPECT_EQ(std::tuple(solved, again, doc("c1", "?conflicts=true")), std::tuple(true, false, before));
 
   size_t seenLeaves = 0, count = 0;
   solver.setResolver([&](const std::string& id, const std::vector<qzVariantMapImpl>& leaves, qzVariantMapImpl& w) {
@@ -191,20 +161,14 @@ TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedAndEveryLeafIsKeptUntilTheWinnerIs
     return Merge(id, leaves, w);
   });
   ASSERT_TRUE(solver.solveAll(&count, &error, nullptr)) << error;
-  EXPECT_EQ(count, 2u);
-  EXPECT_EQ(seenLeaves, 2u);
-  EXPECT_EQ(state("c2") + state("c3"), "a:1 b:2 /0a:1 b:2 /0");
+  EXPECT_EQ(std::tuple(count, seenLeaves, state("c2") + state("z1")), std::tuple(3u, 2u, "a:1 b:2 /0a:1 b:2 /0"));
   ASSERT_TRUE(solver.solveAll(&count, &error, nullptr)) << error;
   EXPECT_EQ(count, 0u);
-  ASSERT_TRUE(solver.findConflicts(ids, &error, nullptr));
-  EXPECT_TRUE(ids.empty());
 
-  // A resolver that declines leaves the document conflicted.
-  conflict("c4");
-  solver.setResolver([](const std::string&, const std::vector<qzVariantMapImpl>&, qzVariantMapImpl&) { return false; });
+  conflict("c4"); // a resolver that declines leaves the document conflicted
+  solver.setResolver([](const auto&, const auto&, auto&) { return false; });
   ASSERT_TRUE(solver.solve("c4", &error, &solved));
-  EXPECT_FALSE(solved);
-  EXPECT_EQ(state("c4"), "b:2 /1");
+  EXPECT_EQ(std::tuple(solved, state("c4")), std::tuple(false, "b:2 /1"));
 
   // Through a proxy: lost answers, another writer, a resolver that throws.
   using P = qztest::FaultProxy;
@@ -230,30 +194,23 @@ TEST_F(CouchToolsOnPouchDb, ConflictsAreSolvedAndEveryLeafIsKeptUntilTheWinnerIs
     conflict(id);
     proxy.clearRules();
     proxy.addRule(rule);
-    const bool ok = !*why;
-    EXPECT_EQ(faulty.solve(id, &error, &solved), ok);
-    EXPECT_EQ(solved, ok);
+    const bool ok = !*why, result = faulty.solve(id, &error, &solved);
+    EXPECT_EQ(std::tuple(result, solved, proxy.acted(0)), std::tuple(ok, ok, 1u)); // the fault did happen
     EXPECT_NE(error.find(why), std::string::npos) << error;
-    EXPECT_EQ(proxy.acted(0), 1u); // the fault did happen
     EXPECT_TRUE(state(id).ends_with(after)) << state(id);
-    if (!ok) { // nothing lost: the other leaf is there
-      EXPECT_EQ(doc(id, "?rev=1-ffff")["b"].toInt64(), 2);
-    }
+    EXPECT_TRUE(ok || doc(id, "?rev=1-ffff")["b"].toInt64() == 2); // nothing lost: the other leaf is there
   }
   // The two that fail again do not hold c4 back.
   EXPECT_FALSE(faulty.solveAll(&count, &error, nullptr));
-  EXPECT_EQ(count, 1u);
-  EXPECT_EQ(state("c4"), "a:1 b:2 /0");
+  EXPECT_EQ(std::tuple(count, state("c4")), std::tuple(1u, "a:1 b:2 /0"));
   EXPECT_NE(error.find("(and 1 more document(s) not solved)"), std::string::npos) << error;
 }
 
 TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChangedAndGetterReportsTheMissing) {
   // By i % 7: 3 is deleted, 5 gets an inline attachment, the rest counts up; every batch has each.
   std::vector<std::string> ids;
-  for (int i = 0; i < 35; ++i) {
-    ids.push_back("u" + std::to_string(i));
-    ASSERT_EQ(put(ids.back(), R"({"n":0})"), 201);
-  }
+  for (int i = 0; i < 35; ++i)
+    ASSERT_EQ(put(ids.emplace_back("u" + std::to_string(i)), R"({"n":0})"), 201);
   ids.push_back("absent");
   auto role = [](const std::string& id) { return id == "absent" ? -1 : std::stoi(id.substr(1)) % 7; };
   std::set<std::string> raced;
@@ -281,91 +238,71 @@ TEST_F(CouchToolsOnPouchDb, UpdaterRetriesDocumentsAnotherWriterChangedAndGetter
       },
       &written, &error, nullptr))
       << error;
-  EXPECT_EQ(written, 34u);
-  EXPECT_EQ(raced.size(), 14u);
-  for (const std::string& id : ids) {
+  EXPECT_EQ(std::tuple(written, raced.size(), proxy.acted(0)), std::tuple(34u, 14u, 1u));
+  for (const std::string& id : std::vector(ids.begin(), ids.end() - 1)) { // not "absent"
     const std::string want = role(id) == 3     ? "error:not_found reason:missing /0"
                              : raced.count(id) ? "n:11 other:true /0"
                              : role(id) == 5   ? "n:1 /0 +a"
                              : id == "u29"     ? "n:0 /0"
                                                : "n:1 /0";
-    if (id != "absent") {
-      EXPECT_EQ(state(id) + (doc(id).count("_attachments") ? " +a" : ""), want) << id;
-    }
+    EXPECT_EQ(state(id) + (doc(id).count("_attachments") ? " +a" : ""), want) << id;
   }
-  EXPECT_EQ(proxy.acted(0), 1u);
 
   // The getter: deleted and absent ids are reported missing, in the order asked.
   ids.insert(ids.begin() + 10, "absent-1");
   DocumentGetter getter(*s_pool, server(), db, 3);
   getter.setBatchSize(4);
-  std::mutex mutex;
-  std::map<std::string, int64_t> got;
+  std::atomic<int64_t> read{0}, sum{0}; // the updates above: 14 * 11 + 15 * 1 + 0
   std::vector<std::string> missing;
   ASSERT_TRUE(getter.get(
-      ids,
-      [&](const std::string& id, qzVariant& d) {
-        std::lock_guard<std::mutex> lock(mutex);
-        got[id] = d.toMap().at("n").toInt64();
-      },
-      &missing, &error, nullptr))
+      ids, [&](const std::string&, qzVariant& d) { ++read, sum += d.toMap().at("n").toInt64(); }, &missing, &error,
+      nullptr))
       << error;
   EXPECT_EQ(missing, (std::vector<std::string>{"u3", "absent-1", "u10", "u17", "u24", "u31", "absent"}));
-  EXPECT_EQ(got.size(), 30u);
-  EXPECT_EQ(got["u29"] + got["u34"], 11);
+  EXPECT_EQ(std::tuple(read.load(), sum.load()), std::tuple(30, 169));
   const bool cancel = true;
   EXPECT_FALSE(getter.get(ids, nullptr, &missing, &error, &cancel));
 }
 
 TEST_F(CouchToolsOnPouchDb, UploaderStoresTwentyThousandDocumentsAndReportsPerItemFailures) {
-  ASSERT_EQ(put("doc-00077", "{}"), 201);
-  ASSERT_EQ(put("doc-00100", "{}"), 201); // not in the way: that document gets an id of its own
-  ASSERT_EQ(put("doc-12345", "{}"), 201);
+  // doc-00100 is not in the way: that document gets an id of its own.
+  for (const char* id : {"doc-00077", "doc-00100", "doc-12345"})
+    ASSERT_EQ(put(id, "{}"), 201);
   const size_t total = 20000;
-  // In every batch, i % 100 == 25 deletes one of these and i % 100 == 50 has an inline attachment.
-  std::string gone;
-  for (size_t i = 25; i < total; i += 100)
-    gone += std::string(gone.empty() ? "" : ",") + R"({"_id":"gone-)" + std::to_string(i) + R"(","_rev":"1-a"})";
-  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", R"({"new_edits":false,"docs":[)" + gone + "]}"), 201);
   // Answers of applied batches are lost: their retries store nothing twice, fail nothing.
   qztest::FaultProxy proxy(s_server->port());
   const auto lost = qztest::FaultProxy::Match("POST", "/_bulk_docs", qztest::FaultProxy::DropAnswer).from(2).repeat(3);
   DocumentUploader up(*s_pool, through(proxy, lost), db, 4, 500, 64 << 10); // ~220 B each: bytes fill first
-  const std::string pad(180, 'x');
   for (size_t i = 0; i < total; ++i) {
     char id[16];
     std::snprintf(id, sizeof id, "doc-%05zu", i);
-    qzVariantMapImpl d{{"i", int64_t(i)}, {"pad", pad}};
+    qzVariantMapImpl d{{"i", int64_t(i)}, {"pad", std::string(180, 'x')}};
     if (i % 100 != 0) // every hundredth has no id
       d["_id"] = id;
-    if (i % 100 == 25)
-      d = {{"_id", "gone-" + std::to_string(i)}, {"_rev", "1-a"}, {"_deleted", true}};
-    if (i % 100 == 50)
-      d["_attachments"] = qzVariantMapImpl{{"a", qzVariantMapImpl{{"content_type", "text/plain"}, {"data", "aGk="}}}};
     ASSERT_TRUE(up.add(std::move(d)));
   }
   std::string error;
   EXPECT_FALSE(up.flush(&error));
   EXPECT_NE(error.find("2 document(s) not stored"), std::string::npos) << error;
-  auto failures = up.failures();
-  std::sort(failures.begin(), failures.end());
-  EXPECT_THAT(failures, testing::ElementsAre(testing::Pair("doc-00077", testing::HasSubstr("conflict")),
-                                             testing::Pair("doc-12345", testing::HasSubstr("conflict"))));
-  EXPECT_EQ(up.uploaded(), total - 2);
-  EXPECT_EQ(proxy.acted(0), 3u);
+  EXPECT_THAT(up.failures(), testing::UnorderedElementsAre(testing::Pair("doc-00077", testing::HasSubstr("conflict")),
+                                                           testing::Pair("doc-12345", testing::HasSubstr("conflict"))));
+  EXPECT_EQ(std::tuple(up.uploaded(), proxy.acted(0)), std::tuple(total - 2, 3u));
   const qzVariantMapImpl info = get("/" + db).toMap();
-  EXPECT_EQ(info.at("doc_count").toInt64(), int64_t(total + 1 - 200));
-  EXPECT_EQ(info.at("update_seq").toInt64(), int64_t(total + 201)); // nothing written twice
-  EXPECT_EQ(doc("doc-19950")["_attachments"].toMap().at("a").toMap().at("length").toInt64(), 2);
+  EXPECT_EQ(std::tuple(info.at("doc_count").toInt64(), info.at("update_seq").toInt64()), // nothing written twice
+            std::tuple(int64_t(total + 1), int64_t(total + 1)));
 }
 
-TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
-  ASSERT_EQ(put("_design/app",
-                R"({"views":{"by_n":{"map":"function(d){ if (d.n !== undefined) emit([d.n % 2, d.n], d.n); }",)"
-                R"("reduce":"_sum"}}})"),
-            201);
-  for (int i = 0; i < 10; ++i)
-    ASSERT_EQ(put("v" + std::to_string(i), R"({"n":)" + std::to_string(i) + "}"), 201);
+using CouchQueryOnPouchDb = CouchToolsOnPouchDb;
+
+// Views and finds over the same documents: k100 to k122 with n from 0 to 22.
+TEST_F(CouchQueryOnPouchDb, ViewOptionsReachTheServerAndFindPagesBySkipWithFieldsAndSort) {
+  std::string docs = R"({"docs":[{"_id":"_design/app","views":{"by_n":{"reduce":"_sum",)"
+                     R"("map":"function(d){ if (d.n !== undefined) emit([d.n % 2, d.n], d.n); }"}}})";
+  for (int i = 0; i < 23; ++i)
+    docs += R"(,{"_id":"k)" + std::to_string(100 + i) + R"(","n":)" + std::to_string(i) + R"(,"odd":)" +
+            (i % 2 ? "true" : "false") + "}";
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", docs + "]}"), 201);
+  ASSERT_EQ(s_server->request("POST", "/" + db + "/_index", R"({"index":{"fields":["n"]}})"), 200);
   qz::http::HttpConnection conn;
   // "id|key|value[|doc's n][error] ..." or the error; `take` false refuses the first row.
   auto fetch = [&](const ViewQueryOptions& q, const std::string& view = "by_n", bool take = true) {
@@ -381,37 +318,25 @@ TEST_F(CouchToolsOnPouchDb, ViewOptionsReachTheServer) {
     return ok ? rows : "failed: " + error;
   };
   const std::pair<ViewQueryOptions, std::string> cases[] = {
-      {{}, "||45 "},
-      {{.startKey = "[1,3]", .endKey = "[1,7]", .reduce = false}, "v3|[1,3]|3 v5|[1,5]|5 v7|[1,7]|7 "},
+      {{}, "||253 "},
       {{.startKey = "[1,3]", .endKey = "[1,7]", .includeDocs = true, .reduce = false, .inclusiveEnd = false, .skip = 1},
-       "v5|[1,5]|5|5 "},
-      {{.reduce = false, .descending = true, .limit = 2}, "v9|[1,9]|9 v7|[1,7]|7 "},
-      {{.keys = {"[0,4]", "[1,1]"}, .reduce = false}, "v4|[0,4]|4 v1|[1,1]|1 "},
+       "k105|[1,5]|5|5 "},
+      {{.reduce = false, .descending = true, .limit = 2}, "k121|[1,21]|21 k119|[1,19]|19 "},
+      {{.keys = {"[0,4]", "[1,1]"}, .reduce = false}, "k104|[0,4]|4 k101|[1,1]|1 "},
   };
   for (const auto& [q, rows] : cases)
     EXPECT_EQ(fetch(q), rows);
-  EXPECT_TRUE(fetch({.keys = {"\"v2\"", "\"nope\""}}, "").ends_with(" |nope|not_found ")); // _all_docs
+  EXPECT_TRUE(fetch({.keys = {"\"k102\"", "\"nope\""}}, "").ends_with(" |nope|not_found ")); // _all_docs
   EXPECT_THAT(fetch({}, "missing"), testing::AllOf(testing::StartsWith("failed: "), testing::HasSubstr("404")));
   EXPECT_EQ(fetch({}, "by_n", false), "failed: row refused");
-}
 
-using CouchQueryOnPouchDb = CouchToolsOnPouchDb;
-
-TEST_F(CouchQueryOnPouchDb, FindPagesBySkipWithFieldsAndSort) {
-  std::string docs = R"({"docs":[)";
-  for (int i = 0; i < 23; ++i)
-    docs += std::string(i ? "," : "") + R"({"_id":"k)" + std::to_string(100 + i) + R"(","n":)" + std::to_string(i) +
-            R"(,"odd":)" + (i % 2 ? "true" : "false") + "}";
-  ASSERT_EQ(s_server->request("POST", "/" + db + "/_bulk_docs", docs + "]}"), 201);
-  ASSERT_EQ(s_server->request("POST", "/" + db + "/_index", R"({"index":{"fields":["n"]}})"), 200);
-  const std::tuple<const char*, std::vector<std::string>, bool, long, std::string, size_t> cases[] = {
-      // selector, fields, descending, limit, the n (and _id) of each document, pages
-      {R"({"n":{"$gte":0},"odd":true})", {"n"}, false, -1, "1 3 5 7 9 11 13 15 17 19 21 ", 3},
-      {R"({"n":{"$gte":0}})", {"n"}, true, 7, "22 21 20 19 18 17 16 ", 2},
-      {R"({"n":{"$gte":20}})", {"n", "_id"}, false, -1, "20k120 21k121 22k122 ", 1},
+  const std::tuple<const char*, std::vector<std::string>, bool, long, std::string> finds[] = {
+      // selector, fields, descending, limit, the n (and _id) of each document, then the pages
+      {R"({"n":{"$gte":0},"odd":true})", {"n"}, false, -1, "1 3 5 7 9 11 13 15 17 19 21 /3"},
+      {R"({"n":{"$gte":0}})", {"n"}, true, 7, "22 21 20 19 18 17 16 /2"},
+      {R"({"n":{"$gte":20}})", {"n", "_id"}, false, -1, "20k120 21k121 22k122 /1"},
   };
-  for (const auto& [selector, fields, descending, limit, want, pages] : cases) {
-    SCOPED_TRACE(selector);
+  for (const auto& [selector, fields, descending, limit, want] : finds) {
     const FindQuery q{
         .selector = selector, .fields = fields, .sort = {{"n", descending}}, .limit = limit, .pageSize = 5};
     std::string ns, error;
@@ -425,9 +350,8 @@ TEST_F(CouchQueryOnPouchDb, FindPagesBySkipWithFieldsAndSort) {
         },
         &stats, &error, nullptr))
         << error;
-    EXPECT_EQ(ns, want);
-    EXPECT_EQ(stats.pages, pages);
-    EXPECT_EQ(stats.pagedBySkip, pages > 1);
+    EXPECT_EQ(ns + "/" + std::to_string(stats.pages), want);
+    EXPECT_EQ(stats.pagedBySkip, stats.pages > 1);
   }
 }
 
@@ -450,24 +374,18 @@ TEST_F(CouchQueryOnPouchDb, StoredCheckpointResumesAFeedWhereTheLastConsumerStop
         << error;
     return ids;
   };
-  EXPECT_EQ(follow("one", 2), "ab"); // stops before its second batch
-  EXPECT_EQ(follow("one"), "c");
-  EXPECT_EQ(follow("one"), "");
-  EXPECT_EQ(follow("two"), "abc"); // a checkpoint of its own
+  // The second batch is refused; then the rest, nothing; another name has a checkpoint of its own.
+  EXPECT_EQ((std::vector<std::string>{follow("one", 2), follow("one"), follow("one"), follow("two")}),
+            (std::vector<std::string>{"ab", "c", "", "abc"}));
   ASSERT_EQ(put("d", "{}"), 201);
   // Another writer moved the checkpoint meanwhile: the save reads it again and wins.
   FeedCheckpoint stale(*s_pool, server(), db, "one");
   std::string seq;
-  ASSERT_TRUE(stale.load(seq));
-  EXPECT_EQ(seq, "3");
-  ASSERT_EQ(
-      put("_local/one", R"({"seq":"2","_rev":")" + get("/" + db + "/_local/one").toMap().at("_rev").toString() + "\"}"),
-      201);
+  ASSERT_TRUE(stale.load(seq) && seq == "3") << seq;
+  ASSERT_EQ(put("_local/one", R"({"seq":"2","_rev":")" + rev("_local/one") + "\"}"), 201);
   EXPECT_TRUE(stale.save("4"));
   EXPECT_EQ(follow("one"), "");
-  std::string answer;
-  ASSERT_EQ(s_server->request("GET", "/" + db + "/_changes", {}, &answer), 200);
-  EXPECT_EQ(answer.find("_local"), std::string::npos); // the checkpoint is no change
+  EXPECT_EQ(get("/" + db + "/_changes").toString().find("_local"), std::string::npos); // the checkpoint is no change
 }
 
 const char* const kSelectorDocs[] = {
@@ -487,7 +405,6 @@ struct Case {
 const Case kCases[] = {
     {R"({"n":1})", "a"},
     {R"({"n":{"$gt":2}})", "bcd"}, // the string "3" sorts after every number
-    {R"({"n":{"$lt":"a"}})", "abcd"},
     {R"({"n":{"$gt":1,"$lt":10}})", "b"},
     // A missing field matches nothing but $exists false; pouchdb-server lets $ne match it.
     {R"({"n":{"$ne":1}})", "bcd", false},
@@ -502,7 +419,6 @@ const Case kCases[] = {
     {R"({"tags":{"$in":["blue"]}})", "a"},
     {R"({"tags":{"$all":["red"]}})", "ab"},
     {R"({"tags":{"$size":0}})", "c"},
-    {R"({"tags":{"$elemMatch":{"$eq":"blue"}}})", "a"},
     {R"({"tags":{"$allMatch":{"$eq":"red"}}})", "b"},
     {R"({"arr":{"$elemMatch":{"q":{"$gt":2}}}})", "d"},
     {R"({"tags.0":"red"})", "ab"},
@@ -527,48 +443,33 @@ const Case kCases[] = {
     {R"([1])", "", false, "a selector must be an object"},
 };
 
-std::string Matches(const qzVariant& selector, std::string* error) {
-  std::string ids;
-  for (const char* text : kSelectorDocs) {
-    qzVariant doc;
-    qz::json::Json2Variant::Convert(text, std::strlen(text), doc);
-    std::string why;
-    if (qz::couch::MatchesSelector(selector, doc, &why))
-      ids += doc.toMap().at("_id").toString();
-    if (error->empty())
-      *error = why;
-  }
-  return ids;
-}
-
-qzVariant Parse(const std::string& text) {
-  qzVariant v;
-  EXPECT_TRUE(qz::json::Json2Variant::Convert(text.data(), text.size(), v)) << text;
-  return v;
-}
-
 using MangoSelectorOnPouchDb = qztest::PouchDbTest;
 
 TEST_F(MangoSelectorOnPouchDb, MatchesAsCouchDbAndAsPouchDbServerFinds) {
-  for (const char* doc : kSelectorDocs)
-    ASSERT_EQ(s_server->request("POST", "/" + db, doc), 201);
+  std::vector<qzVariant> docs(std::size(kSelectorDocs));
+  for (size_t i = 0; i < docs.size(); ++i) {
+    ASSERT_EQ(s_server->request("POST", "/" + db, kSelectorDocs[i]), 201);
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(kSelectorDocs[i], std::strlen(kSelectorDocs[i]), docs[i]));
+  }
   for (const Case& k : kCases) {
-    SCOPED_TRACE(k.selector);
-    std::string error;
-    EXPECT_EQ(Matches(Parse(k.selector), &error), k.ids);
-    EXPECT_EQ(error, k.error);
-    if (!k.peer)
-      continue;
-    std::string answer;
-    ASSERT_EQ(
-        s_server->request("POST", "/" + db + "/_find", std::string(R"({"selector":)") + k.selector + "}", &answer), 200)
-        << answer;
-    std::string ids; // one letter each
-    const qzVariant result = Parse(answer);
-    for (const qzVariant& doc : result.toMap().at("docs").toList())
-      ids += doc.toMap().at("_id").toString();
-    std::sort(ids.begin(), ids.end());
-    EXPECT_EQ(ids, k.ids) << "pouchdb-server disagrees";
+    qzVariant selector;
+    ASSERT_TRUE(qz::json::Json2Variant::Convert(k.selector, std::strlen(k.selector), selector));
+    std::string ids, error, found; // one letter each; the first document's error
+    for (const qzVariant& doc : docs) {
+      std::string why;
+      if (MatchesSelector(selector, doc, &why))
+        ids += doc.toMap().at("_id").toString();
+      error = error.empty() ? why : error;
+    }
+    EXPECT_EQ(ids + " " + error, std::string(k.ids) + " " + k.error) << k.selector;
+    if (k.peer) { // pouchdb-server's _find decides the same
+      EXPECT_TRUE(FindDocuments(
+          *s_pool, server(), db, {.selector = k.selector},
+          [&](qzVariant& doc) { return found += doc.toMap().at("_id").toString(), true; }, nullptr, &error, nullptr))
+          << error;
+      std::sort(found.begin(), found.end());
+      EXPECT_EQ(found, k.ids) << k.selector;
+    }
   }
 }
 
@@ -586,18 +487,17 @@ const char* const kHistory = R"({"new_edits":false,"docs":[
 
 void Fill(const qztest::PouchDbServer& s, const std::string& db, int plain) {
   ASSERT_EQ(s.request("POST", "/" + db + "/_bulk_docs", kHistory), 201);
-  std::string docs = R"({"docs":[{"_id":"_design/app","views":{"v":{"map":"function(d){emit(d.n)}"}}})";
+  std::string docs = R"({"docs":[{"_id":"_design/app","views":{"v":{"map":"function(d){emit(d.n)}"}}},)"
+                     R"({"_id":"att","_attachments":{"f.txt":{"content_type":"text/plain","data":"aGVsbG8="}}})";
   for (int i = 0; i < plain; ++i)
     docs += ",{\"_id\":\"p" + std::to_string(i) + "\",\"n\":" + std::to_string(i) + ",\"s\":\"\\u00e9\\n\"}";
   ASSERT_EQ(s.request("POST", "/" + db + "/_bulk_docs", docs + "]}"), 201);
-  ASSERT_EQ(s.request("PUT", "/" + db + "/att",
-                      R"({"_attachments":{"f.txt":{"content_type":"text/plain","data":"aGVsbG8="}}})"),
-            201);
   ASSERT_EQ(s.request("PUT", "/" + db + "/_local/mine", R"({"x":1})"), 201);
 }
 
 TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflicts) {
   Fill(*s_server, db, 60);
+  std::string error;
   // 7 batches on two threads: the feed waits for the writer.
   for (const auto& [attachments, batch, threads] :
        {std::tuple{true, size_t(10), 2u}, std::tuple{false, size_t(1000), 1u}}) {
@@ -607,20 +507,18 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
     ASSERT_EQ(s_server->request("PUT", "/" + target), 201);
     std::stringstream file;
     std::vector<std::string> checkpoints;
-    const BackupOptions o{.batchSize = batch, .threads = threads, .attachments = attachments};
     BackupStats stats;
-    std::string error;
     ASSERT_TRUE(BackupDatabase(
-        *s_pool, server(), db, o, file, [&](const std::string& seq, uint64_t) { checkpoints.push_back(seq); }, &stats,
-        &error, nullptr))
+        *s_pool, server(), db, {.batchSize = batch, .threads = threads, .attachments = attachments}, file,
+        [&](const std::string& seq, uint64_t) { checkpoints.push_back(seq); }, &stats, &error, nullptr))
         << error;
-    EXPECT_EQ(stats.documents, 65u); // 60 plain, c, gone, dw, att, the design document; not _local/mine
-    EXPECT_EQ(stats.revisions, 65u + 3u);
-    EXPECT_EQ(checkpoints.size(), (65 + batch - 1) / batch);
+    // 60 plain, c, gone, dw, att, the design document (not _local/mine), and three more leaves of c and dw.
+    EXPECT_EQ(std::tuple(stats.documents, stats.revisions, checkpoints.size()),
+              std::tuple(65u, 68u, (64 + batch) / batch));
     EXPECT_EQ(checkpoints.back(), stats.lastSeq);
-    EXPECT_EQ(file.str().find("_local"), std::string::npos);
-    EXPECT_EQ(file.str().find("\"stub\""), std::string::npos);
-    EXPECT_EQ(file.str().find("aGVsbG8=") != std::string::npos, attachments);
+    const std::string text = file.str(), none;
+    EXPECT_EQ(std::tuple(text.find("_local"), text.find("\"stub\""), text.find("aGVsbG8=") != none.npos),
+              std::tuple(none.npos, none.npos, attachments));
 
     RestoreStats restored;
     ASSERT_TRUE(RestoreDatabase(*s_pool, server(), target, file, 2, 50, &restored, &error, nullptr)) << error;
@@ -628,32 +526,25 @@ TEST_F(CouchDataOnPouchDb, BackupThenRestoreGivesTheSameLeavesWinnersAndConflict
     std::map<std::string, std::string> want = contents(db), got = contents(target);
     if (!attachments) { // the same revision, without its attachment
       EXPECT_EQ(get("/" + target + "/att").toMap().count("_attachments"), 0u);
-      for (auto* m : {&want, &got})
-        std::erase_if(*m, [](const auto& e) { return e.first.starts_with("leaf att") || e.first == "winner att"; });
+      want.erase("att");
+      got.erase("att");
     }
     EXPECT_EQ(got, want);
     EXPECT_EQ(s_server->request("GET", "/" + target + "/_local/mine"), 404);
   }
-  { // A stream that refuses writes: the backup fails and hands on no checkpoint.
-    std::stringstream refused;
-    refused.setstate(std::ios::badbit);
-    std::vector<std::string> checkpoints;
-    std::string error;
-    EXPECT_FALSE(BackupDatabase(
-        *s_pool, server(), db, {.batchSize = 10}, refused,
-        [&](const std::string& seq, uint64_t) { checkpoints.push_back(seq); }, nullptr, &error, nullptr));
-    EXPECT_EQ(error, "writing the backup failed");
-    EXPECT_TRUE(checkpoints.empty());
-  }
+  // A stream that refuses writes: the backup fails and hands on no checkpoint.
+  std::stringstream refused;
+  refused.setstate(std::ios::badbit);
+  EXPECT_FALSE(BackupDatabase(
+      *s_pool, server(), db, {.batchSize = 10}, refused,
+      [](const std::string& seq, uint64_t) { ADD_FAILURE() << "checkpoint " << seq; }, nullptr, &error, nullptr));
+  EXPECT_EQ(error, "writing the backup failed");
   // Lines that are not documents with an id are counted and skipped; the last, longer than a read, has no newline.
   std::stringstream odd("[1]\n{\"_id\":5}\n\n{\"a\":{\"_id\":\"x\"}}\n{\"_id\":\"x\",\"_rev\":\"1-ab\",\"p\":\"" +
                         std::string(150000, 'p') + "\"} ");
   RestoreStats restored;
-  std::string error;
   EXPECT_FALSE(RestoreDatabase(*s_pool, server(), db, odd, 1, 10, &restored, &error, nullptr));
-  EXPECT_EQ(error, "3 line(s) are not documents");
-  EXPECT_EQ(restored.stored, 1u);
-  EXPECT_EQ(get("/" + db + "/x").toMap().at("_rev").toString(), "1-ab");
+  EXPECT_EQ(std::tuple(error, restored.stored, rev("x")), std::tuple("3 line(s) are not documents", 1u, "1-ab"));
 }
 
 #ifdef HTTPTOOLS_CLI
@@ -667,44 +558,37 @@ TEST_F(CouchToolsOnPouchDb, CommandLineToolsUploadFollowGetAndSolve) {
                 "{\"_id\":\"a\",\"n\":1}\n\n{\"_id\":\"taken\"}\n[1]\n{\"_id\":\"b\",\"s\":\"\\u00e9\"}\n", out, err),
             1);
   EXPECT_EQ(out, "{\"uploaded\":2,\"failed\":1,\"invalid\":1}\n");
-  EXPECT_NE(err.find("line 4: not a JSON object"), std::string::npos) << err;
-  EXPECT_NE(err.find("taken: conflict"), std::string::npos) << err;
+  EXPECT_THAT(err,
+              testing::AllOf(testing::HasSubstr("line 4: not a JSON object"), testing::HasSubstr("taken: conflict")));
 
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", url, "--since", "1"}, "", out, err), 0) << err;
-  EXPECT_EQ(out, "{\"deleted\":false,\"doc\":null,\"id\":\"a\",\"revs\":[\"" + rev("a") +
-                     "\"],\"seq\":\"2\"}\n"
-                     "{\"deleted\":false,\"doc\":null,\"id\":\"b\",\"revs\":[\"" +
-                     rev("b") + "\"],\"seq\":\"3\"}\n");
+  const std::string change = R"({"deleted":false,"doc":null,"id":")";
+  EXPECT_EQ(out, change + R"(a","revs":[")" + rev("a") + R"("],"seq":"2"})" + "\n" + change + R"(b","revs":[")" +
+                     rev("b") + R"("],"seq":"3"})" + "\n");
 
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "get", url, "b", "zz"}, "", out, err), 1);
-  EXPECT_EQ(out, "{\"_id\":\"b\",\"_rev\":\"" + rev("b") + "\",\"s\":\"\xc3\xa9\"}\n");
-  EXPECT_EQ(err, "not found: zz\n");
+  EXPECT_EQ(out + err, "{\"_id\":\"b\",\"_rev\":\"" + rev("b") + "\",\"s\":\"\xc3\xa9\"}\nnot found: zz\n");
 
   conflict("c");
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url, "--resolve"}, "", out, err), 0) << err;
   EXPECT_EQ(out, "c\nsolved 1\n");
-  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "conflicts", url}, "", out, err), 0) << err;
-  EXPECT_EQ(out, "");
   EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "changes", "http://127.0.0.1:1"}, "", out, err), 3);
 }
 
 TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) {
   Fill(*s_server, db, 40);
   qztest::FaultProxy proxy(s_server->port());
-  ASSERT_TRUE(proxy.start()) << proxy.error();
   // The second _bulk_get is refused: the first batch (a quarter of the feed's first page) is logged, no more.
-  proxy.addRule(qztest::FaultProxy::Match("POST", "/_bulk_get", qztest::FaultProxy::Refuse).from(2).answer(400));
-  const std::string dir = ::testing::TempDir() + db;
-  const std::string file = dir + ".ndjson", log = dir + ".log";
+  through(proxy, qztest::FaultProxy::Match("POST", "/_bulk_get", qztest::FaultProxy::Refuse).from(2).answer(400));
+  const std::string file = ::testing::TempDir() + db + ".ndjson", log = ::testing::TempDir() + db + ".log";
   std::remove(file.c_str());
   std::remove(log.c_str());
+  std::string out, err;
   auto backup = [&](const std::string& base) {
-    std::string out, err;
-    const int rc = qztest::RunProgram({"/bin/sh", "-c",
-                                       std::string(HTTPTOOLS_CLI) + " couch backup " + base + "/" + db +
-                                           " --attachments --threads 1 --batch 10 --log " + log + " >> " + file},
-                                      "", out, err);
-    return std::make_pair(rc, err);
+    return qztest::RunProgram({"/bin/sh", "-c",
+                               std::string(HTTPTOOLS_CLI) + " couch backup " + base + "/" + db +
+                                   " --attachments --threads 1 --batch 10 --log " + log + " >> " + file},
+                              "", out, err);
   };
   auto lines = [](std::istream&& in) {
     std::multiset<std::string> out;
@@ -712,17 +596,15 @@ TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) 
       out.insert(l);
     return out;
   };
-  const auto [failed, why] = backup(proxy.baseUrl());
-  EXPECT_EQ(failed, 22); // the refused request's kind, as curl -f gives it
-  EXPECT_NE(why.find("_bulk_get"), std::string::npos) << why;
+  EXPECT_EQ(backup(proxy.baseUrl()), 22); // the refused request's kind, as curl -f gives it
+  EXPECT_NE(err.find("_bulk_get"), std::string::npos) << err;
   EXPECT_GE(lines(std::ifstream(file)).size(), 10u);
   std::ofstream(file, std::ios::app) << "{\"_id\":\"torn"; // a write cut short
 
-  const auto [rc, resumeErr] = backup(s_server->baseUrl());
-  ASSERT_EQ(rc, 0) << resumeErr;
-  std::string out, err, full;
+  ASSERT_EQ(backup(s_server->baseUrl()), 0) << err;
+  std::string full;
   ASSERT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "backup", s_server->baseUrl() + "/" + db, "--attachments"}, "",
-                               full, out),
+                               full, err),
             0);
   const std::multiset<std::string> whole = lines(std::istringstream(full));
   EXPECT_EQ(lines(std::ifstream(file)), whole); // no line lost, none twice, none torn
@@ -730,11 +612,9 @@ TEST_F(CouchDataOnPouchDb, CommandLineBackupResumesFromItsLogAfterAFailedBatch) 
 
   s_server->request("DELETE", "/" + db + "_copy");
   ASSERT_EQ(s_server->request("PUT", "/" + db + "_copy"), 201);
-  EXPECT_EQ(qztest::RunProgram({HTTPTOOLS_CLI, "couch", "restore", s_server->baseUrl() + "/" + db + "_copy", file}, "",
-                               out, err),
-            0)
-      << err;
-  EXPECT_EQ(out, "{\"revisions\":48,\"stored\":48,\"failed\":0,\"invalid\":0}\n");
+  const int rc = qztest::RunProgram({HTTPTOOLS_CLI, "couch", "restore", s_server->baseUrl() + "/" + db + "_copy", file},
+                                    "", out, err);
+  EXPECT_EQ(std::to_string(rc) + " " + out, "0 {\"revisions\":48,\"stored\":48,\"failed\":0,\"invalid\":0}\n") << err;
   EXPECT_EQ(contents(db + "_copy"), contents(db));
 }
 #endif
