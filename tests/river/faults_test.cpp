@@ -32,16 +32,15 @@ TEST_F(RiverFaultTest, WinnersThatChangeWithoutARisingGenerationReachTheIndex) {
   };
   auto rivers = manager(def);
   for (const auto& s : steps) {
+    SCOPED_TRACE(std::string(s.id) + " won by " + s.winner);
     if (!s.bulk.empty())
       ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", s.bulk), 201);
     else
       ASSERT_EQ(couch.request("DELETE", std::string("/db/") + s.id + "?rev=" + s.deleteRev), 200);
     ASSERT_EQ(couchDoc(s.id)["_rev"].toString(), s.winner);
-    ran(*rivers);
-    SCOPED_TRACE(std::string(s.id) + " won by " + s.winner);
+    EXPECT_EQ(ran(*rivers).failed, 0u);
     expectIndexEqualsDatabase();
   }
-  EXPECT_EQ(rivers->status().at(0).failed, 0u);
 }
 
 // A mapping change with one answer lost or refused: the alias, the documents and the state come
@@ -80,8 +79,8 @@ TEST_F(RiverFaultTest, LostAnswersNeverCostTheLiveIndex) {
       EXPECT_EQ(proxy.acted(rule), 1u) << proxy.matched(rule);
     EXPECT_EQ(es("GET", "/docs-1"), 404);
     expectIndexEqualsDatabase();
-    std::string mapping;
-    ASSERT_EQ(es("GET", "/httptools-river/_mapping", {}, &mapping), 200);
+    std::string mapping; // the state index made by the river
+    es("GET", "/httptools-river/_mapping", {}, &mapping);
     EXPECT_NE(mapping.find(R"("seq":{"type":"keyword"})"), std::string::npos) << mapping;
   }
 
@@ -97,8 +96,7 @@ TEST_F(RiverFaultTest, LostAnswersNeverCostTheLiveIndex) {
   auto rivers = manager(def);
   EXPECT_FALSE(rivers->runOnce(&error, nullptr));
   EXPECT_LT(Clock::now() - started, std::chrono::seconds(60));
-  EXPECT_NE(error.find("429"), std::string::npos) << error;
-  EXPECT_NE(error.find("gave up"), std::string::npos) << error;
+  EXPECT_TRUE(error.find("429") != std::string::npos && error.find("gave up") != std::string::npos) << error;
   EXPECT_EQ(rivers->status().at(0).indexed, 100u);
 }
 
@@ -106,15 +104,11 @@ TEST_F(RiverFaultTest, ADatabaseCreatedAgainIsFilledIntoANewIndex) {
   FaultProxy proxy(uint16_t(couch.port()));
   ASSERT_TRUE(proxy.start()) << proxy.error();
   ASSERT_TRUE(qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, proxy.baseUrl() + "/db"));
-  struct Case {
-    const char* what;
-    bool markerRefused;
-  } cases[] = {{"told by the marker", false}, {"told by the seq, the marker refused", true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const bool markerRefused : {false, true}) { // told by the marker, or by the seq only
+    SCOPED_TRACE(markerRefused ? "the marker refused" : "told by the marker");
     elastic.reset();
     proxy.clearRules();
-    if (c.markerRefused)
+    if (markerRefused)
       proxy.addRule(FaultProxy::Match("PUT", "/_local/", FaultProxy::Refuse).answer(403).repeat(0));
     for (int round = 0; round < 2; ++round) {
       ASSERT_EQ(couch.request("DELETE", "/db"), 200);
@@ -143,8 +137,7 @@ TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
   ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
   runOnce(def);
   RiverDrift drift = verify(false);
-  EXPECT_TRUE(drift.none());
-  EXPECT_EQ(drift.documents, 2100u);
+  EXPECT_EQ(std::pair(drift.none(), drift.documents), std::pair(true, size_t(2100)));
 
   struct Case {
     const char* what;
@@ -178,8 +171,7 @@ TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
     EXPECT_NE(std::find(ids.begin(), ids.end(), c.id), ids.end()) << c.what;
   }
 
-  drift = verify(true);
-  EXPECT_EQ(drift.repaired, 5u);
+  EXPECT_EQ(verify(true).repaired, 5u);
   ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
   EXPECT_TRUE(verify(false).none());
   expectIndexEqualsDatabase();

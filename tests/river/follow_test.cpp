@@ -1,5 +1,4 @@
-// Following a live feed: writes arrive without polling, an idle river stays quiet, and the
-// status tells lag and backlog.
+// Following a live feed: writes arrive without polling, an idle river stays quiet.
 #include "RiverFixture.h"
 
 #include <HttpTools/river/RiverLease_p.h>
@@ -45,7 +44,6 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
     bool gone;         // it arrives as a deletion
     size_t maxBulks;
   } cases[] = {{"one new document", "solo", false, 1},
-               {"an edit", "solo", false, 1},
                {"a deletion", "d3", true, 1},
                {"a burst of 300", "b399", false, 100}}; // never one bulk per change
   for (const auto& c : cases) {
@@ -55,32 +53,16 @@ TEST_F(FollowTest, WritesArriveAtOnceAndBurstsTravelInBulks) {
       load(100, 400, "b");
     else if (c.gone)
       remove("d3");
-    else // a creation, then an edit
+    else
       edit("solo", {{"v", c.what}});
     // Far below flushIntervalMs, with room for sanitizers on a loaded machine.
     ASSERT_TRUE(waitFor([&] { return indexed(c.probe) != c.gone; }, 5));
     ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
-    EXPECT_GE(elastic.stats().bulkRequests - bulksBefore, 1u);
-    EXPECT_LE(elastic.stats().bulkRequests - bulksBefore, c.maxBulks);
+    const size_t bulks = elastic.stats().bulkRequests - bulksBefore;
+    EXPECT_TRUE(bulks >= 1 && bulks <= c.maxBulks) << bulks;
   }
 
-  // The status tells lag and backlog while Elasticsearch refuses, and both go back to 0.
-  auto s = rivers.status().at(0);
-  const auto indexedBefore = s.indexed;
-  EXPECT_EQ(std::pair(s.lagSeconds, s.behindChanges), std::pair(0.0, int64_t(0)));
-  elastic.setFaults({.unavailable = 1000000, .unavailablePath = "_bulk"});
-  load(20, 23);
-  ASSERT_TRUE(waitFor([&] {
-    s = rivers.status().at(0);
-    return s.lagSeconds >= 0.3 && !s.caughtUp && s.failures >= 1 && s.error.find("503") != std::string::npos;
-  })) << s.error;
-  EXPECT_EQ(std::pair(s.behindChanges, s.indexed), std::pair(int64_t(3), indexedBefore));
-  elastic.setFaults({});
-  ASSERT_TRUE(waitFor([&] { return settled(rivers); }, 30));
-  s = rivers.status().at(0);
-  EXPECT_EQ(std::tuple(s.lagSeconds, s.behindChanges, s.indexed, s.failures, s.error),
-            std::tuple(0.0, int64_t(0), indexedBefore + 3, 0u, ""));
-  EXPECT_GT(s.retries, 0u);
+  // (lag and backlog while Elasticsearch refuses: MetricsTest)
   rivers.stop();
   expectIndexEqualsDatabase();
 }
@@ -104,18 +86,17 @@ TEST_F(FollowTest, AnIdleRiverOnlyRenewsItsLease) {
     ASSERT_TRUE(waitFor([&] { return settled(rivers); }));
     const size_t couchBefore = proxy->matched(couchRequests), esBefore = elastic.stats().requests;
     std::this_thread::sleep_for(window); // the idle spell is what is measured
-    const size_t couchIdle = proxy->matched(couchRequests) - couchBefore;
-    const size_t esIdle = elastic.stats().requests - esBefore;
+    const size_t couchIdle = proxy->matched(couchRequests) - couchBefore, esIdle = elastic.stats().requests - esBefore;
     EXPECT_TRUE(couchIdle >= c.minCouch && couchIdle <= c.maxCouch) << couchIdle;
     EXPECT_TRUE(esIdle >= 2 && esIdle <= 5) << esIdle; // the lease is kept
     EXPECT_GT(stateField("expires"), qz::river::detail::NowMs());
     // The feed is still alive after its heartbeats.
-    put({{"_id", "late" + std::to_string(c.feedIdleMs)}});
-    EXPECT_TRUE(waitFor([&] { return indexed("late" + std::to_string(c.feedIdleMs)); }, 5));
+    const std::string late = "late" + std::to_string(c.feedIdleMs);
+    put({{"_id", late}});
+    EXPECT_TRUE(waitFor([&] { return indexed(late); }, 5));
     const auto t0 = Clock::now();
     rivers.stop(); // ends the open feed at once
     EXPECT_LT(Clock::now() - t0, std::chrono::seconds(3));
-    EXPECT_FALSE(rivers.status().at(0).running);
   }
 }
 

@@ -12,9 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <tuple>
-
 using qz::qzVariant;
 using namespace qz::river::detail;
 
@@ -28,9 +25,7 @@ protected:
   }
   IndexManager indices(const std::string& mapping) { return IndexManager(pool, target(), "docs", mapping); }
   StateLocation where() { return {target(), "state", "r", "docs", "db"}; }
-  static auto fields(const RiverState& s) {
-    return std::tie(s.owner, s.expires, s.index, s.seq, s.building, s.buildSeq, s.marker, s.recreated);
-  }
+  static auto fields(RiverState& s) { return std::tie(s.index, s.seq, s.building, s.buildSeq, s.marker, s.recreated); }
   int put(const std::string& path, const std::string& body) {
     auto res = httplib::Client("127.0.0.1", elastic.port()).Put(path, body, "application/json");
     return res ? res->status : 0;
@@ -85,7 +80,7 @@ TEST_F(RiverElasticTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
     std::string failure;                                      // "": prepared, into `live`
     std::string live;
   } cases[] = {
-      {{{"docs", "{}"}}, "docs is an index, not an alias", ""},
+      // (an index named like the alias: RiverTest.RunOnceEndsAtOnceOnWhatRetryingCannotFix)
       {{{"a", R"({"aliases":{"docs":{}}})"}, {"b", R"({"aliases":{"docs":{}}})"}},
        "the alias docs points to more than one index",
        ""},
@@ -102,34 +97,8 @@ TEST_F(RiverElasticTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
   }
 }
 
-TEST_F(RiverElasticTest, CheckpointComesBackAsWrittenAndNeverOverwritesAnotherWrite) {
-  CheckpointStore writer(pool, where()), reader(pool, where()), blind(pool, where());
-  RiverState read;
-  bool found = true;
-  ASSERT_TRUE(reader.read(read, found, nullptr).ok());
-  EXPECT_FALSE(found);
-  const RiverState states[] = {
-      {"me", 123, "docs-1", "0", "", "0", "", false},
-      {"me", 456, "docs-1", "42", "docs-2", "7", "5f0c", true},
-      {"", 0, "docs-3", "17-g1AAAAB7eJzLYWBg4MhgTmHgz8tPSTV0MDQy0TM0\"\\", "", "0", "5f0c",
-       false}, // CouchDB 2+: opaque
-  };
-  for (const auto& state : states) {
-    ASSERT_TRUE(writer.write(state, nullptr).ok());
-    ASSERT_TRUE(reader.read(read, found, nullptr).ok());
-    EXPECT_TRUE(found);
-    EXPECT_EQ(fields(read), fields(state));
-  }
-  // Written since the reader read it: the reader's write is refused, as is a blind create.
-  ASSERT_TRUE(writer.write(states[0], nullptr).ok());
-  EXPECT_TRUE(reader.write(states[1], nullptr).idle());
-  EXPECT_TRUE(blind.write(states[1], nullptr).idle());
-  ASSERT_TRUE(reader.read(read, found, nullptr).ok());
-  EXPECT_EQ(fields(read), fields(states[0]));
-}
-
 TEST_F(RiverElasticTest, OneHolderAtATimeUntilReleasedOrExpired) {
-  CheckpointStore storeA(pool, where()), storeB(pool, where());
+  CheckpointStore storeA(pool, where()), storeB(pool, where()), blind(pool, where());
   RiverLease a(storeA, "A", 60000), b(storeB, "B", 1500);
   RiverState stateA, stateB;
   using Kind = RiverOutcome::Kind;
@@ -139,12 +108,14 @@ TEST_F(RiverElasticTest, OneHolderAtATimeUntilReleasedOrExpired) {
   ASSERT_EQ(acquire(a, stateA), Kind::Done);
   EXPECT_EQ(acquire(b, stateB), Kind::Idle);
   EXPECT_EQ(b.holder(), "A");
-  stateA.seq = "5";
+  EXPECT_TRUE(blind.write(stateB, nullptr).idle()); // a create never overwrites
+  // The whole checkpoint travels with the lease, an opaque seq (CouchDB 2+) too.
+  fields(stateA) = std::tuple("docs-1", "17-g1AAAAB7eJzLYWBg4M\"\\", "docs-2", "7", "5f0c", true);
   EXPECT_EQ(renew(a, stateA), Kind::Done);
   a.release(stateA);
   EXPECT_FALSE(a.held());
   ASSERT_EQ(acquire(b, stateB), Kind::Done); // given back: taken at once, with the checkpoint
-  EXPECT_EQ(stateB.seq, "5");
+  EXPECT_EQ(fields(stateB), fields(stateA));
   EXPECT_EQ(renew(a, stateA), Kind::Idle); // A's version is stale: it holds nothing
   EXPECT_FALSE(a.held());
   EXPECT_EQ(acquire(a, stateA), Kind::Idle);
@@ -155,8 +126,7 @@ TEST_F(RiverElasticTest, OneHolderAtATimeUntilReleasedOrExpired) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   ASSERT_EQ(acquire(a, stateA), Kind::Done);
   EXPECT_EQ(renew(b, stateB), Kind::Idle);
-  EXPECT_FALSE(b.held());
-  EXPECT_TRUE(a.held());
+  EXPECT_EQ(std::pair(a.held(), b.held()), std::pair(true, false));
 }
 
 TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByTheStoredRevision) {
@@ -186,29 +156,19 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
   for (const auto& c : cases)
     ops.push_back(c.op);
   StopSignal stop;
-  BulkProgress total;
+  size_t indexed = 0, deleted = 0, retried = 0;
   auto sender = MakeBulkSender(pool, target(), "r", stop, [&](const BulkProgress& p) {
-    total.indexed += p.indexed;
-    total.deleted += p.deleted;
-    total.retried += p.retried;
+    std::tie(indexed, deleted, retried) = std::tuple(indexed + p.indexed, deleted + p.deleted, retried + p.retried);
   });
   const RiverOutcome sent = sender->send(ops, nullptr);
   ASSERT_TRUE(sent.ok()) << sent.message;
-  EXPECT_TRUE(ops.empty());
   // a, then older and gone written again; stale deleted; the rejected items retried at least.
-  EXPECT_EQ(std::tuple(total.indexed, total.deleted, total.retried >= 2), std::tuple(3u, 1u, true));
+  EXPECT_EQ(std::tuple(ops.size(), indexed, deleted, retried >= 2), std::tuple(0u, 3u, 1u, true));
   for (const auto& c : cases) {
     qz::qzVariantMapImpl doc;
     qz::json::Json2Variant::Convert(get("/i/_doc/" + c.op.id).substr(4), doc);
     EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", c.after) << c.op.id;
   }
-}
-
-TEST(RiverIndices, GenerationIsTheNumberAfterTheAlias) {
-  const std::pair<const char*, unsigned> cases[] = {{"docs-3", 3}, {"docs-12", 12}, {"docs-", 0},  {"docs", 0},
-                                                    {"docs-x", 0}, {"docs-3-1", 0}, {"other-3", 0}};
-  for (const auto& [index, generation] : cases)
-    EXPECT_EQ(IndexManager::Generation("docs", index), generation) << index;
 }
 
 qzVariant parse(const std::string& json) {
@@ -251,7 +211,6 @@ TEST(RiverMapping, LiveMappingComparedIgnoringOrderEchoesAndDefaults) {
       {R"({"properties":{"a":{"type":"long"}}})", R"({"properties":{"a":{"type":"integer"}}})", false},
       {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"long"}}})", false},
       {R"({"properties":{"a":{"type":"text"}}})", R"({"properties":{"a":{"type":"text","analyzer":"french"}}})", false},
-      {R"({"properties":{"a":{"type":"text","index":false}}})", R"({"properties":{"a":{"type":"text"}}})", false},
       {R"({"properties":{"a":{"type":"text","copy_to":["x","y"]}}})",
        R"({"properties":{"a":{"type":"text","copy_to":["y","x"]}}})", false},
       {R"({"dynamic":"strict"})", R"({"dynamic":"true"})", false},

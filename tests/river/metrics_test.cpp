@@ -64,13 +64,22 @@ TEST_F(MetricsTest, ScrapeParsesAndHealthFollowsTheCycles) {
                           "httptools_river_lag_seconds|orders \"eu\"\t0.0 gauge\n"
                           "httptools_river_behind_changes|orders \"eu\"\t0.0 gauge\n");
 
+  // While Elasticsearch refuses: unhealthy, lagging and one change behind; all back once it accepts.
   EXPECT_EQ(healthz(port), 200);
   elastic.setFaults({.unavailable = 1000000, .unavailablePath = "_bulk"});
   load(30, 31);
-  EXPECT_TRUE(waitFor([&] { return healthz(port) == 503; }, 60));
+  EXPECT_TRUE(waitFor(
+      [&] {
+        return healthz(port) == 503 && shows({{"behind_changes", "1.0 gauge"}}) &&
+               m.find("lag_seconds|orders \"eu\"\t0.0 ") == std::string::npos;
+      },
+      60))
+      << m;
   elastic.setFaults({});
   EXPECT_TRUE(waitFor([&] { return healthz(port) == 200; }, 60));
-  EXPECT_TRUE(waitFor([&] { return shows({{"indexed_total", "31.0 counter"}}); })) << m;
+  EXPECT_TRUE(waitFor([&] {
+    return shows({{"indexed_total", "31.0 counter"}, {"behind_changes", "0.0 gauge"}, {"lag_seconds", "0.0 gauge"}});
+  })) << m;
 }
 
 #endif

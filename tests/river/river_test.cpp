@@ -9,10 +9,8 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
   // Even numbers in group 0 are left out; the others gain a field.
   auto transform = [](qzVariantMapImpl& doc) {
-    if (doc["group"].toInt64() == 0 && doc["n"].toInt64() % 2 == 0)
-      return false;
     doc["seen"] = true;
-    return true;
+    return doc["group"].toInt64() != 0 || doc["n"].toInt64() % 2 != 0;
   };
   def.transform = transform;
   def.leaseMs = 3000; // renewed in time on a loaded machine under sanitizers too
@@ -20,8 +18,7 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   std::string error;
   ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
   EXPECT_FALSE(rivers.addRiver(def, &error)); // same name
-  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-  auto s = rivers.status().at(0);
+  auto s = ran(rivers);
   EXPECT_EQ(std::tuple(s.caughtUp, s.lastSeq, s.indexed, s.skipped, s.liveIndex),
             std::tuple(true, couchSeq(), 3000u - 215u, 215u, "docs-1")); // skipped: n % 14 == 0
   expectIndexEqualsDatabase(transform);
@@ -38,28 +35,8 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   const std::string seq = couchSeq();
   ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); })) << rivers.status().at(0).lastSeq << " vs " << seq;
   expectIndexEqualsDatabase(transform);
-
-  // A second manager waits while the first renews the lease past the end it had when taken.
-  auto other = manager(def);
-  ASSERT_TRUE(other->start());
-  ASSERT_TRUE(waitFor([&] { return other->status().at(0).waitingForLease; }));
-  const int64_t taken = stateField("expires");
-  ASSERT_TRUE(waitFor([&] { return stateField("expires") >= taken + def.leaseMs; }));
-  EXPECT_TRUE(other->status().at(0).waitingForLease);
-  EXPECT_EQ(other->status().at(0).indexed, 0u);
-  rivers.stop(); // gives the lease back: the second takes over and follows
-  s = rivers.status().at(0);
-  EXPECT_EQ(std::tuple(s.running, s.failed), std::tuple(false, 0u));
-  load(3100, 3200, "new");
-  const std::string later = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*other, later); }));
-  EXPECT_EQ(other->status().at(0).indexed + other->status().at(0).skipped, 100u);
-  other->stop();
-  expectIndexEqualsDatabase(transform);
-
-  // Given back again: another manager takes the river at once and has nothing to do.
-  s = runOnce(def);
-  EXPECT_EQ(std::tuple(s.indexed, s.lastSeq), std::tuple(0u, later));
+  rivers.stop(); // gives the lease back (taken over: RiverServiceTest, RiverElasticTest.OneHolderAtATime...)
+  EXPECT_EQ(std::tuple(rivers.status().at(0).running, rivers.status().at(0).failed), std::tuple(false, 0u));
 
   // A new mapping fills docs-2: searches through the alias see the whole old index during the
   // rebuild, then the whole new one.
@@ -78,7 +55,7 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   s = runOnce(def);
   done = true;
   searcher.join();
-  EXPECT_EQ(std::tuple(s.liveIndex, s.indexed + s.skipped), std::tuple("docs-2", 3180u));
+  EXPECT_EQ(std::tuple(s.liveIndex, s.indexed + s.skipped), std::tuple("docs-2", 3080u));
   ASSERT_GT(counts.size(), 3u);
   for (const auto& c : counts)
     EXPECT_EQ(c, "200 " + before.substr(0, before.find(',')));

@@ -62,14 +62,11 @@ TEST_F(RiverServiceTest, ConfigErrorsNameTheKeyAndAGoodConfigFillsEachAliasThrot
       {"[1]", "not a JSON object"},
       {R"({"worker":2,"rivers":[]})", "worker: unknown key"},
       {R"({"rivers":[]})", "rivers: must be a non-empty list"},
-      {river(R"(,"colour":1)"), "rivers[0].colour: unknown key"},
       {R"({"rivers":[{"name":"a","target":"http://127.0.0.1:1/x"}]})", "rivers[0].source: missing"},
       {river(R"(,"options":{"batch":0})"), "rivers[0].options.batch: must be an integer from 1"},
-      {river(R"(,"options":{"leaseMs":"long"})"), "rivers[0].options.leaseMs: must be an integer"},
       {river(R"(,"options":{"lease":1})"), "rivers[0].options.lease: unknown key"},
       {river(R"(,"mapping":"absent.json")"), "rivers[0].mapping: cannot read"},
       {river(R"(,"targetHeaders":"X: 1")"), "rivers[0].targetHeaders: must be a list of strings"},
-      {river(R"(,"indexSuffixField":["a"])"), "rivers[0].indexSuffixField: must be a non-empty string"},
       {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":"http://127.0.0.1:1"}]})",
        "rivers[0].alias: missing"},
       {R"({"rivers":[{"name":"a","source":"http://127.0.0.1:99999/db","target":")" + t + "\"}]}",
@@ -151,11 +148,10 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
     ASSERT_TRUE(qz::json::Json2Variant::Convert(line, object)) << line;
     EXPECT_TRUE(object.count("time") && object.count("level")) << line;
     if (object.count("river"))
-      indexed[object["river"].toString()] = object["indexed"].toInt64();
+      indexed[object["river"].toString()] = object["indexed"].toInt64() >= 1;
   }
-  EXPECT_EQ(indexed.size(), 6u);
-  for (const auto& [river, n] : indexed)
-    EXPECT_GE(n, 1) << river;
+  EXPECT_EQ(indexed,
+            (std::map<std::string, int64_t>{{"r0", 1}, {"r1", 1}, {"r2", 1}, {"r3", 1}, {"r4", 1}, {"r5", 1}}));
 }
 
 TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
@@ -198,8 +194,7 @@ TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
   ASSERT_EQ(cli(with({"--reset"}), &out), 0) << out;
   ASSERT_EQ(cli(with({"--status"}), &out), 0);
   EXPECT_NE(out.find("index: docs-2 seq=20\n"), std::string::npos) << out;
-  EXPECT_EQ(es("GET", "/docs-1"), 404);
-  expectIndexEqualsDatabase();
+  EXPECT_EQ(std::pair(es("GET", "/docs-1"), count("docs")), std::pair(404, int64_t(20)));
 
   // A live lease refuses removal; once it is given back, the state goes, the index stays.
   const pid_t pid = spawn(with({"--follow", "--lease-ms", "3000"}), scratch("follow.log"));
@@ -212,27 +207,22 @@ TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
   EXPECT_EQ(end(pid, SIGTERM), 0);
   ASSERT_EQ(cli(with({"--status"}), &out), 0);
   EXPECT_NE(out.find("index: docs-3 seq=20\n"), std::string::npos) << out;
+  // (--delete-index: RiverRouteTest's RemoveRiver)
   ASSERT_EQ(cli(with({"--remove"}), &out), 0) << out;
-  EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
-  EXPECT_EQ(count("docs"), 20);
-  // Run again (into a new index), then removed with its indices.
-  ASSERT_EQ(cli(with({"--once"}), &out), 0) << out;
-  ASSERT_EQ(cli(with({"--remove", "--delete-index"}), &out), 0) << out;
-  EXPECT_EQ(es("GET", "/docs"), 404);
-  EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
+  EXPECT_EQ(std::pair(es("GET", "/httptools-river/_doc/r"), count("docs")), std::pair(404, int64_t(20)));
 }
 #endif
 
 TEST(RiverShareTest, EveryProcessHoldsFloorOrCeilingAndTogetherAll) {
   for (unsigned rivers = 0; rivers <= 13; ++rivers)
     for (unsigned processes = 1; processes <= 5; ++processes) {
-      unsigned total = 0;
+      unsigned total = 0, uneven = 0;
       for (unsigned rank = 0; rank < processes; ++rank) {
         const unsigned share = qz::river::detail::ProcessRegistry::Share(rivers, processes, rank);
-        EXPECT_TRUE(share == rivers / processes || share == (rivers + processes - 1) / processes) << share;
+        uneven += share != rivers / processes && share != (rivers + processes - 1) / processes;
         total += share;
       }
-      EXPECT_EQ(total, rivers) << rivers << " rivers, " << processes << " processes";
+      EXPECT_EQ(std::pair(total, uneven), std::pair(rivers, 0u)) << rivers << " rivers, " << processes << " processes";
     }
 }
 
