@@ -5,8 +5,6 @@
 
 #include <HttpTools/river/River.h>
 
-#include <HttpTools/elasticsearch/ElasticSearch.h>
-#include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
@@ -123,17 +121,12 @@ protected:
       expected.emplace(id, std::move(doc));
     }
     ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
+    ASSERT_EQ(es("POST", "/docs/_search", R"({"size":10000})", &text), 200);
     std::map<std::string, qzVariantMapImpl> actual;
-    std::string error;
-    qz::http::HttpConnection connection;
-    ASSERT_TRUE(qz::elasticsearch::FetchSearchResults(
-        connection, def.elastic, "docs", "",
-        [&](qz::elasticsearch::SearchHit& hit) {
-          EXPECT_TRUE(actual.emplace(hit.id, hit.source.toMap()).second) << "twice: " << hit.id;
-          return true;
-        },
-        1000, &error, nullptr))
-        << error;
+    for (const auto& hit : qz::qzVariantListImpl(parsed(text)["hits"].asMap()["hits"].toList())) {
+      qzVariantMapImpl h = hit.toMap();
+      EXPECT_TRUE(actual.emplace(h["_id"].toString(), h["_source"].toMap()).second) << "twice: " << h["_id"].toString();
+    }
     std::vector<std::string> wrong; // missing or different
     for (const auto& [id, doc] : expected)
       if (auto it = actual.find(id); it == actual.end() || it->second != doc)
@@ -171,11 +164,6 @@ protected:
     while (!done() && Clock::now() < until)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     return done();
-  }
-  // A field of the river's state document (0 when it cannot be read).
-  int64_t stateField(const char* name) {
-    std::string text;
-    return es("GET", "/httptools-river/_doc/r", {}, &text) == 200 ? parsed(text)["_source"].asMap()[name].toInt64() : 0;
   }
   static bool caughtUpTo(qz::river::RiverManager& rivers, const std::string& seq) {
     auto s = rivers.status();

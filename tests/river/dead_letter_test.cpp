@@ -45,8 +45,7 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
     if (!destination) {
       EXPECT_TRUE(error.find("bad") != std::string::npos && error.find("mapper_parsing_exception") != std::string::npos)
           << error;
-      EXPECT_EQ(std::tuple(ran, s.failed, stateField("seq"), letters().size()),
-                std::tuple(false, 1u, std::stoll(s.lastSeq), 0u));
+      EXPECT_EQ(std::tuple(ran, s.failed, letters().size()), std::tuple(false, 1u, 0u));
       EXPECT_LT(std::stoll(s.lastSeq), std::stoll(badSeq)); // the checkpoint stops before the refused change
       continue;
     }
@@ -128,7 +127,7 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
     load(0, 30);
     std::mutex mutex;
-    std::vector<std::string> feeds;       // each _changes request's query and body
+    std::vector<std::string> feeds;       // each _changes request: "1" per filter=_selector and selector body
     std::atomic<int64_t> lastPending{-1}; // written on the proxy's threads
     qztest::TestHttpServer proxy;
     proxy.route("GET", "/", [&](const httplib::Request&, httplib::Response& res) {
@@ -140,7 +139,8 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
         since->second = since->second.substr(0, since->second.find('-'));
       if (req.path == "/db/_changes") {
         std::lock_guard<std::mutex> lock(mutex);
-        feeds.push_back(httplib::detail::params_to_query_str(req.params) + " " + req.body);
+        feeds.push_back(std::to_string(req.get_param_value("filter") == "_selector") +
+                        std::to_string(req.body.find(R"("$lt":3)") != std::string::npos));
         params.erase("filter");
       }
       // The feed as GET: the selector body left out.
@@ -173,12 +173,7 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     EXPECT_EQ(lastPending.load(), c.filtered ? 0 : -1); // -1 for behindChanges unless the count was read
     ASSERT_GE(feeds.size(), 2u);
     // Filtered on the server from the start only: from a checkpoint the feed is read whole.
-    EXPECT_EQ(std::tuple(feeds.front().find("filter=_selector") != std::string::npos,
-                         feeds.front().find(R"("$lt":3)") != std::string::npos,
-                         feeds.back().find("filter=_selector") != std::string::npos),
-              std::tuple(c.filtered, c.filtered, false))
-        << feeds.front() << "\n"
-        << feeds.back();
+    EXPECT_EQ(feeds.front() + " " + feeds.back(), c.filtered ? "11 00" : "00 00");
   }
 }
 

@@ -75,26 +75,15 @@ TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
 }
 
 TEST_F(RiverElasticTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
-  struct Case {
-    std::vector<std::pair<std::string, std::string>> indices; // name, body
-    std::string failure;                                      // "": prepared, into `live`
-    std::string live;
-  } cases[] = {
-      // (an index named like the alias: RiverTest.RunOnceEndsAtOnceOnWhatRetryingCannotFix)
-      {{{"a", R"({"aliases":{"docs":{}}})"}, {"b", R"({"aliases":{"docs":{}}})"}},
-       "the alias docs points to more than one index",
-       ""},
-      {{{"docs-1", "{}"}}, "", "docs-2"}, // a leftover without the alias: the next free name
-  };
-  for (const auto& c : cases) {
-    elastic.reset();
-    for (const auto& [name, body] : c.indices)
-      ASSERT_EQ(put("/" + name, body), 200);
-    RiverState state;
-    const RiverOutcome prepared = indices("{}").prepare(state, nullptr);
-    EXPECT_EQ(std::tuple(prepared.message, prepared.permanent, state.index),
-              std::tuple(c.failure, !c.failure.empty(), c.live));
-  }
+  // (an index named like the alias: RiverTest.RunOnceEndsAtOnceOnWhatRetryingCannotFix)
+  ASSERT_EQ(put("/docs-1", "{}"), 200); // a leftover without the alias: the next free name
+  RiverState state, fresh;
+  ASSERT_TRUE(indices("{}").prepare(state, nullptr).ok());
+  EXPECT_EQ(state.index, "docs-2");
+  ASSERT_EQ(put("/a", R"({"aliases":{"docs":{}}})"), 200);
+  const RiverOutcome refused = indices("{}").prepare(fresh, nullptr);
+  EXPECT_EQ(std::tuple(refused.message, refused.permanent),
+            std::tuple("the alias docs points to more than one index", true));
 }
 
 TEST_F(RiverElasticTest, OneHolderAtATimeUntilReleasedOrExpired) {
@@ -202,17 +191,14 @@ TEST(RiverMapping, LiveMappingComparedIgnoringOrderEchoesAndDefaults) {
   } cases[] = {
       {R"({})", R"({"properties":{"a":{"type":"text","fields":{"keyword":{"type":"keyword","ignore_above":256}}}}})",
        true}, // dynamic: fields the documents brought
-      {R"({"properties":{"a":{"type":"long"},"b":{"type":"keyword"}}})",
-       R"({"properties":{"b":{"type":"keyword"},"a":{"type":"long"}},"_meta":{"x":1}})", true},
       {R"({"dynamic":"strict","properties":{"k":{"type":"keyword","ignore_above":256,"index":true}}})",
        R"({"dynamic":"strict","properties":{"k":{"type":"keyword","ignore_above":"256","doc_values":true}}})", true},
       {R"({"dynamic":false,"properties":{"o":{"properties":{"x":{"type":"date"}}}}})",
-       R"({"dynamic":"false","properties":{"o":{"type":"object","properties":{"x":{"type":"date"}}}}})", true},
-      {R"({"properties":{"a":{"type":"long"}}})", R"({"properties":{"a":{"type":"integer"}}})", false},
-      {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"long"}}})", false},
+       R"({"dynamic":"false","properties":{"o":{"type":"object","properties":{"x":{"type":"date"}}}},"_meta":{}})",
+       true},
+      {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"integer"}}})",
+       false},
       {R"({"properties":{"a":{"type":"text"}}})", R"({"properties":{"a":{"type":"text","analyzer":"french"}}})", false},
-      {R"({"properties":{"a":{"type":"text","copy_to":["x","y"]}}})",
-       R"({"properties":{"a":{"type":"text","copy_to":["y","x"]}}})", false},
       {R"({"dynamic":"strict"})", R"({"dynamic":"true"})", false},
   };
   for (const auto& c : cases)

@@ -100,13 +100,11 @@ TEST(RiverPipeline, BatchesTravelOneAtATimeAndCommitInOrderUntilOneFails) {
     GatedSender sender;
     sender.failAt = c.failAt;
     std::vector<std::string> commits;
-    BulkPipeline pipeline(
-        sender, 3,
-        [&](const std::string& seq) {
-          commits.push_back(seq);
-          return RiverOutcome::Done();
-        },
-        nullptr);
+    auto commit = [&](const std::string& seq) {
+      commits.push_back(seq);
+      return RiverOutcome::Done();
+    };
+    BulkPipeline pipeline(sender, 3, commit, nullptr);
     bool accepted = true;
     for (size_t i = 0; i < 10 && accepted; ++i) {
       BulkOp op{"i", "d", "1-x", 1, false, std::string(10, 'x')};

@@ -57,8 +57,7 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   searcher.join();
   EXPECT_EQ(std::tuple(s.liveIndex, s.indexed + s.skipped), std::tuple("docs-2", 3080u));
   ASSERT_GT(counts.size(), 3u);
-  for (const auto& c : counts)
-    EXPECT_EQ(c, "200 " + before.substr(0, before.find(',')));
+  EXPECT_EQ(std::set(counts.begin(), counts.end()), std::set<std::string>{"200 " + before.substr(0, before.find(','))});
   EXPECT_EQ(es("GET", "/docs-1"), 404);
   expectIndexEqualsDatabase(transform);
 }
@@ -84,8 +83,7 @@ TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
     std::string error;
     const auto started = Clock::now();
     EXPECT_FALSE(manager(d)->runOnce(&error, nullptr));
-    EXPECT_NE(error.find(c.reason), std::string::npos) << error;
-    EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
+    EXPECT_TRUE(error.find(c.reason) != std::string::npos && Clock::now() - started < std::chrono::seconds(5)) << error;
   }
   // Definitions refused up front.
   const std::pair<std::function<void(qz::river::RiverDefinition&)>, const char*> refused[] = {
@@ -97,8 +95,8 @@ TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
     qz::river::RiverDefinition d = def;
     edit(d);
     std::string error;
-    EXPECT_FALSE(qz::river::RiverManager(pool, 1).addRiver(d, &error));
-    EXPECT_NE(error.find(says), std::string::npos) << error;
+    EXPECT_TRUE(!qz::river::RiverManager(pool, 1).addRiver(d, &error) && error.find(says) != std::string::npos)
+        << error;
   }
 }
 
@@ -120,8 +118,8 @@ TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {
   EXPECT_FALSE(rivers->status().at(0).caughtUp);
   ASSERT_TRUE(door.start()) << door.error();
   const std::string seq = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, seq); }, 30)) << rivers->status().at(0).error;
-  EXPECT_TRUE(rivers->status().at(0).error.empty());
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, seq) && rivers->status().at(0).error.empty(); }, 30))
+      << rivers->status().at(0).error;
   rivers->stop();
   expectIndexEqualsDatabase();
 }
