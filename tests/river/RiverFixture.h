@@ -28,7 +28,6 @@
 
 namespace rivertest {
 
-using qz::qzVariant;
 using qz::qzVariantMapImpl;
 
 using Clock = std::chrono::steady_clock;

@@ -5,38 +5,18 @@
 #include <HttpTools/river/RiverMapping_p.h>
 #include <HttpTools/river/RiverPipeline_p.h>
 
-#include <HttpTools/http/HttpConnectionPool.h>
-#include <HttpTools/platform/qzJson.h>
-
-#include "support/ElasticEmulator.h"
-
-#include <gtest/gtest.h>
+#include "RiverFixture.h"
 
 using qz::qzVariant;
 using namespace qz::river::detail;
 
 namespace {
 
-class RiverElasticTest : public testing::Test {
+class RiverElasticTest : public rivertest::RiverTest {
 protected:
-  void SetUp() override { ASSERT_TRUE(elastic.start()) << elastic.lastError(); }
-  qz::elasticsearch::ElasticConnectionParameters target() {
-    return qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl()));
-  }
-  IndexManager indices(const std::string& mapping) { return IndexManager(pool, target(), "docs", mapping); }
-  StateLocation where() { return {target(), "state", "r", "docs", "db"}; }
+  IndexManager indices(const std::string& mapping) { return IndexManager(pool, def.elastic, "docs", mapping); }
+  StateLocation where() { return {def.elastic, "state", "r", "docs", "db"}; }
   static auto fields(RiverState& s) { return std::tie(s.index, s.seq, s.building, s.buildSeq, s.marker, s.recreated); }
-  int put(const std::string& path, const std::string& body) {
-    auto res = httplib::Client("127.0.0.1", elastic.port()).Put(path, body, "application/json");
-    return res ? res->status : 0;
-  }
-  std::string get(const std::string& path) {
-    auto res = httplib::Client("127.0.0.1", elastic.port()).Get(path);
-    return res ? std::to_string(res->status) + " " + res->body : "";
-  }
-
-  qztest::ElasticEmulator elastic;
-  qz::http::HttpConnectionPool pool;
 };
 
 TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias) {
@@ -62,10 +42,12 @@ TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
     if (!state.building.empty() && state.buildSeq == "0")
       state.buildSeq = "5";
   }
-  EXPECT_EQ(get("/docs-2").substr(0, 3), "200");
+  EXPECT_EQ(es("GET", "/docs-2"), 200);
   ASSERT_TRUE(indices(v2).swap(state, nullptr).ok());
   EXPECT_EQ(std::tuple(state.index, state.seq, state.building), std::tuple("docs-2", "5", ""));
-  EXPECT_EQ(get("/_alias/docs"), R"(200 {"docs-2":{"aliases":{"docs":{}}}})");
+  std::string aliases;
+  ASSERT_EQ(es("GET", "/_alias/docs", {}, &aliases), 200);
+  EXPECT_EQ(aliases, R"({"docs-2":{"aliases":{"docs":{}}}})");
 
   // A rebuild for a recreated database is resumed, not taken for a mapping gone back.
   ASSERT_TRUE(indices(v2).rebuild(state, nullptr).ok());
@@ -76,11 +58,11 @@ TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
 
 TEST_F(RiverElasticTest, AnAliasNotLeftAsTheRiverLeavesItFailsForGood) {
   // (an index named like the alias: RiverTest.RunOnceEndsAtOnceOnWhatRetryingCannotFix)
-  ASSERT_EQ(put("/docs-1", "{}"), 200); // a leftover without the alias: the next free name
+  ASSERT_EQ(es("PUT", "/docs-1", "{}"), 200); // a leftover without the alias: the next free name
   RiverState state, fresh;
   ASSERT_TRUE(indices("{}").prepare(state, nullptr).ok());
   EXPECT_EQ(state.index, "docs-2");
-  ASSERT_EQ(put("/a", R"({"aliases":{"docs":{}}})"), 200);
+  ASSERT_EQ(es("PUT", "/a", R"({"aliases":{"docs":{}}})"), 200);
   const RiverOutcome refused = indices("{}").prepare(fresh, nullptr);
   EXPECT_EQ(std::tuple(refused.message, refused.permanent),
             std::tuple("the alias docs points to more than one index", true));
@@ -119,15 +101,13 @@ TEST_F(RiverElasticTest, OneHolderAtATimeUntilReleasedOrExpired) {
 }
 
 TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByTheStoredRevision) {
-  ASSERT_EQ(put("/i", R"({"mappings":{"properties":{"n":{"type":"long"}}}})"), 200);
+  ASSERT_EQ(es("PUT", "/i", R"({"mappings":{"properties":{"n":{"type":"long"}}}})"), 200);
   // What the index holds before the batch, each at external version 9; "gone" deleted at 10.
   for (const auto& [id, rev] : {std::pair{"same", "5-s"}, {"older", "5-o"}, {"stale", "5-o"}, {"gone", ""}})
-    ASSERT_EQ(put(std::string("/i/_doc/") + id + "?version=9&version_type=external",
-                  std::string(R"({"n":9,"httptools_rev":")") + rev + "\"}"),
+    ASSERT_EQ(es("PUT", std::string("/i/_doc/") + id + "?version=9&version_type=external",
+                 std::string(R"({"n":9,"httptools_rev":")") + rev + "\"}"),
               201);
-  ASSERT_EQ(
-      httplib::Client("127.0.0.1", elastic.port()).Delete("/i/_doc/gone?version=10&version_type=external")->status,
-      200);
+  ASSERT_EQ(es("DELETE", "/i/_doc/gone?version=10&version_type=external"), 200);
   elastic.setFaults({.rejectItems = 2, .unavailable = 1, .unavailablePath = "_bulk"});
   struct Case {
     BulkOp op;
@@ -146,7 +126,7 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
     ops.push_back(c.op);
   StopSignal stop;
   size_t indexed = 0, deleted = 0, retried = 0;
-  auto sender = MakeBulkSender(pool, target(), "r", stop, [&](const BulkProgress& p) {
+  auto sender = MakeBulkSender(pool, def.elastic, "r", stop, [&](const BulkProgress& p) {
     std::tie(indexed, deleted, retried) = std::tuple(indexed + p.indexed, deleted + p.deleted, retried + p.retried);
   });
   const RiverOutcome sent = sender->send(ops, nullptr);
@@ -154,8 +134,9 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
   // a, then older and gone written again; stale deleted; the rejected items retried at least.
   EXPECT_EQ(std::tuple(ops.size(), indexed, deleted, retried >= 2), std::tuple(0u, 3u, 1u, true));
   for (const auto& c : cases) {
-    qz::qzVariantMapImpl doc;
-    qz::json::Json2Variant::Convert(get("/i/_doc/" + c.op.id).substr(4), doc);
+    std::string text;
+    es("GET", "/i/_doc/" + c.op.id, {}, &text);
+    auto doc = parsed(text);
     EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", c.after) << c.op.id;
   }
 }
@@ -172,19 +153,16 @@ TEST(RiverMapping, PackedMappingComesBackIdenticalWhateverTheKeyOrder) {
   const std::string packed = PackMapping(a);
   EXPECT_EQ(packed,
             PackMapping(parse(R"({"properties":{"name":{"analyzer":"french","type":"text"},"n":{"type":"long"}}})")));
-  EXPECT_EQ(packed.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/="),
-            std::string::npos);
   qzVariant back;
   ASSERT_TRUE(UnpackMapping(packed, back));
   EXPECT_EQ(back, a);
   for (const std::string& bad : std::vector<std::string>{"", "not base64 !", "aGVsbG8=" /* "hello", not deflate */,
                                                          packed.substr(0, packed.size() / 2)})
     EXPECT_FALSE(UnpackMapping(bad, back)) << bad;
-  for (const std::string bad : {"[]", "3", "{\"a\":", "\"text\""})
+  for (const std::string bad : {"[]", "{\"a\":"})
     EXPECT_FALSE(ParseMapping(bad, back, nullptr)) << bad;
-}
 
-TEST(RiverMapping, LiveMappingComparedIgnoringOrderEchoesAndDefaults) {
+  // An index made by hand or by an older release: compared with what the server shows.
   const struct {
     const char *wanted, *live;
     bool same;
@@ -196,8 +174,8 @@ TEST(RiverMapping, LiveMappingComparedIgnoringOrderEchoesAndDefaults) {
       {R"({"dynamic":false,"properties":{"o":{"properties":{"x":{"type":"date"}}}}})",
        R"({"dynamic":"false","properties":{"o":{"type":"object","properties":{"x":{"type":"date"}}}},"_meta":{}})",
        true},
-      {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"integer"}}})",
-       false},
+      {R"({"properties":{"a":{"type":"long"}}})", R"({"properties":{"a":{"type":"integer"}}})", false},
+      {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"long"}}})", false},
       {R"({"properties":{"a":{"type":"text"}}})", R"({"properties":{"a":{"type":"text","analyzer":"french"}}})", false},
       {R"({"dynamic":"strict"})", R"({"dynamic":"true"})", false},
   };

