@@ -81,25 +81,23 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
   EXPECT_EQ(run({"--once"}), 1); // no destination: stops on the first refused document
   ASSERT_EQ(run({"--once", "--dead-letter", file}), 0);
   ASSERT_EQ(letters().size(), 3u);
-  struct Step {
-    std::vector<std::string> fixed, removed; // in CouchDB before the replay
-    int exitCode;
-    std::vector<std::string> left; // ids in the file afterwards
-  } steps[] = {
+  // Fixed and removed in CouchDB before the replay; its exit code; the ids left in the file.
+  using Ids = std::vector<std::string>;
+  const std::tuple<Ids, Ids, int, Ids> steps[] = {
       {{"fixed"}, {"gone"}, 1, {"still"}},
       {{}, {}, 1, {"still"}}, // nothing changed: the rewritten file is rewritten alike
       {{"still"}, {}, 0, {}},
   };
-  for (const auto& s : steps) {
-    for (const auto& id : s.fixed)
+  for (const auto& [fixed, removed, exitCode, left] : steps) {
+    for (const auto& id : fixed)
       edit(id, {{"n", int64_t(7)}});
-    for (const auto& id : s.removed)
+    for (const auto& id : removed)
       remove(id);
-    EXPECT_EQ(run({"--replay", file}), s.exitCode);
-    std::vector<std::string> ids;
+    Ids ids;
+    EXPECT_EQ(run({"--replay", file}), exitCode);
     for (const auto& l : letters())
       ids.push_back(l.id);
-    EXPECT_EQ(ids, s.left);
+    EXPECT_EQ(ids, left);
   }
   expectIndexEqualsDatabase();
 }
@@ -112,16 +110,14 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
 TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFeedWhereTheServerCan) {
   def.selectorJson = R"({"group":{"$lt":3}})";
   auto matches = [](qzVariantMapImpl& doc) { return doc["group"].toInt64() < 3; };
-  struct Case {
-    const char* welcome;
-    bool filtered; // the first run asks for filter=_selector; the seqs are opaque
-  } cases[] = {
+  // The welcome answer; whether the first run asks for filter=_selector (the seqs then opaque).
+  const std::pair<const char*, bool> cases[] = {
       {R"({"couchdb":"Welcome","version":"3.3.3"})", true},
       {R"({"express-pouchdb":"Welcome!","version":"4.2.0"})", false},
       {R"({"couchdb":"Welcome","version":"1.7.2"})", false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.welcome);
+  for (const auto& [welcome, filtered] : cases) {
+    SCOPED_TRACE(welcome);
     elastic.reset();
     ASSERT_EQ(couch.request("DELETE", "/db"), 200);
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
@@ -130,9 +126,8 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     std::vector<std::string> feeds;       // each _changes request: "1" per filter=_selector and selector body
     std::atomic<int64_t> lastPending{-1}; // written on the proxy's threads
     qztest::TestHttpServer proxy;
-    proxy.route("GET", "/", [&](const httplib::Request&, httplib::Response& res) {
-      res.set_content(c.welcome, "application/json");
-    });
+    proxy.route("GET", "/",
+                [&](const httplib::Request&, httplib::Response& res) { res.set_content(welcome, "application/json"); });
     proxy.route("*", "/db.*", [&](const httplib::Request& req, httplib::Response& res) {
       httplib::Params params = req.params;
       if (auto since = params.find("since"); since != params.end())
@@ -147,12 +142,12 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
       toCouch(req, res, req.path + "?" + httplib::detail::params_to_query_str(params),
               req.method == "PUT" ? "PUT" : "GET");
       std::smatch last;
-      if (c.filtered && req.path == "/db/_changes" &&
+      if (filtered && req.path == "/db/_changes" &&
           std::regex_search(res.body, last, std::regex(R"re("last_seq":(\d+))re"))) {
         lastPending = std::stoll(couchSeq()) - std::stoll(last[1]);
         res.body.insert(res.body.rfind('}'), ",\"pending\":" + std::to_string(lastPending));
       }
-      if (c.filtered)
+      if (filtered)
         res.body =
             std::regex_replace(res.body, std::regex(R"re("(seq|last_seq|update_seq)":(\d+))re"), "\"$1\":\"$2-g1x\"");
     });
@@ -169,11 +164,11 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     const auto s = ran(rivers);
     expectIndexEqualsDatabase(matches);
     std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(std::tuple(s.lastSeq, s.behindChanges), std::tuple(couchSeq() + (c.filtered ? "-g1x" : ""), 0));
-    EXPECT_EQ(lastPending.load(), c.filtered ? 0 : -1); // -1 for behindChanges unless the count was read
+    EXPECT_EQ(std::tuple(s.lastSeq, s.behindChanges), std::tuple(couchSeq() + (filtered ? "-g1x" : ""), 0));
+    EXPECT_EQ(lastPending.load(), filtered ? 0 : -1); // -1 for behindChanges unless the count was read
     ASSERT_GE(feeds.size(), 2u);
     // Filtered on the server from the start only: from a checkpoint the feed is read whole.
-    EXPECT_EQ(feeds.front() + " " + feeds.back(), c.filtered ? "11 00" : "00 00");
+    EXPECT_EQ(feeds.front() + " " + feeds.back(), filtered ? "11 00" : "00 00");
   }
 }
 

@@ -17,27 +17,24 @@ TEST_F(RiverFaultTest, WinnersThatChangeWithoutARisingGenerationReachTheIndex) {
            "-" + hash + R"(","_revisions":{"start":)" + std::to_string(generation) + ",\"ids\":[\"" + hash + "\",\"" +
            parent + "\"]},\"v\":\"" + value + "\"}]}";
   };
-  struct Step {
-    std::string bulk, deleteRev; // one of them
-    const char* id;
-    const char* winner; // the winning revision afterwards
-  } steps[] = {
-      {replicated("c", 2, "aaa", "r", "a"), "", "c", "2-aaa"},
-      {replicated("c", 2, "fff", "r", "f"), "", "c", "2-fff"}, // a conflict of the same generation wins
-      {"", "2-fff", "c", "2-aaa"},                             // the winner deleted: the loser wins again
-      {replicated("x", 3, "ccc", "bbb", "c"), "", "x", "3-ccc"},
-      {replicated("x", 2, "zzz", "r", "z"), "", "x", "3-ccc"},
-      {"", "3-ccc", "x", "2-zzz"}, // a lower generation wins
-      {"", "2-zzz", "x", ""},      // every leaf deleted
+  // The document, a replicated branch (a bulk) or the revision deleted, the winner afterwards.
+  const std::tuple<const char*, std::string, const char*> steps[] = {
+      {"c", replicated("c", 2, "aaa", "r", "a"), "2-aaa"},
+      {"c", replicated("c", 2, "fff", "r", "f"), "2-fff"}, // a conflict of the same generation wins
+      {"c", "2-fff", "2-aaa"},                             // the winner deleted: the loser wins again
+      {"x", replicated("x", 3, "ccc", "bbb", "c"), "3-ccc"},
+      {"x", replicated("x", 2, "zzz", "r", "z"), "3-ccc"},
+      {"x", "3-ccc", "2-zzz"}, // a lower generation wins
+      {"x", "2-zzz", ""},      // every leaf deleted
   };
   auto rivers = manager(def);
-  for (const auto& s : steps) {
-    SCOPED_TRACE(std::string(s.id) + " won by " + s.winner);
-    if (!s.bulk.empty())
-      ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", s.bulk), 201);
+  for (const auto& [id, write, winner] : steps) {
+    SCOPED_TRACE(std::string(id) + " won by " + winner);
+    if (write[0] == '{')
+      ASSERT_EQ(couch.request("POST", "/db/_bulk_docs", write), 201);
     else
-      ASSERT_EQ(couch.request("DELETE", std::string("/db/") + s.id + "?rev=" + s.deleteRev), 200);
-    ASSERT_EQ(couchDoc(s.id)["_rev"].toString(), s.winner);
+      ASSERT_EQ(couch.request("DELETE", std::string("/db/") + id + "?rev=" + write), 200);
+    ASSERT_EQ(couchDoc(id)["_rev"].toString(), winner);
     EXPECT_EQ(ran(*rivers).failed, 0u);
     expectIndexEqualsDatabase();
   }
@@ -49,10 +46,8 @@ TEST_F(RiverFaultTest, WinnersThatChangeWithoutARisingGenerationReachTheIndex) {
 TEST_F(RiverFaultTest, LostAnswersNeverCostTheLiveIndex) {
   FaultProxy proxy(uint16_t(elastic.port()));
   ASSERT_TRUE(proxy.start()) << proxy.error();
-  struct Case {
-    const char* what;
-    std::vector<FaultProxy::Rule> rules;
-  } cases[] = {
+  // What is lost, by the rules that lose it.
+  const std::pair<const char*, std::vector<FaultProxy::Rule>> cases[] = {
       {"the alias swap's answer", {FaultProxy::Match("POST", "/_aliases", FaultProxy::DropAnswer)}},
       {"the alias swap's answer, then its read-back",
        {FaultProxy::Match("POST", "/_aliases", FaultProxy::DropAnswer),
@@ -63,13 +58,13 @@ TEST_F(RiverFaultTest, LostAnswersNeverCostTheLiveIndex) {
   };
   load(0, 300);
   def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, faults] : cases) {
+    SCOPED_TRACE(what);
     elastic.reset();
     elastic.setFaults({.noAutoCreate = true});
     proxy.clearRules();
     std::vector<size_t> rules;
-    for (const auto& rule : c.rules)
+    for (const auto& rule : faults)
       rules.push_back(proxy.addRule(rule));
     def.mappingJson = "{}";
     runOnce(def);

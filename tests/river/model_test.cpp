@@ -12,11 +12,20 @@ using qztest::FaultProxy;
 namespace {
 
 #ifdef HTTPTOOLS_CLI
-class RiverModelTest : public RiverTest {
-protected:
+using RiverModelTest = RiverTest;
+
+TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
+  const char* soak = std::getenv("HTTPTOOLS_RIVER_SEEDS");
+  const unsigned seeds = soak ? unsigned(std::max(1, std::atoi(soak))) : 3;
+  const char* from = std::getenv("HTTPTOOLS_RIVER_FIRST_SEED"); // to replay a failed soak history
+  const unsigned first = from ? unsigned(std::max(1, std::atoi(from))) : 1;
+  FaultProxy proxy(uint16_t(elastic.port()));
+  ASSERT_TRUE(proxy.start()) << proxy.error();
+  def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
+  def.batchDocs = 3;
   // One random write to document `id`: an edit of the winner (or a creation), a replicated branch
   // of a generation near the winner's, the winner deleted, or a losing leaf deleted.
-  void write(std::mt19937& rng, const std::string& id) {
+  auto write = [&](std::mt19937& rng, const std::string& id) {
     qzVariantMapImpl doc = couchDoc(id + "?conflicts=true");
     const int generation = doc.empty() ? 0 : std::atoi(doc["_rev"].toString().c_str());
     const qz::qzVariantListImpl losers(doc.count("_conflicts") ? doc["_conflicts"].toList() : qz::qzVariantListImpl());
@@ -35,18 +44,7 @@ protected:
     } else if (what == 3 && !losers.empty()) {
       couch.request("DELETE", "/db/" + id + "?rev=" + losers.front().toString());
     }
-  }
-};
-
-TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
-  const char* soak = std::getenv("HTTPTOOLS_RIVER_SEEDS");
-  const unsigned seeds = soak ? unsigned(std::max(1, std::atoi(soak))) : 3;
-  const char* from = std::getenv("HTTPTOOLS_RIVER_FIRST_SEED"); // to replay a failed soak history
-  const unsigned first = from ? unsigned(std::max(1, std::atoi(from))) : 1;
-  FaultProxy proxy(uint16_t(elastic.port()));
-  ASSERT_TRUE(proxy.start()) << proxy.error();
-  def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
-  def.batchDocs = 3;
+  };
   for (unsigned seed = first; seed < first + seeds; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);

@@ -65,38 +65,35 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
 TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
   ASSERT_EQ(es("PUT", "/plain", "{}"), 200);
   load(0, 3);
-  struct Case {
-    std::string database, alias, reason;
-    bool upper = false; // d1 routed to an index suffix no index name may carry
-  } cases[] = {{"missing", "docs", "not_found"},
-               {"db", "plain", "plain is an index, not an alias"},
-               {"db", "docs", "document d1: its route's index suffix \"Upper\" makes no valid index name", true}};
+  // Ends a run at once, or refused up front when it cannot work at all.
+  const struct {
+    std::function<void(qz::river::RiverDefinition&)> edit;
+    const char* says;
+    bool upFront = false;
+  } cases[] = {
+      {[](auto& d) { d.database = "missing"; }, "not_found"},
+      {[](auto& d) { d.index = "plain"; }, "plain is an index, not an alias"},
+      {[](auto& d) { // d1 routed to an index suffix no index name may carry
+         d.route = [](const qzVariantMapImpl& doc, auto& route) {
+           route.indexSuffix = doc.at("_id") == "d1" ? "Up" : "";
+         };
+       },
+       "document d1: its route's index suffix \"Up\" makes no valid index name"},
+      {[](auto& d) { d.mappingJson = "[1]"; }, "", true},
+      {[](auto& d) { d.index = d.stateIndex; }, "", true},
+      {[](auto& d) { d.selectorJson = R"({"group":{"$bogus":1}})"; }, "$bogus", true},
+  };
   for (const auto& c : cases) {
     qz::river::RiverDefinition d = def;
-    d.name = c.database + c.alias;
-    d.database = c.database;
-    d.index = c.alias;
-    if (c.upper)
-      d.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
-        route.indexSuffix = doc.at("_id").toString() == "d1" ? "Upper" : "";
-      };
+    c.edit(d);
+    d.name += std::to_string(&c - cases); // no state of an earlier case
+    qz::river::RiverManager rivers(pool, 1);
     std::string error;
     const auto started = Clock::now();
-    EXPECT_FALSE(manager(d)->runOnce(&error, nullptr));
-    EXPECT_TRUE(error.find(c.reason) != std::string::npos && Clock::now() - started < std::chrono::seconds(5)) << error;
-  }
-  // Definitions refused up front.
-  const std::pair<std::function<void(qz::river::RiverDefinition&)>, const char*> refused[] = {
-      {[](auto& d) { d.mappingJson = "[1]"; }, ""},
-      {[](auto& d) { d.index = d.stateIndex; }, ""},
-      {[](auto& d) { d.selectorJson = R"({"group":{"$bogus":1}})"; }, "$bogus"},
-  };
-  for (const auto& [edit, says] : refused) {
-    qz::river::RiverDefinition d = def;
-    edit(d);
-    std::string error;
-    EXPECT_TRUE(!qz::river::RiverManager(pool, 1).addRiver(d, &error) && error.find(says) != std::string::npos)
-        << error;
+    const bool added = rivers.addRiver(d, &error);
+    EXPECT_EQ(added, !c.upFront) << error;
+    EXPECT_FALSE(added && rivers.runOnce(&error, nullptr));
+    EXPECT_TRUE(error.find(c.says) != std::string::npos && Clock::now() - started < std::chrono::seconds(5)) << error;
   }
 }
 

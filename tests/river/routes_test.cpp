@@ -69,18 +69,4 @@ TEST_F(RiverRouteTest, EachDocumentIsHeldOnceWhereItsRouteSaysThroughEditsRepair
   EXPECT_EQ(es("GET", "/docs-2-g1"), 404);
 }
 
-#ifdef HTTPTOOLS_CLI
-TEST_F(RiverRouteTest, TheProgramRoutesByFieldsNestedOrNot) {
-  put({{"_id", "a"}, {"n", 7}, {"meta", qzVariantMapImpl{{"tenant", "acme"}}}});
-  put({{"_id", "b"}, {"n", true}});
-  put({{"_id", "c"}, {"meta", "flat"}});
-  ASSERT_EQ(cli({couch.baseUrl() + "/db", elastic.baseUrl() + "/docs", "--once", "--routing-field", "n",
-                 "--index-suffix-field", "meta.tenant"}),
-            0);
-  EXPECT_EQ(std::tuple(docStatus("docs-1-acme", "a", "7"), docStatus("docs-1", "b", "true"), docStatus("docs-1", "c")),
-            std::tuple(200, 200, 200));
-  EXPECT_EQ(aliased(), (std::vector<std::string>{"docs-1", "docs-1-acme"}));
-}
-#endif
-
 } // namespace
