@@ -16,10 +16,8 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include <unistd.h>
 
@@ -98,8 +96,7 @@ protected:
     put(doc);
   }
   void remove(const std::string& id) {
-    const std::string rev = couchDoc(id)["_rev"].toString();
-    ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + rev), 200);
+    ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + couchDoc(id)["_rev"].toString()), 200);
   }
   std::string couchSeq() { return couchDoc("")["update_seq"].toString(); }
 

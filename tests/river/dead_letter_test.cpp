@@ -29,42 +29,28 @@ TEST_F(RiverDeadLetterTest, RefusedDocumentsAreLettersWithADestinationAndStopThe
   load(5, 10);
   put({{"_id", "huge"}, {"text", std::string(6000, 'h')}}); // over the bulk limit alone
   load(10, 30);
-  for (const bool destination : {false, true}) {
-    SCOPED_TRACE(destination ? "with a dead-letter file" : "without one");
-    elastic.reset();
-    elastic.setFaults({.maxBulkBytes = 4000}); // about 20 documents of the load
-    qz::river::RiverDefinition d = def;
-    d.batchDocs = destination ? 500 : 3; // 500: bulks too large go in halves down to one document
-    if (destination)
-      d.deadLetter = qz::river::DeadLetterFile(file);
-    auto rivers = manager(d);
-    std::string error;
-    const int64_t before = int64_t(std::time(nullptr)) * 1000 - 1000;
-    const bool ran = rivers->runOnce(&error, nullptr);
-    const auto s = rivers->status().at(0);
-    if (!destination) {
-      EXPECT_TRUE(error.find("bad") != std::string::npos && error.find("mapper_parsing_exception") != std::string::npos)
-          << error;
-      EXPECT_EQ(std::tuple(ran, s.failed, letters().size()), std::tuple(false, 1u, 0u));
-      EXPECT_LT(std::stoll(s.lastSeq), std::stoll(badSeq)); // the checkpoint stops before the refused change
-      continue;
-    }
-    ASSERT_TRUE(ran) << error;
-    EXPECT_EQ(std::tuple(s.rejected, s.indexed, s.lastSeq), std::tuple(2u, 30u, couchSeq())); // past both
-    EXPECT_GE(elastic.stats().tooLargeBulks, 3u); // the batch, a half, ... down to the huge document alone
-    std::map<std::string, qz::river::RiverDeadLetter> read;
-    for (auto& l : letters())
-      read[l.id] = l;
-    ASSERT_EQ(read.size(), 2u);
-    const auto& l = read["bad"];
-    EXPECT_EQ(l.id + " " + l.rev + " " + l.seq + " " + std::to_string(l.status) + " " + l.errorType + " " + l.source,
-              "bad " + badRev + " " + badSeq + " 400 mapper_parsing_exception " + R"({"httptools_rev":")" + badRev +
-                  R"(","n":"x"})");
-    EXPECT_TRUE(!l.reason.empty() && l.timeMs >= before && l.timeMs <= before + 120000) << l.timeMs;
-    EXPECT_EQ(read["huge"].status, 413);
-    expectIndexEqualsDatabase(
-        [](qzVariantMapImpl& doc) { return doc["_id"].toString() != "bad" && doc["_id"].toString() != "huge"; });
-  }
+  // (without a destination the river stops before the refused change: ReplayKeepsOnlyTheDocumentsStillRefused)
+  elastic.setFaults({.maxBulkBytes = 4000}); // about 20 documents of the load
+  def.deadLetter = qz::river::DeadLetterFile(file);
+  auto rivers = manager(def); // batches of 500: bulks too large go in halves down to one document
+  std::string error;
+  const int64_t before = int64_t(std::time(nullptr)) * 1000 - 1000;
+  ASSERT_TRUE(rivers->runOnce(&error, nullptr)) << error;
+  const auto s = rivers->status().at(0);
+  EXPECT_EQ(std::tuple(s.rejected, s.indexed, s.lastSeq), std::tuple(2u, 30u, couchSeq())); // past both
+  EXPECT_GE(elastic.stats().tooLargeBulks, 3u); // the batch, a half, ... down to the huge document alone
+  std::map<std::string, qz::river::RiverDeadLetter> read;
+  for (auto& l : letters())
+    read[l.id] = l;
+  ASSERT_EQ(read.size(), 2u);
+  const auto& l = read["bad"];
+  EXPECT_EQ(l.id + " " + l.rev + " " + l.seq + " " + std::to_string(l.status) + " " + l.errorType + " " + l.source,
+            "bad " + badRev + " " + badSeq + " 400 mapper_parsing_exception " + R"({"httptools_rev":")" + badRev +
+                R"(","n":"x"})");
+  EXPECT_TRUE(!l.reason.empty() && l.timeMs >= before && l.timeMs <= before + 120000) << l.timeMs;
+  EXPECT_EQ(read["huge"].status, 413);
+  expectIndexEqualsDatabase(
+      [](qzVariantMapImpl& doc) { return doc["_id"].toString() != "bad" && doc["_id"].toString() != "huge"; });
 }
 
 #ifdef HTTPTOOLS_CLI
@@ -78,7 +64,8 @@ TEST_F(RiverDeadLetterTest, ReplayKeepsOnlyTheDocumentsStillRefused) {
                                  scratch("mapping.json", def.mappingJson)});
     return cli(flags);
   };
-  EXPECT_EQ(run({"--once"}), 1); // no destination: stops on the first refused document
+  // No destination: stops before the first refused document, so the next run still finds all three.
+  EXPECT_EQ(run({"--once"}), 1);
   ASSERT_EQ(run({"--once", "--dead-letter", file}), 0);
   ASSERT_EQ(letters().size(), 3u);
   // Fixed and removed in CouchDB before the replay; its exit code; the ids left in the file.
@@ -114,7 +101,6 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
   const std::pair<const char*, bool> cases[] = {
       {R"({"couchdb":"Welcome","version":"3.3.3"})", true},
       {R"({"express-pouchdb":"Welcome!","version":"4.2.0"})", false},
-      {R"({"couchdb":"Welcome","version":"1.7.2"})", false},
   };
   for (const auto& [welcome, filtered] : cases) {
     SCOPED_TRACE(welcome);
@@ -123,7 +109,7 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
     load(0, 30);
     std::mutex mutex;
-    std::vector<std::string> feeds;       // each _changes request: "1" per filter=_selector and selector body
+    std::vector<std::string> feeds;       // per _changes request: filter=_selector asked, the selector sent
     std::atomic<int64_t> lastPending{-1}; // written on the proxy's threads
     qztest::TestHttpServer proxy;
     proxy.route("GET", "/",

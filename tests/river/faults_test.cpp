@@ -8,7 +8,7 @@ using qztest::FaultProxy;
 
 namespace {
 
-class RiverFaultTest : public RiverTest {};
+using RiverFaultTest = RiverTest;
 
 TEST_F(RiverFaultTest, WinnersThatChangeWithoutARisingGenerationReachTheIndex) {
   // Each step as replication writes it (new_edits=false) or as a client deletes a leaf.
@@ -111,19 +111,17 @@ TEST_F(RiverFaultTest, ADatabaseCreatedAgainIsFilledIntoANewIndex) {
   }
 }
 
-class RiverVerifyTest : public RiverTest {
-protected:
-  RiverDrift verify(bool repair) {
+using RiverVerifyTest = RiverTest;
+
+TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
+  auto verify = [&](bool repair) {
     RiverDrift drift;
     std::string error;
     const uint64_t cap = pool.getMaxConcurrentConnection();
     EXPECT_TRUE(qz::river::VerifyRiver(pool, def, repair, drift, &error, nullptr)) << error;
     EXPECT_EQ(pool.getMaxConcurrentConnection(), cap); // the caller's pool keeps its cap
     return drift;
-  }
-};
-
-TEST_F(RiverVerifyTest, DriftOfEveryKindIsFoundAndRepairedExactly) {
+  };
   load(0, 2100); // pages of 1000 on both sides, the last one short
   ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
   runOnce(def);

@@ -6,15 +6,6 @@ namespace {
 
 class RiverRouteTest : public RiverTest {
 protected:
-  void SetUp() override {
-    RiverTest::SetUp();
-    // Groups 0-2 go to an index of their own; routing by the parity of n.
-    def.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
-      const int64_t group = doc.at("group").toInt64();
-      route.indexSuffix = group < 3 ? "g" + std::to_string(group) : "";
-      route.routing = "o" + std::to_string(doc.at("n").toInt64() % 2);
-    };
-  }
   // The indices the alias points to, sorted.
   std::vector<std::string> aliased() {
     std::string text;
@@ -23,12 +14,18 @@ protected:
       names.push_back(entry.first);
     return names;
   }
-  int docStatus(const std::string& index, const std::string& id, const std::string& routing = "") {
-    return es("GET", "/" + index + "/_doc/" + id + (routing.empty() ? "" : "?routing=" + routing));
+  int docStatus(const std::string& index, const std::string& id, const std::string& routing) {
+    return es("GET", "/" + index + "/_doc/" + id + "?routing=" + routing);
   }
 };
 
 TEST_F(RiverRouteTest, EachDocumentIsHeldOnceWhereItsRouteSaysThroughEditsRepairsAndANewMapping) {
+  // Groups 0-2 go to an index of their own; routing by the parity of n.
+  def.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
+    const int64_t group = doc.at("group").toInt64();
+    route.indexSuffix = group < 3 ? "g" + std::to_string(group) : "";
+    route.routing = "o" + std::to_string(doc.at("n").toInt64() % 2);
+  };
   load(0, 30);
   EXPECT_TRUE(runOnce(def).caughtUp);
   expectIndexEqualsDatabase();
