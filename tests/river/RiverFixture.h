@@ -5,8 +5,6 @@
 
 #include <HttpTools/river/River.h>
 
-#include <HttpTools/elasticsearch/ElasticSearch.h>
-#include <HttpTools/http/HttpConnection.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 #include <HttpTools/platform/qzJson.h>
 
@@ -18,13 +16,8 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <set>
-#include <thread>
 
 #include <unistd.h>
 
@@ -33,7 +26,6 @@
 
 namespace rivertest {
 
-using qz::qzVariant;
 using qz::qzVariantMapImpl;
 
 using Clock = std::chrono::steady_clock;
@@ -50,15 +42,9 @@ protected:
       ASSERT_TRUE(name.toString()[0] == '_' || couch.request("DELETE", "/" + name.toString()) == 200)
           << name.toString();
     ASSERT_EQ(couch.request("PUT", "/db"), 201);
-    def.name = "r";
     ASSERT_TRUE(
         qz::couch::CouchConnectionParameters::BuildFromDbUrl(&def.couch, &def.database, couch.baseUrl() + "/db"));
     def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(elastic.baseUrl()));
-    def.index = "docs";
-    def.mappingJson = "{}";
-    def.batchDocs = 500;
-    def.flushIntervalMs = 50;
-    def.leaseMs = 1000;
   }
 
   // `method` `path` (with a JSON `body`) to Elasticsearch: its status (0 unreachable), its body in `out`.
@@ -110,8 +96,7 @@ protected:
     put(doc);
   }
   void remove(const std::string& id) {
-    const std::string rev = couchDoc(id)["_rev"].toString();
-    ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + rev), 200);
+    ASSERT_EQ(couch.request("DELETE", "/db/" + id + "?rev=" + couchDoc(id)["_rev"].toString()), 200);
   }
   std::string couchSeq() { return couchDoc("")["update_seq"].toString(); }
 
@@ -126,29 +111,24 @@ protected:
       const std::string id = doc["_id"].toString();
       if (id.rfind("_design/", 0) == 0 || (transform && !transform(doc)))
         continue;
-      doc.erase("_id");
       doc["httptools_rev"] = doc["_rev"]; // the winner the index holds
+      doc.erase("_id");
       doc.erase("_rev");
       expected.emplace(id, std::move(doc));
     }
     ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
+    ASSERT_EQ(es("POST", "/docs/_search", R"({"size":10000})", &text), 200);
     std::map<std::string, qzVariantMapImpl> actual;
-    std::string error;
-    qz::http::HttpConnection connection;
-    ASSERT_TRUE(qz::elasticsearch::FetchSearchResults(
-        connection, def.elastic, "docs", "",
-        [&](qz::elasticsearch::SearchHit& hit) {
-          EXPECT_TRUE(actual.emplace(hit.id, hit.source.toMap()).second) << "twice: " << hit.id;
-          return true;
-        },
-        1000, &error, nullptr))
-        << error;
-    ASSERT_EQ(actual.size(), expected.size());
-    std::vector<std::string> wrong;
+    for (const auto& hit : qz::qzVariantListImpl(parsed(text)["hits"].asMap()["hits"].toList())) {
+      qzVariantMapImpl h = hit.toMap();
+      EXPECT_TRUE(actual.emplace(h["_id"].toString(), h["_source"].toMap()).second) << "twice: " << h["_id"].toString();
+    }
+    std::vector<std::string> wrong; // missing or different
     for (const auto& [id, doc] : expected)
       if (auto it = actual.find(id); it == actual.end() || it->second != doc)
         wrong.push_back(id);
-    EXPECT_TRUE(wrong.empty()) << wrong.size() << " missing or different, the first " << wrong[0];
+    EXPECT_EQ(std::pair(actual.size(), wrong.size()), std::pair(expected.size(), size_t(0)))
+        << (wrong.empty() ? "" : wrong[0]);
   }
 
   // A manager (one worker) with river `d` added.
@@ -177,17 +157,9 @@ protected:
   // Polls until `done` holds, at most `seconds`.
   static bool waitFor(const std::function<bool()>& done, int seconds = 20) {
     const auto until = Clock::now() + std::chrono::seconds(seconds);
-    while (Clock::now() < until) {
-      if (done())
-        return true;
+    while (!done() && Clock::now() < until)
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     return done();
-  }
-  // A field of the river's state document (0 when it cannot be read).
-  int64_t stateField(const char* name) {
-    std::string text;
-    return es("GET", "/httptools-river/_doc/r", {}, &text) == 200 ? parsed(text)["_source"].asMap()[name].toInt64() : 0;
   }
   static bool caughtUpTo(qz::river::RiverManager& rivers, const std::string& seq) {
     auto s = rivers.status();
@@ -240,7 +212,8 @@ protected:
   qztest::PouchDbServer& couch = qztest::SharedPouchDb();
   qztest::ElasticEmulator elastic;
   qz::http::HttpConnectionPool pool;
-  qz::river::RiverDefinition def;
+  qz::river::RiverDefinition def{
+      .name = "r", .index = "docs", .mappingJson = "{}", .batchDocs = 500, .flushIntervalMs = 50, .leaseMs = 1000};
 };
 
 } // namespace rivertest

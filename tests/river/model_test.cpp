@@ -12,43 +12,7 @@ using qztest::FaultProxy;
 namespace {
 
 #ifdef HTTPTOOLS_CLI
-class RiverModelTest : public RiverTest {
-protected:
-  // One random write to document `id`.
-  void write(std::mt19937& rng, const std::string& id) {
-    qzVariantMapImpl doc = couchDoc(id + "?conflicts=true");
-    const bool exists = !doc.empty();
-    const int generation = exists ? std::atoi(doc["_rev"].toString().c_str()) : 0;
-    std::string text;
-    char hash[9];
-    std::snprintf(hash, sizeof hash, "%08x", unsigned(rng()));
-    switch (rng() % 4) {
-    case 0: // an edit of the winner, or a creation
-      doc["_id"] = id;
-      doc["v"] = int64_t(rng() % 1000);
-      doc.erase("_conflicts");
-      qz::json::Json2Variant::Convert(doc, text, false);
-      couch.request("PUT", "/db/" + id, text);
-      break;
-    case 1: { // a replicated branch of a generation near the winner's
-      const int g = 1 + int(rng() % unsigned(generation + 2));
-      couch.request("POST", "/db/_bulk_docs",
-                    R"({"new_edits":false,"docs":[{"_id":")" + id + "\",\"_rev\":\"" + std::to_string(g) + "-" + hash +
-                        R"(","_revisions":{"start":)" + std::to_string(g) + ",\"ids\":[\"" + hash + "\"]},\"v\":\"" +
-                        hash + "\"}]}");
-      break;
-    }
-    case 2: // the winner deleted
-      if (exists)
-        couch.request("DELETE", "/db/" + id + "?rev=" + doc["_rev"].toString());
-      break;
-    default: // a losing leaf deleted
-      if (exists && doc.count("_conflicts") && !doc["_conflicts"].toList().empty())
-        couch.request("DELETE", "/db/" + id + "?rev=" + doc["_conflicts"].toList().front().toString());
-      break;
-    }
-  }
-};
+using RiverModelTest = RiverTest;
 
 TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
   const char* soak = std::getenv("HTTPTOOLS_RIVER_SEEDS");
@@ -59,7 +23,28 @@ TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
   ASSERT_TRUE(proxy.start()) << proxy.error();
   def.elastic = qz::elasticsearch::ElasticConnectionParameters(qz::Url(proxy.baseUrl()));
   def.batchDocs = 3;
-  unsigned failed = 0;
+  // One random write to document `id`: an edit of the winner (or a creation), a replicated branch
+  // of a generation near the winner's, the winner deleted, or a losing leaf deleted.
+  auto write = [&](std::mt19937& rng, const std::string& id) {
+    qzVariantMapImpl doc = couchDoc(id + "?conflicts=true");
+    const int generation = doc.empty() ? 0 : std::atoi(doc["_rev"].toString().c_str());
+    const qz::qzVariantListImpl losers(doc.count("_conflicts") ? doc["_conflicts"].toList() : qz::qzVariantListImpl());
+    char hash[9];
+    std::snprintf(hash, sizeof hash, "%08x", unsigned(rng()));
+    const unsigned what = rng() % 4;
+    if (what == 0) {
+      edit(id, {{"v", int64_t(rng() % 1000)}});
+    } else if (what == 1) {
+      const std::string g = std::to_string(1 + int(rng() % unsigned(generation + 2)));
+      couch.request("POST", "/db/_bulk_docs",
+                    R"({"new_edits":false,"docs":[{"_id":")" + id + "\",\"_rev\":\"" + g + "-" + hash +
+                        R"(","_revisions":{"start":)" + g + ",\"ids\":[\"" + hash + "\"]},\"v\":\"" + hash + "\"}]}");
+    } else if (what == 2 && generation) {
+      couch.request("DELETE", "/db/" + id + "?rev=" + doc["_rev"].toString());
+    } else if (what == 3 && !losers.empty()) {
+      couch.request("DELETE", "/db/" + id + "?rev=" + losers.front().toString());
+    }
+  };
   for (unsigned seed = first; seed < first + seeds; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
@@ -88,15 +73,8 @@ TEST_F(RiverModelTest, RandomHistoriesEndWithTheWinnersIndexed) {
       }
     }
     runOnce(def);
-    const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
-    const int failuresBefore = result->total_part_count();
     expectIndexEqualsDatabase(); // every winner at its revision, nothing else
-    qz::river::RiverDrift drift;
-    EXPECT_TRUE(qz::river::VerifyRiver(pool, def, false, drift, &error, nullptr)) << error;
-    EXPECT_TRUE(drift.none()) << drift.missing << " missing, " << drift.stale << " stale, " << drift.extra << " extra";
-    failed += result->total_part_count() > failuresBefore;
   }
-  std::cout << "[ model    ] " << seeds << " histories, " << failed << " failed\n";
 }
 #endif
 

@@ -9,10 +9,8 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   ASSERT_EQ(couch.request("PUT", "/db/_design/v", R"({"views":{}})"), 201);
   // Even numbers in group 0 are left out; the others gain a field.
   auto transform = [](qzVariantMapImpl& doc) {
-    if (doc["group"].toInt64() == 0 && doc["n"].toInt64() % 2 == 0)
-      return false;
     doc["seen"] = true;
-    return true;
+    return doc["group"].toInt64() != 0 || doc["n"].toInt64() % 2 != 0;
   };
   def.transform = transform;
   def.leaseMs = 3000; // renewed in time on a loaded machine under sanitizers too
@@ -20,8 +18,7 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   std::string error;
   ASSERT_TRUE(rivers.addRiver(def, &error)) << error;
   EXPECT_FALSE(rivers.addRiver(def, &error)); // same name
-  ASSERT_TRUE(rivers.runOnce(&error, nullptr)) << error;
-  auto s = rivers.status().at(0);
+  auto s = ran(rivers);
   EXPECT_EQ(std::tuple(s.caughtUp, s.lastSeq, s.indexed, s.skipped, s.liveIndex),
             std::tuple(true, couchSeq(), 3000u - 215u, 215u, "docs-1")); // skipped: n % 14 == 0
   expectIndexEqualsDatabase(transform);
@@ -38,28 +35,8 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   const std::string seq = couchSeq();
   ASSERT_TRUE(waitFor([&] { return caughtUpTo(rivers, seq); })) << rivers.status().at(0).lastSeq << " vs " << seq;
   expectIndexEqualsDatabase(transform);
-
-  // A second manager waits while the first renews the lease past the end it had when taken.
-  auto other = manager(def);
-  ASSERT_TRUE(other->start());
-  ASSERT_TRUE(waitFor([&] { return other->status().at(0).waitingForLease; }));
-  const int64_t taken = stateField("expires");
-  ASSERT_TRUE(waitFor([&] { return stateField("expires") >= taken + def.leaseMs; }));
-  EXPECT_TRUE(other->status().at(0).waitingForLease);
-  EXPECT_EQ(other->status().at(0).indexed, 0u);
-  rivers.stop(); // gives the lease back: the second takes over and follows
-  s = rivers.status().at(0);
-  EXPECT_EQ(std::tuple(s.running, s.failed), std::tuple(false, 0u));
-  load(3100, 3200, "new");
-  const std::string later = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*other, later); }));
-  EXPECT_EQ(other->status().at(0).indexed + other->status().at(0).skipped, 100u);
-  other->stop();
-  expectIndexEqualsDatabase(transform);
-
-  // Given back again: another manager takes the river at once and has nothing to do.
-  s = runOnce(def);
-  EXPECT_EQ(std::tuple(s.indexed, s.lastSeq), std::tuple(0u, later));
+  rivers.stop(); // gives the lease back (taken over: RiverServiceTest, RiverElasticTest.OneHolderAtATime...)
+  EXPECT_EQ(std::tuple(rivers.status().at(0).running, rivers.status().at(0).failed), std::tuple(false, 0u));
 
   // A new mapping fills docs-2: searches through the alias see the whole old index during the
   // rebuild, then the whole new one.
@@ -78,10 +55,9 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
   s = runOnce(def);
   done = true;
   searcher.join();
-  EXPECT_EQ(std::tuple(s.liveIndex, s.indexed + s.skipped), std::tuple("docs-2", 3180u));
+  EXPECT_EQ(std::tuple(s.liveIndex, s.indexed + s.skipped), std::tuple("docs-2", 3080u));
   ASSERT_GT(counts.size(), 3u);
-  for (const auto& c : counts)
-    EXPECT_EQ(c, "200 " + before.substr(0, before.find(',')));
+  EXPECT_EQ(std::set(counts.begin(), counts.end()), std::set<std::string>{"200 " + before.substr(0, before.find(','))});
   EXPECT_EQ(es("GET", "/docs-1"), 404);
   expectIndexEqualsDatabase(transform);
 }
@@ -89,39 +65,35 @@ TEST_F(RiverTest, LoadsThenFollowsUpdatesDeletesAndSkipsThenRebuildsForANewMappi
 TEST_F(RiverTest, RunOnceEndsAtOnceOnWhatRetryingCannotFix) {
   ASSERT_EQ(es("PUT", "/plain", "{}"), 200);
   load(0, 3);
-  struct Case {
-    std::string database, alias, reason;
-    bool upper = false; // d1 routed to an index suffix no index name may carry
-  } cases[] = {{"missing", "docs", "not_found"},
-               {"db", "plain", "plain is an index, not an alias"},
-               {"db", "docs", "document d1: its route's index suffix \"Upper\" makes no valid index name", true}};
+  // Ends a run at once, or refused up front when it cannot work at all.
+  const struct {
+    std::function<void(qz::river::RiverDefinition&)> edit;
+    const char* says;
+    bool upFront = false;
+  } cases[] = {
+      {[](auto& d) { d.database = "missing"; }, "not_found"},
+      {[](auto& d) { d.index = "plain"; }, "plain is an index, not an alias"},
+      {[](auto& d) { // d1 routed to an index suffix no index name may carry
+         d.route = [](const qzVariantMapImpl& doc, auto& route) {
+           route.indexSuffix = doc.at("_id") == "d1" ? "Up" : "";
+         };
+       },
+       "document d1: its route's index suffix \"Up\" makes no valid index name"},
+      {[](auto& d) { d.mappingJson = "[1]"; }, "", true},
+      {[](auto& d) { d.index = d.stateIndex; }, "", true},
+      {[](auto& d) { d.selectorJson = R"({"group":{"$bogus":1}})"; }, "$bogus", true},
+  };
   for (const auto& c : cases) {
     qz::river::RiverDefinition d = def;
-    d.name = c.database + c.alias;
-    d.database = c.database;
-    d.index = c.alias;
-    if (c.upper)
-      d.route = [](const qzVariantMapImpl& doc, qz::river::RiverRoute& route) {
-        route.indexSuffix = doc.at("_id").toString() == "d1" ? "Upper" : "";
-      };
+    c.edit(d);
+    d.name += std::to_string(&c - cases); // no state of an earlier case
+    qz::river::RiverManager rivers(pool, 1);
     std::string error;
     const auto started = Clock::now();
-    EXPECT_FALSE(manager(d)->runOnce(&error, nullptr));
-    EXPECT_NE(error.find(c.reason), std::string::npos) << error;
-    EXPECT_LT(Clock::now() - started, std::chrono::seconds(5)) << error;
-  }
-  // Definitions refused up front.
-  const std::pair<std::function<void(qz::river::RiverDefinition&)>, const char*> refused[] = {
-      {[](auto& d) { d.mappingJson = "[1]"; }, ""},
-      {[](auto& d) { d.index = d.stateIndex; }, ""},
-      {[](auto& d) { d.selectorJson = R"({"group":{"$bogus":1}})"; }, "$bogus"},
-  };
-  for (const auto& [edit, says] : refused) {
-    qz::river::RiverDefinition d = def;
-    edit(d);
-    std::string error;
-    EXPECT_FALSE(qz::river::RiverManager(pool, 1).addRiver(d, &error));
-    EXPECT_NE(error.find(says), std::string::npos) << error;
+    const bool added = rivers.addRiver(d, &error);
+    EXPECT_EQ(added, !c.upFront) << error;
+    EXPECT_FALSE(added && rivers.runOnce(&error, nullptr));
+    EXPECT_TRUE(error.find(c.says) != std::string::npos && Clock::now() - started < std::chrono::seconds(5)) << error;
   }
 }
 
@@ -143,8 +115,8 @@ TEST_F(RiverTest, RidesOut429s503sAndACouchDbRestart) {
   EXPECT_FALSE(rivers->status().at(0).caughtUp);
   ASSERT_TRUE(door.start()) << door.error();
   const std::string seq = couchSeq();
-  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, seq); }, 30)) << rivers->status().at(0).error;
-  EXPECT_TRUE(rivers->status().at(0).error.empty());
+  ASSERT_TRUE(waitFor([&] { return caughtUpTo(*rivers, seq) && rivers->status().at(0).error.empty(); }, 30))
+      << rivers->status().at(0).error;
   rivers->stop();
   expectIndexEqualsDatabase();
 }

@@ -2,8 +2,6 @@
 // their leases, signals, and the administration commands.
 #include "RiverFixture.h"
 
-#include "support/Loopback.h"
-
 #include <HttpTools/river/RiverLease_p.h>
 
 using namespace rivertest;
@@ -39,9 +37,8 @@ protected:
     es("GET", "/httptools-river/_doc/" + name, {}, &text);
     auto src = parsed(text)["_source"].toMap();
     const std::string owner = src["owner"].toString(); // host:pid:n
-    return owner.empty() || src["expires"].toInt64() <= qz::river::detail::NowMs()
-               ? 0
-               : pid_t(std::atoi(owner.c_str() + owner.find(':') + 1));
+    const bool live = !owner.empty() && src["expires"].toInt64() > qz::river::detail::NowMs();
+    return live ? pid_t(std::atoi(owner.c_str() + owner.find(':') + 1)) : 0;
   }
   std::map<pid_t, int> holders(int rivers) {
     std::map<pid_t, int> held;
@@ -52,40 +49,19 @@ protected:
 };
 
 TEST_F(RiverServiceTest, ConfigErrorsNameTheKeyAndAGoodConfigFillsEachAliasThrottledWhereAsked) {
-  const std::string s = couch.baseUrl() + "/db", t = elastic.baseUrl() + "/docs";
-  auto river = [&](const std::string& fields) {
-    return R"({"rivers":[{"name":"a","source":")" + s + R"(","target":")" + t + "\"" + fields + "}]}";
-  };
-  const struct {
-    std::string text, error;
-  } cases[] = {
+  const std::string a =
+      R"({"name":"a","source":")" + couch.baseUrl() + R"(/db","target":")" + elastic.baseUrl() + "/docs\"";
+  const std::pair<std::string, const char*> cases[] = {
       {"[1]", "not a JSON object"},
       {R"({"worker":2,"rivers":[]})", "worker: unknown key"},
-      {R"({"rivers":[]})", "rivers: must be a non-empty list"},
-      {river(R"(,"colour":1)"), "rivers[0].colour: unknown key"},
       {R"({"rivers":[{"name":"a","target":"http://127.0.0.1:1/x"}]})", "rivers[0].source: missing"},
-      {river(R"(,"options":{"batch":0})"), "rivers[0].options.batch: must be an integer from 1"},
-      {river(R"(,"options":{"leaseMs":"long"})"), "rivers[0].options.leaseMs: must be an integer"},
-      {river(R"(,"options":{"lease":1})"), "rivers[0].options.lease: unknown key"},
-      {river(R"(,"mapping":"absent.json")"), "rivers[0].mapping: cannot read"},
-      {river(R"(,"targetHeaders":"X: 1")"), "rivers[0].targetHeaders: must be a list of strings"},
-      {river(R"(,"indexSuffixField":["a"])"), "rivers[0].indexSuffixField: must be a non-empty string"},
-      {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":"http://127.0.0.1:1"}]})",
-       "rivers[0].alias: missing"},
-      {R"({"rivers":[{"name":"a","source":"http://127.0.0.1:99999/db","target":")" + t + "\"}]}",
-       "rivers[0].source: not a database URL"},
-      {R"({"rivers":[{"name":"a","source":")" + s + R"(","target":")" + t + R"("},{"name":"a","source":")" + s +
-           R"(","target":")" + t + "\"}]}",
-       "rivers[1].name: a is defined twice"},
+      {R"({"rivers":[)" + a + "}," + a + "}]}", "rivers[1].name: a is defined twice"},
   };
-  for (const auto& c : cases) {
-    std::string out;
-    EXPECT_EQ(cli({"--config", scratch("bad.json", c.text), "--once"}, &out), 2) << c.text;
-    EXPECT_NE(out.find(c.error), std::string::npos) << c.text << "\n" << out;
-  }
   std::string out;
-  EXPECT_EQ(cli({s, t, "--config", scratch("good.json", river(""))}, &out), 2);
-  EXPECT_NE(out.find("either --config FILE or the two URLs"), std::string::npos) << out;
+  for (const auto& [text, error] : cases) {
+    EXPECT_EQ(cli({"--config", scratch("bad.json", text), "--once"}, &out), 2) << text;
+    EXPECT_NE(out.find(error), std::string::npos) << text << "\n" << out;
+  }
 
   // Three rivers of one good config each fill their alias; r0 reads at most 20 changes a second:
   // its 30 documents take nearly 1.5 s.
@@ -105,34 +81,16 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
   const unsigned leaseMs = 2000;
   const std::string path = config({3, 3, 3, 3, 3, 3}, leaseMs);
   const std::vector<std::string> args{"--config", path, "--follow", "--status-ms", "500", "--log-json"};
-  const int port = qztest::FreeLoopbackPort();
-  std::vector<std::string> metered = args;
-  metered.insert(metered.end(), {"--metrics", "127.0.0.1:" + std::to_string(port)});
-  const pid_t first = spawn(args, scratch("first.log")), second = spawn(metered, scratch("second.log"));
+  const pid_t first = spawn(args, scratch("first.log")), second = spawn(args, scratch("second.log"));
   using Held = std::map<pid_t, int>; // pid (0: nobody) to the rivers it holds
-  ASSERT_TRUE(waitFor(
-      [&] {
-        return holders(6) == Held{{first, 3}, {second, 3}};
-      },
-      30))
-      << testing::PrintToString(holders(6));
-  auto lagSamples = [&] { // the rivers whose lag `second` reports
-    auto res = httplib::Client("127.0.0.1", port).Get("/metrics");
-    size_t n = 0;
-    for (size_t at = 0; res && (at = res->body.find("\nhttptools_river_lag_seconds{", at)) != std::string::npos; ++at)
-      ++n;
-    return n;
-  };
-  EXPECT_TRUE(waitFor([&] { return lagSamples() == 3; })) << lagSamples();
+  auto halves = [&] { return holders(6) == Held{{first, 3}, {second, 3}}; };
+  ASSERT_TRUE(waitFor(halves, 30)) << testing::PrintToString(holders(6));
   const auto killed = Clock::now();
   end(first, SIGKILL);
   ASSERT_TRUE(waitFor([&] { return holders(6) == Held{{second, 6}}; }, 30)) << testing::PrintToString(holders(6));
-  const auto takeover = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed).count();
   // The leases expire at most leaseMs after the kill and are taken as they do (a margin for
   // loaded machines).
-  RecordProperty("takeover_ms", int(takeover));
-  EXPECT_LE(takeover, leaseMs + 1000) << "taken over after " << takeover << " ms";
-  EXPECT_TRUE(waitFor([&] { return lagSamples() == 6; }));
+  EXPECT_LE(Clock::now() - killed, std::chrono::milliseconds(leaseMs + 1000));
   for (int i = 0; i < 6; ++i)
     ASSERT_EQ(couch.request("PUT", "/db" + std::to_string(i) + "/late", "{}"), 201);
   EXPECT_TRUE(waitFor([&] {
@@ -142,20 +100,12 @@ TEST_F(RiverServiceTest, TwoProcessesShareSixRiversAndOneTakesOverWhenTheOtherIs
     return true;
   }));
   EXPECT_EQ(end(second, SIGTERM), 0);
-  EXPECT_EQ(holders(6), (Held{{0, 6}})); // given back on the way out
-  // --log-json: every line one object; the last status of each river counts the late document.
-  std::map<std::string, int64_t> indexed;
-  std::ifstream lines(scratch("second.log"));
+  EXPECT_EQ(holders(6), (Held{{0, 6}}));      // given back on the way out
+  std::ifstream lines(scratch("second.log")); // --log-json: every line one object
   for (std::string line; std::getline(lines, line);) {
     qzVariantMapImpl object;
-    ASSERT_TRUE(qz::json::Json2Variant::Convert(line, object)) << line;
-    EXPECT_TRUE(object.count("time") && object.count("level")) << line;
-    if (object.count("river"))
-      indexed[object["river"].toString()] = object["indexed"].toInt64();
+    EXPECT_TRUE(qz::json::Json2Variant::Convert(line, object) && object.count("time") && object.count("level")) << line;
   }
-  EXPECT_EQ(indexed.size(), 6u);
-  for (const auto& [river, n] : indexed)
-    EXPECT_GE(n, 1) << river;
 }
 
 TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
@@ -166,9 +116,8 @@ TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
     return flags;
   };
   std::string out;
-  ASSERT_EQ(cli(with({"--status"}), &out), 0);
-  EXPECT_NE(out.find("no stored state"), std::string::npos) << out;
-  EXPECT_EQ(cli(with({"--remove"}), &out), 1) << out;
+  auto status = [&] { return cli(with({"--status"}), &out) == 0 ? out : "failed: " + out; };
+  EXPECT_NE(status().find("no stored state"), std::string::npos) << out;
 
   // SIGTERM while a bulk is under way stops at once; the next run loses nothing.
   qztest::FaultProxy proxy(uint16_t(elastic.port()));
@@ -178,61 +127,42 @@ TEST_F(RiverServiceTest, SigtermDuringABulkStatusResetAndRemove) {
   ASSERT_TRUE(waitFor([&] { return proxy.matched(slow) >= 1; })) << "no bulk request";
   const auto signalled = Clock::now();
   EXPECT_EQ(end(signalledPid, SIGTERM), 0);
-  const auto stopMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - signalled).count();
-  RecordProperty("stop_ms", int(stopMs));
-  EXPECT_LT(stopMs, 1000);
+  EXPECT_LT(Clock::now() - signalled, std::chrono::seconds(1));
   ASSERT_EQ(cli(with({"--once"}), &out), 0) << out;
   expectIndexEqualsDatabase(); // every document once
-  ASSERT_EQ(cli(with({"--status"}), &out), 0);
-  EXPECT_NE(out.find("index: docs-1 seq=20\n  lease: free"), std::string::npos) << out;
-  // --verify exits 0 only when both sides are equal at its end; --repair needs it.
+  EXPECT_NE(status().find("index: docs-1 seq=20\n  lease: free"), std::string::npos) << out;
+  // --verify exits 0 only when both sides are equal at its end (repaired: RiverVerifyTest).
   ASSERT_EQ(es("DELETE", "/docs-1/_doc/d3"), 200);
-  const std::pair<std::vector<std::string>, int> verifies[] = {
-      {{"--verify"}, 1}, {{"--verify", "--repair"}, 0}, {{"--verify"}, 0}, {{"--repair"}, 2}};
-  for (const auto& [flags, code] : verifies) {
-    ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
-    EXPECT_EQ(cli(with(flags), &out), code) << flags.back() << out;
-  }
-
-  // A reset fills docs-2 from seq 0, moves the alias and drops docs-1.
-  ASSERT_EQ(cli(with({"--reset"}), &out), 0) << out;
-  ASSERT_EQ(cli(with({"--status"}), &out), 0);
-  EXPECT_NE(out.find("index: docs-2 seq=20\n"), std::string::npos) << out;
-  EXPECT_EQ(es("GET", "/docs-1"), 404);
-  expectIndexEqualsDatabase();
+  ASSERT_EQ(es("POST", "/docs/_refresh"), 200);
+  EXPECT_EQ(cli(with({"--verify"}), &out), 1) << out;
+  EXPECT_EQ(cli(with({"--verify", "--repair"}), &out), 0) << out;
 
   // A live lease refuses removal; once it is given back, the state goes, the index stays.
   const pid_t pid = spawn(with({"--follow", "--lease-ms", "3000"}), scratch("follow.log"));
   ASSERT_TRUE(waitFor([&] { return holder("r") == pid; }));
-  EXPECT_EQ(cli(with({"--remove"}), &out), 1);
-  EXPECT_NE(out.find("stop it first"), std::string::npos) << out;
-  // A reset meanwhile is carried out by the process following the river.
+  EXPECT_TRUE(cli(with({"--remove"}), &out) == 1 && out.find("stop it first") != std::string::npos) << out;
+  // A reset meanwhile is carried out by the process following the river: docs-2 filled from seq
+  // 0, the alias moved and docs-1 dropped.
   ASSERT_EQ(cli(with({"--reset"}), &out), 0) << out;
-  EXPECT_TRUE(waitFor([&] { return es("GET", "/docs-2") == 404 && count("docs") == 20; }));
+  EXPECT_TRUE(waitFor([&] { return es("GET", "/docs-1") == 404 && count("docs") == 20; }));
   EXPECT_EQ(end(pid, SIGTERM), 0);
-  ASSERT_EQ(cli(with({"--status"}), &out), 0);
-  EXPECT_NE(out.find("index: docs-3 seq=20\n"), std::string::npos) << out;
+  EXPECT_NE(status().find("index: docs-2 seq=20\n"), std::string::npos) << out;
+  // (--delete-index: RiverRouteTest's RemoveRiver)
   ASSERT_EQ(cli(with({"--remove"}), &out), 0) << out;
-  EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
-  EXPECT_EQ(count("docs"), 20);
-  // Run again (into a new index), then removed with its indices.
-  ASSERT_EQ(cli(with({"--once"}), &out), 0) << out;
-  ASSERT_EQ(cli(with({"--remove", "--delete-index"}), &out), 0) << out;
-  EXPECT_EQ(es("GET", "/docs"), 404);
-  EXPECT_EQ(es("GET", "/httptools-river/_doc/r"), 404);
+  EXPECT_EQ(std::pair(es("GET", "/httptools-river/_doc/r"), count("docs")), std::pair(404, int64_t(20)));
 }
 #endif
 
 TEST(RiverShareTest, EveryProcessHoldsFloorOrCeilingAndTogetherAll) {
   for (unsigned rivers = 0; rivers <= 13; ++rivers)
     for (unsigned processes = 1; processes <= 5; ++processes) {
-      unsigned total = 0;
-      for (unsigned rank = 0; rank < processes; ++rank) {
-        const unsigned share = qz::river::detail::ProcessRegistry::Share(rivers, processes, rank);
-        EXPECT_TRUE(share == rivers / processes || share == (rivers + processes - 1) / processes) << share;
-        total += share;
-      }
-      EXPECT_EQ(total, rivers) << rivers << " rivers, " << processes << " processes";
+      std::vector<unsigned> shares;
+      for (unsigned rank = 0; rank < processes; ++rank)
+        shares.push_back(qz::river::detail::ProcessRegistry::Share(rivers, processes, rank));
+      const auto [low, high] = std::minmax_element(shares.begin(), shares.end());
+      EXPECT_EQ(std::tuple(std::accumulate(shares.begin(), shares.end(), 0u), *low, *high),
+                std::tuple(rivers, rivers / processes, (rivers + processes - 1) / processes))
+          << rivers << " rivers, " << processes << " processes";
     }
 }
 
