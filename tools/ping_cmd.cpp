@@ -41,7 +41,8 @@ std::string Ms(double ms) {
   return buf;
 }
 
-// What fping's -s adds up over all hosts.
+// What fping's -s adds up over all hosts. As fping counts them, a probe the system refused to send
+// (a blackhole or unreachable route) is sent and lost but no time-out: it never waited for a reply.
 struct Totals {
   unsigned targets = 0, alive = 0, unknown = 0, timeouts = 0, sent = 0, replies = 0;
   double minMs = 0, avgMs = 0, maxMs = 0, elapsedS = 0;
@@ -59,7 +60,7 @@ Totals AddUp(const std::vector<HostStatistics>& stats, double elapsedS) {
     ++t.targets;
     t.alive += h.received > 0;
     t.sent += h.sent;
-    t.timeouts += h.sent - h.received;
+    t.timeouts += h.timeouts;
     const unsigned replies = h.received + h.duplicates;
     if (!replies)
       continue;
@@ -150,6 +151,8 @@ std::string Json(const std::vector<HostStatistics>& stats, const PingOptions& o,
     w.EndObject();
   }
   w.EndArray();
+  // fping's -s figures: timeouts the probes given up unanswered (not the refused sends), sent every
+  // probe sent or refused, received the echo replies, duplicates included.
   if (o.stats) {
     w.Key("stats");
     w.StartObject();

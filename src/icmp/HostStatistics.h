@@ -19,7 +19,10 @@ struct HostStatistics {
   unsigned sent = 0;       ///< probes sent
   unsigned received = 0;   ///< probes answered (duplicates not counted)
   unsigned duplicates = 0; ///< extra replies to a probe already answered
-  double lossPercent = 0;  ///< share of the probes sent that got no reply
+  /// Probes given up unanswered after the timeout; not those the system refused to send (lost,
+  /// never waited for) nor those still waiting when the round was cancelled.
+  unsigned timeouts = 0;
+  double lossPercent = 0; ///< share of the probes sent that got no reply
   /// Round-trip times in ms over the answered probes: minimum, mean, maximum, and the mean
   /// deviation as iputils ping computes it. 0 when nothing was received.
   ///@{

@@ -208,6 +208,7 @@ ProbeBook::Outcome ProbeBook::record(size_t host, unsigned probe, uint16_t seque
   if (p.state == Pending && nowMs >= p.deadlineMs) {
     p.state = Expired;
     --m_pending;
+    ++h.timeouts;
     return TimedOut;
   }
   if (p.state == Expired)
@@ -239,6 +240,7 @@ void ProbeBook::expire(int64_t nowMs, const std::function<void(size_t host, unsi
         break; // the later probes of this host expire later still
       p.state = Expired;
       --m_pending;
+      ++h.timeouts;
       if (onLost)
         onLost(i, static_cast<unsigned>(k));
     }
@@ -263,6 +265,7 @@ void ProbeBook::fill(size_t host, HostStatistics& out) const {
     return;
   const Host& h = m_hosts[host];
   ComputeStatistics(h.rttUs, h.sent, h.received, h.duplicates, out);
+  out.timeouts = h.timeouts;
   std::vector<std::optional<long long>> probeUs;
   for (const Probe& p : h.probes)
     if (p.state != Unsent)

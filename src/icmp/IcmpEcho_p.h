@@ -99,7 +99,7 @@ private:
   struct Host {
     std::vector<Probe> probes;
     std::vector<long long> rttUs;
-    unsigned sent = 0, received = 0, duplicates = 0;
+    unsigned sent = 0, received = 0, duplicates = 0, timeouts = 0;
     size_t open = 0; // the probes before this one are answered or lost
   };
   std::vector<Host> m_hosts;

@@ -147,6 +147,7 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateStrangersAndExpiry) {
   book.fill(0, s);
   // A duplicate's time counts in the times, not in the received count.
   EXPECT_THAT(Figures(s), Near({3, 2, 1, 100.0 / 3, 0.1, 0.2, 0.3, 0.081}));
+  EXPECT_EQ(s.timeouts, 1u);
   // The probes in order, the duplicate left out: 0.1, 0.2, and the third lost.
   EXPECT_EQ(s.probeMs, (std::vector<std::optional<double>>{0.1, 0.2, std::nullopt}));
 
@@ -166,6 +167,7 @@ TEST(IcmpProbeBook, MatchesDuplicatesLateStrangersAndExpiry) {
   expiring.fill(0, s = {});
   // The refused probe counts as sent; the unsent fourth has no place.
   EXPECT_THAT(Figures(s), Near({3, 0, 0, 100, 0, 0, 0, 0}));
+  EXPECT_EQ(s.timeouts, 2u) << "the refused one is not a time-out";
   EXPECT_EQ(s.probeMs.size(), 3u);
 }
 
