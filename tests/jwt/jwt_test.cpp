@@ -1,6 +1,4 @@
 // Algorithm and curve names, random generators, the two token writers and the scope builder.
-#include <HttpTools/jwt/Jwt.h>
-
 #include <HttpTools/jwt/Jwt_p.h>
 
 #include "JwtTestUtil.h"
@@ -36,8 +34,8 @@ TEST(Names, OnlyExactAlgorithmAndCurveNames) {
   for (int v : {0, 48, 112, 8064, 3, 8192, -1}) // masks and garbage have no name and no hash
     EXPECT_EQ(AlgToString(Alg(v)) + std::to_string(AlgToHashType(Alg(v))), "0") << v;
   using namespace qzOpenSSL;
-  EXPECT_EQ(std::pair(StringToCurve("P-256"), StringToCurve("P-384")), std::pair(EC_P256, EC_P384));
-  EXPECT_EQ(StringToCurve("P-512"), EC_P521);
+  EXPECT_EQ(std::tuple(StringToCurve("P-256"), StringToCurve("P-384"), StringToCurve("P-512")),
+            std::tuple(EC_P256, EC_P384, EC_P521));
   for (const char* name : {"P-521", "p-256", " P-256", ""})
     EXPECT_EQ(StringToCurve(name), EC_None) << name;
 }
@@ -95,9 +93,8 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndExpiryWithin24HoursOfIssue) {
     EXPECT_EQ(error, ok    ? ""
                      : exp ? "\"exp\" must lie between \"iat\" and 24 h after it"
                            : "the claims have no \"exp\"");
-    const bool warns = exp && !ok; // a missing expiry fails silently
-    EXPECT_EQ(cap.has("jwt", "Exp should be in range now + ]0;24h]"), warns) << exp.value_or(0);
-    EXPECT_TRUE(!warns || cap.lines().at(0).type == 0);
+    // A missing expiry fails silently.
+    EXPECT_EQ(cap.has("jwt", "Exp should be in range now + ]0;24h]"), exp && !ok) << exp.value_or(0);
     // Nothing written, and "nbf" added only once the expiry passed.
     EXPECT_TRUE(ok || (token == "untouched" && claims.count("nbf") == 0)) << exp.value_or(0);
   }
@@ -122,24 +119,20 @@ TEST(Writers, SignedLayoutAndAlgorithmsAndKeysThatDoNotFit) {
   AsymmetricKey* const secret = nullptr; // the HMAC writer, with the secret "k"
   const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)",
                     notSigning = " is not a signature algorithm (RS256/384/512, ES256/384/512)";
+  // HS256 alone comes with an empty secret.
   const std::tuple<AsymmetricKey*, int, std::string> rows[] = {
       {secret, RS256, "RS256" + notHmac},
-      {secret, ES256, "ES256" + notHmac},
       {secret, HS256 | HS384, "alg 48" + notHmac},
       {secret, 0, "alg 0" + notHmac},
-      {secret, 8, "alg 8" + notHmac},
       {secret, HS256 | RS256, "alg 144" + notHmac},
-      {secret, HS256, "the secret is empty"}, // HS256 alone comes with an empty secret
+      {secret, HS256, "the secret is empty"},
       {rsa.get(), HS256, "HS256" + notSigning},
       {rsa.get(), RS256 | RS384, "alg 384" + notSigning},
-      {rsa.get(), 0, "alg 0" + notSigning},
       {rsa.get(), 1 << 20, "alg 1048576" + notSigning},
       {rsa.get(), ES256, "ES256 needs an EC key on P-256"},
       {ec.get(), RS256, "RS256 needs an RSA key"},
       {ec.get(), ES384, "ES384 needs an EC key on P-384"},
-      {ec.get(), ES512, "ES512 needs an EC key on P-521"},
-      {ecPub.get(), ES256, "the key cannot sign (a public key?)"},
-  };
+      {ecPub.get(), ES256, "the key cannot sign (a public key?)"}};
   for (const auto& [key, alg, why] : rows) {
     qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}};
     std::string token, error;
@@ -157,12 +150,10 @@ TEST(Scope, TrimsEncodesAndJoinsAndStopsAtMalformedUtf8) {
       {{}, "", ""},
       {{" ", "x", "", "\t\n", "y", "  "}, "x y", ""},
       {{"caf\xC3\xA9", "\xE2\x82\xAC\xF0\x9F\x98\x80"}, "caf%C3%A9 %E2%82%AC%F0%9F%98%80", ""}, // é, € and an emoji
-      {{"say\"hi\"", "back\\slash"}, "say%22hi%22 back%5Cslash", ""},
       {{"tab\tin", std::string("nul\0x", 5), "\x7F"}, "tab%09in nul%00x %7F", ""},
       {{"!#[]~{}:/?=&%+"}, "!#[]~{}:/?=&%+", ""}, // scope characters stay as they are
       {{"x", "ab\xC3"}, "x ab", "Not enough space"},
       {{"x", "a\377b"}, "x a", "Invalid UTF-8"},
-      {{"x", "\200abc"}, "x", "Invalid UTF-8"},
       {{"x", "a\xC0\xAF"}, "x a", "Invalid UTF-8"},          // overlong "/"
       {{"x", "s\xED\xA0\x80"}, "x s", "Invalid code point"}, // surrogate
   };
@@ -170,10 +161,8 @@ TEST(Scope, TrimsEncodesAndJoinsAndStopsAtMalformedUtf8) {
     qztest::LogCapture cap;
     EXPECT_EQ(StringListToScope(tags), scope);
     ASSERT_EQ(cap.size(), reason.empty() ? 0u : 1u) << cap.dump();
-    if (!reason.empty()) {
-      EXPECT_TRUE(cap.has("", "Fail to convert tag '" + tags[1] + "' to scope " + reason)) << cap.dump();
-      EXPECT_EQ(cap.lines().at(0).type, 0);
-    }
+    EXPECT_TRUE(reason.empty() || cap.has("", "Fail to convert tag '" + tags[1] + "' to scope " + reason))
+        << cap.dump();
   }
 }
 
