@@ -23,13 +23,13 @@ std::vector<char> bytes(const std::string& s) { return std::vector<char>(s.begin
 // Known vectors in both sets, every byte value at every remainder length; then texts the strict
 // decoder refuses, leaving its output alone.
 TEST(Base64, KnownVectorsEveryByteAndStrictDecoding) {
-  const std::string cases[][3] = {{"", "", ""},
-                                  {"f", "Zg==", "Zg"},
-                                  {"fo", "Zm8=", "Zm8"},
-                                  {"foo", "Zm9v", "Zm9v"},
-                                  {"foob", "Zm9vYg==", "Zm9vYg"},
-                                  {"\xfb\xff\xbf", "+/+/", "-_-_"},
-                                  {std::string("\0\0", 2), "AAA=", "AAA"}};
+  const std::string nuls(2, '\0'), cases[][3] = {{"", "", ""},
+                                                 {"f", "Zg==", "Zg"},
+                                                 {"fo", "Zm8=", "Zm8"},
+                                                 {"foo", "Zm9v", "Zm9v"},
+                                                 {"foob", "Zm9vYg==", "Zm9vYg"},
+                                                 {"\xfb\xff\xbf", "+/+/", "-_-_"},
+                                                 {nuls, "AAA=", "AAA"}};
   std::string out;
   std::vector<char> back;
   for (const auto& [plain, standard, url] : cases)
@@ -45,19 +45,16 @@ TEST(Base64, KnownVectorsEveryByteAndStrictDecoding) {
       ASSERT_TRUE(base64Encode(all.substr(n), out, set) && base64Decode(out, back, set));
       EXPECT_EQ(back, bytes(all.substr(n)));
     }
+  // Padding where none belongs, a wrong padded length, missing padding, one lone character, unused
+  // bits set ("f" is only "Zg"), standard characters in the URL set, three pad characters, pad in the
+  // middle, a blank, a NUL, an unknown set.
   const std::pair<std::string, Base64CharSet> bad[] = {
-      {"Zg==", B64_UrlSafeNoPad},  // padding where none belongs
-      {"Zg=", B64_Standard},       // wrong padded length
-      {"Zg", B64_Standard},        // padding required
-      {"Z", B64_UrlSafeNoPad},     // no byte ends after one character
-      {"Zh", B64_UrlSafeNoPad},    // unused bits set: "f" is only "Zg"
-      {"+/8", B64_UrlSafeNoPad},   // standard characters in the URL set
-      {"Z===", B64_Standard},      // three pad characters
-      {"Zg==Zg==", B64_Standard},  // pad in the middle
-      {"Zm 9v", B64_UrlSafeNoPad}, // blank
-      {std::string("Zm\0v", 4), B64_UrlSafeNoPad},
-      {"Zg", Base64CharSet(7)},
-  };
+      {"Zg==", B64_UrlSafeNoPad},  {"Zg=", B64_Standard},
+      {"Zg", B64_Standard},        {"Z", B64_UrlSafeNoPad},
+      {"Zh", B64_UrlSafeNoPad},    {"+/8", B64_UrlSafeNoPad},
+      {"Z===", B64_Standard},      {"Zg==Zg==", B64_Standard},
+      {"Zm 9v", B64_UrlSafeNoPad}, {std::string("Zm\0v", 4), B64_UrlSafeNoPad},
+      {"Zg", Base64CharSet(7)}};
   for (const auto& [text, set] : bad) {
     std::vector<char> untouched{'x'};
     EXPECT_FALSE(base64Decode(text, untouched, set)) << text;

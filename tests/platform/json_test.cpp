@@ -4,25 +4,20 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <cmath>
 #include <limits>
 #include <optional>
 #include <tuple>
 
-using qz::qzVariant;
-using qz::qzVariantListImpl;
-using qz::qzVariantMapImpl;
-using qz::json::Json2Variant;
-using qz::json::JsonStreamer;
+using namespace qz;
+using json::Json2Variant;
 
 namespace {
 
 TEST(Json, RoundTripsKeepTextInKeyOrder) {
   // input -> compact output (maps come out in key order, numbers keep their type)
-  struct Case {
-    const char* in;
-    const char* out;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {R"({"b":1,"a":2})", R"({"a":2,"b":1})"},
       {R"({ "s" : "q\"b\\s\/\n\t\u0001" })", R"({"s":"q\"b\\s/\n\t\u0001"})"},
       {R"({"u":"\u00e9\ud83d\ude00"})", "{\"u\":\"\xc3\xa9\xf0\x9f\x98\x80\"}"},
@@ -33,15 +28,13 @@ TEST(Json, RoundTripsKeepTextInKeyOrder) {
       {R"({"deep":{"l":[1,[2,{"x":[]}],{}]}})", R"({"deep":{"l":[1,[2,{"x":[]}],{}]}})"},
       {R"({"dup":1,"dup":2})", R"({"dup":2})"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [in, want] : cases) {
     qzVariantMapImpl m;
-    std::string out;
-    ASSERT_TRUE(Json2Variant::Convert(std::string(c.in), m)) << c.in;
+    std::string out, appended = "[";
+    ASSERT_TRUE(Json2Variant::Convert(std::string(in), m)) << in;
     EXPECT_TRUE(Json2Variant::Convert(m, out, false));
-    EXPECT_EQ(out, c.out) << c.in;
-    out = "[";
-    qz::json::AppendJson(out, m); // the same text after what the buffer holds
-    EXPECT_EQ(out, "[" + std::string(c.out)) << c.in;
+    json::AppendJson(appended, m); // the same text after what the buffer holds
+    EXPECT_EQ(out + " " + appended, std::string(want) + " [" + want) << in;
   }
   // Pretty output is multi-line and parses back equal.
   qzVariantMapImpl m{{"a", qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("x")})}, {"b", qzVariant(true)}}, back;
@@ -67,7 +60,7 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
   EXPECT_FALSE(
       Json2Variant::Convert(qzVariantMapImpl{{"x", qzVariant(std::numeric_limits<double>::infinity())}}, out, false));
   EXPECT_EQ(out, "prev");
-  qz::json::AppendJson(out, qzVariantMapImpl{{"x", qzVariant(std::nan(""))}}); // a request body writes null
+  json::AppendJson(out, qzVariantMapImpl{{"x", qzVariant(std::nan(""))}}); // a request body writes null
   EXPECT_EQ(out, R"(prev{"x":null})");
   // Nesting is bounded, and deeper text is refused without crashing.
   auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
@@ -88,32 +81,30 @@ TEST(Json, ErrorReasonOfCouchDbAndElasticsearchAnswers) {
   for (const auto& [text, reason] : cases) {
     qzVariantMapImpl answer;
     ASSERT_TRUE(Json2Variant::Convert(std::string(text), answer));
-    EXPECT_EQ(qz::json::ErrorReasonOf(answer), reason) << text;
+    EXPECT_EQ(json::ErrorReasonOf(answer), reason) << text;
   }
 }
 
 TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   const std::vector<std::string> keys = {"plain", "q\"uote", "back\\slash", std::string("ctl\x01\n", 5), "\xc3\xa9"};
-  qz::qzIoDeviceMemory dev;
+  qzIoDeviceMemory dev;
   {
-    JsonStreamer s(dev);
+    json::JsonStreamer s(dev);
     ASSERT_TRUE(s.begin() && s.arrayBegin("keys"));
     for (const auto& k : keys)
       ASSERT_TRUE(s.arrayString(k));
     ASSERT_TRUE(s.arrayEnd() && s.end());
   }
   EXPECT_EQ(dev.data(), "{\"keys\":[\"plain\",\"q\\\"uote\",\"back\\\\slash\",\"ctl\\u0001\\n\",\"\xc3\xa9\"]}");
-  EXPECT_EQ(JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
-  EXPECT_EQ(qz::json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
-  EXPECT_EQ(JsonStreamer::ConvertToJsonStringSize("keys", {}), std::string("{\"keys\":[]}").size());
+  EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
+  EXPECT_EQ(json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
+  EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", {}), std::string("{\"keys\":[]}").size());
   qzVariantMapImpl back;
   ASSERT_TRUE(Json2Variant::Convert(dev.data(), back));
   EXPECT_EQ(back["keys"], qzVariant(qzVariantListImpl(keys.begin(), keys.end())));
   dev.setError(true); // a failing device fails the streamer
-  JsonStreamer s(dev);
+  json::JsonStreamer s(dev);
   s.begin();
-  s.arrayBegin("k");
-  s.arrayEnd();
   EXPECT_FALSE(s.end() || s.good());
 }
 
@@ -149,35 +140,26 @@ TEST(Variant, UnsignedAndStringViewConstructorsAndConversionsThatNeverThrow) {
 
 // Number conversion at the edges where a parser's own conversion goes wrong.
 std::optional<qzVariant> parseOne(const std::string& number) {
-  qz::qzVariantListImpl list;
-  if (!qz::json::Json2Variant::Convert("[" + number + "]", list) || list.size() != 1)
+  qzVariantListImpl list;
+  if (!json::Json2Variant::Convert("[" + number + "]", list) || list.size() != 1)
     return std::nullopt;
   return list[0];
 }
 
+// The C library's reading is the reference; integers in range stay integers. "0E46" once gave -1.89e-270.
 TEST(JsonNumbers, ZeroSignificandsLimitsAndTheLocaleDecimalPoint) {
-  const std::tuple<const char*, qzVariant::Type, double> rows[] = {
-      {"0E46", qzVariant::Double, 0.0}, // once gave -1.89e-270
-      {"0.000000000000000000000000000000e-5", qzVariant::Double, 0.0},
-      {"-0", qzVariant::Int64, 0.0},
-      {"1e-400", qzVariant::Double, 0.0},
-      {"4.9e-324", qzVariant::Double, 4.9406564584124654e-324},
-      {"0.1", qzVariant::Double, 0.1},
-      {"1.7976931348623157e308", qzVariant::Double, 1.7976931348623157e308},
-      {"-9223372036854775808", qzVariant::Int64, -9223372036854775808.0},
-      {"9223372036854775807", qzVariant::Int64, 9223372036854775807.0},
-      {"18446744073709551615", qzVariant::Double, 18446744073709551615.0},
-      {"123456789012345678901234567890", qzVariant::Double, 1.2345678901234568e29},
-  };
-  for (const auto& [text, type, value] : rows) {
+  for (const char* text : {"0E46", "0.000000000000000000000000000000e-5", "1e-400", "4.9e-324", "0.1",
+                           "1.7976931348623157e308", "18446744073709551615", "123456789012345678901234567890"}) {
     const auto v = parseOne(text);
     ASSERT_TRUE(v) << text;
-    EXPECT_EQ(v->type(), type) << text;
-    EXPECT_EQ(v->toDouble(), value) << text;
+    EXPECT_EQ(std::pair(v->type(), v->toDouble()), std::pair(qzVariant::Double, std::strtod(text, nullptr))) << text;
+  }
+  for (const char* text : {"-0", "-9223372036854775808", "9223372036854775807"}) {
+    const auto v = parseOne(text);
+    EXPECT_TRUE(v && v->type() == qzVariant::Int64 && v->toInt64() == std::strtoll(text, nullptr, 10)) << text;
   }
   for (const char* text : {"1e400", "00", "1.", "+1"})
     EXPECT_FALSE(parseOne(text)) << text;
-  EXPECT_EQ(parseOne("9223372036854775807")->toInt64(), INT64_MAX);
   EXPECT_TRUE(std::signbit(parseOne("-0.0")->toDouble()));
   // A host may switch to a locale whose decimal separator is a comma.
   const char* set = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
