@@ -1,9 +1,8 @@
 #pragma once
 
-// Helpers shared by the JWT tests: base64url texts, a pinned wall clock and a key provider.
+// Helpers shared by the JWT tests: base64url texts, a pinned wall clock and the peer's keys and tokens.
 
 #include <HttpTools/jwt/Jwt.h>
-#include <HttpTools/jwt/KeyProvider.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzSystemUtils_p.h>
@@ -11,8 +10,6 @@
 #include "support/Process.h"
 
 #include <gtest/gtest.h>
-
-#include <map>
 
 namespace jwttest {
 
@@ -41,24 +38,6 @@ struct FixedClock {
     qz::impl::SetEpochSecHook([] { return now; });
   }
   ~FixedClock() { qz::impl::SetEpochSecHook(nullptr); }
-};
-
-// Hands out the key registered under the token's key id, whatever the algorithm, and records
-// the last request.
-struct MapProvider : KeyProvider {
-  std::map<std::string, std::shared_ptr<AsymmetricKey>> keys;
-  std::string askedKid;
-  Alg askedAlg = ALG_None;
-  std::shared_ptr<AsymmetricKey> getKeyFromId(const std::string& kid, Alg alg, std::string* error) override {
-    askedKid = kid;
-    askedAlg = alg;
-    auto it = keys.find(kid);
-    if (it != keys.end())
-      return it->second;
-    if (error)
-      *error = "No such key {" + kid + "}";
-    return {};
-  }
 };
 
 // Keys and tokens made once per run by an independent implementation (python3-jwt over

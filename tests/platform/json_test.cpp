@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
-#include <cstdlib>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <tuple>
@@ -15,19 +15,19 @@ using json::Json2Variant;
 
 namespace {
 
+// Already compact, in key order, with numbers at their limits: comes back as it was.
+const char* kCompact = R"({"d":1.5,"deep":{"l":[1,[2,{"x":[]}],{}]},"e":1e300,"max":9223372036854775807,)"
+                       R"("min":-9223372036854775808,"z":-0.0})";
+
 TEST(Json, RoundTripsKeepTextInKeyOrder) {
   // input -> compact output (maps come out in key order, numbers keep their type)
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"b":1,"a":2})", R"({"a":2,"b":1})"},
-      {R"({ "s" : "q\"b\\s\/\n\t\u0001" })", R"({"s":"q\"b\\s/\n\t\u0001"})"},
-      {R"({"u":"\u00e9\ud83d\ude00"})", "{\"u\":\"\xc3\xa9\xf0\x9f\x98\x80\"}"},
-      {R"({"max":9223372036854775807,"min":-9223372036854775808})",
-       R"({"max":9223372036854775807,"min":-9223372036854775808})"},
-      {R"({"d":1.5,"e":1e300,"z":-0.0})", R"({"d":1.5,"e":1e300,"z":-0.0})"},
-      {R"({"n":null,"t":true,"f":false})", R"({"f":false,"n":null,"t":true})"},
-      {R"({"deep":{"l":[1,[2,{"x":[]}],{}]}})", R"({"deep":{"l":[1,[2,{"x":[]}],{}]}})"},
-      {R"({"dup":1,"dup":2})", R"({"dup":2})"},
-  };
+  const std::pair<const char*, const char*> cases[] = {{R"({"b":1,"a":2,"n":null,"t":true,"f":false,"dup":1,"dup":2})",
+                                                        R"({"a":2,"b":1,"dup":2,"f":false,"n":null,"t":true})"},
+                                                       {R"({ "s" : "q\"b\\s\/\n\t\u0001", "u":"\u00e9\ud83d\ude00" })",
+                                                        R"({"s":"q\"b\\s/\n\t\u0001","u":")"
+                                                        "\xc3\xa9\xf0\x9f\x98\x80"
+                                                        R"("})"},
+                                                       {kCompact, kCompact}};
   for (const auto& [in, want] : cases) {
     qzVariantMapImpl m;
     std::string out, appended = "[";
@@ -70,19 +70,15 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
 }
 
 TEST(Json, ErrorReasonOfCouchDbAndElasticsearchAnswers) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"error":"conflict","reason":"Document update conflict."})", "conflict: Document update conflict."},
-      {R"({"error":{"type":"index_not_found_exception","reason":"no such index [x]"},"status":404})",
-       "index_not_found_exception: no such index [x]"},
-      {R"({"error":{"reason":"r"}})", "error: r"},
-      {R"({"error":"not_found"})", "not_found"},
-      {R"({"ok":true,"reason":"r"})", ""},
-  };
-  for (const auto& [text, reason] : cases) {
+  std::string reasons;
+  for (const char* text :
+       {R"({"error":"conflict","reason":"r1"})", R"({"error":{"type":"t","reason":"r2"},"status":404})",
+        R"({"error":{"reason":"r3"}})", R"({"error":"not_found"})", R"({"ok":true,"reason":"r"})"}) {
     qzVariantMapImpl answer;
-    ASSERT_TRUE(Json2Variant::Convert(std::string(text), answer));
-    EXPECT_EQ(json::ErrorReasonOf(answer), reason) << text;
+    EXPECT_TRUE(Json2Variant::Convert(std::string(text), answer)) << text;
+    reasons += json::ErrorReasonOf(answer) + "|";
   }
+  EXPECT_EQ(reasons, "conflict: r1|t: r2|error: r3|not_found||");
 }
 
 TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
@@ -99,9 +95,6 @@ TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
   EXPECT_EQ(json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
   EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", {}), std::string("{\"keys\":[]}").size());
-  qzVariantMapImpl back;
-  ASSERT_TRUE(Json2Variant::Convert(dev.data(), back));
-  EXPECT_EQ(back["keys"], qzVariant(qzVariantListImpl(keys.begin(), keys.end())));
   dev.setError(true); // a failing device fails the streamer
   json::JsonStreamer s(dev);
   s.begin();
@@ -133,9 +126,6 @@ TEST(Variant, UnsignedAndStringViewConstructorsAndConversionsThatNeverThrow) {
   EXPECT_EQ(qzVariant(0.1).toString() + qzVariant(true).toString() + qzVariant().toString(), "0.1true");
   EXPECT_EQ(qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("a")}).toString(), "[1,\"a\"]");
   EXPECT_TRUE(qzVariant("true").toBool() && !qzVariant(qzVariantMapImpl{}).toBool() && qzVariant(3).toMap().empty());
-  qzVariant v(3);
-  v.asList().push_back(qzVariant(1));
-  EXPECT_TRUE(v.isList());
 }
 
 // Number conversion at the edges where a parser's own conversion goes wrong.
