@@ -50,10 +50,9 @@ from jwt.algorithms import RSAAlgorithm, ECAlgorithm
 from cryptography.hazmat.primitives import serialization as ser
 from cryptography.hazmat.primitives.asymmetric import rsa, ec
 now = int(time.time())
-keys = {"rsa": rsa.generate_private_key(public_exponent=65537, key_size=2048),
-        "rsa1024": rsa.generate_private_key(public_exponent=65537, key_size=1024),
-        "p256": ec.generate_private_key(ec.SECP256R1()), "p384": ec.generate_private_key(ec.SECP384R1()),
-        "p521": ec.generate_private_key(ec.SECP521R1())}
+keys = {k: rsa.generate_private_key(public_exponent=65537, key_size=n) for k, n in [("rsa", 2048), ("rsa1024", 1024)]}
+curves = {"p256": ec.SECP256R1(), "p384": ec.SECP384R1(), "p521": ec.SECP521R1()}
+keys.update({kid: ec.generate_private_key(curve) for kid, curve in curves.items()})
 out = {"jwk": {}, "pem": {}, "tokens": {}}
 for kid, k in keys.items():
     out["jwk"][kid] = json.loads((RSAAlgorithm if kid.startswith("rsa") else ECAlgorithm).to_jwk(k.public_key()))

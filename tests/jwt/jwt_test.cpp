@@ -14,17 +14,6 @@ namespace {
 
 constexpr int64_t kNow = 1700000000;
 
-// One segment of a token, decoded as a JSON object.
-qzVariantMapImpl segment(const std::string& token, int index) {
-  size_t start = 0;
-  for (int i = 0; i < index; ++i)
-    start = token.find('.', start) + 1;
-  const std::vector<char> bytes = unb64(token.substr(start, token.find('.', start) - start));
-  qzVariantMapImpl m;
-  EXPECT_TRUE(json::Json2Variant::Convert(bytes.data(), bytes.size(), m));
-  return m;
-}
-
 // Each name and its hash are used by every token of the interop test; here, what is no algorithm,
 // and the exact three curve names.
 TEST(Names, OnlyExactAlgorithmAndCurveNames) {
@@ -67,10 +56,10 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndExpiryWithin24HoursOfIssue) {
   qzVariantMapImpl claims{{"exp", kNow + 60}, {"sub", "alice"}};
   std::string token;
   ASSERT_TRUE(CreateHashedJwt(claims, "secret", HS256, token, 0));
-  // {"alg":"HS256","typ":"JWT"}: compact, keys sorted.
-  EXPECT_EQ(token.substr(0, token.find('.')), "eyJhbGciOiJIUzI1NiIsInR5cCI6IkpXVCJ9");
   EXPECT_EQ(claims, (qzVariantMapImpl{{"exp", kNow + 60}, {"iat", kNow}, {"nbf", kNow}, {"sub", "alice"}}));
-  EXPECT_EQ(segment(token, 1), claims);
+  EXPECT_EQ(token.substr(0, token.rfind('.')), // compact, keys sorted
+            b64(R"({"alg":"HS256","typ":"JWT"})") + "." +
+                b64(R"({"exp":1700000060,"iat":1700000000,"nbf":1700000000,"sub":"alice"})"));
   const std::tuple<Alg, qzVariantMapImpl, int> rows[] = {{HS384, {{"exp", 5000}, {"iat", 4000}}, 4000},
                                                          {HS512, {{"exp", 5000}, {"iat", 4000}, {"nbf", 4500}}, 4500}};
   for (auto [alg, given, nbf] : rows) {
@@ -110,11 +99,11 @@ TEST(Writers, SignedLayoutAndAlgorithmsAndKeysThatDoNotFit) {
   qzVariantMapImpl signedClaims{{"exp", kNow + 10}, {"iat", kNow}, {"iss", "me"}};
   std::string signedToken;
   ASSERT_TRUE(CreateSignedJwt(signedClaims, *rsa, RS384, signedToken, HC_Iss | HC_Aud)); // no "aud" to copy
-  EXPECT_EQ(segment(signedToken, 0),
-            (qzVariantMapImpl{{"alg", "RS384"}, {"iss", "me"}, {"kid", "rsa-1"}, {"typ", "JWT"}}));
+  EXPECT_EQ(signedToken.substr(0, signedToken.find('.')),
+            b64(R"({"alg":"RS384","iss":"me","kid":"rsa-1","typ":"JWT"})"));
   ASSERT_TRUE(CreateSignedJwt(signedClaims, *ec, ES256, signedToken, 0));
-  EXPECT_EQ(segment(signedToken, 0).count("kid"), 0u);
-  EXPECT_EQ(unb64(signedToken.substr(signedToken.rfind('.') + 1)).size(), 64u); // R||S, not DER
+  EXPECT_EQ(signedToken.substr(0, signedToken.find('.')), b64(R"({"alg":"ES256","typ":"JWT"})")); // no key id
+  EXPECT_EQ(unb64(signedToken.substr(signedToken.rfind('.') + 1)).size(), 64u);                   // R||S, not DER
 
   AsymmetricKey* const secret = nullptr; // the HMAC writer, with the secret "k"
   const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)",
