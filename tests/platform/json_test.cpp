@@ -103,20 +103,12 @@ TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
 
 // Unsigned 64-bit counts and string views build variants without casts or ambiguity.
 TEST(Variant, UnsignedAndStringViewConstructorsAndConversionsThatNeverThrow) {
-  const uint64_t big = uint64_t(INT64_MAX) + 1;
   const std::string_view view = std::string_view("abcdef").substr(1, 3);
-  const qzVariantMapImpl doc{{"size", std::vector<int>(3).size()},
-                             {"max", uint64_t(INT64_MAX)},
-                             {"big", big},
-                             {"view", view},
-                             {"literal", "lit"}};
-  // Beyond int64: kept as the nearest double.
-  EXPECT_TRUE(doc.at("size").isInt64() && doc.at("big").isDouble());
-  EXPECT_EQ(std::tuple(doc.at("max").toInt64(), doc.at("big").toDouble(), doc.at("view").toString()),
-            std::tuple(INT64_MAX, 9223372036854775808.0, "bcd"));
-  std::string text;
+  const uint64_t max = INT64_MAX;
+  const qzVariantMapImpl doc{{"size", size_t(3)}, {"max", max}, {"big", max + 1}, {"view", view}};
+  std::string text; // beyond int64: kept as the nearest double
   ASSERT_TRUE(Json2Variant::Convert(doc, text, false));
-  EXPECT_EQ(text, R"({"big":9223372036854776000.0,"literal":"lit","max":9223372036854775807,"size":3,"view":"bcd"})");
+  EXPECT_EQ(text, R"({"big":9223372036854776000.0,"max":9223372036854775807,"size":3,"view":"bcd"})");
   // Conversions never throw.
   bool ok = true, ok2 = true;
   EXPECT_EQ(std::tuple(qzVariant("12").toInt64(), qzVariant("12x").toInt64(&ok), qzVariant(1e300).toInt64(&ok2),

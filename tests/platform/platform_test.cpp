@@ -38,17 +38,14 @@ TEST(EnumHelper, ParsesValuesAliasesSkipsMalformedPiecesAndUnknownNamesAreInvali
 }
 
 TEST(StringUtils, HumanizeDurationAndFromInt) {
+  using S = qz::qzStringUtils;
   std::string texts;
   for (double ms : {0.0, 999.0, 1000.0, 1500.0, 90000.0, 3600000.0, 86400000 * 2.5, -1500.0})
-    texts += qz::qzStringUtils::humanizeDuration(ms, 1, true) + " ";
-  EXPECT_EQ(texts, "0ms 999ms 1s 1.5s 1.5min 1h 2.5d -1.5s ");
-  EXPECT_EQ(qz::qzStringUtils::humanizeDuration(1549, 2, true) + " " +
-                qz::qzStringUtils::humanizeDuration(1234.5678901, 7, true) + " " + // at most 6 digits
-                qz::qzStringUtils::humanizeDuration(250, 1, false) + " " +
-                qz::qzStringUtils::humanizeDuration(2000, 3, false),
-            "1.55s 1.234568s 250 milliseconds 2 seconds");
-  EXPECT_EQ(qz::qzStringUtils::fromInt(7, 3) + " " + qz::qzStringUtils::fromInt(1234, 2) + " " +
-                qz::qzStringUtils::fromInt(-5, 2) + " " + qz::qzStringUtils::fromInt(INT64_MIN),
+    texts += S::humanizeDuration(ms, 1, true) + " ";
+  texts += S::humanizeDuration(1549, 2, true) + " " + S::humanizeDuration(1234.5678901, 7, true) + " "; // 6 digits
+  texts += S::humanizeDuration(250, 1, false) + ", " + S::humanizeDuration(2000, 3, false);
+  EXPECT_EQ(texts, "0ms 999ms 1s 1.5s 1.5min 1h 2.5d -1.5s 1.55s 1.234568s 250 milliseconds, 2 seconds");
+  EXPECT_EQ(S::fromInt(7, 3) + " " + S::fromInt(1234, 2) + " " + S::fromInt(-5, 2) + " " + S::fromInt(INT64_MIN),
             "007 1234 -05 -9223372036854775808");
 }
 
@@ -79,7 +76,6 @@ TEST(LibInitCounter, CountsExactlyAcrossThreads) {
   for (auto& t : threads)
     t.join();
   EXPECT_EQ(firsts.load(), lasts.load());
-  EXPECT_GE(firsts.load(), 1);
   EXPECT_FALSE(c.isInitialized());
 }
 
