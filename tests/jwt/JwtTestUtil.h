@@ -3,6 +3,7 @@
 // Helpers shared by the JWT tests: base64url texts, a pinned wall clock and the peer's keys and tokens.
 
 #include <HttpTools/jwt/Jwt.h>
+#include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/qzJson.h>
 #include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzSystemUtils_p.h>
@@ -76,6 +77,17 @@ inline const qzVariant& peer(const std::string& group, const std::string& name) 
     return m;
   }();
   return made.at(group).toMap().at(name);
+}
+
+// The verifier's verdicts on the peer's tokens, "+" for each accepted.
+inline std::string verdicts(const Verifier& verifier, std::initializer_list<const char*> algs) {
+  std::string out;
+  for (const char* alg : algs) {
+    qzVariantMapImpl claims;
+    out +=
+        verifier.validateJwt(peer("tokens", alg).toString(), claims, nullptr) && claims["alg_used"] == alg ? "+" : "-";
+  }
+  return out;
 }
 
 } // namespace jwttest

@@ -2,7 +2,6 @@
 // verify there, theirs verify here with its public keys in the static key provider. Keys are made
 // fresh by each run.
 #include <HttpTools/jwt/StaticKeyProvider.h>
-#include <HttpTools/jwt/Verifier.h>
 
 #include "JwtTestUtil.h"
 
@@ -33,16 +32,6 @@ std::string text(const char* group, const char* name) {
     return peer(group, name).toString();
   EXPECT_TRUE(json::Json2Variant::Convert(peer(group, name).toMap(), text, false));
   return text;
-}
-
-// Verdicts on tokens, "+" for each accepted.
-std::string verdicts(const Verifier& verifier, std::initializer_list<const char*> algs) {
-  std::string out;
-  for (const char* alg : algs) {
-    qzVariantMapImpl claims;
-    out += verifier.validateJwt(text("tokens", alg), claims, nullptr) && claims["alg_used"] == alg ? "+" : "-";
-  }
-  return out;
 }
 
 TEST(Interop, TokensVerifyBothWays) {

@@ -36,13 +36,9 @@ TEST(Json, RoundTripsKeepTextInKeyOrder) {
     json::AppendJson(appended, m); // the same text after what the buffer holds
     EXPECT_EQ(out + " " + appended, std::string(want) + " [" + want) << in;
   }
-  // Pretty output is multi-line and parses back equal.
-  qzVariantMapImpl m{{"a", qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("x")})}, {"b", qzVariant(true)}}, back;
-  std::string pretty;
-  ASSERT_TRUE(Json2Variant::Convert(m, pretty, true));
-  EXPECT_EQ(pretty.substr(0, 16), "{\n  \"a\": [\n    1") << pretty; // indented by two
-  ASSERT_TRUE(Json2Variant::Convert(pretty, back));
-  EXPECT_EQ(back, m);
+  std::string pretty; // indented by two
+  ASSERT_TRUE(Json2Variant::Convert(qzVariantMapImpl{{"a", qzVariantListImpl{1, "x"}}, {"b", true}}, pretty, true));
+  EXPECT_EQ(pretty, "{\n  \"a\": [\n    1,\n    \"x\"\n  ],\n  \"b\": true\n}");
 }
 
 TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
@@ -94,7 +90,6 @@ TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   EXPECT_EQ(dev.data(), "{\"keys\":[\"plain\",\"q\\\"uote\",\"back\\\\slash\",\"ctl\\u0001\\n\",\"\xc3\xa9\"]}");
   EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
   EXPECT_EQ(json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
-  EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", {}), std::string("{\"keys\":[]}").size());
   dev.setError(true); // a failing device fails the streamer
   json::JsonStreamer s(dev);
   s.begin();
