@@ -42,18 +42,15 @@ TEST(Interop, TokensVerifyBothWays) {
   for (int i = 0; i < 9; ++i) {
     const char* alg = kAlgs[i];
     qzVariantMapImpl claims{{"sub", "from-httptools"}, {"aud", "api"}, {"exp", NowSec() + 600}};
+    std::shared_ptr<AsymmetricKey> key = rsa;
+    if (i >= 6) // P-256, P-384, P-521
+      key = qzOpenSSL::EllipticCurveKey::Generate(qzOpenSSL::EllipticCurve(qzOpenSSL::EC_P256 + i - 6));
     std::string token;
-    if (i < 3) {
-      ASSERT_TRUE(CreateHashedJwt(claims, secret, StringToAlg(alg), token, HC_Aud)) << alg;
-      verifyKeys[alg] = secret;
-    } else {
-      std::shared_ptr<AsymmetricKey> key = rsa;
-      if (i >= 6) // P-256, P-384, P-521
-        key = qzOpenSSL::EllipticCurveKey::Generate(qzOpenSSL::EllipticCurve(qzOpenSSL::EC_P256 + i - 6));
-      ASSERT_TRUE(CreateSignedJwt(claims, *key, StringToAlg(alg), token, HC_Sub)) << alg;
-      verifyKeys[alg] = key->toPublicPem();
-    }
+    ASSERT_TRUE(i < 3 ? CreateHashedJwt(claims, secret, StringToAlg(alg), token, HC_Aud)
+                      : CreateSignedJwt(claims, *key, StringToAlg(alg), token, HC_Sub))
+        << alg;
     tokens[alg] = token;
+    verifyKeys[alg] = i < 3 ? secret : key->toPublicPem();
   }
   std::string input, out, err;
   ASSERT_TRUE(json::Json2Variant::Convert(qzVariantMapImpl{{"tokens", tokens}, {"keys", verifyKeys}}, input, false));

@@ -65,18 +65,6 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
                Json2Variant::Convert(nested(100000), l));
 }
 
-TEST(Json, ErrorReasonOfCouchDbAndElasticsearchAnswers) {
-  std::string reasons;
-  for (const char* text :
-       {R"({"error":"conflict","reason":"r1"})", R"({"error":{"type":"t","reason":"r2"},"status":404})",
-        R"({"error":{"reason":"r3"}})", R"({"error":"not_found"})", R"({"ok":true,"reason":"r"})"}) {
-    qzVariantMapImpl answer;
-    EXPECT_TRUE(Json2Variant::Convert(std::string(text), answer)) << text;
-    reasons += json::ErrorReasonOf(answer) + "|";
-  }
-  EXPECT_EQ(reasons, "conflict: r1|t: r2|error: r3|not_found||");
-}
-
 TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   const std::vector<std::string> keys = {"plain", "q\"uote", "back\\slash", std::string("ctl\x01\n", 5), "\xc3\xa9"};
   qzIoDeviceMemory dev;
@@ -89,7 +77,6 @@ TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   }
   EXPECT_EQ(dev.data(), "{\"keys\":[\"plain\",\"q\\\"uote\",\"back\\\\slash\",\"ctl\\u0001\\n\",\"\xc3\xa9\"]}");
   EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
-  EXPECT_EQ(json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
   dev.setError(true); // a failing device fails the streamer
   json::JsonStreamer s(dev);
   s.begin();
@@ -111,7 +98,6 @@ TEST(Variant, UnsignedAndStringViewConstructorsAndConversionsThatNeverThrow) {
             std::tuple(12, 0, 0, 2));
   EXPECT_FALSE(ok || ok2);
   EXPECT_EQ(qzVariant(0.1).toString() + qzVariant(true).toString() + qzVariant().toString(), "0.1true");
-  EXPECT_EQ(qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("a")}).toString(), "[1,\"a\"]");
   EXPECT_TRUE(qzVariant("true").toBool() && !qzVariant(qzVariantMapImpl{}).toBool() && qzVariant(3).toMap().empty());
 }
 

@@ -64,18 +64,16 @@ TEST(LibInitCounter, CountsExactlyAcrossThreads) {
   EXPECT_EQ(std::vector<bool>({c.incrementInitCounter(), c.incrementInitCounter(), c.isInitialized(),
                                c.decrementInitCounter(), c.decrementInitCounter(), c.isInitialized()}),
             std::vector<bool>({true, false, true, false, true, false}));
-  std::atomic<int> firsts{0}, lasts{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 1000; ++i) {
-        firsts += c.incrementInitCounter();
-        lasts += c.decrementInitCounter();
-      }
+  std::atomic<int> firstsLessLasts{0};
+  std::vector<std::thread> threads(8);
+  for (auto& t : threads)
+    t = std::thread([&] {
+      for (int i = 0; i < 1000; ++i)
+        firstsLessLasts += c.incrementInitCounter() - c.decrementInitCounter();
     });
   for (auto& t : threads)
     t.join();
-  EXPECT_EQ(firsts.load(), lasts.load());
+  EXPECT_EQ(firstsLessLasts.load(), 0);
   EXPECT_FALSE(c.isInitialized());
 }
 
@@ -103,7 +101,6 @@ bool WaitFor(const std::function<bool()>& done) {
 
 TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
   qz::qzThreadPeriodicalUpdater u(2);
-  EXPECT_EQ(u.periodMs(), 2000u);
   u.setPeriodMs(2);
   Probe a, b, self, slow;
   self.removeFrom = &u; // a callback may remove itself
@@ -114,8 +111,7 @@ TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
   const int frozen = a.calls, bBefore = b.calls;
   // Rounds run one after the other: b's next ones show that a's have stopped.
   EXPECT_TRUE(WaitFor([&] { return b.calls >= bBefore + 3; }));
-  EXPECT_EQ(a.calls.load(), frozen);
-  EXPECT_EQ(self.calls.load(), 1);
+  EXPECT_EQ(std::pair(a.calls.load(), self.calls.load()), std::pair(frozen, 1));
 
   slow.sleepMs = 200;
   u.addCallback(probe, &slow);
@@ -137,7 +133,6 @@ TEST(Log, EachStatementIsOneBoundedLineAndTheDefaultSinkComesBack) {
     qz::qzLogObject(qz::qzLog::Error, "c\nat") << std::string(100000, 'x');
     ASSERT_EQ(cap.size(), 2u);
     EXPECT_TRUE(cap.has("jwt", "kid a\\r\\n[error] jwt: forged\\x1B[2J\\t\\x7F end 42"));
-    EXPECT_EQ(cap.lines()[0].type, qz::qzLog::Error);
     EXPECT_TRUE(cap.has("c\\nat", std::string(qz::qzLog::kMaxLineLength, 'x') + " [" +
                                       std::to_string(100000 - qz::qzLog::kMaxLineLength) + " bytes cut]"));
   }
