@@ -11,17 +11,14 @@ namespace {
 
 const char* kAlgs[] = {"HS256", "HS384", "HS512", "RS256", "RS384", "RS512", "ES256", "ES384", "ES512"};
 
-// Their side checks each of our tokens with the matching key and reports what it saw, or the error.
+// Their side checks each of our tokens with the matching key and reports what it saw.
 const char* kCheck = R"PY(
 import json, sys, jwt
 data = json.load(sys.stdin)
 out = {}
 for alg, tok in data["tokens"].items():
-    try:
-        claims = jwt.decode(tok, data["keys"][alg], algorithms=[alg], audience="api")
-        out[alg] = {"sub": claims["sub"], "header": jwt.get_unverified_header(tok)}
-    except Exception as e:
-        out[alg] = {"error": type(e).__name__ + ": " + str(e)}
+    claims = jwt.decode(tok, data["keys"][alg], algorithms=[alg], audience="api")  # raises, naming the fault
+    out[alg] = {"sub": claims["sub"], "header": jwt.get_unverified_header(tok)}
 print(json.dumps(out))
 )PY";
 

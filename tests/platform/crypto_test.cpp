@@ -23,13 +23,16 @@ std::vector<char> bytes(const std::string& s) { return std::vector<char>(s.begin
 // Known vectors in both sets, every byte value at every remainder length; then texts the strict
 // decoder refuses, leaving its output alone.
 TEST(Base64, KnownVectorsEveryByteAndStrictDecoding) {
-  const std::string nuls(2, '\0'), cases[][3] = {{"", "", ""},
-                                                 {"f", "Zg==", "Zg"},
-                                                 {"fo", "Zm8=", "Zm8"},
-                                                 {"foo", "Zm9v", "Zm9v"},
-                                                 {"foob", "Zm9vYg==", "Zm9vYg"},
-                                                 {"\xfb\xff\xbf", "+/+/", "-_-_"},
-                                                 {nuls, "AAA=", "AAA"}};
+  const std::string nuls(2, '\0');
+  const std::string cases[][3] = {// plain, standard, URL-safe
+                                  {"", "", ""},
+                                  {"f", "Zg==", "Zg"},
+                                  {"fo", "Zm8=", "Zm8"},
+                                  {"foo", "Zm9v", "Zm9v"},
+                                  {"foob", "Zm9vYg==", "Zm9vYg"},
+                                  {"fooba", "Zm9vYmE=", "Zm9vYmE"},
+                                  {"\xfb\xff\xbf", "+/+/", "-_-_"},
+                                  {nuls, "AAA=", "AAA"}};
   std::string out;
   std::vector<char> back;
   for (const auto& [plain, standard, url] : cases)
@@ -48,13 +51,11 @@ TEST(Base64, KnownVectorsEveryByteAndStrictDecoding) {
   // Padding where none belongs, a wrong padded length, missing padding, one lone character, unused
   // bits set ("f" is only "Zg"), standard characters in the URL set, three pad characters, pad in the
   // middle, a blank, a NUL, an unknown set.
+  const std::string nul("Zm\0v", 4);
   const std::pair<std::string, Base64CharSet> bad[] = {
-      {"Zg==", B64_UrlSafeNoPad},  {"Zg=", B64_Standard},
-      {"Zg", B64_Standard},        {"Z", B64_UrlSafeNoPad},
-      {"Zh", B64_UrlSafeNoPad},    {"+/8", B64_UrlSafeNoPad},
-      {"Z===", B64_Standard},      {"Zg==Zg==", B64_Standard},
-      {"Zm 9v", B64_UrlSafeNoPad}, {std::string("Zm\0v", 4), B64_UrlSafeNoPad},
-      {"Zg", Base64CharSet(7)}};
+      {"Zg==", B64_UrlSafeNoPad},  {"Zg=", B64_Standard},     {"Zg", B64_Standard},    {"Z", B64_UrlSafeNoPad},
+      {"Zh", B64_UrlSafeNoPad},    {"+/8", B64_UrlSafeNoPad}, {"Z===", B64_Standard},  {"Zg==Zg==", B64_Standard},
+      {"Zm 9v", B64_UrlSafeNoPad}, {nul, B64_UrlSafeNoPad},   {"Zg", Base64CharSet(7)}};
   for (const auto& [text, set] : bad) {
     std::vector<char> untouched{'x'};
     EXPECT_FALSE(base64Decode(text, untouched, set)) << text;

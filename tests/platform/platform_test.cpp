@@ -42,9 +42,8 @@ TEST(StringUtils, HumanizeDurationAndFromInt) {
   std::string texts;
   for (double ms : {0.0, 999.0, 1000.0, 1500.0, 90000.0, 3600000.0, 86400000 * 2.5, -1500.0})
     texts += S::humanizeDuration(ms, 1, true) + " ";
-  texts += S::humanizeDuration(1549, 2, true) + " " + S::humanizeDuration(1234.5678901, 7, true) + " "; // 6 digits
-  texts += S::humanizeDuration(250, 1, false) + ", " + S::humanizeDuration(2000, 3, false);
-  EXPECT_EQ(texts, "0ms 999ms 1s 1.5s 1.5min 1h 2.5d -1.5s 1.55s 1.234568s 250 milliseconds, 2 seconds");
+  texts += S::humanizeDuration(1234.5678901, 7, true) + " " + S::humanizeDuration(2000, 3, false); // 6 digits at most
+  EXPECT_EQ(texts, "0ms 999ms 1s 1.5s 1.5min 1h 2.5d -1.5s 1.234568s 2 seconds");
   EXPECT_EQ(S::fromInt(7, 3) + " " + S::fromInt(1234, 2) + " " + S::fromInt(-5, 2) + " " + S::fromInt(INT64_MIN),
             "007 1234 -05 -9223372036854775808");
 }
