@@ -41,8 +41,7 @@ TEST(Interop, TokensVerifyBothWays) {
       key = qzOpenSSL::EllipticCurveKey::Generate(qzOpenSSL::EllipticCurve(qzOpenSSL::EC_P256 + i - 6));
     std::string token;
     ASSERT_TRUE(i < 3 ? CreateHashedJwt(claims, secret, StringToAlg(alg), token, HC_Aud)
-                      : CreateSignedJwt(claims, *key, StringToAlg(alg), token, HC_Sub))
-        << alg;
+                      : CreateSignedJwt(claims, *key, StringToAlg(alg), token, HC_Sub));
     tokens[alg] = token;
     verifyKeys[alg] = i < 3 ? secret : key->toPublicPem();
   }

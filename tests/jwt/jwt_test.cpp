@@ -80,13 +80,12 @@ TEST(Writers, SignedLayoutAndAlgorithmsAndKeysThatDoNotFit) {
   auto ecPub = AsymmetricKey::FromPem(ec->toPublicPem());
   rsa->setKeyId("rsa-1");
   qzVariantMapImpl signedClaims{{"exp", kNow + 10}, {"iat", kNow}, {"iss", "me"}};
-  std::string signedToken;
-  ASSERT_TRUE(CreateSignedJwt(signedClaims, *rsa, RS384, signedToken, HC_Iss | HC_Aud)); // no "aud" to copy
-  EXPECT_EQ(signedToken.substr(0, signedToken.find('.')),
-            b64(R"({"alg":"RS384","iss":"me","kid":"rsa-1","typ":"JWT"})"));
-  ASSERT_TRUE(CreateSignedJwt(signedClaims, *ec, ES256, signedToken, 0));
-  EXPECT_EQ(signedToken.substr(0, signedToken.find('.')), b64(R"({"alg":"ES256","typ":"JWT"})")); // no key id
-  EXPECT_EQ(unb64(signedToken.substr(signedToken.rfind('.') + 1)).size(), 64u);                   // R||S, not DER
+  std::string jwt;
+  ASSERT_TRUE(CreateSignedJwt(signedClaims, *rsa, RS384, jwt, HC_Iss | HC_Aud)); // no "aud" to copy
+  EXPECT_EQ(jwt.substr(0, jwt.find('.')), b64(R"({"alg":"RS384","iss":"me","kid":"rsa-1","typ":"JWT"})"));
+  ASSERT_TRUE(CreateSignedJwt(signedClaims, *ec, ES256, jwt, 0));
+  EXPECT_EQ(jwt.substr(0, jwt.find('.')), b64(R"({"alg":"ES256","typ":"JWT"})")); // no key id
+  EXPECT_EQ(unb64(jwt.substr(jwt.rfind('.') + 1)).size(), 64u);                   // R||S, not DER
 
   AsymmetricKey* const secret = nullptr; // the HMAC writer, with the secret "k"
   // HS256 alone comes with an empty secret; 48, 144 and 384 are HS256|HS384, HS256|RS256, RS256|RS384.
