@@ -2,10 +2,8 @@
 
 // Helpers shared by the JWT tests: base64url texts, a pinned wall clock and the peer's keys and tokens.
 
-#include <HttpTools/jwt/Jwt.h>
 #include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/qzJson.h>
-#include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzSystemUtils_p.h>
 
 #include "support/Process.h"

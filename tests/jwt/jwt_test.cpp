@@ -1,6 +1,4 @@
 // Random generators, the two token writers and the scope builder.
-#include <HttpTools/jwt/Jwt_p.h>
-
 #include "JwtTestUtil.h"
 #include "support/LogCapture.h"
 

@@ -3,7 +3,6 @@
 #include <HttpTools/jwt/KeyStore.h>
 #include <HttpTools/jwt/KeyStore_p.h>
 
-#include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpConnectionPool.h>
 
 #include "JwtTestUtil.h"
@@ -22,7 +21,6 @@ std::atomic<int64_t> gNowMs{1'000'000'000};
 class KeyStoreTest : public testing::Test {
 protected:
   static void SetUpTestSuite() {
-    qz::initializeHttpTools(true, http::HNRP_Whatever, http::PP_NoProxy);
     sServer = new qztest::TestHttpServer;
     sServer->route("GET", "/jwks", [](const httplib::Request&, httplib::Response& res) {
       std::lock_guard lock(sMutex);
@@ -35,7 +33,6 @@ protected:
   static void TearDownTestSuite() {
     qz::impl::SetTimeBaseMsHook(nullptr);
     delete sServer;
-    qz::terminateHttpTools();
   }
   void SetUp() override { sServer->resetCounters(); }
 

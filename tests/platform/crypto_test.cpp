@@ -1,5 +1,3 @@
-#include <HttpTools/platform/qzOpenSSLCrypto.h>
-
 #include <HttpTools/platform/qzOpenSSLCrypto_p.h>
 
 #include <gtest/gtest.h>
@@ -65,18 +63,12 @@ std::vector<char> bnParam(const AsymmetricKey& key, const char* name) {
   return out;
 }
 
-// One generated RSA pair for the suite: generation is the slow part.
-std::shared_ptr<RSAKey> rsaPair() {
-  static const std::shared_ptr<RSAKey> pair = RSAKey::Generate(2048);
-  return pair;
-}
-
 // Public keys built from their numbers (as JWKs give them) verify what the pairs signed, many times
 // over so that short EC R or S values come up too; altered signatures or other data are mismatches:
 // the check ran (SE_None) and said no. The JWT interop test covers the other hashes and P-384.
 TEST(Keys, FromParametersVerifyWhatThePairSigned) {
   const std::string msg = "header.claims";
-  auto rsa = rsaPair();
+  auto rsa = RSAKey::Generate(2048);
   auto ec256 = EllipticCurveKey::Generate(EC_P256), ec521 = EllipticCurveKey::Generate(EC_P521);
   auto ecPub = [](const AsymmetricKey& pair, EllipticCurve curve) {
     return EllipticCurveKey(curve, bnParam(pair, OSSL_PKEY_PARAM_EC_PUB_X), bnParam(pair, OSSL_PKEY_PARAM_EC_PUB_Y));
@@ -108,7 +100,7 @@ TEST(Keys, FromParametersVerifyWhatThePairSigned) {
 // Keys that cannot be built say why and verify nothing (keys too small: the JWT key store test); PEM
 // texts keep a pair's type, usage and curve.
 TEST(Keys, ConstructionErrorsAndPemRoundTrip) {
-  const std::shared_ptr<AsymmetricKey> ec = EllipticCurveKey::Generate(EC_P384), rsa = rsaPair();
+  const std::shared_ptr<AsymmetricKey> ec = EllipticCurveKey::Generate(EC_P384), rsa = RSAKey::Generate(2048);
   auto x = bnParam(*ec, OSSL_PKEY_PARAM_EC_PUB_X), y = bnParam(*ec, OSSL_PKEY_PARAM_EC_PUB_Y), longX = x;
   longX.insert(longX.begin(), 0); // longer than the field even though the extra byte is zero
   const std::shared_ptr<AsymmetricKey> bad[] = {

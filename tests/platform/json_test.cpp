@@ -68,19 +68,17 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
 TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   const std::vector<std::string> keys = {"plain", "q\"uote", "back\\slash", std::string("ctl\x01\n", 5), "\xc3\xa9"};
   qzIoDeviceMemory dev;
-  {
-    json::JsonStreamer s(dev);
-    ASSERT_TRUE(s.begin() && s.arrayBegin("keys"));
-    for (const auto& k : keys)
-      ASSERT_TRUE(s.arrayString(k));
-    ASSERT_TRUE(s.arrayEnd() && s.end());
-  }
+  json::JsonStreamer s(dev);
+  ASSERT_TRUE(s.begin() && s.arrayBegin("keys"));
+  for (const auto& k : keys)
+    ASSERT_TRUE(s.arrayString(k));
+  ASSERT_TRUE(s.arrayEnd() && s.end());
   EXPECT_EQ(dev.data(), "{\"keys\":[\"plain\",\"q\\\"uote\",\"back\\\\slash\",\"ctl\\u0001\\n\",\"\xc3\xa9\"]}");
   EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
   dev.setError(true); // a failing device fails the streamer
-  json::JsonStreamer s(dev);
-  s.begin();
-  EXPECT_FALSE(s.end() || s.good());
+  json::JsonStreamer failing(dev);
+  failing.begin();
+  EXPECT_FALSE(failing.end() || failing.good());
 }
 
 // Unsigned 64-bit counts and string views build variants without casts or ambiguity.
