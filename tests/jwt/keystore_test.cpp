@@ -101,7 +101,7 @@ TEST_F(KeyStoreTest, KeysServeTheirFamilyFromOneDownloadAndUnknownKidsRefetchAft
 
 TEST_F(KeyStoreTest, RefusedEntriesAnswerWithTheirReasonWithoutNewDownloads) {
   const std::pair<qzVariant, std::string> cases[] = {
-      // an entry, why it is refused (the start of it where the key's own error completes it)
+      // an entry and the start of why it is refused
       {qzVariantMapImpl{{"kid", "oct"}, {"kty", "oct"}, {"use", "sig"}, {"k", "c2VjcmV0"}}, "key is symmetric"},
       {jwk("rsa", "enc", {{"use", "enc"}}), "key is not meant for signature validation"},
       {jwk("rsa", "opsarray", {{"key_ops", qzVariantListImpl{"verify"}}}, {"use"}), "no field \"use\" or \"key_ops\""},

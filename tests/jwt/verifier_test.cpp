@@ -110,8 +110,8 @@ TEST_F(VerifierTest, MalformedForms) {
     EXPECT_EQ(check(b64(json) + "." + c + "." + signature(good)), 1) << json;
     EXPECT_EQ(check(h + "." + b64(json) + "." + signature(good)), 1) << json;
   }
-  EXPECT_EQ(check(std::string_view(good).substr(0, good.find('.') + 2)), 1);
-  EXPECT_EQ(check(std::string_view()), 1); // a null pointer
+  EXPECT_EQ(check(std::string_view(good).substr(0, good.find('.') + 2)), 1); // dots past the length do not count
+  EXPECT_EQ(check(std::string_view()), 1);                                   // a null pointer
   // An empty header segment is an empty header: it names no algorithm.
   EXPECT_EQ(check("." + c + ".sig"), 2);
 }
