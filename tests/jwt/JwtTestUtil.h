@@ -1,18 +1,14 @@
 #pragma once
 
-// Helpers shared by the JWT tests: base64url texts, a pinned wall clock and a key provider.
+// Helpers shared by the JWT tests: base64url texts, a pinned wall clock and the peer's keys and tokens.
 
-#include <HttpTools/jwt/Jwt.h>
-#include <HttpTools/jwt/KeyProvider.h>
+#include <HttpTools/jwt/Verifier.h>
 #include <HttpTools/platform/qzJson.h>
-#include <HttpTools/platform/qzSystemUtils.h>
 #include <HttpTools/platform/qzSystemUtils_p.h>
 
 #include "support/Process.h"
 
 #include <gtest/gtest.h>
-
-#include <map>
 
 namespace jwttest {
 
@@ -43,24 +39,6 @@ struct FixedClock {
   ~FixedClock() { qz::impl::SetEpochSecHook(nullptr); }
 };
 
-// Hands out the key registered under the token's key id, whatever the algorithm, and records
-// the last request.
-struct MapProvider : KeyProvider {
-  std::map<std::string, std::shared_ptr<AsymmetricKey>> keys;
-  std::string askedKid;
-  Alg askedAlg = ALG_None;
-  std::shared_ptr<AsymmetricKey> getKeyFromId(const std::string& kid, Alg alg, std::string* error) override {
-    askedKid = kid;
-    askedAlg = alg;
-    auto it = keys.find(kid);
-    if (it != keys.end())
-      return it->second;
-    if (error)
-      *error = "No such key {" + kid + "}";
-    return {};
-  }
-};
-
 // Keys and tokens made once per run by an independent implementation (python3-jwt over
 // python3-cryptography): public keys as JWK and PEM by name (rsa, rsa1024, p256, p384, p521), and one
 // token per algorithm naming its key by "kid" (the HS ones MAC'd with "their-secret"), plus "other":
@@ -71,10 +49,9 @@ from jwt.algorithms import RSAAlgorithm, ECAlgorithm
 from cryptography.hazmat.primitives import serialization as ser
 from cryptography.hazmat.primitives.asymmetric import rsa, ec
 now = int(time.time())
-keys = {"rsa": rsa.generate_private_key(public_exponent=65537, key_size=2048),
-        "rsa1024": rsa.generate_private_key(public_exponent=65537, key_size=1024),
-        "p256": ec.generate_private_key(ec.SECP256R1()), "p384": ec.generate_private_key(ec.SECP384R1()),
-        "p521": ec.generate_private_key(ec.SECP521R1())}
+keys = {k: rsa.generate_private_key(public_exponent=65537, key_size=n) for k, n in [("rsa", 2048), ("rsa1024", 1024)]}
+curves = {"p256": ec.SECP256R1(), "p384": ec.SECP384R1(), "p521": ec.SECP521R1()}
+keys.update({kid: ec.generate_private_key(curve) for kid, curve in curves.items()})
 out = {"jwk": {}, "pem": {}, "tokens": {}}
 for kid, k in keys.items():
     out["jwk"][kid] = json.loads((RSAAlgorithm if kid.startswith("rsa") else ECAlgorithm).to_jwk(k.public_key()))
@@ -98,6 +75,17 @@ inline const qzVariant& peer(const std::string& group, const std::string& name) 
     return m;
   }();
   return made.at(group).toMap().at(name);
+}
+
+// The verifier's verdicts on the peer's tokens, "+" for each accepted.
+inline std::string verdicts(const Verifier& verifier, std::initializer_list<const char*> algs) {
+  std::string out;
+  for (const char* alg : algs) {
+    qzVariantMapImpl claims;
+    out +=
+        verifier.validateJwt(peer("tokens", alg).toString(), claims, nullptr) && claims["alg_used"] == alg ? "+" : "-";
+  }
+  return out;
 }
 
 } // namespace jwttest

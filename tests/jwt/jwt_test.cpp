@@ -1,8 +1,4 @@
-// Algorithm and curve names, random generators, the two token writers and the scope builder.
-#include <HttpTools/jwt/Jwt.h>
-
-#include <HttpTools/jwt/Jwt_p.h>
-
+// Random generators, the two token writers and the scope builder.
 #include "JwtTestUtil.h"
 #include "support/LogCapture.h"
 
@@ -16,42 +12,16 @@ namespace {
 
 constexpr int64_t kNow = 1700000000;
 
-// One segment of a token, decoded as a JSON object.
-qzVariantMapImpl segment(const std::string& token, int index) {
-  size_t start = 0;
-  for (int i = 0; i < index; ++i)
-    start = token.find('.', start) + 1;
-  const std::vector<char> bytes = unb64(token.substr(start, token.find('.', start) - start));
-  qzVariantMapImpl m;
-  EXPECT_TRUE(json::Json2Variant::Convert(bytes.data(), bytes.size(), m));
-  return m;
-}
-
-// Each name and its hash are used by every token of the interop test; here, what is no algorithm,
-// and the exact three curve names.
-TEST(Names, OnlyExactAlgorithmAndCurveNames) {
-  EXPECT_EQ(StringToAlg("eS384"), ES384);
-  for (const char* s : {"", " HS256", "HS256 ", "none", "HS257", "ES521"})
-    EXPECT_EQ(StringToAlg(s), ALG_None) << s;
-  for (int v : {0, 48, 112, 8064, 3, 8192, -1}) // masks and garbage have no name and no hash
-    EXPECT_EQ(AlgToString(Alg(v)) + std::to_string(AlgToHashType(Alg(v))), "0") << v;
-  using namespace qzOpenSSL;
-  EXPECT_EQ(std::pair(StringToCurve("P-256"), StringToCurve("P-384")), std::pair(EC_P256, EC_P384));
-  EXPECT_EQ(StringToCurve("P-512"), EC_P521);
-  for (const char* name : {"P-521", "p-256", " P-256", ""})
-    EXPECT_EQ(StringToCurve(name), EC_None) << name;
-}
-
 TEST(Generators, LengthsAlphabetsAndRandomness) {
   for (size_t n : {0, 1, 2, 3, 16, 33}) {
     const size_t m = std::max<size_t>(n, 1); // zero still draws one byte, except for salts
-    const std::string salt = CreateSalt(n), hex = CreateRandHexString(n);
-    std::vector<char> raw;
-    EXPECT_TRUE(qzOpenSSL::base64Decode(salt, raw, qzOpenSSL::B64_Standard)) << salt;
-    EXPECT_EQ(std::tuple(unb64(CreateRandB64String(n)).size(), raw.size(), hex.size()), std::tuple(m, n, 2 * m)) << n;
-    EXPECT_EQ(hex.find_first_not_of("0123456789abcdef"), std::string::npos) << hex;
+    std::vector<char> salt;
+    EXPECT_TRUE(qzOpenSSL::base64Decode(CreateSalt(n), salt, qzOpenSSL::B64_Standard));
+    EXPECT_EQ(std::tuple(unb64(CreateRandB64String(n)).size(), salt.size(), CreateRandHexString(n).size()),
+              std::tuple(m, n, 2 * m));
   }
-  // Repeats mean the source is not random; every hex digit must show up (catches a bad nibble table).
+  // Repeats mean the source is not random; every hex digit and nothing else must show up (catches a
+  // bad nibble table).
   std::set<std::string> seen;
   std::string digits;
   for (int i = 0; i < 20; ++i) {
@@ -59,7 +29,8 @@ TEST(Generators, LengthsAlphabetsAndRandomness) {
     digits += *seen.insert(CreateRandHexString(32)).first;
   }
   EXPECT_EQ(seen.size(), 40u);
-  EXPECT_EQ(std::set<char>(digits.begin(), digits.end()).size(), 16u);
+  const std::string hex = "0123456789abcdef";
+  EXPECT_EQ(std::set<char>(digits.begin(), digits.end()), std::set<char>(hex.begin(), hex.end()));
 }
 
 // The header layout; "iat" and "nbf" completed from the clock, a given "iat" also becomes "nbf",
@@ -69,16 +40,13 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndExpiryWithin24HoursOfIssue) {
   qzVariantMapImpl claims{{"exp", kNow + 60}, {"sub", "alice"}};
   std::string token;
   ASSERT_TRUE(CreateHashedJwt(claims, "secret", HS256, token, 0));
-  // {"alg":"HS256","typ":"JWT"}: compact, keys sorted.
-  EXPECT_EQ(token.substr(0, token.find('.')), "eyJhbGciOiJIUzI1NiIsInR5cCI6IkpXVCJ9");
   EXPECT_EQ(claims, (qzVariantMapImpl{{"exp", kNow + 60}, {"iat", kNow}, {"nbf", kNow}, {"sub", "alice"}}));
-  EXPECT_EQ(segment(token, 1), claims);
-  const std::tuple<Alg, qzVariantMapImpl, int> rows[] = {{HS384, {{"exp", 5000}, {"iat", 4000}}, 4000},
-                                                         {HS512, {{"exp", 5000}, {"iat", 4000}, {"nbf", 4500}}, 4500}};
-  for (auto [alg, given, nbf] : rows) {
-    ASSERT_TRUE(CreateHashedJwt(given, "k", alg, token, 0));
-    EXPECT_EQ(std::pair(given["iat"], given["nbf"]), std::pair(qzVariant(4000), qzVariant(nbf)));
-  }
+  EXPECT_EQ(token.substr(0, token.rfind('.')), // compact, keys sorted
+            b64(R"({"alg":"HS256","typ":"JWT"})") + "." +
+                b64(R"({"exp":1700000060,"iat":1700000000,"nbf":1700000000,"sub":"alice"})"));
+  qzVariantMapImpl givenIat{{"exp", 5000}, {"iat", 4000}}, givenNbf{{"exp", 5000}, {"iat", 4000}, {"nbf", 4500}};
+  ASSERT_TRUE(CreateHashedJwt(givenIat, "k", HS384, token, 0) && CreateHashedJwt(givenNbf, "k", HS512, token, 0));
+  EXPECT_EQ(std::pair(givenIat["nbf"], givenNbf["nbf"]), std::pair(qzVariant(4000), qzVariant(4500)));
   // "exp" must lie within 24 h of "iat".
   const int64_t iat = 1000000;
   const std::pair<std::optional<int64_t>, bool> expiries[] = {
@@ -95,9 +63,8 @@ TEST(CreateHashedJwt, HeaderLayoutTimeCompletionAndExpiryWithin24HoursOfIssue) {
     EXPECT_EQ(error, ok    ? ""
                      : exp ? "\"exp\" must lie between \"iat\" and 24 h after it"
                            : "the claims have no \"exp\"");
-    const bool warns = exp && !ok; // a missing expiry fails silently
-    EXPECT_EQ(cap.has("jwt", "Exp should be in range now + ]0;24h]"), warns) << exp.value_or(0);
-    EXPECT_TRUE(!warns || cap.lines().at(0).type == 0);
+    // A missing expiry fails silently.
+    EXPECT_EQ(cap.has("jwt", "Exp should be in range now + ]0;24h]"), exp && !ok) << exp.value_or(0);
     // Nothing written, and "nbf" added only once the expiry passed.
     EXPECT_TRUE(ok || (token == "untouched" && claims.count("nbf") == 0)) << exp.value_or(0);
   }
@@ -111,58 +78,40 @@ TEST(Writers, SignedLayoutAndAlgorithmsAndKeysThatDoNotFit) {
   auto ecPub = AsymmetricKey::FromPem(ec->toPublicPem());
   rsa->setKeyId("rsa-1");
   qzVariantMapImpl signedClaims{{"exp", kNow + 10}, {"iat", kNow}, {"iss", "me"}};
-  std::string signedToken;
-  ASSERT_TRUE(CreateSignedJwt(signedClaims, *rsa, RS384, signedToken, HC_Iss | HC_Aud)); // no "aud" to copy
-  EXPECT_EQ(segment(signedToken, 0),
-            (qzVariantMapImpl{{"alg", "RS384"}, {"iss", "me"}, {"kid", "rsa-1"}, {"typ", "JWT"}}));
-  ASSERT_TRUE(CreateSignedJwt(signedClaims, *ec, ES256, signedToken, 0));
-  EXPECT_EQ(segment(signedToken, 0).count("kid"), 0u);
-  EXPECT_EQ(unb64(signedToken.substr(signedToken.rfind('.') + 1)).size(), 64u); // R||S, not DER
+  std::string jwt;
+  ASSERT_TRUE(CreateSignedJwt(signedClaims, *rsa, RS384, jwt, HC_Iss | HC_Aud)); // no "aud" to copy
+  EXPECT_EQ(jwt.substr(0, jwt.find('.')), b64(R"({"alg":"RS384","iss":"me","kid":"rsa-1","typ":"JWT"})"));
+  ASSERT_TRUE(CreateSignedJwt(signedClaims, *ec, ES256, jwt, 0));
+  EXPECT_EQ(jwt.substr(0, jwt.find('.')), b64(R"({"alg":"ES256","typ":"JWT"})")); // no key id
+  EXPECT_EQ(unb64(jwt.substr(jwt.rfind('.') + 1)).size(), 64u);                   // R||S, not DER
 
   AsymmetricKey* const secret = nullptr; // the HMAC writer, with the secret "k"
-  const std::string notHmac = " is not an HMAC algorithm (HS256, HS384, HS512)",
-                    notSigning = " is not a signature algorithm (RS256/384/512, ES256/384/512)";
-  const std::tuple<AsymmetricKey*, int, std::string> rows[] = {
-      {secret, RS256, "RS256" + notHmac},
-      {secret, ES256, "ES256" + notHmac},
-      {secret, HS256 | HS384, "alg 48" + notHmac},
-      {secret, 0, "alg 0" + notHmac},
-      {secret, 8, "alg 8" + notHmac},
-      {secret, HS256 | RS256, "alg 144" + notHmac},
-      {secret, HS256, "the secret is empty"}, // HS256 alone comes with an empty secret
-      {rsa.get(), HS256, "HS256" + notSigning},
-      {rsa.get(), RS256 | RS384, "alg 384" + notSigning},
-      {rsa.get(), 0, "alg 0" + notSigning},
-      {rsa.get(), 1 << 20, "alg 1048576" + notSigning},
-      {rsa.get(), ES256, "ES256 needs an EC key on P-256"},
-      {ec.get(), RS256, "RS256 needs an RSA key"},
-      {ec.get(), ES384, "ES384 needs an EC key on P-384"},
-      {ec.get(), ES512, "ES512 needs an EC key on P-521"},
-      {ecPub.get(), ES256, "the key cannot sign (a public key?)"},
-  };
+  // HS256 alone comes with an empty secret; 48, 144 and 384 are HS256|HS384, HS256|RS256, RS256|RS384.
+  AsymmetricKey *const r = rsa.get(), *const e = ec.get(), *const pub = ecPub.get();
+  const std::tuple<AsymmetricKey*, int, const char*> rows[] = {
+      {secret, RS256, "RS256 is not an HMAC"},      {secret, 48, "alg 48 is not an HMAC"},
+      {secret, 144, "alg 144 is not an HMAC"},      {secret, HS256, "the secret is empty"},
+      {r, HS256, "HS256 is not a signature"},       {r, 384, "alg 384 is not a signature"},
+      {r, ES256, "ES256 needs an EC key on P-256"}, {e, RS256, "RS256 needs an RSA key"},
+      {e, ES384, "ES384 needs an EC key on P-384"}, {pub, ES256, "the key cannot sign"}};
   for (const auto& [key, alg, why] : rows) {
     qzVariantMapImpl claims{{"exp", kNow + 10}, {"iat", kNow}};
     std::string token, error;
-    EXPECT_FALSE(key ? CreateSignedJwt(claims, *key, Alg(alg), token, 0, &error)
-                     : CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0, &error))
-        << alg;
-    EXPECT_EQ(token + error, why);
+    const bool made = key ? CreateSignedJwt(claims, *key, Alg(alg), token, 0, &error)
+                          : CreateHashedJwt(claims, alg == HS256 ? "" : "k", Alg(alg), token, 0, &error);
+    EXPECT_TRUE(!made && token.empty() && error.starts_with(why)) << why << ": " << error;
   }
 }
 
 // Tags are trimmed, encoded and joined; malformed UTF-8 keeps the prefix before it and logs why.
+// Scope characters ("!#[]~{}:/?=&%+") stay as they are.
 TEST(Scope, TrimsEncodesAndJoinsAndStopsAtMalformedUtf8) {
   const std::tuple<std::vector<std::string>, std::string, std::string> rows[] = {
-      {{"read", "  write  ", "", "a b"}, "read write a%20b", ""},
-      {{}, "", ""},
-      {{" ", "x", "", "\t\n", "y", "  "}, "x y", ""},
+      {{" ", "read", "  write  ", "", "\t\n", "a b", "!#[]~{}:/?=&%+", "  "}, "read write a%20b !#[]~{}:/?=&%+", ""},
       {{"caf\xC3\xA9", "\xE2\x82\xAC\xF0\x9F\x98\x80"}, "caf%C3%A9 %E2%82%AC%F0%9F%98%80", ""}, // é, € and an emoji
-      {{"say\"hi\"", "back\\slash"}, "say%22hi%22 back%5Cslash", ""},
       {{"tab\tin", std::string("nul\0x", 5), "\x7F"}, "tab%09in nul%00x %7F", ""},
-      {{"!#[]~{}:/?=&%+"}, "!#[]~{}:/?=&%+", ""}, // scope characters stay as they are
       {{"x", "ab\xC3"}, "x ab", "Not enough space"},
       {{"x", "a\377b"}, "x a", "Invalid UTF-8"},
-      {{"x", "\200abc"}, "x", "Invalid UTF-8"},
       {{"x", "a\xC0\xAF"}, "x a", "Invalid UTF-8"},          // overlong "/"
       {{"x", "s\xED\xA0\x80"}, "x s", "Invalid code point"}, // surrogate
   };
@@ -170,10 +119,7 @@ TEST(Scope, TrimsEncodesAndJoinsAndStopsAtMalformedUtf8) {
     qztest::LogCapture cap;
     EXPECT_EQ(StringListToScope(tags), scope);
     ASSERT_EQ(cap.size(), reason.empty() ? 0u : 1u) << cap.dump();
-    if (!reason.empty()) {
-      EXPECT_TRUE(cap.has("", "Fail to convert tag '" + tags[1] + "' to scope " + reason)) << cap.dump();
-      EXPECT_EQ(cap.lines().at(0).type, 0);
-    }
+    EXPECT_TRUE(reason.empty() || cap.has("", "Fail to convert tag '" + tags[1] + "' to scope " + reason));
   }
 }
 

@@ -1,5 +1,5 @@
 // The verifier against well-formed, damaged and forged tokens: each verdict must name the right cause.
-#include <HttpTools/jwt/Verifier.h>
+#include <HttpTools/jwt/StaticKeyProvider.h>
 
 #include "JwtTestUtil.h"
 #include "support/LogCapture.h"
@@ -10,11 +10,11 @@ using RC = Verifier::RejectCause;
 namespace {
 
 // A token from raw JSON texts, MAC'd with `secret`: lets tests craft headers the writer never makes.
-std::string hsToken(const std::string& header, const std::string& claims, const std::string& secret = "s3cret",
-                    qzOpenSSL::HashType h = qzOpenSSL::HT_SHA256) {
+std::string hsToken(const std::string& header, const std::string& claims, const std::string& secret = "s3cret") {
   const std::string input = b64(header) + "." + b64(claims);
   std::vector<char> mac;
-  EXPECT_TRUE(qzOpenSSL::ComputeHmac(h, secret.data(), secret.size(), input.data(), input.size(), mac));
+  EXPECT_TRUE(
+      qzOpenSSL::ComputeHmac(qzOpenSSL::HT_SHA256, secret.data(), secret.size(), input.data(), input.size(), mac));
   return input + "." + b64(mac);
 }
 std::string signingInput(const std::string& t) { return t.substr(0, t.rfind('.')); }
@@ -31,20 +31,18 @@ protected:
     ec = qzOpenSSL::EllipticCurveKey::Generate(qzOpenSSL::EC_P256);
     ec->setKeyId("ec");
   }
-  static void TearDownTestSuite() {
-    rsa.reset();
-    ec.reset();
-  }
+  static void TearDownTestSuite() { rsa.reset(), ec.reset(); }
   VerifierTest() {
-    provider.keys["rsa"] = AsymmetricKey::FromPem(rsa->toPublicPem());
-    provider.keys["ec"] = AsymmetricKey::FromPem(ec->toPublicPem());
+    provider.addKey("rsa", AsymmetricKey::FromPem(rsa->toPublicPem()));
+    provider.addKey("ec", AsymmetricKey::FromPem(ec->toPublicPem()));
     v.setClientInfo("s3cret", &provider, AlgAllMask);
   }
-  // The cause of the verdict at time base `t`; the result must agree with it.
-  int check(const std::string& token, int64_t t = 1000) {
+  // The cause of the verdict at time base `t`; the result must agree with it. The length bounds the
+  // token: a view may end before dots that follow it.
+  int check(std::string_view token, int64_t t = 1000) {
     RC cause = RC(99);
     qzVariantMapImpl claims;
-    const bool ok = v.validateJwtWithTimeBase(token, claims, t, &cause);
+    const bool ok = v.validateJwtWithTimeBase(token.data(), token.size(), claims, t, &cause);
     EXPECT_EQ(ok, cause == Verifier::RC_None) << token;
     return cause;
   }
@@ -56,70 +54,51 @@ protected:
   }
   static inline std::shared_ptr<qzOpenSSL::RSAKey> rsa;
   static inline std::shared_ptr<qzOpenSSL::EllipticCurveKey> ec;
-  MapProvider provider;
+  StaticKeyProvider provider;
   Verifier v;
+  const std::string good = hsToken(kHs256, kGoodClaims);
 };
 
 // Each cause's text; unknown values read as the first; only the last three are time errors (marked *).
 TEST(RejectCauseText, AllCausesAndUnknownValues) {
   std::string texts;
-  for (int value : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 42})
+  for (int value : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9})
     texts += Verifier::RejectCauseToString(RC(value)) + (Verifier::IsTimeError(RC(value)) ? "*|" : "|");
   EXPECT_EQ(texts, "jwt unknown error|jwt unknown error|Malformed jwt|Unsupported jwt alg|Uninitialized jwt decoder|"
                    "jwt signature missmatch|jwt verifier internal error|jwt has expired*|jwt issue date is in the "
-                   "future*|jwt is issued for a future use*|jwt unknown error|jwt unknown error|");
+                   "future*|jwt is issued for a future use*|jwt unknown error|");
 }
 
-// Time claims around the leeway, then the "typ" and "alg" headers against the accepted algorithms.
+// Time claims around the leeway (exp checked first, then iat, then nbf), then the "typ" and "alg"
+// headers against the accepted algorithms.
 TEST_F(VerifierTest, TimeClaimsAndTypAndAlgHeaders) {
-  const std::tuple<std::string, std::string, int, int> rows[] = {
-      {kHs256, R"({"exp":880,"iat":900})", AlgAllMask, 0},
-      {kHs256, R"({"exp":879,"iat":900})", AlgAllMask, 6},
-      {kHs256, R"({"iat":900})", AlgAllMask, 6},
-      {kHs256, R"({"exp":2000,"iat":1120})", AlgAllMask, 0},
-      {kHs256, R"({"exp":2000,"iat":1121})", AlgAllMask, 7},
-      {kHs256, R"({"exp":2000})", AlgAllMask, 7},
-      {kHs256, R"({"exp":2000,"iat":900,"nbf":1120})", AlgAllMask, 0},
-      {kHs256, R"({"exp":2000,"iat":900,"nbf":1121})", AlgAllMask, 8},
-      {kHs256, R"({"exp":2000,"iat":900,"nbf":"5"})", AlgAllMask, 1},
-      {kHs256, R"({"exp":2000,"iat":900,"nbf":5.0})", AlgAllMask, 1},
-      {kHs256, R"({"exp":879,"iat":1121,"nbf":1121})", AlgAllMask, 6}, // exp first, then iat, then nbf
-      {kHs256, R"({"exp":2000,"iat":1121,"nbf":1121})", AlgAllMask, 7},
-      {kHs256, R"({"exp":9223372036854775807,"iat":900})", AlgAllMask, 0},
-      {R"({"alg":"HS256","typ":"jwt"})", kGoodClaims, AlgAllMask, 0},
-      {R"({"alg":"HS256"})", kGoodClaims, AlgAllMask, 0},
-      {R"({"alg":"HS256","typ":""})", kGoodClaims, AlgAllMask, 0},
-      {R"({"alg":"HS256","typ":"JOSE"})", kGoodClaims, AlgAllMask, 1},
-      {R"({"alg":"hs256","typ":"JWT"})", kGoodClaims, HS256, 0},
-      {R"({"alg":"HS256","typ":"JWT"})", kGoodClaims, HS384 | RS256, 2},
-      {R"({"alg":"NONE","kid":"rsa"})", kGoodClaims, AlgAllMask, 2},
-      {R"({"typ":"JWT"})", kGoodClaims, AlgAllMask, 2},
-      {R"({"alg":" HS256","typ":"JWT"})", kGoodClaims, AlgAllMask, 2},
-      {R"({"alg":"HS384","typ":"JWT"})", kGoodClaims, AlgAllMask, 4},    // MAC'd with SHA-256
-      {R"({"alg":"HS256","crit":["exp"]})", kGoodClaims, AlgAllMask, 2}, // no extension is understood
-      {R"({"alg":"HS256","crit":[]})", kGoodClaims, AlgAllMask, 2},
-  };
-  for (const auto& [header, claims, mask, cause] : rows) {
-    v.setClientInfo("s3cret", &provider, mask);
-    EXPECT_EQ(check(hsToken(header, claims)), cause) << header << claims;
-  }
-  EXPECT_EQ(check(hsToken(R"({"alg":"HS384"})", kGoodClaims, "s3cret", qzOpenSSL::HT_SHA384)), 0);
+  std::string causes;
+  for (const char* claims : {R"({"exp":880,"iat":900})", R"({"exp":879,"iat":900})", R"({"iat":900})",
+                             R"({"exp":2000,"iat":1120})", R"({"exp":2000,"iat":1121})", R"({"exp":2000})",
+                             R"({"exp":2000,"iat":900,"nbf":1120})", R"({"exp":2000,"iat":900,"nbf":1121})",
+                             R"({"exp":2000,"iat":900,"nbf":"5"})", R"({"exp":879,"iat":1121,"nbf":1121})",
+                             R"({"exp":2000,"iat":1121,"nbf":1121})", R"({"exp":9223372036854775807,"iat":900})"})
+    causes += std::to_string(check(hsToken(kHs256, claims)));
+  EXPECT_EQ(causes, "066077081670");
+  // Names are case-insensitive but exact; HS384 was MAC'd with SHA-256; no "crit" extension is understood.
+  causes.clear();
+  for (const char* header : {R"({"alg":"hs256","typ":"jwt"})", R"({"alg":"HS256"})", R"({"alg":"HS256","typ":"JOSE"})",
+                             R"({"alg":" HS256"})", R"({"alg":"NONE","kid":"rsa"})", R"({"typ":"JWT"})",
+                             R"({"alg":"HS384","typ":"JWT"})", R"({"alg":"HS256","crit":["exp"]})"})
+    causes += std::to_string(check(hsToken(header, kGoodClaims)));
+  EXPECT_EQ(causes, "00122242");
   EXPECT_EQ(check(b64(R"({"alg":"none"})") + "." + b64(kGoodClaims) + "."), 2); // unsigned
   // Extreme time bases do not overflow the leeway arithmetic.
-  EXPECT_EQ(check(hsToken(kHs256, kGoodClaims), INT64_MIN), 7);
-  EXPECT_EQ(check(hsToken(kHs256, kGoodClaims), INT64_MAX), 6);
+  EXPECT_EQ(std::pair(check(good, INT64_MIN), check(good, INT64_MAX)), std::pair(7, 6));
 
-  FixedClock clock(1000); // validateJwt reads the wall clock; the cause pointer may be null
-  const std::string good = hsToken(kHs256, kGoodClaims);
+  // validateJwt reads the wall clock (tokens of the interop test pass it); the cause pointer may be null.
+  FixedClock clock(2121);
   qzVariantMapImpl claims;
-  EXPECT_TRUE(v.validateJwt(good, claims, nullptr));
-  FixedClock::now = 2121;
   EXPECT_FALSE(v.validateJwt(good.data(), good.size(), claims, nullptr));
   EXPECT_EQ(claims["sub"], qzVariant("x")); // filled although a time check refused the token
 }
 
 TEST_F(VerifierTest, MalformedForms) {
-  const std::string good = hsToken(kHs256, kGoodClaims);
   const std::string h = b64(kHs256), c = b64(kGoodClaims);
   for (const std::string& t : {std::string(), std::string("abc"), h + "." + c,
                                h + ".." + c, // claims segment of length zero
@@ -131,14 +110,8 @@ TEST_F(VerifierTest, MalformedForms) {
     EXPECT_EQ(check(b64(json) + "." + c + "." + signature(good)), 1) << json;
     EXPECT_EQ(check(h + "." + b64(json) + "." + signature(good)), 1) << json;
   }
-  EXPECT_EQ(check(good), 0);
-  // The length bounds the token: dots beyond it do not count.
-  RC cause;
-  qzVariantMapImpl claims;
-  EXPECT_FALSE(v.validateJwtWithTimeBase(good.data(), good.find('.') + 2, claims, 1000, &cause));
-  EXPECT_EQ(cause, Verifier::RC_Malformed);
-  EXPECT_FALSE(v.validateJwtWithTimeBase(nullptr, 0, claims, 1000, &cause));
-  EXPECT_EQ(cause, Verifier::RC_Malformed);
+  EXPECT_EQ(check(std::string_view(good).substr(0, good.find('.') + 2)), 1); // dots past the length do not count
+  EXPECT_EQ(check(std::string_view()), 1);                                   // a null pointer
   // An empty header segment is an empty header: it names no algorithm.
   EXPECT_EQ(check("." + c + ".sig"), 2);
 }
@@ -149,81 +122,68 @@ TEST_F(VerifierTest, MalformedForms) {
 TEST_F(VerifierTest, MissingSecretProviderOrKeyAndTheKeyConfusionAttack) {
   const std::string pem = rsa->toPublicPem();
   const std::string forged = hsToken(R"({"alg":"HS256","kid":"rsa"})", kGoodClaims, pem);
-  v.setClientInfo("", &provider, AlgAllMask);
-  EXPECT_EQ(check(forged), 3);
-  v.setClientInfo("", &provider, AlgAsymmetricMask);
-  EXPECT_EQ(check(forged), 2);
-  v.setClientInfo(pem, &provider, AlgAllMask);
-  EXPECT_EQ(check(forged), 0); // the MAC itself is sound
-  v.setClientInfo("s3cret", nullptr, AlgAllMask);
-  EXPECT_EQ(check(signedToken(*rsa, RS256)), 3);
-  v.clearClientInfo();
-  EXPECT_EQ(check(hsToken(kHs256, kGoodClaims)), 2); // mask 0 accepts nothing
-  Verifier fresh;
-  RC cause;
-  qzVariantMapImpl claims;
-  EXPECT_FALSE(fresh.validateJwtWithTimeBase(hsToken(kHs256, kGoodClaims), claims, 1000, &cause));
-  EXPECT_EQ(cause, Verifier::RC_UnsupportedAlg);
+  const std::tuple<std::string, KeyProvider*, int, std::string, int> rows[] = {
+      {"", &provider, AlgAllMask, forged, 3},
+      {"", &provider, AlgAsymmetricMask, forged, 2},
+      {pem, &provider, AlgAllMask, forged, 0}, // the MAC itself is sound
+      {"s3cret", nullptr, AlgAllMask, signedToken(*rsa, RS256), 3}};
+  for (const auto& [secret, keys, mask, token, cause] : rows) {
+    v.setClientInfo(secret, keys, mask);
+    EXPECT_EQ(check(token), cause) << secret << mask;
+  }
 
-  v.setClientInfo("s3cret", &provider, AlgAllMask);
+  // The provider is asked for the token's kid and algorithm; keys it cannot give or that could not be
+  // built leave the check unable to run, as does a signature segment that is not base64url.
   const std::string token = signedToken(*rsa, RS384);
-  auto key = provider.keys["rsa"];
-  provider.keys.erase("rsa");
+  StaticKeyProvider other;
+  v.setClientInfo("s3cret", &other, AlgAllMask);
   qztest::LogCapture cap;
   EXPECT_EQ(check(token), 5);
-  EXPECT_TRUE(cap.has("jwt", "No such key {rsa}")) << cap.dump();
-  EXPECT_EQ(cap.lines().at(0).type, 2);
-  EXPECT_EQ(std::pair(provider.askedKid, provider.askedAlg), std::pair(std::string("rsa"), RS384));
-  // A key that could not be built: the check cannot run.
-  provider.keys["rsa"] = std::make_shared<qzOpenSSL::RSAKey>(std::string("garbage"));
+  other.addKey("rsa", AsymmetricKey::FromPem(ec->toPublicPem()));
   EXPECT_EQ(check(token), 5);
-  provider.keys["rsa"] = key;
+  EXPECT_TRUE(cap.has("jwt", "No such key {rsa}") && cap.has("jwt", "Key {rsa} ( is not meant for the algorithm RS384"))
+      << cap.dump();
+  other.addKey("rsa", std::make_shared<qzOpenSSL::RSAKey>(std::string("garbage")));
+  EXPECT_EQ(check(token), 5);
+  v.setClientInfo("s3cret", &provider, AlgAllMask);
   EXPECT_EQ(check(token), 0);
-  // Neither can it for a signature segment that is not base64url.
   EXPECT_EQ(check(signingInput(token) + ".*"), 5);
 }
 
+// Signatures emptied, one character off or short, under another secret, over other claims; for
+// ES256 R||S zero-padded to 66 bytes, all zeros or DER; for RS256 all zeros.
 TEST_F(VerifierTest, DamagedSignaturesAndTamperedClaimsAreMismatches) {
-  const std::string hs = hsToken(kHs256, kGoodClaims), es = signedToken(*ec, ES256), rs = signedToken(*rsa, RS256);
-  std::string flipped = signature(hs);
+  const std::string es = signedToken(*ec, ES256), rs = signedToken(*rsa, RS256);
+  std::string flipped = signature(good);
   flipped[5] = flipped[5] == 'A' ? 'B' : 'A';
   ASSERT_EQ(check(es), 0);
   auto tampered = [](const std::string& t) { // other claims under the genuine signature
     return t.substr(0, t.find('.') + 1) + b64(R"({"admin":true,"exp":2000,"iat":900})") + t.substr(t.rfind('.'));
   };
   const std::vector<char> esSig = unb64(signature(es));
-  ASSERT_EQ(esSig.size(), 64u);
-  std::vector<char> padded(2, 0); // R and S each zero-padded to 33 bytes: 66 in all
+  std::vector<char> padded(2, 0); // R and S each zero-padded to 33 bytes
   padded.insert(padded.begin() + 1, esSig.begin(), esSig.begin() + 32);
   padded.insert(padded.end(), esSig.begin() + 32, esSig.end());
+  for (const std::string& t :
+       {signingInput(good) + ".", signingInput(good) + "." + flipped, good.substr(0, good.size() - 1),
+        hsToken(kHs256, kGoodClaims, "other"), tampered(good), tampered(es), signingInput(es) + "." + b64(padded),
+        signingInput(es) + "." + b64(std::vector<char>(64, 0)),
+        signingInput(es) + "." + b64(std::vector<char>(72, 0x30)),
+        signingInput(rs) + "." + b64(std::vector<char>(256, 0))})
+    EXPECT_EQ(check(t), 4) << t;
 
+  // A lax provider hands out its key whatever the algorithm: the verifier itself must refuse a key
+  // of another family, or a curve that does not fit the hash.
+  struct : KeyProvider {
+    std::shared_ptr<AsymmetricKey> getKeyFromId(const std::string&, Alg, std::string*) override { return ec; }
+  } lax;
+  v.setClientInfo("", &lax, AlgAllMask);
   const std::string es384Input = b64(R"({"alg":"ES384","kid":"ec"})") + "." + b64(kGoodClaims);
   std::vector<char> es384Sig;
   ASSERT_TRUE(qzOpenSSL::SignDigestAsymmetric(es384Sig, es384Input.data(), es384Input.size(), *ec, qzOpenSSL::HT_SHA384,
                                               nullptr));
-  const std::string es384WithP256 = es384Input + "." + b64(es384Sig);
-
-  const std::pair<const char*, std::string> rows[] = {
-      {"HS256 empty signature", signingInput(hs) + "."},
-      {"HS256 one character off", signingInput(hs) + "." + flipped},
-      {"HS256 one character more", hs + "A"},
-      {"HS256 one character less", hs.substr(0, hs.size() - 1)},
-      {"HS256 another secret", hsToken(kHs256, kGoodClaims, "other")},
-      {"HS256 tampered claims", tampered(hs)},
-      {"RS512 tampered claims", tampered(signedToken(*rsa, RS512))},
-      {"ES256 tampered claims", tampered(es)},
-      {"ES256 R||S zero-padded to 66 bytes", signingInput(es) + "." + b64(padded)},
-      {"ES256 all-zero signature", signingInput(es) + "." + b64(std::vector<char>(64, 0))},
-      {"ES256 DER instead of R||S", signingInput(es) + "." + b64(std::vector<char>(72, 0x30))},
-      {"ES256 empty signature", signingInput(es) + "."},
-      {"RS256 all-zero signature", signingInput(rs) + "." + b64(std::vector<char>(256, 0))},
-      {"RS256 signature of another token", signingInput(rs) + "." + signature(signedToken(*rsa, RS384))},
-      {"ES384 signed with a P-256 key", es384WithP256}, // sound signature, but the curve fixes the hash
-      {"RS256 header on an ES256 token",
-       b64(R"({"alg":"RS256","kid":"ec","typ":"JWT"})") + "." + es.substr(es.find('.') + 1)},
-  };
-  for (const auto& [what, t] : rows)
-    EXPECT_EQ(check(t), 4) << what;
+  EXPECT_EQ(check(es384Input + "." + b64(es384Sig)), 4);
+  EXPECT_EQ(check(b64(R"({"alg":"RS256","kid":"ec","typ":"JWT"})") + "." + es.substr(es.find('.') + 1)), 4);
 }
 
 TEST(SplitJwt, CallerMapsChangeOnlyOnSuccess) {
@@ -235,15 +195,13 @@ TEST(SplitJwt, CallerMapsChangeOnlyOnSuccess) {
   for (const std::string& bad :
        {h + "." + b64("[]") + ".s", b64("nope") + "." + b64("{}") + ".s", std::string("a.b")}) {
     EXPECT_FALSE(Verifier::SplitJwt(bad.data(), bad.size(), header, &claims, sig, sigLen));
-    EXPECT_EQ(header, before);
-    EXPECT_EQ(claims, before);
+    EXPECT_EQ(std::pair(header, claims), std::pair(before, before)) << bad;
   }
   // Without a claims map the claims segment is not even decoded.
   const std::string junkClaims = h + ".!!!.sig";
   ASSERT_TRUE(Verifier::SplitJwt(junkClaims.data(), junkClaims.size(), header, nullptr, sig, sigLen));
-  EXPECT_EQ(header, (qzVariantMapImpl{{"alg", "HS256"}}));
-  EXPECT_EQ(std::string(sig, sigLen), "sig");
-  EXPECT_TRUE(Verifier::ExtractJwtContentNoValidation(junkClaims.data(), junkClaims.size(), header, nullptr));
+  EXPECT_EQ(std::pair(header, std::string(sig, sigLen)),
+            std::pair(qzVariantMapImpl{{"alg", "HS256"}}, std::string("sig")));
 }
 
 } // namespace

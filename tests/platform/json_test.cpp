@@ -5,51 +5,40 @@
 
 #include <clocale>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <tuple>
 
-using qz::qzVariant;
-using qz::qzVariantListImpl;
-using qz::qzVariantMapImpl;
-using qz::json::Json2Variant;
-using qz::json::JsonStreamer;
+using namespace qz;
+using json::Json2Variant;
 
 namespace {
 
+// Already compact, in key order, with numbers at their limits: comes back as it was.
+const char* kCompact = R"({"d":1.5,"deep":{"l":[1,[2,{"x":[]}],{}]},"e":1e300,"max":9223372036854775807,)"
+                       R"("min":-9223372036854775808,"z":-0.0})";
+
 TEST(Json, RoundTripsKeepTextInKeyOrder) {
   // input -> compact output (maps come out in key order, numbers keep their type)
-  struct Case {
-    const char* in;
-    const char* out;
-  } cases[] = {
-      {R"({"b":1,"a":2})", R"({"a":2,"b":1})"},
-      {R"({ "s" : "q\"b\\s\/\n\t\u0001" })", R"({"s":"q\"b\\s/\n\t\u0001"})"},
-      {R"({"u":"\u00e9\ud83d\ude00"})", "{\"u\":\"\xc3\xa9\xf0\x9f\x98\x80\"}"},
-      {R"({"max":9223372036854775807,"min":-9223372036854775808})",
-       R"({"max":9223372036854775807,"min":-9223372036854775808})"},
-      {R"({"d":1.5,"e":1e300,"z":-0.0})", R"({"d":1.5,"e":1e300,"z":-0.0})"},
-      {R"({"n":null,"t":true,"f":false})", R"({"f":false,"n":null,"t":true})"},
-      {R"({"deep":{"l":[1,[2,{"x":[]}],{}]}})", R"({"deep":{"l":[1,[2,{"x":[]}],{}]}})"},
-      {R"({"dup":1,"dup":2})", R"({"dup":2})"},
-  };
-  for (const auto& c : cases) {
+  const std::pair<const char*, const char*> cases[] = {{R"({"b":1,"a":2,"n":null,"t":true,"f":false,"dup":1,"dup":2})",
+                                                        R"({"a":2,"b":1,"dup":2,"f":false,"n":null,"t":true})"},
+                                                       {R"({ "s" : "q\"b\\s\/\n\t\u0001", "u":"\u00e9\ud83d\ude00" })",
+                                                        R"({"s":"q\"b\\s/\n\t\u0001","u":")"
+                                                        "\xc3\xa9\xf0\x9f\x98\x80"
+                                                        R"("})"},
+                                                       {kCompact, kCompact}};
+  for (const auto& [in, want] : cases) {
     qzVariantMapImpl m;
-    std::string out;
-    ASSERT_TRUE(Json2Variant::Convert(std::string(c.in), m)) << c.in;
+    std::string out, appended = "[";
+    ASSERT_TRUE(Json2Variant::Convert(std::string(in), m)) << in;
     EXPECT_TRUE(Json2Variant::Convert(m, out, false));
-    EXPECT_EQ(out, c.out) << c.in;
-    out = "[";
-    qz::json::AppendJson(out, m); // the same text after what the buffer holds
-    EXPECT_EQ(out, "[" + std::string(c.out)) << c.in;
+    json::AppendJson(appended, m); // the same text after what the buffer holds
+    EXPECT_EQ(out + " " + appended, std::string(want) + " [" + want) << in;
   }
-  // Pretty output is multi-line and parses back equal.
-  qzVariantMapImpl m{{"a", qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("x")})}, {"b", qzVariant(true)}}, back;
-  std::string pretty;
-  ASSERT_TRUE(Json2Variant::Convert(m, pretty, true));
-  EXPECT_EQ(pretty.substr(0, 16), "{\n  \"a\": [\n    1") << pretty; // indented by two
-  ASSERT_TRUE(Json2Variant::Convert(pretty, back));
-  EXPECT_EQ(back, m);
+  std::string pretty; // indented by two
+  ASSERT_TRUE(Json2Variant::Convert(qzVariantMapImpl{{"a", qzVariantListImpl{1, "x"}}, {"b", true}}, pretty, true));
+  EXPECT_EQ(pretty, "{\n  \"a\": [\n    1,\n    \"x\"\n  ],\n  \"b\": true\n}");
 }
 
 TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
@@ -67,7 +56,7 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
   EXPECT_FALSE(
       Json2Variant::Convert(qzVariantMapImpl{{"x", qzVariant(std::numeric_limits<double>::infinity())}}, out, false));
   EXPECT_EQ(out, "prev");
-  qz::json::AppendJson(out, qzVariantMapImpl{{"x", qzVariant(std::nan(""))}}); // a request body writes null
+  json::AppendJson(out, qzVariantMapImpl{{"x", qzVariant(std::nan(""))}}); // a request body writes null
   EXPECT_EQ(out, R"(prev{"x":null})");
   // Nesting is bounded, and deeper text is refused without crashing.
   auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
@@ -76,108 +65,60 @@ TEST(Json, MalformedTextFailsAndLeavesOutputUntouched) {
                Json2Variant::Convert(nested(100000), l));
 }
 
-TEST(Json, ErrorReasonOfCouchDbAndElasticsearchAnswers) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"error":"conflict","reason":"Document update conflict."})", "conflict: Document update conflict."},
-      {R"({"error":{"type":"index_not_found_exception","reason":"no such index [x]"},"status":404})",
-       "index_not_found_exception: no such index [x]"},
-      {R"({"error":{"reason":"r"}})", "error: r"},
-      {R"({"error":"not_found"})", "not_found"},
-      {R"({"ok":true,"reason":"r"})", ""},
-  };
-  for (const auto& [text, reason] : cases) {
-    qzVariantMapImpl answer;
-    ASSERT_TRUE(Json2Variant::Convert(std::string(text), answer));
-    EXPECT_EQ(qz::json::ErrorReasonOf(answer), reason) << text;
-  }
-}
-
 TEST(JsonStreamer, WritesKeysObjectPredictsItsSizeAndReportsAFailingDevice) {
   const std::vector<std::string> keys = {"plain", "q\"uote", "back\\slash", std::string("ctl\x01\n", 5), "\xc3\xa9"};
-  qz::qzIoDeviceMemory dev;
-  {
-    JsonStreamer s(dev);
-    ASSERT_TRUE(s.begin() && s.arrayBegin("keys"));
-    for (const auto& k : keys)
-      ASSERT_TRUE(s.arrayString(k));
-    ASSERT_TRUE(s.arrayEnd() && s.end());
-  }
+  qzIoDeviceMemory dev;
+  json::JsonStreamer s(dev);
+  ASSERT_TRUE(s.begin() && s.arrayBegin("keys"));
+  for (const auto& k : keys)
+    ASSERT_TRUE(s.arrayString(k));
+  ASSERT_TRUE(s.arrayEnd() && s.end());
   EXPECT_EQ(dev.data(), "{\"keys\":[\"plain\",\"q\\\"uote\",\"back\\\\slash\",\"ctl\\u0001\\n\",\"\xc3\xa9\"]}");
-  EXPECT_EQ(JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
-  EXPECT_EQ(qz::json::JsonStringArray("keys", keys.data(), keys.data() + keys.size()), dev.data());
-  EXPECT_EQ(JsonStreamer::ConvertToJsonStringSize("keys", {}), std::string("{\"keys\":[]}").size());
-  qzVariantMapImpl back;
-  ASSERT_TRUE(Json2Variant::Convert(dev.data(), back));
-  EXPECT_EQ(back["keys"], qzVariant(qzVariantListImpl(keys.begin(), keys.end())));
+  EXPECT_EQ(json::JsonStreamer::ConvertToJsonStringSize("keys", keys), dev.data().size());
   dev.setError(true); // a failing device fails the streamer
-  JsonStreamer s(dev);
-  s.begin();
-  s.arrayBegin("k");
-  s.arrayEnd();
-  EXPECT_FALSE(s.end() || s.good());
+  json::JsonStreamer failing(dev);
+  failing.begin();
+  EXPECT_FALSE(failing.end() || failing.good());
 }
 
 // Unsigned 64-bit counts and string views build variants without casts or ambiguity.
 TEST(Variant, UnsignedAndStringViewConstructorsAndConversionsThatNeverThrow) {
-  const uint64_t big = uint64_t(INT64_MAX) + 1;
   const std::string_view view = std::string_view("abcdef").substr(1, 3);
-  const qzVariantMapImpl doc{{"size", std::vector<int>(3).size()},
-                             {"max", uint64_t(INT64_MAX)},
-                             {"big", big},
-                             {"view", view},
-                             {"literal", "lit"}};
-  // Beyond int64: kept as the nearest double.
-  EXPECT_TRUE(doc.at("size").isInt64() && doc.at("big").isDouble());
-  EXPECT_EQ(std::tuple(doc.at("max").toInt64(), doc.at("big").toDouble(), doc.at("view").toString()),
-            std::tuple(INT64_MAX, 9223372036854775808.0, "bcd"));
-  std::string text;
+  const uint64_t max = INT64_MAX;
+  const qzVariantMapImpl doc{{"size", size_t(3)}, {"max", max}, {"big", max + 1}, {"view", view}};
+  std::string text; // beyond int64: kept as the nearest double
   ASSERT_TRUE(Json2Variant::Convert(doc, text, false));
-  EXPECT_EQ(text, R"({"big":9223372036854776000.0,"literal":"lit","max":9223372036854775807,"size":3,"view":"bcd"})");
+  EXPECT_EQ(text, R"({"big":9223372036854776000.0,"max":9223372036854775807,"size":3,"view":"bcd"})");
   // Conversions never throw.
   bool ok = true, ok2 = true;
   EXPECT_EQ(std::tuple(qzVariant("12").toInt64(), qzVariant("12x").toInt64(&ok), qzVariant(1e300).toInt64(&ok2),
                        qzVariant(2.9).toInt64()),
             std::tuple(12, 0, 0, 2));
   EXPECT_FALSE(ok || ok2);
-  EXPECT_EQ(qzVariant(0.1).toString() + qzVariant(true).toString() + qzVariant().toString(), "0.1true");
-  EXPECT_EQ(qzVariant(qzVariantListImpl{qzVariant(1), qzVariant("a")}).toString(), "[1,\"a\"]");
-  EXPECT_TRUE(qzVariant("true").toBool() && !qzVariant(qzVariantMapImpl{}).toBool() && qzVariant(3).toMap().empty());
-  qzVariant v(3);
-  v.asList().push_back(qzVariant(1));
-  EXPECT_TRUE(v.isList());
 }
 
 // Number conversion at the edges where a parser's own conversion goes wrong.
 std::optional<qzVariant> parseOne(const std::string& number) {
-  qz::qzVariantListImpl list;
-  if (!qz::json::Json2Variant::Convert("[" + number + "]", list) || list.size() != 1)
+  qzVariantListImpl list;
+  if (!json::Json2Variant::Convert("[" + number + "]", list) || list.size() != 1)
     return std::nullopt;
   return list[0];
 }
 
+// The C library's reading is the reference; integers in range stay integers. "0E46" once gave -1.89e-270.
 TEST(JsonNumbers, ZeroSignificandsLimitsAndTheLocaleDecimalPoint) {
-  const std::tuple<const char*, qzVariant::Type, double> rows[] = {
-      {"0E46", qzVariant::Double, 0.0}, // once gave -1.89e-270
-      {"0.000000000000000000000000000000e-5", qzVariant::Double, 0.0},
-      {"-0", qzVariant::Int64, 0.0},
-      {"1e-400", qzVariant::Double, 0.0},
-      {"4.9e-324", qzVariant::Double, 4.9406564584124654e-324},
-      {"0.1", qzVariant::Double, 0.1},
-      {"1.7976931348623157e308", qzVariant::Double, 1.7976931348623157e308},
-      {"-9223372036854775808", qzVariant::Int64, -9223372036854775808.0},
-      {"9223372036854775807", qzVariant::Int64, 9223372036854775807.0},
-      {"18446744073709551615", qzVariant::Double, 18446744073709551615.0},
-      {"123456789012345678901234567890", qzVariant::Double, 1.2345678901234568e29},
-  };
-  for (const auto& [text, type, value] : rows) {
+  for (const char* text : {"0E46", "0.000000000000000000000000000000e-5", "1e-400", "4.9e-324", "0.1",
+                           "1.7976931348623157e308", "18446744073709551615", "123456789012345678901234567890"}) {
     const auto v = parseOne(text);
     ASSERT_TRUE(v) << text;
-    EXPECT_EQ(v->type(), type) << text;
-    EXPECT_EQ(v->toDouble(), value) << text;
+    EXPECT_EQ(std::pair(v->type(), v->toDouble()), std::pair(qzVariant::Double, std::strtod(text, nullptr))) << text;
+  }
+  for (const char* text : {"-0", "-9223372036854775808", "9223372036854775807"}) {
+    const auto v = parseOne(text);
+    EXPECT_TRUE(v && v->type() == qzVariant::Int64 && v->toInt64() == std::strtoll(text, nullptr, 10)) << text;
   }
   for (const char* text : {"1e400", "00", "1.", "+1"})
     EXPECT_FALSE(parseOne(text)) << text;
-  EXPECT_EQ(parseOne("9223372036854775807")->toInt64(), INT64_MAX);
   EXPECT_TRUE(std::signbit(parseOne("-0.0")->toDouble()));
   // A host may switch to a locale whose decimal separator is a comma.
   const char* set = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");

@@ -18,16 +18,12 @@ namespace {
 
 TEST(EnumHelper, ParsesValuesAliasesSkipsMalformedPiecesAndUnknownNamesAreInvalidNotFatal) {
   using Map = EnumHelperInterface::EnumMap;
-  struct Case {
-    const char* text;
-    Map want;
-  };
-  for (const Case& c : {Case{"A = 0 , B , C", Map{{0, {"A"}}, {1, {"B"}}, {2, {"C"}}}},
-                        // values reset the counter, aliases share a value
-                        Case{"X=5,Y,Z=0x10,W,V=5,U=-2,T",
-                             Map{{5, {"X", "V"}}, {6, {"Y"}}, {16, {"Z"}}, {17, {"W"}}, {-2, {"U"}}, {-1, {"T"}}}},
-                        Case{" , A, = 3, 9B, C = x, D ,", Map{{0, {"A"}}, {1, {"D"}}}}, Case{"", Map{}}})
-    EXPECT_EQ(EnumHelperInterface::GetEnumToStringMap(c.text), c.want) << c.text;
+  // Values reset the counter, aliases share a value; malformed pieces are skipped.
+  for (const auto& [text, want] :
+       {std::pair<const char*, Map>{"X = 5,Y,Z=0x10,W,V=5,U=-2,T",
+                                    {{5, {"X", "V"}}, {6, {"Y"}}, {16, {"Z"}}, {17, {"W"}}, {-2, {"U"}}, {-1, {"T"}}}},
+        {" , A, = 3, 9B, C = x, D ,", {{0, {"A"}}, {1, {"D"}}}}})
+    EXPECT_EQ(EnumHelperInterface::GetEnumToStringMap(text), want) << text;
   EXPECT_TRUE(EnumHelperInterface::GetEnumToStringMap(nullptr).empty());
   // Unknown names and values are invalid, not fatal.
   static const auto vals = EnumHelperInterface::GetEnumToStringMap("E_A = 0, E_B");
@@ -41,34 +37,15 @@ TEST(EnumHelper, ParsesValuesAliasesSkipsMalformedPiecesAndUnknownNamesAreInvali
   EXPECT_EQ(out.toString() + out.toQualifiedString(), "");
 }
 
-TEST(StringUtils, HumanizeDurationFromIntAndStartsWith) {
-  struct Case {
-    double ms;
-    int precision;
-    bool shortUnits;
-    const char* text;
-  } cases[] = {
-      {0, 1, true, "0ms"},
-      {999, 1, true, "999ms"},
-      {1000, 1, true, "1s"},
-      {1500, 1, true, "1.5s"},
-      {1549, 2, true, "1.55s"},
-      {90000, 1, true, "1.5min"},
-      {3600000, 1, true, "1h"},
-      {86400000 * 2.5, 1, true, "2.5d"},
-      {250, 1, false, "250 milliseconds"},
-      {2000, 3, false, "2 seconds"},
-      {-1500, 1, true, "-1.5s"},
-      {1234.5678901, 7, true, "1.234568s"}, // at most 6 digits
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(qz::qzStringUtils::humanizeDuration(c.ms, c.precision, c.shortUnits), c.text) << c.ms;
-  EXPECT_EQ(qz::qzStringUtils::humanizeDuration<long>(1500L, 1, true), "1.5s");
-  EXPECT_EQ(qz::qzStringUtils::fromInt(7, 3) + " " + qz::qzStringUtils::fromInt(1234, 2) + " " +
-                qz::qzStringUtils::fromInt(-5, 2) + " " + qz::qzStringUtils::fromInt(INT64_MIN),
+TEST(StringUtils, HumanizeDurationAndFromInt) {
+  using S = qz::qzStringUtils;
+  std::string texts;
+  for (double ms : {0.0, 999.0, 1000.0, 1500.0, 90000.0, 3600000.0, 86400000 * 2.5, -1500.0})
+    texts += S::humanizeDuration(ms, 1, true) + " ";
+  texts += S::humanizeDuration(1234.5678901, 7, true) + " " + S::humanizeDuration(2000, 3, false); // 6 digits at most
+  EXPECT_EQ(texts, "0ms 999ms 1s 1.5s 1.5min 1h 2.5d -1.5s 1.234568s 2 seconds");
+  EXPECT_EQ(S::fromInt(7, 3) + " " + S::fromInt(1234, 2) + " " + S::fromInt(-5, 2) + " " + S::fromInt(INT64_MIN),
             "007 1234 -05 -9223372036854775808");
-  EXPECT_TRUE(qz::qzStringUtils::StartsWith("openssl/3", "openssl/"));
-  EXPECT_FALSE(qz::qzStringUtils::StartsWith("open", "openssl/"));
 }
 
 TEST(OpenSSLVersion, ParsesReleaseTexts) {
@@ -86,19 +63,16 @@ TEST(LibInitCounter, CountsExactlyAcrossThreads) {
   EXPECT_EQ(std::vector<bool>({c.incrementInitCounter(), c.incrementInitCounter(), c.isInitialized(),
                                c.decrementInitCounter(), c.decrementInitCounter(), c.isInitialized()}),
             std::vector<bool>({true, false, true, false, true, false}));
-  std::atomic<int> firsts{0}, lasts{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 1000; ++i) {
-        firsts += c.incrementInitCounter();
-        lasts += c.decrementInitCounter();
-      }
+  std::atomic<int> firstsLessLasts{0};
+  std::vector<std::thread> threads(8);
+  for (auto& t : threads)
+    t = std::thread([&] {
+      for (int i = 0; i < 1000; ++i)
+        firstsLessLasts += c.incrementInitCounter() - c.decrementInitCounter();
     });
   for (auto& t : threads)
     t.join();
-  EXPECT_EQ(firsts.load(), lasts.load());
-  EXPECT_GE(firsts.load(), 1);
+  EXPECT_EQ(firstsLessLasts.load(), 0);
   EXPECT_FALSE(c.isInitialized());
 }
 
@@ -126,9 +100,7 @@ bool WaitFor(const std::function<bool()>& done) {
 
 TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
   qz::qzThreadPeriodicalUpdater u(2);
-  EXPECT_EQ(u.periodMs(), 2000u);
   u.setPeriodMs(2);
-  EXPECT_EQ(u.periodMs(), 2u);
   Probe a, b, self, slow;
   self.removeFrom = &u; // a callback may remove itself
   for (Probe* p : {&a, &b, &self})
@@ -138,8 +110,7 @@ TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
   const int frozen = a.calls, bBefore = b.calls;
   // Rounds run one after the other: b's next ones show that a's have stopped.
   EXPECT_TRUE(WaitFor([&] { return b.calls >= bBefore + 3; }));
-  EXPECT_EQ(a.calls.load(), frozen);
-  EXPECT_EQ(self.calls.load(), 1);
+  EXPECT_EQ(std::pair(a.calls.load(), self.calls.load()), std::pair(frozen, 1));
 
   slow.sleepMs = 200;
   u.addCallback(probe, &slow);
@@ -161,7 +132,6 @@ TEST(Log, EachStatementIsOneBoundedLineAndTheDefaultSinkComesBack) {
     qz::qzLogObject(qz::qzLog::Error, "c\nat") << std::string(100000, 'x');
     ASSERT_EQ(cap.size(), 2u);
     EXPECT_TRUE(cap.has("jwt", "kid a\\r\\n[error] jwt: forged\\x1B[2J\\t\\x7F end 42"));
-    EXPECT_EQ(cap.lines()[0].type, qz::qzLog::Error);
     EXPECT_TRUE(cap.has("c\\nat", std::string(qz::qzLog::kMaxLineLength, 'x') + " [" +
                                       std::to_string(100000 - qz::qzLog::kMaxLineLength) + " bytes cut]"));
   }
