@@ -1,3 +1,4 @@
+#include <HttpTools/platform/qzOpenSSL.h>
 #include <HttpTools/platform/qzOpenSSLCrypto_p.h>
 
 #include <gtest/gtest.h>
@@ -137,3 +138,16 @@ TEST(Keys, ConstructionErrorsAndPemRoundTrip) {
 }
 
 } // namespace
+
+// The whole buffer goes, the inline one of a short string included, and its bytes past the end.
+TEST(WipeString, ZeroesTheBufferUpToItsCapacity) {
+  for (std::string s : {std::string("pw"), std::string(40, 's')}) {
+    s.resize(3); // what follows the new end still holds the secret
+    const char* buffer = s.data();
+    const size_t capacity = s.capacity();
+    WipeString(s);
+    EXPECT_TRUE(s.empty());
+    EXPECT_EQ(s.data(), buffer);
+    EXPECT_EQ(std::string(buffer, capacity), std::string(capacity, '\0'));
+  }
+}
