@@ -22,7 +22,6 @@
 #include <thread>
 
 using namespace qz::http;
-using testing::HasSubstr;
 
 namespace {
 
@@ -47,7 +46,6 @@ protected:
 // outcome and the multi connection (which runs the rows it can take all at once).
 TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
   qztest::SilentListener silent;
-  const std::string refused = "http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/";
   CancelToken cancelled;
   cancelled.cancel();
   struct Case {
@@ -61,7 +59,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     long idleMs = 0;
     bool failingDevice = false;
   } cases[] = {
-      {refused, ErrorKind::Connect, true},
+      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", ErrorKind::Connect, true},
       {"http://" + qztest::kUnresolvableHost + "/", ErrorKind::Resolve, true},
       {silent.url(), ErrorKind::Timeout, true, 300},
       {"https://127.0.0.1:" + std::to_string(srv.port()) + "/echo", ErrorKind::Tls, false},
@@ -75,7 +73,6 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       {"/slow?blocks=9&size=50&delay=0", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100}, // counted
       {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
       {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-Injected: yes"}},
-      {"ftp://127.0.0.1/x", ErrorKind::BadRequest, false},
       {"/bytes?n=100", ErrorKind::LocalIo, false, 0, {}, nullptr, 0, 0, true},
       {"/echo", ErrorKind::None, false},
   };
@@ -88,13 +85,9 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
   std::vector<std::tuple<uint64_t, ErrorKind, std::string>> expected; // the single engine's kind and words
   auto viaMulti = [&](const qz::Url& url, const std::vector<std::string>& headers, long timeoutMs, long status,
                       ErrorKind kind, const std::string& message) {
-    HttpMultiConnection::Request m;
-    m.url = url;
-    m.headers = {headers.begin(), headers.end()};
-    m.timeoutMs = timeoutMs;
-    m.expectedHttpCode = status;
-    m.onFinished = [&answers](HttpMultiConnection::Response& a) { answers[a.id] = a; };
-    expected.emplace_back(multi.addRequest(std::move(m)), kind, message);
+    auto done = [&answers](HttpMultiConnection::Response& a) { answers[a.id] = a; };
+    const uint64_t id = multi.addRequest({1, url, {headers.begin(), headers.end()}, "", status, done, timeoutMs});
+    expected.emplace_back(id, kind, message);
   };
   for (const Case& c : cases) {
     HttpConnection conn;
@@ -110,18 +103,16 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     const bool ok =
         PerformTransfer(conn, r, c.failingDevice ? static_cast<ResponseSink&>(device) : strings, out, c.token);
     SCOPED_TRACE(c.url + " -> " + out.error.message());
-    EXPECT_EQ(ok, c.kind == ErrorKind::None);
-    EXPECT_STREQ(ErrorKindName(out.error.kind), ErrorKindName(c.kind));
-    EXPECT_EQ(out.error.transient(), c.transient);
+    EXPECT_EQ(std::tuple(ok, std::string(ErrorKindName(out.error.kind)), out.error.transient()),
+              std::tuple(c.kind == ErrorKind::None, std::string(ErrorKindName(c.kind)), c.transient));
     // The connection reports what the outcome says, in the designed words.
     EXPECT_EQ(conn.getLastError().kind, out.error.kind);
     EXPECT_TRUE(ok || conn.getLastErrorMsg() == out.error.message()) << conn.getLastErrorMsg();
     EXPECT_TRUE(!c.failingDevice ||
                 out.error.message().find("Output device failed after 100 bytes") != std::string::npos);
     // The multi connection has no per-request form of these.
-    if (c.token || c.maxBody || c.idleMs || c.failingDevice)
-      continue;
-    viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
+    if (!c.token && !c.maxBody && !c.idleMs && !c.failingDevice)
+      viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
   }
   viaMulti(qz::Url(srv.url("/status/404")), {}, 0, 0, ErrorKind::None, ""); // 0 accepts any status
   const auto start = Clock::now();
@@ -133,9 +124,8 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
   for (const auto& [id, kind, message] : expected) {
     const HttpMultiConnection::Response& a = answers.at(id);
     SCOPED_TRACE(a.errorMessage);
-    EXPECT_STREQ(ErrorKindName(a.error.kind), ErrorKindName(kind));
-    EXPECT_EQ(std::tuple(a.success, a.timedOut, a.cancelled),
-              std::tuple(kind == ErrorKind::None, kind == ErrorKind::Timeout, false));
+    EXPECT_EQ(std::tuple(std::string(ErrorKindName(a.error.kind)), a.success, a.timedOut, a.cancelled),
+              std::tuple(std::string(ErrorKindName(kind)), kind == ErrorKind::None, kind == ErrorKind::Timeout, false));
     EXPECT_EQ(untimed(a.success ? "" : a.errorMessage), untimed(message));
   }
   const auto& notFound = answers.at(std::get<0>(expected[4]));
@@ -156,8 +146,7 @@ TEST_F(Transfer, OutcomeAndRequestsAsBuilt) {
                 std::to_string(out.redirectCount) + "|" + out.effectiveUrl + "|" + out.header("CONTENT-TYPE") + "|" +
                 out.contentType + "|" + std::to_string(out.bytesDown), // bytes decoded
             "landed|200|HTTP/1.1 200 OK|2|" + srv.url("/redirect/0") + "|text/plain|text/plain|6");
-  EXPECT_GT(out.timings.totalUs, 0);
-  EXPECT_LE(out.timings.firstByteUs, out.timings.totalUs);
+  EXPECT_TRUE(out.timings.totalUs > 0 && out.timings.firstByteUs <= out.timings.totalUs);
   ASSERT_TRUE(PerformTransfer(conn, request("/headers"), sink, out));
   EXPECT_EQ(out.header("x-dup"), "first");
   EXPECT_THAT(out.headerLines, testing::Contains("X-Dup: second"));
@@ -187,16 +176,15 @@ TEST_F(Transfer, OutcomeAndRequestsAsBuilt) {
                 std::to_string(seen.headerCount("Expect")) + "|" + seen.body,
             "PATCH|text/plain|chunked|0|" + text);
 
+  // A custom method; an empty POST still says its length; a HEAD after it inherits nothing.
   TransferRequest custom = request("/echo", Method::Delete);
   custom.customMethod = "OPTIONS";
-  ASSERT_TRUE(PerformTransfer(conn, custom, sink, out));
-  EXPECT_EQ(srv.lastRequest().method, "OPTIONS");
-
-  // An empty POST still says its length; a HEAD after it inherits nothing.
-  ASSERT_TRUE(PerformTransfer(conn, request("/echo", Method::Post), sink, out));
-  EXPECT_EQ(srv.lastRequest().header("Content-Length"), "0");
-  ASSERT_TRUE(PerformTransfer(conn, request("/echo", Method::Head), sink, out));
-  EXPECT_EQ(srv.lastRequest().method, "HEAD");
+  std::string methods;
+  for (const TransferRequest& r : {custom, request("/echo", Method::Post), request("/echo", Method::Head)}) {
+    ASSERT_TRUE(PerformTransfer(conn, r, sink, out));
+    methods += srv.lastRequest().method + srv.lastRequest().header("Content-Length") + " ";
+  }
+  EXPECT_EQ(methods, "OPTIONS POST0 HEAD ");
 }
 
 // cancel() from another thread ends a transfer that waits for data, a helper's flag is polled,
@@ -249,19 +237,16 @@ TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
 
 TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
   const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
-  const std::vector<std::pair<std::string, int64_t>> afters = {
-      {"1", 1000},
-      {" 120 \r\n", 120000},
-      {"0", 0},
-      {"00000000000000000003", 3000},
-      {"99999999999999999999", int64_t(999999999) * 1000},
-      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
-      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
-      {"soon", -1},
-      {"-5", -1},
-      {"1.5", -1},
-      {"", -1},
-  };
+  const std::pair<std::string, int64_t> afters[] = {{" 120 \r\n", 120000},
+                                                    {"0", 0},
+                                                    {"00000000000000000003", 3000},
+                                                    {"99999999999999999999", 999999999000},
+                                                    {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
+                                                    {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
+                                                    {"soon", -1},
+                                                    {"-5", -1},
+                                                    {"1.5", -1},
+                                                    {"", -1}};
   for (const auto& [value, ms] : afters)
     EXPECT_EQ(RetryPolicy::RetryAfterMs(value, now), ms) << value;
 
@@ -306,13 +291,10 @@ TEST_F(Transfer, PoolCallRepeatsTransientAnswersOnly) {
   TransferRequest r;
   r.url = qz::Url(own.url("/flaky"));
   ASSERT_TRUE(PerformTransfer(pool, r, sink, out, RetryPolicy{.initialBackoffMs = 1}));
-  EXPECT_EQ(out.attempts, 3u);
-  EXPECT_EQ(sink.body, "ok"); // the sink was reset before each repetition
-
+  EXPECT_EQ(std::to_string(out.attempts) + sink.body, "3ok"); // the sink was reset before each repetition
   r.url = qz::Url(own.url("/missing"));
   EXPECT_TRUE(PerformTransfer(pool, r, sink, out, RetryPolicy{.initialBackoffMs = 1})); // any status answers
-  EXPECT_EQ(out.status, 404);
-  EXPECT_EQ(out.attempts, 1u);
+  EXPECT_EQ(std::pair(out.status, out.attempts), std::pair(404L, 1u));
 }
 
 } // namespace
