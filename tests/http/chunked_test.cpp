@@ -1,13 +1,9 @@
 #include <HttpTools/http/qzIoDeviceHttpChuncked.h>
 
-#include "support/LogCapture.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <string>
-#include <vector>
 
 using qz::http::qzIoDeviceHttpChuncked;
 
@@ -60,8 +56,7 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughA
   EXPECT_EQ(after(dev.beginDelegation(&a)), "true");
   EXPECT_EQ(after(dev.beginDelegation(&b)), "false error");
   dev.write("xy", 2);
-  EXPECT_FALSE(dev.endDelegation());
-  EXPECT_EQ(a.data() + b.data(), "");
+  EXPECT_EQ(after(dev.endDelegation()) + a.data() + b.data(), "false error");
   EXPECT_EQ(after(dev.beginDelegation(&b)), "true");
   dev.write("abcdef", 6);
   EXPECT_TRUE(dev.endDelegation());
@@ -77,25 +72,10 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughA
   qz::qzIoDeviceMemory out;
   qzIoDeviceHttpChuncked inner(4), outer(4);
   ASSERT_TRUE(inner.beginDelegation(&out));
-  ASSERT_TRUE(outer.beginDelegation(&inner));
-  EXPECT_FALSE(outer.hasError());
+  ASSERT_TRUE(outer.beginDelegation(&inner) && !outer.hasError());
   out.setError(true);
-  EXPECT_TRUE(outer.hasError());
   outer.write("abcdef", 6);
-  EXPECT_FALSE(outer.endDelegation());
-}
-
-TEST(Chunked, UnsupportedOperationsLogAndAnswerZero) {
-  qztest::LogCapture cap;
-  qzIoDeviceHttpChuncked dev(4);
-  char buf[4];
-  const std::vector<int64_t> got{dev.readBytes(buf, 4), dev.seekg(1), dev.seekp(1),
-                                 dev.tellg(),           dev.tellp(),  dev.atEnd()};
-  EXPECT_EQ(got, std::vector<int64_t>(6, 0));
-  for (const char* op : {"readBytes", "seekg", "seekp", "tellg", "tellp", "atEnd"})
-    EXPECT_TRUE(cap.has(std::string("qzIoDeviceHttpChuncked::") + op + " not implemented")) << op;
-  for (const auto& l : cap.lines())
-    EXPECT_EQ(l.type, qz::qzLog::Error);
+  EXPECT_TRUE(outer.hasError() && !outer.endDelegation());
 }
 
 } // namespace
