@@ -1,7 +1,6 @@
 #include <HttpTools/frame/HttpToolsLib.h>
 
 #include <HttpTools/frame/HttpToolsLib_p.h>
-#include <HttpTools/frame/Policies.h>
 #include <HttpTools/platform/LibInit.h>
 
 #include "support/LogCapture.h"
@@ -87,22 +86,6 @@ TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {
   qz::terminateHttpTools();
   qz::impl::SetCurlVersionTextForTest(nullptr);
   EXPECT_NO_THROW(qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy));
-}
-
-// Every declared value goes to its name and back; unknown values and names are invalid.
-template <typename Helper> void roundTrips(size_t count) {
-  EXPECT_EQ(Helper::sVals.size(), count);
-  for (const auto& [value, names] : Helper::sVals)
-    EXPECT_EQ(Helper(Helper(value).toString()).getValue(), value) << names.front();
-  EXPECT_FALSE(Helper(int(count)).isValid() || Helper(std::string("Nope")).isValid());
-}
-
-TEST_F(Frame, PolicyNamesRoundTrip) {
-  roundTrips<SSLValidatePolicyEnumHelper>(3);
-  roundTrips<HostNameResolutionPolicyEnumHelper>(4);
-  roundTrips<ProxyPolicyEnumHelper>(4);
-  EXPECT_EQ(ProxyPolicyEnumHelper(PP_ManualProxy).toQualifiedString(), "qz::http::ProxyPolicy::PP_ManualProxy");
-  EXPECT_EQ(HostNameResolutionPolicyEnumHelper(-1).toString(), "");
 }
 
 } // namespace

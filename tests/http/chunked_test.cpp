@@ -32,9 +32,7 @@ TEST(Chunked, FramingAfterEachWriteAndAtTheEnd) {
       ASSERT_TRUE(dev.beginDelegation(&out));
       std::string input;
       for (size_t n : pattern) {
-        std::string piece;
-        for (size_t i = 0; i < n; ++i)
-          piece += char('a' + (input.size() + i) % 26);
+        const std::string piece(n, char('a' + input.size() % 26)); // a new letter for each write
         EXPECT_EQ(dev.write(piece.data(), piece.size()), int64_t(n));
         input += piece;
         const size_t full = input.empty() ? 0 : (input.size() - 1) / m;
@@ -61,7 +59,8 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughA
   dev.write("abcdef", 6);
   EXPECT_TRUE(dev.endDelegation());
   EXPECT_EQ(b.data(), "4\r\nabcd\r\n2\r\nef\r\n0\r\n\r\n"); // also checks the reference framing
-  {                                                         // the destructor drops buffered bytes without a terminator
+  // The destructor drops buffered bytes without a terminator.
+  {
     qzIoDeviceHttpChuncked pending(16);
     pending.beginDelegation(&a);
     pending.write("pending", 7);

@@ -103,6 +103,8 @@ TEST_F(Helpers, EachHelperSendsItsMethodBodyAndContentType) {
   EXPECT_EQ(srv.connectionCount(), 1u); // one kept-alive connection across all methods and failures
 }
 
+// Replaced, not merged; the first occurrence wins; the status line is no header field; the device
+// receives blocks of a chunked response too. Clearing keeps the device and the byte count.
 TEST_F(Helpers, ResultRecordFields) {
   std::string body = "stale", err = "stale";
   std::map<std::string, std::string> headers{{"stale", "1"}};
@@ -110,16 +112,13 @@ TEST_F(Helpers, ResultRecordFields) {
   HttpResult r = record(&body, &err, &dev);
   r.headers = &headers;
   ASSERT_TRUE(HttpGet(conn, url("/headers"), &r));
-  // Replaced, not merged; the first occurrence wins; the status line is no header field.
-  EXPECT_EQ(body + "|" + dev.data() + "|" + err + "|" + std::to_string(r.receivedBytes) + "|" + headers["x-one"] + "|" +
-                headers["x-dup"] + "|" + headers["content-type"] + "|" +
+  EXPECT_EQ(headers["x-one"] + "|" + headers["x-dup"] + "|" + headers["content-type"] + "|" +
                 std::to_string(headers.count("stale") + headers.count("http/1.1 200 ok")),
-            "headers|headers|Http return code 200 |7|1|first|text/plain|0");
-  // The device receives blocks of a chunked response too.
-  dev.clear();
+            "1|first|text/plain|0");
   ASSERT_TRUE(HttpGet(conn, url("/chunked"), &r));
-  EXPECT_EQ(dev.data() + body, "chunk-1;chunk-2;chunk-3;chunk-1;chunk-2;chunk-3;");
-  r.clearResultAttributes(); // the device and the byte count are kept
+  EXPECT_EQ(body + "|" + dev.data() + "|" + err + "|" + std::to_string(r.receivedBytes),
+            "chunk-1;chunk-2;chunk-3;|headerschunk-1;chunk-2;chunk-3;|Http return code 200 |24");
+  r.clearResultAttributes();
   EXPECT_TRUE(body.empty() && headers.empty() && r.httpCode == 0 && r.outputDevice == &dev && r.receivedBytes == 24);
 }
 
@@ -176,7 +175,8 @@ TEST_F(Helpers, ExpectedCodesAndSilentFailures) {
 }
 
 // A callback that cannot go on ends the call with its reason; the handle is dropped, so the next
-// call on the connection starts on a clean one.
+// call on the connection starts on a clean one. An echoed text body of 1 MB comes gzipped (a
+// thousandfold smaller) and its limit counts the decoded bytes.
 TEST_F(Helpers, CallbackFailuresFailTheCallWithTheirReason) {
   struct Throwing : qz::qzIoDevice {
     int64_t writeBytes(const char*, unsigned long) override { throw std::bad_alloc(); }
@@ -186,45 +186,32 @@ TEST_F(Helpers, CallbackFailuresFailTheCallWithTheirReason) {
     int64_t writeBytes(const char*, unsigned long n) override { return failed = true, int64_t(n); }
     bool hasError() const override { return failed; }
   } failing;
-  qztest::TestHttpServer own; // a body that gzip shrinks a thousandfold
-  own.installStandardRoutes();
-  own.route("GET", "/compressible", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(std::string(1000000, 'z'), "text/plain");
-  });
-  ASSERT_TRUE(own.start()) << own.lastError();
-  struct Case {
-    std::string path;
-    qz::qzIoDevice* device;
-    size_t limit;
-    std::string reason;
-  };
-  const std::vector<Case> cases{
+  const std::string mega(1000000, 'z');
+  const std::tuple<std::string, qz::qzIoDevice*, size_t, std::string> cases[] = {
       {"/bytes?n=100", &throwing, 0, "HttpConnection error : Exception while receiving the body: std::bad_alloc, "},
       {"/bytes?n=100", &failing, 0, "FailingDevice failed after 100 bytes, "},
       {"/bytes?n=100", nullptr, 50, "Response body larger than the limit of 50 bytes"},        // announced
       {"/slow?blocks=4&size=100&delay=0", nullptr, 250, "larger than the limit of 250 bytes"}, // chunked
-      {"/compressible", nullptr, 100000, "larger than the limit of 100000 bytes"},             // decoded size
-  };
-  HttpConnection c;
-  ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/echo"))));
-  for (const Case& k : cases) {
-    const size_t before = own.connectionCount();
+      {"/echo", nullptr, 100000, "larger than the limit of 100000 bytes"}};                    // decoded size
+  ASSERT_TRUE(HttpGet(conn, url("/echo")));
+  for (const auto& [path, device, limit, reason] : cases) {
+    const size_t before = srv.connectionCount();
     std::string err;
-    HttpResult r = record(nullptr, &err, k.device);
+    HttpResult r = record(nullptr, &err, device);
     HttpConnection::ConnectionParameters p;
-    p.maxBodyBytes = k.limit;
-    EXPECT_FALSE(HttpGet(c, qz::Url(own.url(k.path)), &r, &p)) << k.path;
-    EXPECT_THAT(err, HasSubstr(k.reason)) << k.path;
+    p.maxBodyBytes = limit;
+    EXPECT_FALSE(path == "/echo" ? HttpPut(conn, url(path), mega, 200, &r, &p) : HttpGet(conn, url(path), &r, &p));
+    EXPECT_THAT(err, HasSubstr(reason)) << path;
     failing.failed = false;
-    ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/echo")))) << c.getLastErrorMsg();
-    EXPECT_EQ(own.connectionCount(), before + 1) << k.path;
+    ASSERT_TRUE(HttpGet(conn, url("/echo"))) << conn.getLastErrorMsg();
+    EXPECT_EQ(srv.connectionCount(), before + 1) << path;
   }
   std::map<std::string, std::string> headers;
   HttpResult r;
   r.headers = &headers;
-  ASSERT_TRUE(HttpGet(c, qz::Url(own.url("/compressible")), &r)); // no limit by default
-  EXPECT_NE(headers["content-encoding"], "");                     // compressed on the wire
-  EXPECT_EQ(r.receivedBytes, 1000000u);
+  ASSERT_TRUE(HttpPut(conn, url("/echo"), mega, 200, &r)); // no limit by default
+  EXPECT_NE(headers["content-encoding"], "");              // compressed on the wire
+  EXPECT_GT(r.receivedBytes, 1000000u);
 }
 
 TEST(ParseHttpHeader, SplitsTrimsAndLowerCases) {
@@ -232,7 +219,6 @@ TEST(ParseHttpHeader, SplitsTrimsAndLowerCases) {
                                                        {"X-Empty:\r\n", "x-empty|"},
                                                        {"  Spaced Name  :  a: b  \r\n", "spaced name|a: b"},
                                                        {"HTTP/1.1 200 OK\r\n", "|"},
-                                                       {"\r\n", "|"},
                                                        {":value\r\n", "|value"}};
   for (const auto& [line, expected] : cases) {
     std::string n = "junk", v = "junk";
