@@ -45,24 +45,6 @@ TEST_F(Frame, FirstInitSetsTheDefaultsAndTheLastTerminationStops) {
   EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
 }
 
-TEST_F(Frame, SettersClampOutOfRangeValues) {
-  // in, resolution policy, proxy policy read back
-  const std::tuple<int, HostNameResolutionPolicy, ProxyPolicy> rows[] = {
-      {0, HNRP_Whatever, PP_NoProxy},   {1, HNRP_Whatever, PP_NoProxy}, {2, HNRP_PreferIpv6, PP_AutomaticProxy},
-      {3, HNRP_PreferIpv4, PP_NoProxy}, {4, HNRP_Whatever, PP_NoProxy}, {-1, HNRP_Whatever, PP_NoProxy}};
-  for (auto [in, resolution, proxy] : rows) {
-    qz::SetDefaultProxyPolicy(PP_AutomaticProxy); // so that a kept value would show
-    qz::SetDefaultHostNameResolutionPolicy(HostNameResolutionPolicy(in));
-    qz::SetDefaultProxyPolicy(ProxyPolicy(in));
-    EXPECT_EQ(std::pair(qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
-              std::pair(resolution, proxy))
-        << in;
-  }
-  qz::initializeHttpTools(true, HostNameResolutionPolicy(7), PP_ManualProxy);
-  EXPECT_EQ(std::pair(qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
-            std::pair(HNRP_Whatever, PP_NoProxy));
-}
-
 TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
   const std::pair<const char*, int> rows[] = {{"libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13", 0x101010bf},
                                               {"LIBCURL/7.88.1  OPENSSL/3.0.11", 0x300000b0},

@@ -160,25 +160,6 @@ TEST_F(Connection, AnotherHostPortWarnsAndCookiesStayWithTheirConnection) {
   EXPECT_EQ(own.lastRequest().header("Cookie"), "");
 }
 
-// Level 1 keeps the exchange (no payload) for getLastDebugInformations, level 2 logs it too; both
-// redact credentials.
-TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
-  HttpConnection c;
-  qztest::LogCapture cap;
-  for (int level : {1, 2}) {
-    c.editConnectionParameters().verbose = level;
-    ASSERT_TRUE(get(c, "http://u:s3cret@" + srv.url("/bytes?n=100").substr(7)));
-    EXPECT_THAT(c.getLastDebugInformations(),
-                AllOf(HasSubstr("> GET /bytes?n=100 HTTP/1.1\r\n"), HasSubstr("Authorization: Basic [redacted]"),
-                      HasSubstr("< HTTP/1.1 200 OK\r\n"), HasSubstr("DataIn 100B"),
-                      testing::Not(testing::ContainsRegex("abcdefghij|dTpzM2NyZXQ"))));
-    EXPECT_EQ(cap.has("curl", "Authorization: Basic [redacted]") && cap.has("curl", "> GET /bytes?n=100 HTTP/1.1") &&
-                  cap.has("curl", "Curl debug output"),
-              level == 2)
-        << cap.dump();
-  }
-}
-
 TEST(DebugLines, CredentialsAreRedactedWhateverTheCase) {
   EXPECT_EQ(RedactedHeaders("GET / HTTP/1.1\r\nauthorization: Bearer a.b.c\r\nHost: h\r\nCOOKIE: a=1; b=2\r\n"
                             "Proxy-Authorization: Basic eDp5\r\nX-Authorization: kept\r\nAuthorization:\r\n\r\n"),
@@ -302,6 +283,7 @@ TEST_F(Tls, VerificationAndTheLoopbackExemption) {
 
 // Exact bytes of a binary file into a device over TLS. HttpGetJson with a body: sent as GET with
 // its length and JSON type; nginx reads and drops it, and the kept-alive connection stays usable.
+// The captured exchange shows no credentials.
 TEST_F(Tls, DownloadIntoDeviceAndGetJsonWithBody) {
   std::string content(300000, '\0');
   for (size_t i = 0; i < content.size(); ++i)
@@ -318,13 +300,15 @@ TEST_F(Tls, DownloadIntoDeviceAndGetJsonWithBody) {
   c.editConnectionParameters().verbose = 1;
   const std::string json = R"({"keys":[1,2]})";
   std::string out;
-  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out, nullptr, nullptr, nullptr, nullptr,
-                                       &json, true))
+  const std::list<std::string> auth{"Authorization: Basic c2VjcmV0"};
+  ASSERT_TRUE(
+      HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out, nullptr, nullptr, &auth, nullptr, &json, true))
       << c.getLastErrorMsg();
   EXPECT_EQ(out, R"({"ok":true})");
   EXPECT_THAT(c.getLastDebugInformations(),
               AllOf(HasSubstr("> GET /json HTTP/1.1\r\n"), HasSubstr("Content-Length: 14\r\n"),
-                    HasSubstr("Content-Type:application/json\r\n"), HasSubstr("DataOut 14B")));
+                    HasSubstr("Content-Type:application/json\r\n"), HasSubstr("DataOut 14B"),
+                    HasSubstr("Authorization: Basic [redacted]\r\n"), testing::Not(HasSubstr("c2VjcmV0"))));
   ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out));
   EXPECT_EQ(nginx.connectionCount() - before, 1);
 }

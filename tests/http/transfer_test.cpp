@@ -19,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <regex>
+#include <set>
 #include <thread>
 
 using namespace qz::http;
@@ -70,7 +71,6 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       {"/redirect/9", ErrorKind::Protocol, false},
       {"/stall?ms=5000", ErrorKind::Cancelled, false, 0, {}, &cancelled},
       {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},                  // announced length
-      {"/slow?blocks=9&size=50&delay=0", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100}, // counted
       {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
       {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-Injected: yes"}},
       {"/bytes?n=100", ErrorKind::LocalIo, false, 0, {}, nullptr, 0, 0, true},
@@ -147,9 +147,6 @@ TEST_F(Transfer, OutcomeAndRequestsAsBuilt) {
                 out.contentType + "|" + std::to_string(out.bytesDown), // bytes decoded
             "landed|200|HTTP/1.1 200 OK|2|" + srv.url("/redirect/0") + "|text/plain|text/plain|6");
   EXPECT_TRUE(out.timings.totalUs > 0 && out.timings.firstByteUs <= out.timings.totalUs);
-  ASSERT_TRUE(PerformTransfer(conn, request("/headers"), sink, out));
-  EXPECT_TRUE(out.header("x-dup") == "first" &&
-              std::count(out.headerLines.begin(), out.headerLines.end(), "X-Dup: second") == 1);
 
   // Bodies and methods as built: libcurl's own type for a POST body (as curl -d sends it), a
   // streamed PATCH in chunks without Expect (libcurl's own rule would ask for 100 Continue), a
@@ -248,10 +245,10 @@ TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
   for (auto [failures, ms] : {std::pair{1u, 100u}, {2u, 200u}, {3u, 400u}, {9u, 400u}})
     EXPECT_EQ(p.backoffMs(failures), ms) << failures;
   p.jitter = 0.5;
-  for (int i = 0; i < 50; ++i) {
-    const unsigned ms = p.backoffMs(2);
-    EXPECT_TRUE(ms >= 100 && ms <= 200) << ms;
-  }
+  std::set<unsigned> jittered;
+  for (int i = 0; i < 50; ++i)
+    jittered.insert(p.backoffMs(2));
+  EXPECT_TRUE(*jittered.begin() >= 100 && *jittered.rbegin() <= 200 && jittered.size() > 1);
 
   const TransferError busy{.kind = ErrorKind::HttpStatus, .httpStatus = 503},
       gone{.kind = ErrorKind::HttpStatus, .httpStatus = 404};

@@ -2,7 +2,6 @@
 #include <HttpTools/url/Url_p.h>
 
 #include <gtest/gtest.h>
-#include <uriparser/Uri.h>
 
 #include <new>
 #include <random>
@@ -13,33 +12,6 @@ using qz::url_impl::IsSameUrlValue;
 
 // Random URLs whose every field survives rendering: credentials of unreserved characters (they are
 // parsed as written, not decoded), hosts in the parser's own form, path and query of any bytes.
-// Our query splitter keeps uriparser's rules (it only goes on past a %00, where uriparser's
-// C strings stop): random queries of the bytes that matter must split and decode alike.
-TEST(UrlQuery, SplitsAndDecodesLikeUriparser) {
-  std::mt19937 rng(5);
-  // A '%' must start an escape, or the URL does not parse; %00 is left out (it ends C strings).
-  const char* tokens[] = {"a", "bc", "&", "&", "=", "=", "+", "%2B", "%26", "%3D", "%3d", "%41", "%C3%A9", "%20"};
-  for (int i = 0; i < 20000; ++i) {
-    std::string query;
-    for (size_t n = rng() % 16; n > 0; --n)
-      query += tokens[rng() % std::size(tokens)];
-    qz::Url url;
-    std::string error;
-    ASSERT_TRUE(url.fromEncodedUtf8String("http://h/?" + query, &error, false)) << query << ": " << error;
-
-    UriQueryListA* list = nullptr;
-    int count = 0;
-    ASSERT_EQ(
-        uriDissectQueryMallocExA(&list, &count, query.data(), query.data() + query.size(), URI_TRUE, URI_BR_DONT_TOUCH),
-        URI_SUCCESS);
-    qz::Url::QueryParameters expected;
-    for (const UriQueryListA* item = list; item; item = item->next)
-      expected.emplace_back(item->key, item->value ? item->value : "");
-    uriFreeQueryListA(list);
-    ASSERT_EQ(url.queryParameters, expected) << query;
-  }
-}
-
 TEST(UrlRoundTrip, ParseOfEncodedFormGivesTheSameUrl) {
   static const char* schemes[] = {"http", "https", "couchdb", "ws+unix", "x-my.scheme"};
   static const char* ips[] = {"10.0.0.1", "255.255.255.255", "::1", "2001:db8::a:0:1", "::ffff:1.2.3.4"};
