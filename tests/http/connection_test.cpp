@@ -91,12 +91,7 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
        false, 200, "application/json"},
       {"/redirect/3", true, Eq("Http return code 200 "), false}, // at most 3 by default
       {"/redirect/4", false, curlError(CURLE_TOO_MANY_REDIRECTS), true},
-      {"/redirect/1", false, HasSubstr("got 302, expect 200"), false, 200, "",
-       [](Params& p) { p.followLocation = false; }},
-      {"/truncated", false,
-       AllOf(curlError(CURLE_PARTIAL_FILE), HasSubstr(", " + srv.url("/truncated") + " Http return code 200 Curl"),
-             HasSubstr(") Curl internal error : ")),
-       true},
+      {"/truncated", false, AllOf(curlError(CURLE_PARTIAL_FILE), HasSubstr(") Curl internal error : ")), true},
       {"/echo", false, Eq("HttpConnection error : User callback return and error "), true, 200, "", nullptr, refuse},
       {"/slow?blocks=20&size=1&delay=300", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "",
        [](Params& p) { p.lowSpeedTime = 1; }},
@@ -105,8 +100,6 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
        true, 200, "", [](Params& p) { p.totalTimeoutMs = 300; }},
       {"/echo", false, Eq("HttpConnection error : Fail to setupconnection "), true, 200, "", hugeProxy},
       // Bad input fails with a clear message and no crash.
-      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", false, curlError(CURLE_COULDNT_CONNECT),
-       true},
       {"file:///etc/hostname", false,
        Eq("HttpConnection error : Unsupported scheme 'file', only http and https are requested "), false},
       {"http://bad host/", false, Eq("HttpConnection error : Invalid URL without a scheme, nothing sent "),
@@ -214,30 +207,23 @@ TEST_F(Connection, KeptHandleSeesEveryChange) {
             "200 text/plain " + srv.url("/echo") + " Http return code 200 21Keep-Alive");
   EXPECT_NE(first.header("Accept-Encoding"), ""); // every encoding libcurl supports
   auto helperGet = [&](const std::string& path) { return HttpHelpers::HttpGet(c, qz::Url(srv.url(path))); };
-  struct Step {
-    std::function<bool()> call;
-    bool ok;
-    const char* path; // the path the server saw last
-    const char* trace;
-  };
-  const std::vector<Step> steps{
+  // Each call, its result, and the path and X-Trace header the server saw last.
+  const std::vector<std::tuple<std::function<bool()>, bool, std::string>> steps{
       {[&] { return c.setCommonHeaders({}), c.setConnectionParameters(Params()), helperGet("/redirect/1"); }, true,
-       "/redirect/0", ""},
+       "/redirect/0 "},
       {[&] { return c.editConnectionParameters().followLocation = false, helperGet("/redirect/1"); }, false,
-       "/redirect/1", ""},
+       "/redirect/1 "},
       {[&] { return c.editConnectionParameters().followLocation = true, helperGet("/redirect/2"); }, true,
-       "/redirect/0", ""},
-      {[&] { return c.addCommonHeader("X-Trace: 7"), helperGet("/echo"); }, true, "/echo", "7"},
-      {[&] { return c.setCommonHeaders({"X-Trace: 8"}), helperGet("/echo"); }, true, "/echo", "8"},
-      {[&] { return get(c, "/echo", 200, "", foreignOptions); }, true, "/echo", "8"},
-      {[&] { return helperGet("/redirect/1"); }, true, "/redirect/0", "8"},
+       "/redirect/0 "},
+      {[&] { return c.addCommonHeader("X-Trace: 7"), helperGet("/echo"); }, true, "/echo 7"},
+      {[&] { return c.setCommonHeaders({"X-Trace: 8"}), helperGet("/echo"); }, true, "/echo 8"},
+      {[&] { return get(c, "/echo", 200, "", foreignOptions); }, true, "/echo 8"},
+      {[&] { return helperGet("/redirect/1"); }, true, "/redirect/0 8"},
   };
-  for (size_t i = 0; i < steps.size(); ++i) {
-    EXPECT_EQ(steps[i].call(), steps[i].ok) << i << ": " << c.getLastErrorMsg();
+  for (const auto& [call, ok, seen] : steps) {
+    EXPECT_EQ(call(), ok) << seen << ": " << c.getLastErrorMsg();
     const auto req = srv.lastRequest();
-    EXPECT_EQ(req.path + " " + req.header("X-Trace") + std::to_string(req.headerCount("X-Foreign")),
-              std::string(steps[i].path) + " " + steps[i].trace + "0")
-        << i;
+    EXPECT_EQ(req.path + " " + req.header("X-Trace") + std::to_string(req.headerCount("X-Foreign")), seen + "0");
   }
   EXPECT_EQ(srv.connectionCount(), 1u); // resets keep the live connection
 }
@@ -336,14 +322,12 @@ TEST(ParamsTest, PoliciesMeetDefaultsAndExemption) {
   const std::vector<Case> cases{
       {[](Params& p) { p.lowSpeedTime = 0; }, "0/0 10 0 []"},
       {[](Params& p) { p.lowSpeedLimit = 5; }, "5/10 10 0 []"},
-      // Certificate checking: policy, process default, and the loopback exemption by exact text.
-      {none, "10/10 10 0 []"},
+      // Certificate checking: policy, process default, and the loopback exemption by exact text (on
+      // the wire: the TLS tests).
       {[](Params& p) { p.sslValidatePolicy = SVP_VerifyPeerAndHost; }, "10/10 10 0 []", org, false},
       {none, "10/10 00 0 []", org, false},
       {[](Params& p) { p.sslValidatePolicy = SVP_NoVerify; }, "10/10 00 0 []"},
       {none, "10/10 11 0 []", "https://127.0.0.1:8443/"},
-      {none, "10/10 10 0 []", "https://127.0.0.1/", true, HNRP_Whatever, PP_NoProxy, false},
-      {none, "10/10 10 0 []", "https://localhost/"},
       {none, "10/10 10 0 []", "https://127.0.0.2/"},
       // Address family: own policy, or the process default when it is HNRP_Default.
       {none, "10/10 10 1 []", org, true, HNRP_PreferIpv4},
