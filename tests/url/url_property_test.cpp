@@ -73,13 +73,9 @@ std::pair<const char*, size_t> Buf(const std::string& s) { return {s.data(), s.c
 // Clearing, new credentials and copy assignments wipe each old value before anything else goes
 // into its buffer: past the new value, no byte of the old one remains.
 TEST(UrlSecrets, SettersClearingAndDestructionWipeTheOldValue) {
-  struct Step {
-    const char* name;
-    void (*clear)(qz::Url&);
-    bool hostWiped;
-    size_t kept; // bytes of the new value and its terminator
-  };
-  const Step steps[] = {
+  // What clears the secrets, whether the host is wiped too, and the bytes of the new value and its
+  // terminator that may stay.
+  const std::tuple<const char*, void (*)(qz::Url&), bool, size_t> steps[] = {
       {"clearCredentials", [](qz::Url& u) { u.clearCredentials(); }, false, 0},
       {"clearUrl(ClearAll)", [](qz::Url& u) { u.clearUrl(qz::Url::ClearAll); }, true, 0},
       {"clearUrl(ClearToLocalHttps)", [](qz::Url& u) { u.clearUrl(qz::Url::ClearToLocalHttps); }, false, 0},
@@ -90,16 +86,15 @@ TEST(UrlSecrets, SettersClearingAndDestructionWipeTheOldValue) {
   };
   // Long secrets live on the heap, short ones inside the string object: both are checked.
   for (size_t len : {5u, 15u, 16u, 100u}) {
-    for (const Step& step : steps) {
+    for (const auto& [name, clear, hostWiped, kept] : steps) {
       qz::Url u;
       u.host = std::string(len, 'h');
       u.setCredentialsOnQueryParameter(std::string(len, 'U'), std::string(len, 'P'), std::string(len, 'D'));
       const auto user = Buf(u.user), pw = Buf(u.password), db = Buf(u.authDbName), host = Buf(u.host);
-      step.clear(u);
-      EXPECT_TRUE(ZeroFrom(u.user, user, step.kept) && ZeroFrom(u.password, pw, step.kept) &&
-                  ZeroFrom(u.authDbName, db, step.kept))
-          << step.name << " len " << len;
-      EXPECT_TRUE(!step.hostWiped || ZeroFrom(u.host, host, step.kept)) << step.name << " len " << len;
+      clear(u);
+      EXPECT_TRUE(ZeroFrom(u.user, user, kept) && ZeroFrom(u.password, pw, kept) && ZeroFrom(u.authDbName, db, kept) &&
+                  (!hostWiped || ZeroFrom(u.host, host, kept)))
+          << name << " len " << len;
     }
   }
   // Destruction: a short password sits inside the object, whose storage we can still read.
