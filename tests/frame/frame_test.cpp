@@ -45,17 +45,6 @@ TEST_F(Frame, FirstInitSetsTheDefaultsAndTheLastTerminationStops) {
   EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
 }
 
-TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
-  const std::pair<const char*, int> rows[] = {{"libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13", 0x101010bf},
-                                              {"LIBCURL/7.88.1  OPENSSL/3.0.11", 0x300000b0},
-                                              {"libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13", 0},
-                                              {"libcurl/7.88.1 OpenSSL/garbage", 0},
-                                              {"libcurl/7.88.1 xopenssl/3.0.1", 0},
-                                              {nullptr, 0}};
-  for (const auto& [text, version] : rows)
-    EXPECT_EQ(qz::impl::FindOpenSSLVersionInCurlVersion(text), version) << (text ? text : "null");
-}
-
 // Nothing is rolled back: the library counts as initialised until terminated, and a good libcurl
 // initialises afterwards.
 TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {

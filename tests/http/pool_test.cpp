@@ -184,28 +184,4 @@ TEST_F(Pool, LockersBorrowReturnAndWarnWhenUsedElsewhere) {
   EXPECT_EQ(cap.size() + pool.idleCount(), 1u) << cap.dump();
 }
 
-// Many threads share one pool: no crash, every request succeeds, and connections are reused.
-TEST_F(Pool, ThreadsShareOnePool) {
-  constexpr int kThreads = 8, kRequests = 500;
-  HttpConnectionPool pool;
-  pool.setMaxPendingConnection(4);
-  pool.ensureAtLeastMaxConcurrentConnection(kThreads);
-  const qz::Url url(srv.url("/bytes?n=64"));
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&] {
-      std::string body;
-      for (int i = 0; i < kRequests; ++i) {
-        HttpConnectionLocker lk(pool, url);
-        failures += !HttpHelpers::HttpGetJson(*lk, url, body) || body.size() != 64;
-      }
-    });
-  for (auto& t : threads)
-    t.join();
-  EXPECT_EQ(std::pair(failures.load(), srv.requestCount()), std::pair(0, size_t(kThreads * kRequests)));
-  EXPECT_LE(srv.connectionCount(), size_t(kThreads) + pool.getMaxConcurrentConnection());
-  EXPECT_LE(pool.idleCount(), pool.getMaxConcurrentConnection());
-}
-
 } // namespace

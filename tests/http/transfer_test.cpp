@@ -115,9 +115,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
   }
   viaMulti(qz::Url(srv.url("/status/404")), {}, 0, 0, ErrorKind::None, ""); // 0 accepts any status
-  const auto start = Clock::now();
   ASSERT_TRUE(multi.perform());
-  EXPECT_LT(elapsedMs(start), 2500);
   auto untimed = [](const std::string& s) {
     return std::regex_replace(s, std::regex("[0-9]+(\\.[0-9]+)? ?(milliseconds|ms|s)\\b"), "T");
   };
