@@ -10,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 
 using namespace qz::http;
@@ -120,12 +119,11 @@ TEST_F(Helpers, ExplicitParametersApplyForOneCallOnly) {
 // 404 (callers probe) and when cancelled: the flag, set while the first block arrives as a caller's
 // thread would, stops downloads and uploads.
 TEST_F(Helpers, ExpectedCodesAndSilentFailures) {
-  bool cancel = false;
-  struct Trigger : qz::qzIoDevice {
-    bool* flag = nullptr;
-    int64_t writeBytes(const char*, unsigned long n) override { return *flag = true, int64_t(n); }
+  struct Trigger : qz::qzIoDevice { // sets the flag as the first block arrives
+    bool cancel = false;
+    int64_t writeBytes(const char*, unsigned long n) override { return cancel = true, int64_t(n); }
   } trigger;
-  trigger.flag = &cancel;
+  bool& cancel = trigger.cancel;
   std::string err;
   HttpResult r = record(nullptr, &err);
   qztest::LogCapture cap;
@@ -139,10 +137,8 @@ TEST_F(Helpers, ExpectedCodesAndSilentFailures) {
 
   r.outputDevice = &trigger;
   const std::string slow = "/slow?blocks=50&size=100&delay=100";
-  const auto t0 = std::chrono::steady_clock::now();
   EXPECT_FALSE(HttpGet(conn, url(slow), &r, nullptr, nullptr, &cancel));
-  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2)); // not the 5 s body
-  EXPECT_EQ(r.receivedBytes, 100u);                                          // exactly the first block
+  EXPECT_EQ(r.receivedBytes, 100u); // exactly the first block, not the 5 s body
   EXPECT_THAT(err, HasSubstr("Curl error : 23 ("));
   EXPECT_FALSE(HttpGet(conn, url(slow), nullptr, nullptr, nullptr, &cancel));
   EXPECT_FALSE(HttpPut(conn, url("/echo"), std::string(100000, 'u'), 200, nullptr, nullptr, nullptr, &cancel));

@@ -128,9 +128,7 @@ TEST_F(MultiConnection, ManyRequestsKeepAtMostMaxInFlightConnectionsAcrossRuns) 
 TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
   const std::string octet = "application/octet-stream", json = "application/json";
   auto request = [&](int method, const std::string& body, std::list<std::string> headers = {}) {
-    Multi::Request r = get(srv.url(method == 5 ? "/headers" : "/echo"), nullptr, 200, 0, method, body);
-    r.headers = std::move(headers);
-    return r;
+    return Multi::Request{method, qz::Url(srv.url(method == 5 ? "/headers" : "/echo")), headers, body, 200, {}, 0};
   };
   // Methods: 1 GET, 2 PUT, 3 POST, 4 DELETE, 5 HEAD; each with the Content-Type the server sees.
   std::vector<std::pair<Multi::Request, std::string>> cases = {
@@ -231,9 +229,9 @@ TEST_F(MultiConnection, ThreadedAddAndCancelEndPromptly) {
   EXPECT_TRUE(multi.cancelRequest(stalled[0]));
   ASSERT_TRUE(waitFor([&] { return c.count(stalled[0]); }, 2000));
   EXPECT_LT(msSince(t0), kPromptMs);
-  const Multi::Response cancelled = c.byId[stalled[0]];
-  EXPECT_TRUE(cancelled.cancelled && !cancelled.success && cancelled.error.kind == ErrorKind::Cancelled);
-  EXPECT_THAT(cancelled.errorMessage, HasSubstr("Request cancelled"));
+  const Multi::Response& cancelled = c.byId[stalled[0]];
+  EXPECT_TRUE(cancelled.cancelled && !cancelled.success && cancelled.error.kind == ErrorKind::Cancelled &&
+              cancelled.errorMessage.find("Request cancelled") != std::string::npos);
   EXPECT_FALSE(multi.cancelRequest(stalled[0]) || multi.cancelRequest(first)); // both already called back
 
   t0 = Clock::now();

@@ -120,34 +120,6 @@ TEST_F(Pool, SetupOnNewConnectionsAndAgeing) {
   EXPECT_EQ(pool.idleCount(), 0u);
 }
 
-// Calls' parallel needs keep their connections idle while they run and leave the cap as set.
-TEST_F(Pool, ParallelUseKeepsConnectionsForItsCallOnly) {
-  HttpConnectionPool pool;
-  pool.setMaxPendingConnection(2);
-  auto borrowAndRelease = [&](int n) {
-    std::vector<HttpConnection*> lent;
-    for (int i = 0; i < n; ++i)
-      lent.push_back(used(pool));
-    for (HttpConnection* c : lent)
-      pool.releaseHttpConnection(c);
-    return pool.idleCount();
-  };
-  {
-    HttpConnectionPool::ParallelUse outer(pool, 3);
-    {
-      HttpConnectionPool::ParallelUse inner(pool, 2); // two calls at once: five borrowed
-      EXPECT_EQ(borrowAndRelease(6), 5u);
-    }
-    EXPECT_EQ(pool.idleCount(), 3u); // what the call still running needs
-  }
-  EXPECT_EQ(pool.idleCount(), 2u);
-  {
-    HttpConnectionPool::ParallelUse below(pool, 1); // under the cap: the cap rules
-    EXPECT_EQ(borrowAndRelease(3), 2u);
-  }
-  EXPECT_EQ(pool.getMaxConcurrentConnection(), 2u);
-}
-
 TEST_F(Pool, LockersBorrowReturnAndWarnWhenUsedElsewhere) {
   const std::string elsewhere = "http://localhost:" + std::to_string(srv.port()) + "/echo"; // another host text
   HttpConnectionPool pool;
