@@ -1,6 +1,5 @@
 #include <HttpTools/http/HttpHelpers.h>
 
-#include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/LogCapture.h"
@@ -179,19 +178,6 @@ TEST_F(Helpers, CallbackFailuresFailTheCallWithTheirReason) {
   ASSERT_TRUE(HttpPut(conn, url("/echo"), mega, 200, &r)); // no limit by default
   EXPECT_NE(headers["content-encoding"], "");              // compressed on the wire
   EXPECT_GT(r.receivedBytes, 1000000u);
-}
-
-TEST(ParseHttpHeader, SplitsTrimsAndLowerCases) {
-  const std::pair<std::string, std::string> cases[] = {{"Content-Type: text/plain\r\n", "content-type|text/plain"},
-                                                       {"X-Empty:\r\n", "x-empty|"},
-                                                       {"  Spaced Name  :  a: b  \r\n", "spaced name|a: b"},
-                                                       {"HTTP/1.1 200 OK\r\n", "|"},
-                                                       {":value\r\n", "|value"}};
-  for (const auto& [line, expected] : cases) {
-    std::string n = "junk", v = "junk";
-    HttpMultiConnection::ParseHttpHeader(line.data(), line.size(), n, v);
-    EXPECT_EQ(n + "|" + v, expected) << line;
-  }
 }
 
 } // namespace

@@ -279,10 +279,8 @@ TEST_F(MultiConnection, RequestsFailWithTheReasonBeforeInitialisation) {
   const bool ran = multi.perform();
   HttpConnection single;
   HttpHelpers::HttpResult quiet; // with a result record the helper does not log
-  const bool singleRan = HttpHelpers::HttpGet(single, qz::Url(srv.url("/echo")), &quiet);
+  EXPECT_FALSE(ran || HttpHelpers::HttpGet(single, qz::Url(srv.url("/echo")), &quiet));
   qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
-  EXPECT_FALSE(ran || singleRan);
-  EXPECT_EQ(single.getLastErrorMsg(), "HttpConnection error : Fail to setupconnection ");
   const std::string reason = "HttpTools library not initialized.";
   EXPECT_TRUE(cap.size() == 2 && cap.lines()[0].text == reason && cap.lines()[1].text == reason) << cap.dump();
   ASSERT_EQ(c.count() + srv.requestCount(), 2u);

@@ -11,7 +11,6 @@
 #include "support/TestHttpServer.h"
 
 #include <curl/curl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
