@@ -1,8 +1,6 @@
 #include <HttpTools/frame/HttpToolsLib.h>
 
 #include <HttpTools/frame/HttpToolsLib_p.h>
-#include <HttpTools/frame/Policies.h>
-#include <HttpTools/frame/Version.h>
 #include <HttpTools/platform/LibInit.h>
 
 #include "support/LogCapture.h"
@@ -11,8 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <string>
-#include <tuple>
 
 using namespace qz::http;
 
@@ -28,108 +24,39 @@ protected:
   }
 };
 
-// Initialised, with its updater, and libcurl in the version list: while any user is left.
-std::tuple<bool, bool, size_t> running() {
-  return {qz::IsHttpToolsInitialized(), qz::impl::GetPeriodicalUpdater() != nullptr,
-          qz::impl::GetThirdPartyLibVersionInfo().count("libcurl")};
-}
-
 // The first initialisation sets the defaults and each one adds a user; the last termination stops
-// everything and resets all defaults but the proxy's, until a new first initialisation sets them.
+// everything (initialised, its updater, libcurl in the version list) and resets all defaults but
+// the proxy's, until a new first initialisation sets them.
 TEST_F(Frame, FirstInitSetsTheDefaultsAndTheLastTerminationStops) {
-  auto defaults = [] {
-    return std::tuple(qz::IsVerifySSLCertByDefault(), qz::GetDefaultHostNameResolutionPolicy(),
-                      qz::GetDefaultProxyPolicy());
+  auto state = [] {
+    return std::tuple(qz::IsHttpToolsInitialized(), qz::impl::GetPeriodicalUpdater() != nullptr,
+                      qz::impl::GetThirdPartyLibVersionInfo().count("libcurl"), qz::IsVerifySSLCertByDefault(),
+                      qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy());
   };
   qz::initializeHttpTools(false, HNRP_PreferIpv6, PP_AutomaticProxy);
   qz::initializeHttpTools(true, HNRP_PreferIpv4, PP_NoProxy);
-  EXPECT_EQ(defaults(), std::tuple(false, HNRP_PreferIpv6, PP_AutomaticProxy));
   EXPECT_NE(qz::impl::GetCurlOpenSSLVersion(), 0);
-  EXPECT_EQ(running(), std::tuple(true, true, 1u));
+  EXPECT_EQ(state(), std::tuple(true, true, 1u, false, HNRP_PreferIpv6, PP_AutomaticProxy));
   qz::terminateHttpTools(); // one user left
-  EXPECT_EQ(running(), std::tuple(true, true, 1u));
+  EXPECT_EQ(state(), std::tuple(true, true, 1u, false, HNRP_PreferIpv6, PP_AutomaticProxy));
   qz::terminateHttpTools();
-  EXPECT_EQ(running(), std::tuple(false, false, 0u));
-  EXPECT_EQ(defaults(), std::tuple(true, HNRP_Whatever, PP_AutomaticProxy));
+  EXPECT_EQ(state(), std::tuple(false, false, 0u, true, HNRP_Whatever, PP_AutomaticProxy));
   qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy);
   EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
 }
 
-TEST_F(Frame, SettersClampOutOfRangeValues) {
-  // in, resolution policy, proxy policy read back
-  const std::tuple<int, HostNameResolutionPolicy, ProxyPolicy> rows[] = {
-      {0, HNRP_Whatever, PP_NoProxy},    {1, HNRP_Whatever, PP_NoProxy},  {2, HNRP_PreferIpv6, PP_AutomaticProxy},
-      {3, HNRP_PreferIpv4, PP_NoProxy},  {4, HNRP_Whatever, PP_NoProxy},  {-1, HNRP_Whatever, PP_NoProxy},
-      {1000, HNRP_Whatever, PP_NoProxy}, {-5, HNRP_Whatever, PP_NoProxy}, {9, HNRP_Whatever, PP_NoProxy}};
-  for (auto [in, resolution, proxy] : rows) {
-    qz::SetDefaultProxyPolicy(PP_AutomaticProxy); // so that a kept value would show
-    qz::SetDefaultHostNameResolutionPolicy(HostNameResolutionPolicy(in));
-    qz::SetDefaultProxyPolicy(ProxyPolicy(in));
-    EXPECT_EQ(std::pair(qz::GetDefaultHostNameResolutionPolicy(), qz::GetDefaultProxyPolicy()),
-              std::pair(resolution, proxy))
-        << in;
-  }
-  qz::initializeHttpTools(true, HostNameResolutionPolicy(7), PP_ManualProxy);
-  EXPECT_EQ(qz::GetDefaultHostNameResolutionPolicy(), HNRP_Whatever);
-  EXPECT_EQ(qz::GetDefaultProxyPolicy(), PP_NoProxy);
-}
-
-TEST_F(Frame, FindsOpenSSLInCurlVersionText) {
-  for (const auto& [text, version] :
-       {std::pair<const char*, int>{"libcurl/7.88.1 OpenSSL/1.1.1k zlib/1.2.13", 0x101010bf},
-        {"LIBCURL/7.88.1  OPENSSL/3.0.11", 0x300000b0},
-        {"libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13", 0},
-        {"libcurl/7.88.1 OpenSSL/garbage", 0},
-        {"libcurl/7.88.1 xopenssl/3.0.1", 0},
-        {"", 0},
-        {nullptr, 0}})
-    EXPECT_EQ(qz::impl::FindOpenSSLVersionInCurlVersion(text), version) << (text ? text : "null");
-}
-
+// Nothing is rolled back: the library counts as initialised until terminated, and a good libcurl
+// initialises afterwards.
 TEST_F(Frame, InitialisationRefusesACurlWithoutOpenSSL) {
   qztest::LogCapture cap;
   qz::impl::SetCurlVersionTextForTest("libcurl/7.88.1 GnuTLS/3.7.9 zlib/1.2.13");
   EXPECT_THAT([] { qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy); },
               testing::ThrowsMessage<std::runtime_error>(testing::StrEq("qzHttpTools : ssl versionning error")));
   EXPECT_TRUE(cap.has("qzHttpTools", "Cannot get curl openssl version (unknown version)"));
-  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Error);
-  // Nothing is rolled back: the library counts as initialised until terminated.
   EXPECT_TRUE(qz::IsHttpToolsInitialized());
   qz::terminateHttpTools();
-  EXPECT_FALSE(qz::IsHttpToolsInitialized());
-  // And a good libcurl initialises afterwards.
   qz::impl::SetCurlVersionTextForTest(nullptr);
   EXPECT_NO_THROW(qz::initializeHttpTools(true, HNRP_Whatever, PP_NoProxy));
-}
-
-// The parts and both texts agree: the dated text comes from the build, the rest from the source.
-TEST_F(Frame, VersionRecord) {
-  using V = HttpTools::Version;
-  const std::string parts = std::to_string(V::GetMajor()) + "." + std::to_string(V::GetMinor()) + "." +
-                            std::to_string(V::GetRelease()) + "." + std::to_string(V::GetRevision());
-  EXPECT_EQ(V::GetDescStringMajorMinorReleaseRevision(true), parts);
-  EXPECT_EQ(V::GetDescStringMajorMinorReleaseRevisionDate(),
-            parts + " " + std::to_string(V::GetYear()) + "-" + std::to_string(V::GetMonth()));
-}
-
-// Every declared value goes to its name and back; unknown values and names are invalid.
-template <typename Helper> void roundTrips(const std::string& typeName, size_t count) {
-  EXPECT_EQ(Helper::sTypeName, typeName);
-  EXPECT_EQ(Helper::sVals.size(), count);
-  for (const auto& [value, names] : Helper::sVals) {
-    EXPECT_EQ(Helper(value).toString(), names.front());
-    EXPECT_EQ(Helper(names.front()).getValue(), value);
-  }
-  EXPECT_FALSE(Helper(int(count)).isValid());
-  EXPECT_FALSE(Helper(std::string("Nope")).isValid());
-}
-
-TEST_F(Frame, PolicyNamesRoundTrip) {
-  roundTrips<SSLValidatePolicyEnumHelper>("qz::http::SSLValidatePolicy", 3);
-  roundTrips<HostNameResolutionPolicyEnumHelper>("qz::http::HostNameResolutionPolicy", 4);
-  roundTrips<ProxyPolicyEnumHelper>("qz::http::ProxyPolicy", 4);
-  EXPECT_EQ(ProxyPolicyEnumHelper(PP_ManualProxy).toQualifiedString(), "qz::http::ProxyPolicy::PP_ManualProxy");
-  EXPECT_EQ(HostNameResolutionPolicyEnumHelper(-1).toString(), "");
 }
 
 } // namespace

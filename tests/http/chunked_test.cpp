@@ -1,13 +1,9 @@
 #include <HttpTools/http/qzIoDeviceHttpChuncked.h>
 
-#include "support/LogCapture.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <string>
-#include <vector>
 
 using qz::http::qzIoDeviceHttpChuncked;
 
@@ -36,9 +32,7 @@ TEST(Chunked, FramingAfterEachWriteAndAtTheEnd) {
       ASSERT_TRUE(dev.beginDelegation(&out));
       std::string input;
       for (size_t n : pattern) {
-        std::string piece;
-        for (size_t i = 0; i < n; ++i)
-          piece += char('a' + (input.size() + i) % 26);
+        const std::string piece(n, char('a' + input.size() % 26)); // a new letter for each write
         EXPECT_EQ(dev.write(piece.data(), piece.size()), int64_t(n));
         input += piece;
         const size_t full = input.empty() ? 0 : (input.size() - 1) / m;
@@ -60,13 +54,13 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughA
   EXPECT_EQ(after(dev.beginDelegation(&a)), "true");
   EXPECT_EQ(after(dev.beginDelegation(&b)), "false error");
   dev.write("xy", 2);
-  EXPECT_FALSE(dev.endDelegation());
-  EXPECT_EQ(a.data() + b.data(), "");
+  EXPECT_EQ(after(dev.endDelegation()) + a.data() + b.data(), "false error");
   EXPECT_EQ(after(dev.beginDelegation(&b)), "true");
   dev.write("abcdef", 6);
   EXPECT_TRUE(dev.endDelegation());
   EXPECT_EQ(b.data(), "4\r\nabcd\r\n2\r\nef\r\n0\r\n\r\n"); // also checks the reference framing
-  {                                                         // the destructor drops buffered bytes without a terminator
+  // The destructor drops buffered bytes without a terminator.
+  {
     qzIoDeviceHttpChuncked pending(16);
     pending.beginDelegation(&a);
     pending.write("pending", 7);
@@ -77,25 +71,10 @@ TEST(Chunked, ErrorsSuppressTheTerminatorUntilAFreshDelegationAndSurfaceThroughA
   qz::qzIoDeviceMemory out;
   qzIoDeviceHttpChuncked inner(4), outer(4);
   ASSERT_TRUE(inner.beginDelegation(&out));
-  ASSERT_TRUE(outer.beginDelegation(&inner));
-  EXPECT_FALSE(outer.hasError());
+  ASSERT_TRUE(outer.beginDelegation(&inner) && !outer.hasError());
   out.setError(true);
-  EXPECT_TRUE(outer.hasError());
   outer.write("abcdef", 6);
-  EXPECT_FALSE(outer.endDelegation());
-}
-
-TEST(Chunked, UnsupportedOperationsLogAndAnswerZero) {
-  qztest::LogCapture cap;
-  qzIoDeviceHttpChuncked dev(4);
-  char buf[4];
-  const std::vector<int64_t> got{dev.readBytes(buf, 4), dev.seekg(1), dev.seekp(1),
-                                 dev.tellg(),           dev.tellp(),  dev.atEnd()};
-  EXPECT_EQ(got, std::vector<int64_t>(6, 0));
-  for (const char* op : {"readBytes", "seekg", "seekp", "tellg", "tellp", "atEnd"})
-    EXPECT_TRUE(cap.has(std::string("qzIoDeviceHttpChuncked::") + op + " not implemented")) << op;
-  for (const auto& l : cap.lines())
-    EXPECT_EQ(l.type, qz::qzLog::Error);
+  EXPECT_TRUE(outer.hasError() && !outer.endDelegation());
 }
 
 } // namespace

@@ -4,10 +4,8 @@
 #include <HttpTools/frame/HttpProxyFinder.h>
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/http/HttpHelpers.h>
-#include <HttpTools/platform/qzIoDevice.h>
 
 #include "support/LogCapture.h"
-#include "support/Loopback.h"
 #include "support/NginxFixture.h"
 #include "support/TestHttpServer.h"
 
@@ -15,7 +13,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <functional>
 
 using namespace qz::http;
@@ -38,13 +35,6 @@ int collectBody(void* curl, void*, std::list<std::string>& extra) {
   extra.push_back("X-Extra: 1");
   return curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_WRITEFUNCTION, appendBody) |
          curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_NOPROGRESS, 1L);
-}
-int refuse(void*, void*, std::list<std::string>&) { return 7; }
-// A proxy text longer than libcurl accepts: the set-up fails.
-void hugeProxy(Params& p) {
-  p.proxyPolicy = PP_ManualProxy;
-  p.manualProxyUrl = qz::Url("http://proxy:3128");
-  p.manualProxyUrl.host = std::string(9 * 1024 * 1024, 'p');
 }
 testing::Matcher<std::string> curlError(CURLcode code) {
   return AllOf(StartsWith("HttpConnection error : Curl easy perform error after "),
@@ -81,30 +71,23 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
     SetupFn setup = collectBody;
   };
   const std::string json = "/type?ct=application/json;%20charset=utf-8";
-  auto noFollow = [](Params& p) { p.followLocation = false; };
+  auto refuse = [](void*, void*, std::list<std::string>&) { return 7; };
+  auto hugeProxy = [](Params& p) { // longer than libcurl accepts: the set-up fails
+    p.proxyPolicy = PP_ManualProxy;
+    p.manualProxyUrl = qz::Url("http://proxy:3128");
+    p.manualProxyUrl.host = std::string(9 * 1024 * 1024, 'p');
+  };
   const std::vector<Case> cases{
       {"/status/503", false,
        Eq("HttpConnection error : bad html response code, got 503, expect 200 " + srv.url("/status/503") +
           " Http return code 503 "),
        false},
-      {"/type?ct=text/html", false,
-       Eq("HttpConnection error : bad content type, got text/html, expect application/json " +
-          qz::Url(srv.url("/type?ct=text/html")).toDisplayableUrl() + " Http return code 200 "),
-       false, 200, "application/json"},
       // Any code when none (0 or negative) is expected, any type when none is; the type check is exact.
       {"/status/404", true, Eq("Http return code 404 "), false, 0},
-      {"/status/404", true, Eq("Http return code 404 "), false, -1},
-      {json, true, Eq("Http return code 200 "), false},
       {json, false, HasSubstr(" : bad content type, got application/json; charset=utf-8, expect application/json "),
        false, 200, "application/json"},
       {"/redirect/3", true, Eq("Http return code 200 "), false}, // at most 3 by default
       {"/redirect/4", false, curlError(CURLE_TOO_MANY_REDIRECTS), true},
-      {"/redirect/1", false, HasSubstr("got 302, expect 200"), false, 200, "", noFollow},
-      {"/redirect/1", true, Eq("Http return code 302 "), false, 302, "", noFollow},
-      {"/truncated", false,
-       AllOf(curlError(CURLE_PARTIAL_FILE), HasSubstr(", " + srv.url("/truncated") + " Http return code 200 Curl"),
-             HasSubstr(") Curl internal error : ")),
-       true},
       {"/echo", false, Eq("HttpConnection error : User callback return and error "), true, 200, "", nullptr, refuse},
       {"/slow?blocks=20&size=1&delay=300", false, curlError(CURLE_OPERATION_TIMEDOUT), true, 200, "",
        [](Params& p) { p.lowSpeedTime = 1; }},
@@ -113,18 +96,15 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
        true, 200, "", [](Params& p) { p.totalTimeoutMs = 300; }},
       {"/echo", false, Eq("HttpConnection error : Fail to setupconnection "), true, 200, "", hugeProxy},
       // Bad input fails with a clear message and no crash.
-      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", false, curlError(CURLE_COULDNT_CONNECT),
-       true},
       {"file:///etc/hostname", false,
        Eq("HttpConnection error : Unsupported scheme 'file', only http and https are requested "), false},
-      {"http://" + qztest::kUnresolvableHost + "/", false, curlError(CURLE_COULDNT_RESOLVE_HOST), true},
       {"http://bad host/", false, Eq("HttpConnection error : Invalid URL without a scheme, nothing sent "),
        false}, // unparsed: an empty URL
   };
   HttpConnection c;
   qztest::LogCapture quiet; // host changes and helper noise
+  ASSERT_TRUE(get(c, "/echo"));
   for (const auto& k : cases) {
-    ASSERT_TRUE(get(c, "/echo")) << k.url;
     const size_t before = srv.connectionCount();
     if (k.edit)
       k.edit(c.editConnectionParameters());
@@ -133,31 +113,9 @@ TEST_F(Connection, OutcomeAndHandleOfEachKindOfCall) {
     const std::string m = c.getLastErrorMsg();
     EXPECT_THAT(m, k.message) << k.url;
     EXPECT_EQ(c.isLastCallTimedOut(), m.find("Curl error : 28 (") != std::string::npos) << k.url;
-    EXPECT_FALSE(c.isLastCallUnableToVerifyPeer()) << k.url;
     ASSERT_TRUE(get(c, "/echo")) << k.url << ": " << c.getLastErrorMsg();
     EXPECT_EQ(srv.connectionCount(), before + (k.dropsHandle ? 1 : 0)) << k.url;
   }
-  const size_t before = srv.connectionCount();
-  c.clearConnection(); // drops the handle and nothing else
-  EXPECT_EQ(c.getLastErrorMsg(), "Http return code 200 ");
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.connectionCount(), before + 1);
-}
-
-// CR or LF in a header line, common or per call, fails the call before anything is sent.
-TEST_F(Connection, HeaderLinesWithCrOrLfAreRefused) {
-  HttpConnection c;
-  const std::string refused = "HttpConnection error : Header line with CR or LF refused, nothing sent: ";
-  c.addCommonHeader("X-A: 1\r\nX-Injected: yes");
-  EXPECT_FALSE(get(c, "/echo"));
-  EXPECT_EQ(c.getLastErrorMsg(), refused + "X-A: 1\\r\\nX-Injected: yes ");
-  c.setCommonHeaders({"X-A: 1"});
-  const std::list<std::string> split{"X-B: 2\nGET /other HTTP/1.1"};
-  EXPECT_FALSE(HttpHelpers::HttpGet(c, qz::Url(srv.url("/echo")), nullptr, nullptr, &split));
-  EXPECT_EQ(srv.requestCount(), 0u);
-  ASSERT_TRUE(get(c, "/echo"));
-  EXPECT_EQ(srv.requestCount(), 1u);
-  EXPECT_EQ(srv.lastRequest().headerCount("X-Injected"), 0u);
 }
 
 // Moving to another host:port goes on with a warning (once per change). The cookie engine keeps
@@ -167,7 +125,6 @@ TEST_F(Connection, AnotherHostPortWarnsAndCookiesStayWithTheirConnection) {
   own.installStandardRoutes();
   own.route("GET", "/login", [](const httplib::Request&, httplib::Response& res) {
     res.set_header("Set-Cookie", "session=abc; Path=/");
-    res.set_content("in", "text/plain");
   });
   ASSERT_TRUE(own.start()) << own.lastError();
   HttpConnection c;
@@ -178,38 +135,13 @@ TEST_F(Connection, AnotherHostPortWarnsAndCookiesStayWithTheirConnection) {
   EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
   ASSERT_TRUE(get(c, own.url("/echo")));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "session=abc");
-  ASSERT_EQ(cap.size(), 1u) << cap.dump(); // once: the same host:port on other paths does not warn
-  EXPECT_TRUE(cap.has("http", "Http connection was reused with a different host:port " + srv.url("/echo") + " " +
-                                  own.url("/login")))
-      << cap.dump();
-  EXPECT_EQ(cap.lines().at(0).type, qz::qzLog::Warning);
+  // Once: the same host:port on other paths does not warn.
+  EXPECT_EQ(cap.dump(), "[" + std::to_string(qz::qzLog::Warning) +
+                            "] http: Http connection was reused with a different host:port " + srv.url("/echo") + " " +
+                            own.url("/login") + "\n");
   HttpConnection other; // cookies belong to their connection
   ASSERT_TRUE(get(other, own.url("/echo")));
   EXPECT_EQ(own.lastRequest().header("Cookie"), "");
-}
-
-TEST_F(Connection, VerboseCapturesDebugAndLogsItAtLevelTwo) {
-  HttpConnection c;
-  c.editConnectionParameters().verbose = 1;
-  qztest::LogCapture cap;
-  ASSERT_TRUE(get(c, "/bytes?n=100"));
-  const std::string& dbg = c.getLastDebugInformations();
-  EXPECT_THAT(dbg, AllOf(HasSubstr("> GET /bytes?n=100 HTTP/1.1\r\n"), HasSubstr("< HTTP/1.1 200 OK\r\n"),
-                         HasSubstr("DataIn 100B"), testing::Not(HasSubstr("abcdefghij")))); // no payload copy
-  for (const auto& l : cap.lines())
-    EXPECT_NE(l.category, "curl");
-  c.editConnectionParameters().verbose = 2;
-  ASSERT_TRUE(get(c, "http://u:s3cret@" + srv.url("/bytes?n=10").substr(7)));
-  for (const char* line : {"Curl debug output", "> GET /bytes?n=10 HTTP/1.1", "Authorization: Basic [redacted]"})
-    EXPECT_TRUE(cap.has("curl", line)) << cap.dump(); // never dTpzM2NyZXQ=
-  EXPECT_THAT(c.getLastDebugInformations(), testing::Not(HasSubstr("dTpzM2NyZXQ")));
-  // A line function alone stores nothing; what it gets is checked with the multi connection.
-  c.editConnectionParameters().verbose = 0;
-  size_t lines = 0;
-  c.editConnectionParameters().debugLines = [&lines](DebugLineKind, std::string_view) { ++lines; };
-  ASSERT_TRUE(get(c, "/bytes?n=10"));
-  EXPECT_EQ(c.getLastDebugInformations(), "");
-  EXPECT_GT(lines, 3u);
 }
 
 TEST(DebugLines, CredentialsAreRedactedWhateverTheCase) {
@@ -217,28 +149,6 @@ TEST(DebugLines, CredentialsAreRedactedWhateverTheCase) {
                             "Proxy-Authorization: Basic eDp5\r\nX-Authorization: kept\r\nAuthorization:\r\n\r\n"),
             "GET / HTTP/1.1\r\nauthorization: Bearer [redacted]\r\nHost: h\r\nCOOKIE: [redacted]\r\n"
             "Proxy-Authorization: Basic [redacted]\r\nX-Authorization: kept\r\nAuthorization: [redacted]\r\n\r\n");
-}
-
-// A name that fails under a preferred family is retried with any, a lasting change. A literal
-// address is never retried; neither is the default policy even when the process default prefers
-// a family.
-TEST_F(Connection, NameThatFailsUnderPreferredFamilyIsRetriedOnce) {
-  struct Case {
-    HostNameResolutionPolicy own, processDefault;
-    std::string url;
-    HostNameResolutionPolicy after;
-  };
-  for (const Case& k :
-       {Case{HNRP_PreferIpv4, HNRP_Whatever, "http://" + qztest::kUnresolvableHost + "/", HNRP_Whatever},
-        Case{HNRP_PreferIpv6, HNRP_Whatever, srv.url("/echo"), HNRP_PreferIpv6}, // v4 literal
-        Case{HNRP_Default, HNRP_PreferIpv4, "http://" + qztest::kUnresolvableHost + "/", HNRP_Default}}) {
-    qz::SetDefaultHostNameResolutionPolicy(k.processDefault);
-    HttpConnection c;
-    c.editConnectionParameters().hostNameResolutionPolicy = k.own;
-    EXPECT_FALSE(get(c, k.url)) << k.url;
-    EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, k.after) << k.url;
-  }
-  qz::SetDefaultHostNameResolutionPolicy(HNRP_Whatever);
 }
 
 // A kept handle is reset when the set-up callback or the parameters change, and otherwise told
@@ -261,42 +171,32 @@ TEST_F(Connection, KeptHandleSeesEveryChange) {
   c.editConnectionParameters().proxyPolicy = PP_ManualProxy; // invalid manual proxy: only logged
   qztest::LogCapture cap;
   ASSERT_TRUE(get(c, "/echo")) << c.getLastErrorMsg();
-  EXPECT_TRUE(cap.has("http", "Manual proxy url is invalid " + Params().manualProxyUrl.toDisplayableUrl() +
-                                  " disable proxy for this call"))
-      << cap.dump();
+  EXPECT_TRUE(cap.hasPrefix("Manual proxy url is invalid ")) << cap.dump();
   // The status shows in the message even on success.
-  EXPECT_EQ(std::to_string(c.getLastHttpReturnCode()) + " " + c.getLastReceivedType() + " " +
-                c.getLastUrl().toEncodedUrl() + " " + c.getLastErrorMsg(),
-            "200 text/plain " + srv.url("/echo") + " Http return code 200 ");
   const auto first = srv.lastRequest();
-  EXPECT_EQ(std::to_string(first.headerCount("X-Trace")) + first.header("X-Extra") + first.header("Connection"),
-            "21Keep-Alive");
+  EXPECT_EQ(std::to_string(c.getLastHttpReturnCode()) + " " + c.getLastReceivedType() + " " +
+                c.getLastUrl().toEncodedUrl() + " " + c.getLastErrorMsg() +
+                std::to_string(first.headerCount("X-Trace")) + first.header("X-Extra") + first.header("Connection"),
+            "200 text/plain " + srv.url("/echo") + " Http return code 200 21Keep-Alive");
   EXPECT_NE(first.header("Accept-Encoding"), ""); // every encoding libcurl supports
   auto helperGet = [&](const std::string& path) { return HttpHelpers::HttpGet(c, qz::Url(srv.url(path))); };
-  struct Step {
-    std::function<bool()> call;
-    bool ok;
-    const char* path; // the path the server saw last
-    const char* trace;
-  };
-  const std::vector<Step> steps{
+  // Each call, its result, and the path and X-Trace header the server saw last.
+  const std::vector<std::tuple<std::function<bool()>, bool, std::string>> steps{
       {[&] { return c.setCommonHeaders({}), c.setConnectionParameters(Params()), helperGet("/redirect/1"); }, true,
-       "/redirect/0", ""},
+       "/redirect/0 "},
       {[&] { return c.editConnectionParameters().followLocation = false, helperGet("/redirect/1"); }, false,
-       "/redirect/1", ""},
+       "/redirect/1 "},
       {[&] { return c.editConnectionParameters().followLocation = true, helperGet("/redirect/2"); }, true,
-       "/redirect/0", ""},
-      {[&] { return c.addCommonHeader("X-Trace: 7"), helperGet("/echo"); }, true, "/echo", "7"},
-      {[&] { return c.setCommonHeaders({"X-Trace: 8"}), helperGet("/echo"); }, true, "/echo", "8"},
-      {[&] { return get(c, "/echo", 200, "", foreignOptions); }, true, "/echo", "8"},
-      {[&] { return helperGet("/redirect/1"); }, true, "/redirect/0", "8"},
+       "/redirect/0 "},
+      {[&] { return c.addCommonHeader("X-Trace: 7"), helperGet("/echo"); }, true, "/echo 7"},
+      {[&] { return c.setCommonHeaders({"X-Trace: 8"}), helperGet("/echo"); }, true, "/echo 8"},
+      {[&] { return get(c, "/echo", 200, "", foreignOptions); }, true, "/echo 8"},
+      {[&] { return helperGet("/redirect/1"); }, true, "/redirect/0 8"},
   };
-  for (size_t i = 0; i < steps.size(); ++i) {
-    EXPECT_EQ(steps[i].call(), steps[i].ok) << i << ": " << c.getLastErrorMsg();
+  for (const auto& [call, ok, seen] : steps) {
+    EXPECT_EQ(call(), ok) << seen << ": " << c.getLastErrorMsg();
     const auto req = srv.lastRequest();
-    EXPECT_EQ(req.path, steps[i].path) << i;
-    EXPECT_EQ(req.header("X-Trace"), steps[i].trace) << i;
-    EXPECT_EQ(req.headerCount("X-Foreign"), 0u) << i;
+    EXPECT_EQ(req.path + " " + req.header("X-Trace") + std::to_string(req.headerCount("X-Foreign")), seen + "0");
   }
   EXPECT_EQ(srv.connectionCount(), 1u); // resets keep the live connection
 }
@@ -327,9 +227,8 @@ TEST_F(Tls, VerificationAndTheLoopbackExemption) {
                         {byName, true, true, noVerify},
                         {nginx.httpsUrl("/small"), true, true},
                         {nginx.httpsUrl("/to-localhost"), true, false},
-                        {nginx.httpsUrl("/to-localhost"), true, true, trustNginx},
                         {nginx.httpsUrl("/small"), false, false},
-                        {nginx.httpsUrl("/small"), false, true, trustNginx}};
+                        {nginx.httpsUrl("/to-localhost"), false, true, trustNginx}};
   for (const Case& k : cases) {
     qz::SetLoopbackCertificateExemption(k.exemption);
     HttpConnection c;
@@ -341,51 +240,36 @@ TEST_F(Tls, VerificationAndTheLoopbackExemption) {
   }
 }
 
-// Exact bytes of a binary file into a device over TLS. HttpGetJson with a body: sent as GET with
-// its length and JSON type; nginx reads and drops it, and the kept-alive connection stays usable.
-TEST_F(Tls, DownloadIntoDeviceAndGetJsonWithBody) {
-  std::string content(300000, '\0');
-  for (size_t i = 0; i < content.size(); ++i)
-    content[i] = char(i * 131 % 251);
-  std::ofstream(nginx.filesDir() + "/blob.bin", std::ios::binary) << content;
+// HttpGetJson with a body: sent as GET with its length and JSON type; nginx reads and drops it, and
+// the kept-alive connection stays usable. The captured exchange shows no credentials.
+TEST_F(Tls, GetJsonWithBody) {
   HttpConnection c;
-  qz::qzIoDeviceMemory dev;
-  HttpHelpers::HttpResult r;
-  r.outputDevice = &dev;
   const long before = nginx.connectionCount();
-  ASSERT_TRUE(HttpHelpers::HttpGet(c, qz::Url(nginx.httpsUrl("/files/blob.bin")), &r)) << c.getLastErrorMsg();
-  EXPECT_EQ(r.receivedBytes, content.size());
-  EXPECT_TRUE(dev.data() == content);
-
   c.editConnectionParameters().verbose = 1;
   const std::string json = R"({"keys":[1,2]})";
   std::string out;
-  ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out, nullptr, nullptr, nullptr, nullptr,
-                                       &json, true))
+  const std::list<std::string> auth{"Authorization: Basic c2VjcmV0"};
+  ASSERT_TRUE(
+      HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out, nullptr, nullptr, &auth, nullptr, &json, true))
       << c.getLastErrorMsg();
   EXPECT_EQ(out, R"({"ok":true})");
   EXPECT_THAT(c.getLastDebugInformations(),
               AllOf(HasSubstr("> GET /json HTTP/1.1\r\n"), HasSubstr("Content-Length: 14\r\n"),
-                    HasSubstr("Content-Type:application/json\r\n"), HasSubstr("DataOut 14B")));
+                    HasSubstr("Content-Type:application/json\r\n"), HasSubstr("DataOut 14B"),
+                    HasSubstr("Authorization: Basic [redacted]\r\n"), testing::Not(HasSubstr("c2VjcmV0"))));
   ASSERT_TRUE(HttpHelpers::HttpGetJson(c, qz::Url(nginx.httpsUrl("/json")), out));
   EXPECT_EQ(nginx.connectionCount() - before, 1);
 }
 
-// Restores the process-wide defaults a test changes.
-class ParamsTest : public testing::Test {
-protected:
-  void TearDown() override { set(true, HNRP_Whatever, PP_NoProxy, true); }
-  static void set(bool verify, HostNameResolutionPolicy ip, ProxyPolicy proxy, bool exemption) {
+// The decisions of the resolution: clamps, both-or-nothing pairs, and how each policy meets the
+// process default and the loopback exemption.
+TEST(ParamsTest, PoliciesMeetDefaultsAndExemption) {
+  auto setDefaults = [](bool verify, HostNameResolutionPolicy ip, ProxyPolicy proxy, bool exemption) {
     qz::SetVerifySSLCertByDefault(verify);
     qz::SetDefaultHostNameResolutionPolicy(ip);
     qz::SetDefaultProxyPolicy(proxy);
     qz::SetLoopbackCertificateExemption(exemption);
-  }
-};
-
-// The decisions of the resolution: clamps, both-or-nothing pairs, and how each policy meets the
-// process default and the loopback exemption.
-TEST_F(ParamsTest, PoliciesMeetDefaultsAndExemption) {
+  };
   struct Case {
     std::function<void(Params&)> edit;
     const char* expected; // low-speed limit/time, verify and exemption, address family, proxy ('-': libcurl's)
@@ -400,20 +284,16 @@ TEST_F(ParamsTest, PoliciesMeetDefaultsAndExemption) {
   const std::vector<Case> cases{
       {[](Params& p) { p.lowSpeedTime = 0; }, "0/0 10 0 []"},
       {[](Params& p) { p.lowSpeedLimit = 5; }, "5/10 10 0 []"},
-      // Certificate checking: policy, process default, and the loopback exemption by exact text.
-      {none, "10/10 10 0 []"},
+      // Certificate checking: policy, process default, and the loopback exemption by exact text (on
+      // the wire: the TLS tests).
       {[](Params& p) { p.sslValidatePolicy = SVP_VerifyPeerAndHost; }, "10/10 10 0 []", org, false},
       {none, "10/10 00 0 []", org, false},
       {[](Params& p) { p.sslValidatePolicy = SVP_NoVerify; }, "10/10 00 0 []"},
       {none, "10/10 11 0 []", "https://127.0.0.1:8443/"},
-      {none, "10/10 10 0 []", "https://127.0.0.1/", true, HNRP_Whatever, PP_NoProxy, false},
-      {none, "10/10 10 0 []", "https://localhost/"},
-      {none, "10/10 10 0 []", "https://[::1]/"},
       {none, "10/10 10 0 []", "https://127.0.0.2/"},
       // Address family: own policy, or the process default when it is HNRP_Default.
       {none, "10/10 10 1 []", org, true, HNRP_PreferIpv4},
       {[](Params& p) { p.hostNameResolutionPolicy = HNRP_PreferIpv6; }, "10/10 10 2 []", org, true, HNRP_PreferIpv4},
-      {[](Params& p) { p.hostNameResolutionPolicy = HNRP_Whatever; }, "10/10 10 0 []", org, true, HNRP_PreferIpv6},
       // Proxy: empty text means none at all (environment included), null leaves it to libcurl.
       {[](Params& p) { p.proxyPolicy = PP_AutomaticProxy; }, "10/10 10 0 -"},
       {[](Params& p) { p.proxyPolicy = PP_NoProxy; }, "10/10 10 0 []", org, true, HNRP_Whatever, PP_AutomaticProxy},
@@ -424,7 +304,7 @@ TEST_F(ParamsTest, PoliciesMeetDefaultsAndExemption) {
        "10/10 10 0 [http://pu:pp@proxy.example:3128]"},
   };
   for (const Case& c : cases) {
-    set(c.verifyDefault, c.ipDefault, c.proxyDefault, c.exemption);
+    setDefaults(c.verifyDefault, c.ipDefault, c.proxyDefault, c.exemption);
     Params p;
     c.edit(p);
     HttpProxyFinder finder;
@@ -437,6 +317,7 @@ TEST_F(ParamsTest, PoliciesMeetDefaultsAndExemption) {
               c.expected)
         << c.target;
   }
+  setDefaults(true, HNRP_Whatever, PP_NoProxy, true);
 }
 
 } // namespace

