@@ -163,6 +163,23 @@ int foreignOptions(void* curl, void* user, std::list<std::string>& extra) {
   return collectBody(curl, user, extra);
 }
 
+// A name that fails under the preferred family is tried once more with any, and the connection
+// keeps that; not for an address literal, nor when the preference is the process default.
+TEST_F(Connection, NameThatFailsUnderPreferredFamilyFallsBackForGood) {
+  const std::string unresolvable = "http://" + qztest::kUnresolvableHost + "/";
+  for (const auto& [own, processDefault, url, after] :
+       {std::tuple{HNRP_PreferIpv4, HNRP_Whatever, unresolvable, HNRP_Whatever},
+        {HNRP_PreferIpv6, HNRP_Whatever, srv.url("/echo"), HNRP_PreferIpv6},
+        {HNRP_Default, HNRP_PreferIpv4, unresolvable, HNRP_Default}}) {
+    qz::SetDefaultHostNameResolutionPolicy(processDefault);
+    HttpConnection c;
+    c.editConnectionParameters().hostNameResolutionPolicy = own;
+    EXPECT_FALSE(get(c, url)) << url;
+    EXPECT_EQ(c.getConnectionParameters().hostNameResolutionPolicy, after) << url;
+  }
+  qz::SetDefaultHostNameResolutionPolicy(HNRP_Whatever);
+}
+
 TEST_F(Connection, KeptHandleSeesEveryChange) {
   HttpConnection c;
   c.addCommonHeader("X-Trace: 6");

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <vector>
 
 using namespace qz::http;
 
@@ -154,6 +155,60 @@ TEST_F(Pool, LockersBorrowReturnAndWarnWhenUsedElsewhere) {
     ASSERT_TRUE(HttpHelpers::HttpGet(*adopted, qz::Url(srv.url("/echo"))));
   }
   EXPECT_EQ(cap.size() + pool.idleCount(), 1u) << cap.dump();
+}
+
+// Nested calls keep what each needs while it runs; the cap rules again after.
+TEST_F(Pool, ParallelUseKeepsConnectionsForItsCallOnly) {
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(2);
+  auto idleAfter = [&](int n) { // borrows n connections, then returns them all
+    std::vector<HttpConnection*> lent;
+    for (int i = 0; i < n; ++i)
+      lent.push_back(used(pool));
+    for (HttpConnection* c : lent)
+      pool.releaseHttpConnection(c);
+    return std::to_string(pool.idleCount());
+  };
+  std::string counts;
+  {
+    HttpConnectionPool::ParallelUse outer(pool, 3);
+    {
+      HttpConnectionPool::ParallelUse inner(pool, 2); // two calls at once: five kept
+      counts += idleAfter(6);
+    }
+    counts += std::to_string(pool.idleCount()) + std::to_string(pool.getMaxConcurrentConnection());
+  }
+  counts += std::to_string(pool.idleCount());
+  {
+    HttpConnectionPool::ParallelUse below(pool, 1); // under the cap: the cap rules
+    counts += idleAfter(3);
+  }
+  EXPECT_EQ(counts + std::to_string(pool.getMaxConcurrentConnection()), "532222");
+}
+
+// Threads borrow and return connections of one pool at once.
+TEST_F(Pool, ThreadsShareOnePool) {
+  HttpConnectionPool pool;
+  pool.setMaxPendingConnection(4);
+  pool.ensureAtLeastMaxConcurrentConnection(8);
+  const qz::Url url(srv.url("/bytes?n=64"));
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&] {
+      std::string body;
+      HttpHelpers::HttpResult r;
+      r.body = &body;
+      for (int i = 0; i < 200; ++i) {
+        HttpConnectionLocker lk(pool, url);
+        failures += !HttpHelpers::HttpGet(*lk, url, &r) || body.size() != 64;
+      }
+    });
+  for (auto& t : threads)
+    t.join();
+  EXPECT_EQ(std::to_string(failures) + " requests " + std::to_string(srv.requestCount()), "0 requests 1600");
+  EXPECT_LE(srv.connectionCount(), 8u + pool.getMaxConcurrentConnection());
+  EXPECT_LE(pool.idleCount(), pool.getMaxConcurrentConnection());
 }
 
 } // namespace
