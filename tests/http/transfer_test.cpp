@@ -72,6 +72,7 @@ TEST_F(Transfer, FailuresAreClassifiedFromCodesNotTexts) {
       {"/bytes?n=5000", ErrorKind::BodyTooLarge, false, 0, {}, nullptr, 100},                  // announced length
       {"/slow?blocks=3&size=10&delay=5000", ErrorKind::Timeout, true, 0, {}, nullptr, 0, 300}, // idle
       {"/echo", ErrorKind::BadRequest, false, 0, {"X-A: 1\r\nX-Injected: yes"}},
+      {"ftp://127.0.0.1/x", ErrorKind::BadRequest, false},
       {"/bytes?n=100", ErrorKind::LocalIo, false, 0, {}, nullptr, 0, 0, true},
       {"/echo", ErrorKind::None, false},
   };
