@@ -230,7 +230,9 @@ TEST_F(BulkTest, StopAndDestructorEndBackoffAndCancelTheRest) {
         [&](const BulkItem&, const BulkOutcome& o) { ++(o.errorType == "cancelled" ? cancelled : others); });
     for (int i = 0; i < 10; ++i) // a batch of 4 sent, one queued, 2 not yet full
       ASSERT_TRUE(indexer->index("s", std::to_string(i), doc(i)));
-    ASSERT_TRUE(eventually([&] { return onTheWire ? silent.accepted() == 1 : indexer->stats().retried == 4; }));
+    ASSERT_TRUE(eventually([&, onTheWire = onTheWire] { // a binding is captured by name for clang before 16
+      return onTheWire ? silent.accepted() == 1 : indexer->stats().retried == 4;
+    }));
     const auto t0 = std::chrono::steady_clock::now();
     if (byDestructor)
       indexer.reset();

@@ -141,10 +141,10 @@ TEST_F(SearchTest, PitAndScrollAreClosedAfterErrorCancelStopPartialAnswerAndStal
   emulator.setFaults({}); // with a point in time again
   for (const auto& [slices, cancelled] : {std::pair{1u, true}, {2u, false}, {2u, true}}) {
     SCOPED_TRACE(std::to_string(slices) + (cancelled ? " cancelled" : " failed"));
-    inject([&](auto& f) { f.stallSearchMs = 20000, f.failSearchPages = !cancelled; });
+    inject([&, cancelled = cancelled](auto& f) { f.stallSearchMs = 20000, f.failSearchPages = !cancelled; });
     bool cancel = false;
     const size_t base = emulator.stats().searchRequests;
-    std::thread canceller([&] { // once the stalled pages are on their way
+    std::thread canceller([&, cancelled = cancelled, slices = slices] { // once the stalled pages are on their way
       eventually([&] { return !cancelled || emulator.stats().searchRequests >= base + slices; });
       std::atomic_ref<bool>(cancel).store(cancelled);
     });

@@ -89,9 +89,9 @@ TEST(Keys, FromParametersVerifyWhatThePairSigned) {
     }
     std::vector<char> flipped = sig, truncated(sig.begin(), sig.end() - 1);
     flipped[3] ^= 0x40;
-    auto mismatch = [&](const std::vector<char>& s, size_t msgSize, HashType hash) {
-      err = SE_CryptoFailure;
-      return !VerifyDigestAsymmetric(msg.data(), msgSize, s.data(), s.size(), *pub, hash, &err) && err == SE_None;
+    auto mismatch = [&, key = pub](const std::vector<char>& s, size_t msgSize, HashType hash) {
+      err = SE_CryptoFailure; // a binding is captured by name: clang before 16 refuses it otherwise
+      return !VerifyDigestAsymmetric(msg.data(), msgSize, s.data(), s.size(), *key, hash, &err) && err == SE_None;
     };
     EXPECT_TRUE(mismatch(flipped, msg.size(), HT_SHA256) && mismatch(truncated, msg.size(), HT_SHA256)) << size;
     EXPECT_TRUE(mismatch(sig, msg.size(), HT_SHA512) && mismatch(sig, msg.size() - 1, HT_SHA256)) << size;

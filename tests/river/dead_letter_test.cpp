@@ -112,9 +112,10 @@ TEST_F(RiverDeadLetterTest, SelectorLeavesOutAndRemovesDocumentsAndFiltersTheFee
     std::vector<std::string> feeds;       // per _changes request: filter=_selector asked, the selector sent
     std::atomic<int64_t> lastPending{-1}; // written on the proxy's threads
     qztest::TestHttpServer proxy;
-    proxy.route("GET", "/",
-                [&](const httplib::Request&, httplib::Response& res) { res.set_content(welcome, "application/json"); });
-    proxy.route("*", "/db.*", [&](const httplib::Request& req, httplib::Response& res) {
+    proxy.route("GET", "/", [&, welcome = welcome](const httplib::Request&, httplib::Response& res) {
+      res.set_content(welcome, "application/json");
+    });
+    proxy.route("*", "/db.*", [&, filtered = filtered](const httplib::Request& req, httplib::Response& res) {
       httplib::Params params = req.params;
       if (auto since = params.find("since"); since != params.end())
         since->second = since->second.substr(0, since->second.find('-'));
