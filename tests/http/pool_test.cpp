@@ -189,7 +189,6 @@ TEST_F(Pool, ParallelUseKeepsConnectionsForItsCallOnly) {
 // Threads borrow and return connections of one pool at once.
 TEST_F(Pool, ThreadsShareOnePool) {
   HttpConnectionPool pool;
-  pool.setMaxPendingConnection(4);
   pool.ensureAtLeastMaxConcurrentConnection(8);
   const qz::Url url(srv.url("/bytes?n=64"));
   std::atomic<int> failures{0};
@@ -207,8 +206,8 @@ TEST_F(Pool, ThreadsShareOnePool) {
   for (auto& t : threads)
     t.join();
   EXPECT_EQ(std::to_string(failures) + " requests " + std::to_string(srv.requestCount()), "0 requests 1600");
-  EXPECT_LE(srv.connectionCount(), 8u + pool.getMaxConcurrentConnection());
-  EXPECT_LE(pool.idleCount(), pool.getMaxConcurrentConnection());
+  EXPECT_TRUE(srv.connectionCount() <= 8u + pool.getMaxConcurrentConnection() &&
+              pool.idleCount() <= pool.getMaxConcurrentConnection());
 }
 
 } // namespace

@@ -45,11 +45,12 @@ std::vector<double> Figures(const HostStatistics& s) {
 
 } // namespace
 
-// The checksum (RFC 1071's example, and an odd length), then replies intact and damaged.
+// The checksum (RFC 1071's example, an odd length, a carry), then replies intact and damaged.
 TEST(IcmpEcho, ParserTakesIntactEchoRepliesOnly) {
-  const unsigned char even[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}, odd[] = {0x01};
-  EXPECT_EQ(InternetChecksum(even, sizeof even), 0x220d);
-  EXPECT_EQ(InternetChecksum(odd, 1), 0xfeff);
+  const unsigned char even[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}, odd[] = {0x01},
+                      carry[] = {0xff, 0xff, 0, 1};
+  EXPECT_EQ(std::tuple(InternetChecksum(even, 8), InternetChecksum(odd, 1), InternetChecksum(carry, 4)),
+            std::tuple(0x220d, 0xfeff, 0xfffe)); // the carry out of 0xffff + 1 folded back
   const Bytes icmp4 = Echo(false, 0), icmp6 = Echo(true, 129), framed = WithIpHeader(icmp4);
   Bytes padded = framed;
   padded.push_back(0xee); // bytes past the IP total length are not part of the message
