@@ -149,11 +149,12 @@ std::string Render(const Url& url, bool displayable) {
     out += ':';
     out.append(digits, std::to_chars(digits, digits + sizeof digits, url.port).ptr);
   }
-  // Appended in place: a URL is rendered for every request.
-  if (!url.pathSegments.empty() && !(url.pathSegments.size() == 1 && url.pathSegments[0].empty())) {
-    out += '/';
-    AppendPath(out, url.pathSegments);
-  }
+  // Appended in place (a URL is rendered for every request); an empty path adds no separator.
+  const size_t pathStart = out.size() + 1;
+  out += '/';
+  AppendPath(out, url.pathSegments);
+  if (out.size() == pathStart)
+    out.pop_back();
   if (!url.queryParameters.empty() || !url.authDbName.empty()) {
     std::string query = url.getQueryParameters(displayable);
     if (!query.empty()) {
