@@ -298,9 +298,8 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
     job->request = std::move(r);
     job->startMs = 0;
     job->anyFamily = job->badRequest = false;
-    Response& resp = job->response;
-    resp.success = resp.timedOut = resp.cancelled = false;
-    resp.httpCode = 0;
+    job->response.success = job->response.timedOut = job->response.cancelled = false;
+    job->response.httpCode = 0;
   } else {
     job = std::make_unique<Private::Job>(std::move(r));
   }
