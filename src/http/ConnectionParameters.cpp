@@ -90,6 +90,11 @@ std::string BodyLimitMessage(long long maxBodyBytes) {
   return "Response body larger than the limit of " + std::to_string(maxBodyBytes) + " bytes";
 }
 
+ProcessDefaults ProcessDefaults::Current() {
+  return {qz::IsVerifySSLCertByDefault(), qz::IsLoopbackCertificateExemption(),
+          int(qz::GetDefaultHostNameResolutionPolicy()), int(qz::GetDefaultProxyPolicy())};
+}
+
 void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,
                                  HttpProxyFinder& proxyFinder, ResolvedParameters& r) {
   r.followLocation = p.followLocation ? 1 : 0;

@@ -47,6 +47,16 @@ struct ResolvedParameters {
   bool operator==(const ResolvedParameters&) const = default;
 };
 
+// The process-wide defaults that ResolveConnectionParameters reads.
+struct ProcessDefaults {
+  bool verifyPeer = true;
+  bool loopbackExempt = true;
+  int resolution = 0;
+  int proxy = 0;
+  static ProcessDefaults Current();
+  bool operator==(const ProcessDefaults&) const = default;
+};
+
 // Fills `out` (its strings' buffers are reused). Logs the invalid manual proxy line when that
 // case arises.
 void ResolveConnectionParameters(const HttpConnection::ConnectionParameters& p, const qz::Url& target,

@@ -2,7 +2,6 @@
 
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/platform/qzLog.h>
-#include <HttpTools/platform/qzSystemUtils.h>
 
 #include <algorithm>
 
@@ -87,7 +86,6 @@ void HttpMultiConnection::Private::admit() {
       finish(std::move(owner));
       continue;
     }
-    owner->startMs = qzSystemUtils::GetTimeBaseMs();
     h->job = std::move(owner);
     if (curl_multi_add_handle(multi.get(), h->easy.get()) != CURLM_OK) {
       h->job->response.error.context = "Fail to setupconnection";
@@ -109,6 +107,7 @@ void HttpMultiConnection::Private::drainInbox() {
     std::lock_guard<std::mutex> lock(mutex);
     added.swap(inbox);
     cancelled.swap(cancels);
+    keepFinishedJobs();
   }
   for (auto& job : added)
     queue.push_back(std::move(job));
@@ -143,7 +142,7 @@ void HttpMultiConnection::Private::cancelRunning(uint64_t id) {
   job->response.httpCode = code;
   job->response.cancelled = true;
   job->response.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
-  finish(std::move(job));
+  finish(std::move(job), h);
 }
 
 void HttpMultiConnection::Private::cancelEverything() {
@@ -193,13 +192,16 @@ void HttpMultiConnection::Private::collectDone() {
         // The preferred family failed for this name: this request tries again with any. The
         // caller's parameters stay as they are.
         job->anyFamily = true;
+        WipeValues(h->headers);
         resp = Response{};
         resp.id = job->id;
         queue.push_front(std::move(job));
         continue;
       }
-      std::string internal = TransferFailedText(code, qzSystemUtils::GetTimeBaseMs() - job->startMs,
-                                                h->applied.totalTimeoutMs, h->applied.maxBodyBytes, job->request.url);
+      curl_off_t elapsedUs = 0;
+      curl_easy_getinfo(e, CURLINFO_TOTAL_TIME_T, &elapsedUs);
+      std::string internal = TransferFailedText(code, int64_t(elapsedUs / 1000), h->applied.totalTimeoutMs,
+                                                h->applied.maxBodyBytes, job->request.url);
       if (!h->callbackError.empty())
         internal += ", " + h->callbackError;
       resp.timedOut = code == CURLE_OPERATION_TIMEDOUT;
@@ -214,11 +216,11 @@ void HttpMultiConnection::Private::collectDone() {
     } else {
       resp.success = true;
     }
-    finish(std::move(job));
+    finish(std::move(job), h);
   }
 }
 
-void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
+void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Handle* from) {
   ++finishedInPass;
   Response& r = job->response;
   if (!r.success) {
@@ -229,41 +231,53 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job) {
       r.error.kind = job->badRequest ? ErrorKind::BadRequest : ErrorKind::LocalIo;
     r.errorMessage = r.error.message();
   }
+  if (from) { // the callback gets the handle's map, and gives back what it leaves of it
+    SettleHeaders(*from);
+    r.headers.swap(from->headers);
+  }
   {
     std::lock_guard<std::mutex> lock(mutex);
     retire(job->id);
   }
   if (job->request.onFinished) {
     try {
-      job->request.onFinished(job->response);
+      job->request.onFinished(r);
     } catch (const std::exception& e) {
       qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw: " << e.what();
     } catch (...) {
       qzLogObject(qzLog::Error, "http") << "HttpMultiConnection: a request callback threw";
     }
   }
-  // What no destructor wipes: header lines, bodies, header values, the rendered URL, messages.
+  // What no destructor wipes: header lines, bodies, header values, messages.
   for (std::string& line : job->request.headers)
     wipe(line);
-  wipe(job->encodedUrl);
   wipe(job->request.body);
-  wipe(job->response.body);
-  keepHeaderNodes(job->response.headers);
-  wipe(job->response.errorMessage);
-  // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
-  // requests would otherwise grow and shrink the heap each time. Only this thread adds to them.
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (spareJobs.size() >= maxInFlight)
-      return; // the job's destructor wipes its URL
+  wipe(r.body);
+  WipeValues(r.headers); // a cookie stays nowhere
+  if (from) {
+    from->headers.swap(r.headers);
+    KeepHeaderOrder(*from);
   }
+  r.headers.clear();
+  wipe(r.errorMessage);
+  // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
+  // requests would otherwise grow and shrink the heap each time. drainInbox hands them on.
+  if (finishedJobs.size() >= maxInFlight)
+    return; // the job's destructor wipes its URL
   job->request.onFinished = nullptr;
   job->request.headers.clear();
   job->request.url.clearUrl(qz::Url::ClearAll); // secrets wiped in place, no temporary to wipe too
-  job->response.error = TransferError();
+  r.error = TransferError();
   job->origin.clear();
-  std::lock_guard<std::mutex> lock(mutex);
-  spareJobs.push_back(std::move(job));
+  finishedJobs.push_back(std::move(job));
+}
+
+void HttpMultiConnection::Private::keepFinishedJobs() {
+  while (!finishedJobs.empty() && spareJobs.size() < maxInFlight) {
+    spareJobs.push_back(std::move(finishedJobs.back()));
+    finishedJobs.pop_back();
+  }
+  finishedJobs.clear();
 }
 
 bool HttpMultiConnection::Private::runCancelled(const bool* cancel) const {
@@ -279,7 +293,10 @@ HttpMultiConnection::HttpMultiConnection(unsigned maxInFlight) : d(std::make_uni
 
 HttpMultiConnection::~HttpMultiConnection() = default;
 
-HttpConnection::ConnectionParameters& HttpMultiConnection::editConnectionParameters() { return d->parameters; }
+HttpConnection::ConnectionParameters& HttpMultiConnection::editConnectionParameters() {
+  ++d->parametersGeneration; // handles resolve them again
+  return d->parameters;
+}
 
 void HttpMultiConnection::setMaxConnectionsPerHost(unsigned n) { d->maxPerHost = n; }
 
@@ -296,14 +313,12 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
   }
   if (job) { // finish() left its buffers empty and its error cleared
     job->request = std::move(r);
-    job->startMs = 0;
     job->anyFamily = job->badRequest = false;
     job->response.success = job->response.timedOut = job->response.cancelled = false;
     job->response.httpCode = 0;
   } else {
     job = std::make_unique<Private::Job>(std::move(r));
   }
-  job->encodedUrl = job->request.url.toEncodedUrl();
   Response& resp = job->response;
   uint64_t id = 0;
   {
@@ -375,6 +390,7 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     return false;
   }
 
+  ++d->parametersGeneration;
   CURLM* m = d->multi.get();
   curl_multi_setopt(m, CURLMOPT_PIPELINING, long(d->multiplexing ? CURLPIPE_MULTIPLEX : CURLPIPE_NOTHING));
   curl_multi_setopt(m, CURLMOPT_MAX_HOST_CONNECTIONS, long(d->multiplexing ? d->maxPerHost : 0));
@@ -392,6 +408,7 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     d->admit();
     if (d->running.empty() && d->queue.empty()) {
       std::lock_guard<std::mutex> lock(d->mutex);
+      d->keepFinishedJobs();
       if (d->inbox.empty() && d->cancels.empty())
         return true;
       continue;

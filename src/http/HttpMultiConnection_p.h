@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,20 +28,18 @@ struct CurlShareDeleter {
 // A finished job's buffers up to this size are kept for the next request; larger ones are
 // released, so that the engine's memory follows what is in flight, not what went through it.
 inline constexpr size_t kKeptBufferBytes = 16 * 1024;
-inline constexpr size_t kKeptHeaderNodesPerSlot = 16; // per request in flight
+
+using HeaderMap = std::map<std::string, std::string>;
 
 class HttpMultiConnection::Private {
 public:
-  using HeaderNode = std::map<std::string, std::string>::node_type;
   struct Job {
     Job() = default;
     explicit Job(Request&& r) : request(std::move(r)) {}
     uint64_t id = 0;
     Request request;
     Response response;
-    std::string encodedUrl;
     std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
-    int64_t startMs = 0;
     bool anyFamily = false;  // retried after the preferred address family failed
     bool badRequest = false; // refused before sending
   };
@@ -54,8 +53,29 @@ public:
     ResolvedParameters applied, resolving; // what the handle holds, what the next request wants
     bool appliedValid = false;
     int multiplexApplied = -1;
-    bool plainGet = false;  // the last request was a GET without body: nothing to undo
-    std::string appliedUrl; // what CURLOPT_URL holds
+    bool plainGet = false; // the last request was a GET without body: nothing to undo
+    // The URL that CURLOPT_URL holds and the parameters were resolved for: a request to the
+    // same URL under the same parameters and defaults renders and resolves nothing.
+    qz::Url url;
+    bool urlValid = false;
+    bool urlAnyFamily = false;
+    uint64_t urlGeneration = 0;
+    ProcessDefaults urlDefaults;
+    // The response being received, its nodes and buffers kept from the handle's earlier ones
+    // (their values wiped after each callback). `order[0, received)`: the entries this response
+    // set, in arrival order, with their names as sent. The entries after them are the last
+    // response's, matched line by line while this one follows it (a server sends the same names
+    // in the same order), which spares lowering the name and looking it up.
+    struct Received {
+      HeaderMap::iterator entry;
+      std::string name;
+    };
+    HeaderMap headers;
+    std::vector<Received> order;
+    size_t received = 0;
+    bool inOrder = true;
+    std::vector<const void*> nodes; // the map's nodes handed to the callback
+    std::string headerName;
     std::unique_ptr<Job> job;
     Private* engine = nullptr;
     std::string callbackError; // set when a data callback had to abort the transfer
@@ -81,21 +101,21 @@ public:
   void admit();
   void drainInbox();
   void collectDone();
-  void finish(std::unique_ptr<Job> job);
+  // `from`: the handle that ran the job, whose header map the callback gets.
+  void finish(std::unique_ptr<Job> job, Handle* from = nullptr);
+  void keepFinishedJobs(); // under the mutex
+  static void StartHeaders(Handle& h) {
+    h.received = 0;
+    h.inOrder = true;
+  }
+  // Drops the entries of the handle's map that the last response did not set, and notes its nodes.
+  static void SettleHeaders(Handle& h);
+  // After the callback: the order is kept for the next response when the map has the same nodes.
+  static void KeepHeaderOrder(Handle& h);
+  static void WipeValues(HeaderMap& headers);
   void cancelRunning(uint64_t id);
   void cancelEverything();
   bool runCancelled(const bool* cancel) const;
-  // Moves a response's header nodes to the spares, as many as the requests in flight may need.
-  void keepHeaderNodes(std::map<std::string, std::string>& headers) {
-    while (!headers.empty() && spareHeaders.size() < maxInFlight * kKeptHeaderNodesPerSlot) {
-      HeaderNode node = headers.extract(headers.begin());
-      std::fill(node.mapped().begin(), node.mapped().end(), '\0'); // a cookie stays nowhere
-      if (node.key().capacity() + node.mapped().capacity() <= kKeptBufferBytes)
-        spareHeaders.push_back(std::move(node));
-    }
-    headers.clear();
-  }
-
   static size_t onWrite(char* data, size_t size, size_t count, void* user);
   static size_t onHeader(char* data, size_t size, size_t count, void* user);
   static int onDebug(CURL*, curl_infotype type, char* data, size_t size, void*);
@@ -106,14 +126,15 @@ public:
   unsigned maxInFlight;
   unsigned maxPerHost = 0;
   bool multiplexing = false;
+  uint64_t parametersGeneration = 1; // changes whenever the parameters may have
+
   std::unique_ptr<CURLSH, CurlShareDeleter> share;
   std::unique_ptr<CURLM, CurlMultiDeleter> multi;
   std::vector<std::unique_ptr<Handle>> owned; // every handle ever made and not dropped
   std::vector<Handle*> idle;
   std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
   std::deque<std::unique_ptr<Job>> queue;
-  // Header map nodes of earlier responses, reused with their strings' buffers.
-  std::vector<HeaderNode> spareHeaders;
+  std::vector<std::unique_ptr<Job>> finishedJobs; // kept for their memory, handed to spareJobs in batches
   std::unordered_map<std::string, unsigned> perOrigin;
   uint64_t connections = 0;
   size_t finishedInPass = 0;

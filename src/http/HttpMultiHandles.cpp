@@ -1,7 +1,9 @@
 #include <HttpTools/http/HttpMultiConnection_p.h>
 
 #include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzOpenSSL.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <strings.h>
@@ -16,12 +18,48 @@ namespace {
 // The C locale's white space, without a locale lookup per byte: this runs for every header line.
 inline bool blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-void assignTrimmed(std::string& out, const char* begin, const char* end) {
+inline void trim(const char*& begin, const char*& end) {
   while (begin < end && blank(*begin))
     ++begin;
   while (end > begin && blank(end[-1]))
     --end;
+}
+
+// "Name: value\r\n" split at the first ':', both parts trimmed; false without a ':'.
+bool splitHeader(const char* line, size_t length, const char* (&name)[2], const char* (&value)[2]) {
+  const char* colon = line ? static_cast<const char*>(std::memchr(line, ':', length)) : nullptr;
+  if (!colon)
+    return false;
+  name[0] = line;
+  name[1] = colon;
+  value[0] = colon + 1;
+  value[1] = line + length;
+  trim(name[0], name[1]);
+  trim(value[0], value[1]);
+  return true;
+}
+
+void assignLowered(std::string& out, const char* begin, const char* end) {
   out.assign(begin, end);
+  for (char& c : out) // ASCII only, as header names are
+    if (c >= 'A' && c <= 'Z')
+      c = char(c - 'A' + 'a');
+}
+
+// Mostly the same length as the value it writes over: then a copy, no reallocation.
+void assignValue(std::string& out, const char* begin, const char* end) {
+  const size_t length = size_t(end - begin);
+  if (length == out.size())
+    std::copy(begin, end, out.begin());
+  else
+    out.assign(begin, end);
+}
+
+// Every field that the rendered URL is made of.
+bool sameRendering(const qz::Url& a, const qz::Url& b) {
+  return a.port == b.port && a.host == b.host && a.pathSegments == b.pathSegments &&
+         a.queryParameters == b.queryParameters && a.scheme == b.scheme && a.user == b.user &&
+         a.password == b.password && a.authDbName == b.authDbName;
 }
 
 enum MultiMethod { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDelete = 4, MethodHead = 5 };
@@ -76,16 +114,32 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
   CURL* e = h.easy.get();
   const Request& r = job.request;
   int rc = 0;
-  ResolveConnectionParameters(parameters, r.url, proxyFinder, h.resolving);
-  if (job.anyFamily)
-    h.resolving.ipResolve = CURL_IPRESOLVE_WHATEVER;
-  if (!(h.appliedValid && h.resolving == h.applied)) {
-    h.appliedValid = false;
-    rc |= ApplyResolvedParameters(e, h.resolving);
+  StartHeaders(h);
+  const ProcessDefaults defaults = ProcessDefaults::Current();
+  if (!(h.urlValid && h.urlGeneration == parametersGeneration && h.urlAnyFamily == job.anyFamily &&
+        h.urlDefaults == defaults && sameRendering(h.url, r.url))) {
+    h.urlValid = false;
+    ResolveConnectionParameters(parameters, r.url, proxyFinder, h.resolving);
+    if (job.anyFamily)
+      h.resolving.ipResolve = CURL_IPRESOLVE_WHATEVER;
+    if (!(h.appliedValid && h.resolving == h.applied)) {
+      h.appliedValid = false;
+      rc |= ApplyResolvedParameters(e, h.resolving);
+      if (rc != 0)
+        return false;
+      std::swap(h.applied, h.resolving);
+      h.appliedValid = true;
+    }
+    std::string encoded = r.url.toEncodedUrl();
+    rc |= curl_easy_setopt(e, CURLOPT_URL, encoded.c_str()); // libcurl keeps a copy
+    qzOpenSSL::WipeString(encoded);
     if (rc != 0)
       return false;
-    std::swap(h.applied, h.resolving);
-    h.appliedValid = true;
+    h.url = r.url;
+    h.urlGeneration = parametersGeneration;
+    h.urlAnyFamily = job.anyFamily;
+    h.urlDefaults = defaults;
+    h.urlValid = true;
   }
   if (h.multiplexApplied != int(multiplexing)) {
     rc |=
@@ -160,15 +214,8 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
   const long timeoutMs = r.timeoutMs > 0 ? r.timeoutMs : std::max(0L, parameters.totalTimeoutMs);
   rc |= curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, timeoutMs);
   h.maxBodyBytes = parameters.maxBodyBytes;
-  if (job.encodedUrl != h.appliedUrl) {
-    h.appliedUrl.clear();
-    rc |= curl_easy_setopt(e, CURLOPT_URL, job.encodedUrl.c_str());
-    h.appliedUrl = job.encodedUrl;
-  }
-  if (rc != 0) {
+  if (rc != 0)
     h.plainGet = false;
-    h.appliedUrl.clear();
-  }
   if (rc != 0 && job.response.error.context.empty()) {
     job.response.error.context = "Error while setting connection parameters";
     job.response.error.curlText = h.errorBuffer;
@@ -197,37 +244,75 @@ size_t HttpMultiConnection::Private::onWrite(char* data, size_t size, size_t cou
 size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t count, void* user) {
   auto* h = static_cast<Handle*>(user);
   const size_t n = size * count;
+  if (n >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
+    StartHeaders(*h);
+    return n;
+  }
+  const char *name[2], *value[2];
+  if (!splitHeader(data, n, name, value) || name[0] == name[1])
+    return n;
   try {
-    Job& job = *h->job;
-    if (n >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-      h->engine->keepHeaderNodes(job.response.headers);
+    auto& order = h->order;
+    const size_t length = size_t(name[1] - name[0]);
+    if (h->inOrder && h->received < order.size() && order[h->received].name.size() == length &&
+        std::memcmp(order[h->received].name.data(), name[0], length) == 0) {
+      // Entries in `order` are distinct: no repeated name to check.
+      assignValue(order[h->received++].entry->second, value[0], value[1]);
       return n;
     }
-    // Parsed straight into a node kept from an earlier response when there is one.
-    std::vector<HeaderNode>& spares = h->engine->spareHeaders;
-    HeaderNode node = spares.empty() ? HeaderNode() : std::move(spares.back());
-    if (!spares.empty())
-      spares.pop_back();
-    if (node.empty()) {
-      std::string name, value;
-      ParseHttpHeader(data, static_cast<unsigned long>(n), name, value);
-      if (!name.empty())
-        job.response.headers.emplace(std::move(name), std::move(value));
-      return n;
+    h->inOrder = false;
+    order.resize(h->received);
+    assignLowered(h->headerName, name[0], name[1]);
+    auto it = h->headers.find(h->headerName);
+    if (it == h->headers.end()) {
+      it = h->headers.emplace(h->headerName, std::string(value[0], value[1])).first;
+    } else {
+      for (const auto& r : order)
+        if (r.entry == it)
+          return n; // a repeated name: the first one stays
+      assignValue(it->second, value[0], value[1]);
     }
-    ParseHttpHeader(data, static_cast<unsigned long>(n), node.key(), node.mapped());
-    if (node.key().empty()) {
-      spares.push_back(std::move(node));
-      return n;
-    }
-    auto inserted = job.response.headers.insert(std::move(node));
-    if (!inserted.inserted) // a repeated name: the first one stays
-      spares.push_back(std::move(inserted.node));
+    order.push_back({it, std::string(name[0], name[1])});
+    ++h->received;
   } catch (const std::exception& e) {
     h->callbackError = std::string("cannot keep the headers: ") + e.what();
     return 0;
   }
   return n;
+}
+
+void HttpMultiConnection::Private::SettleHeaders(Handle& h) {
+  h.order.resize(h.received); // the last response's entries this one did not set go
+  if (h.order.size() != h.headers.size()) {
+    for (auto it = h.headers.begin(); it != h.headers.end();) {
+      if (std::any_of(h.order.begin(), h.order.end(), [&](const Handle::Received& r) { return r.entry == it; })) {
+        ++it;
+        continue;
+      }
+      std::fill(it->second.begin(), it->second.end(), '\0');
+      it = h.headers.erase(it);
+    }
+  }
+  h.nodes.clear();
+  for (const auto& entry : h.headers)
+    h.nodes.push_back(&entry);
+}
+
+void HttpMultiConnection::Private::KeepHeaderOrder(Handle& h) {
+  // The callback may have moved, cleared or edited the map: `order` is only trusted when the map
+  // holds the very nodes it had.
+  bool same = h.headers.size() == h.nodes.size();
+  size_t i = 0;
+  for (auto it = h.headers.begin(); same && it != h.headers.end(); ++it)
+    same = &*it == h.nodes[i++];
+  if (!same)
+    h.order.clear();
+}
+
+void HttpMultiConnection::Private::WipeValues(HeaderMap& headers) {
+  // Each value's tail beyond its size was wiped after the callback of the value it held then.
+  for (auto& entry : headers)
+    std::fill(entry.second.begin(), entry.second.end(), '\0');
 }
 
 int HttpMultiConnection::Private::onDebug(CURL*, curl_infotype type, char* data, size_t size, void* handle) {
@@ -252,16 +337,11 @@ void HttpMultiConnection::ParseHttpHeader(const char* line, unsigned long length
                                           std::string& value) {
   name.clear();
   value.clear();
-  if (!line)
+  const char *n[2], *v[2];
+  if (!splitHeader(line, length, n, v))
     return;
-  const char* colon = static_cast<const char*>(std::memchr(line, ':', length));
-  if (!colon)
-    return;
-  assignTrimmed(name, line, colon);
-  for (char& c : name) // ASCII only, as header names are
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  assignTrimmed(value, colon + 1, line + length);
+  assignLowered(name, n[0], n[1]);
+  value.assign(v[0], v[1]);
 }
 
 } // namespace qz::http

@@ -69,13 +69,4 @@ int ParseOpenSSLVersionString(const std::string& text) {
 
 std::string VersionText() { return OpenSSL_version(OPENSSL_VERSION); }
 
-void WipeString(std::string& s) {
-  // One fill of the whole buffer, capacity and not only size (no reallocation). The barrier keeps
-  // the compiler from dropping the stores to a string about to be cleared. Cheaper than
-  // OPENSSL_cleanse per call, which counts: every Url copy, move and destruction wipes four.
-  s.assign(s.capacity(), '\0');
-  __asm__ __volatile__("" : : "r"(s.data()) : "memory");
-  s.clear();
-}
-
 } // namespace qz::qzOpenSSL

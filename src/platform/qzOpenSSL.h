@@ -2,6 +2,7 @@
 
 #include <HttpTools/platform/Export.h>
 
+#include <cstring>
 #include <string>
 
 namespace qz::qzOpenSSL {
@@ -20,6 +21,19 @@ HTTPTOOLS_API std::string VersionText();
 
 /// Overwrites the whole buffer of `s` (capacity, not only size) with zeros and empties it; for
 /// strings that held a secret.
-HTTPTOOLS_API void WipeString(std::string& s);
+inline void WipeString(std::string& s) {
+  // A string always owns capacity() + 1 bytes. An inline buffer (names, ports, short secrets)
+  // is one constant-size fill. The barrier keeps the compiler from dropping stores to a string
+  // about to be cleared. Inline: every Url copy, move and destruction wipes four strings.
+  char* p = s.data();
+  const size_t n = s.capacity() + 1;
+  constexpr size_t kInline = 16; // libstdc++'s, terminator included
+  if (n == kInline)
+    std::memset(p, 0, kInline);
+  else
+    std::memset(p, 0, n);
+  __asm__ __volatile__("" : : "r"(p) : "memory");
+  s.clear();
+}
 
 } // namespace qz::qzOpenSSL
