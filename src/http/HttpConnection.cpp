@@ -154,13 +154,15 @@ int ApplyConnectionOptions(CURL* h) {
 
 namespace {
 
+// Any case, ASCII only (no locale call: this runs for every request).
 bool isHttpScheme(const std::string& scheme) {
-  auto same = [&](const char* s) {
-    return scheme.size() == std::strlen(s) && std::equal(scheme.begin(), scheme.end(), s, [](char a, char b) {
-             return std::tolower((unsigned char)a) == b;
-           });
-  };
-  return same("http") || same("https");
+  static const char kHttps[] = "https";
+  if (scheme.size() != 4 && scheme.size() != 5)
+    return false;
+  for (size_t i = 0; i < scheme.size(); ++i)
+    if ((scheme[i] | 0x20) != kHttps[i])
+      return false;
+  return true;
 }
 
 // Under a cancel token the transfer runs where cancel() can wake it; the connection keeps that

@@ -68,14 +68,14 @@ void HttpMultiConnection::Private::admit() {
       refusal = "Header line with CR or LF refused, nothing sent: " + qz::qzLog::EscapeControls(*bad);
     if (!refusal.empty()) {
       owner->badRequest = true;
-      owner->response.error.context = std::move(refusal);
-      finish(std::move(owner));
+      loose.error.context = std::move(refusal);
+      finish(std::move(owner), loose);
       continue;
     }
     Handle* h = takeHandle();
     if (!h) {
-      owner->response.error.context = "Fail to setupconnection";
-      finish(std::move(owner));
+      loose.error.context = "Fail to setupconnection";
+      finish(std::move(owner), loose);
       continue;
     }
     h->errorBuffer[0] = 0;
@@ -83,15 +83,15 @@ void HttpMultiConnection::Private::admit() {
     if (!prepare(*h, *owner)) {
       // A handle that refused an option is not trusted again.
       owned.erase(std::find_if(owned.begin(), owned.end(), [h](const auto& p) { return p.get() == h; }));
-      finish(std::move(owner));
+      finish(std::move(owner), loose);
       continue;
     }
     h->job = std::move(owner);
     if (curl_multi_add_handle(multi.get(), h->easy.get()) != CURLM_OK) {
-      h->job->response.error.context = "Fail to setupconnection";
+      loose.error.context = "Fail to setupconnection";
       std::unique_ptr<Job> failed = std::move(h->job);
       idle.push_back(h);
-      finish(std::move(failed));
+      finish(std::move(failed), loose);
       continue;
     }
     running.push_back(h);
@@ -121,9 +121,9 @@ void HttpMultiConnection::Private::drainInbox() {
       continue; // finished meanwhile
     std::unique_ptr<Job> job = std::move(*it);
     queue.erase(it);
-    job->response.cancelled = true;
-    job->response.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
-    finish(std::move(job));
+    loose.cancelled = true;
+    loose.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
+    finish(std::move(job), loose);
   }
 }
 
@@ -139,10 +139,10 @@ void HttpMultiConnection::Private::cancelRunning(uint64_t id) {
   idle.push_back(h);
   long code = 0;
   curl_easy_getinfo(h->easy.get(), CURLINFO_RESPONSE_CODE, &code);
-  job->response.httpCode = code;
-  job->response.cancelled = true;
-  job->response.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
-  finish(std::move(job), h);
+  h->response.httpCode = code;
+  h->response.cancelled = true;
+  h->response.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
+  finish(std::move(job), h->response, h);
 }
 
 void HttpMultiConnection::Private::cancelEverything() {
@@ -176,7 +176,7 @@ void HttpMultiConnection::Private::collectDone() {
       --perOrigin[job->origin];
     idle.push_back(h);
 
-    Response& resp = job->response;
+    Response& resp = h->response;
     long httpCode = 0, connects = 0;
     curl_easy_getinfo(e, CURLINFO_RESPONSE_CODE, &httpCode);
     curl_easy_getinfo(e, CURLINFO_NUM_CONNECTS, &connects);
@@ -192,9 +192,8 @@ void HttpMultiConnection::Private::collectDone() {
         // The preferred family failed for this name: this request tries again with any. The
         // caller's parameters stay as they are.
         job->anyFamily = true;
-        WipeValues(h->headers);
-        resp = Response{};
-        resp.id = job->id;
+        WipeValues(resp.headers);
+        resetResponse(resp);
         queue.push_front(std::move(job));
         continue;
       }
@@ -216,13 +215,13 @@ void HttpMultiConnection::Private::collectDone() {
     } else {
       resp.success = true;
     }
-    finish(std::move(job), h);
+    finish(std::move(job), resp, h);
   }
 }
 
-void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Handle* from) {
+void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Response& r, Handle* from) {
   ++finishedInPass;
-  Response& r = job->response;
+  r.id = job->id;
   if (!r.success) {
     r.error.httpStatus = r.httpCode;
     if (r.cancelled)
@@ -231,10 +230,8 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Handle* from
       r.error.kind = job->badRequest ? ErrorKind::BadRequest : ErrorKind::LocalIo;
     r.errorMessage = r.error.message();
   }
-  if (from) { // the callback gets the handle's map, and gives back what it leaves of it
+  if (from)
     SettleHeaders(*from);
-    r.headers.swap(from->headers);
-  }
   {
     std::lock_guard<std::mutex> lock(mutex);
     retire(job->id);
@@ -253,23 +250,36 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Handle* from
     wipe(line);
   wipe(job->request.body);
   wipe(r.body);
-  WipeValues(r.headers); // a cookie stays nowhere
   if (from) {
-    from->headers.swap(r.headers);
-    KeepHeaderOrder(*from);
+    WipeAndKeepOrder(*from);
+  } else {
+    WipeValues(r.headers);
+    r.headers.clear();
   }
-  r.headers.clear();
   wipe(r.errorMessage);
+  resetResponse(r);
   // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
   // requests would otherwise grow and shrink the heap each time. drainInbox hands them on.
-  if (finishedJobs.size() >= maxInFlight)
+  if (finishedJobs.size() + sparesSeen >= maxInFlight)
     return; // the job's destructor wipes its URL
   job->request.onFinished = nullptr;
   job->request.headers.clear();
   job->request.url.clearUrl(qz::Url::ClearAll); // secrets wiped in place, no temporary to wipe too
-  r.error = TransferError();
   job->origin.clear();
   finishedJobs.push_back(std::move(job));
+}
+
+void HttpMultiConnection::Private::resetResponse(Response& r) {
+  r.success = r.timedOut = r.cancelled = false;
+  r.httpCode = 0;
+  r.body.clear();
+  r.errorMessage.clear();
+  r.error.kind = ErrorKind::None; // its buffers kept: a callback may have written anything there
+  r.error.curlCode = 0;
+  r.error.httpStatus = 0;
+  r.error.reason.clear();
+  r.error.context.clear();
+  r.error.curlText.clear();
 }
 
 void HttpMultiConnection::Private::keepFinishedJobs() {
@@ -278,6 +288,7 @@ void HttpMultiConnection::Private::keepFinishedJobs() {
     finishedJobs.pop_back();
   }
   finishedJobs.clear();
+  sparesSeen = spareJobs.size();
 }
 
 bool HttpMultiConnection::Private::runCancelled(const bool* cancel) const {
@@ -311,22 +322,19 @@ uint64_t HttpMultiConnection::addRequest(Request r) {
       d->spareJobs.pop_back();
     }
   }
-  if (job) { // finish() left its buffers empty and its error cleared
+  if (job) { // finish() left its buffers empty
     job->request = std::move(r);
     job->anyFamily = job->badRequest = false;
-    job->response.success = job->response.timedOut = job->response.cancelled = false;
-    job->response.httpCode = 0;
   } else {
     job = std::make_unique<Private::Job>(std::move(r));
   }
-  Response& resp = job->response;
   uint64_t id = 0;
   {
     std::lock_guard<std::mutex> lock(d->mutex);
     id = d->liveBase + d->liveWindow.size();
     d->liveWindow.push_back(true);
     ++d->liveCount;
-    job->id = resp.id = id;
+    job->id = id;
     d->inbox.push_back(std::move(job));
   }
   wakeup();
@@ -384,8 +392,8 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     while (!d->queue.empty()) {
       std::unique_ptr<Private::Job> job = std::move(d->queue.front());
       d->queue.pop_front();
-      job->response.error.context = d->multi ? "HttpTools library not initialized." : "Fail to setupconnection";
-      d->finish(std::move(job));
+      d->loose.error.context = d->multi ? "HttpTools library not initialized." : "Fail to setupconnection";
+      d->finish(std::move(job), d->loose);
     }
     return false;
   }

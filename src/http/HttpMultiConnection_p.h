@@ -38,7 +38,6 @@ public:
     explicit Job(Request&& r) : request(std::move(r)) {}
     uint64_t id = 0;
     Request request;
-    Response response;
     std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
     bool anyFamily = false;  // retried after the preferred address family failed
     bool badRequest = false; // refused before sending
@@ -54,6 +53,7 @@ public:
     bool appliedValid = false;
     int multiplexApplied = -1;
     bool plainGet = false; // the last request was a GET without body: nothing to undo
+    long timeoutApplied = -1;
     // The URL that CURLOPT_URL holds and the parameters were resolved for: a request to the
     // same URL under the same parameters and defaults renders and resolves nothing.
     qz::Url url;
@@ -70,7 +70,7 @@ public:
       HeaderMap::iterator entry;
       std::string name;
     };
-    HeaderMap headers;
+    Response response; // of the running request; its header map is kept as said above
     std::vector<Received> order;
     size_t received = 0;
     bool inOrder = true;
@@ -101,8 +101,10 @@ public:
   void admit();
   void drainInbox();
   void collectDone();
-  // `from`: the handle that ran the job, whose header map the callback gets.
-  void finish(std::unique_ptr<Job> job, Handle* from = nullptr);
+  // Calls the job back with `r`: the response of `from`, the handle that ran it, or `loose` when
+  // none did. Leaves `r` ready for the next request.
+  void finish(std::unique_ptr<Job> job, Response& r, Handle* from = nullptr);
+  static void resetResponse(Response& r);
   void keepFinishedJobs(); // under the mutex
   static void StartHeaders(Handle& h) {
     h.received = 0;
@@ -110,8 +112,9 @@ public:
   }
   // Drops the entries of the handle's map that the last response did not set, and notes its nodes.
   static void SettleHeaders(Handle& h);
-  // After the callback: the order is kept for the next response when the map has the same nodes.
-  static void KeepHeaderOrder(Handle& h);
+  // After the callback: wipes the values, and keeps the order for the next response when the map
+  // has the same nodes.
+  static void WipeAndKeepOrder(Handle& h);
   static void WipeValues(HeaderMap& headers);
   void cancelRunning(uint64_t id);
   void cancelEverything();
@@ -135,6 +138,8 @@ public:
   std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
   std::deque<std::unique_ptr<Job>> queue;
   std::vector<std::unique_ptr<Job>> finishedJobs; // kept for their memory, handed to spareJobs in batches
+  size_t sparesSeen = 0; // spareJobs' size when last handed some: only other threads shrink it
+  Response loose; // of a request that ends before a handle runs it
   std::unordered_map<std::string, unsigned> perOrigin;
   uint64_t connections = 0;
   size_t finishedInPass = 0;

@@ -179,7 +179,7 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
     sendBody = false;
     break;
   default:
-    job.response.error.context = "Unknown method " + std::to_string(r.method);
+    loose.error.context = "Unknown method " + std::to_string(r.method);
     return false;
   }
   if (sendBody) {
@@ -209,16 +209,20 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
       h.headerLines.clear();
     rc |= set;
   }
-  // The request's own time-out replaces the parameters' one; set on every request, so the
-  // handle never keeps a previous request's value.
+  // The request's own time-out replaces the parameters' one, so the handle never keeps a
+  // previous request's value.
   const long timeoutMs = r.timeoutMs > 0 ? r.timeoutMs : std::max(0L, parameters.totalTimeoutMs);
-  rc |= curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, timeoutMs);
+  if (timeoutMs != h.timeoutApplied) {
+    const CURLcode set = curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, timeoutMs);
+    h.timeoutApplied = set == CURLE_OK ? timeoutMs : -1;
+    rc |= set;
+  }
   h.maxBodyBytes = parameters.maxBodyBytes;
   if (rc != 0)
     h.plainGet = false;
-  if (rc != 0 && job.response.error.context.empty()) {
-    job.response.error.context = "Error while setting connection parameters";
-    job.response.error.curlText = h.errorBuffer;
+  if (rc != 0 && loose.error.context.empty()) {
+    loose.error.context = "Error while setting connection parameters";
+    loose.error.curlText = h.errorBuffer;
   }
   return rc == 0;
 }
@@ -226,7 +230,7 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
 size_t HttpMultiConnection::Private::onWrite(char* data, size_t size, size_t count, void* user) {
   auto* h = static_cast<Handle*>(user);
   const size_t n = size * count;
-  std::string& body = h->job->response.body;
+  std::string& body = h->response.body;
   if (h->maxBodyBytes > 0 && body.size() + n > h->maxBodyBytes) {
     h->callbackError = BodyLimitMessage(static_cast<long long>(h->maxBodyBytes));
     return 0;
@@ -244,6 +248,19 @@ size_t HttpMultiConnection::Private::onWrite(char* data, size_t size, size_t cou
 size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t count, void* user) {
   auto* h = static_cast<Handle*>(user);
   const size_t n = size * count;
+  auto& order = h->order;
+  if (h->inOrder && h->received < order.size()) {
+    // The next line of the last response's order: "<name>:" as sent then. Entries in `order`
+    // are distinct, so there is no repeated name to check.
+    const std::string& expected = order[h->received].name;
+    const size_t length = expected.size();
+    if (n > length && data[length] == ':' && std::memcmp(data, expected.data(), length) == 0) {
+      const char *value = data + length + 1, *end = data + n;
+      trim(value, end);
+      assignValue(order[h->received++].entry->second, value, end);
+      return n;
+    }
+  }
   if (n >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
     StartHeaders(*h);
     return n;
@@ -252,20 +269,12 @@ size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t co
   if (!splitHeader(data, n, name, value) || name[0] == name[1])
     return n;
   try {
-    auto& order = h->order;
-    const size_t length = size_t(name[1] - name[0]);
-    if (h->inOrder && h->received < order.size() && order[h->received].name.size() == length &&
-        std::memcmp(order[h->received].name.data(), name[0], length) == 0) {
-      // Entries in `order` are distinct: no repeated name to check.
-      assignValue(order[h->received++].entry->second, value[0], value[1]);
-      return n;
-    }
     h->inOrder = false;
     order.resize(h->received);
     assignLowered(h->headerName, name[0], name[1]);
-    auto it = h->headers.find(h->headerName);
-    if (it == h->headers.end()) {
-      it = h->headers.emplace(h->headerName, std::string(value[0], value[1])).first;
+    auto it = h->response.headers.find(h->headerName);
+    if (it == h->response.headers.end()) {
+      it = h->response.headers.emplace(h->headerName, std::string(value[0], value[1])).first;
     } else {
       for (const auto& r : order)
         if (r.entry == it)
@@ -283,28 +292,29 @@ size_t HttpMultiConnection::Private::onHeader(char* data, size_t size, size_t co
 
 void HttpMultiConnection::Private::SettleHeaders(Handle& h) {
   h.order.resize(h.received); // the last response's entries this one did not set go
-  if (h.order.size() != h.headers.size()) {
-    for (auto it = h.headers.begin(); it != h.headers.end();) {
+  if (h.order.size() != h.response.headers.size()) {
+    for (auto it = h.response.headers.begin(); it != h.response.headers.end();) {
       if (std::any_of(h.order.begin(), h.order.end(), [&](const Handle::Received& r) { return r.entry == it; })) {
         ++it;
         continue;
       }
       std::fill(it->second.begin(), it->second.end(), '\0');
-      it = h.headers.erase(it);
+      it = h.response.headers.erase(it);
     }
   }
   h.nodes.clear();
-  for (const auto& entry : h.headers)
-    h.nodes.push_back(&entry);
+  for (const Handle::Received& r : h.order)
+    h.nodes.push_back(&*r.entry);
 }
 
-void HttpMultiConnection::Private::KeepHeaderOrder(Handle& h) {
+void HttpMultiConnection::Private::WipeAndKeepOrder(Handle& h) {
   // The callback may have moved, cleared or edited the map: `order` is only trusted when the map
   // holds the very nodes it had.
-  bool same = h.headers.size() == h.nodes.size();
-  size_t i = 0;
-  for (auto it = h.headers.begin(); same && it != h.headers.end(); ++it)
-    same = &*it == h.nodes[i++];
+  bool same = h.response.headers.size() == h.nodes.size(); // and `nodes` are distinct
+  for (auto& entry : h.response.headers) {
+    std::fill(entry.second.begin(), entry.second.end(), '\0'); // a cookie stays nowhere
+    same = same && std::find(h.nodes.begin(), h.nodes.end(), &entry) != h.nodes.end();
+  }
   if (!same)
     h.order.clear();
 }

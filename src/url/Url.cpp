@@ -71,8 +71,13 @@ Url::Url(Url&& other) noexcept
     : scheme(std::move(other.scheme)), user(std::move(other.user)), password(std::move(other.password)),
       host(std::move(other.host)), authDbName(std::move(other.authDbName)), ipAddress(std::move(other.ipAddress)),
       queryParameters(std::move(other.queryParameters)), pathSegments(std::move(other.pathSegments)), port(other.port) {
-  // A short secret may stay behind in the source's inline buffer.
-  other.clearUrl(ClearAll);
+  // A short secret may stay behind in the source's inline buffer. The lists are empty now.
+  other.scheme.clear();
+  WipeString(other.user);
+  WipeString(other.password);
+  WipeString(other.host);
+  WipeString(other.authDbName);
+  other.port = 0;
 }
 
 Url& Url::operator=(const Url& other) {
