@@ -2,6 +2,7 @@
 
 #include <HttpTools/frame/HttpToolsLib.h>
 #include <HttpTools/platform/qzLog.h>
+#include <HttpTools/platform/qzSystemUtils.h>
 
 #include <algorithm>
 
@@ -61,7 +62,7 @@ void HttpMultiConnection::Private::admit() {
       ++it;
       continue;
     }
-    std::unique_ptr<Job> owner = std::move(*it);
+    JobPtr owner = std::move(*it);
     it = queue.erase(it);
     std::string refusal = SchemeRefusal(owner->request.url.scheme);
     if (const std::string* bad = lineWithBreak(owner->request.headers); bad && refusal.empty())
@@ -89,7 +90,7 @@ void HttpMultiConnection::Private::admit() {
     h->job = std::move(owner);
     if (curl_multi_add_handle(multi.get(), h->easy.get()) != CURLM_OK) {
       loose.error.context = "Fail to setupconnection";
-      std::unique_ptr<Job> failed = std::move(h->job);
+      JobPtr failed = std::move(h->job);
       idle.push_back(h);
       finish(std::move(failed), loose);
       continue;
@@ -101,13 +102,18 @@ void HttpMultiConnection::Private::admit() {
 }
 
 void HttpMultiConnection::Private::drainInbox() {
-  std::vector<std::unique_ptr<Job>> added;
+  std::vector<JobPtr> added;
   std::vector<uint64_t> cancelled;
   {
     std::lock_guard<std::mutex> lock(mutex);
     added.swap(inbox);
     cancelled.swap(cancels);
-    keepFinishedJobs();
+    giveBackJobs();
+    const int64_t now = qzSystemUtils::GetTimeBaseMs();
+    if (now - lastTrimMs >= 1000) {
+      jobSlots.trim();
+      lastTrimMs = now;
+    }
   }
   for (auto& job : added)
     queue.push_back(std::move(job));
@@ -119,7 +125,7 @@ void HttpMultiConnection::Private::drainInbox() {
     auto it = std::find_if(queue.begin(), queue.end(), [id](const auto& j) { return j->id == id; });
     if (it == queue.end())
       continue; // finished meanwhile
-    std::unique_ptr<Job> job = std::move(*it);
+    JobPtr job = std::move(*it);
     queue.erase(it);
     loose.cancelled = true;
     loose.error.context = "Request cancelled, " + job->request.url.toDisplayableUrl();
@@ -133,7 +139,7 @@ void HttpMultiConnection::Private::cancelRunning(uint64_t id) {
   forgetRunning(it);
   // Taken out mid-transfer: libcurl closes that connection and the handle is as good as new.
   curl_multi_remove_handle(multi.get(), h->easy.get());
-  std::unique_ptr<Job> job = std::move(h->job);
+  JobPtr job = std::move(h->job);
   if (maxPerHost > 0 && !multiplexing)
     --perOrigin[job->origin];
   idle.push_back(h);
@@ -170,7 +176,7 @@ void HttpMultiConnection::Private::collectDone() {
     Handle* h = nullptr;
     curl_easy_getinfo(e, CURLINFO_PRIVATE, reinterpret_cast<char**>(&h));
     curl_multi_remove_handle(multi.get(), e);
-    std::unique_ptr<Job> job = std::move(h->job);
+    JobPtr job = std::move(h->job);
     forgetRunning(std::find(running.begin(), running.end(), h));
     if (maxPerHost > 0 && !multiplexing)
       --perOrigin[job->origin];
@@ -219,7 +225,7 @@ void HttpMultiConnection::Private::collectDone() {
   }
 }
 
-void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Response& r, Handle* from) {
+void HttpMultiConnection::Private::finish(JobPtr job, Response& r, Handle* from) {
   ++finishedInPass;
   r.id = job->id;
   if (!r.success) {
@@ -258,16 +264,7 @@ void HttpMultiConnection::Private::finish(std::unique_ptr<Job> job, Response& r,
   }
   wipe(r.errorMessage);
   resetResponse(r);
-  // A few jobs are kept for the next requests, with their small buffers: a run of a thousand
-  // requests would otherwise grow and shrink the heap each time. drainInbox hands them on.
-  if (finishedJobs.size() + sparesSeen >= maxInFlight)
-    return; // the job's destructor wipes its URL
-  job->request.onFinished = nullptr;
-  job->request.headers.clear();
-  job->request.url.clearUrl(qz::Url::ClearAll); // secrets wiped in place, no temporary to wipe too
-  job->origin.clear();
-  finishedJobs.push_back(std::move(job));
-}
+} // the job's destructor wipes its URL
 
 void HttpMultiConnection::Private::resetResponse(Response& r) {
   r.success = r.timedOut = r.cancelled = false;
@@ -280,15 +277,6 @@ void HttpMultiConnection::Private::resetResponse(Response& r) {
   r.error.reason.clear();
   r.error.context.clear();
   r.error.curlText.clear();
-}
-
-void HttpMultiConnection::Private::keepFinishedJobs() {
-  while (!finishedJobs.empty() && spareJobs.size() < maxInFlight) {
-    spareJobs.push_back(std::move(finishedJobs.back()));
-    finishedJobs.pop_back();
-  }
-  finishedJobs.clear();
-  sparesSeen = spareJobs.size();
 }
 
 bool HttpMultiConnection::Private::runCancelled(const bool* cancel) const {
@@ -314,25 +302,20 @@ void HttpMultiConnection::setMaxConnectionsPerHost(unsigned n) { d->maxPerHost =
 void HttpMultiConnection::setMultiplexing(bool on) { d->multiplexing = on; }
 
 uint64_t HttpMultiConnection::addRequest(Request r) {
-  std::unique_ptr<Private::Job> job;
-  {
-    std::lock_guard<std::mutex> lock(d->mutex);
-    if (!d->spareJobs.empty()) {
-      job = std::move(d->spareJobs.back());
-      d->spareJobs.pop_back();
-    }
-  }
-  if (job) { // finish() left its buffers empty
-    job->request = std::move(r);
-    job->anyFamily = job->badRequest = false;
-  } else {
-    job = std::make_unique<Private::Job>(std::move(r));
-  }
   uint64_t id = 0;
   {
     std::lock_guard<std::mutex> lock(d->mutex);
-    id = d->liveBase + d->liveWindow.size();
+    if (d->inbox.size() == d->inbox.capacity()) // grown first: the push below cannot throw
+      d->inbox.reserve(std::max<size_t>(16, 2 * d->inbox.capacity()));
     d->liveWindow.push_back(true);
+    Private::JobPtr job;
+    try {
+      job = Private::JobPtr(new (d->jobSlots.take()) Private::Job(std::move(r)), Private::JobEnd(d.get()));
+    } catch (...) {
+      d->liveWindow.pop_back();
+      throw;
+    }
+    id = d->liveBase + d->liveWindow.size() - 1;
     ++d->liveCount;
     job->id = id;
     d->inbox.push_back(std::move(job));
@@ -390,7 +373,7 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     // Nothing can run: every request fails with the reason.
     d->drainInbox();
     while (!d->queue.empty()) {
-      std::unique_ptr<Private::Job> job = std::move(d->queue.front());
+      Private::JobPtr job = std::move(d->queue.front());
       d->queue.pop_front();
       d->loose.error.context = d->multi ? "HttpTools library not initialized." : "Fail to setupconnection";
       d->finish(std::move(job), d->loose);
@@ -416,7 +399,7 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     d->admit();
     if (d->running.empty() && d->queue.empty()) {
       std::lock_guard<std::mutex> lock(d->mutex);
-      d->keepFinishedJobs();
+      d->giveBackJobs();
       if (d->inbox.empty() && d->cancels.empty())
         return true;
       continue;

@@ -31,6 +31,74 @@ inline constexpr size_t kKeptBufferBytes = 16 * 1024;
 
 using HeaderMap = std::map<std::string, std::string>;
 
+// Room for objects of type T in blocks of 32: a queued request costs no heap call of its own.
+// An emptied block is kept for reuse while the queue needed it lately: trim() (about once a
+// second) frees those beyond the most blocks in use since the last trim. A thousand queued
+// requests a round would otherwise have the heap shrink and fault its pages back in every round.
+// Not thread-safe.
+template <typename T> class SlotBlocks {
+public:
+  SlotBlocks() = default;
+  SlotBlocks(const SlotBlocks&) = delete;
+  SlotBlocks& operator=(const SlotBlocks&) = delete;
+  ~SlotBlocks() { // every slot given back by then
+    delete m_current;
+    for (Block* b : m_spare)
+      delete b;
+  }
+  void* take() {
+    if (!m_current || m_current->used == kSlots) {
+      if (m_spare.empty()) {
+        // Room for every block among the spares: give() cannot fail later.
+        const size_t blocks = m_inUse + 1;
+        if (m_spare.capacity() < blocks)
+          m_spare.reserve(std::max(blocks, 2 * m_spare.capacity()));
+        m_current = new Block;
+      } else {
+        m_current = m_spare.back();
+        m_spare.pop_back();
+      }
+      m_peak = std::max(m_peak, ++m_inUse);
+    }
+    Slot& slot = m_current->slots[m_current->used++];
+    ++m_current->live;
+    slot.block = m_current;
+    return slot.bytes;
+  }
+  void give(void* bytes) noexcept {
+    Block* block = reinterpret_cast<Slot*>(bytes)->block;
+    if (--block->live > 0)
+      return;
+    block->used = 0;
+    if (block == m_current)
+      return;
+    --m_inUse;
+    m_spare.push_back(block);
+  }
+  void trim() {
+    while (!m_spare.empty() && m_spare.size() + m_inUse > m_peak) {
+      delete m_spare.back();
+      m_spare.pop_back();
+    }
+    m_peak = m_inUse;
+  }
+
+private:
+  static constexpr unsigned kSlots = 32;
+  struct Block;
+  struct Slot {
+    alignas(T) unsigned char bytes[sizeof(T)]; // first: the slot's address is its bytes'
+    Block* block;
+  };
+  struct Block {
+    Slot slots[kSlots];
+    unsigned used = 0, live = 0;
+  };
+  Block* m_current = nullptr;
+  std::vector<Block*> m_spare;
+  size_t m_inUse = 0, m_peak = 0; // blocks holding objects, current included
+};
+
 class HttpMultiConnection::Private {
 public:
   struct Job {
@@ -42,6 +110,19 @@ public:
     bool anyFamily = false;  // retried after the preferred address family failed
     bool badRequest = false; // refused before sending
   };
+  // A job ends on perform()'s thread (or in the destructor): its slot waits in `released` until
+  // the next pass under the mutex hands it back.
+  struct JobEnd {
+    JobEnd() noexcept : engine(nullptr) {}
+    explicit JobEnd(Private* e) noexcept : engine(e) {}
+    Private* engine;
+    void operator()(Job* job) const noexcept {
+      job->~Job();
+      *reinterpret_cast<void**>(job) = engine->released;
+      engine->released = job;
+    }
+  };
+  using JobPtr = std::unique_ptr<Job, JobEnd>;
 
   // One easy handle, kept between requests. The header list is declared before the handle so
   // that it is destroyed after it.
@@ -76,7 +157,7 @@ public:
     bool inOrder = true;
     std::vector<const void*> nodes; // the map's nodes handed to the callback
     std::string headerName;
-    std::unique_ptr<Job> job;
+    JobPtr job;
     Private* engine = nullptr;
     std::string callbackError; // set when a data callback had to abort the transfer
     size_t maxBodyBytes = 0;
@@ -93,6 +174,9 @@ public:
     idle.clear();
     multi.reset();
     share.reset();
+    queue.clear();
+    inbox.clear();
+    giveBackJobs();
   }
 
   bool initMulti();
@@ -103,9 +187,14 @@ public:
   void collectDone();
   // Calls the job back with `r`: the response of `from`, the handle that ran it, or `loose` when
   // none did. Leaves `r` ready for the next request.
-  void finish(std::unique_ptr<Job> job, Response& r, Handle* from = nullptr);
+  void finish(JobPtr job, Response& r, Handle* from = nullptr);
   static void resetResponse(Response& r);
-  void keepFinishedJobs(); // under the mutex
+  void giveBackJobs() { // under the mutex
+    while (void* slot = released) {
+      released = *static_cast<void**>(slot);
+      jobSlots.give(slot);
+    }
+  }
   static void StartHeaders(Handle& h) {
     h.received = 0;
     h.inOrder = true;
@@ -136,9 +225,8 @@ public:
   std::vector<std::unique_ptr<Handle>> owned; // every handle ever made and not dropped
   std::vector<Handle*> idle;
   std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
-  std::deque<std::unique_ptr<Job>> queue;
-  std::vector<std::unique_ptr<Job>> finishedJobs; // kept for their memory, handed to spareJobs in batches
-  size_t sparesSeen = 0; // spareJobs' size when last handed some: only other threads shrink it
+  std::deque<JobPtr> queue;
+  void* released = nullptr; // slots of ended jobs, each holding the next one's address
   Response loose; // of a request that ends before a handle runs it
   std::unordered_map<std::string, unsigned> perOrigin;
   uint64_t connections = 0;
@@ -146,14 +234,15 @@ public:
 
   // Shared with other threads.
   mutable std::mutex mutex;
-  std::vector<std::unique_ptr<Job>> inbox;
+  std::vector<JobPtr> inbox;
+  SlotBlocks<Job> jobSlots;
+  int64_t lastTrimMs = 0;
   std::vector<uint64_t> cancels;
   // Which ids are added and not yet called back: ids are handed out in order, so a window of
   // flags from the oldest live id on, instead of a node per request.
   std::deque<bool> liveWindow;
   uint64_t liveBase = 1;
   size_t liveCount = 0;
-  std::vector<std::unique_ptr<Job>> spareJobs; // finished jobs kept for their memory
 
   bool isLive(uint64_t id) const {
     return id >= liveBase && id - liveBase < liveWindow.size() && liveWindow[id - liveBase];
