@@ -111,7 +111,7 @@ void HttpMultiConnection::Private::drainInbox() {
     giveBackJobs();
     const int64_t now = qzSystemUtils::GetTimeBaseMs();
     if (now - lastTrimMs >= 1000) {
-      jobSlots.trim();
+      jobSlots.trim(SIZE_MAX);
       lastTrimMs = now;
     }
   }
@@ -394,12 +394,16 @@ bool HttpMultiConnection::perform(const bool* cancel) {
     if (d->runCancelled(cancel)) {
       d->cancelRun.store(false);
       d->cancelEverything();
+      std::lock_guard<std::mutex> lock(d->mutex);
+      d->giveBackJobs();
+      d->jobSlots.trim(SlotBlocks<Private::Job>::BlocksIn(kIdleJobBytes));
       return false;
     }
     d->admit();
     if (d->running.empty() && d->queue.empty()) {
       std::lock_guard<std::mutex> lock(d->mutex);
       d->giveBackJobs();
+      d->jobSlots.trim(SlotBlocks<Private::Job>::BlocksIn(kIdleJobBytes)); // what an idle engine keeps
       if (d->inbox.empty() && d->cancels.empty())
         return true;
       continue;

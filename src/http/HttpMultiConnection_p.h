@@ -28,13 +28,16 @@ struct CurlShareDeleter {
 // A finished job's buffers up to this size are kept for the next request; larger ones are
 // released, so that the engine's memory follows what is in flight, not what went through it.
 inline constexpr size_t kKeptBufferBytes = 16 * 1024;
+// Room for queued jobs that an engine keeps while perform() is not running (about 10,000): a
+// caller that queues a batch per perform() reuses it instead of faulting in new heap pages.
+inline constexpr size_t kIdleJobBytes = 4 << 20;
 
 using HeaderMap = std::map<std::string, std::string>;
 
 // Room for objects of type T in blocks of 32: a queued request costs no heap call of its own.
-// An emptied block is kept for reuse while the queue needed it lately: trim() (about once a
-// second) frees those beyond the most blocks in use since the last trim. A thousand queued
-// requests a round would otherwise have the heap shrink and fault its pages back in every round.
+// An emptied block is kept for reuse while the queue needed it lately: trim() frees those beyond
+// the most blocks in use since the last trim, and beyond a cap. A thousand queued requests a
+// round would otherwise have the heap shrink and fault its pages back in every round.
 // Not thread-safe.
 template <typename T> class SlotBlocks {
 public:
@@ -75,8 +78,9 @@ public:
     --m_inUse;
     m_spare.push_back(block);
   }
-  void trim() {
-    while (!m_spare.empty() && m_spare.size() + m_inUse > m_peak) {
+  static constexpr size_t BlocksIn(size_t bytes) { return bytes / sizeof(Block); }
+  void trim(size_t maxSpare) {
+    while (!m_spare.empty() && (m_spare.size() + m_inUse > m_peak || m_spare.size() > maxSpare)) {
       delete m_spare.back();
       m_spare.pop_back();
     }
