@@ -110,7 +110,7 @@ public:
     explicit Job(Request&& r) : request(std::move(r)) {}
     uint64_t id = 0;
     Request request;
-    std::string origin; // scheme://host:port, the per-host limit's key (set when one applies)
+    std::string origin;      // scheme://host:port, the per-host limit's key (set when one applies)
     bool anyFamily = false;  // retried after the preferred address family failed
     bool badRequest = false; // refused before sending
   };
@@ -231,7 +231,7 @@ public:
   std::vector<Handle*> running; // at most maxInFlight: searched, not indexed
   std::deque<JobPtr> queue;
   void* released = nullptr; // slots of ended jobs, each holding the next one's address
-  Response loose; // of a request that ends before a handle runs it
+  Response loose;           // of a request that ends before a handle runs it
   std::unordered_map<std::string, unsigned> perOrigin;
   uint64_t connections = 0;
   size_t finishedInPass = 0;

@@ -177,6 +177,48 @@ TEST_F(MultiConnection, MethodsBodiesAndHeaders) {
   EXPECT_EQ(std::to_string(h.success) + h.body + "|" + h.headers["x-one"] + "|" + h.headers["x-dup"], "1|1|first");
 }
 
+// One handle answers every request in turn: each map holds exactly its own response's headers,
+// whatever the responses before sent and whatever a callback did with the map it was handed.
+TEST_F(MultiConnection, EachResponseHasItsOwnHeadersOnAKeptHandle) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"X-A:1,X-C:3", "x-a=1 x-c=3 "},
+      {"X-A:10,X-C:333", "x-a=10 x-c=333 "},       // values of other lengths
+      {"X-A:1,X-B:2,X-C:3", "x-a=1 x-b=2 x-c=3 "}, // a name between the ones before
+      {"X-A:1,X-B:2,X-C:3", "x-a=1 x-b=2 x-c=3 "}, // its callback takes the map, leaves another
+      {"X-C:3", "x-c=3 "},                         // names gone
+      {"x-c:4,X-C:5", "x-c=4 "},                   // another case; a repeated name keeps the first
+      {"X-A:1,X-C:3", "x-a=1 x-c=3 "}};
+  Multi multi(1);
+  std::vector<std::string> got, expected;
+  for (size_t i = 0; i < cases.size(); ++i) {
+    expected.push_back(cases[i].second + "headers");
+    multi.addRequest(get(srv.url("/headers?set=" + cases[i].first), [&got, i](Multi::Response& r) {
+      std::string seen;
+      for (const auto& [name, value] : r.headers)
+        seen += name.rfind("x-", 0) == 0 ? name + "=" + value + " " : "";
+      got.push_back(seen + r.body);
+      if (i == 3) {
+        const std::map<std::string, std::string> taken = std::move(r.headers);
+        r.headers = {{"x-left", "behind"}};
+      }
+    }));
+  }
+  ASSERT_TRUE(multi.perform());
+  EXPECT_EQ(got, expected);
+}
+
+// Parameters edited between runs reach a handle that already holds the same URL.
+TEST_F(MultiConnection, EditedParametersReachAKeptHandle) {
+  Multi multi(1);
+  Collector c;
+  std::vector<uint64_t> ids = c.add(multi, {get(srv.url("/redirect/1"), nullptr, 0)});
+  ASSERT_TRUE(multi.perform());
+  multi.editConnectionParameters().followLocation = false;
+  ids.push_back(c.add(multi, {get(srv.url("/redirect/1"), nullptr, 0)}).at(0));
+  ASSERT_TRUE(multi.perform());
+  EXPECT_EQ(std::pair(c.byId[ids[0]].httpCode, c.byId[ids[1]].httpCode), std::pair(200L, 302L));
+}
+
 // Queued requests wait here, and a request's time-out would expire while it waits if its clock
 // started there. The parameters' limits hold per request.
 // A finished request's buffers go with it: the engine's memory follows what is in flight.

@@ -170,10 +170,14 @@ void TestHttpServer::installStandardRoutes() {
       return sink.write(part.data(), part.size());
     });
   });
-  route("GET", "/headers", [](const httplib::Request&, httplib::Response& res) {
-    res.set_header("X-One", "1");
-    res.set_header("X-Dup", "first");
-    res.set_header("X-Dup", "second");
+  // ?set=Name:value,Name:value answers those headers instead.
+  route("GET", "/headers", [](const httplib::Request& req, httplib::Response& res) {
+    std::string set = req.has_param("set") ? req.get_param_value("set") : "X-One:1,X-Dup:first,X-Dup:second";
+    for (size_t at = 0, end = 0; at < set.size(); at = end + 1) {
+      end = std::min(set.find(',', at), set.size());
+      const size_t colon = set.find(':', at);
+      res.set_header(set.substr(at, colon - at), set.substr(colon + 1, end - colon - 1));
+    }
     res.set_content("headers", "text/plain");
   });
 }
