@@ -30,7 +30,8 @@ namespace qz::http {
 /// name fails under a policy that prefers one address family, that request tries again with any
 /// family, and the parameters stay as they were set. Cookies are kept in memory for the engine's
 /// lifetime (keepCookies), shared by all its requests. A finished request's body and headers are
-/// its callback's to move out; what is left of them is released after the callback.
+/// its callback's to move out; what is left of them is wiped after the callback (a large body
+/// released), and the Response is reused for a later request.
 class HTTPTOOLS_API HttpMultiConnection {
 public:
   /// What a finished request hands to its callback.

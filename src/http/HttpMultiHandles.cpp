@@ -131,15 +131,16 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
       h.appliedValid = true;
     }
     std::string encoded = r.url.toEncodedUrl();
-    rc |= curl_easy_setopt(e, CURLOPT_URL, encoded.c_str()); // libcurl keeps a copy
+    const CURLcode set = curl_easy_setopt(e, CURLOPT_URL, encoded.c_str()); // libcurl keeps a copy
     qzOpenSSL::WipeString(encoded);
-    if (rc != 0)
-      return false;
-    h.url = r.url;
-    h.urlGeneration = parametersGeneration;
-    h.urlAnyFamily = job.anyFamily;
-    h.urlDefaults = defaults;
-    h.urlValid = true;
+    rc |= set;
+    if (set == CURLE_OK) {
+      h.url = r.url;
+      h.urlGeneration = parametersGeneration;
+      h.urlAnyFamily = job.anyFamily;
+      h.urlDefaults = defaults;
+      h.urlValid = true;
+    }
   }
   if (h.multiplexApplied != int(multiplexing)) {
     rc |=
