@@ -103,7 +103,7 @@ private:
   size_t m_inUse = 0, m_peak = 0; // blocks holding objects, current included
 };
 
-class HttpMultiConnection::Private {
+class HTTPTOOLS_HIDDEN HttpMultiConnection::Private {
 public:
   struct Job {
     Job() = default;

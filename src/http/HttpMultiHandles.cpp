@@ -2,6 +2,7 @@
 
 #include <HttpTools/platform/qzLog.h>
 #include <HttpTools/platform/qzOpenSSL.h>
+#include <HttpTools/url/Url_p.h>
 
 #include <algorithm>
 #include <cctype>
@@ -53,13 +54,6 @@ void assignValue(std::string& out, const char* begin, const char* end) {
     std::copy(begin, end, out.begin());
   else
     out.assign(begin, end);
-}
-
-// Every field that the rendered URL is made of.
-bool sameRendering(const qz::Url& a, const qz::Url& b) {
-  return a.port == b.port && a.host == b.host && a.pathSegments == b.pathSegments &&
-         a.queryParameters == b.queryParameters && a.scheme == b.scheme && a.user == b.user &&
-         a.password == b.password && a.authDbName == b.authDbName;
 }
 
 enum MultiMethod { MethodGet = 1, MethodPut = 2, MethodPost = 3, MethodDelete = 4, MethodHead = 5 };
@@ -117,7 +111,7 @@ bool HttpMultiConnection::Private::prepare(Handle& h, Job& job) {
   StartHeaders(h);
   const ProcessDefaults defaults = ProcessDefaults::Current();
   if (!(h.urlValid && h.urlGeneration == parametersGeneration && h.urlAnyFamily == job.anyFamily &&
-        h.urlDefaults == defaults && sameRendering(h.url, r.url))) {
+        h.urlDefaults == defaults && qz::url_impl::IsSameUrlValue(h.url, r.url))) {
     h.urlValid = false;
     ResolveConnectionParameters(parameters, r.url, proxyFinder, h.resolving);
     if (job.anyFamily)
