@@ -484,14 +484,19 @@ void InterruptibleTransfer::wakeup() {
 std::string HttpConnection::getLastErrorMsg() const { return getLastError().message(); }
 
 TransferError HttpConnection::getLastError() const {
-  d->errorBuffer[CURL_ERROR_SIZE - 1] = 0;
   TransferError e;
-  e.kind = d->lastErrorKind;
-  e.curlCode = int(d->lastCurlCode);
-  e.httpStatus = long(d->lastHttpReturnCode);
-  e.context = d->internalErrorMsg;
-  e.curlText = d->errorBuffer;
+  CopyLastError(*d, e);
   return e;
+}
+
+void CopyLastError(HttpConnection::HttpConnectionPrivate& d, TransferError& e) {
+  d.errorBuffer[CURL_ERROR_SIZE - 1] = 0;
+  e.kind = d.lastErrorKind;
+  e.curlCode = int(d.lastCurlCode);
+  e.httpStatus = long(d.lastHttpReturnCode);
+  e.reason.clear();
+  e.context = d.internalErrorMsg;
+  e.curlText = d.errorBuffer;
 }
 
 void HttpConnection::addErrorDetail(const std::string& reason) {

@@ -197,7 +197,11 @@ public:
 // The library's own access to a connection's internals.
 class HTTPTOOLS_HIDDEN HttpConnectionAccess {
 public:
-  static HttpConnection::HttpConnectionPrivate& Of(HttpConnection& c) { return *c.d; }
+  static HttpConnection::HttpConnectionPrivate& Of(const HttpConnection& c) { return *c.d; }
 };
+
+// The last call's failure into `e`, whose buffers are reused: a result kept call after call
+// allocates nothing.
+void CopyLastError(HttpConnection::HttpConnectionPrivate& d, TransferError& e);
 
 } // namespace qz::http

@@ -1,5 +1,6 @@
 #include <HttpTools/http/HttpHelpers.h>
 
+#include <HttpTools/http/HttpConnection_p.h>
 #include <HttpTools/http/HttpMultiConnection.h>
 #include <HttpTools/http/Transfer_p.h>
 #include <HttpTools/platform/qzJson.h>
@@ -152,7 +153,7 @@ void HttpResult::clearResultAttributes() {
 
 void HttpResult::setResults(const HttpConnection& conn) {
   httpCode = int32_t(conn.getLastHttpReturnCode());
-  error = conn.getLastError();
+  CopyLastError(HttpConnectionAccess::Of(conn), error);
   if (errorMessage)
     *errorMessage = error.message();
 }
