@@ -5,6 +5,7 @@
 #include <HttpTools/platform/qzSystemUtils.h>
 
 #include <algorithm>
+#include <functional>
 
 namespace qz::http {
 
@@ -26,10 +27,9 @@ HttpConnectionPool::~HttpConnectionPool() {
 
 HttpConnection* HttpConnectionPool::getHttpConnection(const std::string& host, unsigned short port) {
   {
+    const FindConnectionPred matches(host, port); // its copy of the host made before the lock
     qzMutexLocker lock(m_mutex);
-    // Compared in place: no copy of the host while other threads wait for the lock.
-    auto it = std::find_if(m_idle.begin(), m_idle.end(),
-                           [&](const tConnection& c) { return c.port == port && c.host == host; });
+    auto it = std::find_if(m_idle.begin(), m_idle.end(), std::cref(matches)); // no copies of the predicate
     if (it != m_idle.end()) {
       HttpConnection* c = it->connection.release();
       m_spare.splice(m_spare.begin(), m_idle, it);
