@@ -99,9 +99,9 @@ bool WaitFor(const std::function<bool()>& done) {
 }
 
 TEST(PeriodicalUpdater, RunsCallbacksUntilRemovedAndRemoveWaitsForARunningOne) {
+  Probe a, b, self, slow; // outlive the updater: its thread calls b until it stops
   qz::qzThreadPeriodicalUpdater u(2);
   u.setPeriodMs(2);
-  Probe a, b, self, slow;
   self.removeFrom = &u; // a callback may remove itself
   for (Probe* p : {&a, &b, &self})
     u.addCallback(probe, p);
