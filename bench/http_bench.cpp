@@ -159,10 +159,11 @@ void sequentialComparison(qz::http::HttpConnectionPool& pool) {
 void threadedComparison(qz::http::HttpConnectionPool& pool) {
   const qz::Url url(gUrl);
   pool.ensureAtLeastMaxConcurrentConnection(unsigned(gThreads));
+  std::vector<double> cpuA, cpuB; // client CPU per request
   auto run = [&](bool usePool) {
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
-    const double t0 = bench::Now();
+    const double t0 = bench::Now(), c0 = bench::SelfCpuSec();
     for (int t = 0; t < gThreads; ++t)
       threads.emplace_back([&] {
         if (usePool) {
@@ -185,6 +186,7 @@ void threadedComparison(qz::http::HttpConnectionPool& pool) {
       t.join();
     if (failures)
       std::fprintf(stderr, "%d requests failed\n", failures.load());
+    (usePool ? cpuB : cpuA).push_back((bench::SelfCpuSec() - c0) * 1e6 / (gThreads * gRequests));
     return gThreads * gRequests / (bench::Now() - t0);
   };
   // Interleaved, the order alternating: with 8 threads on few cores, a run's rate swings with the
@@ -201,8 +203,9 @@ void threadedComparison(qz::http::HttpConnectionPool& pool) {
     ratio.push_back(b.back() / a.back());
   }
   std::printf("%d threads x %d requests (medians)\n", gThreads, gRequests);
-  std::printf("  %-34s %10.0f req/s\n", "(a) one raw handle per thread", bench::Median(a));
-  std::printf("  %-34s %10.0f req/s\n", "(b) one shared pool", bench::Median(b));
+  std::printf("  %-34s %10.0f req/s %8.1f us CPU/req\n", "(a) one raw handle per thread", bench::Median(a),
+              bench::Median(cpuA));
+  std::printf("  %-34s %10.0f req/s %8.1f us CPU/req\n", "(b) one shared pool", bench::Median(b), bench::Median(cpuB));
   std::printf("  ratio b/a, median of the rounds' own: %.3f (target >= 0.95)\n", bench::Median(ratio));
 }
 
