@@ -107,7 +107,7 @@ TEST_F(EsCliTest, BulkThenSearchAndGetAndUsageAndServerErrors) {
       {{"bulk", logs, "--create"}, 22, "indexed 1, failed 1, retried 0\n", "b: 400 mapper_parsing_exception", stream},
       {{"search", index, "--size", "3", "--query", range}, 0, hit(21) + hit(22) + hit(23), ""},
       {{"search", index, "--query", R"({"size":2,"from":1,"sort":["n"]})"}, 0, hit(1) + hit(2), ""}, // the query's own
-      {{"search", index + "?q=s:nope"}, 0, "", ""}, // the URL's query string is kept: no hit
+      {{"search", index + "?q=n:7"}, 0, hit(7), ""}, // the URL's query string is kept
       {{"get", index, "c3", "nope", "c1"}, 1, hit(3) + hit(1), "httptools es get: nope not found\n"},
       {{"search", none}, 3, "", "is not an index URL"},
       {{"search", none + "/i"}, 7, "", "httptools es search: cannot reach"},

@@ -1,6 +1,7 @@
 #include "support/ElasticEmulatorQuery.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 namespace qztest::emu {
@@ -198,14 +199,23 @@ bool Matcher::match(const Value& q) {
   return true;
 }
 
-// A match query: any of the query's tokens in the field's text.
+// A match query: any of the query's tokens in the field's text. A number or boolean field reads
+// the whole text as a value of its type, as Elasticsearch does.
 bool Matcher::matchText(const Value* f, const Value& v) {
   if (!f)
     return false;
   if (!v.IsString())
     return fieldEquals(f, v);
-  const auto wanted = tokens(v.GetString());
+  const std::string text = v.GetString();
+  const auto wanted = tokens(text);
   return anyElement(f, [&](const Value& e) {
+    if (e.IsNumber()) {
+      char* end = nullptr;
+      const double number = std::strtod(text.c_str(), &end);
+      return !text.empty() && *end == '\0' && e.GetDouble() == number;
+    }
+    if (e.IsBool())
+      return text == (e.GetBool() ? "true" : "false");
     if (!e.IsString())
       return false;
     const auto got = tokens(e.GetString());
