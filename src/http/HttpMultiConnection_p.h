@@ -25,8 +25,9 @@ struct CurlShareDeleter {
   void operator()(CURLSH* s) const { curl_share_cleanup(s); }
 };
 
-// A finished job's buffers up to this size are kept for the next request; larger ones are
-// released, so that the engine's memory follows what is in flight, not what went through it.
+// A finished request's buffers (its handle's response, its own body) up to this size are kept for
+// the next request; larger ones are released, so that the engine's memory follows what is in
+// flight, not what went through it.
 inline constexpr size_t kKeptBufferBytes = 16 * 1024;
 // Room for queued jobs that an engine keeps while perform() is not running (about 10,000): a
 // caller that queues a batch per perform() reuses it instead of faulting in new heap pages.
